@@ -29,15 +29,16 @@ struct AttributeField {
   std::function<void(Entity&, std::string_view)> set;  // throws BadText or RangeError; then nothing has changed
 };
 
-// One collection of an entity type, by text. A collection holds values (text) or child entities (`child` is set).
+// One collection of an entity type, by text. A collection holds values (text) or child entities (`child` is set). `set`,
+// `del` and `childIs` are empty for a collection that cannot be changed from outside.
 struct CollectionField {
   std::string name;
-  std::function<std::vector<std::string>(const Entity&)> keys;                                // in key order
-  std::function<std::optional<std::string>(const Entity&, std::string_view)> get;             // nothing: no such entry
-  std::function<void(Entity&, std::string_view key, std::string_view value)> set;             // inserts or replaces
-  std::function<bool(Entity&, std::string_view key)> del;                                     // false: no such entry
-  std::function<std::shared_ptr<Entity>(Entity&, std::string_view key)> child;                // existing child or null
-  std::function<std::shared_ptr<Entity>(Entity&, std::string_view key)> childIs;              // existing or new child
+  std::function<std::vector<std::string>(const Entity&)> keys;                     // in key order
+  std::function<std::optional<std::string>(const Entity&, std::string_view)> get;  // nothing: no such entry
+  std::function<void(Entity&, std::string_view key, std::string_view value)> set;  // inserts or replaces
+  std::function<bool(Entity&, std::string_view key)> del;                          // false: no such entry
+  std::function<std::shared_ptr<Entity>(Entity&, std::string_view key)> child;     // existing child or null
+  std::function<std::shared_ptr<Entity>(Entity&, std::string_view key)> childIs;   // existing or new child
 };
 
 // The description of one entity type: its name as it stands in mounts, and its fields in declaration order.
@@ -48,6 +49,15 @@ struct EntityType {
 
   const AttributeField* attribute(std::string_view field) const;
   const CollectionField* collection(std::string_view field) const;
+};
+
+// Hears of an entity's changes while it exists; base of every Reactor class (through ReactorOf).
+class EntityReactor {
+ public:
+  EntityReactor() = default;
+  EntityReactor(const EntityReactor&) = delete;
+  EntityReactor& operator=(const EntityReactor&) = delete;
+  virtual ~EntityReactor() = default;
 };
 
 class Entity : public std::enable_shared_from_this<Entity> {
@@ -64,8 +74,36 @@ class Entity : public std::enable_shared_from_this<Entity> {
   // scenario, an operator's set) asks afterwards and puts the old values back when there is an answer.
   virtual std::string fault() const { return {}; }
 
+ protected:
+  // Calls tell(reactor) for each reactor, as the entity type's own Reactor class. A reaction may let go of the entity.
+  template <class Reactor, class Tell>
+  void notify(Tell&& tell) const {
+    const auto keepAlive = weak_from_this().lock();
+    reactors_.notify([&](EntityReactor& reactor) { tell(static_cast<Reactor&>(reactor)); });
+  }
+
  private:
+  template <class E>
+  friend class ReactorOf;
   std::string name_;
+  mutable Platform::ReactorList<EntityReactor> reactors_;  // watching changes nothing of what the entity says
+};
+
+// A reactor on one entity of type E, which it keeps alive. E's own Reactor class derives from ReactorOf<E> and adds one
+// handler for each attribute and collection; every reactor of an E must be of that class.
+template <class E>
+class ReactorOf : public EntityReactor {
+ public:
+  explicit ReactorOf(std::shared_ptr<const E> entity) : entity_(std::move(entity)) {
+    static_cast<const Entity&>(*entity_).reactors_.add(this);
+  }
+  ~ReactorOf() override { static_cast<const Entity&>(*entity_).reactors_.remove(this); }
+
+ protected:
+  const E& watched() const { return *entity_; }
+
+ private:
+  std::shared_ptr<const E> entity_;
 };
 
 // --- Building an EntityType ------------------------------------------------------------------------------------------

@@ -138,7 +138,7 @@ class Ip6Prefix {
   static constexpr unsigned maxLength = 128;
   constexpr Ip6Prefix() = default;
   constexpr Ip6Prefix(const Ip6Addr& addr, unsigned length)
-      : addr_(addr.high() & highMask(checked(length)), addr.low() & lowMask(length)),
+      : addr_(addr.high() & highMask(checked(length)), addr.low() & lowMask(checked(length))),
         length_(static_cast<std::uint8_t>(length)) {}
   constexpr const Ip6Addr& addr() const { return addr_; }
   constexpr unsigned length() const { return length_; }
@@ -250,12 +250,13 @@ namespace Vxlan {
 // A VXLAN network identifier, 0 to 0xFFFFFF, or the explicit absence of one. Text: the number, or "none".
 class Vni {
  public:
+  static constexpr std::uint32_t max = 0xFFFFFF;
   constexpr Vni() = default;
   constexpr explicit Vni(std::uint32_t value) : value_(value) {
-    if (value > 0xFFFFFF) throw RangeError("VNI over 16777215");
+    if (value > max) throw RangeError("VNI over 16777215");
   }
   constexpr bool isPresent() const { return value_ != absent; }
-  constexpr std::uint32_t value() const { return value_; }  // meaningful only when present
+  constexpr std::uint32_t value() const { return value_; }  // over max when absent
   constexpr auto operator<=>(const Vni&) const = default;
   constexpr std::uint64_t hash() const { return Platform::hashOf(value_); }
 

@@ -80,8 +80,8 @@ inline constexpr std::size_t maxKeySize = 40;
 
 enum class WriteResult : std::uint8_t { ok, full };
 
-// One collection in shared memory, by bytes. Keys are fixed-size byte strings that compare with memcmp as the typed keys
-// order. Implemented by the platform; made by TableService::mount and attached to its table with ...ControlIs.
+// One collection in shared memory, by bytes. Keys are fixed-size byte strings that compare with memcmp as the typed
+// keys order. Implemented by the platform; made by TableService::mount and attached to its table with ...ControlIs.
 //
 // All reads give a consistent copy of one entry. Reads on a table that does not exist yet find nothing.
 class SharedCollection {
@@ -90,7 +90,8 @@ class SharedCollection {
   class Sink {
    public:
     virtual ~Sink() = default;
-    // `sequence` numbers the change among all changes of this collection, ascending.
+    // `sequence` is the number of the key's latest change among all changes of this collection: every change has a
+    // higher number than those before it. Keys are told in no particular order.
     virtual void keyChanged(Bytes key, std::uint64_t sequence) = 0;
     virtual void quiescedChanged(bool quiesced) = 0;
     virtual void mountStatusChanged() = 0;
@@ -143,6 +144,8 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
 
   // The table service attaches the shared collection, through ...ControlIs of the derived class.
   virtual void controlIs(std::shared_ptr<SharedCollection> control) = 0;
+  // The entity learns its parent directory; null, at unmount, makes it an orphan.
+  virtual void handleParent(const std::shared_ptr<Lattis::Entity>& parent) = 0;
 
   // Every entry as text, one by one, for tools that know the type by name only. `visit` returns false to stop. `from`
   // is a key's text to start at (the first key not below it), or empty.
@@ -166,7 +169,8 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
 
  protected:
   SharedCollection* control() const { return control_.get(); }
-  // What ...ControlIs of the derived class does: attaches the shared collection; a second time is a TableError (alreadyInitializedText).
+  // What ...ControlIs of the derived class does: attaches the shared collection; a second time is a TableError
+  // (alreadyInitializedText).
   void attach(std::shared_ptr<SharedCollection> control);
   // The entity learns its parent directory; null makes it an orphan: its operations throw TableError (orphanText).
   void parentIs(const std::shared_ptr<Lattis::Entity>& parent);
@@ -196,7 +200,7 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
 //   using Key;                                            the key type, from value.key()
 //   static constexpr std::uint32_t keySize, maxValueSize, layoutVersion; static constexpr bool variableSize;
 //   static void encodeKey(const Key&, std::byte* out);    exactly keySize bytes, memcmp order = the key's order
-//   static Key decodeKey(const std::byte* in);
+//   static Key decodeKey(const std::byte* in);            or std::optional<Key>: nothing when these bytes are no key
 //   static std::size_t encode(const Value&, std::byte* out);               at most maxValueSize bytes
 //   static std::optional<Value> decode(const Key&, Bytes in);              nothing: these bytes are no value
 //   static std::vector<std::pair<std::string, std::string>> fields(const Value&);   for tools: names and texts
@@ -264,7 +268,8 @@ class Table : public TableEntity {
         const auto size = table_->readable("iteration").seek(from, inclusive, key_, table_->scratch(), hint_);
         value_.reset();
         if (!size) return;
-        value_ = Traits::decode(Traits::decodeKey(key_.data()), Bytes(table_->scratch()).first(*size));
+        const std::optional<Key> key = Traits::decodeKey(key_.data());
+        if (key) value_ = Traits::decode(*key, Bytes(table_->scratch()).first(*size));
         if (value_) return;
         table_->control()->reportCorruption("an entry that cannot be decoded");
         from = key_;
@@ -383,7 +388,11 @@ class Table : public TableEntity {
   }
   void deliverKey(Bytes key, std::uint64_t sequence) override {
     deliveredSequence_ = sequence;
-    keyNotify(Traits::decodeKey(key.data()));
+    if (const std::optional<Key> typed = Traits::decodeKey(key.data())) {
+      keyNotify(*typed);
+    } else {
+      control()->reportCorruption("a key that cannot be decoded");
+    }
   }
   // The notify and commit operations of the derived class, under its collection's name.
   virtual void keyNotify(const Key& key) = 0;
@@ -396,36 +405,36 @@ class Table : public TableEntity {
 
 // The operations of a table under its collection's name: routeIs, routeDel ... The names are part of the table's
 // identity: they stand in the table service's errors.
-#define PONDRA_NAMED_COLLECTION(ClassName, entryName)                                                                 \
-  template <class ValueType>                                                                                          \
-  class ClassName : public Table<ValueType> {                                                                         \
-   public:                                                                                                            \
-    using Base = Table<ValueType>;                                                                                    \
-    using Key = typename Base::Key;                                                                                   \
-    using Base::Base;                                                                                                 \
-    static constexpr const char* collectionName = #entryName;                                                         \
-    /* The entry under the key, or nothing; a copy. */                                                                \
-    std::optional<ValueType> entryName(const Key& key) const { return this->entry(key); }                             \
-    /* Inserts or replaces under the value's own key. Writer only; TableError when there is no room. */               \
-    void entryName##Is(const ValueType& value) { this->entryIs(#entryName "Is", value); }                             \
-    /* Removes the entry if it is there. Writer only. */                                                              \
-    void entryName##Del(const Key& key) { this->entryDel(#entryName "Del", key); }                                    \
-    void entryName##DelAll() { this->entryDelAll(#entryName "DelAll"); }                                              \
-    /* The service's doors: a key changed, the stream of changes pauses or resumes, the mount state changed, a write  \
-       reached shared memory, the shared collection is there, the parent directory is known. */                       \
-    void entryName##Notify(const Key& key) { this->notifyReactors(key); }                                             \
-    void entryName##NotifyQuiesced(bool quiesced) { this->notifyReactorsQuiesced(quiesced); }                         \
-    void entryName##NotifyMountStatus() { this->notifyReactorsMountStatus(); }                                        \
-    virtual void entryName##Commit(const ValueType* /*value*/) {}                                                     \
-    void entryName##ControlIs(std::shared_ptr<SharedCollection> control) { this->attach(std::move(control)); }        \
-    void handleParent(const std::shared_ptr<Lattis::Entity>& parent) { this->parentIs(parent); }                      \
-                                                                                                                      \
-   private:                                                                                                           \
-    void keyNotify(const Key& key) final { entryName##Notify(key); }                                                  \
-    void commit(const ValueType* value) final { entryName##Commit(value); }                                           \
-    void deliverQuiesced(bool quiesced) final { entryName##NotifyQuiesced(quiesced); }                                \
-    void deliverMountStatus() final { entryName##NotifyMountStatus(); }                                               \
-    void controlIs(std::shared_ptr<SharedCollection> control) final { entryName##ControlIs(std::move(control)); }     \
+#define PONDRA_NAMED_COLLECTION(ClassName, entryName)                                                                \
+  template <class ValueType>                                                                                         \
+  class ClassName : public Table<ValueType> {                                                                        \
+   public:                                                                                                           \
+    using Base = Table<ValueType>;                                                                                   \
+    using Key = typename Base::Key;                                                                                  \
+    using Base::Base;                                                                                                \
+    static constexpr const char* collectionName = #entryName;                                                        \
+    /* The entry under the key, or nothing; a copy. */                                                               \
+    std::optional<ValueType> entryName(const Key& key) const { return this->entry(key); }                            \
+    /* Inserts or replaces under the value's own key. Writer only; TableError when there is no room. */              \
+    void entryName##Is(const ValueType& value) { this->entryIs(#entryName "Is", value); }                            \
+    /* Removes the entry if it is there. Writer only. */                                                             \
+    void entryName##Del(const Key& key) { this->entryDel(#entryName "Del", key); }                                   \
+    void entryName##DelAll() { this->entryDelAll(#entryName "DelAll"); }                                             \
+    /* The service's doors: a key changed, the stream of changes pauses or resumes, the mount state changed, a write \
+       reached shared memory, the shared collection is there, the parent directory is known. */                      \
+    void entryName##Notify(const Key& key) { this->notifyReactors(key); }                                            \
+    void entryName##NotifyQuiesced(bool quiesced) { this->notifyReactorsQuiesced(quiesced); }                        \
+    void entryName##NotifyMountStatus() { this->notifyReactorsMountStatus(); }                                       \
+    virtual void entryName##Commit(const ValueType* /*value*/) {}                                                    \
+    void entryName##ControlIs(std::shared_ptr<SharedCollection> control) { this->attach(std::move(control)); }       \
+    void handleParent(const std::shared_ptr<Lattis::Entity>& parent) override { this->parentIs(parent); }            \
+                                                                                                                     \
+   private:                                                                                                          \
+    void keyNotify(const Key& key) final { entryName##Notify(key); }                                                 \
+    void commit(const ValueType* value) final { entryName##Commit(value); }                                          \
+    void deliverQuiesced(bool quiesced) final { entryName##NotifyQuiesced(quiesced); }                               \
+    void deliverMountStatus() final { entryName##NotifyMountStatus(); }                                              \
+    void controlIs(std::shared_ptr<SharedCollection> control) final { entryName##ControlIs(std::move(control)); }    \
   }
 PONDRA_NAMED_COLLECTION(RouteTable, route);
 PONDRA_NAMED_COLLECTION(AdjTable, adj);
@@ -437,8 +446,8 @@ PONDRA_NAMED_COLLECTION(ViaTable, via);
 template <class TableClass>
 TableLayout layoutOf() {
   using Traits = typename TableClass::Traits;
-  return {TableClass::typeName,       TableClass::collectionName, Traits::layoutVersion,
-          Traits::keySize,            Traits::maxValueSize,       Traits::variableSize};
+  return {TableClass::typeName, TableClass::collectionName, Traits::layoutVersion,
+          Traits::keySize,      Traits::maxValueSize,       Traits::variableSize};
 }
 
 // Mounts tables by path. Owned by the platform; outlives every mounted table's use.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "platform/Rib.h"
+
 namespace Platform {
 
 void TraceRecord::add(std::string_view text) {
@@ -22,6 +24,7 @@ TraceVocabulary::TraceVocabulary() {
   valueTypeIs<IntfId>();
   valueTypeIs<Vxlan::Vni>();
   valueTypeIs<Fib::FecId>();
+  valueTypeIs<Routing::Rib::RouteKey>();
 }
 
 namespace {

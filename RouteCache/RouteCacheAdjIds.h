@@ -1,0 +1,180 @@
+// Adjacency identifiers: which are free, how many routes hold each one in use, and which next-hop reference each one
+// stands for. Bookkeeping only: tables and resolver requests are SwRouteSm's.
+//
+// Invariants:
+//   - an identifier is in adjIdRefCount from its allocation (count 1) or its adoption (count 0) until it is freed;
+//   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref;
+//   - no number is in the free list while an identifier of that number is in use.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+#include "RouteCache/RouteCacheNexthop.h"
+#include "platform/Trace.h"
+
+namespace RouteCache {
+
+// Free identifier numbers, class bits clear, oldest first. The initial sequence of two million numbers is not stored
+// but counted up, leaving out the numbers that were in use when the list was filled.
+class FreeAdjIds {
+ public:
+  // Starts the initial sequence: every number from 1 up but those in use now.
+  void fill(std::set<std::uint32_t> inUse);
+
+  // Appends the identifier's number. 0 is no number and is not taken.
+  void freeAdjIdEnq(AdjId adjId);
+  // Takes the front; the invalid identifier when there is none.
+  AdjId freeAdjIdDeq();
+  AdjId freeAdjIdFront() const;
+  AdjId freeAdjIdBack() const;
+  void freeAdjIdDelAll();
+  std::size_t size() const;
+
+ private:
+  void skip();
+  std::uint32_t next_ = AdjId::adjacencyIdMax + 1;  // front of the initial sequence; past the end: used up
+  std::set<std::uint32_t> skipped_;                 // numbers from next_ on that the sequence leaves out
+  std::deque<AdjId> freed_;                         // behind the initial sequence
+};
+
+// One class of next-hop references, both ways.
+template <class Ref>
+class NexthopAdjIds {
+ public:
+  using AdjRef = BasicAdjRef<Ref>;
+  // The invalid identifier when there is none.
+  AdjId adjId(const AdjRef& ref) const {
+    const auto found = forward_.find(ref);
+    return found == forward_.end() ? AdjId() : found->second;
+  }
+  // Null when there is none.
+  std::shared_ptr<Ref> nexthop(AdjId adjId) const {
+    const auto found = reverse_.find(adjId);
+    return found == reverse_.end() ? nullptr : found->second;
+  }
+  void nexthopToAdjIdIs(const AdjRef& ref, AdjId adjId) { forward_[ref] = adjId; }
+  // Only an entry that maps to this identifier goes: an equal reference may have found another one since.
+  void nexthopToAdjIdDel(const AdjRef& ref, AdjId adjId) {
+    const auto found = forward_.find(ref);
+    if (found != forward_.end() && found->second == adjId) forward_.erase(found);
+  }
+  void nexthopToAdjIdDelAll() { forward_.clear(); }
+  void adjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ref> ref) { reverse_[adjId] = std::move(ref); }
+  void adjIdToNexthopDel(AdjId adjId) { reverse_.erase(adjId); }
+  void adjIdToNexthopDelAll() { reverse_.clear(); }
+  std::size_t size() const { return reverse_.size(); }
+  // Asserts that both directions agree.
+  void checkInvariants() const;
+
+ private:
+  std::unordered_map<AdjRef, AdjId, Platform::Hasher> forward_;
+  std::unordered_map<AdjId, std::shared_ptr<Ref>, Platform::Hasher> reverse_;
+};
+
+class AdjacencyIds {
+ public:
+  explicit AdjacencyIds(const Platform::TraceHandle& trace) : trace_(trace) {}
+
+  // --- Allocation and reference counts ---
+  // Fills the free list with every number that no identifier uses now.
+  void freeAdjIdFill();
+  // A new identifier with count 1. IPv6 alone, mixed when v4Adj is set too, else a plain IPv4 one. From an empty free
+  // list: number 0 with the class bits asked for.
+  AdjId allocateAdjId(bool v6Adj, bool v4Adj);
+  // Releases one reference and returns how many remain. At 0 the number goes back to the free list; while
+  // retainUnreferenced is set the identifier stays instead, with count 0.
+  std::uint32_t deallocateAdjId(AdjId adjId);
+  // While set, an identifier that nobody holds stays in use: routes that are not accounted for may name it.
+  bool retainUnreferenced() const { return retainUnreferenced_; }
+  void retainUnreferencedIs(bool retain) { retainUnreferenced_ = retain; }
+
+  bool adjIdRefCountHas(AdjId adjId) const { return entries_.contains(adjId); }
+  std::uint32_t adjIdRefCount(AdjId adjId) const;  // 0 when absent
+  void adjIdRefCountIs(AdjId adjId, std::uint32_t count);
+  void adjIdRefCountDel(AdjId adjId);
+  // The identifiers with count 0, in order: what a clean-up walks.
+  const std::set<AdjId>& unreferenced() const { return unreferenced_; }
+  std::size_t inUse() const { return entries_.size(); }
+  template <class Visit>
+  void forEach(Visit&& visit) const {
+    for (const auto& [adjId, entry] : entries_) visit(adjId, entry.count);
+  }
+
+  // True while the adjacency in the tables is known to be what its reference and the resolver say.
+  bool current(AdjId adjId) const;
+  void currentIs(AdjId adjId, bool current);
+  void currentDelAll();
+
+  void freeAdjIdEnq(AdjId adjId) { free_.freeAdjIdEnq(adjId); }
+  AdjId freeAdjIdDeq() { return free_.freeAdjIdDeq(); }
+  AdjId freeAdjIdFront() const { return free_.freeAdjIdFront(); }
+  AdjId freeAdjIdBack() const { return free_.freeAdjIdBack(); }
+  void freeAdjIdDelAll() { free_.freeAdjIdDelAll(); }
+  const FreeAdjIds& freeAdjId() const { return free_; }
+
+  // --- Next-hop maps ---
+  // The identifier of an equal reference, or the invalid one. The class follows from the parts that the reference has.
+  AdjId adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const;
+  // Records reference and identifier in the maps of the reference's class, both ways.
+  void nexthopIs(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId adjId);
+  // The reference behind the identifier, in mixed form (one part may be missing), or null.
+  std::shared_ptr<IpMixedNexthopRef> nexthop(AdjId adjId) const;
+  void nexthopDel(AdjId adjId);
+
+  AdjId ipv4NexthopToAdjId(const Ipv4AdjRef& ref) const { return ipv4_.adjId(ref); }
+  void ipv4NexthopToAdjIdIs(const Ipv4AdjRef& ref, AdjId adjId) { ipv4_.nexthopToAdjIdIs(ref, adjId); }
+  void ipv4NexthopToAdjIdDel(const Ipv4AdjRef& ref, AdjId adjId) { ipv4_.nexthopToAdjIdDel(ref, adjId); }
+  void ipv4NexthopToAdjIdDelAll() { ipv4_.nexthopToAdjIdDelAll(); }
+  std::shared_ptr<Ipv4NexthopRef> ipv4AdjIdToNexthop(AdjId adjId) const { return ipv4_.nexthop(adjId); }
+  void ipv4AdjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ipv4NexthopRef> ref) {
+    ipv4_.adjIdToNexthopIs(adjId, std::move(ref));
+  }
+  void ipv4AdjIdToNexthopDel(AdjId adjId) { ipv4_.adjIdToNexthopDel(adjId); }
+  void ipv4AdjIdToNexthopDelAll() { ipv4_.adjIdToNexthopDelAll(); }
+
+  AdjId ipv6NexthopToAdjId(const Ipv6AdjRef& ref) const { return ipv6_.adjId(ref); }
+  void ipv6NexthopToAdjIdIs(const Ipv6AdjRef& ref, AdjId adjId) { ipv6_.nexthopToAdjIdIs(ref, adjId); }
+  void ipv6NexthopToAdjIdDel(const Ipv6AdjRef& ref, AdjId adjId) { ipv6_.nexthopToAdjIdDel(ref, adjId); }
+  void ipv6NexthopToAdjIdDelAll() { ipv6_.nexthopToAdjIdDelAll(); }
+  std::shared_ptr<Ipv6NexthopRef> ipv6AdjIdToNexthop(AdjId adjId) const { return ipv6_.nexthop(adjId); }
+  void ipv6AdjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ipv6NexthopRef> ref) {
+    ipv6_.adjIdToNexthopIs(adjId, std::move(ref));
+  }
+  void ipv6AdjIdToNexthopDel(AdjId adjId) { ipv6_.adjIdToNexthopDel(adjId); }
+  void ipv6AdjIdToNexthopDelAll() { ipv6_.adjIdToNexthopDelAll(); }
+
+  AdjId ipMixedNexthopToAdjId(const IpMixedAdjRef& ref) const { return mixed_.adjId(ref); }
+  void ipMixedNexthopToAdjIdIs(const IpMixedAdjRef& ref, AdjId adjId) { mixed_.nexthopToAdjIdIs(ref, adjId); }
+  void ipMixedNexthopToAdjIdDel(const IpMixedAdjRef& ref, AdjId adjId) { mixed_.nexthopToAdjIdDel(ref, adjId); }
+  void ipMixedNexthopToAdjIdDelAll() { mixed_.nexthopToAdjIdDelAll(); }
+  std::shared_ptr<IpMixedNexthopRef> ipMixedAdjIdToNexthop(AdjId adjId) const { return mixed_.nexthop(adjId); }
+  void ipMixedAdjIdToNexthopIs(AdjId adjId, std::shared_ptr<IpMixedNexthopRef> ref) {
+    mixed_.adjIdToNexthopIs(adjId, std::move(ref));
+  }
+  void ipMixedAdjIdToNexthopDel(AdjId adjId) { mixed_.adjIdToNexthopDel(adjId); }
+  void ipMixedAdjIdToNexthopDelAll() { mixed_.adjIdToNexthopDelAll(); }
+
+  // Asserts the invariants above. Walks everything.
+  void checkInvariants() const;
+
+ private:
+  struct Entry {
+    std::uint32_t count = 0;
+    bool current = false;
+  };
+  const Platform::TraceHandle& trace_;
+  FreeAdjIds free_;
+  std::unordered_map<AdjId, Entry, Platform::Hasher> entries_;
+  std::set<AdjId> unreferenced_;
+  bool retainUnreferenced_ = false;
+  NexthopAdjIds<Ipv4NexthopRef> ipv4_;
+  NexthopAdjIds<Ipv6NexthopRef> ipv6_;
+  NexthopAdjIds<IpMixedNexthopRef> mixed_;
+};
+
+}  // namespace RouteCache

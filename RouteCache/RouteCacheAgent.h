@@ -1,0 +1,132 @@
+// The agent: start-up, the mounts of every input and output, and the state machines over them.
+//
+// created (agentFactory) -> doInit: tracing, state-database mounts -> doMountsComplete: shared tables, state machines.
+// There is no way back but destruction.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/RouteCacheSwRouteSm.h"
+#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/RouteCacheVrfSm.h"
+#include "platform/AgentBase.h"
+#include "platform/Hardware.h"
+#include "platform/Nexthop.h"
+#include "platform/Rib.h"
+#include "platform/Vrf.h"
+#include "platform/Vxlan.h"
+
+namespace RouteCacheAgent {
+
+class Agent final : public Platform::AgentBase {
+ public:
+  explicit Agent(std::string name);
+  // Releases the local entities and state machines first, then what is mounted.
+  ~Agent() override;
+
+  void registerTypes(Lattis::EntityTypes& entities, Platform::TableTypes& tables,
+                     Platform::TraceVocabulary& vocabulary) override;
+  void doInit() override;
+  // Aborts when the mounts failed or an input that the state machines cannot do without is missing.
+  void doMountsComplete(Lattis::MountStatus status, const std::shared_ptr<Lattis::EntityManager>& em) override;
+  void startStateMachines();
+  void checkInvariants() const override;
+
+  // What is mounted; null before doMountsComplete, and for a path that holds another type.
+  const auto& routingHwStatus() const { return routingHwStatus_; }
+  const auto& hwRouteStatus() const { return hwRouteStatus_; }
+  const auto& piVrfIdMap() const { return piVrfIdMap_; }
+  const auto& routeCacheConfig() const { return routeCacheConfig_; }
+  const auto& routeCacheCliConfig() const { return routeCacheCliConfig_; }
+  const auto& routeCacheCapability() const { return routeCacheCapability_; }
+  const auto& nextHopConfig() const { return nextHopConfig_; }
+  const auto& nextHopStatus() const { return nextHopStatus_; }
+  const auto& vtiStatusDir() const { return vtiStatusDir_; }
+  const auto& routeConfig() const { return routeConfig_; }
+  const auto& route6Config() const { return route6Config_; }
+  const auto& viaConfig() const { return viaConfig_; }
+  const auto& unprogrammedRouteConfig() const { return unprogrammedRouteConfig_; }
+  const auto& ipv4HwHitBitStatus() const { return ipv4HwHitBitStatus_; }
+  const auto& ipv4SfeHitBitStatus() const { return ipv4SfeHitBitStatus_; }
+  const auto& ipv4SfeProgrammedRouteStatus() const { return ipv4SfeProgrammedRouteStatus_; }
+  const auto& ipv4SfeRouteStatus() const { return ipv4SfeRouteStatus_; }
+  const auto& ipv4HwRouteStatus() const { return ipv4HwRouteStatus_; }
+  const auto& ipv6HwRouteStatus() const { return ipv6HwRouteStatus_; }
+  const auto& ipv4AdjStatus() const { return ipv4AdjStatus_; }
+  const auto& ipv6AdjStatus() const { return ipv6AdjStatus_; }
+  const auto& kernelRouteStatus() const { return kernelRouteStatus_; }
+  // The same tables under the names of their use: what software route processing writes.
+  const auto& ipv4RouteStatus() const { return hwRouteCachingEnabled() ? ipv4SfeRouteStatus_ : ipv4HwRouteStatus_; }
+  const auto& ipv6RouteStatus() const { return ipv6HwRouteStatus_; }
+  const auto& swIpv4RouteStatus() const { return ipv4RouteStatus(); }
+  const auto& swIpv6RouteStatus() const { return ipv6RouteStatus(); }
+  bool hwRouteCachingEnabled() const { return routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled(); }
+
+  // Capacities, in entries: of the record of unprogrammed routes, and of the kernel route table over the hardware's.
+  std::uint32_t unprogrammedRouteTableSize() const { return 4096; }
+  std::uint32_t kernelRouteBuffer() const { return 2048; }
+
+  // What the agent makes. ...Is makes one, replacing any there is; ...Del releases it.
+  const auto& vrfIdMap() const { return vrfIdMap_; }
+  void vrfIdMapIs();
+  void vrfIdMapDel();
+  const auto& vrfCachedRoute() const { return vrfCachedRoute_; }
+  void vrfCachedRouteIs();
+  void vrfCachedRouteDel();
+  const auto& vrfSm() const { return vrfSm_; }
+  void vrfSmIs();
+  void vrfSmDel() { vrfSm_.reset(); }
+  const auto& swRouteSm() const { return swRouteSm_; }
+  void swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readOnlyIpv4,
+                   std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4,
+                   std::shared_ptr<RouteCache::Ipv6RouteStatus> ipv6);
+  void swRouteSmDel();
+
+ private:
+  void traceFileIs();
+  void mountTables();
+  template <class T>
+  std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity = 0);
+  void requireInputs() const;
+  bool predecessorLeft(const RouteCache::Ipv4RouteStatus& ipv4, const RouteCache::Ipv6RouteStatus& ipv6) const;
+
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // goes with the agent: late completions ask
+  std::unique_ptr<Platform::TraceHandle> trace_;
+  std::shared_ptr<Lattis::EntityManager> entityManager_;
+
+  // Declared so that members release in the right order: last declared, first released.
+  std::shared_ptr<Routing::Rib::RouteConfig> kernelRouteStatus_;
+  std::shared_ptr<RouteCache::Ipv6AdjacencyStatus> ipv6AdjStatus_;
+  std::shared_ptr<RouteCache::Ipv4AdjacencyStatus> ipv4AdjStatus_;
+  std::shared_ptr<RouteCache::Ipv6RouteStatus> ipv6HwRouteStatus_;
+  std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4HwRouteStatus_;
+  std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4SfeRouteStatus_;
+  std::shared_ptr<const RouteCache::Ipv4ProgrammedRouteStatus> ipv4SfeProgrammedRouteStatus_;
+  std::shared_ptr<const RouteCache::Ipv4HitBitStatus> ipv4SfeHitBitStatus_;
+  std::shared_ptr<const RouteCache::Ipv4HitBitStatus> ipv4HwHitBitStatus_;
+  std::shared_ptr<Routing::Rib::RouteConfig> unprogrammedRouteConfig_;
+  std::shared_ptr<const Routing::Rib::RouteCache::Evpn::ViaConfig> viaConfig_;
+  std::shared_ptr<const Routing::Rib::RouteConfig> route6Config_;
+  std::shared_ptr<const Routing::Rib::RouteConfig> routeConfig_;
+  std::shared_ptr<const Vxlan::VtiStatusDir> vtiStatusDir_;
+  std::shared_ptr<const Routing::NexthopStatus> nextHopStatus_;
+  std::shared_ptr<Routing::NexthopConfig> nextHopConfig_;
+  std::shared_ptr<const RouteCache::Capability> routeCacheCapability_;
+  std::shared_ptr<const RouteCache::CliConfig> routeCacheCliConfig_;
+  std::shared_ptr<RouteCache::Config> routeCacheConfig_;
+  std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap_;
+  std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
+  std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
+
+  std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;
+  std::shared_ptr<RouteCache::VrfSm> vrfSm_;
+  std::shared_ptr<RouteCache::VrfCachedRoute> vrfCachedRoute_;
+  std::shared_ptr<RouteCache::VrfIdMap> vrfIdMap_;
+};
+
+// The library's one exported symbol: makes an agent with notifications active; the caller owns it.
+extern "C" __attribute__((visibility("default"))) Platform::AgentBase* agentFactory(const char* name);
+
+}  // namespace RouteCacheAgent

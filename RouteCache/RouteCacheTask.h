@@ -1,0 +1,55 @@
+// The pattern by which every state machine does its bulk work: a named task that works until it should yield, and asks
+// for its next run itself.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/TaskScheduler.h"
+#include "platform/Trace.h"
+
+namespace RouteCache {
+
+// One task of a state machine, made in its constructor. Requests are traced; a delay greater than the largest finite
+// number of seconds schedules nothing.
+class DeferredTask {
+ public:
+  DeferredTask(Platform::TaskScheduler& scheduler, const Platform::TraceHandle& trace, std::string_view name,
+               Platform::TaskPriority priority, std::function<void()> body)
+      : name_(name), trace_(trace), task_(scheduler.taskIs(name, priority, std::move(body))) {}
+
+  const std::string& name() const { return name_; }
+  // Asks for a run after at most this many seconds; an earlier pending run stays where it is.
+  void schedule(double seconds) {
+    trace_(8, name_, " scheduling in ", seconds);
+    if (seconds > std::numeric_limits<double>::max()) return;
+    task_->scheduleWithin(seconds);
+  }
+  bool shouldYield() { return task_->shouldYield(); }
+  // What the run that ends now has handled, and what still waits.
+  void report(std::uint64_t workDone, std::uint64_t workPending) {
+    task_->workCountIs(workDone);
+    task_->workPendingIs(workPending);
+  }
+
+ private:
+  std::string name_;
+  const Platform::TraceHandle& trace_;
+  std::unique_ptr<Platform::Task> task_;
+};
+
+// Continues a walk over an ordered table at the bookmarked key, or at the beginning when that key has gone.
+template <class Table>
+typename Table::Iterator resumeFrom(const Table& table, const std::optional<typename Table::Key>& bookmark) {
+  if (!bookmark) return table.begin();
+  auto at = table.lowerBound(*bookmark);
+  if (at == table.end() || !(at->key() == *bookmark)) return table.begin();
+  return at;
+}
+
+}  // namespace RouteCache

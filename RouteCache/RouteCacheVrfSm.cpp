@@ -1,0 +1,260 @@
+#include "RouteCache/RouteCacheVrfSm.h"
+
+#include <vector>
+
+namespace RouteCache {
+
+class VrfSm::HwVrfReactor final : public Routing::Hardware::RouteStatus::Reactor {
+ public:
+  HwVrfReactor(VrfSm& sm, std::shared_ptr<const Routing::Hardware::RouteStatus> status)
+      : Reactor(std::move(status)), sm_(sm) {}
+  void handleVrfStatus(const L3::VrfName& name) override {
+    sm_.handleHwVrfCreation(name);
+    if (const auto status = watched().vrfStatus(name)) {
+      sm_.hwVrfStatusIs(status);
+    } else {
+      sm_.hwVrfStatusDel(name);
+    }
+  }
+
+ private:
+  VrfSm& sm_;
+};
+
+class VrfSm::PiVrfReactor final : public Vrf::VrfIdMap::NameToIdMap::Reactor {
+ public:
+  PiVrfReactor(VrfSm& sm, std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> map) : Reactor(std::move(map)), sm_(sm) {}
+  void handleNameToId(const std::string& name) override { sm_.handlePIVrfCreation(name); }
+
+ private:
+  VrfSm& sm_;
+};
+
+// Follows the hardware id of one VRF.
+class VrfSm::HwVrfStatusReactor final : public Routing::Hardware::VrfStatus::Reactor {
+ public:
+  HwVrfStatusReactor(VrfSm& sm, std::shared_ptr<const Routing::Hardware::VrfStatus> status)
+      : Reactor(std::move(status)), sm_(sm) {}
+  L3::VrfName vrfName() const { return watched().vrfName(); }
+  void handleHwVrfId() override {
+    sm_.trace_(9, __PRETTY_FUNCTION__);
+    sm_.applyRule(vrfName());
+  }
+
+ private:
+  VrfSm& sm_;
+};
+
+VrfSm::VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
+             std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap, std::shared_ptr<VrfIdMap> vrfIdMap,
+             std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables,
+             Platform::TraceFacility& trace)
+    : hwRouteStatus_(std::move(hwRouteStatus)),
+      piVrfIdMap_(std::move(piVrfIdMap)),
+      vrfIdMap_(std::move(vrfIdMap)),
+      vrfCachedRoute_(std::move(vrfCachedRoute)),
+      tables_(tables),
+      trace_(trace, "RouteCacheVrfSm") {
+  hwVrfReactor_ = std::make_unique<HwVrfReactor>(*this, hwRouteStatus_);
+  piVrfReactor_ = std::make_unique<PiVrfReactor>(*this, piVrfIdMap_);
+  handleHwVrfCreation();
+  handlePIVrfCreation();
+  for (const auto& entry : hwRouteStatus_->vrfStatus()) hwVrfStatusIs(entry.second);
+  handleInitialized();
+}
+
+VrfSm::~VrfSm() = default;
+
+std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
+                               std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
+                               std::shared_ptr<VrfIdMap> vrfIdMap, std::shared_ptr<VrfCachedRoute> vrfCachedRoute,
+                               Pondra::TableService& tables, Platform::TraceFacility& trace) {
+  return std::make_shared<VrfSm>(std::move(hwRouteStatus), std::move(piVrfIdMap), std::move(vrfIdMap),
+                                 std::move(vrfCachedRoute), tables, trace);
+}
+
+void VrfSm::handleInitialized() {
+  trace_(9, __PRETTY_FUNCTION__);
+  initialized_ = true;
+}
+
+// --- Events ----------------------------------------------------------------------------------------------------------
+
+void VrfSm::handleHwVrfCreation() {
+  for (const auto& entry : hwRouteStatus_->vrfStatus()) handleHwVrfCreation(entry.first);
+}
+
+void VrfSm::handleHwVrfCreation(const L3::VrfName& name) {
+  trace_(9, __PRETTY_FUNCTION__);
+  applyRule(name);
+}
+
+void VrfSm::handlePIVrfCreation() {
+  trace_(8, "piVrf ", piVrfIdMap_->name());
+  for (const auto& entry : piVrfIdMap_->nameToId()) handlePIVrfCreation(entry.first);
+  trace_(8, "done");
+}
+
+void VrfSm::handlePIVrfCreation(const std::string& name) {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (name.size() > L3::VrfName::maxLength) {
+    trace_(2, "VRF name over 100 bytes, ignored: ", name);  // hardware cannot have it: it is never complete
+    return;
+  }
+  applyRule(name);
+}
+
+bool VrfSm::isComplete(const L3::VrfName& name) const {
+  return piVrfIdMap_->nameToId(name.text()).has_value() && hwRouteStatus_->vrfStatus(name) != nullptr;
+}
+
+void VrfSm::applyRule(const L3::VrfName& name) {
+  updateVrfMap(name, isComplete(name));
+}
+
+void VrfSm::hwVrfStatusIs(const std::shared_ptr<const Routing::Hardware::VrfStatus>& status) {
+  hwVrfStatus_[status->vrfName()] = std::make_unique<HwVrfStatusReactor>(*this, status);
+}
+
+void VrfSm::hwVrfStatusDel(const L3::VrfName& name) {
+  hwVrfStatus_.erase(name);
+}
+
+void VrfSm::hwVrfStatusDelAll() {
+  hwVrfStatus_.clear();
+}
+
+// --- The id map ------------------------------------------------------------------------------------------------------
+
+void VrfSm::updateVrfMap(const L3::VrfName& name, bool add) {
+  if (add) {
+    addVrf(name);
+  } else {
+    removeVrf(name);
+  }
+}
+
+VrfSm::Ids VrfSm::idsOf(const L3::VrfName& name) const {
+  return {piVrfIdMap_->nameToId(name.text()).value_or(missingPiVrfId), hwRouteStatus_->vrfStatus(name)->hwVrfId()};
+}
+
+void VrfSm::unmapPair(const L3::VrfName& name) {
+  const auto found = mapped_.find(name);
+  if (found == mapped_.end()) return;
+  const Ids ids = found->second;
+  mapped_.erase(found);
+  vrfIdMap_->hwVrfIdToGlobalVrfIdDel(ids.hwVrfId);
+  vrfIdMap_->globalVrfIdToHwVrfIdDel(ids.piVrfId);
+}
+
+void VrfSm::addVrf(const L3::VrfName& name) {
+  const Ids ids = idsOf(name);
+  trace_(6, "add hwVrfId: ", ids.hwVrfId, " piVrfId: ", ids.piVrfId);
+  if (ids.hwVrfId == 0 && !name.isDefault()) return;
+
+  const auto own = mapped_.find(name);
+  if (own != mapped_.end() && own->second.hwVrfId == ids.hwVrfId && own->second.piVrfId == ids.piVrfId) return;
+
+  // Whoever has one of these ids loses its pair; this name's own old pair goes as well.
+  std::vector<L3::VrfName> stale;
+  for (const auto& [other, pair] : mapped_) {
+    if (other == name || pair.hwVrfId == ids.hwVrfId || pair.piVrfId == ids.piVrfId) stale.push_back(other);
+  }
+  for (const L3::VrfName& other : stale) {
+    const std::uint32_t oldHwVrfId = mapped_.at(other).hwVrfId;
+    unmapPair(other);
+    // Another name reads another FIB; the same name under a new pi id goes on as it is.
+    if (other != name || oldHwVrfId != ids.hwVrfId) deleteVrfCachedRouteSm(oldHwVrfId);
+  }
+  createVrfCachedRouteSm(name, ids.hwVrfId);
+  mapped_[name] = ids;
+  vrfIdMap_->hwVrfIdToGlobalVrfIdIs(ids.hwVrfId, ids.piVrfId);
+  vrfIdMap_->globalVrfIdToHwVrfIdIs(ids.piVrfId, ids.hwVrfId);
+  if (!stale.empty()) restoreClaims();
+}
+
+void VrfSm::removeVrf(const L3::VrfName& name) {
+  const auto own = mapped_.find(name);
+  if (own == mapped_.end()) return;
+  const Ids ids = own->second;
+  trace_(6, "del piVrfId: ", ids.piVrfId);
+  trace_(6, "del hwVrfId: ", ids.hwVrfId);
+  unmapPair(name);
+  deleteVrfCachedRouteSm(ids.hwVrfId);
+  restoreClaims();
+}
+
+void VrfSm::restoreClaims() {
+  for (const auto& entry : hwRouteStatus_->vrfStatus()) {
+    const L3::VrfName& name = entry.first;
+    if (mapped_.contains(name) || !isComplete(name)) continue;
+    const Ids ids = idsOf(name);
+    if (vrfIdMap_->hwVrfIdToGlobalVrfIdHas(ids.hwVrfId) || vrfIdMap_->globalVrfIdToHwVrfIdHas(ids.piVrfId)) continue;
+    addVrf(name);
+  }
+}
+
+// --- FIB tables and tries --------------------------------------------------------------------------------------------
+
+namespace {
+
+struct FibPaths {
+  std::string ipv4;
+  std::string ipv6;
+};
+
+FibPaths fibPathsOf(const L3::VrfName& name) {
+  if (name.isDefault()) return {"routing/status", "routing6/status"};
+  return {"routing/vrf/status/" + name.text(), "routing6/vrf/status/" + name.text()};
+}
+
+}  // namespace
+
+// Null when the table cannot be mounted: the VRF then has tries that stay empty.
+std::shared_ptr<Pondra::TableEntity> VrfSm::mountFibTable(const std::string& path, const char* typeName) {
+  try {
+    tables_.mount(path, typeName, Pondra::MountKind::reader);
+  } catch (const Pondra::TableError& error) {
+    trace_(1, "cannot mount: ", std::string_view(error.what()));
+    return nullptr;
+  }
+  return tables_.entity(path);
+}
+
+void VrfSm::createVrfCachedRouteSm(const L3::VrfName& name, std::uint32_t hwVrfId) {
+  trace_(6, name, " vrfId: ", hwVrfId);
+  if (vrfCachedRouteSm_.contains(hwVrfId)) {
+    trace_(6, "Sm already exists, returning");
+    return;
+  }
+  const FibPaths paths = fibPathsOf(name);
+  CachedVrf vrf;
+  vrf.name = name;
+  vrf.routeStatus = std::dynamic_pointer_cast<const Pondra::Fib::RouteStatus>(
+      mountFibTable(paths.ipv4, Pondra::Fib::RouteStatus::typeName));
+  vrf.route6Status = std::dynamic_pointer_cast<const Pondra::Fib6::RouteStatus>(
+      mountFibTable(paths.ipv6, Pondra::Fib6::RouteStatus::typeName));
+  vrf.trie = std::make_shared<Routing::Trie>("CachedRouteTrie");
+  vrf.trie6 = std::make_shared<Routing6::Trie>("CachedRouteTrie6");
+  vrfCachedRoute_->vrfTrieIs(hwVrfId, vrf.trie);
+  vrfCachedRoute_->vrfTrie6Is(hwVrfId, vrf.trie6);
+  vrfCachedRouteSm_.emplace(hwVrfId, std::move(vrf));
+}
+
+void VrfSm::deleteVrfCachedRouteSm(std::uint32_t hwVrfId) {
+  trace_(6, " vrfId: ", hwVrfId);
+  const auto found = vrfCachedRouteSm_.find(hwVrfId);
+  if (found != vrfCachedRouteSm_.end()) {
+    const FibPaths paths = fibPathsOf(found->second.name);
+    vrfCachedRouteSm_.erase(found);
+    tables_.unmount(paths.ipv4);
+    tables_.unmount(paths.ipv6);
+  }
+  vrfCachedRoute_->vrfTrieDel(hwVrfId);
+}
+
+void VrfSm::vrfCachedRouteSmDelAll() {
+  while (!vrfCachedRouteSm_.empty()) deleteVrfCachedRouteSm(vrfCachedRouteSm_.begin()->first);
+}
+
+}  // namespace RouteCache

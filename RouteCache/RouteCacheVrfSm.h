@@ -1,0 +1,111 @@
+// The VRF state machine: keeps the agent's VRF id map in step with what the switch says of VRFs, and makes the
+// cached-route tries of each VRF.
+//
+// A VRF is complete when its name stands both in the platform's name-to-id map (which gives the pi id) and among the
+// hardware's VRFs (which give the hardware id). Hardware id 0 is the default VRF's; for any other name it means that
+// none is assigned yet, and the update is ignored.
+//
+// Invariants: the two directions of VrfIdMap are each other's inverse; each pair in it belongs to one name; a name that
+// has a pair has its tries. When two names claim one id, the one heard of last has it, and the other gets it back when
+// it is free again.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "RouteCache/RouteCacheConfig.h"
+#include "platform/Fib.h"
+#include "platform/Hardware.h"
+#include "platform/Trace.h"
+#include "platform/Trie.h"
+#include "platform/Vrf.h"
+
+namespace RouteCache {
+
+// The pi id of a name that the platform does not know.
+inline constexpr std::uint32_t missingPiVrfId = 16777215;
+
+class VrfSm {
+ public:
+  VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
+        std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap, std::shared_ptr<VrfIdMap> vrfIdMap,
+        std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables, Platform::TraceFacility& trace);
+  VrfSm(const VrfSm&) = delete;
+  VrfSm& operator=(const VrfSm&) = delete;
+  // Releases the reactors; the id map and the tries stay as they are.
+  ~VrfSm();
+
+  void handleInitialized();
+  bool initialized() const { return initialized_; }
+
+  // The same rule for all: the name is complete or it is not.
+  void handleHwVrfCreation();
+  void handleHwVrfCreation(const L3::VrfName& name);
+  void handlePIVrfCreation();
+  void handlePIVrfCreation(const std::string& name);
+  // The one place that changes VrfIdMap. `add`: the VRF is complete.
+  void updateVrfMap(const L3::VrfName& name, bool add);
+
+  void createVrfCachedRouteSm(const L3::VrfName& name, std::uint32_t hwVrfId);
+  // The IPv6 trie stays until the id is used again.
+  void deleteVrfCachedRouteSm(std::uint32_t hwVrfId);
+  bool vrfCachedRouteSmHas(std::uint32_t hwVrfId) const { return vrfCachedRouteSm_.contains(hwVrfId); }
+  void vrfCachedRouteSmDelAll();
+
+  void hwVrfStatusIs(const std::shared_ptr<const Routing::Hardware::VrfStatus>& status);
+  void hwVrfStatusDel(const L3::VrfName& name);
+  void hwVrfStatusDelAll();
+
+ private:
+  class HwVrfReactor;
+  class PiVrfReactor;
+  class HwVrfStatusReactor;
+
+  // What is kept of a complete VRF, by hardware id: its FIB tables (null when they could not be mounted) and tries.
+  struct CachedVrf {
+    L3::VrfName name;
+    std::shared_ptr<const Pondra::Fib::RouteStatus> routeStatus;
+    std::shared_ptr<const Pondra::Fib6::RouteStatus> route6Status;
+    std::shared_ptr<Routing::Trie> trie;
+    std::shared_ptr<Routing6::Trie> trie6;
+  };
+  struct Ids {
+    std::uint32_t piVrfId = missingPiVrfId;
+    std::uint32_t hwVrfId = 0;
+  };
+
+  bool isComplete(const L3::VrfName& name) const;
+  void applyRule(const L3::VrfName& name);
+  Ids idsOf(const L3::VrfName& name) const;
+  void addVrf(const L3::VrfName& name);
+  void removeVrf(const L3::VrfName& name);
+  // Takes the name's pair out of VrfIdMap.
+  void unmapPair(const L3::VrfName& name);
+  // Gives ids that have become free to complete VRFs that claim them.
+  void restoreClaims();
+  std::shared_ptr<Pondra::TableEntity> mountFibTable(const std::string& path, const char* typeName);
+
+  std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
+  std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap_;
+  std::shared_ptr<VrfIdMap> vrfIdMap_;
+  std::shared_ptr<VrfCachedRoute> vrfCachedRoute_;
+  Pondra::TableService& tables_;
+  Platform::TraceHandle trace_;
+  std::map<L3::VrfName, Ids> mapped_;  // the pairs in VrfIdMap by the name they belong to
+  std::map<std::uint32_t, CachedVrf> vrfCachedRouteSm_;
+  bool initialized_ = false;
+
+  // Last: they call back into all of the above.
+  std::unique_ptr<HwVrfReactor> hwVrfReactor_;
+  std::unique_ptr<PiVrfReactor> piVrfReactor_;
+  std::map<L3::VrfName, std::unique_ptr<HwVrfStatusReactor>> hwVrfStatus_;
+};
+
+// Makes the state machine; it is complete when this returns.
+std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
+                               std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
+                               std::shared_ptr<VrfIdMap> vrfIdMap, std::shared_ptr<VrfCachedRoute> vrfCachedRoute,
+                               Pondra::TableService& tables, Platform::TraceFacility& trace);
+
+}  // namespace RouteCache

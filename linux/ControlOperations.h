@@ -1,0 +1,21 @@
+// What can be asked on the control socket, beside what the agent adds.
+//
+//   get    path, field   its fields: {"field", "value"} each, {"field"} for a child entity; no field: all of the entity
+//   get                  what there is: {"path", "type"} each
+//   set    path, field, value   no value: makes the child entity
+//   del    path, field
+//   tasks                the scheduler's statistics, one line for each task
+//
+// Fields are as linux/EntityFields.h has them.
+#pragma once
+
+#include "linux/ControlSocket.h"
+#include "linux/StateDb.h"
+
+namespace LinuxPlatform {
+
+// Both outlive the socket.
+void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb);
+void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& scheduler);
+
+}  // namespace LinuxPlatform

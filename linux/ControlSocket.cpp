@@ -1,0 +1,252 @@
+#include "linux/ControlSocket.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <system_error>
+
+namespace LinuxPlatform {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+// A reply waits for its reader once this much of it is ready.
+constexpr std::size_t outgoingMark = 64 * 1024;
+// Pieces of a reply that one client is given before the others' turn.
+constexpr int piecesPerTurn = 32;
+
+std::string line(const Json& object) {
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+std::string doneLine() {
+  return line({{"done", true}});
+}
+std::string errorLine(std::string_view text) {
+  return line({{"error", text}});
+}
+
+// The request on this line, or nothing.
+std::optional<ControlSocket::Request> parsedRequest(std::string_view text) {
+  const Json json = Json::parse(text, nullptr, false);
+  if (!json.is_object() || !json.contains("op")) return std::nullopt;
+  ControlSocket::Request request;
+  for (const auto& [name, value] : json.items()) {
+    if (value.is_structured() || value.is_null()) return std::nullopt;
+    request[name] = value.is_string() ? value.get<std::string>() : value.dump();
+  }
+  return request;
+}
+
+}  // namespace
+
+std::string controlLine(std::initializer_list<std::pair<std::string_view, std::string_view>> fields) {
+  Json object = Json::object();
+  for (const auto& [name, value] : fields) object[std::string(name)] = value;
+  return line(object);
+}
+
+const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
+  static const Lattis::EntityType type{"LinuxPlatform::ControlSocket::Statistics",
+                                       {Lattis::readOnlyField<Statistics, &Statistics::clients>("clients"),
+                                        Lattis::readOnlyField<Statistics, &Statistics::requests>("requests"),
+                                        Lattis::readOnlyField<Statistics, &Statistics::dropped>("dropped"),
+                                        Lattis::readOnlyField<Statistics, &Statistics::evicted>("evicted")},
+                                       {}};
+  return type;
+}
+
+struct ControlSocket::Client {
+  int fd = -1;
+  std::uint32_t watched = 0;  // the events that the loop looks for
+  std::string incoming;       // at most one unfinished request and what came with it
+  std::string outgoing;
+  std::unique_ptr<ControlReply> reply;  // of the request being answered
+  bool hungUp = false;                  // no more requests will come
+  double lastSign = 0;                  // when bytes last went either way
+};
+
+ControlSocket::ControlSocket(EventLoop& loop, const std::string& path)
+    : loop_(loop), path_(path), statistics_(std::make_shared<Statistics>("control")) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof address.sun_path) {
+    throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  unlink(path.c_str());
+  const mode_t before = umask(0177);
+  const bool listening = listenFd_ >= 0 &&
+                         bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                         listen(listenFd_, SOMAXCONN) == 0;
+  const int error = errno;
+  umask(before);
+  if (!listening) {
+    if (listenFd_ >= 0) close(listenFd_);
+    throw std::system_error(error, std::generic_category(), path);
+  }
+  acceptTask_ = loop.taskIs("controlAcceptTask", Platform::TaskPriority::urgent, [this] { acceptClients(); });
+  acceptTask_->scheduleWithin(0);
+}
+
+ControlSocket::~ControlSocket() {
+  for (const auto& [fd, client] : clients_) {
+    loop_.fdDel(fd);
+    close(fd);
+  }
+  loop_.fdDel(listenFd_);
+  close(listenFd_);
+  unlink(path_.c_str());
+}
+
+// --- Connections -----------------------------------------------------------------------------------------------------
+
+void ControlSocket::acceptClients() {
+  while (true) {
+    const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
+    if (fd < 0) break;
+    if (clients_.size() >= maxClients) makeRoom();
+    auto client = std::make_unique<Client>();
+    client->fd = fd;
+    client->lastSign = loop_.now();
+    ++statistics_->clients_;
+    watch(*client, EPOLLIN);
+    clients_[fd] = std::move(client);
+  }
+  if (errno == EAGAIN) {
+    loop_.fdIs(listenFd_, EPOLLIN, [this](std::uint32_t) { acceptClients(); });
+  } else {
+    // No descriptor or memory is left: whoever waits goes on waiting, and the loop must not be woken for it for ever.
+    loop_.fdDel(listenFd_);
+    acceptTask_->scheduleWithin(1);
+  }
+}
+
+void ControlSocket::makeRoom() {
+  auto oldest = clients_.begin();
+  for (auto client = clients_.begin(); client != clients_.end(); ++client) {
+    if (client->second->lastSign < oldest->second->lastSign) oldest = client;
+  }
+  ++statistics_->evicted_;
+  end(oldest->first, Fate::close);
+}
+
+void ControlSocket::end(int fd, Fate fate) {
+  if (fate == Fate::drop) ++statistics_->dropped_;
+  loop_.fdDel(fd);
+  close(fd);
+  clients_.erase(fd);
+}
+
+void ControlSocket::watch(Client& client, std::uint32_t events) {
+  if (client.watched == events) return;
+  client.watched = events;
+  loop_.fdIs(client.fd, events, [this, fd = client.fd](std::uint32_t ready) { handleClient(fd, ready); });
+}
+
+void ControlSocket::handleClient(int fd, std::uint32_t events) {
+  Client& client = *clients_.at(fd);
+  Fate fate = (events & (EPOLLHUP | EPOLLERR)) != 0 ? Fate::close : Fate::keep;
+  if (fate == Fate::keep && (events & EPOLLIN) != 0) fate = receive(client);
+  if (fate == Fate::keep) fate = serve(client);
+  if (fate != Fate::keep) end(fd, fate);
+}
+
+ControlSocket::Fate ControlSocket::receive(Client& client) {
+  std::array<char, 16 * 1024> buffer;  // NOLINT: filled by recv
+  const ssize_t count = recv(client.fd, buffer.data(), buffer.size(), 0);
+  if (count < 0) return errno == EAGAIN || errno == EINTR ? Fate::keep : Fate::close;
+  if (count == 0) client.hungUp = true;
+  client.incoming.append(buffer.data(), static_cast<std::size_t>(count));
+  client.lastSign = loop_.now();
+  return Fate::keep;
+}
+
+// Sends, produces and takes up requests until something has to be waited for or the turn is over.
+ControlSocket::Fate ControlSocket::serve(Client& client) {
+  for (int piece = 0; piece < piecesPerTurn; ++piece) {
+    if (client.outgoing.size() >= outgoingMark || !client.reply) {
+      if (const Fate fate = send(client); fate != Fate::keep) return fate;
+      if (!client.outgoing.empty()) break;
+    }
+    if (client.reply) {
+      if (!produce(client)) break;
+      continue;
+    }
+    const std::size_t before = client.incoming.size();
+    if (const Fate fate = nextRequest(client); fate != Fate::keep) return fate;
+    if (client.incoming.size() != before) continue;
+    if (client.hungUp) return Fate::close;
+    watch(client, EPOLLIN);
+    return Fate::keep;
+  }
+  if (const Fate fate = send(client); fate != Fate::keep) return fate;
+  // No new requests are read while one is being answered: their sender waits in its own memory.
+  watch(client, EPOLLOUT);
+  return Fate::keep;
+}
+
+ControlSocket::Fate ControlSocket::send(Client& client) {
+  while (!client.outgoing.empty()) {
+    const ssize_t count = ::send(client.fd, client.outgoing.data(), client.outgoing.size(), MSG_NOSIGNAL);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return errno == EAGAIN ? Fate::keep : Fate::close;
+    client.outgoing.erase(0, static_cast<std::size_t>(count));
+    client.lastSign = loop_.now();
+  }
+  return Fate::keep;
+}
+
+// --- Requests --------------------------------------------------------------------------------------------------------
+
+ControlSocket::Fate ControlSocket::nextRequest(Client& client) {
+  const std::size_t end = client.incoming.find('\n');
+  if (end == std::string::npos) return client.incoming.size() > maxRequestSize ? Fate::drop : Fate::keep;
+  if (end > maxRequestSize) return Fate::drop;
+  const auto request = parsedRequest(std::string_view(client.incoming).substr(0, end));
+  if (!request) return Fate::drop;
+  client.incoming.erase(0, end + 1);
+  ++statistics_->requests_;
+  answer(client, *request);
+  return Fate::keep;
+}
+
+void ControlSocket::answer(Client& client, const Request& request) {
+  const std::string& op = request.at("op");
+  const auto handler = handlers_.find(op);
+  if (handler == handlers_.end()) {
+    client.outgoing += errorLine("nothing is known of '" + op + "'");
+    return;
+  }
+  try {
+    client.reply = handler->second(request);
+    if (!client.reply) client.outgoing += doneLine();
+  } catch (const std::exception& error) {
+    client.outgoing += errorLine(error.what());
+  }
+}
+
+// False when the reply has nothing to say at the moment.
+bool ControlSocket::produce(Client& client) {
+  const std::size_t before = client.outgoing.size();
+  try {
+    if (client.reply->produce(client.outgoing)) return client.outgoing.size() != before;
+    client.outgoing += doneLine();
+  } catch (const std::exception& error) {
+    client.outgoing += errorLine(error.what());
+  }
+  client.reply.reset();
+  return true;
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,99 @@
+// The door for operators: a Unix stream socket on which commands of other processes ask the running agent.
+//
+// One request is one line, a JSON object whose values are texts, numbers or booleans; "op" says what is wanted. The
+// reply is one JSON object a line: any number of lines of content, then {"done": true} or {"error": "one line"}.
+// Requests of one connection are answered in order, one after the other.
+//
+// Nobody on the other side can hurt the loop: a request that is no such line, or is over maxRequestSize, costs its
+// sender the connection; a reply is produced piece by piece as the reader takes it, so neither a stalled reader nor a
+// huge reply holds memory or time; beyond maxClients the one that has been silent longest makes room.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "linux/TaskScheduler.h"
+#include "platform/Entity.h"
+
+namespace LinuxPlatform {
+
+// One line of a reply: names and texts, in this order.
+std::string controlLine(std::initializer_list<std::pair<std::string_view, std::string_view>> fields);
+
+// The rest of one reply. Destroyed early when its reader goes away.
+class ControlReply {
+ public:
+  virtual ~ControlReply() = default;
+  // Appends some more lines (about a screenful, or none when that takes longer than a moment: it is asked again after
+  // others had their turn). False: there is no more. Throws with one line when the rest is impossible.
+  virtual bool produce(std::string& lines) = 0;
+};
+
+class ControlSocket {
+ public:
+  static constexpr std::size_t maxRequestSize = 64 * 1024;
+  static constexpr std::size_t maxClients = 32;
+
+  using Request = std::map<std::string, std::string, std::less<>>;
+  // Carries out a request; null: there is nothing to say. Throws with one line for whoever asked.
+  using Handler = std::function<std::unique_ptr<ControlReply>(const Request&)>;
+
+  // What has happened on the socket, as an entity that operators can read.
+  class Statistics final : public Lattis::Entity {
+   public:
+    using Entity::Entity;
+    const Lattis::EntityType& entityType() const override;
+    std::uint64_t clients() const { return clients_; }
+    std::uint64_t requests() const { return requests_; }
+    std::uint64_t dropped() const { return dropped_; }  // for a bad request
+    std::uint64_t evicted() const { return evicted_; }  // for want of room
+
+   private:
+    friend class ControlSocket;
+    std::uint64_t clients_ = 0;
+    std::uint64_t requests_ = 0;
+    std::uint64_t dropped_ = 0;
+    std::uint64_t evicted_ = 0;
+  };
+
+  // Listens at this path, for this user only; what stands there is removed. Throws std::system_error.
+  ControlSocket(EventLoop& loop, const std::string& path);
+  ~ControlSocket();
+  ControlSocket(const ControlSocket&) = delete;
+  ControlSocket& operator=(const ControlSocket&) = delete;
+
+  void opIs(const std::string& op, Handler handler) { handlers_[op] = std::move(handler); }
+  std::shared_ptr<Statistics> statistics() const { return statistics_; }
+
+ private:
+  struct Client;
+  enum class Fate { keep, close, drop };
+
+  void acceptClients();
+  void makeRoom();
+  void handleClient(int fd, std::uint32_t events);
+  Fate receive(Client& client);
+  Fate serve(Client& client);
+  Fate nextRequest(Client& client);
+  Fate send(Client& client);
+  void answer(Client& client, const Request& request);
+  bool produce(Client& client);
+  void watch(Client& client, std::uint32_t events);
+  void end(int fd, Fate fate);
+
+  EventLoop& loop_;
+  std::string path_;
+  int listenFd_ = -1;
+  std::map<std::string, Handler, std::less<>> handlers_;
+  std::map<int, std::unique_ptr<Client>> clients_;
+  std::shared_ptr<Statistics> statistics_;
+  std::unique_ptr<Platform::Task> acceptTask_;  // looks again when there was no descriptor left for a client
+};
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,174 @@
+#include "linux/SharedTable.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+#include "linux/SharedTableCollection.h"
+
+namespace LinuxPlatform {
+
+using Pondra::CollectionInfo;
+using Pondra::MountKind;
+using Pondra::TableEntity;
+using Pondra::TableError;
+
+namespace {
+
+std::string tableDirectory(const std::string& runDirectory) {
+  return runDirectory + "/tables";
+}
+
+[[noreturn]] void refuseMount(const std::string& path, const std::string& what) {
+  throw TableError(path + " mount: " + what);
+}
+
+std::string leafOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The capacity that a writer asks for.
+std::uint32_t capacityFrom(const std::string& path, const Pondra::TableLayout& layout,
+                           const std::optional<CollectionInfo>& info) {
+  if (!info) refuseMount(path, "a writer has to name its collection and capacity");
+  if (info->collection != layout.collection) {
+    refuseMount(path, layout.typeName + " has no collection " + info->collection);
+  }
+  if (info->capacity == 0 || info->capacity > maxSlots) {
+    refuseMount(path, "a capacity of " + std::to_string(info->capacity) + " entries is impossible");
+  }
+  return info->capacity;
+}
+
+}  // namespace
+
+SharedTableService::SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
+                                       std::function<void()> deliveryWanted)
+    : types_(types),
+      context_(std::make_shared<TableServiceContext>()),
+      wakeup_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  context_->directory = tableDirectory(runDirectory);
+  context_->deliveryWanted = std::move(deliveryWanted);
+  std::error_code error;
+  std::filesystem::create_directories(context_->directory, error);
+  if (error) throw TableError(context_->directory + " mount: " + error.message());
+  // Watched before the first table is looked for, so that none can appear unseen.
+  if (wakeup_) inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO);
+}
+
+SharedTableService::~SharedTableService() {
+  for (auto& [path, mount] : mounts_) {
+    mount.collection->flush();
+    mount.collection->close();
+  }
+  context_->deliveryWanted = nullptr;
+  context_->corruptionHandler = nullptr;
+}
+
+void SharedTableService::mount(const std::string& path, const std::string& typeName, MountKind kind,
+                               const std::optional<CollectionInfo>& info) {
+  if (const auto found = mounts_.find(path); found != mounts_.end()) {
+    if (found->second.typeName == typeName && found->second.collection->kind() == kind) return;
+    refuseMount(path, "it is mounted here already, with another type or kind");
+  }
+  const std::shared_ptr<TableEntity> table = types_.make(typeName, leafOf(path));
+  if (!table) refuseMount(path, "no table type is called " + typeName);
+  const Pondra::TableLayout layout = table->layout();
+  if (path.empty() || path.size() >= sizeof TableHeader::path) refuseMount(path, "the path is empty or too long");
+  const std::uint32_t capacity = kind == MountKind::writer ? capacityFrom(path, layout, info) : 0;
+  auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity);
+  table->controlIs(collection);
+  mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
+}
+
+void SharedTableService::unmount(const std::string& path) {
+  const auto found = mounts_.find(path);
+  if (found == mounts_.end()) return;
+  const Mount mount = std::move(found->second);
+  mounts_.erase(found);
+  mount.collection->flush();
+  mount.collection->close();
+  mount.table->handleParent(nullptr);
+}
+
+std::shared_ptr<TableEntity> SharedTableService::entity(std::string_view path) const {
+  const auto found = mounts_.find(path);
+  return found == mounts_.end() ? nullptr : found->second.table;
+}
+
+void SharedTableService::corruptionHandlerIs(
+    std::function<void(const std::string& path, const std::string& what)> handler) {
+  context_->corruptionHandler = std::move(handler);
+}
+
+bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield) {
+  context_->deliveryAsked = false;
+  // A reactor may mount and unmount tables.
+  std::vector<std::shared_ptr<TableCollection>> round;
+  for (const auto& [path, mount] : mounts_) round.push_back(mount.collection);
+  const auto first = std::find_if(round.begin(), round.end(), [&](const auto& c) { return c->path() >= firstServed_; });
+  std::rotate(round.begin(), first, round.end());
+  for (const auto& collection : round) collection->adoptReplacement();
+
+  bool yielded = false;
+  const std::function<bool()> stop = [&] { return yielded = yielded || shouldYield(); };
+  for (const auto& collection : round) {
+    collection->deliver(stop);
+    if (!yielded) continue;
+    firstServed_ = collection->path() + '\0';  // the path after this one
+    break;
+  }
+  return !anyPending();
+}
+
+bool SharedTableService::anyPending() const {
+  return std::any_of(mounts_.begin(), mounts_.end(),
+                     [](const auto& mount) { return mount.second.collection->pending(); });
+}
+
+bool SharedTableService::pendingChanges() {
+  for (const auto& [path, mount] : mounts_) mount.collection->checkReplacement();
+  return anyPending();
+}
+
+void SharedTableService::handleWakeup() {
+  alignas(inotify_event) std::array<char, 4096> events;
+  // What has happened is seen in the tables themselves; the events only say that it is time to look.
+  while (read(wakeup_.get(), events.data(), events.size()) > 0) {
+  }
+  if (pendingChanges()) context_->wantDelivery();
+}
+
+void SharedTableService::flush() {
+  for (const auto& [path, mount] : mounts_) mount.collection->flush();
+}
+
+void SharedTableService::checkInvariants() const {
+  for (const auto& [path, mount] : mounts_) mount.collection->checkInvariants();
+}
+
+std::vector<TableFileInfo> tableFiles(const std::string& runDirectory) {
+  std::vector<TableFileInfo> tables;
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(tableDirectory(runDirectory), error)) {
+    if (file.path().extension() != ".table") continue;
+    const TableFileHeader read = readTableHeader(file.path().string());
+    if (!read.fault.empty()) {
+      tables.push_back({file.path().filename().string(), {}, {}, 0, 0, false, read.fault});
+      continue;
+    }
+    const TableHeader& header = read.header;
+    const bool writerAlive = tableLocked(tableDirectory(runDirectory), header.path);
+    tables.push_back(
+        {header.path, header.typeName, header.collection, read.liveCount, header.capacity, writerAlive, {}});
+  }
+  std::sort(tables.begin(), tables.end(), [](const auto& a, const auto& b) { return a.path < b.path; });
+  return tables;
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,89 @@
+// Shared tables as files that processes map: one file per table under <run directory>/tables (SharedTableFormat.h draws
+// its bytes, SharedTableFile.h names the files).
+//
+// Everything here runs on one thread. Changes reach the tables' reactors from deliverChanges() alone: the owner's event
+// loop calls it when it was asked to, when wakeupFd() has become readable, and when pendingChanges(), asked about once
+// a second, finds something; tests call it by hand.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/SharedTableFile.h"
+#include "platform/AgentBase.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+struct TableServiceContext;
+class TableCollection;
+
+class SharedTableService final : public Pondra::TableService {
+ public:
+  // Makes the directory when it is missing; throws TableError when it cannot. `types` outlives the service.
+  // `deliveryWanted` is called when there is something to deliver, from inside a write or handleWakeup() and at most
+  // once between two deliveries: it schedules a call of deliverChanges().
+  SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
+                     std::function<void()> deliveryWanted = {});
+  ~SharedTableService() override;
+
+  void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+             const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
+  void unmount(const std::string& path) override;
+  std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
+  void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) override;
+
+  // Goes over to tables that appeared or were replaced, and tells reactors of changes, table by table, until
+  // shouldYield (asked after each change) says stop. True: nothing is left. Tables take turns at being first. Not
+  // called from inside a reactor.
+  bool deliverChanges(const std::function<bool()>& shouldYield);
+  // Whether any mounted table has something to deliver, or has appeared or been replaced. Cheap: it reads a word and
+  // asks for a file's identity per table. Finds also what a writer changed that died before it flushed.
+  bool pendingChanges();
+
+  // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has
+  // no more of its kind; changes are then found by pendingChanges() alone.
+  int wakeupFd() const { return wakeup_.get(); }
+  void handleWakeup();
+  // Wakes the other processes that follow what was written here. For the end of a batch of writes; a table does it by
+  // itself every few thousand writes.
+  void flush();
+
+  // Asserts every written table's invariants. Slow: for tests and debugging.
+  void checkInvariants() const;
+
+ private:
+  struct Mount {
+    std::string typeName;
+    std::shared_ptr<Pondra::TableEntity> table;
+    std::shared_ptr<TableCollection> collection;
+  };
+
+  bool anyPending() const;
+
+  const Platform::TableTypes& types_;
+  std::shared_ptr<TableServiceContext> context_;
+  FileDescriptor wakeup_;
+  std::map<std::string, Mount, std::less<>> mounts_;
+  std::string firstServed_;  // path at which the next delivery begins
+};
+
+// A table file as its header describes it, for tools that list tables.
+struct TableFileInfo {
+  std::string path;  // mount path; of a file with a fault: the file's name
+  std::string typeName;
+  std::string collection;
+  std::size_t size = 0;
+  std::size_t capacity = 0;
+  bool writerAlive = false;
+  std::string fault;  // why the file is no table; empty: it is one
+};
+// All tables under a run directory, by path; none when the directory does not exist.
+std::vector<TableFileInfo> tableFiles(const std::string& runDirectory);
+
+}  // namespace LinuxPlatform

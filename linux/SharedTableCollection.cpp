@@ -1,0 +1,210 @@
+#include "linux/SharedTableCollection.h"
+
+#include <algorithm>
+#include <array>
+
+#include "platform/Assert.h"
+
+namespace LinuxPlatform {
+
+using Pondra::MountKind;
+using Pondra::TableError;
+using Pondra::WriteResult;
+
+namespace {
+// A writer that forgets to flush is noticed after so many writes.
+constexpr std::uint32_t writesPerFlush = 4096;
+}  // namespace
+
+TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, MountKind kind,
+                                 Pondra::TableLayout layout, std::uint32_t capacity)
+    : context_(std::move(context)),
+      path_(std::move(path)),
+      kind_(kind),
+      layout_(std::move(layout)),
+      report_([this](std::string_view what) { reportCorruption(what); }) {
+  if (kind_ == MountKind::writer) {
+    openForWriting(capacity);
+  } else {
+    file_ = TableFile::open(context_->directory, path_, layout_, false);
+  }
+  if (file_) view_.emplace(file_->image(), report_);
+}
+
+void TableCollection::openForWriting(std::uint32_t capacity) {
+  lock_ = lockTable(context_->directory, path_);
+  file_ = TableFile::open(context_->directory, path_, layout_, true);
+  if (file_ && file_->capacity() != capacity) {
+    migrate(capacity);
+  } else {
+    const bool isNew = !file_;
+    if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
+    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
+    if (isNew) file_->publish();
+  }
+}
+
+// Copies the entries into a file of the new capacity and puts it in the place of the old one, which its readers go on
+// reading until they notice.
+void TableCollection::migrate(std::uint32_t capacity) {
+  const std::shared_ptr<TableFile> old = std::move(file_);
+  const TableWriter oldEntries(old->image(), old->capacity(), report_);
+  const auto slots = std::max(capacity, static_cast<std::uint32_t>(oldEntries.size()));
+  file_ = TableFile::create(context_->directory, path_, layout_, capacity, slots);
+  writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
+  writer_->copyFrom(TableView(old->image(), report_));
+  file_->publish();
+}
+
+void TableCollection::close() {
+  follow(nullptr);
+  writer_.reset();
+  view_.reset();
+  file_.reset();
+  lock_ = FileDescriptor();
+}
+
+std::size_t TableCollection::size() const {
+  if (!view_) return 0;
+  const TableImage& image = view_->image();
+  return static_cast<std::size_t>(std::min<std::uint64_t>(load(image.state().liveCount), image.geometry().slots));
+}
+
+std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize && value.size() >= layout_.maxValueSize);
+  Entry found;
+  if (!view_ || !view_->find(keyWords(key), value, found)) return std::nullopt;
+  if (follower_) follower_->seen(found);
+  return found.size;
+}
+
+bool TableCollection::has(Bytes key) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  Entry found;
+  if (!view_ || !view_->has(keyWords(key), found)) return false;
+  if (follower_) follower_->seen(found);
+  return true;
+}
+
+std::optional<std::size_t> TableCollection::seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
+                                                 std::uint64_t& hint) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize && keyOut.size() >= layout_.keySize);
+  PLATFORM_ASSERT(value.size() >= layout_.maxValueSize);
+  Entry found;
+  if (!view_ || !view_->seek(keyWords(key), inclusive, value, hint, found)) return std::nullopt;
+  if (follower_) follower_->seen(found);
+  keyBytes(found.contents.key, keyOut.first(layout_.keySize));
+  return found.size;
+}
+
+TableWriter& TableCollection::writerFor(std::string_view operation) {
+  if (!writer_) refuse(operation, Pondra::notAllowedText(mounted(), follower_ != nullptr));
+  return *writer_;
+}
+
+void TableCollection::refuse(std::string_view operation, const std::string& text) const {
+  throw TableError(path_ + " " + layout_.collection + std::string(operation) + ": " + text);
+}
+
+WriteResult TableCollection::write(Bytes key, Bytes value) {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  TableWriter& writer = writerFor("Is");
+  if (value.size() > layout_.maxValueSize) {
+    refuse("Is", Pondra::payloadText(layout_.typeName, value.size(), layout_.maxValueSize));
+  }
+  const WriteResult result = writer.write(keyWords(key), value);
+  if (result == WriteResult::ok) written();
+  return result;
+}
+
+bool TableCollection::erase(Bytes key) {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  const bool erased = writerFor("Del").erase(keyWords(key));
+  if (erased) written();
+  return erased;
+}
+
+void TableCollection::written() {
+  if (++unflushed_ >= writesPerFlush) flush();
+  if (follower_) context_->wantDelivery();
+}
+
+void TableCollection::flush() {
+  if (unflushed_ == 0) return;
+  unflushed_ = 0;
+  file_->ringDoorbell();
+}
+
+std::uint64_t TableCollection::follow(Sink* sink) {
+  sink_ = nullptr;
+  follower_.reset();
+  streaming_ = false;
+  if (sink != nullptr && kind_ != MountKind::keyedReader) {
+    sink_ = sink;
+    follower_ = std::make_shared<ChangeFollower>(report_);
+    if (view_) follower_->start(*view_);
+  }
+  return lastSequence();
+}
+
+bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
+  const std::shared_ptr<ChangeFollower> follower = follower_;
+  const std::shared_ptr<TableFile> file = file_;  // the sink may unmount the table
+  if (!follower || !(streaming_ || follower->pending())) return true;
+  // The sink may stop following, or start again, from inside any of its calls.
+  const auto followed = [&] { return follower_ == follower; };
+  if (!streaming_) {
+    streaming_ = true;
+    sink_->quiescedChanged(false);
+  }
+  std::array<std::byte, Pondra::maxKeySize> bytes;
+  const MutableBytes key(bytes.data(), layout_.keySize);
+  follower->deliver([&](const KeyWords& words, std::uint64_t sequence) {
+    if (!followed()) return false;
+    keyBytes(words, key);
+    sink_->keyChanged(key, sequenceBase_ + sequence);
+    return followed() && !shouldYield();
+  });
+  if (!followed()) return true;
+  if (follower->pending()) return false;
+  streaming_ = false;
+  sink_->quiescedChanged(true);
+  return !pending();
+}
+
+void TableCollection::checkReplacement() {
+  if (kind_ == MountKind::writer) return;
+  const FileIdentity now = fileIdentity(fileName());
+  if (now == FileIdentity{} || now == refused_) return;
+  if (!file_ || now != file_->identity()) replacementDue_ = true;
+}
+
+void TableCollection::adoptReplacement() {
+  if (!std::exchange(replacementDue_, false)) return;
+  std::unique_ptr<TableFile> next;
+  const FileIdentity identity = fileIdentity(fileName());
+  try {
+    next = TableFile::open(context_->directory, path_, layout_, false);
+  } catch (const TableError& error) {
+    refused_ = identity;
+    context_->corruptionHandler(path_, error.what());
+  }
+  if (!next || (file_ && next->identity() == file_->identity())) return;
+  const bool appeared = !file_;
+  if (!appeared) sequenceBase_ = lastSequence() + 1;
+  const auto old = std::exchange(file_, std::move(next));  // the follower's until it has gone over
+  view_.emplace(file_->image(), report_);
+  if (!follower_) return;
+  follower_->restart(*view_);
+  if (appeared) sink_->mountStatusChanged();
+}
+
+void TableCollection::reportCorruption(std::string_view what) const {
+  if (context_->corruptionHandler) context_->corruptionHandler(path_, std::string(what));
+}
+
+void TableCollection::checkInvariants() const {
+  if (writer_) writer_->checkInvariants();
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,93 @@
+// One mounted table: the file, its reader, and its writer or follower, behind the platform's interface.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "linux/SharedTableFile.h"
+#include "linux/SharedTableFollower.h"
+#include "linux/SharedTableView.h"
+#include "linux/SharedTableWriter.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+// What the mounts of one service share; lives as long as the last of them.
+struct TableServiceContext {
+  std::string directory;  // of the table files
+  std::function<void(const std::string& path, const std::string& what)> corruptionHandler;
+  std::function<void()> deliveryWanted;
+  bool deliveryAsked = false;  // since the last delivery
+
+  void wantDelivery() {
+    if (deliveryAsked) return;
+    deliveryAsked = true;
+    if (deliveryWanted) deliveryWanted();
+  }
+};
+
+class TableCollection final : public Pondra::SharedCollection {
+ public:
+  // Opens the table: a reader's may be missing. Throws TableError.
+  TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, Pondra::MountKind kind,
+                  Pondra::TableLayout layout, std::uint32_t capacity);
+
+  const std::string& path() const override { return path_; }
+  Pondra::MountKind kind() const override { return kind_; }
+  bool mounted() const override { return file_ != nullptr; }
+  std::size_t size() const override;
+  std::size_t capacity() const override { return file_ ? file_->capacity() : 0; }
+  std::optional<std::size_t> find(Bytes key, MutableBytes value) const override;
+  bool has(Bytes key) const override;
+  std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
+                                  std::uint64_t& hint) const override;
+  Pondra::WriteResult write(Bytes key, Bytes value) override;
+  bool erase(Bytes key) override;
+  std::uint64_t follow(Sink* sink) override;
+  std::uint64_t lastSequence() const override { return view_ ? sequenceBase_ + view_->headSequence() : 0; }
+  void reportCorruption(std::string_view what) const override;
+
+  // Lets go of file and lock; whoever still holds the collection finds it empty.
+  void close();
+  // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
+  bool deliver(const std::function<bool()>& shouldYield);
+  bool pending() const { return replacementDue_ || streaming_ || (follower_ && follower_->pending()); }
+  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it.
+  void checkReplacement();
+  void adoptReplacement();
+  // Makes those who watch the file look, if anything was written.
+  void flush();
+  void checkInvariants() const;
+
+ private:
+  std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
+  void openForWriting(std::uint32_t capacity);
+  void migrate(std::uint32_t capacity);
+  void written();
+  TableWriter& writerFor(std::string_view operation);
+  [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
+
+  std::shared_ptr<TableServiceContext> context_;
+  std::string path_;
+  Pondra::MountKind kind_;
+  Pondra::TableLayout layout_;
+  DamageReport report_;
+  FileDescriptor lock_;
+  std::shared_ptr<TableFile> file_;
+  std::optional<TableView> view_;
+  std::unique_ptr<TableWriter> writer_;
+  std::uint32_t unflushed_ = 0;  // writes since the last flush
+
+  Sink* sink_ = nullptr;
+  std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
+  bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
+  std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
+  bool replacementDue_ = false;
+  FileIdentity refused_;  // a replacement that is no table of this type
+};
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,101 @@
+// Table files: their names, the lock of their writer, creating and mapping them.
+//
+//   <run directory>/tables/<name>.table   the table (SharedTableFormat.h)
+//   <run directory>/tables/<name>.lock    locked by the writer; stays when the table is replaced
+//   <run directory>/tables/<name>.new     a table being made; gets its name when it is complete
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "linux/SharedTableFormat.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+// The name for a mount path, without its suffix: letters, digits, '-' and '_' stand for themselves, '/' becomes '.',
+// anything else %XX, so that no path leads out of the directory and no two share a name. A name that would be longer
+// than a file name may be ends in a hash of the path instead; the header tells whose file it is.
+std::string tableFileName(std::string_view path);
+
+// An open file descriptor.
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~FileDescriptor();
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+// The writer's lock, held while the descriptor lives and let go by the kernel when its process ends. Throws TableError
+// when another holds it.
+FileDescriptor lockTable(const std::string& directory, const std::string& path);
+// Whether somebody holds it.
+bool tableLocked(const std::string& directory, const std::string& path);
+
+// Which file a name leads to; {0, 0}: none.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const FileIdentity&) const = default;
+};
+FileIdentity fileIdentity(const std::string& fileName);
+
+// A mapped table file whose header has been checked against its layout. Not moved: images refer to its geometry.
+class TableFile {
+ public:
+  // Maps an existing table; null when there is none. Throws TableError when the file is no table of this path and
+  // layout, or shorter than it says.
+  static std::unique_ptr<TableFile> open(const std::string& directory, const std::string& path,
+                                         const Pondra::TableLayout& layout, bool writable);
+  // Makes an empty table under its temporary name; publish() gives it its own, replacing an older file. Takes the
+  // writer's lock for granted. Throws TableError when the system refuses.
+  static std::unique_ptr<TableFile> create(const std::string& directory, const std::string& path,
+                                           const Pondra::TableLayout& layout, std::uint32_t capacity,
+                                           std::uint32_t slots);
+  void publish();
+
+  TableFile(const TableFile&) = delete;
+  TableFile& operator=(const TableFile&) = delete;
+  ~TableFile();
+
+  const TableImage& image() const { return image_; }
+  std::uint32_t capacity() const { return capacity_; }
+  const FileIdentity& identity() const { return identity_; }
+  // Makes the file's watchers look. Writable files only.
+  void ringDoorbell() const;
+
+ private:
+  TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
+            std::byte* base);
+
+  std::string name_;  // without suffix, with its directory
+  FileDescriptor fd_;
+  TableGeometry geometry_;
+  std::uint32_t capacity_;
+  std::byte* base_;
+  TableImage image_;
+  FileIdentity identity_;
+};
+
+// The header of a file in a table directory, or why it has none.
+struct TableFileHeader {
+  TableHeader header{};
+  std::uint64_t liveCount = 0;
+  std::string fault;  // empty: the header is good
+};
+TableFileHeader readTableHeader(const std::string& fileName);
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,329 @@
+#include "linux/TaskScheduler.h"
+
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <ctime>
+#include <system_error>
+
+#include "platform/Assert.h"
+
+namespace LinuxPlatform {
+
+using Platform::Task;
+using Platform::TaskPriority;
+using Platform::TaskStatistics;
+
+// --- The ordering core -----------------------------------------------------------------------------------------------
+
+// Shared by its handle and, while the body runs, by the queue: a body may destroy its own task.
+struct TaskQueue::Job : std::enable_shared_from_this<Job> {
+  std::uint64_t id = 0;
+  std::function<void()> body;
+  TaskStatistics statistics;
+  std::map<Order, Job*>* queue = nullptr;  // where it stands: waiting_, due_ or nowhere
+  Order order;
+};
+
+class TaskQueue::Handle final : public Task {
+ public:
+  Handle(TaskQueue& queue, std::shared_ptr<Job> job) : queue_(queue), job_(std::move(job)) {}
+  ~Handle() override {
+    queue_.cancel(*job_);
+    queue_.tasks_.erase(job_->id);
+  }
+  void scheduleWithin(double delay) override { queue_.scheduleWithin(*job_, delay); }
+  bool shouldYield() override { return queue_.sliceSpent(); }
+  void workCountIs(std::uint64_t handled) override { job_->statistics.workDone += handled; }
+  void workPendingIs(std::uint64_t pending) override { job_->statistics.workPending = pending; }
+
+ private:
+  TaskQueue& queue_;
+  std::shared_ptr<Job> job_;
+};
+
+TaskQueue::~TaskQueue() {
+  PLATFORM_ASSERT_TEXT(tasks_.empty(), "a task outlives its scheduler");
+}
+
+std::unique_ptr<Task> TaskQueue::taskIs(std::string_view name, TaskPriority priority, std::function<void()> body) {
+  auto job = std::make_shared<Job>();
+  job->id = nextId_++;
+  job->body = std::move(body);
+  job->statistics.name = name;
+  job->statistics.priority = priority;
+  tasks_[job->id] = job.get();
+  return std::make_unique<Handle>(*this, std::move(job));
+}
+
+std::vector<TaskStatistics> TaskQueue::statistics() const {
+  std::vector<TaskStatistics> all;
+  all.reserve(tasks_.size());
+  for (const auto& [id, job] : tasks_) all.push_back(job->statistics);
+  return all;
+}
+
+void TaskQueue::scheduleWithin(Job& job, double delay) {
+  PLATFORM_ASSERT(!std::isnan(delay));
+  if (delay == Task::never || job.queue == &due_) return;
+  const double due = now_ + std::max(delay, 0.0);
+  if (job.queue == &waiting_ && job.order.first <= due) return;
+  cancel(job);
+  job.order = {due, sequence_++};
+  job.queue = &waiting_;
+  waiting_[job.order] = &job;
+}
+
+void TaskQueue::cancel(Job& job) {
+  if (job.queue != nullptr) job.queue->erase(job.order);
+  job.queue = nullptr;
+}
+
+double TaskQueue::nextDue() const {
+  if (!due_.empty()) return now_;
+  return waiting_.empty() ? Task::never : waiting_.begin()->first.first;
+}
+
+void TaskQueue::collectDue() {
+  while (!waiting_.empty() && waiting_.begin()->first.first <= now_) {
+    Job& job = *waiting_.begin()->second;
+    cancel(job);
+    job.order = {static_cast<double>(job.statistics.priority), sequence_++};
+    job.queue = &due_;
+    due_[job.order] = &job;
+  }
+}
+
+bool TaskQueue::anyDue() {
+  collectDue();
+  return !due_.empty();
+}
+
+bool TaskQueue::runNext() {
+  if (!anyDue()) return false;
+  Job* next = due_.begin()->second;
+  cancel(*next);
+  const std::shared_ptr<Job> job = next->shared_from_this();
+  sliceStarts();
+  const double start = stopwatch();
+  job->body();
+  const double duration = stopwatch() - start;
+  ++job->statistics.runs;
+  job->statistics.totalRun += duration;
+  job->statistics.longestRun = std::max(job->statistics.longestRun, duration);
+  return true;
+}
+
+// --- Virtual time ----------------------------------------------------------------------------------------------------
+
+void SimulatedScheduler::advance(double seconds) {
+  PLATFORM_ASSERT(seconds >= 0);
+  const double end = now() + seconds;
+  runDue();
+  while (nextDue() <= end) {
+    nowIs(std::max(now(), nextDue()));
+    runDue();
+  }
+  nowIs(end);
+}
+
+std::uint64_t SimulatedScheduler::runDue() {
+  constexpr std::uint64_t endless = 10'000'000;
+  std::uint64_t runs = 0;
+  betweenRuns();
+  while (anyDue()) {
+    running_ = true;
+    runNext();
+    running_ = false;
+    betweenRuns();
+    ++runs;
+    PLATFORM_ASSERT_TEXT(runs < endless, "a task asks to run again without end");
+  }
+  return runs;
+}
+
+void SimulatedScheduler::betweenRuns() {
+  sliceStarts();
+  if (afterRun_) afterRun_();
+}
+
+void SimulatedScheduler::sliceStarts() {
+  asked_ = 0;
+}
+
+bool SimulatedScheduler::sliceSpent() {
+  if (yieldAfter_ == 0 || ++asked_ < yieldAfter_) return false;
+  // Outside of task runs nothing marks the begin of a callback: there each "yes" ends one.
+  if (!running_) asked_ = 0;
+  return true;
+}
+
+// --- The event loop --------------------------------------------------------------------------------------------------
+
+namespace {
+
+double monotonicSeconds() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
+int checked(int result, const char* what) {
+  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+  return result;
+}
+
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  return set;
+}
+
+}  // namespace
+
+// Events name a watch by a number of its own, never by its descriptor: within one batch a descriptor may have been
+// closed and given to somebody else.
+struct EventLoop::Watch {
+  std::function<void(std::uint32_t)> ready;
+};
+
+EventLoop::EventLoop(double timeSlice) : timeSlice_(timeSlice) {
+  epollFd_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
+  timerFd_ = checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create");
+  fdIs(timerFd_, EPOLLIN, [this](std::uint32_t) {
+    std::uint64_t expirations = 0;
+    [[maybe_unused]] const auto count = read(timerFd_, &expirations, sizeof expirations);
+    armedFor_ = Task::never;
+  });
+  nowIs(monotonicSeconds());
+}
+
+EventLoop::~EventLoop() {
+  if (signalFd_ >= 0) {
+    close(signalFd_);
+    const sigset_t set = stopSignals();
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_DFL);
+  }
+  close(timerFd_);
+  close(epollFd_);
+}
+
+void EventLoop::fdIs(int fd, std::uint32_t events, std::function<void(std::uint32_t)> ready) {
+  const auto old = watchOfFd_.find(fd);
+  const bool known = old != watchOfFd_.end();
+  const std::uint64_t id = nextWatch_++;
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = id;
+  checked(epoll_ctl(epollFd_, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+  if (known) watches_.erase(old->second);
+  watchOfFd_[fd] = id;
+  watches_[id] = std::make_shared<Watch>(Watch{std::move(ready)});
+}
+
+void EventLoop::fdDel(int fd) {
+  const auto found = watchOfFd_.find(fd);
+  if (found == watchOfFd_.end()) return;
+  epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+  watches_.erase(found->second);
+  watchOfFd_.erase(found);
+}
+
+void EventLoop::stopOnSignals() {
+  if (signalFd_ >= 0) return;
+  const sigset_t set = stopSignals();
+  std::signal(SIGPIPE, SIG_IGN);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signalFd_ = checked(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd");
+  fdIs(signalFd_, EPOLLIN, [this](std::uint32_t) {
+    signalfd_siginfo info{};
+    if (read(signalFd_, &info, sizeof info) > 0) stop();
+  });
+}
+
+void EventLoop::run() {
+  while (!stopped_) runOnce(Task::never);
+}
+
+void EventLoop::runOnce(double seconds) {
+  if (seconds > 0) armTimer(nextDue());
+  constexpr double longestWait = 3600;
+  const bool wait = seconds > 0 && nextDue() > monotonicSeconds();
+  runDescriptors(wait ? static_cast<int>(std::ceil(std::min(seconds, longestWait) * 1000)) : 0);
+  if (!stopped_) runTasks();
+  if (afterBatch_) afterBatch_();
+}
+
+void EventLoop::armTimer(double due) {
+  if (due == armedFor_ || due == Task::never) return;
+  armedFor_ = due;
+  itimerspec spec{};
+  spec.it_value.tv_sec = static_cast<time_t>(due);
+  // Rounded up, and never the 0 that would disarm it: a timer that fires early costs a turn of the loop.
+  spec.it_value.tv_nsec = std::min(999'999'999L, static_cast<long>((due - std::floor(due)) * 1e9) + 1);
+  checked(timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr), "timerfd_settime");
+}
+
+void EventLoop::runDescriptors(int timeoutMilliseconds) {
+  std::array<epoll_event, 64> events;
+  const int count = epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), timeoutMilliseconds);
+  if (count < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "epoll_wait");
+  for (int i = 0; i < count; ++i) {
+    const epoll_event& event = events[static_cast<std::size_t>(i)];
+    const auto found = watches_.find(event.data.u64);
+    if (found == watches_.end()) continue;
+    const std::shared_ptr<Watch> watch = found->second;  // the callback may take its own watch away
+    sliceStarts();
+    watch->ready(event.events);
+  }
+}
+
+// Descriptors are looked at again after about a slice, however many tasks are due.
+void EventLoop::runTasks() {
+  const double start = monotonicSeconds();
+  nowIs(start);
+  while (runNext()) {
+    nowIs(monotonicSeconds());
+    if (stopped_ || now() - start >= timeSlice_) return;
+  }
+}
+
+double EventLoop::stopwatch() const {
+  return monotonicSeconds();
+}
+
+void EventLoop::sliceStarts() {
+  sliceStart_ = lastLook_ = monotonicSeconds();
+  nowIs(sliceStart_);
+  untilLook_ = 0;
+  lookInterval_ = 1;
+  spent_ = false;
+}
+
+// Reading the clock costs about as much as a small entry's work, so after a few looks it is read once in up to 64
+// questions; the interval shrinks again when the questions come slowly.
+bool EventLoop::sliceSpent() {
+  if (spent_) return true;
+  if (untilLook_ > 0) {
+    --untilLook_;
+    return false;
+  }
+  const double time = monotonicSeconds();
+  spent_ = time - sliceStart_ >= timeSlice_;
+  const bool quick = (time - lastLook_) * 32 < timeSlice_;
+  lookInterval_ = quick ? std::min(lookInterval_ * 2, 64U) : std::max(lookInterval_ / 2, 1U);
+  untilLook_ = lookInterval_ - 1;
+  lastLook_ = time;
+  return spent_;
+}
+
+}  // namespace LinuxPlatform

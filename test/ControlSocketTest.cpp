@@ -1,0 +1,268 @@
+#include <gmock/gmock.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "RouteCache/RouteCacheConfig.h"
+#include "linux/ControlOperations.h"
+#include "linux/ControlSocket.h"
+#include "linux/PlatformTypes.h"
+#include "platform/Nexthop.h"
+#include "platform/Vxlan.h"
+
+using LinuxPlatform::ControlReply;
+using LinuxPlatform::ControlSocket;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+// A command's end of the socket, in the same process: nothing of it may block.
+class Peer {
+ public:
+  explicit Peer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  }
+  ~Peer() { leave(); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  void send(std::string_view bytes) {
+    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+  }
+  // What has arrived; sets `closed` at the end of the connection.
+  std::string receive() {
+    std::string all;
+    std::array<char, 65536> buffer{};
+    ssize_t count = 0;
+    while ((count = recv(fd_, buffer.data(), buffer.size(), 0)) > 0) {
+      all.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    closed = count == 0 || errno == ECONNRESET;
+    return all;
+  }
+  void leave() {
+    if (fd_ >= 0) close(fd_);
+    fd_ = -1;
+  }
+  bool closed = false;
+
+ private:
+  int fd_;
+};
+
+class ControlSocketTest : public testing::Test {
+ protected:
+  ControlSocketTest() {
+    LinuxPlatform::addPlatformTypes(types, tables);
+    types.typeIs<RouteCache::CliConfig>("RouteCache::CliConfig");
+    LinuxPlatform::addEntityOperations(control, db);
+    LinuxPlatform::addTaskOperation(control, loop);
+    vtis = std::dynamic_pointer_cast<Vxlan::VtiStatusDir>(db.entityOrNew("vxlan", "Vxlan::VtiStatusDir"));
+  }
+  void turn(int times = 8) {
+    for (int i = 0; i < times; ++i) loop.runOnce(0);
+  }
+  // The whole reply to one request.
+  std::string ask(const std::string& request) {
+    Peer peer(path);
+    peer.send(request + "\n");
+    turn();
+    return peer.receive();
+  }
+  std::string set(const std::string& field, const std::string& value) {
+    return ask(R"({"op": "set", "path": "vxlan", "field": ")" + field + R"(", "value": ")" + value + R"("})");
+  }
+  std::string get(const std::string& field) {
+    return ask(R"({"op": "get", "path": "vxlan", "field": ")" + field + R"("})");
+  }
+
+  const std::string path = "/tmp/control-test-" + std::to_string(getpid());
+  Lattis::EntityTypes types;
+  Platform::TableTypes tables;
+  LinuxPlatform::EventLoop loop;
+  LinuxPlatform::EmbeddedStateDb db{types, loop};
+  ControlSocket control{loop, path};
+  std::shared_ptr<Vxlan::VtiStatusDir> vtis;
+};
+
+constexpr const char* done = "{\"done\":true}\n";
+
+TEST_F(ControlSocketTest, FieldsAreSetReadAndDeletedAtAnyDepth) {
+  EXPECT_EQ(set("vtiStatus[Vxlan1].operStatus", "up"), done) << "children on the way are made";
+  EXPECT_EQ(set("vtiStatus[Vxlan1].extendedVlanToVniMap[10]", "10010"), done);
+  EXPECT_EQ(ask(R"({"op": "set", "path": "vxlan", "field": "vtiStatus[Vxlan2]"})"), done);
+  EXPECT_EQ(vtis->vtiStatus(IntfId("Vxlan1"))->extendedVlanToVniMap().at(10), Vxlan::Vni(10010));
+
+  EXPECT_EQ(get("vtiStatus[Vxlan1].operStatus"),
+            std::string("{\"field\":\"vtiStatus[Vxlan1].operStatus\",\"value\":\"up\"}\n") + done);
+  EXPECT_THAT(get("vtiStatus[Vxlan1].extendedVlanToVniMap"),
+              HasSubstr(R"({"field":"vtiStatus[Vxlan1].extendedVlanToVniMap[10]","value":"10010"})"));
+  const std::string all = ask(R"({"op": "get", "path": "vxlan"})");
+  EXPECT_THAT(all, HasSubstr(R"({"field":"vtiStatus[Vxlan1].extendedVlanToVniMap[10]","value":"10010"})"));
+  EXPECT_THAT(all, HasSubstr("{\"field\":\"vtiStatus[Vxlan2]\"}\n"));
+  EXPECT_THAT(ask(R"({"op": "get"})"), HasSubstr(R"({"path":"vxlan","type":"Vxlan::VtiStatusDir"})"));
+
+  EXPECT_EQ(ask(R"({"op": "del", "path": "vxlan", "field": "vtiStatus[Vxlan1].extendedVlanToVniMap[10]"})"), done);
+  EXPECT_TRUE(vtis->vtiStatus(IntfId("Vxlan1"))->extendedVlanToVniMap().empty());
+  EXPECT_THAT(ask(R"({"op": "tasks"})"), HasSubstr("\"name\":\"controlAcceptTask\",\"priority\":\"1\""));
+
+  // Keys end at their own bracket, whatever they hold.
+  db.entityOrNew("names", "Vrf::VrfIdMap::NameToIdMapWrapper");
+  EXPECT_EQ(ask(R"({"op": "set", "path": "names", "field": "nameToId[a.b/c[1].d]", "value": 5})"), done);
+  EXPECT_THAT(ask(R"({"op": "get", "path": "names"})"), HasSubstr(R"("nameToId[a.b/c[1].d]","value":"5")"));
+}
+
+TEST_F(ControlSocketTest, WhatCannotBeDoneIsOneErrorAndNoChange) {
+  const auto config = db.entityOrNew("config", "RouteCache::CliConfig");
+  const struct {
+    const char* what;
+    const char* request;
+    const char* error;
+  } cases[] = {
+      {"unknown operation", R"({"op": "mow"})", "'mow'"},
+      {"unknown path", R"({"op": "get", "path": "nowhere"})", "'nowhere'"},
+      {"unknown field", R"({"op": "get", "path": "vxlan", "field": "mtu"})", "vxlan mtu: Vxlan::VtiStatusDir has no"},
+      {"no field to set", R"({"op": "set", "path": "vxlan"})", "set wants a field"},
+      {"no field at all", R"({"op": "get", "path": "vxlan", "field": "vtiStatus[Vxlan1"})", "is not a field"},
+      {"no such entry", R"({"op": "get", "path": "vxlan", "field": "vtiStatus[Vxlan9]"})", "no entry"},
+      {"a bad value, the child on the way goes again",
+       R"({"op": "set", "path": "vxlan", "field": "vtiStatus[Vxlan9].operStatus", "value": "sideways"})", "sideways"},
+      {"a collection wants a key", R"({"op": "set", "path": "vxlan", "field": "vtiStatus", "value": "1"})", "[KEY]"},
+      {"an attribute has no entries", R"({"op": "del", "path": "config", "field": "lowThresholdIdleTime[1]"})",
+       "no entries"},
+      {"an attribute cannot be deleted", R"({"op": "del", "path": "config", "field": "lowThresholdIdleTime"})",
+       "cannot be deleted"},
+      {"values that do not go together are put back",
+       R"({"op": "set", "path": "config", "field": "lowThresholdHwUtilPercentage", "value": 99})", "config lowThres"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string reply = ask(c.request);
+    EXPECT_THAT(reply, testing::StartsWith("{\"error\":"));
+    EXPECT_THAT(reply, HasSubstr(c.error));
+    EXPECT_EQ(reply.find('\n'), reply.size() - 1);
+  }
+  EXPECT_TRUE(vtis->vtiStatus().empty());
+  EXPECT_EQ(std::dynamic_pointer_cast<RouteCache::CliConfig>(config)->lowThresholdHwUtilPercentage(), 85);
+  EXPECT_EQ(control.statistics()->dropped(), 0U) << "a mistake is answered, not punished";
+}
+
+TEST_F(ControlSocketTest, RequestsMayComeInPiecesAndSeveralAtOnce) {
+  Peer peer(path);
+  peer.send(R"({"op": "get", "pa)");
+  turn();
+  EXPECT_EQ(peer.receive(), "");
+  peer.send("th\": \"nowhere\"}\n{\"op\": \"mow\"}\n{\"op\"");
+  turn();
+  const std::string replies = peer.receive();
+  EXPECT_LT(replies.find("nowhere"), replies.find("mow"));
+  EXPECT_FALSE(peer.closed);
+}
+
+TEST_F(ControlSocketTest, BadBytesCostTheirSenderTheConnectionAndNobodyElse) {
+  const std::string nested(10'000, '[');
+  const std::vector<std::string> bad = {"hello\n",
+                                        "[1]\n",
+                                        "{\"path\": \"vxlan\"}\n",
+                                        "{\"op\": [\"get\"]}\n",
+                                        "{\"op\": \"get\", \"path\": \"\xff\"}\n",
+                                        nested + "\n",
+                                        std::string(ControlSocket::maxRequestSize + 1, 'x'),
+                                        "{\"op\": \"" + std::string(ControlSocket::maxRequestSize, 'x') + "\"}\n"};
+  Peer bystander(path);
+  turn();
+  for (const auto& bytes : bad) {
+    SCOPED_TRACE(bytes.substr(0, 20));
+    Peer peer(path);
+    peer.send(bytes);
+    turn();
+    EXPECT_EQ(peer.receive(), "");
+    EXPECT_TRUE(peer.closed);
+  }
+  EXPECT_EQ(control.statistics()->dropped(), bad.size());
+  bystander.send("{\"op\": \"get\", \"path\": \"vxlan\"}\n");
+  turn();
+  EXPECT_EQ(bystander.receive(), done);
+}
+
+// An endless reply, and how often it was asked for more.
+class EndlessReply final : public ControlReply {
+ public:
+  EndlessReply(int& pieces, bool& destroyed) : pieces_(pieces), destroyed_(destroyed) {}
+  ~EndlessReply() override { destroyed_ = true; }
+  bool produce(std::string& lines) override {
+    ++pieces_;
+    lines += std::string(1000, 'x') + "\n";
+    return true;
+  }
+
+ private:
+  int& pieces_;
+  bool& destroyed_;
+};
+
+TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
+  int pieces = 0;
+  bool destroyed = false;
+  control.opIs("endless", [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  Peer stalled(path);
+  stalled.send("{\"op\": \"endless\"}\n");
+  turn(200);
+  const int produced = pieces;
+  EXPECT_GT(produced, 10);
+  turn(200);
+  EXPECT_EQ(pieces, produced) << "nothing is produced that nobody takes";
+  EXPECT_EQ(ask(R"({"op": "get", "path": "vxlan"})"), done);
+  EXPECT_GT(stalled.receive().size(), 0U);
+  turn(20);
+  EXPECT_GT(pieces, produced) << "it goes on when the reader does";
+  stalled.leave();
+  turn();
+  EXPECT_TRUE(destroyed);
+}
+
+TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
+  class SlowReply final : public ControlReply {
+   public:
+    explicit SlowReply(int& asked) : asked_(asked) {}
+    bool produce(std::string&) override { return ++asked_ < 5; }
+
+   private:
+    int& asked_;
+  };
+  int asked = 0;
+  control.opIs("slow", [&](const auto&) { return std::make_unique<SlowReply>(asked); });
+  Peer peer(path);
+  peer.send("{\"op\": \"slow\"}\n");
+  turn(2);
+  EXPECT_LT(asked, 5);
+  EXPECT_GT(asked, 0);
+  turn(10);
+  EXPECT_EQ(peer.receive(), done);
+}
+
+TEST_F(ControlSocketTest, NewcomersPushOutTheSilentAndTheDeadLeaveNothing) {
+  std::vector<std::unique_ptr<Peer>> silent;
+  for (std::size_t i = 0; i < ControlSocket::maxClients; ++i) silent.push_back(std::make_unique<Peer>(path));
+  turn();
+  EXPECT_THAT(ask(R"({"op": "mow"})"), HasSubstr("error"));
+  EXPECT_EQ(control.statistics()->evicted(), 1U);
+  silent.clear();
+  turn();
+  for (int i = 0; i < 100; ++i) Peer(path).send("{\"op\": \"get\"}\n");  // gone before the answer
+  turn(50);
+  EXPECT_THAT(ask(R"({"op": "get", "path": "vxlan"})"), HasSubstr("done"));
+}
+
+}  // namespace

@@ -1,0 +1,626 @@
+// Table files between real processes: readers beside a writer at full speed, writers that are stopped, killed at any
+// instruction and replaced, files that are damaged.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <thread>
+
+#include "linux/SharedTable.h"
+#include "linux/SharedTableFormat.h"
+#include "linux/SharedTableView.h"
+#include "linux/SharedTableWriter.h"
+#include "platform/Hash.h"
+#include "test/support/TestTables.h"
+
+namespace {
+
+using LinuxPlatform::SharedTableService;
+using Pondra::CollectionInfo;
+using Pondra::MountKind;
+using Pondra::TableError;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using TestTables::FixedRecord;
+using TestTables::FixedTable;
+using TestTables::SizedRecord;
+using TestTables::SizedTable;
+
+constexpr auto never = [] { return false; };
+
+// A child that runs one function and goes with its parent, if not before.
+class Process {
+ public:
+  explicit Process(const std::function<void()>& run) : pid_(fork()) {
+    if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    run();
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process() { kill(); }
+  pid_t pid() const { return pid_; }
+  void signal(int number) const { ::kill(pid_, number); }
+  // Its wait status once it has stopped or ended.
+  int waited() const {
+    int status = 0;
+    waitpid(pid_, &status, WUNTRACED);
+    return status;
+  }
+  void kill() {
+    if (pid_ <= 0) return;
+    signal(SIGKILL);
+    waitpid(std::exchange(pid_, 0), nullptr, 0);
+  }
+
+ private:
+  pid_t pid_;
+};
+
+// What a child tells its parent while both run.
+struct Progress {
+  std::atomic<std::uint64_t> done{0};
+};
+class SharedProgress {
+ public:
+  SharedProgress()
+      : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
+                      Progress) {}
+  ~SharedProgress() { munmap(progress_, sizeof(Progress)); }
+  Progress* operator->() const { return progress_; }
+  void waitFor(std::uint64_t done) const {
+    while (progress_->done < done) std::this_thread::yield();
+  }
+
+ private:
+  Progress* progress_;
+};
+
+// The steps of an endless history, each a function of its number alone, so that whoever knows how far a writer came
+// knows what must stand in its tables. Even numbers stay for good once they have come.
+struct Step {
+  explicit Step(std::uint64_t number) {
+    const std::uint64_t hash = Platform::hashOf(number + 1);
+    key = hash % 200;
+    word = hash;
+    remove = key % 2 == 1 && (hash >> 32) % 2 == 0;
+  }
+  FixedRecord fixed() const { return {key, word}; }
+  SizedRecord sized() const { return {key, word, 1 + static_cast<std::uint32_t>(word >> 40) % SizedRecord::maxCount}; }
+  template <class Fixed, class Sized>
+  void applyTo(Fixed& fixedTable, Sized& sizedTable) const {
+    if (remove) {
+      fixedTable.routeDel(key);
+      sizedTable.routeDel(key);
+    } else {
+      fixedTable.routeIs(fixed());
+      sizedTable.routeIs(sized());
+    }
+  }
+  std::uint64_t key, word;
+  bool remove;
+};
+template <class Value>
+Value sample(std::uint64_t key, std::uint64_t word) {
+  if constexpr (std::is_same_v<Value, FixedRecord>) {
+    return {key, word};
+  } else {
+    return {key, word, 1 + static_cast<std::uint32_t>(word)};
+  }
+}
+constexpr std::uint64_t lastingStep = 3000;  // every even number has come by then
+
+template <class Value>
+struct Model {
+  void routeIs(const Value& value) { entries[value.number] = value; }
+  void routeDel(std::uint64_t key) { entries.erase(key); }
+  bool operator==(const Model&) const = default;
+  std::map<std::uint64_t, Value> entries;
+};
+
+template <class TableType>
+auto contents(const TableType& table) {
+  Model<typename TableType::Value> found;
+  std::uint64_t count = 0;
+  for (const auto& value : table) {
+    EXPECT_TRUE(found.entries.empty() || found.entries.rbegin()->first < value.number) << "out of order";
+    found.routeIs(value);
+    ++count;
+  }
+  EXPECT_EQ(count, found.entries.size());
+  return found;
+}
+
+// What a process that follows the table believes it to hold.
+template <class TableType>
+class Believer final : public TableType::Reactor {
+ public:
+  explicit Believer(std::shared_ptr<const TableType> table) : TableType::Reactor(table), table_(std::move(table)) {
+    believed = contents(*table_);
+  }
+  void handleEntry(const std::uint64_t& key) override {
+    ++told;
+    believed.routeDel(key);
+    if (const auto value = table_->route(key)) believed.routeIs(*value);
+  }
+  Model<typename TableType::Value> believed;
+  std::uint64_t told = 0;
+
+ private:
+  std::shared_ptr<const TableType> table_;
+};
+
+class SharedTableProcessTest : public testing::Test {
+ protected:
+  static constexpr std::uint32_t capacity = 300;
+
+  SharedTableProcessTest() {
+    std::string name = testing::TempDir() + "tablesXXXXXX";
+    directory = mkdtemp(name.data());
+  }
+  ~SharedTableProcessTest() override { std::filesystem::remove_all(directory); }
+
+  std::unique_ptr<SharedTableService> service(std::function<void()> deliveryWanted = {}) {
+    auto made = std::make_unique<SharedTableService>(directory, types, std::move(deliveryWanted));
+    made->corruptionHandlerIs(
+        [this](const std::string& path, const std::string& what) { damage.push_back(path + ": " + what); });
+    return made;
+  }
+  template <class TableType = FixedTable>
+  static std::shared_ptr<TableType> mount(SharedTableService& service, MountKind kind,
+                                          std::uint32_t entries = capacity) {
+    const std::string path = pathOf<TableType>();
+    service.mount(path, TableType::typeName, kind,
+                  kind == MountKind::writer ? std::optional(CollectionInfo{"route", entries}) : std::nullopt);
+    return service.get<TableType>(path);
+  }
+  template <class TableType>
+  static std::string pathOf() {
+    return std::is_same_v<TableType, SizedTable> ? "sized" : "fixed";
+  }
+  std::string fileOf(const std::string& path) const { return directory + "/tables/" + path + ".table"; }
+  // A process that writes the history, from the step after `from`, until it is killed.
+  std::unique_ptr<Process> historian(const SharedProgress& progress, std::uint64_t from = 0,
+                                     std::uint32_t entries = capacity) {
+    return std::make_unique<Process>([&, from, entries] {
+      const auto writing = service();
+      const auto fixed = mount<FixedTable>(*writing, MountKind::writer, entries);
+      const auto sized = mount<SizedTable>(*writing, MountKind::writer, entries);
+      for (std::uint64_t step = from + 1;; ++step) {
+        Step(step).applyTo(*fixed, *sized);
+        progress->done = step;
+      }
+    });
+  }
+
+  const Platform::TableTypes types = TestTables::types();
+  std::string directory;
+  std::vector<std::string> damage;
+};
+
+template <class TableType>
+void readEverything(const TableType& table) {
+  const auto found = contents(table);
+  for (std::uint64_t key = 0; key < 200; key += 2) {
+    EXPECT_TRUE(found.entries.contains(key)) << "a walk missed " << key;
+    EXPECT_TRUE(table.route(key)) << "a lookup missed " << key;
+  }
+}
+
+TEST_F(SharedTableProcessTest, ReadersBesideABusyWriterSeeWholeEntries) {
+  SharedProgress progress;
+  const auto writer = historian(progress);
+  progress.waitFor(lastingStep);
+  const auto reading = service();
+  const auto fixed = mount<FixedTable>(*reading, MountKind::reader);
+  const auto sized = mount<SizedTable>(*reading, MountKind::reader);
+  Believer<FixedTable> believer(fixed);
+  while (progress->done < 200000 && !HasFailure()) {
+    readEverything(*fixed);
+    readEverything(*sized);
+    reading->deliverChanges(never);
+  }
+  writer->kill();
+  while (!reading->deliverChanges(never)) {
+  }
+  EXPECT_EQ(believer.believed, contents(*fixed));
+  EXPECT_THAT(damage, IsEmpty());  // a torn value would not be one that can be decoded
+}
+
+TEST_F(SharedTableProcessTest, StoppedWriterHoldsNobodyUp) {
+  SharedProgress progress;
+  const auto writer = historian(progress);
+  progress.waitFor(lastingStep);
+  const auto reading = service();
+  const auto fixed = mount<FixedTable>(*reading, MountKind::reader);
+  const auto sized = mount<SizedTable>(*reading, MountKind::reader);
+  Believer<SizedTable> believer(sized);
+  for (unsigned round = 0; round < 60 && !HasFailure(); ++round) {
+    writer->signal(SIGSTOP);
+    ASSERT_TRUE(WIFSTOPPED(writer->waited()));
+    readEverything(*fixed);
+    readEverything(*sized);
+    while (!reading->deliverChanges(never)) {
+    }
+    EXPECT_EQ(believer.believed, contents(*sized));
+    const std::uint64_t done = progress->done;
+    writer->signal(SIGCONT);
+    progress.waitFor(done + 1 + Platform::hashOf(round) % 100);
+  }
+  EXPECT_THAT(damage, IsEmpty());
+}
+
+TEST_F(SharedTableProcessTest, KilledWriterLosesNothingButItsLastStep) {
+  const auto reading = service();
+  Believer<FixedTable> fixedBeliever(mount<FixedTable>(*reading, MountKind::reader));
+  Believer<SizedTable> sizedBeliever(mount<SizedTable>(*reading, MountKind::reader));
+  SharedProgress progress;
+  std::mt19937 random(1);
+  Model<FixedRecord> fixedModel;
+  Model<SizedRecord> sizedModel;
+  std::uint64_t applied = 0;
+  for (unsigned round = 0; round < 150 && !HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    const auto entries = static_cast<std::uint32_t>(random() % 4 == 0 ? 220 + random() % 100 : capacity);
+    const auto writer = historian(progress, applied, entries);
+    const std::uint64_t steps = random() % 3 == 0 ? 0 : random() % 400;  // 0: killed while it takes the tables over
+    progress.waitFor(applied + steps);
+    for (auto spin = random() % 20000; spin > 0; --spin) progress.waitFor(0);
+    writer->kill();
+
+    for (; applied < progress->done; ++applied) Step(applied + 1).applyTo(fixedModel, sizedModel);
+    const auto next = service();
+    const auto fixed = mount<FixedTable>(*next, MountKind::writer);
+    const auto sized = mount<SizedTable>(*next, MountKind::writer);
+    next->checkInvariants();
+    auto fixedAfter = fixedModel;
+    auto sizedAfter = sizedModel;
+    Step(applied + 1).applyTo(fixedAfter, sizedAfter);
+    EXPECT_THAT(contents(*fixed), testing::AnyOf(fixedModel, fixedAfter));
+    EXPECT_THAT(contents(*sized), testing::AnyOf(sizedModel, sizedAfter));
+    if (random() % 3 != 0) continue;  // the followers may be late by several writers
+    reading->handleWakeup();
+    while (!reading->deliverChanges(never)) {
+    }
+    EXPECT_EQ(fixedBeliever.believed, contents(*fixed));
+    EXPECT_EQ(sizedBeliever.believed, contents(*sized));
+  }
+  EXPECT_THAT(damage, IsEmpty());
+}
+
+// The writer is led through each kind of change one machine instruction at a time. Whenever a byte of the file has
+// changed, a copy of it is what a writer killed right there would have left.
+TEST_F(SharedTableProcessTest, AnyInstructionMayBeTheWritersLast) {
+  enum class Change { insert, replace, remove };
+  const auto prepare = [](auto& table, auto sampleOf) {
+    for (const std::uint64_t key : {10, 20, 30, 40, 50, 60}) table.routeIs(sampleOf(key, key));
+    table.routeDel(40);
+  };
+  const auto apply = [](Change change, auto& table, auto sampleOf) {
+    if (change == Change::insert) table.routeIs(sampleOf(35, 1));
+    if (change == Change::replace) table.routeIs(sampleOf(20, 70));
+    if (change == Change::remove) table.routeDel(30);
+  };
+  std::size_t states = 0;
+  const auto walkThrough = [&](auto kind, Change change) {
+    using TableType = typename decltype(kind)::type;
+    using Value = typename TableType::Value;
+    Model<Value> before;
+    prepare(before, sample<Value>);
+    auto after = before;
+    apply(change, after, sample<Value>);
+    std::filesystem::remove_all(directory + "/tables");
+    Process writer([&] {
+      const auto writing = service();
+      const auto table = mount<TableType>(*writing, MountKind::writer, 8);
+      prepare(*table, sample<Value>);
+      if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(77);
+      raise(SIGSTOP);
+      apply(change, *table, sample<Value>);
+      raise(SIGSTOP);
+    });
+    if (!WIFSTOPPED(writer.waited())) return false;
+    const std::string file = fileOf(pathOf<TableType>());
+    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string bytes(std::filesystem::file_size(file), '\0'), last;
+    SharedTableService copies(directory + "/copies", types);
+    copies.corruptionHandlerIs([&](const std::string&, const std::string& what) { ADD_FAILURE() << what; });
+    bool changed = false;
+    for (;;) {
+      ptrace(PTRACE_SINGLESTEP, writer.pid(), nullptr, nullptr);
+      const int status = writer.waited();
+      if (!WIFSTOPPED(status) || WSTOPSIG(status) == SIGSTOP) break;
+      if (pread(fd, bytes.data(), bytes.size(), 0) < 0 || bytes == last) continue;
+      last = bytes;
+      ++states;
+      const std::string copy = directory + "/copies/tables/" + pathOf<TableType>() + ".table";
+      std::ofstream(copy, std::ios::binary) << bytes;
+      const auto table = mount<TableType>(copies, MountKind::writer, 8);
+      copies.checkInvariants();
+      const auto found = contents(*table);
+      changed = changed || found == after;  // once it is there it stays
+      EXPECT_EQ(found, changed ? after : before);
+      copies.unmount(pathOf<TableType>());
+    }
+    close(fd);
+    EXPECT_TRUE(changed);
+    return !testing::Test::HasFailure();
+  };
+  for (const Change change : {Change::insert, Change::replace, Change::remove}) {
+    SCOPED_TRACE(static_cast<int>(change));
+    const bool going =
+        walkThrough(std::type_identity<FixedTable>(), change) && walkThrough(std::type_identity<SizedTable>(), change);
+    if (!going && states == 0) GTEST_SKIP() << "no process may be traced here";
+    ASSERT_TRUE(going);
+  }
+  EXPECT_GT(states, 60U);
+}
+
+TEST_F(SharedTableProcessTest, LockDiesWithItsWriterAndReadersHoldNone) {
+  SharedProgress progress;
+  const auto writer = historian(progress);
+  progress.waitFor(lastingStep);
+  const auto here = service();
+  try {
+    mount(*here, MountKind::writer);
+    ADD_FAILURE() << "two writers";
+  } catch (const TableError& error) {
+    EXPECT_STREQ(error.what(), "fixed mount: another process is the table's writer");
+  }
+  SharedProgress reader;
+  Process follower([&] {
+    const auto reading = service();
+    Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+    reader->done = 1;
+    for (;;) readEverything(*reading->get<FixedTable>("fixed"));
+  });
+  reader.waitFor(1);
+  follower.kill();
+  writer->kill();
+  readEverything(*mount(*here, MountKind::writer));
+  here->checkInvariants();
+}
+
+TEST_F(SharedTableProcessTest, OtherProcessesChangesWakeTheLoop) {
+  unsigned wanted = 0;
+  const auto reading = service([&] { ++wanted; });
+  Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  const auto readable = [&](int milliseconds) {
+    pollfd waiting{reading->wakeupFd(), POLLIN, 0};
+    return poll(&waiting, 1, milliseconds) == 1;
+  };
+  const auto write = [&](std::uint64_t key, bool flush) {
+    Process([&] {
+      const auto writing = service();
+      const auto table = mount(*writing, MountKind::writer);
+      table->routeIs({key, key});
+      if (flush) writing->flush();
+      raise(SIGKILL);
+    }).waited();
+  };
+  EXPECT_FALSE(readable(0));
+  for (const std::uint64_t key : {1, 2}) {  // the table appears; it changes
+    write(key, true);
+    ASSERT_TRUE(readable(10000));
+    reading->handleWakeup();
+    EXPECT_FALSE(readable(0));
+    EXPECT_EQ(wanted, key);
+    EXPECT_TRUE(reading->deliverChanges(never));
+    EXPECT_EQ(believer.told, key);
+  }
+  write(3, false);  // killed before it could wake anybody
+  EXPECT_FALSE(readable(0));
+  EXPECT_TRUE(reading->pendingChanges());
+  EXPECT_TRUE(reading->deliverChanges(never));
+  EXPECT_EQ(believer.told, 3U);
+  EXPECT_FALSE(reading->pendingChanges());
+}
+
+TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
+  {
+    const auto writing = service();
+    mount(*writing, MountKind::writer)->routeIs({1, 1});
+  }
+  std::ifstream stream(fileOf("fixed"), std::ios::binary);
+  const std::string good(std::istreambuf_iterator<char>(stream), {});
+  const auto withByte = [&](std::size_t offset) {
+    std::string bytes = good;
+    bytes[offset] = static_cast<char>(bytes[offset] ^ 0x40);
+    return bytes;
+  };
+  const struct {
+    const char* what;
+    std::string bytes;
+    const char* text;
+  } cases[] = {
+      {"empty", "", "too short"},
+      {"half a header", good.substr(0, 600), "too short"},
+      {"header only", good.substr(0, 4096), "shorter than its header says"},
+      {"one byte missing", good.substr(0, good.size() - 1), "shorter than its header says"},
+      {"something else", std::string(good.size(), 'x'), "no table"},
+      {"other byte order", withByte(offsetof(LinuxPlatform::TableHeader, endianTag)), "byte order"},
+      {"other format", withByte(offsetof(LinuxPlatform::TableHeader, formatVersion)), "format 65, not 1"},
+      {"other value layout", withByte(offsetof(LinuxPlatform::TableHeader, layoutVersion)), "damaged"},
+      {"scribbled slot count", withByte(offsetof(LinuxPlatform::TableHeader, slots)), "damaged"},
+      {"scribbled name", withByte(offsetof(LinuxPlatform::TableHeader, path)), "damaged"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::ofstream(fileOf("fixed"), std::ios::binary | std::ios::trunc) << c.bytes;
+    for (const MountKind kind : {MountKind::reader, MountKind::writer}) {
+      const auto opening = service();
+      try {
+        mount(*opening, kind);
+        ADD_FAILURE() << "mounted";
+      } catch (const TableError& error) {
+        EXPECT_THAT(error.what(), testing::AllOf(HasSubstr("fixed mount: "), HasSubstr(c.text)));
+      }
+    }
+    EXPECT_FALSE(LinuxPlatform::tableFiles(directory).at(0).path.empty());
+  }
+
+  // A later layout, and a table that waits and then gets what it cannot read.
+  std::filesystem::remove(fileOf("fixed"));
+  Platform::TableTypes later;
+  later.typeIs<TestTables::LaterTable>();
+  SharedTableService waiting(directory, later);
+  std::vector<std::string> reported;
+  waiting.corruptionHandlerIs([&](const std::string&, const std::string& what) { reported.push_back(what); });
+  waiting.mount("fixed", FixedTable::typeName, MountKind::reader);
+  const auto writing = service();
+  mount(*writing, MountKind::writer);
+  waiting.handleWakeup();
+  EXPECT_TRUE(waiting.deliverChanges(never));
+  EXPECT_THAT(reported, ElementsAre("fixed mount: the file holds layout version 1, not 2"));
+  EXPECT_FALSE(waiting.entity("fixed")->mounted());
+}
+
+// Bytes of any section are overwritten at random. Whoever reads comes to an end and sees nothing that was not written;
+// the next writer finds every entry whose own bytes are untouched.
+class ScribbledTable : public SharedTableProcessTest {
+ protected:
+  template <class TableType>
+  void scribbleAndRead(std::mt19937& random) {
+    damage.clear();
+    std::filesystem::remove_all(directory + "/tables");
+    const std::string file = fileOf(pathOf<TableType>());
+    Model<FixedRecord> fixed;
+    Model<SizedRecord> sized;
+    auto writing = service();
+    auto written = mount<TableType>(*writing, MountKind::writer);
+    for (std::uint64_t step = 1; step < 600; ++step) {
+      if constexpr (std::is_same_v<TableType, FixedTable>) {
+        Step(step).applyTo(*written, sized);
+      } else {
+        Step(step).applyTo(fixed, *written);
+      }
+    }
+    const auto model = contents(*written);
+    const auto reading = service();
+    const auto read = mount<TableType>(*reading, MountKind::reader);
+    Believer<TableType> believer(read);
+    const bool inUse = random() % 2 == 0;  // the writer is at work, or comes later
+    if (!inUse) written.reset(), writing.reset();
+
+    const bool slotsHit = scribble(file, written ? written->layout() : read->layout(), random);
+    for (const auto& [key, value] : contents(*read).entries) EXPECT_EQ(value, model.entries.at(key));
+    for (std::uint64_t key = 0; key < 200; ++key) {
+      const auto found = read->route(key);
+      if (found) {
+        EXPECT_EQ(*found, model.entries.at(key));
+      }
+    }
+    for (unsigned i = 0; i < 10; ++i) reading->deliverChanges(never);
+    if (inUse) {
+      for (std::uint64_t key = 0; key < 200; key += 3) written->routeIs({key, key});
+      for (std::uint64_t key = 0; key < 200; key += 7) written->routeDel(key);
+      reading->deliverChanges(never);
+      written.reset(), writing.reset();
+    }
+    adopt<TableType>(inUse, slotsHit, model);
+  }
+
+  template <class TableType, class Expected>
+  void adopt(bool wasInUse, bool slotsHit, const Expected& model) {
+    const auto next = service();
+    const auto table = mount<TableType>(*next, MountKind::writer);
+    next->checkInvariants();
+    if (wasInUse) return;
+    const auto found = contents(*table);
+    for (const auto& [key, value] : found.entries) EXPECT_EQ(value, model.entries.at(key));
+    EXPECT_TRUE(slotsHit || found == model);
+    EXPECT_TRUE(found == model || !damage.empty()) << "entries were lost in silence";
+  }
+
+  // True when bytes of the slots themselves may have changed.
+  static bool scribble(const std::string& file, const Pondra::TableLayout& layout, std::mt19937& random) {
+    const LinuxPlatform::TableGeometry geometry(layout, capacity);
+    const std::pair<std::size_t, std::size_t> sections[] = {
+        {LinuxPlatform::tableStateOffset, sizeof(LinuxPlatform::TableState)},
+        {geometry.links, geometry.bucketHeads - geometry.links},
+        {geometry.bucketHeads, geometry.ring - geometry.bucketHeads},
+        {geometry.ring, geometry.heap - geometry.ring},
+        {geometry.versions, std::size_t{200} * 8},
+        {geometry.bodies, std::size_t{200} * geometry.bodyWords * 8},
+        {geometry.heap, std::min<std::size_t>(geometry.heapSize, 40000)},
+    };
+    const std::size_t section = random() % (layout.variableSize ? 7 : 6);
+    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
+    for (auto i = 1 + random() % 40; i > 0; --i) {
+      const std::size_t at = random() % sections[section].second;
+      stream.seekp(static_cast<std::streamoff>(sections[section].first + at));
+      stream.put(static_cast<char>(random() % 3 == 0 ? random() % 200 : random() % 256));
+    }
+    return section >= 4;
+  }
+};
+
+TEST_F(ScribbledTable, IsReadToItsEndAndRepaired) {
+  for (unsigned seed = 1; seed <= 150 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    scribbleAndRead<FixedTable>(random);
+    scribbleAndRead<SizedTable>(random);
+  }
+}
+
+// The same words under two threads, for the thread sanitizer: between processes it sees nothing.
+TEST(SharedTableThreadTest, ReaderAndWriterShareNoWordUnsynchronised) {
+  const auto layout = Pondra::layoutOf<SizedTable>();
+  const LinuxPlatform::TableGeometry geometry(layout, 300);
+  std::vector<std::uint64_t> memory(geometry.fileSize / 8 + 1);
+  const LinuxPlatform::TableImage image(reinterpret_cast<std::byte*>(memory.data()), geometry);
+  const LinuxPlatform::DamageReport report = [](std::string_view what) { ADD_FAILURE() << what; };
+  LinuxPlatform::TableWriter writer(image, 300, report);
+  const auto key = [](std::uint64_t number) {
+    std::array<std::byte, 12> bytes;
+    TestTables::encodeNumber(number, bytes.data());
+    return LinuxPlatform::keyWords(bytes);
+  };
+  std::atomic<bool> over = false;
+  std::thread reader([&] {
+    const LinuxPlatform::TableView view(image, report);
+    std::vector<std::byte> value(layout.maxValueSize);
+    LinuxPlatform::Entry entry;
+    while (!over) {
+      std::uint64_t hint = 0;
+      for (std::uint64_t number = 0; number < 200; ++number) view.find(key(number), value, entry);
+      LinuxPlatform::KeyWords from{};
+      for (bool first = true; view.seek(from, first, value, hint, entry); first = false) {
+        from = entry.contents.key;
+        EXPECT_TRUE(TestTables::decodeWords(Pondra::Bytes(value).first(entry.size)));
+      }
+    }
+  });
+  std::vector<std::byte> value(layout.maxValueSize);
+  for (std::uint64_t number = 1; number < 20000; ++number) {
+    const Step step(number);
+    const std::size_t size = TestTables::encodeWords(step.word, step.sized().count, value.data());
+    if (step.remove) {
+      writer.erase(key(step.key));
+    } else {
+      writer.write(key(step.key), Pondra::Bytes(value).first(size));
+    }
+  }
+  over = true;
+  reader.join();
+  writer.checkInvariants();
+}
+
+}  // namespace

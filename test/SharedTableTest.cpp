@@ -1,0 +1,549 @@
+// The conformance suite of table services. A backend offers services over one store, each of which stands for a
+// process: another implementation is put through it by adding its backend to the list of types.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <random>
+#include <set>
+
+#include "linux/SharedTable.h"
+#include "platform/SharedTable.h"
+#include "test/support/TestTables.h"
+
+namespace {
+
+using Pondra::CollectionInfo;
+using Pondra::MountKind;
+using Pondra::TableError;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+using TestTables::FixedRecord;
+using TestTables::FixedTable;
+using TestTables::SizedRecord;
+using TestTables::SizedTable;
+
+class FileTables {
+ public:
+  FileTables() {
+    std::string name = testing::TempDir() + "tablesXXXXXX";
+    directory_ = mkdtemp(name.data());
+  }
+  ~FileTables() { std::filesystem::remove_all(directory_); }
+
+  std::unique_ptr<Pondra::TableService> service() {
+    return std::make_unique<LinuxPlatform::SharedTableService>(directory_, types_);
+  }
+  // Notices what other services did, and delivers until `stop` says so; true: nothing is left.
+  static bool deliver(Pondra::TableService& service, const std::function<bool()>& stop) {
+    auto& files = dynamic_cast<LinuxPlatform::SharedTableService&>(service);
+    files.flush();
+    files.handleWakeup();
+    return files.deliverChanges(stop);
+  }
+  static void checkInvariants(const Pondra::TableService& service) {
+    dynamic_cast<const LinuxPlatform::SharedTableService&>(service).checkInvariants();
+  }
+
+ private:
+  Platform::TableTypes types_ = TestTables::types();
+  std::string directory_;
+};
+
+template <class TableType>
+typename TableType::Value record(std::uint64_t number, std::uint64_t word) {
+  if constexpr (std::is_same_v<TableType, FixedTable>) {
+    return {number, word};
+  } else {
+    const auto count = static_cast<std::uint32_t>(word % (SizedRecord::maxCount + 1));
+    return {number, count == 0 ? 0 : word, count};
+  }
+}
+
+// Hears of keys, and keeps what a process that follows the table believes it to hold.
+template <class TableType>
+class Follower final : public TableType::Reactor {
+ public:
+  explicit Follower(std::shared_ptr<const TableType> table) : TableType::Reactor(table), table_(std::move(table)) {
+    for (const auto& value : *table_) believed[value.number] = value;
+  }
+  void handleEntry(const std::uint64_t& key) override {
+    heard.push_back(key);
+    if (const auto value = table_->route(key)) {
+      believed[key] = *value;
+    } else {
+      believed.erase(key);
+    }
+    if (onEntry) onEntry(key);
+  }
+  void handleQuiesced(bool quiesced) override { quiescedHeard.push_back(quiesced); }
+  void handleMountStatus() override { ++mountStatusHeard; }
+
+  std::vector<std::uint64_t> take() { return std::exchange(heard, {}); }
+
+  std::vector<std::uint64_t> heard;
+  std::vector<bool> quiescedHeard;
+  int mountStatusHeard = 0;
+  std::map<std::uint64_t, typename TableType::Value> believed;
+  std::function<void(std::uint64_t)> onEntry;
+
+ private:
+  std::shared_ptr<const TableType> table_;
+};
+
+template <class Backend>
+class SharedTableTest : public testing::Test {
+ protected:
+  static constexpr const char* path = "routecache/route";
+
+  SharedTableTest() : writing(backend.service()), reading(backend.service()) {}
+
+  template <class TableType = FixedTable>
+  std::shared_ptr<TableType> mount(Pondra::TableService& service, MountKind kind, std::uint32_t capacity = 100,
+                                   const std::string& at = path) {
+    service.corruptionHandlerIs(
+        [](const std::string& where, const std::string& what) { ADD_FAILURE() << where << ": " << what; });
+    service.mount(at, TableType::typeName, kind,
+                  kind == MountKind::writer ? std::optional(CollectionInfo{"route", capacity}) : std::nullopt);
+    return service.get<TableType>(at);
+  }
+  std::shared_ptr<FixedTable> writer(std::uint32_t capacity = 100) {
+    return mount(*writing, MountKind::writer, capacity);
+  }
+  std::shared_ptr<FixedTable> reader() { return mount(*reading, MountKind::reader); }
+  // The writer's process ends, and another takes its place.
+  std::shared_ptr<FixedTable> writerAgain(std::uint32_t capacity = 100) {
+    writing.reset();
+    writing = backend.service();
+    return writer(capacity);
+  }
+  void settle() {
+    for (auto* service : {writing.get(), reading.get()}) {
+      while (!backend.deliver(*service, [] { return false; })) {
+      }
+    }
+  }
+  static std::vector<std::uint64_t> keys(const FixedTable& table) {
+    std::vector<std::uint64_t> result;
+    for (const auto& value : table) result.push_back(value.number);
+    return result;
+  }
+  static std::string errorOf(const std::function<void()>& act) {
+    try {
+      act();
+    } catch (const TableError& error) {
+      return error.what();
+    }
+    return "no error";
+  }
+
+  Backend backend;
+  std::unique_ptr<Pondra::TableService> writing, reading;
+};
+
+using Backends = testing::Types<FileTables>;
+TYPED_TEST_SUITE(SharedTableTest, Backends);
+
+TYPED_TEST(SharedTableTest, EveryProcessSeesWhatOneWrote) {
+  const auto written = this->writer();
+  const auto read = this->reader();
+  for (const std::uint64_t key : {30, 10, 20, 17, 16}) written->routeIs({key, key});
+  written->routeIs({20, 5});
+  written->routeDel(10);
+  written->routeDel(99);  // was never there
+  EXPECT_EQ(written->capacity(), 100U);
+  for (const auto& table : {written, read}) {
+    EXPECT_EQ(table->size(), 4U);
+    EXPECT_THAT(this->keys(*table), ElementsAre(16, 17, 20, 30));
+    EXPECT_EQ(table->route(20), (FixedRecord{20, 5}));
+    EXPECT_FALSE(table->has(10));
+    EXPECT_EQ(table->route(10), std::nullopt);
+    EXPECT_EQ(table->lowerBound(17)->number, 17U);
+    EXPECT_EQ(table->lowerBound(18)->number, 20U);
+    EXPECT_EQ(table->lowerBound(31), table->end());
+  }
+  written->routeDelAll();
+  EXPECT_EQ(read->size(), 0U);
+  EXPECT_THAT(this->keys(*read), IsEmpty());
+}
+
+TYPED_TEST(SharedTableTest, WalkSurvivesChangesUnderIt) {
+  const auto table = this->writer();
+  for (std::uint64_t key = 0; key < 50; ++key) table->routeIs({key, key});
+  std::vector<std::uint64_t> seen;
+  for (auto at = table->begin(); at != table->end(); ++at) {
+    seen.push_back(at->number);
+    table->routeDel(at->number);                // the entry that the walk stands on
+    table->routeIs({at->number + 1000, 1});     // may get its slot
+    if (at->number == 10) table->routeDel(11);  // the next one
+    if (at->number > 1020) break;
+  }
+  EXPECT_EQ(seen.size(), 49U + 21U);
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
+}
+
+TYPED_TEST(SharedTableTest, FullTableRefusesOneWriteAndKeepsTheRest) {
+  const auto table = this->writer(3);
+  for (const std::uint64_t key : {1, 2, 3}) table->routeIs({key, key});
+  EXPECT_FALSE(table->hasRoom());
+  EXPECT_EQ(this->errorOf([&] { table->routeIs({4, 4}); }), "routecache/route routeIs: out-of-range, index:3 max:3");
+  table->routeIs({3, 33});  // no new key: no room needed
+  table->routeDel(1);
+  table->routeIs({4, 4});
+  EXPECT_THAT(this->keys(*table), ElementsAre(2, 3, 4));
+  this->backend.checkInvariants(*this->writing);
+}
+
+// Whatever sizes came and went before, a value of the largest size finds room while there is room for its key.
+TYPED_TEST(SharedTableTest, ValuesOfAnySizeFitWhileKeysDo) {
+  const auto table = this->template mount<SizedTable>(*this->writing, MountKind::writer, 40, "sized");
+  std::mt19937 random(7);
+  for (unsigned round = 0; round < 20; ++round) {
+    for (std::uint64_t key = 0; key < 40; ++key) table->routeIs(record<SizedTable>(key, 1 + random() % 160));
+    for (std::uint64_t key = 0; key < 40; key += 2) table->routeDel(key);
+    for (std::uint64_t key = 0; key < 40; ++key) table->routeIs(record<SizedTable>(key, 160));
+    for (std::uint64_t key = 0; key < 40; ++key) ASSERT_EQ(table->route(key), record<SizedTable>(key, 160));
+    this->backend.checkInvariants(*this->writing);
+  }
+}
+
+TYPED_TEST(SharedTableTest, ReactorsHearOfChangesAfterTheyCame) {
+  const auto written = this->writer();
+  written->routeIs({1, 1});
+  const auto read = this->reader();
+  Follower<FixedTable> here(written), there(read);
+  written->routeIs({2, 2});
+  written->routeIs({2, 2});  // an equal value is a change, and merges with the last
+  written->routeIs({3, 3});
+  written->routeDel(1);
+  EXPECT_THAT(here.heard, IsEmpty()) << "told from inside a write";
+  Follower<FixedTable> late(written);
+  this->settle();
+  for (auto* follower : {&here, &there}) {
+    EXPECT_THAT(follower->take(), UnorderedElementsAre(1, 2, 3));
+    EXPECT_THAT(follower->quiescedHeard, ElementsAre(false, true));
+  }
+  EXPECT_THAT(late.take(), IsEmpty()) << "told of changes that were there when it came";
+  written->routeIs({3, 4});
+  written->routeDel(77);
+  this->settle();
+  EXPECT_THAT(here.take(), ElementsAre(3));
+  EXPECT_THAT(there.take(), ElementsAre(3));
+  EXPECT_THAT(late.take(), ElementsAre(3));
+}
+
+// Slots are used again: the key that went and the key that came in its place are both changes.
+TYPED_TEST(SharedTableTest, KeyWhoseSlotWasGivenAwayIsToldOf) {
+  const auto written = this->writer(2);
+  written->routeIs({1, 1});
+  written->routeIs({2, 2});
+  Follower<FixedTable> there(this->reader());
+  written->routeDel(1);
+  written->routeIs({10, 10});
+  written->routeDel(10);
+  written->routeIs({11, 11});
+  this->settle();
+  const auto heard = there.take();
+  EXPECT_THAT(std::set(heard.begin(), heard.end()), ElementsAre(1, 10, 11)) << "10 was never there for anybody to see";
+  written->routeDelAll();
+  this->settle();
+  EXPECT_THAT(there.take(), UnorderedElementsAre(2, 11));
+  EXPECT_THAT(there.believed, IsEmpty());
+}
+
+TYPED_TEST(SharedTableTest, LateReaderCatchesUpOverAnyNumberOfChanges) {
+  const auto written = this->writer(1000);
+  for (std::uint64_t key = 0; key < 1000; ++key) written->routeIs({key, 0});
+  Follower<FixedTable> there(this->reader());
+  for (std::uint64_t i = 0; i < 20000; ++i) written->routeIs({i % 500, i});
+  for (std::uint64_t key = 0; key < 100; ++key) written->routeDel(key);
+  this->settle();
+  EXPECT_EQ(std::set(there.heard.begin(), there.heard.end()).size(), 500U);
+  EXPECT_EQ(there.heard.size(), 500U);
+  EXPECT_EQ(there.believed.size(), 900U);
+  EXPECT_EQ(there.believed[499].word, 19999U);
+}
+
+// A reader that looks ahead of the changes it was told of may see a key come. It must hear that it went, however much
+// has happened since to its slot and to the memory of changes.
+TYPED_TEST(SharedTableTest, KeySeenAheadOfItsTurnIsToldOfWhenItGoes) {
+  const auto written = this->writer(2);
+  const auto read = this->reader();
+  Follower<FixedTable> there(read);
+  for (const std::uint64_t key : {5, 6, 7}) {
+    written->routeIs({key, key});
+    EXPECT_TRUE(read->has(key));
+    written->routeDel(key);
+  }
+  for (std::uint64_t i = 0; i < 1000; ++i) written->routeIs({8 + i % 2, i});
+  this->settle();
+  EXPECT_THAT(there.take(), UnorderedElementsAre(5, 6, 7, 8, 9));
+}
+
+TYPED_TEST(SharedTableTest, DeliveryStopsWhenAskedAndGoesOnFairly) {
+  const auto first = this->mount(*this->writing, MountKind::writer, 100, "a");
+  const auto second = this->mount(*this->writing, MountKind::writer, 100, "b");
+  Follower<FixedTable> followsFirst(first), followsSecond(second);
+  for (std::uint64_t key = 0; key < 10; ++key) {
+    first->routeIs({key, 1});
+    second->routeIs({key, 1});
+  }
+  unsigned runs = 0;
+  const auto afterEach = [] { return true; };
+  for (; runs < 3; ++runs) EXPECT_FALSE(this->backend.deliver(*this->writing, afterEach));
+  EXPECT_EQ(followsFirst.heard.size(), 2U);
+  EXPECT_EQ(followsSecond.heard.size(), 1U) << "one table starves the other";
+  while (!this->backend.deliver(*this->writing, afterEach)) ++runs;
+  EXPECT_EQ(runs, 19U);
+  for (const auto* follower : {&followsFirst, &followsSecond}) {
+    EXPECT_EQ(follower->heard.size(), 10U);
+    EXPECT_THAT(follower->quiescedHeard, ElementsAre(false, true));
+  }
+}
+
+TYPED_TEST(SharedTableTest, ReactorsMayLeaveAndWriteWhileBeingTold) {
+  const auto table = this->writer();
+  auto leaving = std::make_unique<Follower<FixedTable>>(table);
+  leaving->onEntry = [&](std::uint64_t) { leaving.reset(); };
+  Follower<FixedTable> echo(table);
+  echo.onEntry = [&](std::uint64_t key) {
+    if (key < 10) table->routeIs({key + 100, key});
+  };
+  table->routeIs({1, 1});
+  table->routeIs({2, 2});
+  this->settle();
+  EXPECT_FALSE(leaving);
+  EXPECT_THAT(echo.take(), UnorderedElementsAre(1, 2, 101, 102));
+
+  echo.onEntry = [&](std::uint64_t) { this->writing->unmount(this->path); };
+  table->routeIs({3, 3});
+  table->routeIs({4, 4});
+  EXPECT_NO_THROW(this->settle());
+  EXPECT_EQ(echo.take().size(), 1U) << "told of a table that is unmounted";
+}
+
+TYPED_TEST(SharedTableTest, ReaderMayComeBeforeTheTable) {
+  const auto read = this->reader();
+  const auto lookedUp = this->mount(*this->reading, MountKind::keyedReader, 0, "looked/up");
+  Follower<FixedTable> there(read);
+  EXPECT_FALSE(read->mounted());
+  EXPECT_EQ(read->size() + read->capacity(), 0U);
+  EXPECT_FALSE(read->has(1));
+  EXPECT_EQ(read->begin(), read->end());
+
+  const auto written = this->writer();
+  written->routeIs({1, 1});
+  written->routeIs({2, 2});
+  this->mount(*this->writing, MountKind::writer, 100, "looked/up")->routeIs({5, 5});
+  this->settle();
+  EXPECT_TRUE(read->mounted());
+  EXPECT_EQ(there.mountStatusHeard, 1);
+  EXPECT_THAT(there.take(), UnorderedElementsAre(1, 2));
+  EXPECT_EQ(lookedUp->route(5), (FixedRecord{5, 5}));
+  written->routeDel(1);
+  this->settle();
+  EXPECT_THAT(there.take(), ElementsAre(1));
+}
+
+TYPED_TEST(SharedTableTest, NextWriterFindsWhatWasPublished) {
+  auto written = this->writer();
+  Follower<FixedTable> there(this->reader());
+  for (const std::uint64_t key : {3, 1, 2}) written->routeIs({key, key});
+  this->settle();
+  there.take();
+  written = this->writerAgain();
+  EXPECT_THAT(this->keys(*written), ElementsAre(1, 2, 3));
+  Follower<FixedTable> here(written);
+  this->settle();
+  EXPECT_THAT(here.take(), IsEmpty());
+  EXPECT_THAT(there.take(), IsEmpty());
+  written->routeIs({4, 4});
+  written->routeDel(2);
+  this->settle();
+  EXPECT_THAT(here.take(), UnorderedElementsAre(2, 4));
+  EXPECT_THAT(there.take(), UnorderedElementsAre(2, 4));
+}
+
+TYPED_TEST(SharedTableTest, AnotherCapacityKeepsTheEntries) {
+  auto written = this->writer(4);
+  const auto read = this->reader();
+  Follower<FixedTable> there(read);
+  for (const std::uint64_t key : {1, 2, 3, 4}) written->routeIs({key, key});
+  for (const std::uint32_t capacity : {1000U, 2U}) {
+    SCOPED_TRACE(capacity);
+    written = this->writerAgain(capacity);
+    EXPECT_THAT(this->keys(*read), ElementsAre(1, 2, 3, 4)) << "before the reader has noticed";
+    this->settle();
+    EXPECT_EQ(read->capacity(), capacity);
+    EXPECT_THAT(this->keys(*read), ElementsAre(1, 2, 3, 4));
+    written->routeIs({1, capacity});
+    this->settle();
+    EXPECT_EQ(there.believed[1].word, capacity);
+  }
+  // More entries than the table is to hold: they stay, and none is added until there are fewer.
+  EXPECT_THAT(this->errorOf([&] { written->routeIs({5, 5}); }), HasSubstr("out-of-range, index:4 max:2"));
+  for (const std::uint64_t key : {1, 2, 3}) written->routeDel(key);
+  written->routeIs({5, 5});
+  EXPECT_FALSE(written->hasRoom());
+  this->settle();
+  EXPECT_EQ(there.believed.size(), 2U);
+  this->backend.checkInvariants(*this->writing);
+}
+
+TYPED_TEST(SharedTableTest, WrongMountsAndWritesAreRefusedInWords) {
+  const auto table = this->writer();
+  const auto read = this->reader();
+  Pondra::TableService& fresh = *this->reading;
+  const auto info = [](const char* collection, std::uint32_t capacity) { return CollectionInfo{collection, capacity}; };
+  const struct {
+    const char* what;
+    std::function<void()> act;
+    const char* text;
+  } cases[] = {
+      {"type that nobody knows", [&] { fresh.mount("x", "No::Table", MountKind::reader); }, "x mount: no table type"},
+      {"writer without capacity", [&] { fresh.mount("x", "Test::FixedTable", MountKind::writer); },
+       "x mount: a writer"},
+      {"collection of another name", [&] { fresh.mount("x", "Test::FixedTable", MountKind::writer, info("adj", 1)); },
+       "no collection adj"},
+      {"no entries", [&] { fresh.mount("x", "Test::FixedTable", MountKind::writer, info("route", 0)); }, "impossible"},
+      {"the path as another kind", [&] { this->mount(fresh, MountKind::writer); }, "mounted here already"},
+      {"second writer", [&] { fresh.unmount(this->path), this->mount(fresh, MountKind::writer); },
+       "routecache/route mount: another process is the table's writer"},
+      {"table of another type", [&] { this->template mount<SizedTable>(fresh, MountKind::reader); },
+       "the file holds type Test::FixedTable, not Test::SizedTable"},
+      {"write to an orphan",
+       [&] {
+         read->routeIs({1, 1});
+       },
+       "route is now an orphan"},
+      {"write by a reader",
+       [&] {
+         this->mount(fresh, MountKind::reader);
+         fresh.get<FixedTable>(this->path)->routeIs({1, 1});
+       },
+       "routecache/route routeIs: not allowed at this time, initialized:true keyNotifications:false"},
+      {"attached twice", [&] { table->routeControlIs(nullptr); }, "Entity route already initialized"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_THAT(this->errorOf(c.act), HasSubstr(c.text));
+  }
+  const FixedTable unmounted("alone");
+  EXPECT_THAT(this->errorOf([&] { unmounted.has(1); }), HasSubstr("initialized:false"));
+}
+
+TYPED_TEST(SharedTableTest, NoTwoPathsShareATable) {
+  const std::string longName(230, 'v');
+  const std::string paths[] = {"a/b",
+                               "a.b",
+                               "a//b",
+                               "..",
+                               "../a",
+                               "vrf/../status",
+                               "vrf/%2E",
+                               "%",
+                               "A",
+                               "a",
+                               longName + "1",
+                               longName + "2",
+                               "a/b/" + std::string(600, '/')};
+  std::uint64_t number = 0;
+  for (const auto& at : paths) this->mount(*this->writing, MountKind::writer, 4, at)->routeIs({++number, 1});
+  number = 0;
+  for (const auto& at : paths) {
+    SCOPED_TRACE(at);
+    EXPECT_THAT(this->keys(*this->mount(*this->reading, MountKind::reader, 0, at)), ElementsAre(++number));
+  }
+}
+
+TYPED_TEST(SharedTableTest, ToolsReadTheTableAsText) {
+  const auto table = this->writer();
+  for (const std::uint64_t key : {1, 2, 3}) table->routeIs({key, key * 10});
+  std::vector<std::string> texts;
+  this->reader()->visitText("2", [&](const auto& entry) { return texts.push_back(entry.text), true; });
+  EXPECT_THAT(texts, ElementsAre("2: 20", "3: 30"));
+  std::vector<std::string> changed;
+  const auto watcher = table->watchText([&](const std::string& key) { changed.push_back(key); });
+  table->routeDel(3);
+  this->settle();
+  EXPECT_THAT(changed, ElementsAre("3"));
+}
+
+// Random operations against a map, with writers that come and go, capacities that change, and a follower in another
+// process that is told in slices of any length.
+template <class TableType, class Backend>
+void compareWithAMap(Backend& backend, unsigned seed) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&](std::uint32_t limit) { return static_cast<std::uint32_t>(random() % limit); };
+  const std::string path = std::string("random/") + TableType::typeName + std::to_string(seed);
+  std::uint32_t capacity = 60;
+  auto reading = backend.service();
+  reading->mount(path, TableType::typeName, MountKind::reader);
+  Follower<TableType> there(reading->template get<TableType>(path));
+  std::unique_ptr<Pondra::TableService> writing;
+  std::shared_ptr<TableType> table;
+  std::map<std::uint64_t, typename TableType::Value> model;
+  const auto compare = [&] {
+    backend.checkInvariants(*writing);
+    auto expected = model.begin();
+    for (const auto& value : *table) {
+      ASSERT_TRUE(expected != model.end() && value == expected->second);
+      ++expected;
+    }
+    ASSERT_TRUE(expected == model.end());
+    ASSERT_EQ(table->size(), model.size());
+  };
+  for (unsigned step = 0; step < 6000; ++step) {
+    if (step % 1500 == 0 || below(400) == 0) {
+      if (below(3) == 0) capacity = 40 + below(60);
+      table.reset(), writing.reset();
+      writing = backend.service();
+      writing->mount(path, TableType::typeName, MountKind::writer, CollectionInfo{"route", capacity});
+      table = writing->template get<TableType>(path);
+    }
+    const std::uint64_t key = below(100);
+    const bool growing = step / 500 % 2 == 0;
+    if (below(10) < (growing ? 7U : 3U)) {
+      const auto value = record<TableType>(key, random());
+      if (model.contains(key) || table->hasRoom()) {
+        table->routeIs(value);
+        model[key] = value;
+      } else {
+        EXPECT_THROW(table->routeIs(value), TableError);
+      }
+    } else {
+      table->routeDel(key);
+      model.erase(key);
+    }
+    if (below(20) == 0) backend.deliver(*reading, [&] { return below(3) == 0; });
+    if (below(50) == 0) compare();
+    if (below(100) == 0) {
+      while (!backend.deliver(*reading, [&] { return below(3) == 0; })) {
+      }
+      ASSERT_EQ(there.believed, model) << "step " << step;
+    }
+    const auto found = table->lowerBound(key);
+    const auto expected = model.lower_bound(key);
+    ASSERT_EQ(found == table->end(), expected == model.end());
+    if (expected != model.end()) {
+      ASSERT_EQ(*found, expected->second);
+    }
+  }
+}
+
+TYPED_TEST(SharedTableTest, RandomOperationsAgreeWithAMap) {
+  for (unsigned seed = 1; seed <= 4; ++seed) {
+    compareWithAMap<FixedTable>(this->backend, seed);
+    compareWithAMap<SizedTable>(this->backend, seed);
+    if (this->HasFatalFailure()) return;
+  }
+}
+
+}  // namespace

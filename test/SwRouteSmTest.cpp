@@ -1,0 +1,413 @@
+// Stories of routes: what the routing process, the switch and the resolver do, and what other processes then see. Every
+// story runs with tasks that never yield and with tasks that yield after every entry; the invariants are checked after
+// every task run.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "test/support/SimulatedSwitch.h"
+
+namespace {
+
+using RouteCache::AdjId;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+class SwRouteSmTest : public testing::TestWithParam<int> {
+ protected:
+  explicit SwRouteSmTest(int traceLevel = 9) : sw(traceLevel) {
+    sw.scheduler.yieldAfterEntriesIs(static_cast<std::uint64_t>(GetParam()));
+    sw.underlay("10.255.0.0/16", 5);
+    sw.underlay("2001:db8:ff::/48", 6);
+    sw.vti("Vxlan1", "192.0.2.1", "2001:db8::1");
+    sw.vlan("Vxlan1", 10, 10010);
+    sw.vrf("red", 1, 101);
+  }
+  // Long enough for every queue, sync and clean-up that a change can set off.
+  void settle() { sw.advance(40); }
+
+  SimulatedSwitch sw;
+};
+
+INSTANTIATE_TEST_SUITE_P(Yields, SwRouteSmTest, testing::Values(0, 1),
+                         [](const auto& p) { return p.param == 0 ? "Never" : "AfterEveryEntry"; });
+
+TEST_P(SwRouteSmTest, WhatARouteNeedsMayComeInAnyOrder) {
+  // Each of the five things comes last once; before it the route is parked, with it the route is published.
+  struct Step {
+    const char* what;
+    std::function<void()> take;
+    std::function<void()> give;
+    bool parked;  // without it: recorded as unprogrammed
+  };
+  const Step steps[] = {
+      {"VRF", [&] { sw.vrfGone("red"); }, [&] { sw.vrf("red", 1, 101); }, true},
+      {"via", [&] { sw.viaGone(1); }, [&] { sw.via(1, {sw.nexthop("10.255.0.1", "Vxlan1", 10010)}); }, true},
+      {"interface", [&] { sw.vtiGone("Vxlan1"); },
+       [&] {
+         sw.vti("Vxlan1", "192.0.2.1");
+         sw.vlan("Vxlan1", 10, 10010);
+       },
+       true},
+      {"VLAN of the VNI", [&] { sw.vlanGone("Vxlan1", 10); }, [&] { sw.vlan("Vxlan1", 10, 10010); }, true},
+      {"interface up", [&] { sw.vtiDown("Vxlan1"); }, [&] { sw.vti("Vxlan1", "192.0.2.1"); }, true},
+      {"route", [&] { sw.routeGone("10.0.0.0/8", 1); }, [&] { sw.route("10.0.0.0/8", 1, 1); }, false},
+  };
+  for (const Step& step : steps) step.give();
+  sw.start();
+  settle();
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    step.take();
+    // A via is not followed: the routes that name it are written again with it.
+    if (step.parked) sw.route("10.0.0.0/8", 1, 1);
+    settle();
+    EXPECT_THAT(sw.published(), IsEmpty());
+    EXPECT_THAT(sw.requests(), IsEmpty());
+    EXPECT_THAT(sw.adjacencyIds(), IsEmpty());
+    EXPECT_EQ(sw.unprogrammed().contains("10.0.0.0/8@1"), step.parked);
+    step.give();
+    settle();
+    EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 5")));
+    EXPECT_THAT(sw.requests(), ElementsAre("10.255.0.1"));
+    EXPECT_THAT(sw.unprogrammed(), IsEmpty());
+    EXPECT_EQ(sw.sm().routeToProcess().size(), 0u);
+  }
+}
+
+TEST_P(SwRouteSmTest, AnUnreachableVtepIsPublishedUnresolvedUntilTheUnderlayHasARoute) {
+  sw.underlayGone("10.255.0.0/16");
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.start();
+  settle();
+  EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 0")));
+  EXPECT_EQ(sw.sm().routeToProcess().size(), 1u);
+  sw.underlay("10.0.0.0/8", 7);
+  settle();
+  EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 7")));
+  EXPECT_EQ(sw.sm().routeToProcess().size(), 0u);
+  sw.underlayGone("10.0.0.0/8");
+  settle();
+  EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 0")));
+}
+
+TEST_P(SwRouteSmTest, RoutesShareAdjacenciesByTheirNextHops) {
+  sw.via(1, {sw.nexthop("10.255.0.2"), sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.1"), sw.nexthop("10.255.0.2")});  // the same set, told the other way round
+  sw.via(3, {sw.nexthop("10.255.0.1", "Vxlan1", 0, 10, "00:1c:73:00:00:01"),
+             sw.nexthop("10.255.0.1", "Vxlan1", 0, 10, "00:1c:73:00:00:02")});  // one VTEP twice
+  sw.via(4, {sw.nexthop("2001:db8:ff::1")});
+  sw.via(5, {sw.nexthop("10.255.0.1"), sw.nexthop("2001:db8:ff::1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.route("10.1.0.0/16", 1, 2);
+  sw.route("10.2.0.0/16", 1, 3);
+  sw.route("10.3.0.0/16", 1, 4);
+  sw.route("10.4.0.0/16", 1, 5);
+  sw.route("2001:db8:1::/48", 1, 5);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.adjIdOf("10.0.0.0/8", 101), sw.adjIdOf("10.1.0.0/16", 101));
+  EXPECT_EQ(sw.adjIdOf("10.4.0.0/16", 101), sw.adjIdOf("2001:db8:1::/48", 101));
+  EXPECT_EQ(sw.adjacencyIds().size(), 4u);
+  EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec 5, 10.255.0.2 Vxlan1 vlan 10 fec 5");
+  EXPECT_EQ(sw.published().at("10.4.0.0/16@101"),
+            "10.255.0.1 Vxlan1 vlan 10 fec 5, 2001:db8:ff::1 Vxlan1 vlan 10 fec 6");
+  const AdjId shared(sw.adjIdOf("10.0.0.0/8", 101));
+  const AdjId mixed(sw.adjIdOf("10.4.0.0/16", 101));
+  EXPECT_TRUE(mixed.isAdjacencyMixed());
+  EXPECT_EQ(sw.sm().adjIds().adjIdRefCount(shared), 2u);
+  EXPECT_EQ(sw.sm().ipv4RemoteVtepRefCount(Platform::fromText<IpAddr>("10.255.0.1")), 5u);
+
+  sw.routeGone("10.1.0.0/16", 1);
+  sw.routeGone("10.4.0.0/16", 1);
+  sw.route("10.3.0.0/16", 1, 4);  // unchanged: keeps its identifier and its count
+  settle();
+  EXPECT_EQ(sw.sm().adjIds().adjIdRefCount(shared), 1u);
+  EXPECT_EQ(sw.sm().adjIds().adjIdRefCount(mixed), 1u);
+  EXPECT_EQ(sw.adjIdOf("2001:db8:1::/48", 101), mixed.value());
+  for (const char* gone : {"10.0.0.0/8", "10.2.0.0/16", "10.3.0.0/16", "2001:db8:1::/48"}) sw.routeGone(gone, 1);
+  settle();
+  EXPECT_THAT(sw.adjacencyIds(), IsEmpty());
+  EXPECT_THAT(sw.requests(), IsEmpty());
+}
+
+TEST_P(SwRouteSmTest, TheFamiliesOfTheInterfaceDecideWhichVtepsCount) {
+  sw.via(1, {sw.nexthop("10.255.0.1"), sw.nexthop("2001:db8:ff::1")});
+  sw.via(2, {sw.nexthop("10.255.0.1"), sw.nexthop("10.255.0.2", "Vxlan9")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.route("10.1.0.0/16", 1, 2);
+  sw.start();
+  settle();
+  // Vxlan9 is unknown: what is ready is published.
+  EXPECT_EQ(sw.published().at("10.1.0.0/16@101"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
+  sw.vti("Vxlan1", "", "2001:db8::1");
+  sw.vti("Vxlan9", "192.0.2.9");
+  settle();
+  EXPECT_THAT(sw.published(), UnorderedElementsAre(Pair("10.0.0.0/8@101", "2001:db8:ff::1 Vxlan1 vlan 10 fec 6"),
+                                                   Pair("10.1.0.0/16@101", "10.255.0.2 Vxlan9 vlan 10 fec 5")));
+}
+
+TEST_P(SwRouteSmTest, AVlanThatLetsGoOfItsVniLeavesItToAnotherThatHasIt) {
+  sw.vlan("Vxlan1", 20, 10010);
+  sw.via(1, {sw.nexthop("10.255.0.1", "Vxlan1", 10010)});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 20 fec 5");
+  sw.vlan("Vxlan1", 20, 777);
+  settle();
+  EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
+}
+
+TEST_P(SwRouteSmTest, ARouteFollowsItsVrfToAnotherHardwareId) {
+  sw.vrf("blue", 2, 102);
+  sw.vrf("default", 3, 0);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.2")});
+  for (const std::uint32_t vrf : {1, 2, 3}) {
+    sw.route("0.0.0.0/0", vrf, vrf == 1 ? 1 : 2);
+    sw.route("::/0", vrf, 1);
+  }
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.published().size(), 7u);
+  // red and blue change places: in between, both claim one id.
+  sw.hwVrf("red", 102);
+  sw.hwVrf("blue", 101);
+  settle();
+  auto published = sw.published();
+  EXPECT_EQ(published.size(), 7u);
+  EXPECT_EQ(published.at("0.0.0.0/0@102"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
+  EXPECT_EQ(published.at("0.0.0.0/0@101"), "10.255.0.2 Vxlan1 vlan 10 fec 5");
+  EXPECT_TRUE(published.contains("10.1.0.0/16@102"));
+  // A new pi id under the same name: the routes of the old one are parked, those of the new one appear.
+  sw.route("10.9.0.0/16", 9, 1);
+  sw.piVrf("red", 9);
+  settle();
+  EXPECT_FALSE(sw.publishedKeys().contains("10.1.0.0/16@102"));
+  EXPECT_TRUE(sw.publishedKeys().contains("10.9.0.0/16@102"));
+  EXPECT_TRUE(sw.unprogrammed().contains("10.1.0.0/16@1"));
+  sw.piVrf("red", 1);
+  settle();
+  EXPECT_TRUE(sw.publishedKeys().contains("10.1.0.0/16@102"));
+  EXPECT_FALSE(sw.publishedKeys().contains("10.9.0.0/16@102"));
+}
+
+TEST_P(SwRouteSmTest, FullTablesHoldBackWhatIsNewAndLetItInWhenThereIsRoom) {
+  sw.capability(3, 3, 2);
+  for (std::uint64_t key = 1; key <= 5; ++key) sw.via(key, {sw.nexthop("10.255.0." + std::to_string(key))});
+  for (std::uint64_t key = 1; key <= 5; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, key);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.published().size(), 3u);
+  EXPECT_EQ(sw.unprogrammed().size(), 2u);
+  EXPECT_EQ(sw.adjacencyIds().size(), 2u);  // one route is published without its adjacency and stays queued
+  EXPECT_EQ(sw.trace.count("route table full"), 1u);
+  EXPECT_EQ(sw.trace.count("adjacency table full"), 1u);
+  for (std::uint64_t key = 1; key <= 5; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, 1);
+  settle();
+  EXPECT_EQ(sw.adjacencyIds().size(), 1u);
+  for (const auto& route : sw.published()) EXPECT_EQ(route.second, "10.255.0.1 Vxlan1 vlan 10 fec 5");
+  sw.routeGone("10.1.0.0/16", 1);
+  sw.routeGone("10.2.0.0/16", 1);
+  settle();
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("10.3.0.0/16@101", "10.4.0.0/16@101", "10.5.0.0/16@101"));
+  EXPECT_THAT(sw.unprogrammed(), IsEmpty());
+}
+
+TEST_P(SwRouteSmTest, AViaWithTooManyNextHopsIsTreatedAsMissing) {
+  std::vector<SimulatedSwitch::ViaNexthop> many;
+  for (int i = 1; i <= 33; ++i) many.push_back(sw.nexthop("10.255.0." + std::to_string(i)));
+  sw.via(1, many);
+  sw.via(2, {many.begin(), many.end() - 1});
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.route("10.2.0.0/16", 1, 2);
+  sw.start();
+  settle();
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("10.2.0.0/16@101"));
+  EXPECT_THAT(sw.unprogrammed(), ElementsAre("10.1.0.0/16@1"));
+}
+
+TEST_P(SwRouteSmTest, WithHardwareCachingOnTheHardwareEntryDecidesInHw) {
+  sw.hwRouteCaching(true);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.start();
+  settle();
+  const RouteCache::Ipv4RouteVrfKey key(Platform::fromText<Prefix>("10.0.0.0/8"), 101);
+  const auto inHw = [&] { return sw.agent().ipv4SfeRouteStatus()->route(key)->inHw(); };
+  const AdjId adjId = sw.agent().ipv4SfeRouteStatus()->route(key)->adjId();
+  EXPECT_FALSE(inHw());
+  EXPECT_THAT(sw.unprogrammed(), ElementsAre("10.0.0.0/8@1"));
+  const struct {
+    const char* what;
+    AdjId adjId;
+    bool programmed, expected;
+  } steps[] = {{"entry not programmed", adjId, false, false},
+               {"programmed", adjId, true, true},
+               {"programmed with another adjacency: nothing changes", AdjId(999), true, true},
+               {"not programmed any more", adjId, false, false}};
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    sw.hwRoute("10.0.0.0/8", 101, step.adjId, step.programmed);
+    settle();
+    EXPECT_EQ(inHw(), step.expected);
+    EXPECT_EQ(sw.unprogrammed().empty(), step.expected);
+  }
+}
+
+// --- Restart ---------------------------------------------------------------------------------------------------------
+
+TEST_P(SwRouteSmTest, ARestartChangesNothingThatStandsAsItShould) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.1"), sw.nexthop("2001:db8:ff::1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.route("2001:db8:1::/48", 1, 2);
+  sw.route("10.1.0.0/16", 7, 1);  // parked: no such VRF
+  sw.start();
+  settle();
+  const auto before = sw.published();
+  const auto ids = sw.adjacencyIds();
+  ASSERT_THAT(sw.unprogrammed(), ElementsAre("10.1.0.0/16@7"));
+  sw.stop();
+
+  // Everything that changes in any of the tables from here on is heard of.
+  std::vector<std::string> changed;
+  std::vector<std::unique_ptr<Pondra::TableEntity::Watcher>> watchers;
+  for (const char* path : {"routecache/route/hw/ipv4", "routecache/route/hw/ipv6", "routecache/adj/ipv4",
+                           "routecache/adj/ipv6", "routing/rib/routeConfig/ipv4/unprogrammedStaticRouteCacheConfig"}) {
+    watchers.push_back(sw.outside->entity(path)->watchText([&](const std::string& key) { changed.push_back(key); }));
+  }
+  sw.start();
+  sw.advance(1);
+  EXPECT_EQ(sw.published(), before);
+  sw.advance(400);
+  EXPECT_EQ(sw.published(), before);
+  EXPECT_EQ(sw.adjacencyIds(), ids);
+  EXPECT_THAT(changed, IsEmpty());
+  EXPECT_FALSE(sw.sm().restart());
+}
+
+TEST_P(SwRouteSmTest, ARestartTakesUpWhatChangedMeanwhile) {
+  for (std::uint64_t key = 1; key <= 4; ++key) sw.via(key, {sw.nexthop("10.255.0." + std::to_string(key))});
+  for (std::uint64_t key = 1; key <= 4; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, key);
+  sw.route("10.8.0.0/16", 8, 1);
+  sw.start();
+  settle();
+  const auto kept = sw.adjIdOf("10.1.0.0/16", 101);
+  sw.stop();
+  sw.routeGone("10.2.0.0/16", 1);
+  sw.routeGone("10.8.0.0/16", 8);
+  sw.route("10.3.0.0/16", 1, 4);  // another via
+  sw.via(4, {sw.nexthop("10.255.0.4"), sw.nexthop("10.255.0.5")});
+  sw.route("10.5.0.0/16", 1, 1);
+  sw.start();
+  sw.advance(400);
+  EXPECT_EQ(sw.adjIdOf("10.1.0.0/16", 101), kept);
+  EXPECT_EQ(sw.adjIdOf("10.5.0.0/16", 101), kept);
+  EXPECT_THAT(sw.published(),
+              ElementsAre(Pair("10.1.0.0/16@101", "10.255.0.1 Vxlan1 vlan 10 fec 5"),
+                          Pair("10.3.0.0/16@101", "10.255.0.4 Vxlan1 vlan 10 fec 5, 10.255.0.5 Vxlan1 vlan 10 fec 5"),
+                          Pair("10.4.0.0/16@101", "10.255.0.4 Vxlan1 vlan 10 fec 5, 10.255.0.5 Vxlan1 vlan 10 fec 5"),
+                          Pair("10.5.0.0/16@101", "10.255.0.1 Vxlan1 vlan 10 fec 5")));
+  EXPECT_EQ(sw.adjacencyIds().size(), 2u);
+  EXPECT_THAT(sw.requests(), UnorderedElementsAre("10.255.0.1", "10.255.0.4", "10.255.0.5"));
+  EXPECT_THAT(sw.unprogrammed(), IsEmpty());
+}
+
+TEST_P(SwRouteSmTest, ARestartKeepsForwardingUntilTheResolverHasAnswered) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.route("10.9.0.0/16", 9, 1);  // its VRF never comes: the queue does not drain
+  sw.start();
+  settle();
+  sw.stop();
+  // The resolver has lost its answers, and takes its time.
+  const auto answers =
+      sw.entity<Routing::NexthopStatus>("l3/nexthop-resolver/status/routeCache", "Routing::NexthopStatus");
+  answers->vrfDel(L3::VrfName());
+  sw.start();
+  sw.advance(20);
+  EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
+  answers->vrfIs(L3::VrfName())->nexthopIs(Platform::fromText<IpGenAddr>("10.255.0.1"), Fib::FecId(8));
+  sw.advance(20);
+  EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec 8");
+}
+
+TEST_P(SwRouteSmTest, NoIdentifierIsReusedWhileAnInheritedRouteNamesIt) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.2")});
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.route("10.2.0.0/16", 1, 1);
+  sw.start();
+  settle();
+  const auto inherited = sw.adjIdOf("10.1.0.0/16", 101);
+  sw.stop();
+  sw.routeGone("10.1.0.0/16", 1);  // stays published until the route sync meets it
+  sw.start();
+  sw.advance(0.5);
+  sw.routeGone("10.2.0.0/16", 1);
+  sw.advance(0.5);
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("10.1.0.0/16@101"));
+  EXPECT_THAT(sw.adjacencyIds(), ElementsAre(inherited));
+  sw.route("10.3.0.0/16", 1, 2);
+  sw.advance(0.5);
+  EXPECT_NE(sw.adjIdOf("10.3.0.0/16", 101), inherited);
+  sw.advance(400);
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("10.3.0.0/16@101"));
+  EXPECT_EQ(sw.adjacencyIds().size(), 1u);
+}
+
+// --- Queue -----------------------------------------------------------------------------------------------------------
+
+TEST_P(SwRouteSmTest, RoutesOfAVrfThatNeverComesCostNothingAndDelayNobody) {
+  sw.checkEveryRunIs(false);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  for (int i = 0; i < 3000; ++i)
+    sw.route("10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24", 9, 1);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.sm().routeToProcess().size(), 3000u);
+  sw.trace.clear();
+  sw.advance(10);
+  EXPECT_EQ(sw.trace.count("prefix: "), 0u);
+  sw.route("20.0.0.0/8", 1, 1);
+  sw.advance(0);
+  EXPECT_TRUE(sw.publishedKeys().contains("20.0.0.0/8@101"));
+  sw.vrf("nine", 9, 109);
+  sw.advance(0);
+  EXPECT_EQ(sw.published().size(), 3001u);
+}
+
+TEST_P(SwRouteSmTest, NothingIsQueuedBeforeTheAdjacencySyncsAreDone) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.start();
+  sw.advance(0);
+  sw.sm().enableRouteProcessingIs(false);
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.advance(10);
+  EXPECT_EQ(sw.sm().routeToProcess().size(), 0u);
+  EXPECT_THAT(sw.published(), IsEmpty());
+}
+
+TEST_P(SwRouteSmTest, InterruptedRouteSyncGoesOnWhereItStopped) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  for (const char* prefix : {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"}) sw.route(prefix, 1, 1);
+  sw.start();
+  settle();
+  sw.stop();
+  for (const char* prefix : {"10.1.0.0/16", "10.2.0.0/16", "10.3.0.0/16"}) sw.routeGone(prefix, 1);
+  sw.trace.clear();
+  sw.start();
+  sw.scheduler.yieldAfterEntriesIs(2);
+  sw.advance(5);  // one run: it met two of the three
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("10.3.0.0/16@101"));
+  EXPECT_EQ(sw.trace.count("RouteSync rescheduled with Bookmark "), 1u);
+  sw.advance(5);
+  EXPECT_THAT(sw.published(), IsEmpty());
+}
+
+}  // namespace

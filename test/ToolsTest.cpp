@@ -1,0 +1,275 @@
+// The commands `routecache rib` and `routecache table`, as a person meets them: real processes on a run directory.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "linux/SharedTable.h"
+#include "tools/Common.h"
+#include "tools/RibWriter.h"
+
+namespace {
+
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class ToolsTest : public ::testing::Test {
+ protected:
+  struct Result {
+    int exitCode = -1;
+    std::string out;
+    std::string err;
+  };
+
+  ToolsTest() { std::filesystem::create_directory(dir_); }
+  ~ToolsTest() override { std::filesystem::remove_all(dir_); }
+
+  std::string command(const std::string& arguments) const {
+    return std::string("'") + ROUTECACHE_COMMAND "' " + arguments + " --run-dir '" + dir_ + "/run'";
+  }
+  Result run(const std::string& arguments, const std::string& input = "") const {
+    std::ofstream(dir_ + "/in") << input;
+    const std::string redirected = command(arguments) + " <'" + dir_ + "/in' >'" + dir_ + "/out' 2>'" + dir_ + "/err'";
+    const int status = std::system(redirected.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents("out"), contents("err")};
+  }
+  json runJson(const std::string& arguments, const std::string& input = "") const {
+    const Result result = run(arguments + " --json", input);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return json::parse(result.out, nullptr, false);
+  }
+  std::string contents(const std::string& name) const {
+    std::ifstream file(dir_ + "/" + name);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  // The keys of a table in its order.
+  std::vector<std::string> keys(const std::string& path, const std::string& arguments = "") const {
+    std::vector<std::string> found;
+    for (const auto& entry : runJson("table show " + path + " " + arguments)) {
+      found.push_back(entry["key"].is_string() ? entry["key"].get<std::string>() : entry["key"].dump());
+    }
+    return found;
+  }
+  // The via that a route names.
+  json viaOf(const std::string& key) const {
+    const auto route = runJson("table show " + v4 + " " + key);
+    return runJson("table show " + vias + " " + route["viaKey"].dump());
+  }
+
+  const std::string v4 = Tools::ipv4RoutePath;
+  const std::string v6 = Tools::ipv6RoutePath;
+  const std::string vias = Tools::viaPath;
+  const std::string dir_ = ::testing::TempDir() + "tools." + std::to_string(::getpid());
+};
+
+TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
+  const struct {
+    const char* arguments;
+    const char* input;
+    const char* complaint;
+  } cases[] = {
+      {"rib load", "", "either a list of prefixes or --generate"},
+      {"rib load - --generate 5", "", "either a list of prefixes or --generate"},
+      {"rib load /nowhere/list", "", "/nowhere/list: No such file or directory"},
+      {"rib load -", "10.0.0.0/8\nten/8\n", "standard input:2: 'ten/8' is not an IP prefix"},
+      {"rib load --generate 99999999", "", "at most 4000000 prefixes"},
+      {"rib load --generate 5 --vrfs 3-1", "", "--vrfs: the range '3-1' is empty"},
+      {"rib load --generate 5 --vrfs 1,x", "", "--vrfs: 'x' is not a number"},
+      {"rib load --generate 5 --vrfs 16777215", "", "--vrfs: a VRF id is at most 16777214"},
+      {"rib load --generate 5 --vtep-base 10.0.0", "", "--vtep-base: '10.0.0' is not an IP address"},
+      {"rib load --generate 5 --vteps 2 --paths 3", "", "3 paths need as many VTEPs"},
+      {"rib load --generate 5 --vti interface9", "", "--vti: 'interface9' is not an interface name"},
+      {"rib load --generate 5 --vni 16777216", "", "--vni: '16777216' is not a VNI"},
+      {"rib load --generate 5 --capacity 4", "", "a capacity of 4 does not hold 5 entries"},
+      {"rib load --generate 5 --capacity 0", "", "--capacity"},
+      {"rib add 10.0.0.0/33 --vrf 1 --vtep 10.0.0.1", "", "'10.0.0.0/33' is not an IP prefix"},
+      {"rib add 10.0.0.0/8 --vrf 1 --vtep 10.0.0.1,x", "", "--vtep: 'x' is not an IP address"},
+      {"rib add 10.0.0.0/8 --vrf 1 --vtep 10.0.0.1 --via 0", "", "--via: 0 names no via"},
+      {"rib add 10.0.0.0/8 --vrf 1", "", "--vtep is required"},
+      {"rib del 10.0.0.0/8", "", "rib del takes --vrf or --all"},
+      {"rib del 10.0.0.0/8 --all", "", "--all leaves nothing to choose"},
+      {"table show", "", "PATH is required"},
+      {"table show x --limit 0", "", "--limit"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    const Result result = run(c.arguments, c.input);
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.err, HasSubstr(c.complaint));
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_THAT(result.out, IsEmpty());
+  }
+  EXPECT_THAT(runJson("table list"), IsEmpty()) << "nothing of all this reached a table";
+}
+
+TEST_F(ToolsTest, WhatCannotBeDoneIsExitCodeOne) {
+  run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
+  std::ofstream(dir_ + "/run/tables/torn.table") << "no table";
+  const struct {
+    std::string arguments;
+    const char* complaint;
+  } cases[] = {
+      {"table show no/such/table", "there is no table no/such/table in "},
+      {"table watch no/such/table", "there is no table no/such/table in "},
+      {"table show torn", "torn: the file is too short for a table"},
+      {"table show " + v4 + " 10.0.0.0/8@2", "there is no entry 10.0.0.0/8@2"},
+      {"rib del 10.0.0.0/8 11.0.0.0/8 12.0.0.0/8 --vrf 2", "there was no route 10.0.0.0/8@2, nor 2 others"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    const Result result = run(c.arguments);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_THAT(result.err, HasSubstr(c.complaint));
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+  }
+  EXPECT_EQ(run("table show " + v4 + " ten").exitCode, 2) << "a key that is none is bad input";
+}
+
+TEST_F(ToolsTest, LoadSpreadsPrefixesOverVrfsAndNexthopSets) {
+  const std::string list =
+      "10.0.0.0/8\n10.1.0.0/16\n10.2.0.0/16 # again below\n2001:db8::/32\n10.3.0.0/16\n10.2.0.0/16\n";
+  const json summary = runJson("rib load - --vrfs 5,1-2 --vteps 3 --paths 2 --nexthop-sets 3 --vni 5000", list);
+  EXPECT_EQ(summary["routes"], 5);
+  EXPECT_EQ(summary["ipv6Routes"], 1);
+  EXPECT_EQ(summary["duplicates"], 1);
+  EXPECT_EQ(summary["viasWritten"], 3);
+  EXPECT_THAT(keys(v4), ElementsAre("10.0.0.0/8@1", "10.3.0.0/16@1", "10.1.0.0/16@2", "10.2.0.0/16@2"));
+  EXPECT_THAT(keys(v6), ElementsAre("2001:db8::/32@5"));
+  EXPECT_THAT(keys(vias), ElementsAre("1", "2", "3"));
+  EXPECT_NE(viaOf("10.0.0.0/8@1"), viaOf("10.3.0.0/16@1")) << "a VRF meets more than one set";
+  const std::string nexthops = viaOf("10.0.0.0/8@1")["nexthops"];
+  EXPECT_THAT(nexthops, HasSubstr("'remoteVtep': 10.255.0.1, 'vti': Vxlan1, 'extendedVlanId': 0, 'vni': 5000, "
+                                  "'routerMac': 02:00:0a:ff:00:01"));
+  EXPECT_THAT(nexthops, HasSubstr("'remoteVtep': 10.255.0.2"));
+
+  // The same again needs no room and changes no via; another VLAN changes them all in place.
+  EXPECT_EQ(runJson("rib load - --vrfs 5,1-2 --vteps 3 --paths 2 --nexthop-sets 3 --vni 5000 --capacity 4", list)
+                .at("viasWritten"),
+            0);
+  EXPECT_EQ(runJson("rib load - --vrfs 1,2,5 --vteps 3 --paths 2 --nexthop-sets 3 --vlan 9", list).at("viasWritten"),
+            3);
+  EXPECT_EQ(keys(v4).size(), 4U);
+  EXPECT_EQ(runJson("rib load --generate 2000 --vrfs 1")["routes"], 2000) << "the table grows";
+}
+
+TEST_F(ToolsTest, ViasComeAndGoWithTheRoutesThatNameThem) {
+  run("rib add 10.0.0.0/8 11.0.0.0/8 --vrf 7 --vtep 10.255.0.1");
+  run("rib add 12.0.0.0/8 --vrf 7 --vtep 10.255.0.2");
+  EXPECT_EQ(runJson("rib add 13.0.0.0/8 --vrf 8 --vtep 10.255.0.1")["viasWritten"], 0) << "an equal via is shared";
+  EXPECT_THAT(keys(vias), ElementsAre("1", "2"));
+  EXPECT_EQ(runJson("rib add 12.0.0.0/8 --vrf 7 --vtep 10.255.0.1")["viasRemoved"], 1) << "nobody names 2 any more";
+  run("rib add 14.0.0.0/8 --vrf 7 --vtep 10.255.0.3");
+  EXPECT_EQ(viaOf("14.0.0.0/8@7")["key"], 2) << "a free key is used again";
+
+  EXPECT_EQ(runJson("rib del 10.0.0.0/8 --vrf 7")["viasRemoved"], 0);
+  EXPECT_EQ(runJson("rib del --vrf 7")["viasRemoved"], 1);
+  EXPECT_THAT(keys(v4), ElementsAre("13.0.0.0/8@8"));
+  EXPECT_EQ(runJson("rib del --all"), json({{"routesRemoved", 1}, {"viasRemoved", 1}}));
+  EXPECT_THAT(keys(vias), IsEmpty());
+}
+
+TEST_F(ToolsTest, ShowWalksInKeyOrderFromAnyKey) {
+  run("rib load --generate 50 --vrfs 1-3");
+  const std::vector<std::string> all = keys(v4);
+  ASSERT_EQ(all.size(), 50U);
+  EXPECT_THAT(keys(v4, "--from " + all[10] + " --limit 2"), ElementsAre(all[10], all[11]));
+  EXPECT_THAT(keys(v4, "--from 0.0.0.0/0@4"), IsEmpty());
+  const Result text = run("table show " + v4 + " --limit 2");
+  EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2);
+  EXPECT_THAT(text.out, StartsWith("Value('Routing::Rib::Route', ** {'key': " + all[0]));
+}
+
+TEST_F(ToolsTest, AWriterAtWorkIsSeenAndRefusesASecondOne) {
+  const Platform::TableTypes types = Tools::allTableTypes();
+  const auto row = [&](const std::string& path) {
+    for (const auto& table : runJson("table list")) {
+      if (table["path"] == path) return table;
+    }
+    return json();
+  };
+  {
+    LinuxPlatform::SharedTableService tables(dir_ + "/run", types);
+    tables.mount(v4, "Routing::Rib::RouteConfig", Pondra::MountKind::writer, Pondra::CollectionInfo{"route", 77});
+    const Result second = run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
+    EXPECT_EQ(second.exitCode, 1);
+    EXPECT_THAT(second.err, HasSubstr(v4 + " mount: another process is the table's writer"));
+    EXPECT_EQ(
+        row(v4),
+        json(
+            {{"path", v4}, {"type", "Routing::Rib::RouteConfig"}, {"entries", 0}, {"capacity", 77}, {"writer", true}}));
+  }
+  EXPECT_EQ(row(v4)["writer"], false);
+  EXPECT_EQ(runJson("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1")["routes"], 1);
+}
+
+// `table watch --json` in a process of its own.
+class Watch {
+ public:
+  explicit Watch(const std::string& command) : stream_(popen(("echo $$; exec " + command).c_str(), "r")) {
+    char line[32] = {};
+    pid_ = std::fgets(line, sizeof line, stream_) != nullptr ? std::atoi(line) : 0;
+    text_ = static_cast<char>(std::fgetc(stream_));  // "[": from now on it hears of every change
+  }
+  ~Watch() {
+    if (stream_ != nullptr) pclose(stream_);
+  }
+  // Waits until it has written this, and interrupts it.
+  void interruptAfter(const std::string& text) {
+    while (!text_.ends_with(text)) {
+      const int c = std::fgetc(stream_);
+      if (c == EOF) return;
+      text_ += static_cast<char>(c);
+    }
+    ::kill(pid_, SIGINT);
+  }
+  // What it wrote until its end, and that end's exit code.
+  std::pair<json, int> finish() {
+    for (int c = std::fgetc(stream_); c != EOF; c = std::fgetc(stream_)) text_ += static_cast<char>(c);
+    const int status = pclose(std::exchange(stream_, nullptr));
+    return {json::parse(text_, nullptr, false), WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+  }
+
+ private:
+  FILE* stream_;
+  pid_t pid_ = 0;
+  std::string text_;
+};
+
+TEST_F(ToolsTest, WatchTellsOfARewrittenAnAddedAndARemovedRoute) {
+  run("rib add 10.0.0.0/8 11.0.0.0/8 --vrf 7 --vtep 10.255.0.1 --via 5");
+  Watch watch(command("table watch " + v4 + " --json"));
+  Watch first(command("table watch " + v4 + " --json --count 1"));
+  // The via changes under two routes that stand: they are written again, as they are.
+  EXPECT_EQ(runJson("rib add 12.0.0.0/8 --vrf 7 --vtep 10.255.0.2 --via 5")["routesRewritten"], 2);
+  run("rib del 11.0.0.0/8 --vrf 7");
+  watch.interruptAfter("\"removed\":true}");
+  const auto [changes, exitCode] = watch.finish();
+  EXPECT_EQ(exitCode, 0);
+  std::set<std::string> changed;
+  for (const auto& change : changes) changed.insert(change["key"].get<std::string>());
+  EXPECT_THAT(changed, ElementsAre("10.0.0.0/8@7", "11.0.0.0/8@7", "12.0.0.0/8@7"));
+  EXPECT_EQ(changes.back(), json({{"key", "11.0.0.0/8@7"}, {"removed", true}}));
+  EXPECT_EQ(first.finish().first.size(), 1U);
+}
+
+TEST_F(ToolsTest, AWatchThatHeardNothingLeavesAnEmptyArray) {
+  run("rib add 10.0.0.0/8 --vrf 7 --vtep 10.255.0.1");
+  Watch watch(command("table watch " + v4 + " --json"));
+  watch.interruptAfter("[");
+  const auto [changes, exitCode] = watch.finish();
+  EXPECT_EQ(exitCode, 0);
+  EXPECT_EQ(changes, json::array());
+}
+
+}  // namespace

@@ -1,0 +1,285 @@
+#include "test/support/SimulatedSwitch.h"
+
+#include <cstdlib>
+
+#include "linux/PlatformTypes.h"
+#include "platform/Assert.h"
+
+using Routing::Rib::RouteConfig;
+using Routing::Rib::RouteKey;
+using Routing::Rib::RouteCache::Evpn::Via;
+using Routing::Rib::RouteCache::Evpn::ViaConfig;
+
+TemporaryDirectory::TemporaryDirectory() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "routecache-test-XXXXXX").string();
+  PLATFORM_ASSERT(::mkdtemp(pattern.data()) != nullptr);
+  path_ = pattern;
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
+  LinuxPlatform::addPlatformTypes(entityTypes, tableTypes);
+  RouteCacheAgent::Agent("types").registerTypes(entityTypes, tableTypes, trace.vocabulary());
+  stateDb = std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes, scheduler);
+  outside = std::make_unique<LinuxPlatform::SharedTableService>(directory.path(), tableTypes);
+  const auto writer = [this](const char* path, const char* type, const char* collection) {
+    outside->mount(path, type, Pondra::MountKind::writer, Pondra::CollectionInfo{collection, 100000});
+  };
+  writer("routing/rib/routeConfig/ipv4/staticRouteCacheConfig", RouteConfig::typeName, "route");
+  writer("routing/rib/routeConfig/ipv6/staticRouteCacheConfig", RouteConfig::typeName, "route");
+  writer("routing/rib/viaConfig/evpn/staticRouteCacheConfig", ViaConfig::typeName, "via");
+  routes_ = outside->get<RouteConfig>("routing/rib/routeConfig/ipv4/staticRouteCacheConfig");
+  routes6_ = outside->get<RouteConfig>("routing/rib/routeConfig/ipv6/staticRouteCacheConfig");
+  vias_ = outside->get<ViaConfig>("routing/rib/viaConfig/evpn/staticRouteCacheConfig");
+  resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
+      entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
+      entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
+      entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
+      scheduler);
+  capability(10000, 10000, 10000);
+  scheduler.afterRunIs([this] {
+    deliver();
+    if (agent_ && checkEveryRun_) agent_->checkInvariants();
+  });
+}
+
+SimulatedSwitch::~SimulatedSwitch() {
+  stop();
+}
+
+void SimulatedSwitch::deliver() {
+  if (!agentTables || !mountsDone_) return;
+  agentTables->pendingChanges();
+  agentTables->deliverChanges([] { return false; });
+}
+
+// --- Configuration ---------------------------------------------------------------------------------------------------
+
+void SimulatedSwitch::capability(std::uint32_t hwRoutes, std::uint32_t sfeRoutes, std::uint32_t adjacencies) {
+  const auto capability = entity<RouteCache::Capability>("routecache/capability", "RouteCache::Capability");
+  capability->hwRouteTableSizeIs(hwRoutes);
+  capability->sfeRouteTableSizeIs(sfeRoutes);
+  capability->adjacencyTableSizeIs(adjacencies);
+}
+
+void SimulatedSwitch::hwRouteCaching(bool enabled) {
+  entity<Routing::Hardware::Status>("routing/hardware/status", "Routing::Hardware::Status")
+      ->hwRouteCachingEnabledIs(enabled);
+}
+
+void SimulatedSwitch::vrf(const std::string& name, std::uint32_t piVrfId, std::uint32_t hwVrfId) {
+  piVrf(name, piVrfId);
+  hwVrf(name, hwVrfId);
+}
+
+void SimulatedSwitch::vrfGone(const std::string& name) {
+  hwVrfGone(name);
+  piVrfGone(name);
+}
+
+void SimulatedSwitch::piVrf(const std::string& name, std::uint32_t piVrfId) {
+  entity<Vrf::VrfIdMap::NameToIdMap>("vrf/vrfNameStatus", "Vrf::VrfIdMap::NameToIdMapWrapper")
+      ->nameToIdIs(name, piVrfId);
+}
+
+void SimulatedSwitch::piVrfGone(const std::string& name) {
+  entity<Vrf::VrfIdMap::NameToIdMap>("vrf/vrfNameStatus", "Vrf::VrfIdMap::NameToIdMapWrapper")->nameToIdDel(name);
+}
+
+void SimulatedSwitch::hwVrf(const std::string& name, std::uint32_t hwVrfId) {
+  entity<Routing::Hardware::RouteStatus>("routing/hardware/route/status", "Routing::Hardware::RouteStatus")
+      ->vrfStatusIs(name)
+      ->hwVrfIdIs(hwVrfId);
+}
+
+void SimulatedSwitch::hwVrfGone(const std::string& name) {
+  entity<Routing::Hardware::RouteStatus>("routing/hardware/route/status", "Routing::Hardware::RouteStatus")
+      ->vrfStatusDel(name);
+}
+
+void SimulatedSwitch::vti(const std::string& name, const std::string& ipv4, const std::string& ipv6) {
+  const auto vti =
+      entity<Vxlan::VtiStatusDir>("interface/status/eth/vxlan", "Vxlan::VtiStatusDir")->vtiStatusIs(IntfId(name));
+  vti->ipv4AddrIs(ipv4.empty() ? IpAddr() : Platform::fromText<IpAddr>(ipv4));
+  vti->ipv6AddrIs(ipv6.empty() ? Ip6Addr() : Platform::fromText<Ip6Addr>(ipv6));
+  vti->operStatusIs(Vxlan::OperStatus::up);
+}
+
+void SimulatedSwitch::vtiDown(const std::string& name) {
+  entity<Vxlan::VtiStatusDir>("interface/status/eth/vxlan", "Vxlan::VtiStatusDir")
+      ->vtiStatusIs(IntfId(name))
+      ->operStatusIs(Vxlan::OperStatus::down);
+}
+
+void SimulatedSwitch::vtiGone(const std::string& name) {
+  entity<Vxlan::VtiStatusDir>("interface/status/eth/vxlan", "Vxlan::VtiStatusDir")->vtiStatusDel(IntfId(name));
+}
+
+void SimulatedSwitch::vlan(const std::string& vti, Bridging::ExtendedVlanId vlan, std::uint32_t vni) {
+  entity<Vxlan::VtiStatusDir>("interface/status/eth/vxlan", "Vxlan::VtiStatusDir")
+      ->vtiStatusIs(IntfId(vti))
+      ->extendedVlanToVniMapIs(vlan, Vxlan::Vni(vni));
+}
+
+void SimulatedSwitch::vlanGone(const std::string& vti, Bridging::ExtendedVlanId vlan) {
+  entity<Vxlan::VtiStatusDir>("interface/status/eth/vxlan", "Vxlan::VtiStatusDir")
+      ->vtiStatusIs(IntfId(vti))
+      ->extendedVlanToVniMapDel(vlan);
+}
+
+void SimulatedSwitch::underlay(const std::string& prefix, std::uint32_t fec) {
+  entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig")
+      ->routeIs(Platform::fromText<IpGenPrefix>(prefix), Fib::FecId(fec));
+}
+
+void SimulatedSwitch::underlayGone(const std::string& prefix) {
+  entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig")
+      ->routeDel(Platform::fromText<IpGenPrefix>(prefix));
+}
+
+SimulatedSwitch::ViaNexthop SimulatedSwitch::nexthop(const std::string& vtep, const std::string& vti, std::uint32_t vni,
+                                                     Bridging::ExtendedVlanId vlan, const std::string& mac) {
+  ViaNexthop nexthop;
+  nexthop.remoteVtep = Platform::fromText<IpGenAddr>(vtep);
+  nexthop.vti = IntfId(vti);
+  nexthop.extendedVlanId = vlan;
+  if (vni != 0) nexthop.vni = Vxlan::Vni(vni);
+  nexthop.routerMac = Platform::fromText<EthAddr>(mac);
+  return nexthop;
+}
+
+void SimulatedSwitch::via(std::uint64_t key, const std::vector<ViaNexthop>& nexthops) {
+  vias_->viaIs(Via(key, nexthops));
+}
+
+void SimulatedSwitch::viaGone(std::uint64_t key) {
+  vias_->viaDel(key);
+}
+
+void SimulatedSwitch::route(const std::string& prefix, std::uint32_t piVrfId, std::uint64_t viaKey) {
+  const RouteKey key(piVrfId, Platform::fromText<IpGenPrefix>(prefix));
+  (key.prefix().isV4() ? routes_ : routes6_)->routeIs(Routing::Rib::Route(key, viaKey));
+}
+
+void SimulatedSwitch::routeGone(const std::string& prefix, std::uint32_t piVrfId) {
+  const RouteKey key(piVrfId, Platform::fromText<IpGenPrefix>(prefix));
+  (key.prefix().isV4() ? routes_ : routes6_)->routeDel(key);
+}
+
+void SimulatedSwitch::hwRoute(const std::string& prefix, std::uint32_t hwVrfId, RouteCache::AdjId adjId, bool inHw) {
+  agent().ipv4HwRouteStatus()->routeIs({{Platform::fromText<Prefix>(prefix), hwVrfId}, adjId, inHw});
+}
+
+// --- The agent -------------------------------------------------------------------------------------------------------
+
+void SimulatedSwitch::start() {
+  agentTables = std::make_unique<LinuxPlatform::SharedTableService>(directory.path(), tableTypes);
+  agent_.reset(static_cast<RouteCacheAgent::Agent*>(RouteCacheAgent::agentFactory("RouteCache")));
+  Platform::AgentServices services;
+  services.stateDb = stateDb.get();
+  services.tables = agentTables.get();
+  services.scheduler = &scheduler;
+  services.trace = &trace;
+  services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
+    stateDb->localEntityIs(path, std::move(entity));
+  };
+  services.environment = [this](const char* name) -> const char* {
+    const auto found = environment.find(name);
+    return found == environment.end() ? nullptr : found->second.c_str();
+  };
+  agent_->servicesIs(services);
+  stateDb->afterMountsIs([this] { mountsDone_ = true; });
+  agent_->doInit();
+}
+
+void SimulatedSwitch::stop() {
+  agent_.reset();
+  agentTables.reset();
+  mountsDone_ = false;
+}
+
+void SimulatedSwitch::advance(double seconds) {
+  scheduler.advance(seconds);
+}
+
+// --- What others see -------------------------------------------------------------------------------------------------
+
+namespace {
+
+template <class Via>
+void describe(const Via& via, std::string& text) {
+  for (const auto& slot : via.viaKey()) {
+    if (!text.empty()) text += ", ";
+    text += Platform::toText(slot.remoteVtepIp()) + " " + Platform::toText(slot.vti()) + " vlan " +
+            std::to_string(slot.extendedVlanId()) + " fec " + std::to_string(slot.underlayFecId().value());
+  }
+}
+
+}  // namespace
+
+std::map<std::string, std::string> SimulatedSwitch::published() const {
+  std::map<std::string, std::string> routes;
+  const bool caching = entity<Routing::Hardware::Status>("routing/hardware/status", "Routing::Hardware::Status")
+                           ->hwRouteCachingEnabled();
+  const auto ipv4 =
+      reader<RouteCache::Ipv4RouteStatus>(caching ? "routecache/route/sfe/ipv4" : "routecache/route/hw/ipv4");
+  const auto ipv6 = reader<RouteCache::Ipv6RouteStatus>("routecache/route/hw/ipv6");
+  const auto adj4 = reader<RouteCache::Ipv4AdjacencyStatus>("routecache/adj/ipv4");
+  const auto adj6 = reader<RouteCache::Ipv6AdjacencyStatus>("routecache/adj/ipv6");
+  outside->pendingChanges();
+  outside->deliverChanges([] { return false; });
+  const auto add = [&](const auto& route) {
+    std::string text;
+    if (const auto via = adj4->adj(route.adjId())) describe(*via, text);
+    if (const auto via = adj6->adj(route.adjId())) describe(*via, text);
+    routes[route.key().shortText()] = text.empty() ? "no adjacency" : text;
+  };
+  for (const auto& route : *ipv4) add(route);
+  for (const auto& route : *ipv6) add(route);
+  return routes;
+}
+
+std::set<std::string> SimulatedSwitch::publishedKeys() const {
+  std::set<std::string> keys;
+  for (const auto& route : published()) keys.insert(route.first);
+  return keys;
+}
+
+std::set<std::string> SimulatedSwitch::unprogrammed() const {
+  std::set<std::string> keys;
+  const auto table = reader<RouteConfig>("routing/rib/routeConfig/ipv4/unprogrammedStaticRouteCacheConfig");
+  outside->pendingChanges();
+  outside->deliverChanges([] { return false; });
+  for (const auto& route : *table) keys.insert(Platform::toText(route.key()));
+  return keys;
+}
+
+std::set<std::string> SimulatedSwitch::requests() const {
+  std::set<std::string> addresses;
+  const auto config = entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig");
+  if (const auto vrf = config->vrf(L3::VrfName())) {
+    for (const auto& request : vrf->nexthop()) addresses.insert(Platform::toText(request.first));
+  }
+  return addresses;
+}
+
+std::vector<std::uint32_t> SimulatedSwitch::adjacencyIds() const {
+  std::set<std::uint32_t> ids;
+  for (const auto& via : *reader<RouteCache::Ipv4AdjacencyStatus>("routecache/adj/ipv4")) ids.insert(via.key().value());
+  for (const auto& via : *reader<RouteCache::Ipv6AdjacencyStatus>("routecache/adj/ipv6")) ids.insert(via.key().value());
+  return {ids.begin(), ids.end()};
+}
+
+std::uint32_t SimulatedSwitch::adjIdOf(const std::string& prefix, std::uint32_t hwVrfId) const {
+  const auto generic = Platform::fromText<IpGenPrefix>(prefix);
+  if (generic.isV4()) {
+    const auto route = reader<RouteCache::Ipv4RouteStatus>("routecache/route/hw/ipv4")->route({generic.v4(), hwVrfId});
+    return route ? route->adjId().value() : 0;
+  }
+  const auto route = reader<RouteCache::Ipv6RouteStatus>("routecache/route/hw/ipv6")->route({generic.v6(), hwVrfId});
+  return route ? route->adjId().value() : 0;
+}

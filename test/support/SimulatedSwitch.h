@@ -1,0 +1,117 @@
+// A switch for tests: real shared tables in a directory of their own, a real state database and resolver, virtual time.
+// It outlives the agent, so that an agent can be stopped and started over what it left.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "RouteCache/RouteCacheAgent.h"
+#include "linux/SharedTable.h"
+#include "linux/StateDb.h"
+#include "linux/TaskScheduler.h"
+#include "linux/TextTrace.h"
+#include "linux/UnderlayResolver.h"
+
+// A directory that goes with the object.
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory&) = delete;
+  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+class SimulatedSwitch {
+ public:
+  using ViaNexthop = Routing::Rib::RouteCache::Evpn::ViaNexthop;
+
+  // Trace level -1 keeps no trace: random runs are long.
+  explicit SimulatedSwitch(int traceLevel = -1);
+  ~SimulatedSwitch();
+
+  // --- What is configured; sizes and caching count for the next agent ---
+  void capability(std::uint32_t hwRoutes, std::uint32_t sfeRoutes, std::uint32_t adjacencies);
+  void hwRouteCaching(bool enabled);
+  void vrf(const std::string& name, std::uint32_t piVrfId, std::uint32_t hwVrfId);
+  void vrfGone(const std::string& name);
+  void piVrf(const std::string& name, std::uint32_t piVrfId);
+  void piVrfGone(const std::string& name);
+  void hwVrf(const std::string& name, std::uint32_t hwVrfId);
+  void hwVrfGone(const std::string& name);
+  // A tunnel interface with these source addresses ("" is none); down without one.
+  void vti(const std::string& name, const std::string& ipv4, const std::string& ipv6 = "");
+  void vtiDown(const std::string& name);
+  void vtiGone(const std::string& name);
+  void vlan(const std::string& vti, Bridging::ExtendedVlanId vlan, std::uint32_t vni);
+  void vlanGone(const std::string& vti, Bridging::ExtendedVlanId vlan);
+  void underlay(const std::string& prefix, std::uint32_t fec);
+  void underlayGone(const std::string& prefix);
+  static ViaNexthop nexthop(const std::string& vtep, const std::string& vti = "Vxlan1", std::uint32_t vni = 0,
+                            Bridging::ExtendedVlanId vlan = 10, const std::string& mac = "00:1c:73:00:00:01");
+  void via(std::uint64_t key, const std::vector<ViaNexthop>& nexthops);
+  void viaGone(std::uint64_t key);
+  void route(const std::string& prefix, std::uint32_t piVrfId, std::uint64_t viaKey);
+  void routeGone(const std::string& prefix, std::uint32_t piVrfId);
+  // The hardware's side of a route, with hardware route caching on.
+  void hwRoute(const std::string& prefix, std::uint32_t hwVrfId, RouteCache::AdjId adjId, bool inHw);
+
+  // --- The agent ---
+  void start();
+  void stop();
+  bool running() const { return agent_ != nullptr; }
+  RouteCacheAgent::Agent& agent() { return *agent_; }
+  RouteCache::SwRouteSm& sm() { return *agent_->swRouteSm(); }
+  // Lets time pass, delivering table changes between runs and checking the invariants after each.
+  void advance(double seconds);
+  void checkEveryRunIs(bool check) { checkEveryRun_ = check; }
+
+  // --- What other processes see ---
+  // "10.0.0.0/8@7" -> its next hops, "10.255.0.1 Vxlan1 vlan 10 fec 5", in slot order, joined by ", ".
+  std::map<std::string, std::string> published() const;
+  std::set<std::string> publishedKeys() const;
+  std::set<std::string> unprogrammed() const;
+  std::set<std::string> requests() const;
+  std::vector<std::uint32_t> adjacencyIds() const;  // of both tables, ascending, each once
+  std::uint32_t adjIdOf(const std::string& prefix, std::uint32_t hwVrfId) const;
+
+  LinuxPlatform::SimulatedScheduler scheduler;
+  LinuxPlatform::TextTraceFacility trace;
+  Lattis::EntityTypes entityTypes;
+  Platform::TableTypes tableTypes;
+  std::map<std::string, std::string> environment;
+  TemporaryDirectory directory;
+  std::unique_ptr<LinuxPlatform::EmbeddedStateDb> stateDb;
+  // The routing process's tables, and everybody else's view of the agent's.
+  std::unique_ptr<LinuxPlatform::SharedTableService> outside;
+  std::unique_ptr<LinuxPlatform::SharedTableService> agentTables;
+
+  template <class T>
+  std::shared_ptr<T> entity(const std::string& path, const std::string& type) const {
+    return std::dynamic_pointer_cast<T>(stateDb->entityOrNew(path, type));
+  }
+  // A table of the agent's as a reader sees it.
+  template <class T>
+  std::shared_ptr<T> reader(const std::string& path) const {
+    outside->mount(path, T::typeName, Pondra::MountKind::reader);
+    return outside->get<T>(path);
+  }
+
+ private:
+  void deliver();
+
+  std::shared_ptr<Routing::Rib::RouteConfig> routes_;
+  std::shared_ptr<Routing::Rib::RouteConfig> routes6_;
+  std::shared_ptr<Routing::Rib::RouteCache::Evpn::ViaConfig> vias_;
+  std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
+  std::unique_ptr<RouteCacheAgent::Agent> agent_;
+  bool checkEveryRun_ = true;
+  bool mountsDone_ = false;
+};

@@ -1,0 +1,29 @@
+#include "tools/AgentLibrary.h"
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace Tools {
+
+std::string defaultAgentLibrary() {
+  const std::string name = "libRouteCacheAgent.so";
+  std::error_code error;
+  const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  for (const auto& directory : {here, here.parent_path() / "lib"}) {
+    if (!error && std::filesystem::exists(directory / name, error)) return directory / name;
+  }
+  return name;
+}
+
+std::unique_ptr<Platform::AgentBase> agentFromLibrary(const std::string& library, const std::string& agentName) {
+  void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  if (handle == nullptr) throw std::runtime_error(dlerror());
+  const auto factory = reinterpret_cast<Platform::AgentFactory>(dlsym(handle, Platform::agentFactorySymbol));
+  if (factory == nullptr)
+    throw std::runtime_error(library + ": no agent library, '" + Platform::agentFactorySymbol + "' is missing");
+  return std::unique_ptr<Platform::AgentBase>(factory(agentName.c_str()));
+}
+
+}  // namespace Tools

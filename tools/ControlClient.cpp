@@ -1,0 +1,97 @@
+#include "tools/ControlClient.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "linux/RunDirectory.h"
+#include "platform/Text.h"
+
+namespace Tools {
+
+namespace {
+
+constexpr int answerSeconds = 30;  // without a byte from the agent
+
+class Connection {
+ public:
+  explicit Connection(const std::string& runDirectory)
+      : runDirectory_(runDirectory), fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = LinuxPlatform::RunDirectory::controlPath(runDirectory);
+    if (path.size() >= sizeof address.sun_path) fail("its path is too long for a socket");
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const timeval timeout{answerSeconds, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fail(std::strerror(errno));
+  }
+  ~Connection() { close(fd_); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  void send(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) fail(std::strerror(errno));
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+  }
+
+  std::string line() {
+    std::size_t end = received_.find('\n', start_);
+    while (end == std::string::npos) {
+      received_.erase(0, std::exchange(start_, 0));
+      const std::size_t searched = received_.size();
+      receive();
+      end = received_.find('\n', searched);
+    }
+    std::string line = received_.substr(start_, end - start_);
+    start_ = end + 1;
+    return line;
+  }
+
+  [[noreturn]] void fail(const std::string& reason) const {
+    throw std::runtime_error("the agent in " + runDirectory_ + ": " + reason);
+  }
+
+ private:
+  void receive() {
+    std::array<char, 64 * 1024> buffer;  // NOLINT: filled by recv
+    ssize_t count = -1;
+    do {
+      count = recv(fd_, buffer.data(), buffer.size(), 0);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) fail(errno == EAGAIN ? "it does not answer" : std::strerror(errno));
+    if (count == 0) fail("it closed the connection");
+    received_.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+
+  std::string runDirectory_;
+  int fd_;
+  std::string received_;
+  std::size_t start_ = 0;  // of the first byte that has not been handed out
+};
+
+}  // namespace
+
+void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+  Connection connection(runDirectory);
+  connection.send(request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+  while (true) {
+    const Json line = Json::parse(connection.line(), nullptr, false);
+    if (!line.is_object()) connection.fail("its answer makes no sense");
+    if (line.contains("error")) throw Platform::BadText(line.value("error", ""));
+    if (line.contains("done")) return;
+    content(line);
+  }
+}
+
+}  // namespace Tools

@@ -1,0 +1,17 @@
+// The command's side of the control socket.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace Tools {
+
+using Json = nlohmann::ordered_json;
+
+// Sends one request to the agent of this run directory and hands over each line of its reply's content, in order.
+// Throws Platform::BadText with the agent's words when it refuses the request, std::runtime_error with one line when no
+// agent answers.
+void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content);
+
+}  // namespace Tools

@@ -1,0 +1,51 @@
+// The `routecache` command.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "platform/Net.h"
+#include "platform/Text.h"
+#include "tools/Commands.h"
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int misused = 2;
+
+int complain(std::string text, int exitCode) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::fprintf(stderr, "routecache: %s\n", text.c_str());
+  return exitCode;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Route-cache agent: run it, feed it, look at it", "routecache");
+  app.require_subcommand(0, 1);  // so that a wrong one is named as what it is, not as a missing one
+  app.get_formatter()->column_width(36);
+  Tools::ToolContext context;
+  Tools::addRunCommand(app, context);
+  Tools::addRibCommand(app, context);
+  Tools::addTableCommand(app, context);
+  Tools::addControlCommands(app, context);
+  Tools::addTasksCommand(app, context);
+  Tools::addTraceCommand(app, context);
+  try {
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) return complain("a subcommand is wanted (--help tells more)", misused);
+    return context.exitCode;
+  } catch (const CLI::Success& help) {
+    return app.exit(help);
+  } catch (const CLI::ParseError& error) {
+    return complain(std::string(error.what()) + " (--help tells more)", misused);
+  } catch (const Platform::BadText& error) {
+    return complain(error.what(), misused);
+  } catch (const RangeError& error) {
+    return complain(error.what(), misused);
+  } catch (const std::exception& error) {
+    return complain(error.what(), failed);
+  }
+}

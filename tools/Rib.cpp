@@ -1,0 +1,317 @@
+// routecache rib: the routing process's side. It writes the configured routes and their vias, and leaves.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <optional>
+#include <set>
+
+#include "linux/SharedTable.h"
+#include "tools/Commands.h"
+#include "tools/Common.h"
+#include "tools/NexthopSets.h"
+#include "tools/PrefixList.h"
+#include "tools/Progress.h"
+#include "tools/RibWriter.h"
+
+namespace Tools {
+
+namespace {
+
+using Platform::BadText;
+using Routing::Rib::Route;
+using Routing::Rib::RouteKey;
+using Routing::Rib::RouteCache::Evpn::ViaNexthop;
+
+// Options as they are written; they become values when the command runs, so that all bad ones are told alike.
+struct TunnelText {
+  std::string vti = "Vxlan1";
+  std::string vlan;
+  std::string vni;
+};
+
+struct RibOptions {
+  std::string runDir;
+  bool json = false;
+  // load
+  std::string file;
+  std::uint64_t generate = 0;
+  std::uint64_t seed = 1;
+  std::string vrfs = "1";
+  std::string vtepBase = "10.255.0.1";
+  std::uint32_t vteps = 1;
+  std::uint32_t paths = 1;
+  std::uint32_t sets = 0;
+  std::uint32_t capacity = 0;
+  TunnelText tunnel;
+  // add, del
+  std::vector<std::string> prefixes;
+  std::optional<std::uint32_t> vrf;
+  std::vector<std::string> vtepList;
+  std::optional<std::uint64_t> viaKey;
+  bool all = false;
+};
+
+// Text to value; the option is named in what is thrown.
+template <class T>
+T optionValue(const char* option, std::string_view text) {
+  if (auto value = Platform::TextForm<T>::from(text)) return *std::move(value);
+  throw BadText(std::string(option) + ": '" + std::string(text) + "' is not " + Platform::TextForm<T>::what);
+}
+
+std::uint32_t checkedVrfId(const char* option, std::uint32_t vrfId) {
+  if (vrfId < Routing::Rib::noVrfId) return vrfId;
+  throw BadText(std::string(option) + ": a VRF id is at most " + std::to_string(Routing::Rib::noVrfId - 1));
+}
+
+// "1-64", "7", "1,5,10-12": ascending, each once.
+std::vector<std::uint32_t> vrfIds(const std::string& text) {
+  std::vector<std::uint32_t> ids;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    const std::string_view item = std::string_view(text).substr(begin, end - begin);
+    const std::size_t dash = item.find('-');
+    const auto first = checkedVrfId("--vrfs", optionValue<std::uint32_t>("--vrfs", item.substr(0, dash)));
+    const auto last = dash == std::string_view::npos
+                          ? first
+                          : checkedVrfId("--vrfs", optionValue<std::uint32_t>("--vrfs", item.substr(dash + 1)));
+    if (last < first) throw BadText("--vrfs: the range '" + std::string(item) + "' is empty");
+    for (std::uint32_t id = first; id <= last; ++id) ids.push_back(id);
+    begin = end + 1;
+  }
+  std::ranges::sort(ids);
+  const auto repeated = std::ranges::unique(ids);
+  ids.erase(repeated.begin(), repeated.end());
+  return ids;
+}
+
+TunnelOptions tunnelOptions(const TunnelText& text) {
+  TunnelOptions tunnel;
+  tunnel.vti = optionValue<IntfId>("--vti", text.vti);
+  if (tunnel.vti.isEmpty()) throw BadText("--vti: no interface");
+  if (!text.vni.empty()) tunnel.vni = optionValue<Vxlan::Vni>("--vni", text.vni);
+  if (!text.vlan.empty()) tunnel.extendedVlanId = optionValue<Bridging::ExtendedVlanId>("--vlan", text.vlan);
+  if (tunnel.extendedVlanId == 0 && !tunnel.vni.isPresent()) tunnel.extendedVlanId = 1;
+  return tunnel;
+}
+
+std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
+  std::vector<IpGenPrefix> prefixes;
+  for (const std::string& text : texts) {
+    prefixes.push_back(Platform::fromText<IpGenPrefix>(text));
+    if (prefixes.back().isEmpty()) throw BadText("'' is not an IP prefix");
+  }
+  return prefixes;
+}
+
+// Opens the tables of the run directory, does the work on them and tells what it came to.
+template <class Work>
+RibCounts withRib(const RibOptions& options, Work&& work) {
+  const Platform::TableTypes types = allTableTypes();
+  LinuxPlatform::SharedTableService tables(options.runDir, types);
+  Progress progress("entries written");
+  RibWriter rib(tables, [&progress] { progress.step(); });
+  work(rib);
+  return rib.counts();
+}
+
+void tell(const RibOptions& options, const nlohmann::ordered_json& summary, const std::string& text) {
+  std::cout << (options.json ? summary.dump() : text) << std::endl;
+}
+
+// "1 route", "2 routes".
+std::string counted(std::size_t count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+// What a change did beyond what was asked for, as the rest of a sentence.
+std::string sideEffects(const RibCounts& counts) {
+  std::string text;
+  if (counts.routesRewritten != 0) text += "; rewrote " + counted(counts.routesRewritten, "other route");
+  if (counts.viasRemoved != 0) text += "; removed " + counted(counts.viasRemoved, "unused via");
+  return text;
+}
+
+// --- load ------------------------------------------------------------------------------------------------------------
+
+PrefixList prefixesToLoad(const RibOptions& options) {
+  if (options.generate != 0) return {generatePrefixes(options.generate, options.seed), 0};
+  return readPrefixList(options.file);
+}
+
+// The n-th prefix goes to the n-th VRF and takes the n-th next-hop set, both in turn. The sets shift by one each time
+// the two turns come out even, so that every VRF meets every set.
+RibChange spread(const std::vector<IpGenPrefix>& prefixes, const std::vector<std::uint32_t>& vrfs,
+                 const NexthopSets& sets) {
+  RibChange change;
+  const std::size_t used = std::min<std::size_t>(sets.size(), prefixes.size());
+  for (std::uint32_t set = 0; set < used; ++set) change.vias.push_back(sets.via(set));
+  const std::size_t period = std::lcm(vrfs.size(), std::max<std::size_t>(used, 1));
+  change.routes.reserve(prefixes.size());
+  for (std::size_t i = 0; i < prefixes.size(); ++i) {
+    const std::size_t set = (i + i / period) % used;
+    change.routes.emplace_back(RouteKey(vrfs[i % vrfs.size()], prefixes[i]), change.vias[set].key());
+  }
+  std::ranges::sort(change.routes, {}, &Route::key);
+  return change;
+}
+
+void load(const RibOptions& options) {
+  if (options.file.empty() == (options.generate == 0)) {
+    throw BadText("rib load takes either a list of prefixes or --generate");
+  }
+  const auto vrfs = vrfIds(options.vrfs);
+  const NexthopSets sets({optionValue<IpGenAddr>("--vtep-base", options.vtepBase), options.vteps, options.paths,
+                          options.sets, tunnelOptions(options.tunnel)});
+  const PrefixList list = prefixesToLoad(options);
+  const RibChange change = spread(list.prefixes, vrfs, sets);
+  const auto ipv4 = static_cast<std::size_t>(std::ranges::count_if(list.prefixes, &IpGenPrefix::isV4));
+  const auto counts = withRib(options, [&](RibWriter& rib) { rib.apply(change, options.capacity); });
+
+  std::string text = "loaded " + counted(counts.routesWritten, "route") + " (" + std::to_string(ipv4) + " IPv4, " +
+                     std::to_string(list.prefixes.size() - ipv4) + " IPv6) over " +
+                     counted(std::min(vrfs.size(), list.prefixes.size()), "VRF") + " and " +
+                     counted(change.vias.size(), "via") + ", " + std::to_string(counts.viasWritten) +
+                     " of them new or changed" + sideEffects(counts);
+  if (list.duplicates != 0) text += "; " + counted(list.duplicates, "duplicate prefix line") + ", the last one counts";
+  tell(options,
+       {{"routes", counts.routesWritten},
+        {"ipv4Routes", ipv4},
+        {"ipv6Routes", list.prefixes.size() - ipv4},
+        {"vias", change.vias.size()},
+        {"viasWritten", counts.viasWritten},
+        {"viasRemoved", counts.viasRemoved},
+        {"routesRewritten", counts.routesRewritten},
+        {"duplicates", list.duplicates}},
+       text);
+}
+
+// --- add -------------------------------------------------------------------------------------------------------------
+
+void add(const RibOptions& options) {
+  const std::uint32_t vrfId = checkedVrfId("--vrf", options.vrf.value());
+  const auto prefixes = prefixesOf(options.prefixes);
+  const TunnelOptions tunnel = tunnelOptions(options.tunnel);
+  std::vector<ViaNexthop> nexthops;
+  for (const std::string& vtep : options.vtepList) {
+    nexthops.push_back(nexthopTo(optionValue<IpGenAddr>("--vtep", vtep), tunnel));
+    if (nexthops.back().remoteVtep.isEmpty()) throw BadText("--vtep: no address");
+  }
+  if (nexthops.size() > Routing::Rib::RouteCache::Evpn::Via::maxNexthops) {
+    throw BadText("--vtep: a via has at most 32 next hops");
+  }
+  if (options.viaKey == 0U) throw BadText("--via: 0 names no via");
+
+  const auto counts = withRib(options, [&](RibWriter& rib) {
+    RibChange change;
+    const auto viaKey = options.viaKey ? *options.viaKey : rib.viaKeyFor(nexthops);
+    change.vias.emplace_back(viaKey, nexthops);
+    for (const IpGenPrefix& prefix : prefixes) change.routes.emplace_back(RouteKey(vrfId, prefix), viaKey);
+    std::ranges::sort(change.routes, {}, &Route::key);
+    const auto repeated = std::ranges::unique(change.routes, {}, &Route::key);
+    change.routes.erase(repeated.begin(), repeated.end());
+    rib.apply(change, options.capacity);
+  });
+  tell(options,
+       {{"routes", counts.routesWritten},
+        {"viasWritten", counts.viasWritten},
+        {"viasRemoved", counts.viasRemoved},
+        {"routesRewritten", counts.routesRewritten}},
+       "added " + counted(counts.routesWritten, "route") + sideEffects(counts));
+}
+
+// --- del -------------------------------------------------------------------------------------------------------------
+
+void del(const RibOptions& options) {
+  if (options.all && (options.vrf || !options.prefixes.empty())) throw BadText("--all leaves nothing to choose");
+  if (!options.all && !options.vrf) throw BadText("rib del takes --vrf or --all");
+  if (options.vrf) checkedVrfId("--vrf", *options.vrf);
+  std::set<RouteKey> named;
+  for (const IpGenPrefix& prefix : prefixesOf(options.prefixes)) named.insert(RouteKey(*options.vrf, prefix));
+
+  std::set<RouteKey> missing = named;
+  const auto counts = withRib(options, [&](RibWriter& rib) {
+    rib.remove([&](const RouteKey& key) {
+      if (named.empty()) return options.all || key.vrfId() == *options.vrf;
+      missing.erase(key);
+      return named.contains(key);
+    });
+  });
+  tell(options, {{"routesRemoved", counts.routesRemoved}, {"viasRemoved", counts.viasRemoved}},
+       "removed " + counted(counts.routesRemoved, "route") + sideEffects(counts));
+  if (!missing.empty()) {
+    const std::string others = missing.size() == 1 ? "" : ", nor " + counted(missing.size() - 1, "other");
+    throw std::runtime_error("there was no route " + Platform::toText(*missing.begin()) + others);
+  }
+}
+
+// --- The command line ------------------------------------------------------------------------------------------------
+
+void addCommonOptions(CLI::App& command, RibOptions& options) {
+  addRunDirOption(command, options.runDir);
+  command.add_flag("--json", options.json, "Print the summary as JSON");
+}
+
+void addWriteOptions(CLI::App& command, RibOptions& options) {
+  command.add_option("--vti", options.tunnel.vti, "Tunnel interface of the next hops")->capture_default_str();
+  command.add_option("--vlan", options.tunnel.vlan, "Extended VLAN id of the next hops (default 1 without --vni)");
+  command.add_option("--vni", options.tunnel.vni, "VNI of the next hops");
+  command
+      .add_option("--capacity", options.capacity,
+                  "Entries of the route tables (default: what they have, or more where the routes need it)")
+      ->check(CLI::PositiveNumber);
+}
+
+void addLoad(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
+  RibOptions& options = *shared;
+  CLI::App* command = rib.add_subcommand("load", "Write a list of prefixes as routes, spread over VRFs and VTEPs");
+  command->add_option("FILE", options.file, "Prefixes, one a line, plain or gzip; - is standard input");
+  command->add_option("--generate", options.generate, "Make up this many IPv4 prefixes instead")
+      ->check(CLI::PositiveNumber);
+  command->add_option("--seed", options.seed, "Another seed, other prefixes")->capture_default_str();
+  command->add_option("--vrfs", options.vrfs, "VRF ids to take in turn, such as 1-64 or 1,5,7")->capture_default_str();
+  command->add_option("--vtep-base", options.vtepBase, "Address of the first VTEP")->capture_default_str();
+  command->add_option("--vteps", options.vteps, "Number of VTEPs, address by address")->capture_default_str();
+  command->add_option("--paths", options.paths, "Next hops of each via")->capture_default_str();
+  command->add_option("--nexthop-sets", options.sets, "Different vias (default: one for each VTEP)")
+      ->check(CLI::PositiveNumber);
+  addWriteOptions(*command, options);
+  addCommonOptions(*command, options);
+  command->callback([shared] { load(*shared); });
+}
+
+void addAdd(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
+  RibOptions& options = *shared;
+  CLI::App* command = rib.add_subcommand("add", "Write routes that share one via");
+  command->add_option("PREFIX", options.prefixes, "Prefixes of either family")->required();
+  command->add_option("--vrf", options.vrf, "VRF id")->required();
+  command->add_option("--vtep", options.vtepList, "VTEP addresses, A or A,B,...")->delimiter(',')->required();
+  command->add_option("--via", options.viaKey, "Key of the via (default: one that is equal, or a new one)");
+  addWriteOptions(*command, options);
+  addCommonOptions(*command, options);
+  command->callback([shared] { add(*shared); });
+}
+
+void addDel(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
+  RibOptions& options = *shared;
+  CLI::App* command = rib.add_subcommand("del", "Remove routes, and the vias that nothing names any more");
+  command->add_option("PREFIX", options.prefixes, "Prefixes; none: all of the VRF");
+  command->add_option("--vrf", options.vrf, "VRF id");
+  command->add_flag("--all", options.all, "All routes of all VRFs");
+  addCommonOptions(*command, options);
+  command->callback([shared] { del(*shared); });
+}
+
+}  // namespace
+
+void addRibCommand(CLI::App& app, ToolContext& /*context*/) {
+  CLI::App* rib = app.add_subcommand("rib", "Write the RIB tables: configured routes and their vias");
+  rib->require_subcommand(1);
+  const auto options = std::make_shared<RibOptions>();
+  addLoad(*rib, options);
+  addAdd(*rib, options);
+  addDel(*rib, options);
+}
+
+}  // namespace Tools

@@ -1,0 +1,59 @@
+// `routecache tasks`: what the scheduler of a running agent remembers of each task.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "platform/Text.h"
+#include "tools/Commands.h"
+#include "tools/Common.h"
+#include "tools/ControlClient.h"
+
+namespace Tools {
+
+namespace {
+
+struct TasksOptions {
+  std::string runDir;
+  bool json = false;
+};
+
+double milliseconds(const Json& task, const char* name) {
+  return Platform::fromText<double>(task.value(name, "0")) * 1000;
+}
+
+void printTask(const Json& task) {
+  const auto text = [&](const char* name) { return task.value(name, ""); };
+  std::printf("%-34s %8s %10s %12s %12s %12.3f %12.1f\n", text("name").c_str(), text("priority").c_str(),
+              text("runs").c_str(), text("workDone").c_str(), text("workPending").c_str(),
+              milliseconds(task, "longestRun"), milliseconds(task, "totalRun"));
+}
+
+void printTasks(const TasksOptions& options) {
+  Json all = Json::array();
+  if (!options.json) {
+    std::printf("%-34s %8s %10s %12s %12s %12s %12s\n", "task", "priority", "runs", "work done", "pending",
+                "longest ms", "total ms");
+  }
+  askAgent(options.runDir, {{"op", "tasks"}}, [&](const Json& task) {
+    if (options.json) {
+      all.push_back(task);
+    } else {
+      printTask(task);
+    }
+  });
+  if (options.json) std::printf("%s\n", all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+}
+
+}  // namespace
+
+void addTasksCommand(CLI::App& app, ToolContext&) {
+  auto options = std::make_shared<TasksOptions>();
+  CLI::App* command = app.add_subcommand("tasks", "Show the tasks of a running agent");
+  command->footer("Example: routecache tasks --run-dir /tmp/leaf");
+  command->add_flag("--json", options->json, "Print JSON");
+  addRunDirOption(*command, options->runDir);
+  command->callback([options] { printTasks(*options); });
+}
+
+}  // namespace Tools
