@@ -57,8 +57,6 @@ SharedTableService::SharedTableService(const std::string& runDirectory, const Pl
   std::error_code error;
   std::filesystem::create_directories(context_->directory, error);
   if (error) throw TableError(context_->directory + " mount: " + error.message());
-  // Watched before the first table is looked for, so that none can appear unseen.
-  if (wakeup_) inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO);
 }
 
 SharedTableService::~SharedTableService() {
@@ -81,9 +79,17 @@ void SharedTableService::mount(const std::string& path, const std::string& typeN
   const Pondra::TableLayout layout = table->layout();
   if (path.empty() || path.size() >= sizeof TableHeader::path) refuseMount(path, "the path is empty or too long");
   const std::uint32_t capacity = kind == MountKind::writer ? capacityFrom(path, layout, info) : 0;
+  if (kind != MountKind::writer) watchDirectory();
   auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity);
   table->controlIs(collection);
   mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
+}
+
+// Before the first reader's table is looked for, so that it cannot appear unseen. Not for writers alone: nobody else
+// changes their tables, and to give a watch up takes the kernel milliseconds.
+void SharedTableService::watchDirectory() {
+  if (watching_ || !wakeup_) return;
+  watching_ = inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO) >= 0;
 }
 
 void SharedTableService::unmount(const std::string& path) {

@@ -64,11 +64,13 @@ class SharedTableService final : public Pondra::TableService {
     std::shared_ptr<TableCollection> collection;
   };
 
+  void watchDirectory();
   bool anyPending() const;
 
   const Platform::TableTypes& types_;
   std::shared_ptr<TableServiceContext> context_;
   FileDescriptor wakeup_;
+  bool watching_ = false;
   std::map<std::string, Mount, std::less<>> mounts_;
   std::string firstServed_;  // path at which the next delivery begins
 };

@@ -235,14 +235,16 @@ TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
 TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
   class SlowReply final : public ControlReply {
    public:
-    explicit SlowReply(int& asked) : asked_(asked) {}
-    bool produce(std::string&) override { return ++asked_ < 5; }
+    SlowReply(int& asked, int needed) : asked_(asked), needed_(needed) {}
+    bool produce(std::string&) override { return ++asked_ < needed_; }
 
    private:
     int& asked_;
+    int needed_;
   };
   int asked = 0;
-  control.opIs("slow", [&](const auto&) { return std::make_unique<SlowReply>(asked); });
+  int needed = 5;
+  control.opIs("slow", [&](const auto&) { return std::make_unique<SlowReply>(asked, needed); });
   Peer peer(path);
   peer.send("{\"op\": \"slow\"}\n");
   turn(2);
@@ -250,6 +252,16 @@ TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
   EXPECT_GT(asked, 0);
   turn(10);
   EXPECT_EQ(peer.receive(), done);
+
+  // Nobody works for a reader that is gone.
+  needed = 1'000'000;
+  peer.send("{\"op\": \"slow\"}\n");
+  turn(2);
+  peer.leave();
+  turn(2);
+  const int before = asked;
+  turn(10);
+  EXPECT_EQ(asked, before);
 }
 
 TEST_F(ControlSocketTest, NewcomersPushOutTheSilentAndTheDeadLeaveNothing) {

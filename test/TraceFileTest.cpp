@@ -152,6 +152,7 @@ TEST_F(TraceFileTest, WithoutAFileTheAgentLivesOn) {
 }
 
 TEST_F(TraceFileTest, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
+  settings.bufferSize[5] = 4;  // full of records of one length: each leads to the one before it, round and round
   ASSERT_TRUE(facility.fastTraceInit(settings));
   TraceHandle trace(facility, "Sm");
   for (unsigned i = 0; i < 3000; ++i) trace(i % 10, "step ", i, std::string("text"));

@@ -45,6 +45,8 @@ TEST_P(UnderlayResolverTest, AnswersFollowTheLongestPrefixAsRoutesComeAndGo) {
   EXPECT_EQ(answer("10.1.255.255"), 8U);
   routes->routeIs(prefix("0.0.0.0/0"), Fib::FecId(1));
   EXPECT_EQ(answer("11.0.0.1"), 1U);
+  routes->routeIs(prefix("11.0.0.1/32"), Fib::FecId(32));
+  EXPECT_EQ(answer("11.0.0.1"), 32U);
   EXPECT_EQ(answer("10.0.0.1"), 8U);
 }
 
