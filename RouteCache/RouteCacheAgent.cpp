@@ -59,12 +59,7 @@ void Agent::registerTypes(Lattis::EntityTypes& entities, Platform::TableTypes& t
   entities.typeIs<RouteCache::Config>(RouteCache::Config::typeName);
   entities.typeIs<RouteCache::CliConfig>(RouteCache::CliConfig::typeName);
   entities.typeIs<RouteCache::Capability>(RouteCache::Capability::typeName);
-  tables.typeIs<RouteCache::Ipv4RouteStatus>();
-  tables.typeIs<RouteCache::Ipv6RouteStatus>();
-  tables.typeIs<RouteCache::Ipv4AdjacencyStatus>();
-  tables.typeIs<RouteCache::Ipv6AdjacencyStatus>();
-  tables.typeIs<RouteCache::Ipv4ProgrammedRouteStatus>();
-  tables.typeIs<RouteCache::Ipv4HitBitStatus>();
+  RouteCache::addTableTypes(tables);
   RouteCache::registerTraceWords(vocabulary);
 }
 

@@ -175,3 +175,16 @@ template struct TableTraits<RouteCache::Ipv4Via>;
 template struct TableTraits<RouteCache::Ipv6Via>;
 
 }  // namespace Pondra
+
+namespace RouteCache {
+
+void addTableTypes(Platform::TableTypes& types) {
+  types.typeIs<Ipv4RouteStatus>();
+  types.typeIs<Ipv6RouteStatus>();
+  types.typeIs<Ipv4AdjacencyStatus>();
+  types.typeIs<Ipv6AdjacencyStatus>();
+  types.typeIs<Ipv4ProgrammedRouteStatus>();
+  types.typeIs<Ipv4HitBitStatus>();
+}
+
+}  // namespace RouteCache

@@ -12,6 +12,7 @@
 #pragma once
 
 #include "RouteCache/RouteCacheValues.h"
+#include "platform/AgentBase.h"
 #include "platform/SharedTable.h"
 
 namespace RouteCache {
@@ -138,5 +139,8 @@ class Ipv4HitBitStatus final : public Pondra::RouteHitBitTable<Ipv4RouteHitBit> 
   using RouteHitBitTable::RouteHitBitTable;
   Pondra::TableLayout layout() const override { return Pondra::layoutOf<Ipv4HitBitStatus>(); }
 };
+
+// Makes all six known to whoever mounts tables by their types' names.
+void addTableTypes(Platform::TableTypes& types);
 
 }  // namespace RouteCache

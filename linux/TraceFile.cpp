@@ -51,8 +51,11 @@ constexpr std::uint64_t roundedUp(std::uint64_t size) {
   return (size + 7) & ~std::uint64_t{7};
 }
 
-// The longest record a file may hold, head and tail included.
-constexpr std::uint64_t maxRecordLength = roundedUp(recordHeadSize + Platform::maxTraceRecord + recordTailSize);
+constexpr std::uint64_t recordLength(std::size_t itemsSize) {
+  return roundedUp(recordHeadSize + itemsSize + recordTailSize);
+}
+
+constexpr std::uint64_t maxRecordLength = recordLength(Platform::maxTraceRecord);
 
 // The bytes of the item at the front, its tag included; 0 when it is malformed or cut off.
 std::size_t itemSize(std::span<const std::uint8_t> items) {
@@ -127,24 +130,20 @@ TraceFile::~TraceFile() {
 void TraceFile::record(std::string_view handle, unsigned level, std::span<const std::uint8_t> items) {
   if (level >= TraceFileHeader::levels) return;
   TraceFileHeader::Ring& ring = header_->rings[level];
-  std::array<std::uint8_t, Platform::maxTraceRecord> copy;  // NOLINT: only its first `itemsSize` bytes are read
-  const std::size_t room = std::min<std::size_t>(copy.size(), settings_.maxRecordSize);
-  const std::size_t itemsSize = copyItems(items, copy.data(), room);
-  const std::uint32_t handleNumber = numberOfHandle(handle);
-  const std::uint64_t length = roundedUp(recordHeadSize + itemsSize + recordTailSize);
-
-  std::uint8_t* to = roomFor(ring, length);
+  const auto longest = items.first(std::min<std::size_t>(items.size(), settings_.maxRecordSize));
+  std::uint8_t* to = roomFor(ring, recordLength(longest.size()));
   if (to == nullptr) {
     ++header_->lost;
     return;
   }
+  const std::size_t itemsSize = copyItems(longest, to + recordHeadSize);
+  const std::uint64_t length = recordLength(itemsSize);
   const std::uint64_t time = nanoseconds(CLOCK_MONOTONIC);
   put(to, static_cast<std::uint32_t>(length));
   put(to + 4, static_cast<std::uint32_t>(itemsSize));
   put(to + 8, sequence_++);
   put(to + 16, time);
-  put(to + 24, handleNumber);
-  std::memcpy(to + recordHeadSize, copy.data(), itemsSize);
+  put(to + 24, numberOfHandle(handle));
   put(to + length - recordTailSize, static_cast<std::uint32_t>(length));
   std::atomic_ref(ring.written).store(ring.written + length, std::memory_order_release);
   if (settings_.syncInterval != 0) syncSometimes(time);
@@ -165,19 +164,19 @@ std::uint8_t* TraceFile::roomFor(TraceFileHeader::Ring& ring, std::uint64_t leng
   return ringBase;
 }
 
-// Copies whole items as far as they fit, fixed texts by number; returns the bytes written.
-std::size_t TraceFile::copyItems(std::span<const std::uint8_t> items, std::uint8_t* to, std::size_t room) {
+// Copies the items, fixed texts by number; returns the bytes of those that are kept: whole ones, not too many.
+std::size_t TraceFile::copyItems(std::span<const std::uint8_t> items, std::uint8_t* to) {
+  std::memcpy(to, items.data(), items.size());
   std::size_t used = 0;
-  for (std::uint32_t count = 0; !items.empty() && count < settings_.maxArguments; ++count) {
-    const std::size_t size = itemSize(items);
-    if (size == 0 || used + size > room) break;
-    std::memcpy(to + used, items.data(), size);
-    if (static_cast<TraceTag>(items[0]) == TraceTag::fixedText) {
-      const auto address = static_cast<std::uintptr_t>(get<std::uint64_t>(&items[1]));
-      put(to + used + 1, std::uint64_t{numberOfFixedText(address, get<std::uint16_t>(&items[9]))});
+  for (std::uint32_t count = 0; used < items.size() && count < settings_.maxArguments; ++count) {
+    const auto rest = items.subspan(used);
+    const std::size_t size = itemSize(rest);
+    if (size == 0) break;
+    if (static_cast<TraceTag>(rest[0]) == TraceTag::fixedText) {
+      const auto address = static_cast<std::uintptr_t>(get<std::uint64_t>(&rest[1]));
+      put(to + used + 1, std::uint64_t{numberOfFixedText(address, get<std::uint16_t>(&rest[9]))});
     }
     used += size;
-    items = items.subspan(size);
   }
   return used;
 }

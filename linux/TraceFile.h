@@ -80,7 +80,7 @@ class TraceFile {
   std::uint32_t numberOfFixedText(std::uintptr_t address, std::uint16_t length);
   std::uint32_t numberOfHandle(std::string_view handle);
   void growKnown();
-  std::size_t copyItems(std::span<const std::uint8_t> items, std::uint8_t* to, std::size_t room);
+  std::size_t copyItems(std::span<const std::uint8_t> items, std::uint8_t* to);
   std::uint8_t* roomFor(TraceFileHeader::Ring& ring, std::uint64_t length);
   void syncSometimes(std::uint64_t time);
 

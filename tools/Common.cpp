@@ -31,12 +31,7 @@ Platform::TableTypes allTableTypes() {
   Lattis::EntityTypes entities;
   Platform::TableTypes tables;
   LinuxPlatform::addPlatformTypes(entities, tables);
-  tables.typeIs<RouteCache::Ipv4RouteStatus>();
-  tables.typeIs<RouteCache::Ipv6RouteStatus>();
-  tables.typeIs<RouteCache::Ipv4AdjacencyStatus>();
-  tables.typeIs<RouteCache::Ipv6AdjacencyStatus>();
-  tables.typeIs<RouteCache::Ipv4ProgrammedRouteStatus>();
-  tables.typeIs<RouteCache::Ipv4HitBitStatus>();
+  RouteCache::addTableTypes(tables);
   return tables;
 }
 
