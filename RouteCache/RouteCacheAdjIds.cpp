@@ -1,5 +1,7 @@
 #include "RouteCache/RouteCacheAdjIds.h"
 
+#include <bit>
+
 #include "platform/Assert.h"
 
 namespace RouteCache {
@@ -12,19 +14,23 @@ std::uint32_t numberOf(AdjId adjId) {
 
 }  // namespace
 
-void FreeAdjIds::fill(std::set<std::uint32_t> inUse) {
+std::size_t AdjIdNumbers::count() const {
+  std::size_t count = 0;
+  for (const std::uint64_t word : words_) count += static_cast<std::size_t>(std::popcount(word));
+  return count;
+}
+
+void FreeAdjIds::fill(const AdjIdNumbers& inUse) {
   freed_.clear();
-  skipped_ = std::move(inUse);
-  skipped_.erase(AdjId::adjacencyInvalid);
+  skipped_ = inUse;
+  skipped_.insert(AdjId::adjacencyInvalid);
+  sequence_ = AdjId::adjacencyIdMax + 1 - skipped_.count();
   next_ = AdjId::adjacencyIdStart;
   skip();
 }
 
 void FreeAdjIds::skip() {
-  while (!skipped_.empty() && *skipped_.begin() == next_) {
-    skipped_.erase(skipped_.begin());
-    ++next_;
-  }
+  while (next_ <= AdjId::adjacencyIdMax && skipped_.has(next_)) ++next_;
 }
 
 void FreeAdjIds::freeAdjIdEnq(AdjId adjId) {
@@ -36,6 +42,7 @@ AdjId FreeAdjIds::freeAdjIdDeq() {
   const AdjId front = freeAdjIdFront();
   if (next_ <= AdjId::adjacencyIdMax) {
     ++next_;
+    --sequence_;
     skip();
   } else if (!freed_.empty()) {
     freed_.pop_front();
@@ -51,18 +58,14 @@ AdjId FreeAdjIds::freeAdjIdFront() const {
 AdjId FreeAdjIds::freeAdjIdBack() const {
   if (!freed_.empty()) return freed_.back();
   std::uint32_t last = AdjId::adjacencyIdMax;
-  while (last >= next_ && skipped_.contains(last)) --last;
+  while (last >= next_ && skipped_.has(last)) --last;
   return last >= next_ ? AdjId(last) : AdjId();
 }
 
 void FreeAdjIds::freeAdjIdDelAll() {
   next_ = AdjId::adjacencyIdMax + 1;
-  skipped_.clear();
+  sequence_ = 0;
   freed_.clear();
-}
-
-std::size_t FreeAdjIds::size() const {
-  return AdjId::adjacencyIdMax + 1 - next_ - skipped_.size() + freed_.size();
 }
 
 template <class Ref>
@@ -74,9 +77,17 @@ void NexthopAdjIds<Ref>::checkInvariants() const {
 }
 
 void AdjacencyIds::freeAdjIdFill() {
-  std::set<std::uint32_t> inUse;
-  for (const auto& entry : entries_) inUse.insert(numberOf(entry.first));
-  free_.fill(std::move(inUse));
+  free_.fill(numbers_);
+}
+
+// The number stays in use while an identifier of another class has it.
+void AdjacencyIds::erase(Entries::iterator entry) {
+  const std::uint32_t number = numberOf(entry->first);
+  entries_.erase(entry);
+  for (const std::uint32_t classBits : {0U, AdjId::adjacencyV6Const, AdjId::adjacencyMixedConst}) {
+    if (entries_.contains(AdjId(number | classBits))) return;
+  }
+  numbers_.erase(number);
 }
 
 AdjId AdjacencyIds::allocateAdjId(bool v6Adj, bool v4Adj) {
@@ -101,7 +112,7 @@ std::uint32_t AdjacencyIds::deallocateAdjId(AdjId adjId) {
     unreferenced_.insert(adjId);
     return 0;
   }
-  entries_.erase(found);
+  erase(found);
   trace_(6, "de-allocated id: ", adjId);
   free_.freeAdjIdEnq(adjId);
   return 0;
@@ -114,6 +125,7 @@ std::uint32_t AdjacencyIds::adjIdRefCount(AdjId adjId) const {
 
 void AdjacencyIds::adjIdRefCountIs(AdjId adjId, std::uint32_t count) {
   const auto [entry, isNew] = entries_.try_emplace(adjId);
+  if (isNew) numbers_.insert(numberOf(adjId));
   if (count == 0) {
     unreferenced_.insert(adjId);
   } else if (!isNew && entry->second.count == 0) {
@@ -123,22 +135,19 @@ void AdjacencyIds::adjIdRefCountIs(AdjId adjId, std::uint32_t count) {
 }
 
 void AdjacencyIds::adjIdRefCountDel(AdjId adjId) {
-  entries_.erase(adjId);
+  const auto found = entries_.find(adjId);
+  if (found != entries_.end()) erase(found);
   unreferenced_.erase(adjId);
 }
 
 bool AdjacencyIds::current(AdjId adjId) const {
   const auto found = entries_.find(adjId);
-  return found != entries_.end() && found->second.current;
+  return found != entries_.end() && found->second.current == generation_;
 }
 
 void AdjacencyIds::currentIs(AdjId adjId, bool current) {
   const auto found = entries_.find(adjId);
-  if (found != entries_.end()) found->second.current = current;
-}
-
-void AdjacencyIds::currentDelAll() {
-  for (auto& entry : entries_) entry.second.current = false;
+  if (found != entries_.end()) found->second.current = current ? generation_ : 0;
 }
 
 AdjId AdjacencyIds::adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const {
@@ -189,8 +198,9 @@ void AdjacencyIds::checkInvariants() const {
   mixed_.checkInvariants();
   for (const auto& [adjId, entry] : entries_) {
     PLATFORM_ASSERT_TEXT((entry.count == 0) == unreferenced_.contains(adjId), "count 0 is what unreferenced lists");
-    if (numberOf(adjId) == AdjId::adjacencyInvalid) continue;
-    PLATFORM_ASSERT_TEXT(nexthop(adjId) != nullptr, "an identifier in use has a next hop");
+    PLATFORM_ASSERT_TEXT(numberInUse(adjId), "an identifier's number is in use");
+    if (numberOf(adjId) == AdjId::adjacencyInvalid || entry.count == 0) continue;
+    PLATFORM_ASSERT_TEXT(nexthop(adjId) != nullptr, "an identifier that is held has a next hop");
   }
 }
 

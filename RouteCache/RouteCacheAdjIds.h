@@ -19,12 +19,25 @@
 
 namespace RouteCache {
 
+// A set of identifier numbers, one bit each: 256 KiB, whatever is in it.
+class AdjIdNumbers {
+ public:
+  AdjIdNumbers() : words_((AdjId::adjacencyIdMax + 1) / 64) {}
+  bool has(std::uint32_t number) const { return (words_[number / 64] >> (number % 64) & 1) != 0; }
+  void insert(std::uint32_t number) { words_[number / 64] |= std::uint64_t{1} << (number % 64); }
+  void erase(std::uint32_t number) { words_[number / 64] &= ~(std::uint64_t{1} << (number % 64)); }
+  std::size_t count() const;
+
+ private:
+  std::vector<std::uint64_t> words_;
+};
+
 // Free identifier numbers, class bits clear, oldest first. The initial sequence of two million numbers is not stored
 // but counted up, leaving out the numbers that were in use when the list was filled.
 class FreeAdjIds {
  public:
   // Starts the initial sequence: every number from 1 up but those in use now.
-  void fill(std::set<std::uint32_t> inUse);
+  void fill(const AdjIdNumbers& inUse);
 
   // Appends the identifier's number. 0 is no number and is not taken.
   void freeAdjIdEnq(AdjId adjId);
@@ -33,12 +46,13 @@ class FreeAdjIds {
   AdjId freeAdjIdFront() const;
   AdjId freeAdjIdBack() const;
   void freeAdjIdDelAll();
-  std::size_t size() const;
+  std::size_t size() const { return sequence_ + freed_.size(); }
 
  private:
   void skip();
   std::uint32_t next_ = AdjId::adjacencyIdMax + 1;  // front of the initial sequence; past the end: used up
-  std::set<std::uint32_t> skipped_;                 // numbers from next_ on that the sequence leaves out
+  std::size_t sequence_ = 0;                        // numbers left in the initial sequence
+  AdjIdNumbers skipped_;                            // numbers that the sequence leaves out
   std::deque<AdjId> freed_;                         // behind the initial sequence
 };
 
@@ -108,7 +122,9 @@ class AdjacencyIds {
   // True while the adjacency in the tables is known to be what its reference and the resolver say.
   bool current(AdjId adjId) const;
   void currentIs(AdjId adjId, bool current);
-  void currentDelAll();
+  void currentDelAll() { ++generation_; }
+  // True when some identifier in use has this one's number, whatever its class.
+  bool numberInUse(AdjId adjId) const { return numbers_.has(adjId.value() & AdjId::adjacencyIdMask); }
 
   void freeAdjIdEnq(AdjId adjId) { free_.freeAdjIdEnq(adjId); }
   AdjId freeAdjIdDeq() { return free_.freeAdjIdDeq(); }
@@ -165,11 +181,15 @@ class AdjacencyIds {
  private:
   struct Entry {
     std::uint32_t count = 0;
-    bool current = false;
+    std::uint32_t current = 0;  // the generation in which the adjacency was known to be right
   };
+  using Entries = std::unordered_map<AdjId, Entry, Platform::Hasher>;
+  void erase(Entries::iterator entry);
   const Platform::TraceHandle& trace_;
   FreeAdjIds free_;
-  std::unordered_map<AdjId, Entry, Platform::Hasher> entries_;
+  Entries entries_;
+  AdjIdNumbers numbers_;  // of entries_
+  std::uint32_t generation_ = 1;
   std::set<AdjId> unreferenced_;
   bool retainUnreferenced_ = false;
   NexthopAdjIds<Ipv4NexthopRef> ipv4_;

@@ -52,6 +52,7 @@ Agent::~Agent() {
   vrfCachedRouteDel();
   vrfSmDel();
   swRouteSmDel();
+  sfeCleanupTask_.reset();
 }
 
 void Agent::registerTypes(Lattis::EntityTypes& entities, Platform::TableTypes& tables,
@@ -193,11 +194,33 @@ void Agent::startStateMachines() {
   vrfIdMapIs();
   vrfCachedRouteIs();
   vrfSmIs();
-  if (hwRouteCachingEnabled()) {
+  hwRouteCachingEnabled_ = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
+  if (hwRouteCachingEnabled_) {
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
   } else {
     swRouteSmIs(nullptr, ipv4HwRouteStatus_, ipv6HwRouteStatus_);
+    emptySfeTable();
   }
+}
+
+// With caching off nobody writes the SFE table: what a predecessor left there with caching on goes, a time slice at a
+// time.
+void Agent::emptySfeTable() {
+  if (ipv4SfeRouteStatus_->size() == 0) return;
+  sfeCleanupTask_ = std::make_unique<RouteCache::DeferredTask>(
+      *services().scheduler, *trace_, "sfeCleanupTask", Platform::TaskPriority::background, [this] {
+        std::uint64_t handled = 0;
+        for (auto route = ipv4SfeRouteStatus_->begin(); route != ipv4SfeRouteStatus_->end();) {
+          const auto key = route->key();
+          ++route;
+          ipv4SfeRouteStatus_->routeDel(key);
+          ++handled;
+          if (sfeCleanupTask_->shouldYield()) break;
+        }
+        sfeCleanupTask_->report(handled, ipv4SfeRouteStatus_->size());
+        if (ipv4SfeRouteStatus_->size() > 0) sfeCleanupTask_->schedule(0);
+      });
+  sfeCleanupTask_->schedule(0);
 }
 
 void Agent::vrfIdMapIs() {
@@ -232,7 +255,7 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
                         std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4,
                         std::shared_ptr<RouteCache::Ipv6RouteStatus> ipv6) {
   swRouteSmDel();
-  const bool restart = predecessorLeft(*ipv4, *ipv6);
+  const bool restart = predecessorLeft();
   swRouteSm_ = RouteCache::SwRouteSmIs(
       {std::move(readOnlyIpv4), std::move(ipv4), ipv4AdjStatus_, std::move(ipv6), ipv6AdjStatus_, routeConfig_,
        route6Config_, unprogrammedRouteConfig_, viaConfig_, vrfIdMap_, nextHopConfig_, nextHopStatus_, vtiStatusDir_},
@@ -246,11 +269,11 @@ void Agent::swRouteSmDel() {
   swRouteSm_.reset();
 }
 
-// An earlier life has left something that must be taken over.
-bool Agent::predecessorLeft(const RouteCache::Ipv4RouteStatus& ipv4, const RouteCache::Ipv6RouteStatus& ipv6) const {
+// An earlier life, in whichever arrangement, has left something that must be taken over.
+bool Agent::predecessorLeft() const {
   const auto requests = nextHopConfig_->vrf(L3::VrfName());
-  return ipv4.size() + ipv6.size() + ipv4AdjStatus_->size() + ipv6AdjStatus_->size() +
-                 unprogrammedRouteConfig_->size() >
+  return ipv4SfeRouteStatus_->size() + ipv4HwRouteStatus_->size() + ipv6HwRouteStatus_->size() +
+                 ipv4AdjStatus_->size() + ipv6AdjStatus_->size() + unprogrammedRouteConfig_->size() >
              0 ||
          (requests && !requests->nexthop().empty());
 }

@@ -62,7 +62,8 @@ class Agent final : public Platform::AgentBase {
   const auto& ipv6RouteStatus() const { return ipv6HwRouteStatus_; }
   const auto& swIpv4RouteStatus() const { return ipv4RouteStatus(); }
   const auto& swIpv6RouteStatus() const { return ipv6RouteStatus(); }
-  bool hwRouteCachingEnabled() const { return routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled(); }
+  // As the hardware's status had it when the state machines were started; false when there is none.
+  bool hwRouteCachingEnabled() const { return hwRouteCachingEnabled_; }
 
   // Capacities, in entries: of the record of unprogrammed routes, and of the kernel route table over the hardware's.
   std::uint32_t unprogrammedRouteTableSize() const { return 4096; }
@@ -90,11 +91,13 @@ class Agent final : public Platform::AgentBase {
   template <class T>
   std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity = 0);
   void requireInputs() const;
-  bool predecessorLeft(const RouteCache::Ipv4RouteStatus& ipv4, const RouteCache::Ipv6RouteStatus& ipv6) const;
+  bool predecessorLeft() const;
+  void emptySfeTable();
 
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // goes with the agent: late completions ask
   std::unique_ptr<Platform::TraceHandle> trace_;
   std::shared_ptr<Lattis::EntityManager> entityManager_;
+  bool hwRouteCachingEnabled_ = false;
 
   // Declared so that members release in the right order: last declared, first released.
   std::shared_ptr<Routing::Rib::RouteConfig> kernelRouteStatus_;
@@ -120,6 +123,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
   std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
 
+  std::unique_ptr<RouteCache::DeferredTask> sfeCleanupTask_;
   std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;
   std::shared_ptr<RouteCache::VrfSm> vrfSm_;
   std::shared_ptr<RouteCache::VrfCachedRoute> vrfCachedRoute_;

@@ -1,90 +1,154 @@
-// Hash containers that keep their entries in one array: a million small keys cost their own size and little more.
+// Hash containers that keep their entries in one array: a million small keys cost their own size and little more, and
+// no single insertion pays for all of them.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <memory>
+#include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace RouteCache {
 
-// A set of values that name their key by KeyOf. Open addressing with linear probing; entries move when the set grows or
-// one is erased, so nothing points into it. Key has hash() and ==; memory is returned when the set has become empty.
+// A set of small values that name their key by KeyOf. Open addressing with linear probing. Entries move when others
+// come and go, so nothing points into it for longer than until the next insert or erase. Memory is returned when the
+// set has become empty.
+//
+// Growing is spread out: the array that has become too small stays beside its successor, and every insertion carries a
+// few of its slots over.
+//
+// Invariant: every entry is in exactly one of the two arrays; no probe path of the current one has a gap.
 template <class Value, class Key, class KeyOf>
 class FlatTable {
+  static_assert(std::is_trivially_copyable_v<Value>);
+
  public:
-  std::size_t size() const { return size_; }
-  bool empty() const { return size_ == 0; }
+  std::size_t size() const { return current_.used + old_.used; }
+  bool empty() const { return size() == 0; }
 
   Value* find(const Key& key) {
-    if (size_ == 0) return nullptr;
-    for (std::size_t i = home(key);; i = next(i)) {
-      if (!slots_[i]) return nullptr;
-      if (KeyOf()(*slots_[i]) == key) return &*slots_[i];
-    }
+    if (Value* found = findIn(current_, key)) return found;
+    return findIn(old_, key);
   }
   const Value* find(const Key& key) const { return const_cast<FlatTable*>(this)->find(key); }
   bool has(const Key& key) const { return find(key) != nullptr; }
 
   // Inserts unless the key is there; returns what is there then, and whether it is new.
   std::pair<Value*, bool> insert(const Value& value) {
-    if ((size_ + 1) * 4 > slots_.size() * 3) grow();
-    std::size_t i = home(KeyOf()(value));
-    for (; slots_[i]; i = next(i)) {
-      if (KeyOf()(*slots_[i]) == KeyOf()(value)) return {&*slots_[i], false};
-    }
-    slots_[i] = value;
-    ++size_;
-    return {&*slots_[i], true};
+    if (Value* found = find(KeyOf()(value))) return {found, false};
+    carryOver(slotsPerInsertion);
+    if ((current_.used + 1) * 4 > current_.size() * 3) grow(current_.size() == 0 ? 16 : current_.size() * 2);
+    return {place(value), true};
   }
 
   bool erase(const Key& key) {
-    Value* found = find(key);
-    if (found == nullptr) return false;
-    std::size_t hole = home(key);
-    while (!slots_[hole] || &*slots_[hole] != found) hole = next(hole);
-    // Close the gap: an entry whose probe path crosses the hole moves into it.
-    for (std::size_t i = next(hole); slots_[i]; i = next(i)) {
-      const std::size_t wanted = home(KeyOf()(*slots_[i]));
-      const bool crosses = hole <= i ? (wanted <= hole || wanted > i) : (wanted <= hole && wanted > i);
-      if (!crosses) continue;
-      slots_[hole] = slots_[i];
-      hole = i;
+    if (Value* found = findIn(current_, key)) {
+      closeGap(static_cast<std::size_t>(found - current_.values.get()));
+      --current_.used;
+    } else if ((found = findIn(old_, key)) != nullptr) {
+      old_.states[static_cast<std::size_t>(found - old_.values.get())] = State::moved;
+      --old_.used;
+    } else {
+      return false;
     }
-    slots_[hole].reset();
-    if (--size_ == 0) clear();
+    if (empty()) clear();
     return true;
   }
 
+  // Makes room for this many entries at once; for an empty set.
+  void reserve(std::size_t entries) {
+    std::size_t slots = 16;
+    while (entries * 4 > slots * 3) slots *= 2;
+    if (empty() && entries > 0) current_ = Array(slots);
+  }
+
   void clear() {
-    std::vector<std::optional<Value>>().swap(slots_);
-    size_ = 0;
+    current_ = Array();
+    old_ = Array();
+    carried_ = 0;
   }
 
   // Calls visit(value) for every entry, in no order that means anything. Nothing may be inserted or erased meanwhile.
   template <class Visit>
   void forEach(Visit&& visit) const {
-    for (const auto& slot : slots_) {
-      if (slot) visit(*slot);
+    for (const Array* array : {&current_, &old_}) {
+      for (std::size_t i = 0; i < array->size(); ++i) {
+        if (array->states[i] == State::full) visit(array->values.get()[i]);
+      }
     }
   }
 
  private:
-  std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (slots_.size() - 1); }
-  std::size_t next(std::size_t i) const { return (i + 1) & (slots_.size() - 1); }
-  void grow() {
-    std::vector<std::optional<Value>> old(slots_.empty() ? 16 : slots_.size() * 2);
-    old.swap(slots_);
-    for (auto& slot : old) {
-      if (!slot) continue;
-      std::size_t i = home(KeyOf()(*slot));
-      while (slots_[i]) i = next(i);
-      slots_[i] = std::move(slot);
+  static constexpr unsigned slotsPerInsertion = 8;
+  enum class State : std::uint8_t { empty, full, moved };  // moved: a probe path goes on behind it
+  struct Release {
+    void operator()(Value* values) const { ::operator delete(values); }
+  };
+  // A power of two of slots, or none. Only the states are initialised: untouched slots cost no memory.
+  struct Array {
+    Array() = default;
+    explicit Array(std::size_t slots)
+        : states(slots), values(static_cast<Value*>(::operator new(slots * sizeof(Value)))) {}
+    std::size_t size() const { return states.size(); }
+    std::size_t next(std::size_t i) const { return (i + 1) & (states.size() - 1); }
+    std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (states.size() - 1); }
+    std::vector<State> states;
+    std::unique_ptr<Value, Release> values;
+    std::size_t used = 0;
+  };
+
+  static Value* findIn(Array& array, const Key& key) {
+    if (array.used == 0) return nullptr;
+    for (std::size_t i = array.home(key); array.states[i] != State::empty; i = array.next(i)) {
+      if (array.states[i] == State::full && KeyOf()(array.values.get()[i]) == key) return array.values.get() + i;
+    }
+    return nullptr;
+  }
+
+  Value* place(const Value& value) {
+    std::size_t i = current_.home(KeyOf()(value));
+    while (current_.states[i] != State::empty) i = current_.next(i);
+    current_.states[i] = State::full;
+    ++current_.used;
+    return new (current_.values.get() + i) Value(value);
+  }
+
+  void grow(std::size_t slots) {
+    carryOver(old_.size());  // nothing is left there as a rule: insertions carry over faster than they fill
+    old_ = std::exchange(current_, Array(slots));
+    carried_ = 0;
+  }
+
+  void carryOver(std::size_t slots) {
+    for (; slots > 0 && carried_ < old_.size(); --slots, ++carried_) {
+      if (old_.states[carried_] != State::full) continue;
+      place(old_.values.get()[carried_]);
+      old_.states[carried_] = State::moved;
+      --old_.used;
+    }
+    if (carried_ == old_.size() && carried_ > 0) {
+      old_ = Array();
+      carried_ = 0;
     }
   }
-  std::vector<std::optional<Value>> slots_;  // a power of two, or none
-  std::size_t size_ = 0;
+
+  // Takes the entry out of the current array: each entry whose probe path crosses the hole moves into it.
+  void closeGap(std::size_t hole) {
+    for (std::size_t i = current_.next(hole); current_.states[i] != State::empty; i = current_.next(i)) {
+      const std::size_t wanted = current_.home(KeyOf()(current_.values.get()[i]));
+      const bool crosses = hole <= i ? (wanted <= hole || wanted > i) : (wanted <= hole && wanted > i);
+      if (!crosses) continue;
+      current_.values.get()[hole] = current_.values.get()[i];
+      hole = i;
+    }
+    current_.states[hole] = State::empty;
+  }
+
+  Array current_;
+  Array old_;
+  std::size_t carried_ = 0;  // slots of old_ that have been carried over
 };
 
 struct FlatSelf {

@@ -105,7 +105,7 @@ using RouteCache::NexthopRef;
 template <class Ref>
 std::string TextForm<BasicAdjRef<Ref>>::to(const BasicAdjRef<Ref>& value) {
   const NexthopRef* ref = value.ref().get();
-  std::array<char, 2 * sizeof(ref)> digits;
+  std::array<char, 2 * sizeof(std::uintptr_t)> digits;
   const auto end =
       std::to_chars(digits.data(), digits.data() + digits.size(), reinterpret_cast<std::uintptr_t>(ref), 16);
   return "0x" + std::string(digits.data(), end.ptr);

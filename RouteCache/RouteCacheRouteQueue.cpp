@@ -1,8 +1,20 @@
 #include "RouteCache/RouteCacheRouteQueue.h"
 
+#include <utility>
+
 #include "platform/Assert.h"
 
 namespace RouteCache {
+
+std::uint32_t RouteQueue::Nodes::add() {
+  if (size_ % blockSize == 0) blocks_.push_back(std::make_unique<Node[]>(blockSize));
+  return size_++;
+}
+
+void RouteQueue::Nodes::clear() {
+  blocks_.clear();
+  size_ = 0;
+}
 
 RouteQueue::RouteQueue() {
   routeToProcessDelAll();
@@ -10,7 +22,7 @@ RouteQueue::RouteQueue() {
 
 void RouteQueue::routeToProcessDelAll() {
   nodes_.clear();
-  freeNodes_.clear();
+  freeNodes_ = none;
   index_.clear();
   vrfLists_.clear();
   leftovers_ = 0;
@@ -19,13 +31,13 @@ void RouteQueue::routeToProcessDelAll() {
 }
 
 std::uint32_t RouteQueue::newNode() {
-  if (!freeNodes_.empty()) {
-    const std::uint32_t node = freeNodes_.back();
-    freeNodes_.pop_back();
-    return node;
-  }
-  nodes_.emplace_back();
-  return static_cast<std::uint32_t>(nodes_.size() - 1);
+  if (freeNodes_ == none) return nodes_.add();
+  return std::exchange(freeNodes_, nodes_[freeNodes_].next);
+}
+
+void RouteQueue::freeNode(std::uint32_t node) {
+  nodes_[node].next = freeNodes_;
+  freeNodes_ = node;
 }
 
 std::uint32_t RouteQueue::newList() {
@@ -88,13 +100,10 @@ void RouteQueue::routeToProcessDel(const RouteKey& key) {
   unlink(node);
   if (node == visited_) visited_ = none;
   index_.erase(key);
-  freeNodes_.push_back(node);
+  freeNode(node);
   // A queue that has run empty gives its memory back: the start-up of a million routes is over once.
-  if (index_.empty() && visited_ == none && nodes_.capacity() > 4096) {
-    routeToProcessDelAll();
-    nodes_.shrink_to_fit();
-    freeNodes_.shrink_to_fit();
-  }
+  constexpr std::uint32_t worthReturning = 4096;
+  if (index_.empty() && nodes_.size() > worthReturning) routeToProcessDelAll();
 }
 
 RouteQueue::RouteKey RouteQueue::routeToProcessBookmark() const {
@@ -163,7 +172,8 @@ void RouteQueue::wakeVrf(std::uint32_t piVrfId) {
     nodes_[head.previous].next = freshList;
     fresh.previous = head.previous;
   }
-  freeNodes_.push_back(list);
+  if (visitedGoesTo_ == list) visitedGoesTo_ = freshList;  // what the key being visited waits for has come
+  freeNode(list);
 }
 
 }  // namespace RouteCache

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -86,9 +87,24 @@ class RouteQueue {
   struct KeyOf {
     const RouteKey& operator()(const NodeRef& ref) const { return ref.key; }
   };
+  // Nodes in blocks, so that a growing queue moves none of them.
+  class Nodes {
+   public:
+    Node& operator[](std::uint32_t node) { return blocks_[node / blockSize][node % blockSize]; }
+    const Node& operator[](std::uint32_t node) const { return blocks_[node / blockSize][node % blockSize]; }
+    std::uint32_t add();
+    std::uint32_t size() const { return size_; }
+    void clear();
+
+   private:
+    static constexpr std::uint32_t blockSize = 1024;
+    std::vector<std::unique_ptr<Node[]>> blocks_;
+    std::uint32_t size_ = 0;
+  };
   enum : std::uint32_t { freshList = 0, leftoverList = 1, roomList4 = 2, roomList6 = 3, fixedLists = 4 };
 
   std::uint32_t newNode();
+  void freeNode(std::uint32_t node);
   std::uint32_t newList();
   void append(std::uint32_t list, std::uint32_t node);
   void unlink(std::uint32_t node);
@@ -96,8 +112,8 @@ class RouteQueue {
   std::optional<Visit> visit(std::uint32_t list);
   static std::uint32_t roomList(AddressFamily family) { return family == AddressFamily::ipv6 ? roomList6 : roomList4; }
 
-  std::vector<Node> nodes_;
-  std::vector<std::uint32_t> freeNodes_;
+  Nodes nodes_;
+  std::uint32_t freeNodes_ = none;  // chained by `next`
   FlatTable<NodeRef, RouteKey, KeyOf> index_;
   std::unordered_map<std::uint32_t, std::uint32_t> vrfLists_;  // pi VRF id -> list
   std::size_t leftovers_ = 0;

@@ -145,14 +145,12 @@ bool SwRouteSm::createVia(AdjId adjId, const typename F::NexthopRef& ref) {
   }
   if (present && *present == via) return true;
   if (!present && !table.hasRoom()) {
-    if (!adjRoom_.full) trace_(2, "adjacency table full, not written: ", adjId);
-    adjRoom_.full = true;
-    ++adjRoom_.refused;
+    F::adjRoom(*this).refused(trace_, "adjacency table full, not written: ", adjId);
     return false;
   }
   trace_(6, "writing adjId: ", adjId);
   table.adjIs(via);
-  adjRoom_.full = adjRoom_.full && !table.hasRoom();
+  F::adjRoom(*this).written(table.hasRoom());
   return true;
 }
 
@@ -165,7 +163,7 @@ bool SwRouteSm::createIpv6ViaFromNexthopRef(AdjId adjId, const std::shared_ptr<I
 }
 
 bool SwRouteSm::createViaFromNexthopRef(AdjId adjId, const std::shared_ptr<IpMixedNexthopRef>& ref) {
-  if ((adjId.value() & AdjId::adjacencyIdMask) == AdjId::adjacencyInvalid) return false;
+  if (!isAdjacency(adjId)) return false;
   if (adjIds_.current(adjId)) return true;
   bool written = true;
   if (ref->v6nh() && adjId.isAdjacencyV6()) written = createIpv6ViaFromNexthopRef(adjId, ref->v6nh());

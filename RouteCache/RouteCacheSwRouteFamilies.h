@@ -5,6 +5,16 @@
 
 namespace RouteCache {
 
+// Number 0 stands for no adjacency, whatever its class bits: a route that carries it holds nothing.
+inline bool isAdjacency(AdjId adjId) {
+  return (adjId.value() & AdjId::adjacencyIdMask) != AdjId::adjacencyInvalid;
+}
+
+// Class bits and number, and nothing between them.
+inline bool isWellFormed(AdjId adjId) {
+  return (adjId.value() & ~(AdjId::adjacencyMixedConst | AdjId::adjacencyIdMask)) == 0;
+}
+
 // Family of a route's key. The next hops of a route are independent of it: an IPv4 route may leave over IPv6 tunnels.
 struct SwRouteSm::V4 {
   using Key = Ipv4RouteVrfKey;
@@ -26,7 +36,8 @@ struct SwRouteSm::V4 {
   static DeferredTask& syncTask(SwRouteSm& sm) { return sm.routeSyncTask_; }
   static DeferredTask& adjSyncTask(SwRouteSm& sm) { return sm.ipv4AdjSyncTask_; }
   static const std::shared_ptr<Ipv4NexthopRef>& part(const IpMixedNexthopRef& ref) { return ref.v4nh(); }
-  static auto refOf(const Ipv4Via& via) { return createIpv4NexthopRefFromIpv4Via(via); }
+  static RoomEpisode& routeRoom(SwRouteSm& sm) { return sm.routeRoom4_; }
+  static RoomEpisode& adjRoom(SwRouteSm& sm) { return sm.adjRoom4_; }
   static bool hasClass(AdjId adjId) { return adjId.isAdjacencyV4(); }
 };
 
@@ -50,7 +61,8 @@ struct SwRouteSm::V6 {
   static DeferredTask& syncTask(SwRouteSm& sm) { return sm.route6SyncTask_; }
   static DeferredTask& adjSyncTask(SwRouteSm& sm) { return sm.ipv6AdjSyncTask_; }
   static const std::shared_ptr<Ipv6NexthopRef>& part(const IpMixedNexthopRef& ref) { return ref.v6nh(); }
-  static auto refOf(const Ipv6Via& via) { return createIpv6NexthopRefFromIpv6Via(via); }
+  static RoomEpisode& routeRoom(SwRouteSm& sm) { return sm.routeRoom6_; }
+  static RoomEpisode& adjRoom(SwRouteSm& sm) { return sm.adjRoom6_; }
   static bool hasClass(AdjId adjId) { return adjId.isAdjacencyV6(); }
 };
 

@@ -28,7 +28,7 @@ void NexthopVrfStatusReactor::handleNexthop(const IpGenAddr& addr) {
 
 void NexthopVrfStatusReactor::cleanup() {
   sm_.trace_(9, __PRETTY_FUNCTION__);
-  sm_.adjIds_.currentDelAll();
+  if (L3::VrfName(watched().name()).isDefault()) sm_.adjIds_.currentDelAll();
   sm_.scheduleAllRoutesForProcessing(true, false);
 }
 

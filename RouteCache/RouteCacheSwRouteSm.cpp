@@ -41,6 +41,18 @@ class SwRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
   SwRouteSm& sm_;
 };
 
+class SwRouteSm::NexthopConfigReactor final : public Routing::NexthopConfig::Reactor {
+ public:
+  NexthopConfigReactor(SwRouteSm& sm, std::shared_ptr<const Routing::NexthopConfig> config)
+      : Reactor(std::move(config)), sm_(sm) {}
+  void handleVrf(const L3::VrfName& name) override {
+    if (name.isDefault()) sm_.nexthopVrfConfigIs();
+  }
+
+ private:
+  SwRouteSm& sm_;
+};
+
 class SwRouteSm::NexthopStatusReactor final : public Routing::NexthopStatus::Reactor {
  public:
   NexthopStatusReactor(SwRouteSm& sm, std::shared_ptr<const Routing::NexthopStatus> status)
@@ -66,6 +78,14 @@ class SwRouteSm::VtiStatusDirReactor final : public Vxlan::VtiStatusDir::Reactor
  private:
   SwRouteSm& sm_;
 };
+
+void SwRouteSm::nexthopVrfConfigIs() {
+  const auto registered = in_.nexthopConfig->vrfIs(L3::VrfName());
+  if (registered == nexthopVrfConfig_) return;
+  nexthopVrfConfig_ = registered;
+  for (const auto& vtep : vteps4_.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
+  for (const auto& vtep : vteps6_.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
+}
 
 void SwRouteSm::nexthopVrfStatusIs(const L3::VrfName& name) {
   const auto status = in_.nexthopStatus->vrf(name);
@@ -140,7 +160,8 @@ SwRouteSm::~SwRouteSm() {
 
 void SwRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
-  nexthopVrfConfig_ = in_.nexthopConfig->vrfIs(L3::VrfName());
+  nexthopVrfConfigIs();
+  nexthopConfigReactor_ = std::make_unique<NexthopConfigReactor>(*this, in_.nexthopConfig);
   routeReactor_ = std::make_unique<RouteConfigReactor>(*this, in_.routeConfig);
   route6Reactor_ = std::make_unique<RouteConfigReactor>(*this, in_.route6Config);
   if (in_.ipv4HwRouteStatus) hwRouteReactor_ = std::make_unique<HwRouteReactor>(*this, in_.ipv4HwRouteStatus);
@@ -183,6 +204,14 @@ const Lattis::EntityType& SwRouteSm::entityType() const {
        readOnlyField<This, &This::unprogrammedSkipped>("unprogrammedSkipped")},
       {}};
   return type;
+}
+
+std::string SwRouteSm::fault() const {
+  for (const double interval : {routeProcessingInterval_, routeProcessingIntervalDefer_, adjProcessingInterval_,
+                                adjCleanupInterval_, adjSyncInterval_, routeSyncInterval_, initInterval_}) {
+    if (interval < 0) return "an interval is at least 0 seconds";
+  }
+  return {};
 }
 
 // --- Reactions -------------------------------------------------------------------------------------------------------
@@ -371,15 +400,6 @@ std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const Route& route) {
   }
 }
 
-namespace {
-
-// Number 0 stands for no adjacency, whatever its class bits: a route that carries it holds nothing.
-bool isAdjacency(AdjId adjId) {
-  return (adjId.value() & AdjId::adjacencyIdMask) != AdjId::adjacencyInvalid;
-}
-
-}  // namespace
-
 template <class F>
 void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep, bool init) {
   const RouteKey& key = route.key();
@@ -387,8 +407,7 @@ void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNex
   const auto published = F::routes(*this)->route(statusKey);
   // Asked before anything is taken: what stands stays, and a new route waits for room.
   if (!published && !F::routes(*this)->hasRoom()) {
-    if (!routeRoom_.full) trace_(2, "route table full, parked: ", key);
-    routeRoom_.full = true;
+    F::routeRoom(*this).refused(trace_, "route table full, parked: ", key);
     unprogrammedRouteIs(route);
     routeToProcessIs(key, RouteQueue::vtepFlag);
     routeToProcess_.waitForRoom(key.prefix().family());
@@ -478,7 +497,7 @@ void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr
     trace_(6, "adding route: ", key);
     // The new identifier stands before the old one may go: no reader finds a route without its adjacency.
     routes.routeIs({*statusKey, adjId, inHw});
-    routeRoom_.full = routeRoom_.full && !routes.hasRoom();
+    F::routeRoom(*this).written(routes.hasRoom());
     if (published && !inherited && isAdjacency(published->adjId())) deleteAdjFromAdjStatus(published->adjId());
   }
   if (inherited) updateRetention();
@@ -516,9 +535,7 @@ void SwRouteSm::unprogrammedRouteIs(const Route& route) {
   const auto recorded = table.route(route.key());
   if (recorded && *recorded == route) return;
   if (!recorded && !table.hasRoom()) {
-    if (!unprogrammedRoom_.full) trace_(2, "unprogrammed route table full, not recorded: ", route.key());
-    unprogrammedRoom_.full = true;
-    ++unprogrammedRoom_.refused;
+    unprogrammedRoom_.refused(trace_, "unprogrammed route table full, not recorded: ", route.key());
     return;
   }
   table.routeIs(route);
@@ -528,7 +545,7 @@ void SwRouteSm::unprogrammedRouteDel(const RouteKey& key) {
   auto& table = *in_.unprogrammedRouteConfig;
   if (table.size() == 0 || !table.has(key)) return;
   table.routeDel(key);
-  unprogrammedRoom_.full = false;
+  unprogrammedRoom_.written(true);
 }
 
 }  // namespace RouteCache

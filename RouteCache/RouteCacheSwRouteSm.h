@@ -104,6 +104,7 @@ class SwRouteSm final : public Lattis::Entity {
   void adjToProcessIs(AdjId adjId) { adjToProcess_.insert(adjId); }
   void adjToProcessDel(AdjId adjId) { adjToProcess_.erase(adjId); }
   bool adjToProcessHas(AdjId adjId) const { return adjToProcess_.contains(adjId); }
+  const std::set<AdjId>& adjToProcess() const { return adjToProcess_; }
   const AdjacencyIds& adjIds() const { return adjIds_; }
 
   // --- Next hops and VTEPs ---------------------------------------------------------------------------------------
@@ -121,6 +122,8 @@ class SwRouteSm final : public Lattis::Entity {
   static std::shared_ptr<Ipv4NexthopRef> createIpv4NexthopRefFromIpv4Via(const Ipv4Via& via);
   static std::shared_ptr<Ipv6NexthopRef> createIpv6NexthopRefFromIpv6Via(const Ipv6Via& via);
   std::shared_ptr<SwRouteVtiStatus> swRouteVtiStatusColl(IntfId intfId) const;  // null: unknown interface
+  const std::shared_ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig() const { return nexthopVrfConfig_; }
+  const std::shared_ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus() const { return nexthopVrfStatus_; }
   // As the last route processed had it, for traces.
   bool vtepResolutionNeeded() const { return vtepResolutionNeeded_; }
 
@@ -167,8 +170,8 @@ class SwRouteSm final : public Lattis::Entity {
   double initInterval() const { return initInterval_; }
   void initIntervalIs(double seconds) { initInterval_ = seconds; }
   std::uint64_t routeToProcessCount() const { return routeToProcess_.size(); }
-  // Records of unprogrammed routes that were left out because their table was full.
-  std::uint64_t unprogrammedSkipped() const { return unprogrammedRoom_.refused; }
+  // How often the record of an unprogrammed route was left out because its table was full.
+  std::uint64_t unprogrammedSkipped() const { return unprogrammedRoom_.refusals; }
   std::optional<Ipv4RouteVrfKey> routeSyncBookmark() const { return ipv4Sync_.bookmark; }
   std::optional<Ipv6RouteVrfKey> route6SyncBookmark() const { return ipv6Sync_.bookmark; }
   std::optional<AdjId> ipv4AdjSyncBookmark() const { return ipv4AdjSync_.bookmark; }
@@ -177,6 +180,8 @@ class SwRouteSm final : public Lattis::Entity {
   IpGenAddr vtepCleanupBookmark() const { return vtepCleanupBookmark_; }
 
   const Lattis::EntityType& entityType() const override;
+  // An interval below 0.
+  std::string fault() const override;
   // Aborts when an invariant does not hold. Walks every table. To be called when all table changes are delivered.
   void checkInvariants() const;
 
@@ -186,6 +191,7 @@ class SwRouteSm final : public Lattis::Entity {
   class RouteConfigReactor;
   class HwRouteReactor;
   class VrfIdReactor;
+  class NexthopConfigReactor;
   class NexthopStatusReactor;
   class VtiStatusDirReactor;
 
@@ -212,7 +218,14 @@ class SwRouteSm final : public Lattis::Entity {
   // A table that was found full: traced once until there is room again.
   struct RoomEpisode {
     bool full = false;
-    std::uint64_t refused = 0;
+    std::uint64_t refusals = 0;
+    template <class Text, class Key>
+    void refused(const Platform::TraceHandle& trace, const Text& text, const Key& key) {
+      if (!full) trace(2, text, key);
+      full = true;
+      ++refusals;
+    }
+    void written(bool hasRoom) { full = full && !hasRoom; }
   };
 
   const Routing::Rib::RouteConfig& configOf(const RouteKey& key) const {
@@ -273,6 +286,8 @@ class SwRouteSm final : public Lattis::Entity {
   bool processWaitingRoutes(std::uint64_t& handled);
   void processVisited(const RouteQueue::Visit& visit, std::uint64_t& handled);
 
+  // Registers the underlay's VRF with the resolver, and again if somebody else has withdrawn it.
+  void nexthopVrfConfigIs();
   void nexthopVrfStatusIs(const L3::VrfName& name);
   void nexthopVrfStatusDel(const L3::VrfName& name);
   void nexthopVrfStatusDelAll();
@@ -303,8 +318,10 @@ class SwRouteSm final : public Lattis::Entity {
   std::shared_ptr<Routing::NexthopVrfConfig> nexthopVrfConfig_;
   std::shared_ptr<const Routing::NexthopVrfStatus> nexthopVrfStatus_;  // of the VRF "default"; null: no answers yet
   RoomEpisode unprogrammedRoom_;
-  RoomEpisode routeRoom_;
-  RoomEpisode adjRoom_;
+  RoomEpisode routeRoom4_;
+  RoomEpisode routeRoom6_;
+  RoomEpisode adjRoom4_;
+  RoomEpisode adjRoom6_;
 
   RouteSync<Ipv4RouteVrfKey> ipv4Sync_;
   RouteSync<Ipv6RouteVrfKey> ipv6Sync_;
@@ -340,6 +357,7 @@ class SwRouteSm final : public Lattis::Entity {
   std::unique_ptr<RouteConfigReactor> route6Reactor_;
   std::unique_ptr<HwRouteReactor> hwRouteReactor_;
   std::unique_ptr<VrfIdReactor> vrfIdReactor_;
+  std::unique_ptr<NexthopConfigReactor> nexthopConfigReactor_;
   std::unique_ptr<NexthopStatusReactor> nexthopStatusReactor_;
   std::unique_ptr<VtiStatusDirReactor> vtiStatusDirReactor_;
   std::map<L3::VrfName, std::unique_ptr<class NexthopVrfStatusReactor>> nexthopVrfStatusReactors_;

@@ -53,8 +53,12 @@ bool SwRouteSm::syncAdjacencies() {
 template <class F>
 void SwRouteSm::adoptAdjacency(const typename F::Via& via) {
   const AdjId adjId = via.key();
-  if (!F::hasClass(adjId) || (adjId.value() & AdjId::adjacencyIdMask) == AdjId::adjacencyInvalid) {
-    trace_(1, "dropping an adjacency of another table's class: ", adjId);
+  // Identifiers that no agent gives out: of the other table's class, with bits that stand for nothing, or of a number
+  // that another one has.
+  const bool foreign = !F::hasClass(adjId) || !isAdjacency(adjId) || !isWellFormed(adjId) ||
+                       (adjIds_.numberInUse(adjId) && !adjIds_.adjIdRefCountHas(adjId));
+  if (foreign) {
+    trace_(1, "dropping an adjacency that is not of this agent's making: ", adjId);
     F::adjacencies(*this)->adjDel(adjId);
     return;
   }
@@ -69,13 +73,17 @@ void SwRouteSm::adoptAdjacency(const typename F::Via& via) {
   adjIds_.adjIdRefCountIs(adjId, 0);
 }
 
-// Notes every route that a predecessor has published. True at the end of the table.
+// Notes every route that a predecessor has published. An identifier that such a route names is in use, also without an
+// adjacency (its table was full): it is cleaned up like any other that nobody takes. True at the end of the table.
 template <class F>
 bool SwRouteSm::collectInheritedRoutes() {
   auto& table = *F::routes(*this);
   auto& bookmark = F::adjSync(*this).routeBookmark;
+  if (!bookmark) F::inherited(*this).reserve(table.size());
   for (auto route = resumeFrom(table, std::exchange(bookmark, std::nullopt)); route != table.end();) {
     F::inherited(*this).insert(route->key());
+    const AdjId adjId = route->adjId();
+    if (isAdjacency(adjId) && isWellFormed(adjId) && !adjIds_.numberInUse(adjId)) adjIds_.adjIdRefCountIs(adjId, 0);
     ++route;
     if (route != table.end() && F::adjSyncTask(*this).shouldYield()) {
       bookmark = route->key();
@@ -250,7 +258,7 @@ std::map<AdjId, std::uint32_t> SwRouteSm::countHeldRoutes() const {
   std::map<AdjId, std::uint32_t> held;
   for (const auto& route : *F::routes(*this)) {
     const AdjId adjId = route.adjId();
-    if ((adjId.value() & AdjId::adjacencyIdMask) == AdjId::adjacencyInvalid) continue;
+    if (!isAdjacency(adjId)) continue;
     if (!F::inherited(*this).has(route.key())) ++held[adjId];
     PLATFORM_ASSERT_TEXT(adjIds_.adjIdRefCountHas(adjId) || F::inherited(*this).has(route.key()),
                          "a published route names an identifier in use");
@@ -280,7 +288,7 @@ void SwRouteSm::checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) cons
     for (const auto& vtep : vteps) registrations[vtep] += count;
   }
   adjIds_.forEach([&](AdjId adjId, std::uint32_t count) {
-    if ((adjId.value() & AdjId::adjacencyIdMask) == AdjId::adjacencyInvalid) return;
+    if (!isAdjacency(adjId)) return;
     PLATFORM_ASSERT_TEXT(count == 0 || held.contains(adjId), "an identifier that is held is named by a route");
     PLATFORM_ASSERT_TEXT(count > 0 || restarted_, "an identifier that nobody holds is freed");
   });

@@ -57,13 +57,16 @@ VrfSm::VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus
       trace_(trace, "RouteCacheVrfSm") {
   hwVrfReactor_ = std::make_unique<HwVrfReactor>(*this, hwRouteStatus_);
   piVrfReactor_ = std::make_unique<PiVrfReactor>(*this, piVrfIdMap_);
+  dropStalePairs();
   handleHwVrfCreation();
   handlePIVrfCreation();
   for (const auto& entry : hwRouteStatus_->vrfStatus()) hwVrfStatusIs(entry.second);
   handleInitialized();
 }
 
-VrfSm::~VrfSm() = default;
+VrfSm::~VrfSm() {
+  for (const auto& vrf : vrfCachedRouteSm_) unmountFibTables(vrf.second.name);
+}
 
 std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
                                std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
@@ -81,6 +84,7 @@ void VrfSm::handleInitialized() {
 // --- Events ----------------------------------------------------------------------------------------------------------
 
 void VrfSm::handleHwVrfCreation() {
+  trace_(9, __PRETTY_FUNCTION__);
   for (const auto& entry : hwRouteStatus_->vrfStatus()) handleHwVrfCreation(entry.first);
 }
 
@@ -90,6 +94,7 @@ void VrfSm::handleHwVrfCreation(const L3::VrfName& name) {
 }
 
 void VrfSm::handlePIVrfCreation() {
+  trace_(9, __PRETTY_FUNCTION__);
   trace_(8, "piVrf ", piVrfIdMap_->name());
   for (const auto& entry : piVrfIdMap_->nameToId()) handlePIVrfCreation(entry.first);
   trace_(8, "done");
@@ -138,6 +143,24 @@ VrfSm::Ids VrfSm::idsOf(const L3::VrfName& name) const {
   return {piVrfIdMap_->nameToId(name.text()).value_or(missingPiVrfId), hwRouteStatus_->vrfStatus(name)->hwVrfId()};
 }
 
+// The map outlives the state machine: what it holds that no complete VRF claims goes before anything is added.
+void VrfSm::dropStalePairs() {
+  std::map<std::uint32_t, std::uint32_t> claimed;  // hardware id -> pi id
+  for (const auto& entry : hwRouteStatus_->vrfStatus()) {
+    if (isComplete(entry.first)) claimed[idsOf(entry.first).hwVrfId] = idsOf(entry.first).piVrfId;
+  }
+  const auto isClaimed = [&](std::uint32_t hwVrfId, std::uint32_t piVrfId) {
+    const auto found = claimed.find(hwVrfId);
+    return found != claimed.end() && found->second == piVrfId;
+  };
+  for (const auto& [hwVrfId, piVrfId] : vrfIdMap_->hwVrfIdToGlobalVrfIds()) {
+    if (!isClaimed(hwVrfId, piVrfId)) vrfIdMap_->hwVrfIdToGlobalVrfIdDel(hwVrfId);
+  }
+  for (const auto& [piVrfId, hwVrfId] : vrfIdMap_->globalVrfIdToHwVrfIds()) {
+    if (!isClaimed(hwVrfId, piVrfId)) vrfIdMap_->globalVrfIdToHwVrfIdDel(piVrfId);
+  }
+}
+
 void VrfSm::unmapPair(const L3::VrfName& name) {
   const auto found = mapped_.find(name);
   if (found == mapped_.end()) return;
@@ -177,8 +200,14 @@ void VrfSm::removeVrf(const L3::VrfName& name) {
   const auto own = mapped_.find(name);
   if (own == mapped_.end()) return;
   const Ids ids = own->second;
-  trace_(6, "del piVrfId: ", ids.piVrfId);
-  trace_(6, "del hwVrfId: ", ids.hwVrfId);
+  // Told in the order in which the VRF was found out to be incomplete.
+  if (piVrfIdMap_->nameToId(name.text())) {
+    trace_(6, "del piVrfId: ", ids.piVrfId);
+    trace_(6, "del hwVrfId: ", ids.hwVrfId);
+  } else {
+    trace_(6, "del hwVrfId: ", ids.hwVrfId);
+    trace_(6, "del piVrfId: ", ids.piVrfId);
+  }
   unmapPair(name);
   deleteVrfCachedRouteSm(ids.hwVrfId);
   restoreClaims();
@@ -221,6 +250,12 @@ std::shared_ptr<Pondra::TableEntity> VrfSm::mountFibTable(const std::string& pat
   return tables_.entity(path);
 }
 
+void VrfSm::unmountFibTables(const L3::VrfName& name) {
+  const FibPaths paths = fibPathsOf(name);
+  tables_.unmount(paths.ipv4);
+  tables_.unmount(paths.ipv6);
+}
+
 void VrfSm::createVrfCachedRouteSm(const L3::VrfName& name, std::uint32_t hwVrfId) {
   trace_(6, name, " vrfId: ", hwVrfId);
   if (vrfCachedRouteSm_.contains(hwVrfId)) {
@@ -245,10 +280,9 @@ void VrfSm::deleteVrfCachedRouteSm(std::uint32_t hwVrfId) {
   trace_(6, " vrfId: ", hwVrfId);
   const auto found = vrfCachedRouteSm_.find(hwVrfId);
   if (found != vrfCachedRouteSm_.end()) {
-    const FibPaths paths = fibPathsOf(found->second.name);
+    const L3::VrfName name = found->second.name;
     vrfCachedRouteSm_.erase(found);
-    tables_.unmount(paths.ipv4);
-    tables_.unmount(paths.ipv6);
+    unmountFibTables(name);
   }
   vrfCachedRoute_->vrfTrieDel(hwVrfId);
 }

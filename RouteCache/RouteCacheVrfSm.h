@@ -33,7 +33,7 @@ class VrfSm {
         std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables, Platform::TraceFacility& trace);
   VrfSm(const VrfSm&) = delete;
   VrfSm& operator=(const VrfSm&) = delete;
-  // Releases the reactors; the id map and the tries stay as they are.
+  // Releases the reactors and the FIB tables; the id map and the tries stay as they are.
   ~VrfSm();
 
   void handleInitialized();
@@ -80,11 +80,13 @@ class VrfSm {
   Ids idsOf(const L3::VrfName& name) const;
   void addVrf(const L3::VrfName& name);
   void removeVrf(const L3::VrfName& name);
+  void dropStalePairs();
   // Takes the name's pair out of VrfIdMap.
   void unmapPair(const L3::VrfName& name);
   // Gives ids that have become free to complete VRFs that claim them.
   void restoreClaims();
   std::shared_ptr<Pondra::TableEntity> mountFibTable(const std::string& path, const char* typeName);
+  void unmountFibTables(const L3::VrfName& name);
 
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
   std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap_;

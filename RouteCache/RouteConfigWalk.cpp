@@ -3,12 +3,17 @@
 namespace RouteCache {
 
 void RouteConfigWalk::allIs(std::uint8_t flags) {
-  nextAll_ = static_cast<std::uint8_t>(nextAll_.value_or(0) | flags);
+  const std::uint8_t ofVrfs = nextVrfs_.empty() ? 0 : RouteQueue::vtepFlag;
+  nextAll_ = static_cast<std::uint8_t>(nextAll_.value_or(0) | ofVrfs | flags);
   nextVrfs_.clear();
 }
 
 void RouteConfigWalk::vrfIs(std::uint32_t piVrfId) {
-  if (!nextAll_) nextVrfs_.insert(piVrfId);
+  if (nextAll_) {
+    *nextAll_ |= RouteQueue::vtepFlag;
+  } else {
+    nextVrfs_.insert(piVrfId);
+  }
 }
 
 bool RouteConfigWalk::willMeet(const RouteKey& key) const {

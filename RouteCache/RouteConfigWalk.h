@@ -21,7 +21,7 @@ class RouteConfigWalk {
   // Asks for a walk over every route with these flags. While one is under way, another follows it; several requests
   // for that next one are one, with the flags of all.
   void allIs(std::uint8_t flags);
-  // Asks for a walk over one VRF's routes, with the VTEP flag.
+  // Asks for a walk over one VRF's routes, with the VTEP flag. A walk over all that is still to come takes it in.
   void vrfIs(std::uint32_t piVrfId);
   bool pending() const { return current_ || nextAll_ || !nextVrfs_.empty(); }
   // True when a walk that is still to come, or the rest of the one under way, will meet this key.

@@ -50,7 +50,7 @@ Way walkTo(const std::shared_ptr<Entity>& entity, const std::vector<FieldStep>& 
     const std::string& key = keyOf(steps[i]);
     if (!collection.child) refuse("'" + entryText(steps[i]) + "' is a value, it has no fields");
     std::shared_ptr<Entity> child = collection.child(*holder, key);
-    if (!child && !make) refuse("no entry '" + entryText(steps[i]) + "'");
+    if (!child && (!make || !collection.childIs)) refuse("no entry '" + entryText(steps[i]) + "'");
     if (!child) {
       child = collection.childIs(*holder, key);
       if (!way.undo) way.undo = [holder, &collection, key] { collection.del(*holder, key); };

@@ -29,8 +29,8 @@ struct AttributeField {
   std::function<void(Entity&, std::string_view)> set;  // throws BadText or RangeError; then nothing has changed
 };
 
-// One collection of an entity type, by text. A collection holds values (text) or child entities (`child` is set). `set`,
-// `del` and `childIs` are empty for a collection that cannot be changed from outside.
+// One collection of an entity type, by text. A collection holds values (text) or child entities (`child` is set).
+// `set`, `del` and `childIs` are empty for a collection that cannot be changed from outside.
 struct CollectionField {
   std::string name;
   std::function<std::vector<std::string>(const Entity&)> keys;                     // in key order

@@ -29,12 +29,13 @@ void TableTraits<Fib::BasicRoute<P, T>>::encodeKey(const P& key, std::byte* out)
 }
 
 template <class P, class T>
-P TableTraits<Fib::BasicRoute<P, T>>::decodeKey(const std::byte* in) {
+std::optional<P> TableTraits<Fib::BasicRoute<P, T>>::decodeKey(const std::byte* in) {
   Platform::WireReader reader(in);
   typename P::Addr addr;
   read(reader, addr);
   const unsigned length = reader.number<std::uint8_t>();
-  return length <= P::maxLength ? P(addr, length) : P();
+  if (length > P::maxLength || !(P(addr, length).addr() == addr)) return std::nullopt;
+  return P(addr, length);
 }
 
 template <class P, class T>

@@ -46,7 +46,7 @@ struct TableTraits<Fib::BasicRoute<PrefixType, TypeEnum>> {
   static constexpr std::uint32_t layoutVersion = 1;
   static constexpr bool variableSize = false;
   static void encodeKey(const Key& key, std::byte* out);
-  static Key decodeKey(const std::byte* in);
+  static std::optional<Key> decodeKey(const std::byte* in);  // nothing: a length over the family's, or host bits set
   static std::size_t encode(const Value& value, std::byte* out);
   static std::optional<Value> decode(const Key& key, Bytes in);
   static std::vector<std::pair<std::string, std::string>> fields(const Value& value);

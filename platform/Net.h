@@ -88,9 +88,7 @@ class IpGenAddr {
     const auto order = family_ <=> other.family_;
     return order != 0 ? order : addr_ <=> other.addr_;
   }
-  constexpr std::uint64_t hash() const {
-    return Platform::hashMix(addr_.hash(), static_cast<std::uint64_t>(family_));
-  }
+  constexpr std::uint64_t hash() const { return Platform::hashMix(addr_.hash(), static_cast<std::uint64_t>(family_)); }
 
  private:
   AddressFamily family_ = AddressFamily::none;
@@ -104,7 +102,8 @@ class Prefix {
   using Addr = IpAddr;
   static constexpr unsigned maxLength = 32;
   constexpr Prefix() = default;
-  constexpr Prefix(IpAddr addr, unsigned length) : addr_(addr.value() & mask(checked(length))), length_(narrow(length)) {}
+  constexpr Prefix(IpAddr addr, unsigned length)
+      : addr_(addr.value() & mask(checked(length))), length_(narrow(length)) {}
   constexpr IpAddr addr() const { return addr_; }
   constexpr unsigned length() const { return length_; }
   constexpr bool isHost() const { return length_ == maxLength; }
@@ -272,9 +271,9 @@ class VrfName {
  public:
   static constexpr std::size_t maxLength = 100;
   VrfName() : name_("default") {}
-  VrfName(std::string_view name);  // NOLINT: a name is a name
-  VrfName(const char* name) : VrfName(std::string_view(name)) {}            // NOLINT
-  VrfName(const std::string& name) : VrfName(std::string_view(name)) {}     // NOLINT
+  VrfName(std::string_view name);                                        // NOLINT: a name is a name
+  VrfName(const char* name) : VrfName(std::string_view(name)) {}         // NOLINT
+  VrfName(const std::string& name) : VrfName(std::string_view(name)) {}  // NOLINT
   const std::string& text() const { return name_; }
   bool isDefault() const { return name_ == "default"; }
   auto operator<=>(const VrfName&) const = default;
@@ -288,8 +287,12 @@ class VrfName {
 namespace Fib {
 // The FEC library: forwarding equivalence classes are named by 64 bits, the adjacency type in bits 63..56 and the
 // per-type index in the low 32 bits. 0 is no FEC.
-constexpr unsigned adjTypePos() { return 56; }
-constexpr std::uint64_t adjTypeMax() { return 31; }
+constexpr unsigned adjTypePos() {
+  return 56;
+}
+constexpr std::uint64_t adjTypeMax() {
+  return 31;
+}
 }  // namespace Fib
 
 namespace Pondra::Fib {

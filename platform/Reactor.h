@@ -31,7 +31,8 @@ class ReactorList {
   }
 
   bool empty() const {
-    return std::none_of(reactors_.begin(), reactors_.end(), [](const ReactorType* reactor) { return reactor != nullptr; });
+    return std::none_of(reactors_.begin(), reactors_.end(),
+                        [](const ReactorType* reactor) { return reactor != nullptr; });
   }
 
   // Calls tell(reactor) for each reactor that was there at the start and still is, in the order of their entering.

@@ -46,11 +46,13 @@ void TableTraits<Route>::encodeKey(const Key& key, std::byte* out) {
       .number(static_cast<std::uint8_t>(key.prefix().length()));
 }
 
-RouteKey TableTraits<Route>::decodeKey(const std::byte* in) {
+std::optional<RouteKey> TableTraits<Route>::decodeKey(const std::byte* in) {
   WireReader reader(in);
   const auto vrfId = reader.number<std::uint32_t>();
   const IpGenAddr addr = reader.address();
-  return {vrfId, prefixOf(addr, reader.number<std::uint8_t>())};
+  const IpGenPrefix prefix = prefixOf(addr, reader.number<std::uint8_t>());
+  if (prefix.isEmpty() || !(prefix.addr() == addr)) return std::nullopt;
+  return RouteKey(vrfId, prefix);
 }
 
 std::size_t TableTraits<Route>::encode(const Route& value, std::byte* out) {
@@ -92,11 +94,17 @@ std::string valueText(const char* type, const std::vector<std::pair<std::string,
 
 }  // namespace
 
-std::string TableTraits<Route>::text(const Route& value) { return valueText("Routing::Rib::Route", fields(value)); }
+std::string TableTraits<Route>::text(const Route& value) {
+  return valueText("Routing::Rib::Route", fields(value));
+}
 
-void TableTraits<Via>::encodeKey(const Key& key, std::byte* out) { WireWriter(out).number(key); }
+void TableTraits<Via>::encodeKey(const Key& key, std::byte* out) {
+  WireWriter(out).number(key);
+}
 
-TableTraits<Via>::Key TableTraits<Via>::decodeKey(const std::byte* in) { return WireReader(in).number<std::uint64_t>(); }
+TableTraits<Via>::Key TableTraits<Via>::decodeKey(const std::byte* in) {
+  return WireReader(in).number<std::uint64_t>();
+}
 
 std::size_t TableTraits<Via>::encode(const Via& value, std::byte* out) {
   if (value.nexthops().size() > Via::maxEntries) throw RangeError("a via holds at most 128 next hops");

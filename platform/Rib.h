@@ -107,7 +107,9 @@ struct TableTraits<Routing::Rib::Route> {
   static constexpr std::uint32_t layoutVersion = 1;
   static constexpr bool variableSize = false;
   static void encodeKey(const Key& key, std::byte* out);
-  static Key decodeKey(const std::byte* in);
+  // Nothing: no family that there is, a length over the family's, or host bits set. Such a key would not lead back to
+  // its own bytes.
+  static std::optional<Key> decodeKey(const std::byte* in);
   static std::size_t encode(const Routing::Rib::Route& value, std::byte* out);
   static std::optional<Routing::Rib::Route> decode(const Key& key, Bytes in);
   static std::vector<std::pair<std::string, std::string>> fields(const Routing::Rib::Route& value);

@@ -18,7 +18,9 @@ std::string outOfRangeText(std::size_t index, std::size_t max) {
   return "out-of-range, index:" + std::to_string(index) + " max:" + std::to_string(max);
 }
 
-std::string orphanText(std::string_view table) { return std::string(table) + " is now an orphan"; }
+std::string orphanText(std::string_view table) {
+  return std::string(table) + " is now an orphan";
+}
 
 std::string alreadyInitializedText(std::string_view entity) {
   return "Entity " + std::string(entity) + " already initialized";
@@ -33,7 +35,9 @@ void TableEntity::attach(std::shared_ptr<SharedCollection> control) {
   control_ = std::move(control);
 }
 
-void TableEntity::parentIs(const std::shared_ptr<Lattis::Entity>& parent) { orphan_ = parent == nullptr; }
+void TableEntity::parentIs(const std::shared_ptr<Lattis::Entity>& parent) {
+  orphan_ = parent == nullptr;
+}
 
 SharedCollection& TableEntity::readable(std::string_view operation) const {
   if (orphan_) refuse(operation, orphanText(name()));
@@ -64,12 +68,11 @@ void TableEntity::keyChanged(Bytes key, std::uint64_t sequence) {
 }
 
 const Lattis::EntityType& TableEntity::entityType() const {
-  static const Lattis::EntityType type{
-      "Pondra::Table",
-      {Lattis::readOnlyField<TableEntity, &TableEntity::mounted>("mounted"),
-       Lattis::readOnlyField<TableEntity, &TableEntity::size>("size"),
-       Lattis::readOnlyField<TableEntity, &TableEntity::capacity>("capacity")},
-      {}};
+  static const Lattis::EntityType type{"Pondra::Table",
+                                       {Lattis::readOnlyField<TableEntity, &TableEntity::mounted>("mounted"),
+                                        Lattis::readOnlyField<TableEntity, &TableEntity::size>("size"),
+                                        Lattis::readOnlyField<TableEntity, &TableEntity::capacity>("capacity")},
+                                       {}};
   return type;
 }
 

@@ -425,6 +425,7 @@ class Table : public TableEntity {
     void entryName##Notify(const Key& key) { this->notifyReactors(key); }                                            \
     void entryName##NotifyQuiesced(bool quiesced) { this->notifyReactorsQuiesced(quiesced); }                        \
     void entryName##NotifyMountStatus() { this->notifyReactorsMountStatus(); }                                       \
+    const SharedCollection* entryName##Control() const { return this->control(); }                                   \
     virtual void entryName##Commit(const ValueType* /*value*/) {}                                                    \
     void entryName##ControlIs(std::shared_ptr<SharedCollection> control) { this->attach(std::move(control)); }       \
     void handleParent(const std::shared_ptr<Lattis::Entity>& parent) override { this->parentIs(parent); }            \

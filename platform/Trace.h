@@ -86,11 +86,9 @@ class TraceRecord {
       if (open(TraceTag::boolean, 1)) append(&value, 1);
     } else if constexpr (std::is_floating_point_v<T>) {
       number(TraceTag::real, static_cast<double>(value));
-    } else if constexpr (std::is_enum_v<T>) {
-      number(TraceTag::unsignedNumber, static_cast<std::uint64_t>(value));
     } else if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
       number(TraceTag::signedNumber, static_cast<std::int64_t>(value));
-    } else if constexpr (std::is_integral_v<T>) {
+    } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
       number(TraceTag::unsignedNumber, static_cast<std::uint64_t>(value));
     } else if constexpr (traceCode<T> != 0) {
       static_assert(std::is_trivially_copyable_v<T> && sizeof(T) < 256);
@@ -158,14 +156,14 @@ class TraceSink {
 
 // The settings of the fast trace facility, in the order of its initialiser's arguments.
 struct FastTraceSettings {
-  std::string fileName;                      // "%d" in it becomes the process id
-  std::array<std::uint32_t, 10> bufferSize;  // KiB per level 0 to 9; each level is a ring of its own
-  std::optional<std::string> secondFileName; // a copy of the trace; none
-  std::uint32_t syncInterval = 0;            // seconds between forced writes to disk; 0: left to the kernel
-  std::uint32_t maxArguments = 24;           // items kept of one record
-  std::uint32_t multithreadingMode = 0;      // 0: one thread traces
-  bool overwrite = true;                     // a full ring overwrites its oldest records
-  std::uint32_t maxRecordSize = 512;         // bytes
+  std::string fileName;                       // "%d" in it becomes the process id
+  std::array<std::uint32_t, 10> bufferSize;   // KiB per level 0 to 9; each level is a ring of its own
+  std::optional<std::string> secondFileName;  // a copy of the trace; none
+  std::uint32_t syncInterval = 0;             // seconds between forced writes to disk; 0: left to the kernel
+  std::uint32_t maxArguments = 24;            // items kept of one record
+  std::uint32_t multithreadingMode = 0;       // 0: one thread traces
+  bool overwrite = true;                      // a full ring overwrites its oldest records
+  std::uint32_t maxRecordSize = 512;          // bytes
 };
 
 // The process's tracing: which handles are on, and where records go. Outlives every handle.

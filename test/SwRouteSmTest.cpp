@@ -361,6 +361,63 @@ TEST_P(SwRouteSmTest, NoIdentifierIsReusedWhileAnInheritedRouteNamesIt) {
   EXPECT_EQ(sw.adjacencyIds().size(), 1u);
 }
 
+TEST_P(SwRouteSmTest, AnInheritedRouteKeepsItsIdentifierAlsoWithoutAnAdjacency) {
+  sw.capability(100, 100, 2);
+  for (std::uint64_t key = 1; key <= 4; ++key) sw.via(key, {sw.nexthop("10.255.0." + std::to_string(key))});
+  for (std::uint64_t key = 1; key <= 3; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, key);
+  sw.start();
+  settle();
+  sw.stop();
+  // The route that found no room for its adjacency is withdrawn while the agent is away; a new one comes.
+  const auto without = sw.published();
+  const auto left =
+      std::find_if(without.begin(), without.end(), [](const auto& r) { return r.second == "no adjacency"; });
+  ASSERT_NE(left, without.end());
+  const std::string prefix = left->first.substr(0, left->first.find('@'));
+  const auto adjId = sw.adjIdOf(prefix, 101);
+  sw.routeGone(prefix, 1);
+  sw.capability(100, 100, 10);
+  sw.route("9.0.0.0/8", 1, 4);
+  sw.start();
+  sw.advance(0.5);
+  ASSERT_TRUE(sw.publishedKeys().contains(prefix + "@101"));
+  EXPECT_NE(sw.adjIdOf("9.0.0.0/8", 101), adjId);
+  sw.advance(400);
+  EXPECT_EQ(sw.published().size(), 3u);
+  EXPECT_EQ(sw.sm().adjIds().inUse(), 3u);
+}
+
+TEST_P(SwRouteSmTest, ARestartWithoutHardwareCachingEmptiesTheTableThatNobodyWrites) {
+  sw.hwRouteCaching(true);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.route("10.2.0.0/16", 1, 1);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.published().size(), 2u);
+  sw.stop();
+  sw.hwRouteCaching(false);
+  sw.start();
+  sw.advance(400);
+  EXPECT_EQ(sw.reader<RouteCache::Ipv4RouteStatus>("routecache/route/sfe/ipv4")->size(), 0u);
+  EXPECT_EQ(sw.published().size(), 2u);
+}
+
+TEST_P(SwRouteSmTest, RequestsAreMadeAgainWhenTheResolversSideDropsThem) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.start();
+  settle();
+  sw.entity<Routing::NexthopConfig>("l3/nexthop-resolver/config/routeCache", "Routing::NexthopConfig")
+      ->vrfDel(L3::VrfName());
+  settle();
+  EXPECT_THAT(sw.requests(), ElementsAre("10.255.0.1"));
+  EXPECT_THAT(sw.published(), ElementsAre(Pair("10.1.0.0/16@101", "10.255.0.1 Vxlan1 vlan 10 fec 5")));
+  sw.route("10.2.0.0/16", 1, 1);
+  settle();
+  EXPECT_EQ(sw.published().size(), 2u);
+}
+
 // --- Queue -----------------------------------------------------------------------------------------------------------
 
 TEST_P(SwRouteSmTest, RoutesOfAVrfThatNeverComesCostNothingAndDelayNobody) {
@@ -380,6 +437,18 @@ TEST_P(SwRouteSmTest, RoutesOfAVrfThatNeverComesCostNothingAndDelayNobody) {
   sw.vrf("nine", 9, 109);
   sw.advance(0);
   EXPECT_EQ(sw.published().size(), 3001u);
+}
+
+TEST_P(SwRouteSmTest, AKeyThatIsNoneHoldsUpNobody) {
+  sw.vrf("blue", 2, 102);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  // 64 routes are one step of the walk: the key without a prefix stands where the next step begins.
+  for (int i = 0; i < 64; ++i) sw.route("2001:db8:" + std::to_string(1000 + i) + "::/48", 1, 1);
+  sw.route("", 2, 1);
+  for (int i = 0; i < 10; ++i) sw.route("2001:db8:" + std::to_string(2000 + i) + "::/48", 2, 1);
+  sw.start();
+  settle();
+  EXPECT_EQ(sw.published().size(), 74u);
 }
 
 TEST_P(SwRouteSmTest, NothingIsQueuedBeforeTheAdjacencySyncsAreDone) {

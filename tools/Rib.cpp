@@ -278,6 +278,7 @@ void addLoad(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
       ->check(CLI::PositiveNumber);
   addWriteOptions(*command, options);
   addCommonOptions(*command, options);
+  command->footer("Example: routecache rib load prefixes.txt.gz --vrfs 1-4 --vteps 200 --paths 2 --vni 10010");
   command->callback([shared] { load(*shared); });
 }
 
@@ -290,6 +291,7 @@ void addAdd(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   command->add_option("--via", options.viaKey, "Key of the via (default: one that is equal, or a new one)");
   addWriteOptions(*command, options);
   addCommonOptions(*command, options);
+  command->footer("Example: routecache rib add 10.1.0.0/16 --vrf 2 --vtep 10.255.0.1,10.255.0.2 --vni 10010");
   command->callback([shared] { add(*shared); });
 }
 
@@ -300,6 +302,7 @@ void addDel(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   command->add_option("--vrf", options.vrf, "VRF id");
   command->add_flag("--all", options.all, "All routes of all VRFs");
   addCommonOptions(*command, options);
+  command->footer("Example: routecache rib del 10.1.0.0/16 --vrf 2");
   command->callback([shared] { del(*shared); });
 }
 
@@ -308,6 +311,7 @@ void addDel(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
 void addRibCommand(CLI::App& app, ToolContext& /*context*/) {
   CLI::App* rib = app.add_subcommand("rib", "Write the RIB tables: configured routes and their vias");
   rib->require_subcommand(1);
+  rib->footer("Example: routecache rib load --generate 100000 --vrfs 1-4 --vteps 200 --vni 10010");
   const auto options = std::make_shared<RibOptions>();
   addLoad(*rib, options);
   addAdd(*rib, options);

@@ -260,10 +260,12 @@ void addCommonOptions(CLI::App& command, TableOptions& options) {
 void addTableCommand(CLI::App& app, ToolContext& /*context*/) {
   CLI::App* table = app.add_subcommand("table", "Read shared tables, without asking their writers");
   table->require_subcommand(1);
+  table->footer("Example: routecache table show routecache/route/hw/ipv4 --limit 5");
   const auto options = std::make_shared<TableOptions>();
 
   CLI::App* listing = table->add_subcommand("list", "The tables of the run directory");
   addCommonOptions(*listing, *options);
+  listing->footer("Example: routecache table list --json");
   listing->callback([options] { list(*options); });
 
   CLI::App* showing = table->add_subcommand("show", "The entries of a table, in key order");
@@ -272,12 +274,14 @@ void addTableCommand(CLI::App& app, ToolContext& /*context*/) {
   showing->add_option("--from", options->from, "Begin with the first key that is not below this one");
   showing->add_option("--limit", options->limit, "Show at most this many entries")->check(CLI::PositiveNumber);
   addCommonOptions(*showing, *options);
+  showing->footer("Example: routecache table show routecache/adj/ipv4 1 --json");
   showing->callback([options] { show(*options); });
 
   CLI::App* watching = table->add_subcommand("watch", "The changes of a table as they come, until interrupted");
   watching->add_option("PATH", options->path, "The table's mount path")->required();
   watching->add_option("--count", options->count, "End after this many changes")->check(CLI::PositiveNumber);
   addCommonOptions(*watching, *options);
+  watching->footer("Example: routecache table watch routecache/route/hw/ipv4 --count 10");
   watching->callback([options] { watch(*options); });
 }
 
