@@ -1,0 +1,27 @@
+// A directory of its own for one measurement.
+#pragma once
+
+#include <string>
+
+namespace Bench {
+
+// Made under `parent`, and removed with everything in it.
+class BenchDirectory {
+ public:
+  explicit BenchDirectory(const std::string& parent);
+  ~BenchDirectory();
+  BenchDirectory(const BenchDirectory&) = delete;
+  BenchDirectory& operator=(const BenchDirectory&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// Memory where there is a file system of it, so that no disk is measured: /dev/shm, else the temporary directory.
+std::string defaultParentDirectory();
+
+// Seconds of the clock that all processes of the machine share.
+double monotonicSeconds();
+
+}  // namespace Bench

@@ -1,0 +1,66 @@
+#include "bench/ChildProcess.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+
+namespace Bench {
+
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : name_(arguments.front()) {
+  std::array<int, 2> ends;
+  if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  std::vector<std::string> words{"/proc/self/exe"};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> pointers;
+  for (auto& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  const int fault = posix_spawn(&pid_, words.front().c_str(), &actions, nullptr, pointers.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(ends[1]);
+  output_ = ::fdopen(ends[0], "r");
+  if (fault != 0) {
+    pid_ = -1;
+    throw std::system_error(fault, std::generic_category(), "posix_spawn");
+  }
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+  if (output_ != nullptr) std::fclose(output_);
+}
+
+nlohmann::json ChildProcess::report() {
+  char* line = nullptr;
+  std::size_t size = 0;
+  const ssize_t length = ::getline(&line, &size, output_);
+  const std::string text(line == nullptr || length < 0 ? "" : line);
+  std::free(line);
+  if (text.empty()) throw std::runtime_error(name_ + ": the process ended without a report");
+  return nlohmann::json::parse(text);
+}
+
+void ChildProcess::stop() {
+  ::kill(pid_, SIGTERM);
+  wait();
+}
+
+void ChildProcess::wait() {
+  int status = 0;
+  ::waitpid(std::exchange(pid_, -1), &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(name_ + ": the process failed");
+}
+
+}  // namespace Bench

@@ -1,0 +1,28 @@
+// What PipelineBench loads: the routes and vias, and the switch that they are for.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/RibWriter.h"
+
+namespace Bench {
+
+struct Workload {
+  std::uint32_t routes = 1'000'000;
+  std::uint32_t vrfs = 64;
+  std::uint32_t vteps = 10'000;
+  std::uint32_t nexthopSets = 20'000;
+  std::uint32_t paths = 2;  // next hops of each set
+
+  // The options by which another process of this program makes the same workload.
+  std::vector<std::string> options() const;
+  // The switch as a scenario: its VRFs, one tunnel interface, underlay routes to all VTEPs, tables that hold it all.
+  std::string scenario() const;
+  // Prefixes with the length mix of the Internet's IPv4 table; the n-th goes to the n-th VRF and takes the n-th
+  // next-hop set, both in turn.
+  Tools::RibChange rib() const;
+};
+
+}  // namespace Bench
