@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace Bench {
 

@@ -8,7 +8,6 @@
 #include <iostream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -293,13 +292,17 @@ int run(int argc, char** argv) {
   CLI::App app("Measures the road from RIB tables to published tables.");
   app.require_subcommand(0, 1);
   app.fallthrough();
-  app.add_option("--routes", options.workload.routes, "IPv4 routes")->capture_default_str();
-  app.add_option("--vrfs", options.workload.vrfs)->capture_default_str();
-  app.add_option("--vteps", options.workload.vteps)->capture_default_str();
-  app.add_option("--nexthop-sets", options.workload.nexthopSets)->capture_default_str();
-  app.add_option("--paths", options.workload.paths, "Next hops of each set")->capture_default_str();
+  app.add_option("--routes", options.workload.routes, "IPv4 routes")->check(CLI::PositiveNumber)->capture_default_str();
+  app.add_option("--vrfs", options.workload.vrfs)->check(CLI::PositiveNumber)->capture_default_str();
+  app.add_option("--vteps", options.workload.vteps)->check(CLI::PositiveNumber)->capture_default_str();
+  app.add_option("--nexthop-sets", options.workload.nexthopSets)->check(CLI::PositiveNumber)->capture_default_str();
+  app.add_option("--paths", options.workload.paths, "Next hops of each set")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   app.add_option("--dir", options.directory, "Where the tables go")->capture_default_str();
-  app.add_option("--runs", options.runs, "How often everything is measured")->capture_default_str();
+  app.add_option("--runs", options.runs, "How often everything is measured")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   app.add_flag("--json", options.asJson, "Every figure of every run");
 
   CLI::App* agent = app.add_subcommand("agent", "The agent's process alone, on the tables in --dir");

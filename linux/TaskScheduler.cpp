@@ -87,7 +87,8 @@ void TaskQueue::cancel(Job& job) {
 
 double TaskQueue::nextDue() const {
   if (!due_.empty()) return now_;
-  return waiting_.empty() ? Task::never : waiting_.begin()->first.first;
+  if (waiting_.empty()) return Task::never;
+  return waiting_.begin()->first.first;
 }
 
 void TaskQueue::collectDue() {

@@ -198,7 +198,7 @@ std::uint32_t TraceFile::numberOfFixedText(std::uintptr_t address, std::uint16_t
     if (known_[at].address == address && known_[at].length == length) return known_[at].number;
     at = (at + 1) & mask;
   }
-  const std::uint32_t number = define({reinterpret_cast<const char*>(address), length});
+  const std::uint32_t number = define({reinterpret_cast<const char*>(address), length});  // NOLINT: it was a pointer
   known_[at] = {address, length, number};
   if (++knownCount_ * 2 > known_.size()) growKnown();
   return number;

@@ -8,7 +8,7 @@
 namespace Tools {
 
 std::string defaultAgentLibrary() {
-  const std::string name = "libRouteCacheAgent.so";
+  std::string name = "libRouteCacheAgent.so";
   std::error_code error;
   const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
   for (const auto& directory : {here, here.parent_path() / "lib"}) {

@@ -12,7 +12,7 @@ namespace Tools {
 
 std::string defaultRunDir() {
   if (const char* given = std::getenv("ROUTECACHE_RUN_DIR"); given != nullptr && *given != '\0') return given;
-  const std::string system = "/run/routecache";
+  std::string system = "/run/routecache";
   if (::access(system.c_str(), F_OK) == 0 || ::access("/run", W_OK) == 0) return system;
   if (const char* own = std::getenv("XDG_RUNTIME_DIR"); own != nullptr && *own == '/') {
     return std::string(own) + "/routecache";
