@@ -144,10 +144,19 @@ bool SharedTableService::pendingChanges() {
 
 void SharedTableService::handleWakeup() {
   alignas(inotify_event) std::array<char, 4096> events;
-  // What has happened is seen in the tables themselves; the events only say that it is time to look.
-  while (read(wakeup_.get(), events.data(), events.size()) > 0) {
+  // What has been written is seen in the tables themselves: most events only say that it is time to look. Only when a
+  // table appeared or was replaced, or when events were lost, is every file asked who it is.
+  bool filesChanged = false;
+  ssize_t size = 0;
+  while ((size = read(wakeup_.get(), events.data(), events.size())) > 0) {
+    for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(size);) {
+      inotify_event event;
+      std::memcpy(&event, events.data() + at, sizeof event);
+      filesChanged = filesChanged || (event.mask & ~std::uint32_t{IN_MODIFY}) != 0;
+      at += sizeof event + event.len;
+    }
   }
-  if (pendingChanges()) context_->wantDelivery();
+  if (filesChanged ? pendingChanges() : anyPending()) context_->wantDelivery();
 }
 
 void SharedTableService::flush() {

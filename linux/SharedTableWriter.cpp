@@ -12,7 +12,7 @@ using Pondra::WriteResult;
 namespace {
 constexpr unsigned longestChain = 4096;
 // Levels of the last search's path that are tried before a search starts at the top.
-constexpr unsigned pathLevels = 3;
+constexpr unsigned pathLevels = 8;
 }  // namespace
 
 TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report)

@@ -192,7 +192,6 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
 
   std::shared_ptr<SharedCollection> control_;
   bool following_ = false;
-  bool notifying_ = false;
   bool orphan_ = false;
 };
 

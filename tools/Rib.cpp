@@ -81,8 +81,7 @@ std::vector<std::uint32_t> vrfIds(const std::string& text) {
     begin = end + 1;
   }
   std::ranges::sort(ids);
-  const auto repeated = std::ranges::unique(ids);
-  ids.erase(repeated.begin(), repeated.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
   return ids;
 }
 
@@ -209,8 +208,8 @@ void add(const RibOptions& options) {
     change.vias.emplace_back(viaKey, nexthops);
     for (const IpGenPrefix& prefix : prefixes) change.routes.emplace_back(RouteKey(vrfId, prefix), viaKey);
     std::ranges::sort(change.routes, {}, &Route::key);
-    const auto repeated = std::ranges::unique(change.routes, {}, &Route::key);
-    change.routes.erase(repeated.begin(), repeated.end());
+    const auto sameKey = [](const Route& a, const Route& b) { return a.key() == b.key(); };
+    change.routes.erase(std::unique(change.routes.begin(), change.routes.end(), sameKey), change.routes.end());
     rib.apply(change, options.capacity);
   });
   tell(options,
