@@ -34,6 +34,7 @@ constexpr const char* kernelRoutePath = "routecache/route/kernel";
 
 // Where operators find the agent's own entities.
 constexpr const char* swRouteSmPath = "agent/routecache/swRouteSm";
+constexpr const char* hwRouteSmPath = "agent/routecache/hwRouteSm";
 constexpr const char* vrfIdMapPath = "agent/routecache/vrfIdMap";
 constexpr const char* vrfCachedRoutePath = "agent/routecache/vrfCachedRoute";
 
@@ -52,6 +53,7 @@ Agent::~Agent() {
   vrfCachedRouteDel();
   vrfSmDel();
   swRouteSmDel();
+  hwRouteSmDel();
   sfeCleanupTask_.reset();
 }
 
@@ -197,6 +199,7 @@ void Agent::startStateMachines() {
   hwRouteCachingEnabled_ = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
   if (hwRouteCachingEnabled_) {
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
+    hwRouteSmIs();
   } else {
     swRouteSmIs(nullptr, ipv4HwRouteStatus_, ipv6HwRouteStatus_);
     emptySfeTable();
@@ -248,7 +251,7 @@ void Agent::vrfCachedRouteDel() {
 void Agent::vrfSmIs() {
   vrfSmDel();
   vrfSm_ = RouteCache::VrfSmIs(hwRouteStatus_, piVrfIdMap_, vrfIdMap_, vrfCachedRoute_, *services().tables,
-                               *services().trace);
+                               *services().scheduler, *services().trace);
 }
 
 void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readOnlyIpv4,
@@ -269,6 +272,23 @@ void Agent::swRouteSmDel() {
   swRouteSm_.reset();
 }
 
+void Agent::hwRouteSmIs() {
+  hwRouteSmDel();
+  PLATFORM_ASSERT_TEXT(ipv4HwHitBitStatus_, hwHitBitPath);
+  PLATFORM_ASSERT_TEXT(ipv4SfeHitBitStatus_, sfeHitBitPath);
+  hwRouteSm_ = RouteCache::HwRouteSmIs(
+      {ipv4HwRouteStatus_, routeCacheConfig_, routeCacheCliConfig_, ipv4SfeRouteStatus_, ipv4HwHitBitStatus_,
+       ipv4SfeHitBitStatus_, routeCacheCapability_, vrfCachedRoute_, ipv4SfeProgrammedRouteStatus_},
+      *services().scheduler, *services().trace);
+  services().localEntityIs(hwRouteSmPath, hwRouteSm_);
+}
+
+void Agent::hwRouteSmDel() {
+  if (!hwRouteSm_) return;
+  services().localEntityIs(hwRouteSmPath, nullptr);
+  hwRouteSm_.reset();
+}
+
 // An earlier life, in whichever arrangement, has left something that must be taken over.
 bool Agent::predecessorLeft() const {
   const auto requests = nextHopConfig_->vrf(L3::VrfName());
@@ -280,6 +300,7 @@ bool Agent::predecessorLeft() const {
 
 void Agent::checkInvariants() const {
   if (swRouteSm_) swRouteSm_->checkInvariants();
+  if (hwRouteSm_) hwRouteSm_->checkInvariants();
 }
 
 }  // namespace RouteCacheAgent

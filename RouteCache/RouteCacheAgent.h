@@ -8,6 +8,7 @@
 #include <string>
 
 #include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/RouteCacheHwRouteSm.h"
 #include "RouteCache/RouteCacheSwRouteSm.h"
 #include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheVrfSm.h"
@@ -84,6 +85,10 @@ class Agent final : public Platform::AgentBase {
                    std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4,
                    std::shared_ptr<RouteCache::Ipv6RouteStatus> ipv6);
   void swRouteSmDel();
+  // Null with hardware route caching off.
+  const auto& hwRouteSm() const { return hwRouteSm_; }
+  void hwRouteSmIs();
+  void hwRouteSmDel();
 
  private:
   void traceFileIs();
@@ -124,6 +129,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
 
   std::unique_ptr<RouteCache::DeferredTask> sfeCleanupTask_;
+  std::shared_ptr<RouteCache::HwRouteSm> hwRouteSm_;
   std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;
   std::shared_ptr<RouteCache::VrfSm> vrfSm_;
   std::shared_ptr<RouteCache::VrfCachedRoute> vrfCachedRoute_;

@@ -296,12 +296,6 @@ const Lattis::EntityType& VrfCachedRoute::entityType() const {
   return type;
 }
 
-// --- Collections of the state machines -------------------------------------------------------------------------------
-
-std::shared_ptr<HitBitTimeSliceColl> HitBitTimeSliceCollIs() {
-  return std::make_shared<HitBitTimeSliceColl>();
-}
-
 // --- SwRouteVtiStatus ------------------------------------------------------------------------------------------------
 
 void SwRouteVtiStatus::flagIs(bool& flag, bool value, void (Reactor::*handler)()) {

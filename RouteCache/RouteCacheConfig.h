@@ -226,22 +226,6 @@ class AdjIdColl {
   std::set<AdjId> ids_;
 };
 
-// The hardware routes of one hit-bit time slice, in key order. Shared by pointer.
-class HitBitTimeSliceColl {
- public:
-  const std::set<Ipv4RouteVrfKey>& route() const { return routes_; }
-  std::size_t size() const { return routes_.size(); }
-  bool routeHas(const Ipv4RouteVrfKey& key) const { return routes_.contains(key); }
-  void routeIs(const Ipv4RouteVrfKey& key) { routes_.insert(key); }
-  void routeDel(const Ipv4RouteVrfKey& key) { routes_.erase(key); }
-  void routeDelAll() { routes_.clear(); }
-
- private:
-  std::set<Ipv4RouteVrfKey> routes_;
-};
-// A new, empty one.
-std::shared_ptr<HitBitTimeSliceColl> HitBitTimeSliceCollIs();
-
 // What the software route state machine makes of one VXLAN tunnel interface. Entity name: the interface's.
 class SwRouteVtiStatus final : public Lattis::Entity {
  public:

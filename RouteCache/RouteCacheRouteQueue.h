@@ -7,16 +7,14 @@
 //   - anything else (via, tunnel interface, resolution): a *leftover*, visited in turn, a time slice a second.
 // So half a million routes of a VRF that never comes cost nothing.
 //
-// Invariant: every queued key is in exactly one list, or is the one being visited; its flags are kept with it.
+// Invariant: every queued key is in exactly one ring, or is the one being visited; its flags are kept with it.
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <unordered_map>
-#include <vector>
 
-#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/RouteCacheKeyRings.h"
 #include "platform/Rib.h"
 
 namespace RouteCache {
@@ -28,10 +26,8 @@ class RouteQueue {
   static constexpr std::uint8_t initFlag = 1;
   static constexpr std::uint8_t vtepFlag = 2;
 
-  RouteQueue();
-
-  std::size_t size() const { return index_.size(); }
-  bool empty() const { return index_.empty(); }
+  std::size_t size() const { return rings_.size(); }
+  bool empty() const { return rings_.empty(); }
   std::optional<std::uint8_t> flags(const RouteKey& key) const;
 
   // Queues the key, or overwrites its flags. Fresh either way, unless it is the key being visited: that one only gets
@@ -62,7 +58,6 @@ class RouteQueue {
   void visitEnded();
 
   bool hasFresh() const;
-  bool hasLeftovers() const;
   bool isWaitingForRoom(AddressFamily family) const;
   // All keys that wait for this VRF become fresh. Costs the same however many there are.
   void wakeVrf(std::uint32_t piVrfId);
@@ -70,55 +65,28 @@ class RouteQueue {
   std::size_t leftoverCount() const { return leftovers_; }
 
  private:
-  static constexpr std::uint32_t none = 0xFFFFFFFF;
-  // A list is a ring of nodes through a node of its own, its head: a node leaves it, and a list joins another, without
-  // anybody knowing which list that is.
-  struct Node {
-    RouteKey key;
-    std::uint32_t previous = none;
-    std::uint32_t next = none;
+  struct Data {
     std::uint8_t flags = 0;
     bool leftover = false;
   };
-  struct NodeRef {
-    RouteKey key;
-    std::uint32_t node = none;
-  };
-  struct KeyOf {
-    const RouteKey& operator()(const NodeRef& ref) const { return ref.key; }
-  };
-  // Nodes in blocks, so that a growing queue moves none of them.
-  class Nodes {
-   public:
-    Node& operator[](std::uint32_t node) { return blocks_[node / blockSize][node % blockSize]; }
-    const Node& operator[](std::uint32_t node) const { return blocks_[node / blockSize][node % blockSize]; }
-    std::uint32_t add();
-    std::uint32_t size() const { return size_; }
-    void clear();
+  using Rings = KeyRings<RouteKey, Data>;
+  using Node = Rings::Node;
+  static constexpr Node none = Rings::none;
 
-   private:
-    static constexpr std::uint32_t blockSize = 1024;
-    std::vector<std::unique_ptr<Node[]>> blocks_;
-    std::uint32_t size_ = 0;
-  };
-  enum : std::uint32_t { freshList = 0, leftoverList = 1, roomList4 = 2, roomList6 = 3, fixedLists = 4 };
+  void append(Node ring, Node node);
+  void unlink(Node node);
+  std::optional<Visit> visit(Node ring);
+  Node roomRing(AddressFamily family) const { return family == AddressFamily::ipv6 ? room6_ : room4_; }
 
-  std::uint32_t newNode();
-  void freeNode(std::uint32_t node);
-  std::uint32_t newList();
-  void append(std::uint32_t list, std::uint32_t node);
-  void unlink(std::uint32_t node);
-  bool isEmptyList(std::uint32_t list) const { return nodes_[list].next == list; }
-  std::optional<Visit> visit(std::uint32_t list);
-  static std::uint32_t roomList(AddressFamily family) { return family == AddressFamily::ipv6 ? roomList6 : roomList4; }
-
-  Nodes nodes_;
-  std::uint32_t freeNodes_ = none;  // chained by `next`
-  FlatTable<NodeRef, RouteKey, KeyOf> index_;
-  std::unordered_map<std::uint32_t, std::uint32_t> vrfLists_;  // pi VRF id -> list
+  Rings rings_;
+  const Node fresh_ = rings_.ringIs();
+  const Node leftover_ = rings_.ringIs();
+  const Node room4_ = rings_.ringIs();
+  const Node room6_ = rings_.ringIs();
+  std::unordered_map<std::uint32_t, Node> vrfRings_;  // by pi VRF id
   std::size_t leftovers_ = 0;
-  std::uint32_t visited_ = none;
-  std::uint32_t visitedGoesTo_ = leftoverList;
+  Node visited_ = none;
+  Node visitedGoesTo_ = none;
 };
 
 }  // namespace RouteCache

@@ -48,12 +48,14 @@ class VrfSm::HwVrfStatusReactor final : public Routing::Hardware::VrfStatus::Rea
 VrfSm::VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
              std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap, std::shared_ptr<VrfIdMap> vrfIdMap,
              std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables,
-             Platform::TraceFacility& trace)
+             Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace)
     : hwRouteStatus_(std::move(hwRouteStatus)),
       piVrfIdMap_(std::move(piVrfIdMap)),
       vrfIdMap_(std::move(vrfIdMap)),
       vrfCachedRoute_(std::move(vrfCachedRoute)),
       tables_(tables),
+      scheduler_(scheduler),
+      traceFacility_(trace),
       trace_(trace, "RouteCacheVrfSm") {
   hwVrfReactor_ = std::make_unique<HwVrfReactor>(*this, hwRouteStatus_);
   piVrfReactor_ = std::make_unique<PiVrfReactor>(*this, piVrfIdMap_);
@@ -65,15 +67,16 @@ VrfSm::VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus
 }
 
 VrfSm::~VrfSm() {
-  for (const auto& vrf : vrfCachedRouteSm_) unmountFibTables(vrf.second.name);
+  vrfCachedRouteSmDelAll();
 }
 
 std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
                                std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
                                std::shared_ptr<VrfIdMap> vrfIdMap, std::shared_ptr<VrfCachedRoute> vrfCachedRoute,
-                               Pondra::TableService& tables, Platform::TraceFacility& trace) {
+                               Pondra::TableService& tables, Platform::TaskScheduler& scheduler,
+                               Platform::TraceFacility& trace) {
   return std::make_shared<VrfSm>(std::move(hwRouteStatus), std::move(piVrfIdMap), std::move(vrfIdMap),
-                                 std::move(vrfCachedRoute), tables, trace);
+                                 std::move(vrfCachedRoute), tables, scheduler, trace);
 }
 
 void VrfSm::handleInitialized() {
@@ -225,21 +228,7 @@ void VrfSm::restoreClaims() {
 
 // --- FIB tables and tries --------------------------------------------------------------------------------------------
 
-namespace {
-
-struct FibPaths {
-  std::string ipv4;
-  std::string ipv6;
-};
-
-FibPaths fibPathsOf(const L3::VrfName& name) {
-  if (name.isDefault()) return {"routing/status", "routing6/status"};
-  return {"routing/vrf/status/" + name.text(), "routing6/vrf/status/" + name.text()};
-}
-
-}  // namespace
-
-// Null when the table cannot be mounted: the VRF then has tries that stay empty.
+// Null when the table cannot be mounted: the VRF then has a trie that stays empty.
 std::shared_ptr<Pondra::TableEntity> VrfSm::mountFibTable(const std::string& path, const char* typeName) {
   try {
     tables_.mount(path, typeName, Pondra::MountKind::reader);
@@ -250,45 +239,57 @@ std::shared_ptr<Pondra::TableEntity> VrfSm::mountFibTable(const std::string& pat
   return tables_.entity(path);
 }
 
-void VrfSm::unmountFibTables(const L3::VrfName& name) {
-  const FibPaths paths = fibPathsOf(name);
-  tables_.unmount(paths.ipv4);
-  tables_.unmount(paths.ipv6);
-}
-
 void VrfSm::createVrfCachedRouteSm(const L3::VrfName& name, std::uint32_t hwVrfId) {
   trace_(6, name, " vrfId: ", hwVrfId);
   if (vrfCachedRouteSm_.contains(hwVrfId)) {
     trace_(6, "Sm already exists, returning");
     return;
   }
-  const FibPaths paths = fibPathsOf(name);
-  CachedVrf vrf;
-  vrf.name = name;
-  vrf.routeStatus = std::dynamic_pointer_cast<const Pondra::Fib::RouteStatus>(
+  const Pondra::FibTablePaths paths = Pondra::fibTablePaths(name);
+  fibOf_.insert_or_assign(hwVrfId, name);
+  auto routeStatus = std::dynamic_pointer_cast<const Pondra::Fib::RouteStatus>(
       mountFibTable(paths.ipv4, Pondra::Fib::RouteStatus::typeName));
-  vrf.route6Status = std::dynamic_pointer_cast<const Pondra::Fib6::RouteStatus>(
+  auto route6Status = std::dynamic_pointer_cast<const Pondra::Fib6::RouteStatus>(
       mountFibTable(paths.ipv6, Pondra::Fib6::RouteStatus::typeName));
-  vrf.trie = std::make_shared<Routing::Trie>("CachedRouteTrie");
-  vrf.trie6 = std::make_shared<Routing6::Trie>("CachedRouteTrie6");
-  vrfCachedRoute_->vrfTrieIs(hwVrfId, vrf.trie);
-  vrfCachedRoute_->vrfTrie6Is(hwVrfId, vrf.trie6);
-  vrfCachedRouteSm_.emplace(hwVrfId, std::move(vrf));
+  // Where others find them before the first prefix is in them.
+  auto trie = std::make_shared<Routing::Trie>("CachedRouteTrie");
+  auto trie6 = std::make_shared<Routing6::Trie>("CachedRouteTrie6");
+  vrfCachedRoute_->vrfTrieIs(hwVrfId, trie);
+  vrfCachedRoute_->vrfTrie6Is(hwVrfId, trie6);
+  vrfCachedRouteSmIs(std::move(routeStatus), std::move(route6Status), hwVrfId, std::move(trie), std::move(trie6));
 }
 
 void VrfSm::deleteVrfCachedRouteSm(std::uint32_t hwVrfId) {
   trace_(6, " vrfId: ", hwVrfId);
-  const auto found = vrfCachedRouteSm_.find(hwVrfId);
-  if (found != vrfCachedRouteSm_.end()) {
-    const L3::VrfName name = found->second.name;
-    vrfCachedRouteSm_.erase(found);
-    unmountFibTables(name);
-  }
+  vrfCachedRouteSmDel(hwVrfId);
   vrfCachedRoute_->vrfTrieDel(hwVrfId);
 }
 
+std::shared_ptr<const VrfCachedRouteSm> VrfSm::vrfCachedRouteSm(std::uint32_t hwVrfId) const {
+  const auto found = vrfCachedRouteSm_.find(hwVrfId);
+  return found == vrfCachedRouteSm_.end() ? nullptr : found->second;
+}
+
+void VrfSm::vrfCachedRouteSmIs(std::shared_ptr<const Pondra::Fib::RouteStatus> routeStatus,
+                               std::shared_ptr<const Pondra::Fib6::RouteStatus> route6Status, std::uint32_t hwVrfId,
+                               std::shared_ptr<Routing::Trie> vrfTrie, std::shared_ptr<Routing6::Trie> vrfTrie6) {
+  vrfCachedRouteSm_[hwVrfId] = VrfCachedRouteSmIs(std::move(routeStatus), std::move(route6Status), hwVrfId,
+                                                  std::move(vrfTrie), std::move(vrfTrie6), scheduler_, traceFacility_);
+}
+
+// The tables go after the state machine that reads them.
+void VrfSm::vrfCachedRouteSmDel(std::uint32_t hwVrfId) {
+  vrfCachedRouteSm_.erase(hwVrfId);
+  const auto fib = fibOf_.find(hwVrfId);
+  if (fib == fibOf_.end()) return;
+  const Pondra::FibTablePaths paths = Pondra::fibTablePaths(fib->second);
+  fibOf_.erase(fib);
+  tables_.unmount(paths.ipv4);
+  tables_.unmount(paths.ipv6);
+}
+
 void VrfSm::vrfCachedRouteSmDelAll() {
-  while (!vrfCachedRouteSm_.empty()) deleteVrfCachedRouteSm(vrfCachedRouteSm_.begin()->first);
+  while (!vrfCachedRouteSm_.empty()) vrfCachedRouteSmDel(vrfCachedRouteSm_.begin()->first);
 }
 
 }  // namespace RouteCache

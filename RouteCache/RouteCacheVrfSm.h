@@ -1,5 +1,5 @@
-// The VRF state machine: keeps the agent's VRF id map in step with what the switch says of VRFs, and makes the
-// cached-route tries of each VRF.
+// The VRF state machine: keeps the agent's VRF id map in step with what the switch says of VRFs, and makes for each VRF
+// its cached-route tries and the state machine that fills them.
 //
 // A VRF is complete when its name stands both in the platform's name-to-id map (which gives the pi id) and among the
 // hardware's VRFs (which give the hardware id). Hardware id 0 is the default VRF's; for any other name it means that
@@ -15,6 +15,7 @@
 #include <string>
 
 #include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/RouteCacheVrfCachedRouteSm.h"
 #include "platform/Fib.h"
 #include "platform/Hardware.h"
 #include "platform/Trace.h"
@@ -30,10 +31,11 @@ class VrfSm {
  public:
   VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
         std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap, std::shared_ptr<VrfIdMap> vrfIdMap,
-        std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables, Platform::TraceFacility& trace);
+        std::shared_ptr<VrfCachedRoute> vrfCachedRoute, Pondra::TableService& tables,
+        Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace);
   VrfSm(const VrfSm&) = delete;
   VrfSm& operator=(const VrfSm&) = delete;
-  // Releases the reactors and the FIB tables; the id map and the tries stay as they are.
+  // Releases the reactors, the VRFs' state machines and the FIB tables; the id map and the tries stay as they are.
   ~VrfSm();
 
   void handleInitialized();
@@ -47,10 +49,18 @@ class VrfSm {
   // The one place that changes VrfIdMap. `add`: the VRF is complete.
   void updateVrfMap(const L3::VrfName& name, bool add);
 
+  // Mounts the FIB tables of the name, and makes tries and a state machine for the id unless it has them.
   void createVrfCachedRouteSm(const L3::VrfName& name, std::uint32_t hwVrfId);
   // The IPv6 trie stays until the id is used again.
   void deleteVrfCachedRouteSm(std::uint32_t hwVrfId);
-  bool vrfCachedRouteSmHas(std::uint32_t hwVrfId) const { return vrfCachedRouteSm_.contains(hwVrfId); }
+
+  // Null when the id has none.
+  std::shared_ptr<const VrfCachedRouteSm> vrfCachedRouteSm(std::uint32_t hwVrfId) const;
+  void vrfCachedRouteSmIs(std::shared_ptr<const Pondra::Fib::RouteStatus> routeStatus,
+                          std::shared_ptr<const Pondra::Fib6::RouteStatus> route6Status, std::uint32_t hwVrfId,
+                          std::shared_ptr<Routing::Trie> vrfTrie, std::shared_ptr<Routing6::Trie> vrfTrie6);
+  // The tries stay, filled as they are.
+  void vrfCachedRouteSmDel(std::uint32_t hwVrfId);
   void vrfCachedRouteSmDelAll();
 
   void hwVrfStatusIs(const std::shared_ptr<const Routing::Hardware::VrfStatus>& status);
@@ -62,14 +72,6 @@ class VrfSm {
   class PiVrfReactor;
   class HwVrfStatusReactor;
 
-  // What is kept of a complete VRF, by hardware id: its FIB tables (null when they could not be mounted) and tries.
-  struct CachedVrf {
-    L3::VrfName name;
-    std::shared_ptr<const Pondra::Fib::RouteStatus> routeStatus;
-    std::shared_ptr<const Pondra::Fib6::RouteStatus> route6Status;
-    std::shared_ptr<Routing::Trie> trie;
-    std::shared_ptr<Routing6::Trie> trie6;
-  };
   struct Ids {
     std::uint32_t piVrfId = missingPiVrfId;
     std::uint32_t hwVrfId = 0;
@@ -86,16 +88,18 @@ class VrfSm {
   // Gives ids that have become free to complete VRFs that claim them.
   void restoreClaims();
   std::shared_ptr<Pondra::TableEntity> mountFibTable(const std::string& path, const char* typeName);
-  void unmountFibTables(const L3::VrfName& name);
 
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
   std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap_;
   std::shared_ptr<VrfIdMap> vrfIdMap_;
   std::shared_ptr<VrfCachedRoute> vrfCachedRoute_;
   Pondra::TableService& tables_;
+  Platform::TaskScheduler& scheduler_;
+  Platform::TraceFacility& traceFacility_;
   Platform::TraceHandle trace_;
   std::map<L3::VrfName, Ids> mapped_;  // the pairs in VrfIdMap by the name they belong to
-  std::map<std::uint32_t, CachedVrf> vrfCachedRouteSm_;
+  std::map<std::uint32_t, std::shared_ptr<VrfCachedRouteSm>> vrfCachedRouteSm_;
+  std::map<std::uint32_t, L3::VrfName> fibOf_;  // the name whose FIB tables are mounted for a hardware id
   bool initialized_ = false;
 
   // Last: they call back into all of the above.
@@ -108,6 +112,7 @@ class VrfSm {
 std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
                                std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
                                std::shared_ptr<VrfIdMap> vrfIdMap, std::shared_ptr<VrfCachedRoute> vrfCachedRoute,
-                               Pondra::TableService& tables, Platform::TraceFacility& trace);
+                               Pondra::TableService& tables, Platform::TaskScheduler& scheduler,
+                               Platform::TraceFacility& trace);
 
 }  // namespace RouteCache

@@ -21,6 +21,11 @@ void read(Platform::WireReader& reader, Ip6Addr& addr) {
 
 }  // namespace
 
+FibTablePaths fibTablePaths(const L3::VrfName& name) {
+  if (name.isDefault()) return {"routing/status", "routing6/status"};
+  return {"routing/vrf/status/" + name.text(), "routing6/vrf/status/" + name.text()};
+}
+
 template <class P, class T>
 void TableTraits<Fib::BasicRoute<P, T>>::encodeKey(const P& key, std::byte* out) {
   Platform::WireWriter writer(out);

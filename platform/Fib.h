@@ -1,10 +1,20 @@
 // The FIB's route status tables, one for each VRF and family: what the FIB holds, with the type of each route.
 #pragma once
 
+#include <string>
+
 #include "platform/Net.h"
 #include "platform/SharedTable.h"
 
 namespace Pondra {
+
+// Where the FIB process publishes the routes of one VRF.
+struct FibTablePaths {
+  std::string ipv4;  // of a Fib::RouteStatus
+  std::string ipv6;  // of a Fib6::RouteStatus
+};
+FibTablePaths fibTablePaths(const L3::VrfName& name);
+
 namespace Fib {
 
 // Route types of the IPv4 FIB by number. Only the one that this system names is listed.

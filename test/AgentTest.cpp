@@ -273,7 +273,8 @@ TEST(AgentStartTest, HardwareRouteCachingDecidesForGoodWhichTableIsWritten) {
     sw.advance(1);
     const RouteCacheAgent::Agent& agent = sw.agent();
     EXPECT_EQ(agent.ipv4SfeRouteStatus()->size(), c.sfe ? 2u : 0u);
-    EXPECT_EQ(agent.ipv4HwRouteStatus()->size(), c.sfe ? 0u : 2u);
+    EXPECT_EQ(agent.ipv4HwRouteStatus()->size(), 2u);
+    EXPECT_EQ(agent.hwRouteSm() != nullptr, c.sfe);
     EXPECT_EQ(agent.ipv6HwRouteStatus()->size(), 1u);
     EXPECT_EQ(agent.ipv4AdjStatus()->size(), 1u);
     EXPECT_EQ(agent.swIpv4RouteStatus(), c.sfe ? agent.ipv4SfeRouteStatus() : agent.ipv4HwRouteStatus());

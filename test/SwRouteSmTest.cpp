@@ -237,6 +237,10 @@ TEST_P(SwRouteSmTest, WithHardwareCachingOnTheHardwareEntryDecidesInHw) {
   sw.route("10.0.0.0/8", 1, 1);
   sw.start();
   settle();
+  // From here on this test decides what hardware holds.
+  sw.agent().hwRouteSmDel();
+  sw.agent().ipv4HwRouteStatus()->routeDel({Platform::fromText<Prefix>("10.0.0.0/8"), 101});
+  settle();
   const RouteCache::Ipv4RouteVrfKey key(Platform::fromText<Prefix>("10.0.0.0/8"), 101);
   const auto inHw = [&] { return sw.agent().ipv4SfeRouteStatus()->route(key)->inHw(); };
   const AdjId adjId = sw.agent().ipv4SfeRouteStatus()->route(key)->adjId();

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "RouteCache/RouteCacheVrfSm.h"
+#include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 
 namespace {
@@ -38,7 +39,7 @@ class Vrfs {
  public:
   explicit Vrfs(int traceLevel = -1) : trace(traceLevel) {}
 
-  void start() { sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, trace); }
+  void start() { sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, scheduler, trace); }
   void pi(const std::string& name, std::uint32_t piVrfId) { names->nameToIdIs(name, piVrfId); }
   void piGone(const std::string& name) { names->nameToIdDel(name); }
   void appears(const std::string& name) { hardware->vrfStatusIs(name); }
@@ -90,6 +91,7 @@ class Vrfs {
   }
 
   LinuxPlatform::TextTraceFacility trace;
+  LinuxPlatform::SimulatedScheduler scheduler;
   FibTables fib;
   std::shared_ptr<Routing::Hardware::RouteStatus> hardware = std::make_shared<Routing::Hardware::RouteStatus>("hw");
   std::shared_ptr<Vrf::VrfIdMap::NameToIdMap> names = std::make_shared<Vrf::VrfIdMap::NameToIdMapWrapper>("pi");
@@ -202,10 +204,13 @@ TEST(VrfSmTest, TriesStayWithTheNameThatFillsThem) {
 TEST(VrfSmTest, MakesTheTriesOfAnIdOnce) {
   Vrfs vrfs(9);
   vrfs.play("start; pi red 1; hw red 101");
-  const auto trie = vrfs.tries->vrfTrie(101);
+  const auto made = vrfs.sm->vrfCachedRouteSm(101);
+  ASSERT_NE(made, nullptr);
   vrfs.sm->createVrfCachedRouteSm("red", 101);
   EXPECT_EQ(vrfs.trace.count("Sm already exists, returning"), 1u);
-  EXPECT_EQ(vrfs.tries->vrfTrie(101), trie);
+  EXPECT_EQ(vrfs.sm->vrfCachedRouteSm(101), made);
+  EXPECT_EQ(vrfs.tries->vrfTrie(101), made->vrfTrie());
+  EXPECT_EQ(vrfs.tries->vrfTrie6(101), made->vrfTrie6());
 }
 
 TEST(VrfSmTest, IgnoresNamesThatHardwareCannotHave) {

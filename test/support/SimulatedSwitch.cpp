@@ -26,15 +26,9 @@ SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
   RouteCacheAgent::Agent("types").registerTypes(entityTypes, tableTypes, trace.vocabulary());
   stateDb = std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes, scheduler);
   outside = std::make_unique<LinuxPlatform::SharedTableService>(directory.path(), tableTypes);
-  const auto writer = [this](const char* path, const char* type, const char* collection) {
-    outside->mount(path, type, Pondra::MountKind::writer, Pondra::CollectionInfo{collection, 100000});
-  };
-  writer("routing/rib/routeConfig/ipv4/staticRouteCacheConfig", RouteConfig::typeName, "route");
-  writer("routing/rib/routeConfig/ipv6/staticRouteCacheConfig", RouteConfig::typeName, "route");
-  writer("routing/rib/viaConfig/evpn/staticRouteCacheConfig", ViaConfig::typeName, "via");
-  routes_ = outside->get<RouteConfig>("routing/rib/routeConfig/ipv4/staticRouteCacheConfig");
-  routes6_ = outside->get<RouteConfig>("routing/rib/routeConfig/ipv6/staticRouteCacheConfig");
-  vias_ = outside->get<ViaConfig>("routing/rib/viaConfig/evpn/staticRouteCacheConfig");
+  routes_ = outsideWriter<RouteConfig>("routing/rib/routeConfig/ipv4/staticRouteCacheConfig");
+  routes6_ = outsideWriter<RouteConfig>("routing/rib/routeConfig/ipv6/staticRouteCacheConfig");
+  vias_ = outsideWriter<ViaConfig>("routing/rib/viaConfig/evpn/staticRouteCacheConfig");
   resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
       entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
       entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
@@ -49,6 +43,13 @@ SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
 
 SimulatedSwitch::~SimulatedSwitch() {
   stop();
+}
+
+// Mounting again is cheap and gives the same table.
+template <class T>
+std::shared_ptr<T> SimulatedSwitch::outsideWriter(const std::string& path) const {
+  outside->mount(path, T::typeName, Pondra::MountKind::writer, Pondra::CollectionInfo{T::collectionName, 100000});
+  return outside->get<T>(path);
 }
 
 void SimulatedSwitch::deliver() {
@@ -174,6 +175,55 @@ void SimulatedSwitch::hwRoute(const std::string& prefix, std::uint32_t hwVrfId, 
   agent().ipv4HwRouteStatus()->routeIs({{Platform::fromText<Prefix>(prefix), hwVrfId}, adjId, inHw});
 }
 
+// --- Reports of other processes --------------------------------------------------------------------------------------
+
+namespace {
+
+RouteCache::Ipv4RouteVrfKey keyOf(const std::string& prefix, std::uint32_t hwVrfId) {
+  return {Platform::fromText<Prefix>(prefix), hwVrfId};
+}
+
+std::string fibPath(const std::string& vrf) {
+  return vrf == "default" ? "routing/status" : "routing/vrf/status/" + vrf;
+}
+
+void report(RouteCache::Ipv4HitBitStatus& table, const RouteCache::Ipv4RouteVrfKey& key, int value) {
+  if (value < 0) {
+    table.routeHitBitDel(key);
+  } else {
+    table.routeHitBitIs({key, static_cast<std::uint32_t>(value)});
+  }
+}
+
+}  // namespace
+
+void SimulatedSwitch::cachedPrefix(const std::string& prefix, const std::string& vrf, std::uint8_t fibRouteType) {
+  outsideWriter<Pondra::Fib::RouteStatus>(fibPath(vrf))
+      ->routeIs({Platform::fromText<Prefix>(prefix), Pondra::Fib::RouteType{fibRouteType}});
+}
+
+void SimulatedSwitch::cachedPrefixGone(const std::string& prefix, const std::string& vrf) {
+  outsideWriter<Pondra::Fib::RouteStatus>(fibPath(vrf))->routeDel(Platform::fromText<Prefix>(prefix));
+}
+
+void SimulatedSwitch::hwHit(const std::string& prefix, std::uint32_t hwVrfId, int value) {
+  report(*outsideWriter<RouteCache::Ipv4HitBitStatus>("hardware/routecache/status/ipv4"), keyOf(prefix, hwVrfId),
+         value);
+}
+
+void SimulatedSwitch::sfeHit(const std::string& prefix, std::uint32_t hwVrfId, int value) {
+  report(*outsideWriter<RouteCache::Ipv4HitBitStatus>("sfe/routecache/status/ipv4"), keyOf(prefix, hwVrfId), value);
+}
+
+void SimulatedSwitch::sfeProgrammed(const std::string& prefix, std::uint32_t hwVrfId, bool programmed) {
+  const auto table = outsideWriter<RouteCache::Ipv4ProgrammedRouteStatus>("sfe/routecache/programmed/ipv4");
+  if (programmed) {
+    table->routeIs(RouteCache::Ipv4ProgrammedRoute(keyOf(prefix, hwVrfId)));
+  } else {
+    table->routeDel(keyOf(prefix, hwVrfId));
+  }
+}
+
 // --- The agent -------------------------------------------------------------------------------------------------------
 
 void SimulatedSwitch::start() {
@@ -265,6 +315,14 @@ std::set<std::string> SimulatedSwitch::requests() const {
     for (const auto& request : vrf->nexthop()) addresses.insert(Platform::toText(request.first));
   }
   return addresses;
+}
+
+std::map<std::string, bool> SimulatedSwitch::hardware() const {
+  std::map<std::string, bool> routes;
+  for (const auto& route : *reader<RouteCache::Ipv4RouteStatus>("routecache/route/hw/ipv4")) {
+    routes[route.key().shortText()] = route.inHw();
+  }
+  return routes;
 }
 
 std::vector<std::uint32_t> SimulatedSwitch::adjacencyIds() const {

@@ -60,8 +60,15 @@ class SimulatedSwitch {
   void viaGone(std::uint64_t key);
   void route(const std::string& prefix, std::uint32_t piVrfId, std::uint64_t viaKey);
   void routeGone(const std::string& prefix, std::uint32_t piVrfId);
-  // The hardware's side of a route, with hardware route caching on.
+  // A route of the hardware table, of which no state machine of the agent may take care.
   void hwRoute(const std::string& prefix, std::uint32_t hwVrfId, RouteCache::AdjId adjId, bool inHw);
+
+  // --- What other processes report of IPv4 routes under hardware VRF ids; value -1 takes the entry away ---
+  void cachedPrefix(const std::string& prefix, const std::string& vrf, std::uint8_t fibRouteType = 40);
+  void cachedPrefixGone(const std::string& prefix, const std::string& vrf);
+  void hwHit(const std::string& prefix, std::uint32_t hwVrfId, int value);
+  void sfeHit(const std::string& prefix, std::uint32_t hwVrfId, int value);
+  void sfeProgrammed(const std::string& prefix, std::uint32_t hwVrfId, bool programmed);
 
   // --- The agent ---
   void start();
@@ -69,6 +76,7 @@ class SimulatedSwitch {
   bool running() const { return agent_ != nullptr; }
   RouteCacheAgent::Agent& agent() { return *agent_; }
   RouteCache::SwRouteSm& sm() { return *agent_->swRouteSm(); }
+  RouteCache::HwRouteSm& hwSm() { return *agent_->hwRouteSm(); }
   // Lets time pass, delivering table changes between runs and checking the invariants after each.
   void advance(double seconds);
   void checkEveryRunIs(bool check) { checkEveryRun_ = check; }
@@ -79,6 +87,7 @@ class SimulatedSwitch {
   std::set<std::string> publishedKeys() const;
   std::set<std::string> unprogrammed() const;
   std::set<std::string> requests() const;
+  std::map<std::string, bool> hardware() const;     // "10.0.0.1/32@7" -> inHw, of "routecache/route/hw/ipv4"
   std::vector<std::uint32_t> adjacencyIds() const;  // of both tables, ascending, each once
   std::uint32_t adjIdOf(const std::string& prefix, std::uint32_t hwVrfId) const;
 
@@ -106,6 +115,8 @@ class SimulatedSwitch {
 
  private:
   void deliver();
+  template <class T>
+  std::shared_ptr<T> outsideWriter(const std::string& path) const;
 
   std::shared_ptr<Routing::Rib::RouteConfig> routes_;
   std::shared_ptr<Routing::Rib::RouteConfig> routes6_;

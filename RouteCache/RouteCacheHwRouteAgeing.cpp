@@ -1,0 +1,270 @@
+// HwRouteSm: the scan of the time slices and the ageing that follows it.
+#include <algorithm>
+
+#include "RouteCache/RouteCacheHwRouteSm.h"
+#include "platform/Assert.h"
+
+namespace RouteCache {
+
+// --- Slices ----------------------------------------------------------------------------------------------------------
+
+std::uint16_t HwRouteSm::getHitbitTimeSlice(std::uint8_t hitbit) const {
+  trace_(9, "hitbit: ", hitbit);
+  return hitbit;
+}
+
+std::shared_ptr<HitBitTimeSliceColl> HwRouteSm::hwHitbitColl(std::uint16_t slice) const {
+  const auto found = hwHitbitColl_.find(slice);
+  return found == hwHitbitColl_.end() ? nullptr : found->second;
+}
+
+void HwRouteSm::hwHitbitCollIs(std::uint16_t slice, std::shared_ptr<HitBitTimeSliceColl> coll) {
+  PLATFORM_ASSERT(coll && coll->slice() == slice);
+  hwHitbitColl_[slice] = std::move(coll);
+}
+
+void HwRouteSm::hwHitbitCollDel(std::uint16_t slice) {
+  hwHitbitColl_.erase(slice);
+}
+
+void HwRouteSm::hwHitbitCollDelAll() {
+  hwHitbitColl_.clear();
+}
+
+HwRouteSm::Key HwRouteSm::hwHitbitScanRouteBookmark() const {
+  if (scanPhase_ != ScanPhase::slices || !slices_->visiting()) return {};
+  return slices_->due().value_or(Key());
+}
+
+// --- The scan --------------------------------------------------------------------------------------------------------
+
+// A run goes through its phases as far as the time slice lets it.
+void HwRouteSm::handleHwhitbitScan() {
+  if (!initialized_) return;
+  scanned_ = 0;
+  bool done = true;
+  if (scanPhase_ == ScanPhase::slices && (done = scanSlices())) {
+    hwHitbitScanTimeSliceBookmark_ = timeSlice0;
+    scanPhase_ = ScanPhase::ageing;
+    slices_->setAside(timeSliceNewAdditions);  // what is admitted from now on has not been through a scan
+    checkHwRouteAgeing();
+  } else if (scanPhase_ == ScanPhase::ageing) {
+    continueAgeing();
+  }
+  if (scanPhase_ == ScanPhase::ageing && (done = !ageing_)) {
+    scanPhase_ = ScanPhase::newAdditions;
+    if (isBelowLowLevel()) {
+      slices_->forgetAside();
+    } else {
+      slices_->visitAside();
+    }
+  }
+  if (scanPhase_ == ScanPhase::newAdditions && (done = moveNewAdditions())) scanPhase_ = ScanPhase::slices;
+  hwHitbitScanTask_.report(scanned_, slices_->size());
+  scheduleHwHitbitScanTask(done ? hwHitbitScanInterval_ : 0);
+}
+
+bool HwRouteSm::scanSlices() {
+  for (std::uint16_t& slice = hwHitbitScanTimeSliceBookmark_; slice < timeSliceInvalid; ++slice) {
+    if (!slices_->visiting()) slices_->beginVisit(slice);
+    bool yield = false;
+    for (auto key = slices_->due(); key && !yield; key = slices_->due()) {
+      scanRoute(*key, slice);
+      ++scanned_;
+      yield = hwHitbitScanTask_.shouldYield();
+    }
+    if (slices_->due()) return false;
+    slices_->endVisit();
+    if (yield && slice < timeSliceNewAdditionsToDel) {
+      ++slice;
+      return false;
+    }
+  }
+  return true;
+}
+
+void HwRouteSm::scanRoute(const Key& key, std::uint16_t slice) {
+  const auto route = in_.ipv4HwRouteStatus->route(key);
+  if (!route) {
+    slices_->remove(key);
+    return;
+  }
+  const auto hit = in_.ipv4HwHitBitStatus->routeHitBit(key);
+  if (!hit) {
+    if (slice <= timeSliceMax) {
+      slices_->file(key, timeSliceNewAdditions);
+    } else {
+      slices_->passDue();
+    }
+    return;
+  }
+  const std::uint16_t reported =
+      getHitbitTimeSlice(static_cast<std::uint8_t>(std::min<std::uint32_t>(hit->hitbit(), timeSliceMax)));
+  if (reported == slice) {
+    slices_->passDue();
+    return;
+  }
+  trace_(8, "oldTs: ", slice, " newTs: ", reported, " ", key.prefix(), " vrfId: ", key.vrfId());
+  slices_->file(key, reported);
+  if (!route->inHw()) confirmInHw(*route, reported);
+}
+
+// Hardware has reported a hit. Of a route that ageing took inHw from, it tells of one that was before, unless the value
+// has risen since.
+void HwRouteSm::confirmInHw(const Ipv4Route& route, std::uint16_t hitbit) {
+  if (Released* released = released_.find(route.key())) {
+    if (hitbit <= released->hitbit) {
+      released->hitbit = hitbit;
+      return;
+    }
+    released_.erase(route.key());
+  }
+  in_.ipv4HwRouteStatus->routeIs({route.key(), route.adjId(), true});
+}
+
+// What shows no hit in hardware by the end of the next scan goes with the ageing run that follows it.
+bool HwRouteSm::moveNewAdditions() {
+  if (!slices_->visiting()) return true;
+  while (const auto key = slices_->due()) {
+    if (isRouteCacheable(*key)) {
+      slices_->file(*key, timeSliceNewAdditionsToDel);
+    } else {
+      slices_->passDue();
+    }
+    ++scanned_;
+    if (hwHitbitScanTask_.shouldYield() && slices_->due()) return false;
+  }
+  slices_->endVisit();
+  return true;
+}
+
+// --- Ageing ----------------------------------------------------------------------------------------------------------
+
+void HwRouteSm::checkHwRouteAgeing() {
+  PLATFORM_ASSERT(!ageing_ && !slices_->visiting());
+  const std::uint32_t perc = getHwPercentageSpaceUsed();
+  trace_(5, "perc: ", perc);
+  if (isBelowLowLevel()) return;
+  const std::uint32_t excess = perc - lowThresholdHwUtilPercentage_;
+  const auto pending = static_cast<std::uint32_t>(in_.ipv4SfeHitBitStatus->size());
+  Ageing run;
+  run.toRemove = std::max(static_cast<std::uint32_t>(std::uint64_t{excess} * capacity_ / 100), pending);
+  // With no route waiting, only what has been idle for the low level's time goes.
+  run.top = lowThresholdIdleTimeSlice_;
+  if (pending > 0 && perc >= highThresholdHwUtilPercentage_) {
+    run.top = highThresholdIdleTimeSlice_;
+  } else if (pending > 0 && perc >= mediumThresholdHwUtilPercentage_) {
+    run.top = mediumThresholdIdleTimeSlice_;
+  }
+  trace_(5, "pending routesToDelete: ", run.toRemove);
+  ageing_ = run;
+  continueAgeing();
+}
+
+// Slices 0 to the top one until enough is removed, then the new additions that nobody hit.
+bool HwRouteSm::continueAgeing() {
+  Ageing& run = *ageing_;
+  std::uint32_t removed = 0;
+  while (run.slice <= run.top && run.toRemove > 0) {
+    const bool done = ageSlice(removed);
+    run.toRemove -= removed;
+    if (!done) return false;
+    ++run.slice;
+  }
+  run.slice = timeSliceNewAdditionsToDel;
+  const bool done = ageSlice(removed);
+  run.removedNew += removed;
+  if (!done) return false;
+  trace_(5, "routesDeleted from new: ", run.removedNew);
+  ageing_.reset();
+  return true;
+}
+
+bool HwRouteSm::ageSlice(std::uint32_t& removed) {
+  const auto coll = hwHitbitColl(ageing_->slice);
+  PLATFORM_ASSERT_TEXT(coll, "a threshold's time slice is 0 to 255");
+  if (!slices_->visiting()) {
+    ageing_->ofSlice =
+        ageing_->slice == timeSliceNewAdditionsToDel ? coll->size() : std::min(coll->size(), ageing_->toRemove);
+  }
+  removed = ageHwRoutes(ageing_->slice, ageing_->ofSlice);
+  ageing_->ofSlice -= removed;
+  return !slices_->visiting();
+}
+
+std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
+  trace_(count == 0 ? 9 : 6, "ts: ", slice, " count: ", count);
+  if (count == 0) return 0;
+  if (!slices_->visiting()) slices_->beginVisit(slice);
+  const std::uint32_t spaceBefore = ipv4PrefixHwSpaceLeft_;
+  std::uint32_t removed = 0;
+  bool yield = false;
+  while (removed < count && !yield) {
+    const auto key = slices_->due();
+    if (!key) break;
+    slices_->passDue();
+    if (ageRoute(*key, slice)) ++removed;
+    ++scanned_;
+    yield = hwHitbitScanTask_.shouldYield();
+  }
+  if (removed == count || !slices_->due()) slices_->endVisit();
+  aged_ += removed;
+  // Routes that traffic hits in software come before those just removed.
+  if (ipv4PrefixHwSpaceLeft_ > spaceBefore) scheduleSfeRouteHitProcessingTask(0);
+  return removed;
+}
+
+// The key stays in its slice: the next scan drops it there.
+bool HwRouteSm::ageRoute(const Key& key, std::uint16_t slice) {
+  if (routeToProcess_.has(key)) return false;
+  const auto route = in_.ipv4HwRouteStatus->route(key);
+  if (!route || !isRouteCacheable(key) || sfeHitbit(key) != 0) return false;
+  trace_(6, " ageing prefix: ", key.prefix(), " vrfId: ", key.vrfId());
+  if (!in_.routeCacheConfig->ageingKeepsRoute()) {
+    removeHwRoute(key);
+  } else if (route->inHw()) {
+    released_.insert({key, slice <= timeSliceMax ? slice : std::uint16_t{0}});
+    in_.ipv4HwRouteStatus->routeIs({key, route->adjId(), false});
+  } else {
+    handleSwProgrammedRoute(key);
+  }
+  return true;
+}
+
+// --- Invariants ------------------------------------------------------------------------------------------------------
+
+void HwRouteSm::checkInvariants() const {
+  if (!initialized_) return;
+  checkSpace();
+  checkSlices();
+  released_.forEach([this](const Released& released) {
+    const auto route = in_.ipv4HwRouteStatus->route(released.key);
+    PLATFORM_ASSERT_TEXT(route && !route->inHw(), "what ageing took inHw from is in the hardware table without it");
+  });
+}
+
+void HwRouteSm::checkSpace() const {
+  PLATFORM_ASSERT_TEXT(
+      std::uint64_t{ipv4PrefixHwSpaceLeft_} + in_.ipv4HwRouteStatus->size() == std::uint64_t{capacity_} + spaceDebt_,
+      "space left + entries = capacity + debt");
+  PLATFORM_ASSERT_TEXT(spaceDebt_ == 0 || ipv4PrefixHwSpaceLeft_ == 0, "a debt only at no space left");
+  PLATFORM_ASSERT_TEXT(in_.routeCacheConfig->ipv4PrefixHwSpaceLeft() == ipv4PrefixHwSpaceLeft_ + hwSpaceBuffer_,
+                       "the published figure is the space left plus hwSpaceBuffer");
+}
+
+void HwRouteSm::checkSlices() const {
+  std::size_t filed = 0;
+  for (const auto& [slice, coll] : hwHitbitColl_) {
+    PLATFORM_ASSERT_TEXT(coll->route().size() == coll->size(), "a slice counts its routes");
+    filed += coll->size();
+  }
+  PLATFORM_ASSERT_TEXT(filed == slices_->size(), "every key is in one slice");
+  for (const Ipv4Route& route : *in_.ipv4HwRouteStatus) {
+    const Key& key = route.key();
+    const bool decided = slices_->sliceOf(key) != timeSliceInvalid;
+    PLATFORM_ASSERT_TEXT(decided || routeToProcess_.has(key) || hwWalk_.willMeet(key) || sfeWalk_.willMeet(key),
+                         "a hardware route is in a slice or still to be decided");
+  }
+}
+
+}  // namespace RouteCache

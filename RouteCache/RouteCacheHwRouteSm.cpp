@@ -1,0 +1,513 @@
+// The life of HwRouteSm, its reactions, and the admission of routes. Scan and ageing: RouteCacheHwRouteAgeing.cpp.
+#include "RouteCache/RouteCacheHwRouteSm.h"
+
+#include <algorithm>
+
+#include "platform/Assert.h"
+#include "platform/Trie.h"
+
+namespace RouteCache {
+
+using Platform::TaskPriority;
+
+// --- Reactors --------------------------------------------------------------------------------------------------------
+
+template <class Table>
+class HwRouteSm::TableReactor final : public Table::Reactor {
+ public:
+  TableReactor(HwRouteSm& sm, std::shared_ptr<const Table> table, KeyHandler handler)
+      : Table::Reactor(std::move(table)), sm_(sm), handler_(handler) {}
+  void handleEntry(const Key& key) override { (sm_.*handler_)(key); }
+
+ private:
+  HwRouteSm& sm_;
+  KeyHandler handler_;
+};
+
+class HwRouteSm::ThresholdReactor final : public CliConfig::Reactor {
+ public:
+  ThresholdReactor(HwRouteSm& sm, std::shared_ptr<const CliConfig> config) : Reactor(std::move(config)), sm_(sm) {}
+  void handleThresholdConfig() override { sm_.handleThresholdConfig(); }
+
+ private:
+  HwRouteSm& sm_;
+};
+
+// Keeps one TrieReactor for each trie.
+class HwRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reactor {
+ public:
+  VrfCachedRouteReactor(HwRouteSm& sm, std::shared_ptr<const VrfCachedRoute> tries)
+      : Reactor(std::move(tries)), sm_(sm) {}
+  void handleVrfTrie(std::uint32_t hwVrfId) override {
+    const auto trie = watched().vrfTrie(hwVrfId);
+    const bool hadTrie = sm_.trie_.contains(hwVrfId);
+    sm_.trieDel(hwVrfId);
+    if (trie) sm_.trieIs(hwVrfId);
+    if (hadTrie) {
+      // What was cacheable by the old trie may not be any more.
+      sm_.scheduleSwRouteWalk(hwVrfId);
+      sm_.evaluateCachingEnabled(false);
+    } else if (trie && !trie->empty()) {
+      sm_.evaluateCachingEnabled(true);
+    }
+  }
+
+ private:
+  HwRouteSm& sm_;
+};
+
+// Hears of the cached prefixes of one VRF.
+class HwRouteSm::TrieReactor final : public Routing::Trie::Reactor {
+ public:
+  TrieReactor(HwRouteSm& sm, const std::shared_ptr<const Routing::Trie>& trie, std::uint32_t hwVrfId)
+      : Reactor(trie), sm_(sm), hwVrfId_(hwVrfId) {}
+
+  void handleRouteCachePrefix(std::uint32_t id) override {
+    const auto prefix = trie()->prefix(id);
+    if (!prefix) return;
+    if (trie()->longestMatch(*prefix) == prefix) {
+      sm_.evaluateCachingEnabled(true);
+      return;
+    }
+    sm_.trace_(7, "cached prefix gone: ", *prefix);
+    sm_.scheduleSwRouteWalk(hwVrfId_);
+    sm_.evaluateCachingEnabled(false);
+  }
+  void handleTrieDelete() override { sm_.evaluateCachingEnabled(false); }
+  bool hasPrefixes() const { return trie() != nullptr && !trie()->empty(); }
+
+ private:
+  HwRouteSm& sm_;
+  std::uint32_t hwVrfId_;
+};
+
+void HwRouteSm::trieIs(std::uint32_t hwVrfId) {
+  trie_[hwVrfId] = std::make_unique<TrieReactor>(*this, in_.vrfCachedRoute->vrfTrie(hwVrfId), hwVrfId);
+}
+
+void HwRouteSm::trieDel(std::uint32_t hwVrfId) {
+  trie_.erase(hwVrfId);
+}
+
+void HwRouteSm::trieDelAll() {
+  trie_.clear();
+}
+
+// --- Life ------------------------------------------------------------------------------------------------------------
+
+HwRouteSm::HwRouteSm(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace)
+    : Entity("HwRouteSm"),
+      in_(inputs),
+      capacity_(inputs.routeCacheCapability->hwRouteTableSize()),
+      trace_(trace, "RouteCacheHwRouteSm"),
+      sfeWalk_(*inputs.ipv4SfeRouteStatus),
+      hwWalk_(*inputs.ipv4HwRouteStatus),
+      hitWalk_(*inputs.ipv4SfeHitBitStatus),
+      slices_(std::make_shared<HitBitTimeSlices>()),
+      routeProcessingTask_(scheduler, trace_, "hwRouteProcessingTask", TaskPriority::processing,
+                           [this] { handleRouteProcessing(); }),
+      sfeRouteHitProcessingTask_(scheduler, trace_, "sfeRouteHitProcessingTask", TaskPriority::processing,
+                                 [this] { handleSfeRouteHitProcessing(); }),
+      sfeProgrammedRouteProcessingTask_(scheduler, trace_, "sfeProgrammedRouteProcessingTask", TaskPriority::processing,
+                                        [this] { handleSfeProgrammedRouteProcessing(); }),
+      hwHitbitScanTask_(scheduler, trace_, "hwHitbitScanTask", TaskPriority::background,
+                        [this] { handleHwhitbitScan(); }) {
+  PLATFORM_ASSERT_TEXT(capacity_ > 0, "routecache/capability: hwRouteTableSize must be at least 1");
+  if (in_.ipv4SfeProgrammedRouteStatus) {
+    programmedWalk_ = std::make_unique<RouteStatusWalk<Ipv4ProgrammedRouteStatus>>(*in_.ipv4SfeProgrammedRouteStatus);
+  }
+}
+
+HwRouteSm::~HwRouteSm() {
+  trieDelAll();
+}
+
+std::shared_ptr<HwRouteSm> HwRouteSmIs(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
+                                       Platform::TraceFacility& trace) {
+  auto sm = std::make_shared<HwRouteSm>(inputs, scheduler, trace);
+  sm->handleInitialized();
+  return sm;
+}
+
+void HwRouteSm::handleInitialized() {
+  trace_(9, __PRETTY_FUNCTION__);
+  initialized_ = true;
+  handleThresholdConfig();
+  const std::size_t entries = in_.ipv4HwRouteStatus->size();
+  ipv4PrefixHwSpaceLeft_ = entries < capacity_ ? capacity_ - static_cast<std::uint32_t>(entries) : 0;
+  spaceDebt_ = entries > capacity_ ? static_cast<std::uint32_t>(entries) - capacity_ : 0;
+  publishSpace();
+  for (std::uint16_t slice = timeSlice0; slice < timeSliceInvalid; ++slice) {
+    hwHitbitCollIs(slice, HitBitTimeSliceCollIs(slices_, slice));
+  }
+  // The hardware has one interval to report what it holds.
+  scheduleHwHitbitScanTask(hwHitbitScanInterval_);
+
+  thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
+  swRouteReactor_ = std::make_unique<TableReactor<Ipv4RouteStatus>>(*this, in_.ipv4SfeRouteStatus,
+                                                                    KeyHandler{&HwRouteSm::handleSwRoute});
+  sfeHitReactor_ = std::make_unique<TableReactor<Ipv4HitBitStatus>>(*this, in_.ipv4SfeHitBitStatus,
+                                                                    KeyHandler{&HwRouteSm::handleSfeRouteHit});
+  if (in_.ipv4SfeProgrammedRouteStatus) {
+    programmedReactor_ = std::make_unique<TableReactor<Ipv4ProgrammedRouteStatus>>(
+        *this, in_.ipv4SfeProgrammedRouteStatus, KeyHandler{&HwRouteSm::handleSwProgrammedRoute});
+  }
+  vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
+  for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
+  evaluateCachingEnabled(false);
+
+  handleSwRoute();
+  handleHwRoute();
+  handleSfeRouteHit();
+  handleSwProgrammedRoute();
+}
+
+const Lattis::EntityType& HwRouteSm::entityType() const {
+  using This = HwRouteSm;
+  using Lattis::attributeField;
+  using Lattis::readOnlyField;
+  static const Lattis::EntityType type{
+      "RouteCache::HwRouteSm",
+      {attributeField<This, &This::enableRouteCache, &This::enableRouteCacheIs>("enableRouteCache"),
+       attributeField<This, &This::hwSpaceBuffer, &This::hwSpaceBufferIs>("hwSpaceBuffer"),
+       attributeField<This, &This::routeProcessingInterval, &This::routeProcessingIntervalIs>(
+           "routeProcessingInterval"),
+       attributeField<This, &This::routeProcessingIntervalDefer, &This::routeProcessingIntervalDeferIs>(
+           "routeProcessingIntervalDefer"),
+       attributeField<This, &This::hwHitbitScanInterval, &This::hwHitbitScanIntervalIs>("hwHitbitScanInterval"),
+       readOnlyField<This, &This::capacity>("capacity"),
+       readOnlyField<This, &This::ipv4PrefixHwSpaceLeft>("ipv4PrefixHwSpaceLeft"),
+       readOnlyField<This, &This::spaceDebt>("spaceDebt"),
+       readOnlyField<This, &This::getHwPercentageSpaceUsed>("hwPercentageSpaceUsed"),
+       readOnlyField<This, &This::routeToProcessCount>("routeToProcess"),
+       readOnlyField<This, &This::sfeRouteHitToProcessCount>("sfeRouteHitToProcess"),
+       readOnlyField<This, &This::admissions>("admissions"), readOnlyField<This, &This::aged>("aged")},
+      {}};
+  return type;
+}
+
+std::string HwRouteSm::fault() const {
+  if (!(routeProcessingInterval_ >= 0)) return "routeProcessingInterval is at least 0 seconds";
+  // What comes again and again must not come at once.
+  if (!(routeProcessingIntervalDefer_ > 0)) return "routeProcessingIntervalDefer must be above 0 seconds";
+  if (!(hwHitbitScanInterval_ > 0)) return "hwHitbitScanInterval must be above 0 seconds";
+  if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity_) {
+    return "hwSpaceBuffer " + std::to_string(hwSpaceBuffer_) + " is too large: with the capacity of " +
+           std::to_string(capacity_) + " it exceeds 32 bits";
+  }
+  return {};
+}
+
+void HwRouteSm::enableRouteCacheIs(bool enable) {
+  if (std::exchange(enableRouteCache_, enable) == enable || !initialized_) return;
+  sfeWalk_.allIs();
+  scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
+  hwSpaceBuffer_ = entries;
+  if (initialized_) publishSpace();
+}
+
+// --- Reactions -------------------------------------------------------------------------------------------------------
+
+void HwRouteSm::handleThresholdConfig() {
+  trace_(9, __PRETTY_FUNCTION__);
+  constexpr int secondsPerSlice = 20;
+  const auto slice = [](std::uint16_t idleTime) {
+    return static_cast<std::uint16_t>(timeSliceMax - idleTime / secondsPerSlice);
+  };
+  highThresholdHwUtilPercentage_ = in_.cliConfig->highThresholdHwUtilPercentage();
+  mediumThresholdHwUtilPercentage_ = in_.cliConfig->mediumThresholdHwUtilPercentage();
+  lowThresholdHwUtilPercentage_ = in_.cliConfig->lowThresholdHwUtilPercentage();
+  highThresholdIdleTimeSlice_ = slice(in_.cliConfig->highThresholdIdleTime());
+  mediumThresholdIdleTimeSlice_ = slice(in_.cliConfig->mediumThresholdIdleTime());
+  lowThresholdIdleTimeSlice_ = slice(in_.cliConfig->lowThresholdIdleTime());
+}
+
+void HwRouteSm::handleSwRoute(const Key& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  trace_(7, "sfe route: ", key.prefix(), " vrfId: ", key.vrfId());
+  routeToProcess_.keyIs(key);
+  scheduleRouteProcessingTask(isBelowLowLevel() ? routeProcessingInterval_ : routeProcessingIntervalDefer_);
+}
+
+void HwRouteSm::handleSwRoute() {
+  trace_(9, __PRETTY_FUNCTION__);
+  sfeWalk_.allIs();
+  scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleHwRoute() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (in_.ipv4HwRouteStatus->size() == 0) return;
+  hwWalk_.allIs();
+  scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::scheduleSwRouteWalk(std::uint32_t hwVrfId) {
+  trace_(6, "scheduleSwRouteWalk for hw vrfId: ", hwVrfId);
+  sfeWalk_.vrfIs(hwVrfId);
+  scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleSfeRouteHit(const Key& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  trace_(7, "sfe hit: ", key.prefix(), " vrfId: ", key.vrfId());
+  if (in_.ipv4SfeHitBitStatus->has(key)) {
+    sfeRouteHitToProcess_.keyIs(key);
+    scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
+  } else {
+    sfeRouteHitToProcess_.keyDel(key);
+  }
+}
+
+void HwRouteSm::handleSfeRouteHit() {
+  trace_(9, __PRETTY_FUNCTION__);
+  hitWalk_.allIs();
+  scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleSwProgrammedRoute(const Key& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!in_.routeCacheConfig->ageingKeepsRoute() || !in_.ipv4SfeProgrammedRouteStatus) return;
+  if (!in_.ipv4SfeProgrammedRouteStatus->has(key)) return;
+  trace_(7, "sfe programmed: ", key.prefix());
+  sfeProgrammedRouteToProcess_.keyIs(key);
+  scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleSwProgrammedRoute() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!in_.routeCacheConfig->ageingKeepsRoute() || !programmedWalk_) return;
+  programmedWalk_->allIs();
+  scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::scheduleRouteProcessingTask(double seconds) {
+  trace_(8, " scheduling route processing");
+  routeProcessingTask_.schedule(seconds);
+}
+void HwRouteSm::scheduleSfeRouteHitProcessingTask(double seconds) {
+  sfeRouteHitProcessingTask_.schedule(seconds);
+}
+void HwRouteSm::scheduleSfeProgrammedRouteProcessingTask(double seconds) {
+  trace_(8, " scheduling programmed route processing");
+  sfeProgrammedRouteProcessingTask_.schedule(seconds);
+}
+void HwRouteSm::scheduleHwHitbitScanTask(double seconds) {
+  hwHitbitScanTask_.schedule(seconds);
+}
+
+void HwRouteSm::evaluateCachingEnabled(bool hint) {
+  trace_(6, " enabled: ", hint);
+  if (hint && in_.routeCacheConfig->cachingEnabled()) return;
+  // The trie that had prefixes the last time most likely has some still.
+  const auto last = trie_.find(trieWithPrefixes_);
+  bool enabled = last != trie_.end() && last->second->hasPrefixes();
+  for (auto vrf = trie_.begin(); vrf != trie_.end() && !enabled; ++vrf) {
+    enabled = vrf->second->hasPrefixes();
+    if (enabled) trieWithPrefixes_ = vrf->first;
+  }
+  in_.routeCacheConfig->cachingEnabledIs(enabled);
+}
+
+// --- Space -----------------------------------------------------------------------------------------------------------
+
+std::uint32_t HwRouteSm::getHwPercentageSpaceUsed() const {
+  const std::uint64_t used = capacity_ - ipv4PrefixHwSpaceLeft_;
+  return static_cast<std::uint32_t>(used * 100 / capacity_);
+}
+
+bool HwRouteSm::isBelowLowLevel() const {
+  return static_cast<std::uint8_t>(getHwPercentageSpaceUsed()) < lowThresholdHwUtilPercentage_;
+}
+
+std::uint32_t HwRouteSm::ipv4PrefixHwSpaceLeftInc(std::uint32_t n) {
+  const std::uint32_t paid = std::min(spaceDebt_, n);
+  spaceDebt_ -= paid;
+  ipv4PrefixHwSpaceLeft_ += n - paid;
+  publishSpace();
+  return ipv4PrefixHwSpaceLeft_;
+}
+
+void HwRouteSm::publishSpace() {
+  in_.routeCacheConfig->ipv4PrefixHwSpaceLeftIs(ipv4PrefixHwSpaceLeft_ + hwSpaceBuffer_);
+}
+
+// --- Admission -------------------------------------------------------------------------------------------------------
+
+bool HwRouteSm::isRouteCacheable(const Key& key) const {
+  return isCacheable(key, in_.ipv4SfeRouteStatus->route(key).value_or(Ipv4Route()));
+}
+
+bool HwRouteSm::isCacheable(const Key& key, const Ipv4Route& sfeRoute) const {
+  const auto trie = in_.vrfCachedRoute->vrfTrie(key.vrfId());
+  if (!trie) return enableRouteCache_;
+  const bool isHost = key.prefix().length() == Prefix::maxLength;
+  if (isHost && (sfeRoute.adjId().value() & AdjId::adjacencyV6Const) == 0 && trie->longestMatch(key.prefix())) {
+    return true;
+  }
+  return enableRouteCache_;
+}
+
+std::uint32_t HwRouteSm::sfeHitbit(const Key& key) const {
+  const auto hit = in_.ipv4SfeHitBitStatus->routeHitBit(key);
+  return hit ? hit->hitbit() : 0;
+}
+
+bool HwRouteSm::checkRouteAddEligibility(const Key& key) const {
+  if (ipv4PrefixHwSpaceLeft_ == 0) return false;
+  return !isRouteCacheable(key) || isBelowLowLevel() || sfeHitbit(key) != 0;
+}
+
+// The same for a route that is being decided; where the answer is no, puts the key where it waits.
+bool HwRouteSm::admits(const Key& key, const Ipv4Route& sfeRoute) {
+  const bool hasRoom = ipv4PrefixHwSpaceLeft_ > 0;
+  if (!isCacheable(key, sfeRoute)) {
+    if (hasRoom) return true;
+    routeToProcess_.waitingKeyIs(key);
+    if (sfeRouteHitToProcess_.has(key)) sfeRouteHitToProcess_.waitingKeyIs(key);
+    scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
+    return false;
+  }
+  if (hasRoom && isBelowLowLevel()) return true;
+  const bool isHit = sfeHitbit(key) != 0;
+  if (hasRoom && isHit) return true;
+  routeToProcess_.keyDel(key);
+  if (isHit) {
+    // Its hit bit may never change again: nothing but this queue would bring it back.
+    sfeRouteHitToProcess_.waitingKeyIs(key);
+    scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
+  } else {
+    sfeRouteHitToProcess_.keyDel(key);
+  }
+  return false;
+}
+
+void HwRouteSm::processRoute(const Key& key) {
+  trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
+  if (const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key)) {
+    const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
+    if (!hwRoute && !admits(key, *sfeRoute)) return;
+    if (!hwRoute || hwRoute->adjId() != sfeRoute->adjId()) writeHwRoute(*sfeRoute, !hwRoute);
+    slices_->file(key, timeSliceNewAdditions);
+  } else if (in_.ipv4HwRouteStatus->has(key)) {
+    trace_(6, " deleting prefix: ", key.prefix());
+    removeHwRoute(key);
+  }
+  routeToProcess_.keyDel(key);
+  sfeRouteHitToProcess_.keyDel(key);
+}
+
+void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
+  trace_(6, " adding prefix: ", sfeRoute.key().prefix());
+  if (isNew) {
+    --ipv4PrefixHwSpaceLeft_;
+    ++admissions_;
+    publishSpace();
+  }
+  released_.erase(sfeRoute.key());
+  const bool inHw = isBelowLowLevel() || sfeRoute.inHw();
+  in_.ipv4HwRouteStatus->routeIs({sfeRoute.key(), sfeRoute.adjId(), inHw});
+}
+
+void HwRouteSm::removeHwRoute(const Key& key) {
+  in_.ipv4HwRouteStatus->routeDel(key);
+  released_.erase(key);
+  ipv4PrefixHwSpaceLeftInc(1);
+}
+
+// --- The queues' tasks -----------------------------------------------------------------------------------------------
+
+namespace {
+
+// Handles what `next` finds until the task should yield. True: there may be more.
+template <class Next>
+bool workOff(DeferredTask& task, std::uint64_t& handled, Next&& next) {
+  while (next()) {
+    ++handled;
+    if (task.shouldYield()) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void HwRouteSm::handleRouteProcessing() {
+  std::uint64_t handled = 0;
+  const bool more = workOff(routeProcessingTask_, handled, [this] { return processNextRoute(); });
+  routeProcessingTask_.report(handled, routeToProcess_.size());
+  if (more) {
+    scheduleRouteProcessingTask(routeProcessingInterval_);
+  } else if (!routeToProcess_.empty()) {
+    scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
+  }
+}
+
+// Fresh routes, then one entry of a walk, then those that wait for room while there is some.
+bool HwRouteSm::processNextRoute() {
+  if (const auto fresh = routeToProcess_.freshKey()) {
+    processRoute(*fresh);
+  } else if (hwWalk_.pending()) {
+    if (const auto key = hwWalk_.step()) processRoute(*key);
+  } else if (sfeWalk_.pending()) {
+    if (const auto key = sfeWalk_.step()) processRoute(*key);
+  } else if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) {
+    processRoute(*routeToProcess_.waitingKey());
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void HwRouteSm::handleSfeRouteHitProcessing() {
+  std::uint64_t handled = 0;
+  const bool more = workOff(sfeRouteHitProcessingTask_, handled, [this] { return processNextHit(); });
+  sfeRouteHitProcessingTask_.report(handled, sfeRouteHitToProcess_.size());
+  if (more) {
+    scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
+  } else if (!sfeRouteHitToProcess_.empty()) {
+    scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
+  }
+}
+
+bool HwRouteSm::processNextHit() {
+  if (const auto fresh = sfeRouteHitToProcess_.freshKey()) {
+    processRoute(*fresh);
+  } else if (hitWalk_.pending()) {
+    if (const auto key = hitWalk_.step()) processRoute(*key);
+  } else if (ipv4PrefixHwSpaceLeft_ > 0 && sfeRouteHitToProcess_.hasWaiting()) {
+    processRoute(*sfeRouteHitToProcess_.waitingKey());
+  } else {
+    return false;
+  }
+  return true;
+}
+
+void HwRouteSm::handleSfeProgrammedRouteProcessing() {
+  std::uint64_t handled = 0;
+  const bool more = workOff(sfeProgrammedRouteProcessingTask_, handled, [this] {
+    auto key = sfeProgrammedRouteToProcess_.freshKey();
+    if (!key && !programmedWalk_->pending()) return false;
+    if (!key) key = programmedWalk_->step();
+    if (key) processProgrammedRoute(*key);
+    return true;
+  });
+  sfeProgrammedRouteProcessingTask_.report(handled, sfeProgrammedRouteToProcess_.size());
+  if (more) scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+}
+
+// The SFE forwards the route now: hardware may let go of it, unless it was put there only now and waits to be hit.
+void HwRouteSm::processProgrammedRoute(const Key& key) {
+  sfeProgrammedRouteToProcess_.keyDel(key);
+  const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
+  if (!hwRoute || hwRoute->inHw() || !in_.ipv4SfeProgrammedRouteStatus->has(key)) return;
+  if (slices_->sliceOf(key) == timeSliceNewAdditions && !released_.has(key)) return;
+  trace_(6, " deleting prefix: ", key.prefix());
+  removeHwRoute(key);
+  // It may have been hit meanwhile, or have stopped to be a route that is aged: no change to come would tell.
+  if (sfeHitbit(key) != 0 || !isRouteCacheable(key)) handleSwRoute(key);
+}
+
+}  // namespace RouteCache

@@ -1,0 +1,276 @@
+// The hardware route state machine: decides which of the SFE's IPv4 routes the hardware holds.
+//
+// Admission (RouteCacheHwRouteSm.cpp). A reaction queues the route's key; the route-processing task decides it. A host
+// route under a cached FIB prefix of its VRF is *cacheable*: it is admitted unasked while utilisation is below the low
+// level, and above that only once traffic has hit it in software. Any other route is admitted while there is room, and
+// stays.
+//
+// Ageing (RouteCacheHwRouteAgeing.cpp). The scan goes through the time slices of the hardware routes, refiles each by
+// the hit-bit value that hardware reports, and then, at or above the low level, removes cacheable routes from the
+// idlest slices. With Config::ageingKeepsRoute an idle route first loses its inHw, so that the SFE programs it, and
+// leaves the table when the SFE has.
+//
+// Restart. What stands in the hardware table is kept: start-up queues every route of the table and of the SFE's, and
+// only a route that the SFE does not have is removed.
+//
+// Invariants, between any two callbacks (checkInvariants):
+//   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
+//   - the published figure is the space left plus hwSpaceBuffer;
+//   - every entry of the hardware table is in one time slice or has its first decision still to come;
+//   - what ageing took inHw from is in the hardware table without it.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/RouteCacheKeyQueue.h"
+#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/RouteCacheTask.h"
+#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/RouteStatusWalk.h"
+
+namespace RouteCache {
+
+// What HwRouteSm is given, in this order.
+struct HwRouteSmInputs {
+  std::shared_ptr<Ipv4RouteStatus> ipv4HwRouteStatus;
+  std::shared_ptr<Config> routeCacheConfig;
+  std::shared_ptr<const CliConfig> cliConfig;
+  std::shared_ptr<const Ipv4RouteStatus> ipv4SfeRouteStatus;
+  std::shared_ptr<const Ipv4HitBitStatus> ipv4HwHitBitStatus;
+  std::shared_ptr<const Ipv4HitBitStatus> ipv4SfeHitBitStatus;
+  std::shared_ptr<const Capability> routeCacheCapability;
+  std::shared_ptr<const VrfCachedRoute> vrfCachedRoute;
+  std::shared_ptr<const Ipv4ProgrammedRouteStatus> ipv4SfeProgrammedRouteStatus;  // null: nobody programs routes
+};
+
+class HwRouteSm final : public Lattis::Entity {
+ public:
+  using Key = Ipv4RouteVrfKey;
+
+  // The capability's hardware route table size is the capacity, and at least 1; it is read here, once. Nothing happens
+  // before handleInitialized().
+  HwRouteSm(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace);
+  ~HwRouteSm() override;
+
+  // All inputs are there: counts the space, follows the tables and tries, queues what stands in them, starts the scan.
+  void handleInitialized();
+  bool initialized() const { return initialized_; }
+
+  // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
+  void handleThresholdConfig();
+  void handleSwRoute(const Key& key);
+  void handleSwRoute();  // every SFE route
+  void handleHwRoute();  // every route of the hardware table
+  void handleSfeRouteHit(const Key& key);
+  void handleSfeRouteHit();  // every route with an SFE hit bit
+  // Counts only while Config::ageingKeepsRoute is set.
+  void handleSwProgrammedRoute(const Key& key);
+  void handleSwProgrammedRoute();  // every programmed route
+  // Every SFE route of the VRF is to be decided again; a walk that the route-processing task does in slices.
+  void scheduleSwRouteWalk(std::uint32_t hwVrfId);
+
+  // --- Admission -------------------------------------------------------------------------------------------------
+  // Entries of the hardware table that the space counts admit, in percent of the capacity, rounded down.
+  std::uint32_t getHwPercentageSpaceUsed() const;
+  bool isRouteCacheable(const Key& key) const;
+  bool checkRouteAddEligibility(const Key& key) const;
+  // Brings cachingEnabled of Config in line with the tries. `hint`: a prefix was just added.
+  void evaluateCachingEnabled(bool hint);
+  // Takes back entries of space, after the debt is paid; returns the space left.
+  std::uint32_t ipv4PrefixHwSpaceLeftInc(std::uint32_t n);
+  std::uint32_t ipv4PrefixHwSpaceLeft() const { return ipv4PrefixHwSpaceLeft_; }
+  // Entries found at start beyond the capacity and not removed yet.
+  std::uint32_t spaceDebt() const { return spaceDebt_; }
+  std::uint32_t capacity() const { return capacity_; }
+
+  void routeToProcessIs(const Key& key) { routeToProcess_.keyIs(key); }
+  void routeToProcessDel(const Key& key) { routeToProcess_.keyDel(key); }
+  bool routeToProcessHas(const Key& key) const { return routeToProcess_.has(key); }
+  void routeToProcessDelAll() { routeToProcess_.keyDelAll(); }
+  const KeyQueue<Key>& routeToProcess() const { return routeToProcess_; }
+  Key routeToProcessBookmark() const { return routeToProcess_.bookmark(); }
+  const KeyQueue<Key>& sfeRouteHitToProcess() const { return sfeRouteHitToProcess_; }
+  Key sfeRouteHitToProcessBookmark() const { return sfeRouteHitToProcess_.bookmark(); }
+  const KeyQueue<Key>& sfeProgrammedRouteToProcess() const { return sfeProgrammedRouteToProcess_; }
+  Key sfeProgrammedRouteToProcessBookmark() const { return sfeProgrammedRouteToProcess_.bookmark(); }
+  // Decides and writes the hardware status of one route.
+  void processRoute(const Key& key);
+
+  // --- Time slices, scan and ageing ------------------------------------------------------------------------------
+  std::uint16_t getHitbitTimeSlice(std::uint8_t hitbit) const;
+  // Null: there is no such slice.
+  std::shared_ptr<HitBitTimeSliceColl> hwHitbitColl(std::uint16_t slice) const;
+  void hwHitbitCollIs(std::uint16_t slice, std::shared_ptr<HitBitTimeSliceColl> coll);
+  void hwHitbitCollDel(std::uint16_t slice);
+  void hwHitbitCollDelAll();
+  std::uint16_t hwHitbitScanTimeSliceBookmark() const { return hwHitbitScanTimeSliceBookmark_; }
+  // The zero key: from the slice's start.
+  Key hwHitbitScanRouteBookmark() const;
+  // One ageing run. What does not fit into the time slice is continued by the scan task.
+  void checkHwRouteAgeing();
+  // Ages up to `count` routes of the slice, oldest filing first; returns how many it removed. Where the time slice ends
+  // before, the next call for the same slice goes on.
+  std::uint32_t ageHwRoutes(std::uint16_t slice, std::uint32_t count);
+
+  // --- Tries -----------------------------------------------------------------------------------------------------
+  // A reactor for the VRF's trie as it is now.
+  void trieIs(std::uint32_t hwVrfId);
+  void trieDel(std::uint32_t hwVrfId);
+  void trieDelAll();
+
+  // --- Task bodies and requests ----------------------------------------------------------------------------------
+  void handleRouteProcessing();
+  void handleSfeRouteHitProcessing();
+  void handleSfeProgrammedRouteProcessing();
+  void handleHwhitbitScan();
+  void scheduleRouteProcessingTask(double seconds);
+  void scheduleSfeRouteHitProcessingTask(double seconds);
+  void scheduleSfeProgrammedRouteProcessingTask(double seconds);
+  void scheduleHwHitbitScanTask(double seconds);
+
+  // --- Settings --------------------------------------------------------------------------------------------------
+  // Every route counts as cacheable, whatever the FIB says. A change re-decides all routes.
+  bool enableRouteCache() const { return enableRouteCache_; }
+  void enableRouteCacheIs(bool enable);
+  // Entries that the published figure is above the true one: it keeps this agent from the true end of the table while
+  // others still see room.
+  std::uint32_t hwSpaceBuffer() const { return hwSpaceBuffer_; }
+  void hwSpaceBufferIs(std::uint32_t entries);
+  // Seconds. The second, above 0, holds at or above the low level, and for keys that wait.
+  double routeProcessingInterval() const { return routeProcessingInterval_; }
+  void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
+  double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
+  void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
+  double hwHitbitScanInterval() const { return hwHitbitScanInterval_; }  // between two full scans, above 0
+  void hwHitbitScanIntervalIs(double seconds) { hwHitbitScanInterval_ = seconds; }
+
+  // The levels in force: percent, and the highest time slice that is aged.
+  std::uint8_t highThresholdHwUtilPercentage() const { return highThresholdHwUtilPercentage_; }
+  std::uint8_t mediumThresholdHwUtilPercentage() const { return mediumThresholdHwUtilPercentage_; }
+  std::uint8_t lowThresholdHwUtilPercentage() const { return lowThresholdHwUtilPercentage_; }
+  std::uint16_t highThresholdIdleTimeSlice() const { return highThresholdIdleTimeSlice_; }
+  std::uint16_t mediumThresholdIdleTimeSlice() const { return mediumThresholdIdleTimeSlice_; }
+  std::uint16_t lowThresholdIdleTimeSlice() const { return lowThresholdIdleTimeSlice_; }
+
+  // --- What has happened since the start, for an operator ---------------------------------------------------------
+  std::uint64_t admissions() const { return admissions_; }  // routes put into the hardware table
+  std::uint64_t aged() const { return aged_; }              // routes that ageing counted as removed
+  std::uint64_t routeToProcessCount() const { return routeToProcess_.size(); }
+  std::uint64_t sfeRouteHitToProcessCount() const { return sfeRouteHitToProcess_.size(); }
+
+  const Lattis::EntityType& entityType() const override;
+  // An interval out of its range, a buffer that takes the published figure over 32 bits.
+  std::string fault() const override;
+  // Aborts when an invariant does not hold. Walks every table. To be called when all table changes are delivered.
+  void checkInvariants() const;
+
+ private:
+  using KeyHandler = void (HwRouteSm::*)(const Key&);
+  template <class Table>
+  class TableReactor;
+  class ThresholdReactor;
+  class VrfCachedRouteReactor;
+  class TrieReactor;
+
+  // A route that ageing took inHw from, with its hit-bit value then or the lowest seen since.
+  struct Released {
+    Key key;
+    std::uint16_t hitbit = 0;
+  };
+  struct ReleasedKey {
+    const Key& operator()(const Released& released) const { return released.key; }
+  };
+  // An ageing run that has not ended.
+  struct Ageing {
+    std::uint16_t top = 0;         // the highest slice to age
+    std::uint32_t toRemove = 0;    // routes, from slices 0 to top
+    std::uint16_t slice = 0;       // where the run stands
+    std::uint32_t ofSlice = 0;     // routes still to remove from the slice being visited
+    std::uint32_t removedNew = 0;  // routes removed from timeSliceNewAdditionsToDel
+  };
+  enum class ScanPhase : std::uint8_t { slices, ageing, newAdditions };
+
+  bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
+  bool isBelowLowLevel() const;
+  std::uint32_t sfeHitbit(const Key& key) const;
+  bool admits(const Key& key, const Ipv4Route& sfeRoute);
+  void writeHwRoute(const Ipv4Route& sfeRoute, bool isNew);
+  void removeHwRoute(const Key& key);
+  void publishSpace();
+  bool processNextRoute();
+  bool processNextHit();
+  void processProgrammedRoute(const Key& key);
+
+  // Each returns false when it is to be continued in the next run.
+  bool scanSlices();
+  bool continueAgeing();
+  bool ageSlice(std::uint32_t& removed);
+  bool moveNewAdditions();
+  void scanRoute(const Key& key, std::uint16_t slice);
+  void confirmInHw(const Ipv4Route& route, std::uint16_t hitbit);
+  bool ageRoute(const Key& key, std::uint16_t slice);
+  void checkSpace() const;
+  void checkSlices() const;
+
+  const HwRouteSmInputs in_;
+  const std::uint32_t capacity_;
+  Platform::TraceHandle trace_;
+  bool initialized_ = false;
+
+  bool enableRouteCache_ = false;
+  std::uint32_t hwSpaceBuffer_ = 1024;
+  std::uint32_t ipv4PrefixHwSpaceLeft_ = 0;
+  std::uint32_t spaceDebt_ = 0;
+  std::uint8_t highThresholdHwUtilPercentage_ = 95;
+  std::uint16_t highThresholdIdleTimeSlice_ = 250;
+  std::uint8_t mediumThresholdHwUtilPercentage_ = 90;
+  std::uint16_t mediumThresholdIdleTimeSlice_ = 240;
+  std::uint8_t lowThresholdHwUtilPercentage_ = 85;
+  std::uint16_t lowThresholdIdleTimeSlice_ = 200;
+  double routeProcessingInterval_ = 0;
+  double routeProcessingIntervalDefer_ = 3.0;
+  double hwHitbitScanInterval_ = 40.0;
+
+  KeyQueue<Key> routeToProcess_;
+  KeyQueue<Key> sfeRouteHitToProcess_;
+  KeyQueue<Key> sfeProgrammedRouteToProcess_;
+  RouteStatusWalk<Ipv4RouteStatus> sfeWalk_;  // into routeToProcess
+  RouteStatusWalk<Ipv4RouteStatus> hwWalk_;   // into routeToProcess
+  RouteStatusWalk<Ipv4HitBitStatus> hitWalk_;
+  std::unique_ptr<RouteStatusWalk<Ipv4ProgrammedRouteStatus>> programmedWalk_;
+
+  std::shared_ptr<HitBitTimeSlices> slices_;
+  std::map<std::uint16_t, std::shared_ptr<HitBitTimeSliceColl>> hwHitbitColl_;
+  std::uint16_t hwHitbitScanTimeSliceBookmark_ = 0;
+  ScanPhase scanPhase_ = ScanPhase::slices;
+  std::uint64_t scanned_ = 0;  // routes that this run of the task has handled
+  std::optional<Ageing> ageing_;
+  FlatTable<Released, Key, ReleasedKey> released_;
+  std::uint64_t admissions_ = 0;
+  std::uint64_t aged_ = 0;
+  std::uint32_t trieWithPrefixes_ = 0;  // a VRF whose trie was seen to hold some; a hint
+
+  DeferredTask routeProcessingTask_;
+  DeferredTask sfeRouteHitProcessingTask_;
+  DeferredTask sfeProgrammedRouteProcessingTask_;
+  DeferredTask hwHitbitScanTask_;
+
+  // Last: they call back into all of the above.
+  std::unique_ptr<ThresholdReactor> thresholdReactor_;
+  std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
+  std::unique_ptr<TableReactor<Ipv4HitBitStatus>> sfeHitReactor_;
+  std::unique_ptr<TableReactor<Ipv4ProgrammedRouteStatus>> programmedReactor_;
+  std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
+  std::map<std::uint32_t, std::unique_ptr<TrieReactor>> trie_;
+};
+
+// Makes the state machine and starts it.
+std::shared_ptr<HwRouteSm> HwRouteSmIs(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
+                                       Platform::TraceFacility& trace);
+
+}  // namespace RouteCache

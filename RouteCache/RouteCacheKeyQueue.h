@@ -1,0 +1,64 @@
+// A work queue of keys in which those that wait for room are set apart: a fresh key never stands behind them, and they
+// cost nothing while there is no room.
+//
+// Invariant: every queued key is fresh or waiting.
+#pragma once
+
+#include <optional>
+
+#include "RouteCache/RouteCacheKeyRings.h"
+
+namespace RouteCache {
+
+template <class Key>
+class KeyQueue {
+ public:
+  KeyQueue() : fresh_(rings_.ringIs()), waiting_(rings_.ringIs()) {}
+
+  std::size_t size() const { return rings_.size(); }
+  bool empty() const { return rings_.empty(); }
+  bool has(const Key& key) const { return rings_.find(key) != Rings::none; }
+  bool hasFresh() const { return rings_.first(fresh_) != Rings::none; }
+  bool hasWaiting() const { return rings_.first(waiting_) != Rings::none; }
+
+  // Queues the key, fresh; behind the other fresh ones, where a fresh one keeps its place.
+  void keyIs(const Key& key) {
+    const auto node = rings_.insert(key);
+    if (rings_.data(node).fresh) return;
+    rings_.data(node).fresh = true;
+    rings_.append(fresh_, node);
+  }
+  // Queues the key, or keeps it queued, among those that wait for room.
+  void waitingKeyIs(const Key& key) {
+    const auto node = rings_.insert(key);
+    rings_.data(node).fresh = false;
+    rings_.append(waiting_, node);
+  }
+  void keyDel(const Key& key) {
+    const auto node = rings_.find(key);
+    if (node != Rings::none) rings_.erase(node);
+  }
+  void keyDelAll() { rings_.clearKeys(); }
+
+  // The oldest key of its kind, which stays queued. Whoever handles it deletes it or lets it wait.
+  std::optional<Key> freshKey() const { return keyAt(rings_.first(fresh_)); }
+  std::optional<Key> waitingKey() const { return keyAt(rings_.first(waiting_)); }
+  // The key that is handled next, or the zero key: where the work resumes.
+  Key bookmark() const { return freshKey().value_or(waitingKey().value_or(Key())); }
+
+ private:
+  struct Data {
+    bool fresh = false;
+  };
+  using Rings = KeyRings<Key, Data>;
+  std::optional<Key> keyAt(typename Rings::Node node) const {
+    if (node == Rings::none) return std::nullopt;
+    return rings_.key(node);
+  }
+
+  Rings rings_;
+  typename Rings::Node fresh_;
+  typename Rings::Node waiting_;
+};
+
+}  // namespace RouteCache

@@ -1,0 +1,863 @@
+// Stories of hardware routes: who is let in, who has to leave, and what hardware, SFE and FIB do meanwhile. The whole
+// agent on real tables and virtual time; every story runs with tasks that never yield and with tasks that yield after
+// every entry, and the invariants are checked after every task run.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "linux/EntityFields.h"
+#include "platform/Trie.h"
+#include "test/support/SimulatedSwitch.h"
+
+namespace {
+
+using RouteCache::AdjId;
+using RouteCache::HwRouteSm;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Key;
+using testing::Not;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+constexpr std::uint32_t red = 101;
+constexpr std::uint32_t blue = 102;
+constexpr std::uint64_t overIpv4 = 1, overIpv6 = 2, overBoth = 3, overIpv4Too = 4;  // vias
+
+// Host routes: under the cached prefix, elsewhere (not cacheable), and never configured.
+std::string cached(int i) {
+  return "10.1." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "/32";
+}
+std::string plain(int i) {
+  return "20.1." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "/32";
+}
+std::string unknown(int i) {
+  return "30.1.0." + std::to_string(i) + "/32";
+}
+
+HwRouteSm::Key keyOf(const std::string& prefix, std::uint32_t vrf = red) {
+  return {Platform::fromText<Prefix>(prefix), vrf};
+}
+std::string inRed(const std::string& prefix) {
+  return prefix + "@101";
+}
+
+// A switch with hardware caching on and the VRF "red", whose FIB caches 10.0.0.0/8.
+class CachingSwitch : public SimulatedSwitch {
+ public:
+  explicit CachingSwitch(int yieldAfter, std::uint32_t hwRoutes, int traceLevel = -1) : SimulatedSwitch(traceLevel) {
+    scheduler.yieldAfterEntriesIs(static_cast<std::uint64_t>(yieldAfter));
+    capability(hwRoutes, 10000, 1000);
+    hwRouteCaching(true);
+    underlay("10.255.0.0/16", 5);
+    underlay("2001:db8:ff::/48", 6);
+    vti("Vxlan1", "192.0.2.1", "2001:db8::1");
+    vrf("red", 1, red);
+    cachedPrefix("10.0.0.0/8", "red");
+    via(overIpv4, {nexthop("10.255.0.1")});
+    via(overIpv6, {nexthop("2001:db8:ff::1")});
+    via(overBoth, {nexthop("10.255.0.1"), nexthop("2001:db8:ff::1")});
+    via(overIpv4Too, {nexthop("10.255.0.2")});
+  }
+  // Longer than any queue waits, shorter than the pause between two scans.
+  void settle() { advance(4); }
+  void startUp() {
+    start();
+    started_ = scheduler.now();
+    settle();
+  }
+  // To just after the next full scan and what it sets off.
+  void scan() {
+    advance(untilScan());
+    settle();
+  }
+  double untilScan() const {
+    const double pause = 40;
+    return pause - std::fmod(scheduler.now() - started_, pause);
+  }
+  void add(const std::string& prefix, std::uint64_t via = overIpv4) { route(prefix, 1, via); }
+  template <class Name>
+  void addMany(Name name, int from, int to) {
+    for (int i = from; i < to; ++i) add(name(i));
+    settle();
+  }
+  void gone(const std::string& prefix) { routeGone(prefix, 1); }
+  void thresholds(std::uint8_t low, std::uint8_t medium, std::uint8_t high) {
+    const auto cli = entity<RouteCache::CliConfig>("routecache/cliconfig", "RouteCache::CliConfig");
+    cli->lowThresholdHwUtilPercentageIs(low);
+    cli->mediumThresholdHwUtilPercentageIs(medium);
+    cli->highThresholdHwUtilPercentageIs(high);
+  }
+  std::shared_ptr<RouteCache::Config> config() const {
+    return entity<RouteCache::Config>("routecache/config", "RouteCache::Config");
+  }
+  bool inTable(const std::string& prefix) const { return hardware().contains(inRed(prefix)); }
+  bool inHw(const std::string& prefix) const { return hardware().at(inRed(prefix)); }
+  int sliceOf(const std::string& prefix) {
+    for (std::uint16_t slice = 0; slice < RouteCache::timeSliceInvalid; ++slice) {
+      if (hwSm().hwHitbitColl(slice)->routeHas(keyOf(prefix))) return slice;
+    }
+    return RouteCache::timeSliceInvalid;
+  }
+  Platform::TaskStatistics task(const std::string& name) const {
+    for (const auto& task : scheduler.statistics()) {
+      if (task.name == name) return task;
+    }
+    return {};
+  }
+  // What ageing has counted as removed since the trace was cleared.
+  std::multiset<std::string> agedPrefixes() const {
+    std::multiset<std::string> prefixes;
+    const std::string words = " ageing prefix: ";
+    for (const auto& line : trace.lines()) {
+      const auto at = line.text.find(words);
+      if (at == std::string::npos) continue;
+      const auto begin = at + words.size();
+      prefixes.insert(line.text.substr(begin, line.text.find(' ', begin) - begin));
+    }
+    return prefixes;
+  }
+
+ private:
+  double started_ = 0;
+};
+
+class HwRouteSmTest : public testing::TestWithParam<int> {};
+INSTANTIATE_TEST_SUITE_P(Yields, HwRouteSmTest, testing::Values(0, 1),
+                         [](const auto& p) { return p.param == 0 ? "Never" : "AfterEveryEntry"; });
+
+// --- Admission -------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, AdmissionDependsOnKindHitsLevelAndRoom) {
+  enum Fate { admitted, unconfirmed, waits, waitsAsHit, turnedAway };  // unconfirmed: admitted with inHw false
+  // Of 20 entries 17 are 85 %, the low level. `filled` of them are taken by others.
+  const struct {
+    const char* what;
+    std::string prefix;
+    std::uint64_t via;
+    int hit;  // the SFE's hit-bit value; -1: no entry
+    int filled;
+    bool all;  // enableRouteCache
+    Fate fate;
+  } rows[] = {
+      {"cacheable, below", cached(1), overIpv4, -1, 10, false, admitted},
+      {"cacheable, reaches the level itself", cached(1), overIpv4, -1, 16, false, unconfirmed},
+      {"cacheable, at the level", cached(1), overIpv4, -1, 17, false, turnedAway},
+      {"cacheable, hit value 0 is no hit", cached(1), overIpv4, 0, 17, false, turnedAway},
+      {"cacheable, hit, at the level", cached(1), overIpv4, 1, 17, false, unconfirmed},
+      {"cacheable, hit, the last entry", cached(1), overIpv4, 255, 19, false, unconfirmed},
+      {"cacheable, full", cached(1), overIpv4, -1, 20, false, turnedAway},
+      {"cacheable, hit, full", cached(1), overIpv4, 7, 20, false, waitsAsHit},
+      {"not under a cached prefix, at the level", plain(1), overIpv4, -1, 17, false, unconfirmed},
+      {"not under a cached prefix, full", plain(1), overIpv4, -1, 20, false, waits},
+      {"not under a cached prefix, hit, full", plain(1), overIpv4, 9, 20, false, waits},
+      {"no host route, at the level", "10.1.0.0/31", overIpv4, -1, 17, false, unconfirmed},
+      {"the cached prefix itself, full", "10.0.0.0/8", overIpv4, -1, 20, false, waits},
+      {"IPv6 adjacency, at the level", cached(1), overIpv6, -1, 17, false, unconfirmed},
+      {"mixed adjacency, full", cached(1), overBoth, -1, 20, false, waits},
+      {"all cacheable: not under a cached prefix", plain(1), overIpv4, -1, 17, true, turnedAway},
+      {"all cacheable: no host route", "10.1.0.0/31", overIpv4, -1, 17, true, turnedAway},
+      {"all cacheable: IPv6 adjacency, hit", cached(1), overIpv6, 3, 19, true, unconfirmed},
+      {"all cacheable: below", plain(1), overIpv4, -1, 15, true, admitted},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    CachingSwitch sw(GetParam(), 20);
+    sw.startUp();
+    sw.addMany(plain, 100, 100 + row.filled);
+    sw.hwSm().enableRouteCacheIs(row.all);
+    sw.settle();
+    sw.sfeHit(row.prefix, red, row.hit);
+    sw.add(row.prefix, row.via);
+    sw.settle();
+    const auto hardware = sw.hardware();
+    const bool in = row.fate == admitted || row.fate == unconfirmed;
+    ASSERT_EQ(hardware.size(), static_cast<std::size_t>(row.filled + (in ? 1 : 0)));
+    if (in) {
+      EXPECT_THAT(hardware, Contains(Pair(inRed(row.prefix), row.fate == admitted)));
+    }
+    EXPECT_EQ(sw.sliceOf(row.prefix), in ? 256 : 258);
+    EXPECT_EQ(sw.hwSm().routeToProcessHas(keyOf(row.prefix)), row.fate == waits);
+    if (row.fate != waits) {
+      EXPECT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), row.fate == waitsAsHit ? 1u : 0u);
+    }
+  }
+}
+
+TEST_P(HwRouteSmTest, ARouteThatWasTurnedAwayComesWithItsFirstHitAndIsConfirmedByHardwares) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  sw.addMany(plain, 0, 17);
+  sw.add(cached(1));
+  sw.add(cached(2));
+  sw.settle();
+  EXPECT_EQ(sw.hwSm().routeToProcessCount(), 0u);
+  sw.sfeHit(cached(1), red, 0);
+  sw.settle();
+  EXPECT_FALSE(sw.inTable(cached(1)));
+  sw.sfeHit(cached(1), red, 3);
+  sw.advance(0);
+  EXPECT_THAT(sw.hardware(), Contains(Pair(inRed(cached(1)), false)));
+  EXPECT_FALSE(sw.inTable(cached(2)));
+  sw.hwHit(cached(1), red, 255);
+  sw.scan();
+  EXPECT_TRUE(sw.inHw(cached(1)));
+  // Another next hop is written at once and asks for no room; whether hardware has it is open again.
+  const auto adjId = sw.adjIdOf(cached(1), red);
+  sw.add(cached(1), overIpv4Too);
+  sw.settle();
+  EXPECT_NE(sw.adjIdOf(cached(1), red), adjId);
+  EXPECT_FALSE(sw.inHw(cached(1)));
+  EXPECT_EQ(sw.sliceOf(cached(1)), 256);
+  EXPECT_EQ(sw.hwSm().ipv4PrefixHwSpaceLeft(), 2u);
+}
+
+TEST(HwRouteSmThresholdTest, IdleTimesBecomeSlicesAndNonsenseIsRefusedWithoutATrace) {
+  CachingSwitch sw(0, 100);
+  sw.startUp();
+  const auto cli = sw.entity<RouteCache::CliConfig>("routecache/cliconfig", "RouteCache::CliConfig");
+  const struct {
+    const char* seconds;
+    std::uint16_t slice;
+  } rows[] = {{"0", 255}, {"19", 255}, {"20", 254}, {"100", 250}, {"300", 240}, {"1100", 200}, {"5100", 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.seconds);
+    for (const char* level : {"low", "medium", "high"}) {
+      LinuxPlatform::setField(cli, std::string(level) + "ThresholdIdleTime", row.seconds);
+    }
+    EXPECT_EQ(sw.hwSm().lowThresholdIdleTimeSlice(), row.slice);
+    EXPECT_EQ(sw.hwSm().mediumThresholdIdleTimeSlice(), row.slice);
+    EXPECT_EQ(sw.hwSm().highThresholdIdleTimeSlice(), row.slice);
+  }
+  const auto sm = sw.agent().hwRouteSm();
+  const struct {
+    std::shared_ptr<Lattis::Entity> entity;
+    const char* field;
+    const char* value;
+  } refused[] = {{cli, "lowThresholdIdleTime", "5101"},
+                 {cli, "highThresholdIdleTime", "65535"},
+                 {cli, "lowThresholdHwUtilPercentage", "91"},
+                 {cli, "highThresholdHwUtilPercentage", "101"},
+                 {sm, "hwSpaceBuffer", "4294967196"},
+                 {sm, "hwHitbitScanInterval", "-1"},
+                 {sm, "routeProcessingInterval", "nan"},
+                 {sm, "routeProcessingIntervalDefer", "0"},
+                 {sm, "capacity", "7"}};
+  for (const auto& row : refused) {
+    SCOPED_TRACE(std::string(row.field) + " " + row.value);
+    EXPECT_ANY_THROW(LinuxPlatform::setField(row.entity, row.field, row.value));
+  }
+  EXPECT_EQ(sm->lowThresholdIdleTimeSlice(), 0);
+  EXPECT_EQ(sm->highThresholdIdleTimeSlice(), 0);
+  EXPECT_EQ(sm->lowThresholdHwUtilPercentage(), 85);
+  EXPECT_EQ(sm->highThresholdHwUtilPercentage(), 95);
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 100u + 1024u);
+  LinuxPlatform::setField(sm, "hwSpaceBuffer", "4294967195");
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 4294967295u);
+}
+
+// --- Space -----------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, ThePublishedFigureIsTheRoomLeftAndTheBuffer) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  sw.addMany(plain, 0, 12);
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 8u + 1024u);
+  LinuxPlatform::setField(sw.agent().hwRouteSm(), "hwSpaceBuffer", "5");
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 8u + 5u);
+  sw.gone(plain(3));
+  sw.settle();
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 9u + 5u);
+  EXPECT_EQ(sw.hwSm().getHwPercentageSpaceUsed(), 55u);
+}
+
+TEST_P(HwRouteSmTest, MoreEntriesThanTheCapacityAreADebtThatTheFirstRemovalsPay) {
+  CachingSwitch sw(GetParam(), 30);
+  sw.startUp();
+  sw.addMany(plain, 0, 20);
+  sw.stop();
+  sw.capability(10, 10000, 1000);
+  sw.startUp();
+  EXPECT_EQ(sw.hardware().size(), 20u);
+  EXPECT_EQ(sw.hwSm().spaceDebt(), 10u);
+  EXPECT_EQ(sw.hwSm().getHwPercentageSpaceUsed(), 100u);
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 1024u);
+  sw.add(plain(100));
+  for (int i = 0; i < 10; ++i) sw.gone(plain(i));
+  sw.settle();
+  EXPECT_EQ(sw.hwSm().spaceDebt(), 0u);
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 1024u);
+  EXPECT_FALSE(sw.inTable(plain(100)));
+  sw.gone(plain(10));
+  sw.settle();
+  EXPECT_TRUE(sw.inTable(plain(100)));
+  EXPECT_EQ(sw.hardware().size(), 10u);
+}
+
+// --- The scan --------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, TheScanFilesByWhatHardwareReportsAndConfirmsWhatItHit) {
+  CachingSwitch sw(GetParam(), 20, 8);
+  sw.startUp();
+  sw.addMany(plain, 0, 16);
+  sw.addMany(cached, 0, 1);  // the 17th: at the level, so not confirmed
+  const struct {
+    const char* what;
+    std::uint8_t low;  // level; 85 % are in use
+    int hit;
+    int slice;  // -1: confirming changes the SFE's route, which is filed as new again until the next scan
+    bool inHw;
+    int moves;  // as traced; -1: the same reason
+  } steps[] = {{"below the level a new addition may stay unreported", 90, -1, 256, false, 0},
+               {"at the level it is to leave", 85, -1, 257, false, 0},
+               {"but not while the level is not reached", 90, -1, 257, false, 0},
+               {"a report saves and confirms it", 85, 200, -1, true, -1},
+               {"it is filed as reported", 85, 200, 200, true, -1},
+               {"the same report", 85, 200, 200, true, 0},
+               {"idle", 85, 199, 199, true, 1},
+               {"hit", 85, 255, 255, true, 1},
+               {"more than there is counts as the most", 85, 1000, 255, true, 0},
+               {"as idle as can be, with nobody waiting for room", 85, 0, 0, true, 1},
+               {"no report any more: a new addition again", 90, -1, 256, true, 0},
+               {"and treated as one", 85, -1, 257, true, 0}};
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    sw.thresholds(step.low, 95, 100);
+    sw.hwHit(cached(0), red, step.hit);
+    sw.trace.clear();
+    sw.scan();
+    if (step.slice >= 0) {
+      EXPECT_EQ(sw.sliceOf(cached(0)), step.slice);
+    }
+    EXPECT_EQ(sw.inHw(cached(0)), step.inHw);
+    if (step.moves >= 0) {
+      EXPECT_EQ(sw.trace.count("oldTs: "), static_cast<std::size_t>(step.moves));
+    }
+    EXPECT_THAT(sw.agedPrefixes(), IsEmpty());
+  }
+  sw.scan();
+  EXPECT_THAT(sw.agedPrefixes(), ElementsAre(cached(0)));
+}
+
+TEST(HwRouteSmScanTest, AnInterruptedScanGoesOnAtItsBookmarksWhateverHappensThere) {
+  CachingSwitch sw(1, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 5);
+  for (int i = 0; i < 5; ++i) sw.hwHit(cached(i), red, i < 3 ? 17 : 30);
+  sw.scan();
+  for (int i = 0; i < 5; ++i) sw.hwHit(cached(i), red, 40);
+  auto& sm = sw.hwSm();
+  const auto expectAt = [&](int slice, const HwRouteSm::Key& route) {
+    EXPECT_EQ(sm.hwHitbitScanTimeSliceBookmark(), slice);
+    EXPECT_EQ(sm.hwHitbitScanRouteBookmark(), route);
+  };
+  expectAt(0, {});
+  sm.handleHwhitbitScan();  // one route
+  expectAt(17, keyOf(cached(1)));
+  sm.processRoute(keyOf(cached(1)));  // files the bookmarked route elsewhere
+  expectAt(17, keyOf(cached(2)));
+  sm.handleHwhitbitScan();
+  expectAt(18, {});
+  sm.handleHwhitbitScan();
+  expectAt(30, keyOf(cached(4)));
+  sw.gone(cached(4));  // the route goes while the scan waits for its turn
+  sw.advance(0);
+  expectAt(0, {});
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(sw.sliceOf(cached(i)), 40) << i;
+  EXPECT_EQ(sm.hwHitbitColl(40)->size(), 4u);
+  EXPECT_EQ(sw.hardware().size(), 4u);
+}
+
+// --- Ageing ----------------------------------------------------------------------------------------------------------
+
+// Cacheable routes 0 to 15 by idleness, as they stand in the slices; 16 and 17 are new additions that are to go.
+constexpr int slicesOfIdle[] = {10, 10, 200, 200, 200, 200, 201, 201, 240, 240, 241, 241, 250, 250, 251, 251};
+constexpr int idleRoutes = std::size(slicesOfIdle);
+
+void fillForAgeing(CachingSwitch& sw, int used) {
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, idleRoutes + 2);
+  sw.addMany(plain, 0, used - idleRoutes - 2);
+  for (int i = 0; i < idleRoutes; ++i) sw.hwHit(cached(i), red, slicesOfIdle[i]);
+  sw.scan();
+  // At the level, with none too many: nothing is aged, and the unreported new additions are marked.
+  const auto percent = static_cast<std::uint8_t>(used);
+  sw.thresholds(percent, percent, percent);
+  sw.scan();
+  sw.thresholds(85, 90, 95);
+}
+
+TEST_P(HwRouteSmTest, AgeingTakesTheIdlestRoutesAsManyAsTheLevelAndTheWaitingOnesCallFor) {
+  // Idle times of 1100, 300 and 100 s are slices 200, 240 and 250. Of 100 entries each is one percent.
+  const struct {
+    const char* what;
+    int used, pending;
+    std::map<int, int> aged;  // by slice; 257: the new additions
+  } rows[] = {
+      {"below the level nothing, whoever waits", 84, 30, {}},
+      {"at the level, none too many", 85, 0, {{257, 2}}},
+      {"low", 88, 0, {{10, 2}, {200, 1}, {257, 2}}},
+      {"low, more wait", 88, 6, {{10, 2}, {200, 4}, {257, 2}}},
+      {"low, more wait than are idle", 88, 30, {{10, 2}, {200, 4}, {257, 2}}},
+      {"medium, nobody waits", 92, 0, {{10, 2}, {200, 4}, {257, 2}}},
+      {"medium, somebody waits", 92, 1, {{10, 2}, {200, 4}, {201, 1}, {257, 2}}},
+      {"medium, many wait", 92, 30, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {257, 2}}},
+      {"just below medium, many wait", 89, 30, {{10, 2}, {200, 4}, {257, 2}}},
+      {"high, nobody waits", 96, 0, {{10, 2}, {200, 4}, {257, 2}}},
+      {"high, somebody waits", 95, 1, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {257, 2}}},
+      {"high, many wait", 96, 30, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {241, 2}, {250, 2}, {257, 2}}},
+  };
+  for (const bool keeps : {false, true}) {
+    for (const auto& row : rows) {
+      SCOPED_TRACE(std::string(row.what) + (keeps ? ", keeping routes" : ", deleting routes"));
+      CachingSwitch sw(GetParam(), 100, 6);
+      sw.checkEveryRunIs(false);
+      sw.config()->ageingKeepsRouteIs(keeps);
+      fillForAgeing(sw, row.used);
+      ASSERT_EQ(sw.hardware().size(), static_cast<std::size_t>(row.used));
+      for (int i = 0; i < row.pending; ++i) sw.sfeHit(unknown(i), red, 1);
+      sw.settle();
+      sw.trace.clear();
+      sw.checkEveryRunIs(true);
+      sw.scan();
+      std::map<int, int> aged;
+      for (int i = 0; i < idleRoutes + 2; ++i) {
+        const auto times = sw.agedPrefixes().count(cached(i));
+        if (times > 0) aged[i < idleRoutes ? slicesOfIdle[i] : 257] += static_cast<int>(times);
+        if (keeps) {
+          EXPECT_EQ(sw.inHw(cached(i)), times == 0) << cached(i);
+        }
+      }
+      EXPECT_EQ(aged, row.aged);
+    }
+  }
+}
+
+TEST_P(HwRouteSmTest, AgeingPassesOverWhatIsQueuedUncacheableOrHitInSoftware) {
+  CachingSwitch sw(GetParam(), 100, 6);
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 4);
+  sw.add(cached(4), overIpv6);
+  sw.addMany(plain, 0, 1);
+  for (int i = 0; i < 5; ++i) sw.hwHit(cached(i), red, 10);
+  sw.hwHit(plain(0), red, 10);
+  sw.addMany(cached, 5, 7);  // new additions
+  sw.thresholds(8, 8, 8);
+  sw.scan();
+  ASSERT_EQ(sw.sliceOf(cached(5)), 257);
+  sw.sfeHit(cached(1), red, 1);
+  sw.sfeHit(cached(2), red, 0);  // an entry, but no hit
+  sw.sfeHit(cached(5), red, 2);
+  for (int i = 0; i < 20; ++i) sw.sfeHit(unknown(i), red, 1);
+  sw.settle();
+  sw.hwSm().hwHitbitColl(257)->routeIs(keyOf(cached(5)));  // a hit in software has just filed it as new
+  sw.hwSm().routeToProcessIs(keyOf(cached(0)));
+  sw.scan();
+  EXPECT_THAT(sw.agedPrefixes(), UnorderedElementsAre(cached(2), cached(3), cached(6)));
+  // With enableRouteCache all are cacheable, and all leave that are idle.
+  sw.trace.clear();
+  sw.hwSm().enableRouteCacheIs(true);
+  sw.thresholds(0, 0, 0);
+  sw.scan();
+  EXPECT_THAT(sw.agedPrefixes(), testing::IsSupersetOf({cached(0), cached(4), plain(0)}));
+  EXPECT_THAT(sw.agedPrefixes(), Not(Contains(cached(1))));
+}
+
+// Scans, ageing runs and moves of random routes with the SFE's table in the test's hands, so that nobody answers: what
+// became of each cacheable route, round by round.
+std::vector<std::string> decisions(unsigned seed, int yieldAfter, bool visitors) {
+  std::mt19937 random(seed);
+  const auto pick = [&](int below) { return static_cast<int>(random() % static_cast<unsigned>(below)); };
+  CachingSwitch sw(yieldAfter, 1000);
+  sw.checkEveryRunIs(false);
+  sw.config()->ageingKeepsRouteIs(seed % 2 == 0);
+  sw.startUp();
+  sw.agent().swRouteSmDel();
+  const auto sfe = sw.agent().ipv4SfeRouteStatus();
+  const auto add = [&](const std::string& prefix, std::uint32_t adjId) {
+    sfe->routeIs({keyOf(prefix), AdjId(adjId), false});
+  };
+  add(plain(0), 1);
+  add(plain(1), 1);
+  // Comes and goes between any two runs of the scan's task, while that works.
+  int visits = 0;
+  std::unique_ptr<Platform::Task> visitor;
+  visitor = sw.scheduler.taskIs("visitor", Platform::TaskPriority::background, [&] {
+    add(plain(0), static_cast<std::uint32_t>(++visits));
+    visits % 2 == 0 ? add(plain(1), 1) : sfe->routeDel(keyOf(plain(1)));
+    sw.hwHit(plain(0), red, visits % 256);
+    if (visits % 300 != 0) visitor->scheduleWithin(0);
+  });
+  std::vector<std::string> rounds;
+  for (int round = 0; round < 8; ++round) {
+    for (int i = 0; i < 20; ++i)
+      pick(3) == 0 ? sfe->routeDel(keyOf(cached(pick(120)))) : add(cached(pick(120)), 1 + pick(2));
+    for (int i = 0; i < 120; ++i) sw.hwHit(cached(i), red, pick(8) == 0 ? -1 : pick(256));
+    for (int i = 0; i < 20; ++i) sw.sfeHit(unknown(i), red, i < pick(40) ? 1 : -1);
+    sw.thresholds(100, 100, 100);
+    sw.settle();
+    for (int i = 0; i < 10; ++i) sw.sfeProgrammed(cached(pick(120)), red, pick(2) == 0);
+    sw.settle();
+    // In the middle of a percent, which no visitor leaves.
+    const auto used = static_cast<int>(sw.hardware().size());
+    for (int i = used; i % 10 != 5; ++i) add(plain(100 + round * 10 + i % 10), 1);
+    sw.settle();
+    sw.thresholds(static_cast<std::uint8_t>(pick(12)), static_cast<std::uint8_t>(2 + pick(12)), 14);
+    if (visitors) visitor->scheduleWithin(sw.untilScan());
+    sw.scan();
+    std::string state = "aged " + std::to_string(sw.hwSm().aged());
+    for (const auto& [key, inHw] : sw.hardware()) {
+      if (key.starts_with("10."))
+        state += " " + key + (inHw ? "+" : "-") + std::to_string(sw.sliceOf(key.substr(0, key.find('@'))));
+    }
+    rounds.push_back(state);
+  }
+  return rounds;
+}
+
+TEST(HwRouteSmYieldTest, WhatScanAgeingAndMoveDecideDoesNotDependOnTheTimeSlice) {
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    const auto inOneGo = decisions(seed, 0, false);
+    EXPECT_EQ(decisions(seed, 1, false), inOneGo);
+    EXPECT_EQ(decisions(seed, 1, true), inOneGo);
+    EXPECT_EQ(decisions(seed, 7, true), inOneGo);
+  }
+}
+
+TEST_P(HwRouteSmTest, ARouteAdmittedWhileAgeingGoesOnIsNotMarkedToLeaveAtOnce) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 6);
+  sw.addMany(plain, 0, 14);
+  for (int i = 0; i < 6; ++i) sw.hwHit(cached(i), red, i < 4 ? 10 : 254);
+  sw.scan();
+  sw.thresholds(50, 50, 50);
+  sw.sfeHit(cached(100), red, 1);
+  sw.add(cached(100));
+  sw.scan();
+  ASSERT_TRUE(sw.inTable(cached(100)));
+  EXPECT_EQ(sw.sliceOf(cached(100)), 256);
+}
+
+// What ageing keeps loses its inHw, and leaves when the SFE has programmed it.
+class KeptRouteTest : public HwRouteSmTest {
+ protected:
+  KeptRouteTest() : sw(GetParam(), 100, 6) {
+    sw.config()->ageingKeepsRouteIs(true);
+    sw.thresholds(100, 100, 100);
+    sw.startUp();
+    sw.addMany(cached, 0, 6);
+    for (int i = 0; i < 5; ++i) sw.hwHit(cached(i), red, 10);
+    sw.hwHit(cached(5), red, 250);
+    sw.scan();
+    sw.thresholds(0, 0, 0);
+    sw.scan();
+    sw.thresholds(100, 100, 100);
+  }
+  bool sfeInHw(const std::string& prefix) { return sw.agent().ipv4SfeRouteStatus()->route(keyOf(prefix))->inHw(); }
+  void programmed(const std::string& prefix) {
+    sw.sfeProgrammed(prefix, red, true);
+    sw.settle();
+  }
+
+  CachingSwitch sw;
+};
+INSTANTIATE_TEST_SUITE_P(Yields, KeptRouteTest, testing::Values(0, 1),
+                         [](const auto& p) { return p.param == 0 ? "Never" : "AfterEveryEntry"; });
+
+TEST_P(KeptRouteTest, LeavesOnceTheSfeHasProgrammedIt) {
+  EXPECT_EQ(sw.hwSm().ipv4PrefixHwSpaceLeft(), 94u);
+  EXPECT_FALSE(sw.inHw(cached(0)));
+  EXPECT_FALSE(sfeInHw(cached(0)));
+  EXPECT_EQ(sw.sliceOf(cached(0)), 256);  // the SFE's route changed: filed as new, and still to leave
+  programmed(cached(0));
+  programmed(cached(5));  // was never idle
+  EXPECT_FALSE(sw.inTable(cached(0)));
+  EXPECT_TRUE(sw.inHw(cached(5)));
+  EXPECT_EQ(sw.hwSm().ipv4PrefixHwSpaceLeft(), 95u);
+  sw.scan();
+  EXPECT_FALSE(sw.inTable(cached(0))) << "nothing but a hit brings it back";
+}
+
+TEST_P(KeptRouteTest, IsConfirmedAgainByAHitAndNotByAValueThatOnlyFell) {
+  const struct {
+    const char* what;
+    int route;
+    std::vector<int> values;  // one scan each; -1: no entry
+    bool confirmed;
+  } rows[] = {{"hit", 0, {255}, true},
+              {"idle on", 1, {10, 8, 7}, false},
+              {"fell, then hit a little", 2, {6, 9}, true},
+              {"hardware let go of it and has its old value again", 3, {-1, 10}, false},
+              {"let go, then hit", 4, {-1, 4, 5}, true}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    for (const auto& row : rows) {
+      if (i < row.values.size()) sw.hwHit(cached(row.route), red, row.values[i]);
+    }
+    sw.scan();
+  }
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(sw.inHw(cached(row.route)), row.confirmed);
+    EXPECT_EQ(sfeInHw(cached(row.route)), row.confirmed);
+    programmed(cached(row.route));
+    EXPECT_EQ(sw.inTable(cached(row.route)), row.confirmed);
+  }
+}
+
+TEST_P(KeptRouteTest, StaysWhenItIsANewAdditionAgainOrNobodyAsksTheSfe) {
+  // Above the level a new next hop has to be confirmed, as a new route has.
+  sw.thresholds(0, 0, 0);
+  sw.add(cached(1), overIpv4Too);
+  sw.add(plain(0));
+  sw.settle();
+  ASSERT_FALSE(sw.inHw(cached(1)));
+  ASSERT_FALSE(sw.inHw(plain(0)));
+  programmed(cached(1));
+  programmed(plain(0));
+  EXPECT_TRUE(sw.inTable(cached(1)));
+  EXPECT_TRUE(sw.inTable(plain(0)));
+  sw.thresholds(100, 100, 100);
+  sw.config()->ageingKeepsRouteIs(false);
+  programmed(cached(2));
+  EXPECT_TRUE(sw.inTable(cached(2)));
+  // An ageing run asks for itself: it finds what was programmed before, here before the agent's start.
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.sfeProgrammed(cached(3), red, false);
+  sw.settle();
+  sw.thresholds(0, 0, 0);
+  sw.scan();
+  EXPECT_FALSE(sw.inTable(cached(2)));
+  EXPECT_TRUE(sw.inTable(cached(3)));
+}
+
+// --- Queues ----------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, RoutesThatWaitForRoomCostNothingAndDelayNobody) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.checkEveryRunIs(false);
+  sw.startUp();
+  sw.addMany(plain, 0, 20);
+  for (int i = 0; i < 300; ++i) sw.sfeHit(cached(i), red, 1);
+  for (int i = 0; i < 300; ++i) sw.add(cached(i));
+  sw.addMany(plain, 20, 3000);
+  EXPECT_EQ(sw.hwSm().routeToProcessCount(), 2980u);
+  EXPECT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), 300u);
+  for (const char* name : {"hwRouteProcessingTask", "sfeRouteHitProcessingTask"}) {
+    SCOPED_TRACE(name);
+    const auto before = sw.task(name);
+    sw.advance(30);
+    EXPECT_EQ(sw.task(name).workDone, before.workDone);
+    EXPECT_LE(sw.task(name).runs, before.runs + 11);
+    EXPECT_GT(sw.task(name).workPending, 0u);
+  }
+  const auto adjId = sw.adjIdOf(plain(3), red);
+  sw.add(plain(3), overIpv4Too);
+  sw.settle();
+  EXPECT_NE(sw.adjIdOf(plain(3), red), adjId);
+  sw.gone(plain(4));
+  sw.gone(plain(2999));  // waits
+  for (int i = 0; i < 10; ++i) sw.sfeHit(cached(i), red, -1);
+  sw.settle();
+  EXPECT_EQ(sw.hardware().size(), 20u);
+  EXPECT_EQ(sw.hwSm().routeToProcessCount() + sw.hwSm().sfeRouteHitToProcessCount(), 2978u + 290u);
+  sw.agent().checkInvariants();
+}
+
+TEST_P(HwRouteSmTest, RoomThatAgeingMakesGoesToRoutesHitInSoftwareNotBackToTheEvicted) {
+  for (const int waiting : {1, 5, 10}) {
+    SCOPED_TRACE(std::to_string(waiting) + " wait");
+    CachingSwitch sw(GetParam(), 20);
+    sw.thresholds(100, 100, 100);
+    sw.startUp();
+    sw.addMany(cached, 0, 10);
+    sw.addMany(plain, 0, 10);
+    for (int i = 0; i < 10; ++i) sw.hwHit(cached(i), red, 10);
+    for (int i = 100; i < 100 + waiting; ++i) sw.sfeHit(cached(i), red, 1);
+    sw.addMany(cached, 100, 100 + waiting);
+    ASSERT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), static_cast<std::uint64_t>(waiting));
+    sw.scan();
+    EXPECT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), 0u);
+    for (int i = 100; i < 100 + waiting; ++i) EXPECT_TRUE(sw.inTable(cached(i))) << i;
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(sw.inTable(cached(i)), i >= waiting) << i;
+  }
+}
+
+// --- Tries -----------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, TriesThatComeAndGoDecideWhatIsCacheable) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  const auto caching = [&] { return sw.config()->cachingEnabled(); };
+  EXPECT_TRUE(caching());
+  sw.addMany(plain, 0, 17);
+  const auto tries = sw.agent().vrfCachedRoute();
+  const auto turnedAway = [&](int i) {
+    sw.add(cached(i));
+    sw.settle();
+    return !sw.inTable(cached(i));
+  };
+  EXPECT_TRUE(turnedAway(0));
+  // A state machine that starts over tries that stand.
+  sw.agent().hwRouteSmDel();
+  sw.config()->cachingEnabledIs(false);
+  sw.agent().hwRouteSmIs();
+  EXPECT_TRUE(caching());
+  sw.settle();
+  EXPECT_FALSE(sw.inTable(cached(0)));
+  // A longer prefix comes and goes: the shorter one still covers.
+  sw.cachedPrefix("10.1.0.0/16", "red");
+  sw.settle();
+  sw.cachedPrefixGone("10.1.0.0/16", "red");
+  sw.settle();
+  EXPECT_TRUE(caching());
+  EXPECT_FALSE(sw.inTable(cached(0)));
+  // Under another type the FIB's route is not cached any more: the VRF's routes are decided again.
+  sw.cachedPrefix("10.0.0.0/8", "red", 1);
+  sw.settle();
+  EXPECT_FALSE(caching());
+  EXPECT_TRUE(sw.inTable(cached(0)));
+  sw.cachedPrefix("10.0.0.0/8", "red");
+  sw.settle();
+  EXPECT_TRUE(caching());
+  EXPECT_TRUE(turnedAway(1));
+  // Another trie in its place: it decides, and it is heard; the old one is not.
+  const auto old = tries->vrfTrie(red);
+  const auto other = std::make_shared<Routing::Trie>();
+  tries->vrfTrieIs(red, other);
+  sw.settle();
+  EXPECT_FALSE(caching());
+  EXPECT_TRUE(sw.inTable(cached(1)));
+  other->routeIs(Platform::fromText<Prefix>("10.0.0.0/8"), true);
+  EXPECT_TRUE(caching());
+  old->trieDelete();
+  EXPECT_TRUE(caching());
+  EXPECT_TRUE(turnedAway(2));
+  // Another VRF's trie keeps caching on, when this one's goes.
+  sw.vrf("blue", 2, blue);
+  sw.cachedPrefix("40.0.0.0/8", "blue");
+  sw.settle();
+  tries->vrfTrieDel(red);
+  sw.settle();
+  EXPECT_TRUE(caching());
+  EXPECT_TRUE(sw.inTable(cached(2)));
+  sw.vrfGone("blue");
+  EXPECT_FALSE(caching());
+}
+
+TEST_P(HwRouteSmTest, ManyPrefixesThatGoAreOneWalkOfTheirVrf) {
+  CachingSwitch sw(GetParam(), 1000);
+  sw.checkEveryRunIs(false);
+  sw.vrf("blue", 2, blue);
+  for (int i = 0; i < 250; ++i) sw.cachedPrefix("10.1." + std::to_string(i) + ".0/24", "red");
+  sw.cachedPrefixGone("10.0.0.0/8", "red");
+  sw.startUp();
+  sw.addMany(cached, 0, 300);
+  for (int i = 0; i < 100; ++i) sw.route(plain(i), 2, overIpv4);
+  sw.settle();
+  const auto before = sw.task("hwRouteProcessingTask").workDone;
+  for (int i = 0; i < 250; ++i) sw.cachedPrefixGone("10.1." + std::to_string(i) + ".0/24", "red");
+  sw.settle();
+  EXPECT_LE(sw.task("hwRouteProcessingTask").workDone - before, 2u * 400u + 2u);
+  EXPECT_FALSE(sw.config()->cachingEnabled());
+  sw.agent().checkInvariants();
+}
+
+TEST_P(HwRouteSmTest, TheRoutesOfAVrfGoWithIt) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.vrf("blue", 2, blue);
+  sw.startUp();
+  sw.addMany(cached, 0, 10);
+  for (int i = 0; i < 5; ++i) sw.route(plain(i), 2, overIpv4);
+  sw.settle();
+  sw.vrfGone("red");
+  sw.settle();
+  EXPECT_EQ(sw.hardware().size(), 5u);
+  EXPECT_FALSE(sw.config()->cachingEnabled());
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 15u + 1024u);
+  sw.vrf("red", 1, red);
+  sw.settle();
+  EXPECT_EQ(sw.hardware().size(), 15u);
+  EXPECT_TRUE(sw.config()->cachingEnabled());
+}
+
+// --- Restart ---------------------------------------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, ARestartLosesNoHardwareRouteAndDropsWhatIsStale) {
+  for (const bool inMidScan : {false, true}) {
+    for (const bool changes : {false, true}) {
+      SCOPED_TRACE(std::string(inMidScan ? "in mid-scan" : "at rest") + (changes ? ", with changes" : ""));
+      CachingSwitch sw(GetParam(), 40);
+      sw.startUp();
+      sw.addMany(cached, 0, 30);
+      sw.addMany(plain, 0, 4);  // 85 %, the last of them not confirmed
+      for (int i = 0; i < 30; ++i) sw.hwHit(cached(i), red, 250 - i);
+      sw.add(cached(30));  // turned away
+      sw.scan();
+      for (int i = 0; inMidScan && i < 9; ++i) sw.hwSm().handleHwhitbitScan();
+      const auto before = sw.hardware();
+      ASSERT_EQ(before.size(), 34u);
+      std::set<std::string> changed;
+      sw.hardware();
+      const auto watcher = sw.outside->entity("routecache/route/hw/ipv4")->watchText([&](const std::string& key) {
+        changed.insert(key);
+      });
+      sw.stop();
+      EXPECT_TRUE(sw.config()->cachingEnabled()) << "others go on reading what the agent left";
+      if (changes) {
+        sw.gone(cached(3));
+        sw.add(plain(100));
+      }
+      sw.startUp();
+      EXPECT_EQ(sw.hwSm().ipv4PrefixHwSpaceLeft() + sw.hardware().size(), 40u);
+      for (int i = 0; i < 4; ++i) sw.scan();
+      sw.outside->pendingChanges();
+      sw.outside->deliverChanges([] { return false; });
+      auto expected = before;
+      if (changes) {
+        expected.erase(inRed(cached(3)));
+        expected[inRed(plain(100))] = sw.hardware()[inRed(plain(100))];
+        EXPECT_THAT(changed,
+                    UnorderedElementsAre(Platform::toText(keyOf(cached(3))), Platform::toText(keyOf(plain(100)))));
+      } else {
+        EXPECT_THAT(changed, IsEmpty());
+      }
+      EXPECT_EQ(sw.hardware(), expected);
+    }
+  }
+}
+
+TEST_P(HwRouteSmTest, HardwareCachingMayBeTurnedOnAndOffBetweenTwoLives) {
+  CachingSwitch sw(GetParam(), 40);
+  sw.hwRouteCaching(false);
+  sw.startUp();
+  sw.addMany(cached, 0, 40);
+  ASSERT_EQ(sw.hardware().size(), 40u);
+  sw.stop();
+  sw.hwRouteCaching(true);
+  sw.startUp();
+  sw.advance(30);
+  EXPECT_EQ(sw.published().size(), 40u);
+  const auto hardware = sw.hardware();
+  EXPECT_GE(hardware.size(), 34u);
+  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 40u - hardware.size() + 1024u);
+  for (const auto& route : *sw.agent().ipv4SfeRouteStatus()) {
+    const auto found = hardware.find(route.key().shortText());
+    EXPECT_EQ(route.inHw(), found != hardware.end() && found->second) << route.key().shortText();
+  }
+  sw.stop();
+  sw.hwRouteCaching(false);
+  sw.startUp();
+  sw.advance(400);
+  EXPECT_EQ(sw.hardware().size(), 40u);
+  EXPECT_EQ(sw.reader<RouteCache::Ipv4RouteStatus>("routecache/route/sfe/ipv4")->size(), 0u);
+}
+
+}  // namespace
