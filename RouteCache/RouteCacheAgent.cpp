@@ -198,11 +198,22 @@ void Agent::startStateMachines() {
   vrfSmIs();
   hwRouteCachingEnabled_ = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
   if (hwRouteCachingEnabled_) {
+    fillSfeTable();
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
     hwRouteSmIs();
   } else {
     swRouteSmIs(nullptr, ipv4HwRouteStatus_, ipv6HwRouteStatus_);
     emptySfeTable();
+  }
+}
+
+// A predecessor with caching off has published to the hardware's table alone. With caching on a hardware route that the
+// SFE does not have is removed: its routes stand in both tables before anybody decides about them.
+void Agent::fillSfeTable() {
+  if (ipv4SfeRouteStatus_->size() > 0) return;
+  for (const RouteCache::Ipv4Route& route : *ipv4HwRouteStatus_) {
+    if (!ipv4SfeRouteStatus_->hasRoom()) return;
+    ipv4SfeRouteStatus_->routeIs(route);
   }
 }
 

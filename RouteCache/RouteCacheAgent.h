@@ -97,6 +97,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity = 0);
   void requireInputs() const;
   bool predecessorLeft() const;
+  void fillSfeTable();
   void emptySfeTable();
 
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // goes with the agent: late completions ask

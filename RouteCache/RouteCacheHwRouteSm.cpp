@@ -2,6 +2,7 @@
 #include "RouteCache/RouteCacheHwRouteSm.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "platform/Assert.h"
 #include "platform/Trie.h"
@@ -190,7 +191,9 @@ std::string HwRouteSm::fault() const {
   if (!(routeProcessingInterval_ >= 0)) return "routeProcessingInterval is at least 0 seconds";
   // What comes again and again must not come at once.
   if (!(routeProcessingIntervalDefer_ > 0)) return "routeProcessingIntervalDefer must be above 0 seconds";
-  if (!(hwHitbitScanInterval_ > 0)) return "hwHitbitScanInterval must be above 0 seconds";
+  if (!(hwHitbitScanInterval_ > 0) || std::isinf(hwHitbitScanInterval_)) {
+    return "hwHitbitScanInterval must be above 0 seconds and finite";
+  }
   if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity_) {
     return "hwSpaceBuffer " + std::to_string(hwSpaceBuffer_) + " is too large: with the capacity of " +
            std::to_string(capacity_) + " it exceeds 32 bits";
@@ -207,6 +210,12 @@ void HwRouteSm::enableRouteCacheIs(bool enable) {
 void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
   hwSpaceBuffer_ = entries;
   if (initialized_) publishSpace();
+}
+
+// A shorter interval counts for the scan that is waiting, too.
+void HwRouteSm::hwHitbitScanIntervalIs(double seconds) {
+  hwHitbitScanInterval_ = seconds;
+  if (initialized_ && seconds > 0) scheduleHwHitbitScanTask(seconds);
 }
 
 // --- Reactions -------------------------------------------------------------------------------------------------------
@@ -254,11 +263,11 @@ void HwRouteSm::scheduleSwRouteWalk(std::uint32_t hwVrfId) {
 void HwRouteSm::handleSfeRouteHit(const Key& key) {
   trace_(9, __PRETTY_FUNCTION__);
   trace_(7, "sfe hit: ", key.prefix(), " vrfId: ", key.vrfId());
-  if (in_.ipv4SfeHitBitStatus->has(key)) {
+  if (!in_.ipv4SfeHitBitStatus->has(key)) {
+    sfeRouteHitToProcess_.keyDel(key);
+  } else if (ipv4PrefixHwSpaceLeft_ > 0 || !sfeRouteHitToProcess_.has(key)) {  // else it waits for room already
     sfeRouteHitToProcess_.keyIs(key);
     scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
-  } else {
-    sfeRouteHitToProcess_.keyDel(key);
   }
 }
 

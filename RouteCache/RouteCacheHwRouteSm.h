@@ -147,7 +147,7 @@ class HwRouteSm final : public Lattis::Entity {
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
   void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
   double hwHitbitScanInterval() const { return hwHitbitScanInterval_; }  // between two full scans, above 0
-  void hwHitbitScanIntervalIs(double seconds) { hwHitbitScanInterval_ = seconds; }
+  void hwHitbitScanIntervalIs(double seconds);
 
   // The levels in force: percent, and the highest time slice that is aged.
   std::uint8_t highThresholdHwUtilPercentage() const { return highThresholdHwUtilPercentage_; }
