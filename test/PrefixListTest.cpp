@@ -98,6 +98,44 @@ TEST(GeneratePrefixesTest, MakesDifferentPublicPrefixesInTheMixOfTheInternet) {
   EXPECT_THROW(Tools::generatePrefixes(Tools::maxGeneratedPrefixes + 1, 1), RangeError);
 }
 
+TEST(GeneratePrefixesTest, MakesDifferentHostsInsideAPrefix) {
+  const struct {
+    const char* within;
+    std::uint64_t count;
+  } cases[] = {{"10.1.0.0/16", 1},      {"10.1.0.0/16", 20'000}, {"10.1.0.0/16", 40'000},
+               {"10.1.0.0/16", 65'536}, {"0.0.0.0/0", 1000},     {"2001:db8::1234:0/112", 60'000},
+               {"2001:db8::/64", 1000}, {"2001:db8::/32", 1000}, {"::/0", 1000}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.count) + " in " + c.within);
+    const auto within = Platform::fromText<IpGenPrefix>(c.within);
+    const auto hosts = Tools::generateHosts(c.count, within, 7);
+    ASSERT_EQ(hosts.size(), c.count);
+    EXPECT_EQ(hosts, Tools::generateHosts(c.count, within, 7));
+    EXPECT_EQ(std::ranges::adjacent_find(hosts, std::ranges::greater_equal()), hosts.end()) << "sorted, unique";
+    const bool inside = std::ranges::all_of(hosts, [&](const IpGenPrefix& host) {
+      return within.isV4() ? host.isV4() && host.v4().isHost() && within.v4().covers(host.v4())
+                           : host.isV6() && host.v6().isHost() && within.v6().covers(host.v6());
+    });
+    EXPECT_TRUE(inside);
+    // Over all of the prefix: its upper half has its share.
+    const auto upper = std::ranges::count_if(hosts, [&](const IpGenPrefix& host) {
+      const unsigned firstHostBit = within.length();
+      return within.isV4() ? host.v4().bit(firstHostBit) : host.v6().bit(firstHostBit);
+    });
+    EXPECT_NEAR(static_cast<double>(upper), 0.5 * static_cast<double>(c.count),
+                60.0 + 0.01 * static_cast<double>(c.count));
+  }
+  const auto all = Platform::fromText<IpGenPrefix>("0.0.0.0/0");
+  EXPECT_NE(Tools::generateHosts(100, all, 7), Tools::generateHosts(100, all, 8));
+  // What a seed gives is the same everywhere, for ever.
+  const auto some = Tools::generateHosts(2, Platform::fromText<IpGenPrefix>("10.0.0.0/8"), 1);
+  EXPECT_EQ(Platform::toText(some[0]) + " " + Platform::toText(some[1]), "10.24.250.78/32 10.53.192.142/32");
+  EXPECT_THROW(Tools::generateHosts(257, Platform::fromText<IpGenPrefix>("10.0.0.0/24"), 1), RangeError);
+  EXPECT_THROW(Tools::generateHosts(3, Platform::fromText<IpGenPrefix>("::1/127"), 1), RangeError);
+  EXPECT_THROW(Tools::generateHosts(Tools::maxGeneratedPrefixes + 1, Platform::fromText<IpGenPrefix>("::/0"), 1),
+               RangeError);
+}
+
 NexthopSetOptions options(const char* base, std::uint32_t vteps, std::uint32_t paths, std::uint32_t sets) {
   return {Platform::fromText<IpGenAddr>(base), vteps, paths, sets, {IntfId("Vxlan1"), 10, {}}};
 }

@@ -1,4 +1,5 @@
-// The commands `routecache rib` and `routecache table`, as a person meets them: real processes on a run directory.
+// The commands `routecache rib`, `routecache fib` and `routecache table`, as a person meets them: real processes on a
+// run directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -84,6 +85,9 @@ TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
       {"rib load /nowhere/list", "", "/nowhere/list: No such file or directory"},
       {"rib load -", "10.0.0.0/8\nten/8\n", "standard input:2: 'ten/8' is not an IP prefix"},
       {"rib load --generate 99999999", "", "at most 4000000 prefixes"},
+      {"rib load --generate 5 --within 10.0.0.0/30", "", "10.0.0.0/30 holds 4 addresses, not 5"},
+      {"rib load --generate 5 --within 10.0.0.0", "", "--within: '10.0.0.0' is not an IP prefix"},
+      {"rib load - --within 10.0.0.0/8", "10.0.0.0/8\n", "--within goes with --generate"},
       {"rib load --generate 5 --vrfs 3-1", "", "--vrfs: the range '3-1' is empty"},
       {"rib load --generate 5 --vrfs 1,x", "", "--vrfs: 'x' is not a number"},
       {"rib load --generate 5 --vrfs 16777215", "", "--vrfs: a VRF id is at most 16777214"},
@@ -99,6 +103,15 @@ TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
       {"rib add 10.0.0.0/8 --vrf 1", "", "--vtep is required"},
       {"rib del 10.0.0.0/8", "", "rib del takes --vrf or --all"},
       {"rib del 10.0.0.0/8 --all", "", "--all leaves nothing to choose"},
+      {"fib load --vrf red", "", "either a list of prefixes or --generate"},
+      {"fib load - --vrf red", "10.0.0.0/8\nten/8\n", "standard input:2: 'ten/8' is not an IP prefix"},
+      {"fib load --generate 5 --vrf red --capacity 4", "", "a capacity of 4 does not hold 5 entries"},
+      {"fib add 10.0.0.0/8", "", "--vrf is required"},
+      {"fib add 10.0.0.0/8 1::/129 --vrf red", "", "'1::/129' is not an IP prefix"},
+      {"fib add 10.0.0.0/8 --vrf ''", "", "--vrf: no VRF name"},
+      {"fib add 10.0.0.0/8 --vrf red --type 256", "", "--type"},
+      {"fib del 10.0.0.0/8", "", "fib del takes --vrf or --all"},
+      {"fib del --vrf red --all", "", "--all leaves nothing to choose"},
       {"table show", "", "PATH is required"},
       {"table show x --limit 0", "", "--limit"},
   };
@@ -125,6 +138,7 @@ TEST_F(ToolsTest, WhatCannotBeDoneIsExitCodeOne) {
       {"table show torn", "torn: the file is too short for a table"},
       {"table show " + v4 + " 10.0.0.0/8@2", "there is no entry 10.0.0.0/8@2"},
       {"rib del 10.0.0.0/8 11.0.0.0/8 12.0.0.0/8 --vrf 2", "there was no route 10.0.0.0/8@2, nor 2 others"},
+      {"fib del 10.0.0.0/8 --vrf red", "there was no route 10.0.0.0/8"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
@@ -177,6 +191,53 @@ TEST_F(ToolsTest, ViasComeAndGoWithTheRoutesThatNameThem) {
   EXPECT_THAT(keys(v4), ElementsAre("13.0.0.0/8@8"));
   EXPECT_EQ(runJson("rib del --all"), json({{"routesRemoved", 1}, {"viasRemoved", 1}}));
   EXPECT_THAT(keys(vias), IsEmpty());
+}
+
+TEST_F(ToolsTest, FibRoutesHaveTheTypeOfTheirFamilyOrTheGivenOne) {
+  const auto routes = [this](const std::string& path) {
+    std::string text;
+    for (const auto& entry : runJson("table show " + path)) {
+      text += entry["key"].get<std::string>() + "=" + entry["routeType"].dump() + " ";
+    }
+    return text;
+  };
+  EXPECT_EQ(runJson("fib add 11.0.0.0/8 10.0.0.0/8 11.0.0.0/8 2001:db8::/32 --vrf a/b --capacity 2"),
+            json({{"routes", 3}, {"ipv4Routes", 2}, {"ipv6Routes", 1}, {"duplicates", 1}}));
+  EXPECT_EQ(routes("routing/vrf/status/a/b"), "10.0.0.0/8=40 11.0.0.0/8=40 ");
+  EXPECT_EQ(routes("routing6/vrf/status/a/b"), "2001:db8::/32=27 ");
+  run("fib add 10.0.0.0/8 2001:db8::/32 --vrf a/b --type 255");
+  EXPECT_EQ(routes("routing/vrf/status/a/b") + routes("routing6/vrf/status/a/b"),
+            "10.0.0.0/8=255 11.0.0.0/8=40 2001:db8::/32=255 ");
+
+  EXPECT_EQ(runJson("fib load - --vrf default --type 0", "10.0.0.0/8\n\n10.0.0.0/8\n")["duplicates"], 1);
+  EXPECT_EQ(routes("routing/status"), "10.0.0.0/8=0 ");
+  EXPECT_EQ(runJson("fib load --generate 2000 --vrf default")["routes"], 2000) << "the table grows";
+  EXPECT_EQ(runJson("fib load --generate 9 --within 2001:db8::/64 --vrf default")["ipv6Routes"], 9);
+
+  EXPECT_EQ(runJson("fib del 11.0.0.0/8 --vrf a/b"), json({{"routesRemoved", 1}}));
+  EXPECT_EQ(runJson("fib del --vrf default")["routesRemoved"], 2010);
+  run("fib add 12.0.0.0/8 --vrf default");
+  run("rib add 12.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
+  EXPECT_EQ(runJson("fib del --all")["routesRemoved"], 3);
+  EXPECT_THAT(keys("routing/status"), IsEmpty());
+  EXPECT_THAT(keys("routing6/vrf/status/a/b"), IsEmpty());
+  EXPECT_EQ(keys(v4).size(), 1U) << "not the FIB's";
+}
+
+TEST_F(ToolsTest, FibTablesChangeTogetherOrNotAtAll) {
+  run("fib add 10.0.0.0/8 1::/16 --vrf red");
+  EXPECT_EQ(run("fib add 11.0.0.0/8 2::/16 3::/16 --vrf red --capacity 2").exitCode, 2) << "IPv4 has the room";
+  const Platform::TableTypes types = Tools::allTableTypes();
+  LinuxPlatform::SharedTableService other(dir_ + "/run", types);
+  other.mount("routing6/vrf/status/red", "Pondra::Fib6::RouteStatus", Pondra::MountKind::writer,
+              Pondra::CollectionInfo{"route", 1024});
+  for (const char* arguments : {"fib add 11.0.0.0/8 2::/16 --vrf red", "fib del --vrf red", "fib del --all"}) {
+    SCOPED_TRACE(arguments);
+    const Result refused = run(arguments);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.err, HasSubstr("routing6/vrf/status/red mount: another process is the table's writer"));
+  }
+  EXPECT_THAT(keys("routing/vrf/status/red"), ElementsAre("10.0.0.0/8"));
 }
 
 TEST_F(ToolsTest, ShowWalksInKeyOrderFromAnyKey) {

@@ -21,6 +21,8 @@ struct ToolContext {
 
 void addRunCommand(CLI::App& app, ToolContext& context);
 void addRibCommand(CLI::App& app, ToolContext& context);
+void addFibCommand(CLI::App& app, ToolContext& context);
+void addSimulateCommand(CLI::App& app, ToolContext& context);
 void addTableCommand(CLI::App& app, ToolContext& context);
 void addControlCommands(CLI::App& app, ToolContext& context);  // get, set, del
 void addTasksCommand(CLI::App& app, ToolContext& context);

@@ -4,6 +4,8 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <iostream>
+#include <nlohmann/json.hpp>
 
 #include "RouteCache/RouteCacheTables.h"
 #include "linux/PlatformTypes.h"
@@ -33,6 +35,23 @@ Platform::TableTypes allTableTypes() {
   LinuxPlatform::addPlatformTypes(entities, tables);
   RouteCache::addTableTypes(tables);
   return tables;
+}
+
+std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
+  std::vector<IpGenPrefix> prefixes;
+  for (const std::string& text : texts) {
+    prefixes.push_back(Platform::fromText<IpGenPrefix>(text));
+    if (prefixes.back().isEmpty()) throw Platform::BadText("'' is not an IP prefix");
+  }
+  return prefixes;
+}
+
+std::string counted(std::size_t count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text) {
+  std::cout << (json ? summary.dump() : text) << std::endl;
 }
 
 }  // namespace Tools

@@ -1,9 +1,17 @@
 // What several subcommands need.
 #pragma once
 
+#include <nlohmann/json_fwd.hpp>
+#include <set>
+#include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "platform/AgentBase.h"
+#include "platform/Net.h"
+#include "platform/Text.h"
 
 namespace CLI {
 class App;
@@ -20,5 +28,29 @@ void addRunDirOption(CLI::App& command, std::string& runDir);
 
 // Every table type that the tools know: the platform's and the agent's.
 Platform::TableTypes allTableTypes();
+
+// Text to value; the option is named in what is thrown (BadText).
+template <class T>
+T optionValue(const char* option, std::string_view text) {
+  if (auto value = Platform::TextForm<T>::from(text)) return *std::move(value);
+  throw Platform::BadText(std::string(option) + ": '" + std::string(text) + "' is not " + Platform::TextForm<T>::what);
+}
+
+// Texts to prefixes, in their order. Throws BadText for one that is none.
+std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts);
+
+// "1 route", "2 routes".
+std::string counted(std::size_t count, const std::string& what);
+
+// What a command has done, on standard output: as one line of JSON or of text.
+void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text);
+
+// Throws when not every route that was named for removal was there.
+template <class Key>
+void checkNoneMissing(const std::set<Key>& missing) {
+  if (missing.empty()) return;
+  const std::string others = missing.size() == 1 ? "" : ", nor " + counted(missing.size() - 1, "other");
+  throw std::runtime_error("there was no route " + Platform::toText(*missing.begin()) + others);
+}
 
 }  // namespace Tools

@@ -29,6 +29,8 @@ int main(int argc, char** argv) {
   Tools::ToolContext context;
   Tools::addRunCommand(app, context);
   Tools::addRibCommand(app, context);
+  Tools::addFibCommand(app, context);
+  Tools::addSimulateCommand(app, context);
   Tools::addTableCommand(app, context);
   Tools::addControlCommands(app, context);
   Tools::addTasksCommand(app, context);

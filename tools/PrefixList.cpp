@@ -1,85 +1,15 @@
 #include "tools/PrefixList.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
-#include <memory>
 #include <random>
 #include <unordered_set>
+
+#include "tools/LineReader.h"
 
 namespace Tools {
 
 namespace {
-
-// Reads plain and gzip files alike, line by line.
-class LineReader {
- public:
-  explicit LineReader(const std::string& file)
-      : name_(file == "-" ? "standard input" : file),
-        file_(file == "-" ? gzdopen(0, "rb") : gzopen(file.c_str(), "rb")) {
-    if (file_ == nullptr) fail(std::strerror(errno));
-    gzbuffer(file_.get(), 1 << 17);
-  }
-
-  const std::string& name() const { return name_; }
-  std::size_t lineNumber() const { return lineNumber_; }
-
-  // The next line without its end, valid until the next call; false behind the last one. A line longer than any
-  // sensible one arrives cut, so that a file without line ends does not fill the memory.
-  bool next(std::string_view& line) {
-    line_.clear();
-    int c = gzgetc(file_.get());
-    const bool more = c != -1;
-    for (; c != -1 && c != '\n'; c = gzgetc(file_.get())) {
-      if (line_.size() < maxLineLength) line_.push_back(static_cast<char>(c));
-    }
-    if (c == -1) checkEnd();  // before anybody takes a line that was cut for a bad one
-    if (!more) return false;
-    ++lineNumber_;
-    if (!line_.empty() && line_.back() == '\r') line_.pop_back();
-    line = line_;
-    return true;
-  }
-
- private:
-  struct Close {
-    void operator()(gzFile file) const { gzclose(file); }
-  };
-  static constexpr std::size_t maxLineLength = 4096;
-
-  void checkEnd() const {
-    int code = Z_OK;
-    const char* text = gzerror(file_.get(), &code);
-    if (code == Z_ERRNO) fail(std::strerror(errno));
-    if (code == Z_BUF_ERROR) fail("the compressed data end too early");
-    if (code != Z_OK && code != Z_STREAM_END) fail(text);
-  }
-  [[noreturn]] void fail(const char* what) const { throw Platform::BadText(name_ + ": " + what); }
-
-  std::string name_;
-  std::unique_ptr<std::remove_pointer_t<gzFile>, Close> file_;
-  std::string line_;
-  std::size_t lineNumber_ = 0;
-};
-
-std::string_view trimmed(std::string_view line) {
-  line = line.substr(0, line.find('#'));
-  const auto first = line.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return line.substr(first, line.find_last_not_of(" \t") - first + 1);
-}
-
-// What somebody wrote, fit for one line of a terminal.
-std::string quotable(std::string_view text) {
-  std::string out(text.substr(0, 60));
-  for (char& c : out) {
-    if (c < ' ' || c > '~') c = '?';
-  }
-  return text.size() > 60 ? out + "..." : out;
-}
 
 // Of equal prefixes the last one stays. Returns how many went.
 std::size_t dropDuplicates(std::vector<IpGenPrefix>& prefixes) {
@@ -145,19 +75,67 @@ void drawPrefixes(unsigned length, std::uint64_t count, std::mt19937_64& random,
   }
 }
 
+void checkGenerated(std::uint64_t count) {
+  if (count <= maxGeneratedPrefixes) return;
+  throw RangeError("at most " + std::to_string(maxGeneratedPrefixes) + " prefixes can be generated");
+}
+
+// The address inside the prefix whose host bits are the last ones of these.
+IpAddr hostIn(const Prefix& within, std::uint64_t /*high*/, std::uint64_t low) {
+  return IpAddr(within.addr().value() | (static_cast<std::uint32_t>(low) & ~Prefix::mask(within.length())));
+}
+Ip6Addr hostIn(const Ip6Prefix& within, std::uint64_t high, std::uint64_t low) {
+  return {within.addr().high() | (high & ~Ip6Prefix::highMask(within.length())),
+          within.addr().low() | (low & ~Ip6Prefix::lowMask(within.length()))};
+}
+
+// Different addresses inside the prefix, which holds at least twice as many. Which ones is not a matter of the set.
+template <class P>
+std::unordered_set<typename P::Addr, Platform::Hasher> drawHosts(const P& within, std::uint64_t count,
+                                                                 std::uint64_t seed) {
+  std::mt19937_64 random(seed);
+  std::unordered_set<typename P::Addr, Platform::Hasher> drawn;
+  drawn.reserve(count);
+  while (drawn.size() < count) {
+    const std::uint64_t high = random();
+    drawn.insert(hostIn(within, high, random()));
+  }
+  return drawn;
+}
+
+template <class P>
+std::vector<IpGenPrefix> hostsWithin(const P& within, std::uint64_t count, std::uint64_t seed) {
+  const unsigned hostBits = P::maxLength - within.length();
+  const bool dense = hostBits < 64 && count > (std::uint64_t{1} << hostBits) / 2;
+  const std::uint64_t space = dense ? std::uint64_t{1} << hostBits : 0;
+  if (dense && count > space) {
+    throw RangeError(Platform::toText(within) + " holds " + std::to_string(space) + " addresses, not " +
+                     std::to_string(count));
+  }
+  std::vector<IpGenPrefix> hosts;
+  hosts.reserve(count);
+  if (dense) {
+    // To draw the last ones would take long: those that stay out are fewer.
+    const auto left = drawHosts(within, space - count, seed);
+    for (std::uint64_t host = 0; host < space; ++host) {
+      const auto addr = hostIn(within, 0, host);
+      if (!left.contains(addr)) hosts.emplace_back(P(addr, P::maxLength));
+    }
+  } else {
+    for (const auto& addr : drawHosts(within, count, seed)) hosts.emplace_back(P(addr, P::maxLength));
+    std::sort(hosts.begin(), hosts.end());
+  }
+  return hosts;
+}
+
 }  // namespace
 
 PrefixList readPrefixList(const std::string& file) {
   LineReader reader(file);
   PrefixList list;
-  for (std::string_view line; reader.next(line);) {
-    const std::string_view text = trimmed(line);
-    if (text.empty()) continue;
+  for (std::string_view text; reader.next(text);) {
     const auto prefix = Platform::TextForm<IpGenPrefix>::from(text);
-    if (!prefix || prefix->isEmpty()) {
-      throw Platform::BadText(reader.name() + ":" + std::to_string(reader.lineNumber()) + ": '" + quotable(text) +
-                              "' is not " + Platform::TextForm<IpGenPrefix>::what);
-    }
+    if (!prefix || prefix->isEmpty()) reader.refuse(quoted(text) + " is not " + Platform::TextForm<IpGenPrefix>::what);
     list.prefixes.push_back(*prefix);
   }
   list.duplicates = dropDuplicates(list.prefixes);
@@ -165,9 +143,7 @@ PrefixList readPrefixList(const std::string& file) {
 }
 
 std::vector<IpGenPrefix> generatePrefixes(std::uint64_t count, std::uint64_t seed) {
-  if (count > maxGeneratedPrefixes) {
-    throw RangeError("at most " + std::to_string(maxGeneratedPrefixes) + " prefixes can be generated");
-  }
+  checkGenerated(count);
   std::mt19937_64 random(seed);
   std::vector<Prefix> drawn;
   drawn.reserve(count);
@@ -181,6 +157,11 @@ std::vector<IpGenPrefix> generatePrefixes(std::uint64_t count, std::uint64_t see
   }
   std::sort(drawn.begin(), drawn.end());
   return {drawn.begin(), drawn.end()};
+}
+
+std::vector<IpGenPrefix> generateHosts(std::uint64_t count, const IpGenPrefix& within, std::uint64_t seed) {
+  checkGenerated(count);
+  return within.isV4() ? hostsWithin(within.v4(), count, seed) : hostsWithin(within.v6(), count, seed);
 }
 
 }  // namespace Tools

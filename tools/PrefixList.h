@@ -29,4 +29,8 @@ inline constexpr std::uint64_t maxGeneratedPrefixes = 4'000'000;
 // Throws RangeError over maxGeneratedPrefixes.
 std::vector<IpGenPrefix> generatePrefixes(std::uint64_t count, std::uint64_t seed);
 
+// That many different host prefixes (/32 or /128) inside `within`, which is not empty, sorted; the same for the same
+// arguments on every machine. Throws RangeError when there are not so many, and over maxGeneratedPrefixes.
+std::vector<IpGenPrefix> generateHosts(std::uint64_t count, const IpGenPrefix& within, std::uint64_t seed);
+
 }  // namespace Tools

@@ -1,7 +1,6 @@
 // routecache rib: the routing process's side. It writes the configured routes and their vias, and leaves.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <iostream>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <optional>
@@ -12,6 +11,7 @@
 #include "tools/Common.h"
 #include "tools/NexthopSets.h"
 #include "tools/PrefixList.h"
+#include "tools/PrefixSource.h"
 #include "tools/Progress.h"
 #include "tools/RibWriter.h"
 
@@ -35,9 +35,7 @@ struct RibOptions {
   std::string runDir;
   bool json = false;
   // load
-  std::string file;
-  std::uint64_t generate = 0;
-  std::uint64_t seed = 1;
+  PrefixSource source;
   std::string vrfs = "1";
   std::string vtepBase = "10.255.0.1";
   std::uint32_t vteps = 1;
@@ -52,13 +50,6 @@ struct RibOptions {
   std::optional<std::uint64_t> viaKey;
   bool all = false;
 };
-
-// Text to value; the option is named in what is thrown.
-template <class T>
-T optionValue(const char* option, std::string_view text) {
-  if (auto value = Platform::TextForm<T>::from(text)) return *std::move(value);
-  throw BadText(std::string(option) + ": '" + std::string(text) + "' is not " + Platform::TextForm<T>::what);
-}
 
 std::uint32_t checkedVrfId(const char* option, std::uint32_t vrfId) {
   if (vrfId < Routing::Rib::noVrfId) return vrfId;
@@ -95,15 +86,6 @@ TunnelOptions tunnelOptions(const TunnelText& text) {
   return tunnel;
 }
 
-std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
-  std::vector<IpGenPrefix> prefixes;
-  for (const std::string& text : texts) {
-    prefixes.push_back(Platform::fromText<IpGenPrefix>(text));
-    if (prefixes.back().isEmpty()) throw BadText("'' is not an IP prefix");
-  }
-  return prefixes;
-}
-
 // Opens the tables of the run directory, does the work on them and tells what it came to.
 template <class Work>
 RibCounts withRib(const RibOptions& options, Work&& work) {
@@ -115,15 +97,6 @@ RibCounts withRib(const RibOptions& options, Work&& work) {
   return rib.counts();
 }
 
-void tell(const RibOptions& options, const nlohmann::ordered_json& summary, const std::string& text) {
-  std::cout << (options.json ? summary.dump() : text) << std::endl;
-}
-
-// "1 route", "2 routes".
-std::string counted(std::size_t count, const std::string& what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 // What a change did beyond what was asked for, as the rest of a sentence.
 std::string sideEffects(const RibCounts& counts) {
   std::string text;
@@ -133,11 +106,6 @@ std::string sideEffects(const RibCounts& counts) {
 }
 
 // --- load ------------------------------------------------------------------------------------------------------------
-
-PrefixList prefixesToLoad(const RibOptions& options) {
-  if (options.generate != 0) return {generatePrefixes(options.generate, options.seed), 0};
-  return readPrefixList(options.file);
-}
 
 // The n-th prefix goes to the n-th VRF and takes the n-th next-hop set, both in turn. The sets shift by one each time
 // the two turns come out even, so that every VRF meets every set.
@@ -157,13 +125,11 @@ RibChange spread(const std::vector<IpGenPrefix>& prefixes, const std::vector<std
 }
 
 void load(const RibOptions& options) {
-  if (options.file.empty() == (options.generate == 0)) {
-    throw BadText("rib load takes either a list of prefixes or --generate");
-  }
+  checkPrefixSource(options.source);
   const auto vrfs = vrfIds(options.vrfs);
   const NexthopSets sets({optionValue<IpGenAddr>("--vtep-base", options.vtepBase), options.vteps, options.paths,
                           options.sets, tunnelOptions(options.tunnel)});
-  const PrefixList list = prefixesToLoad(options);
+  const PrefixList list = prefixesFrom(options.source);
   const RibChange change = spread(list.prefixes, vrfs, sets);
   const auto ipv4 = static_cast<std::size_t>(std::ranges::count_if(list.prefixes, &IpGenPrefix::isV4));
   const auto counts = withRib(options, [&](RibWriter& rib) { rib.apply(change, options.capacity); });
@@ -174,7 +140,7 @@ void load(const RibOptions& options) {
                      counted(change.vias.size(), "via") + ", " + std::to_string(counts.viasWritten) +
                      " of them new or changed" + sideEffects(counts);
   if (list.duplicates != 0) text += "; " + counted(list.duplicates, "duplicate prefix line") + ", the last one counts";
-  tell(options,
+  tell(options.json,
        {{"routes", counts.routesWritten},
         {"ipv4Routes", ipv4},
         {"ipv6Routes", list.prefixes.size() - ipv4},
@@ -212,7 +178,7 @@ void add(const RibOptions& options) {
     change.routes.erase(std::unique(change.routes.begin(), change.routes.end(), sameKey), change.routes.end());
     rib.apply(change, options.capacity);
   });
-  tell(options,
+  tell(options.json,
        {{"routes", counts.routesWritten},
         {"viasWritten", counts.viasWritten},
         {"viasRemoved", counts.viasRemoved},
@@ -237,12 +203,9 @@ void del(const RibOptions& options) {
       return named.contains(key);
     });
   });
-  tell(options, {{"routesRemoved", counts.routesRemoved}, {"viasRemoved", counts.viasRemoved}},
+  tell(options.json, {{"routesRemoved", counts.routesRemoved}, {"viasRemoved", counts.viasRemoved}},
        "removed " + counted(counts.routesRemoved, "route") + sideEffects(counts));
-  if (!missing.empty()) {
-    const std::string others = missing.size() == 1 ? "" : ", nor " + counted(missing.size() - 1, "other");
-    throw std::runtime_error("there was no route " + Platform::toText(*missing.begin()) + others);
-  }
+  checkNoneMissing(missing);
 }
 
 // --- The command line ------------------------------------------------------------------------------------------------
@@ -265,10 +228,7 @@ void addWriteOptions(CLI::App& command, RibOptions& options) {
 void addLoad(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   RibOptions& options = *shared;
   CLI::App* command = rib.add_subcommand("load", "Write a list of prefixes as routes, spread over VRFs and VTEPs");
-  command->add_option("FILE", options.file, "Prefixes, one a line, plain or gzip; - is standard input");
-  command->add_option("--generate", options.generate, "Make up this many IPv4 prefixes instead")
-      ->check(CLI::PositiveNumber);
-  command->add_option("--seed", options.seed, "Another seed, other prefixes")->capture_default_str();
+  addPrefixSource(*command, options.source);
   command->add_option("--vrfs", options.vrfs, "VRF ids to take in turn, such as 1-64 or 1,5,7")->capture_default_str();
   command->add_option("--vtep-base", options.vtepBase, "Address of the first VTEP")->capture_default_str();
   command->add_option("--vteps", options.vteps, "Number of VTEPs, address by address")->capture_default_str();

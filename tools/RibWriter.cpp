@@ -2,48 +2,9 @@
 
 #include <algorithm>
 
+#include "tools/TableWriting.h"
+
 namespace Tools {
-
-namespace {
-
-using Pondra::MountKind;
-
-template <class T>
-std::shared_ptr<T> mountToRead(Pondra::TableService& tables, const char* path) {
-  tables.mount(path, T::typeName, MountKind::keyedReader);
-  return tables.get<T>(path);
-}
-
-// The table as writer. One that does not exist and gets no entries is left alone: it stays an empty reader's table.
-template <class T>
-void mountToWrite(Pondra::TableService& tables, const char* path, std::shared_ptr<T>& table, std::uint32_t capacity) {
-  if (!table->mounted() && capacity == 0) return;
-  table.reset();
-  tables.unmount(path);
-  tables.mount(path, T::typeName, MountKind::writer, Pondra::CollectionInfo{T::collectionName, capacity});
-  table = tables.get<T>(path);
-}
-
-// The capacity for a table that gets these keys: the one given, else the one it has; more, with some room to grow, when
-// none is given and that is not enough. 0 for a table that does not exist and gets nothing.
-template <class T, class Keys>
-std::uint32_t capacityFor(const T& table, const Keys& keys, std::uint32_t given, const char* path) {
-  const auto present = static_cast<std::uint32_t>(table.capacity());
-  if (keys.empty()) return present;
-  const std::uint32_t limit = given != 0 ? given : present;
-  std::uint64_t needed = table.size() + keys.size();
-  if (needed > limit) {
-    for (const auto& key : keys) needed -= table.has(key) ? 1U : 0U;
-  }
-  if (needed <= limit) return limit;
-  if (given != 0) {
-    throw RangeError(std::string(path) + ": a capacity of " + std::to_string(given) + " does not hold " +
-                     std::to_string(needed) + " entries");
-  }
-  return static_cast<std::uint32_t>(std::max<std::uint64_t>(1024, needed + needed / 8));
-}
-
-}  // namespace
 
 RibWriter::RibWriter(Pondra::TableService& tables, Progress progress)
     : tables_(tables),

@@ -1,0 +1,131 @@
+// `routecache simulate` as a person meets it.
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+using testing::HasSubstr;
+
+namespace {
+
+struct Outcome {
+  std::string text;  // standard output and standard error
+  int exitCode = -1;
+};
+
+class SimulateTest : public testing::Test {
+ protected:
+  SimulateTest() {
+    std::filesystem::create_directories(directory);
+    std::ifstream example(ROUTECACHE_EXAMPLES "/caching.json");
+    auto caching = nlohmann::json::parse(example);
+    caching["routecache/capability"]["hwRouteTableSize"] = 1000;
+    std::ofstream(directory + "/small.json") << caching;
+    caching["routing/hardware/status"]["hwRouteCachingEnabled"] = false;
+    std::ofstream(directory + "/uncached.json") << caching;
+  }
+  ~SimulateTest() override { std::filesystem::remove_all(directory); }
+
+  // Arguments as a shell takes them.
+  static Outcome simulate(const std::string& arguments) {
+    Outcome outcome;
+    FILE* command = popen((ROUTECACHE_COMMAND " simulate " + arguments + " 2>&1").c_str(), "r");
+    char character = 0;
+    while (std::fread(&character, 1, 1, command) == 1) outcome.text += character;
+    const int status = pclose(command);
+    outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+  }
+  Outcome inProcess(const std::string& more) const {
+    return simulate("--in-process --agent " ROUTECACHE_AGENT " --scenario " + directory + "/small.json --routes 4000 " +
+                    more);
+  }
+  static std::string contentOf(const std::string& file) {
+    std::ostringstream text;
+    text << std::ifstream(file).rdbuf();
+    return text.str();
+  }
+
+  const std::string directory = "/tmp/simulate-test-" + std::to_string(getpid());
+};
+
+TEST_F(SimulateTest, TheSameRunGivesTheSameBytes) {
+  const std::string settings =
+      "--duration 300 --interval 20 --hw-rate 500 --sfe-rate 1000 --drift 0.1 --flash-crowd 60:60:0.4:50 "
+      "--scan-attack 200:300 --yardsticks --out " +
+      directory;
+  const Outcome first = inProcess(settings + "/first.json");
+  const Outcome second = inProcess(settings + "/second.json");
+  EXPECT_EQ(first.exitCode, 0) << first.text;
+  EXPECT_EQ(first.text, second.text);
+  EXPECT_EQ(contentOf(directory + "/first.json"), contentOf(directory + "/second.json"));
+  EXPECT_NE(inProcess(settings + "/other.json --seed 2").text, first.text);
+
+  const auto report = nlohmann::json::parse(contentOf(directory + "/first.json"));
+  ASSERT_EQ(report["intervals"].size(), 15U);
+  std::map<std::string, std::uint64_t> sums;
+  for (const auto& row : report["intervals"]) {
+    EXPECT_LE(row["hwRoutes"], 1000);
+    for (const char* name : {"packets", "admissions", "evictions", "readmissions", "unroutable"}) {
+      sums[name] += row[name].get<std::uint64_t>();
+    }
+  }
+  for (const auto& [name, sum] : sums) EXPECT_EQ(report["total"][name], sum) << name;
+  EXPECT_EQ(sums["packets"], 300U * 10'000 + 3600) << "the law's, and one for each of the cold nine tenths";
+  EXPECT_EQ(sums["admissions"] - sums["evictions"], report["intervals"].back()["hwRoutes"]);
+  for (const auto& yardstick : report["yardsticks"]) {
+    EXPECT_EQ(yardstick["packets"], sums["packets"]);
+    EXPECT_LE(yardstick["hwShare"], report["yardsticks"].back()["hwShare"]) << "nothing beats the optimum";
+  }
+  EXPECT_EQ(report["yardsticks"].size(), 3U);
+}
+
+TEST_F(SimulateTest, FlowsAreReplayedAndEndTheRun) {
+  std::ofstream(directory + "/flows.csv")
+      << "time,VRF,destination,packets\n0.5,red,192.0.2.1,3\n39.95,default,192.0.2.1,4\n";
+  const Outcome run = inProcess("--flows " + directory + "/flows.csv --interval 20 --out " + directory + "/rows.csv");
+  EXPECT_EQ(run.exitCode, 0) << run.text;
+  EXPECT_EQ(contentOf(directory + "/rows.csv"),
+            "time,packets,hwShare,hwRoutes,utilisation,admissions,evictions,readmissions,unroutable,sfeHitRoutes\n"
+            "20.0,3,0.00,850,85.0,850,0,0,3,0\n"
+            "40.0,4,0.00,850,85.0,0,0,0,4,0\n")
+      << run.text;
+}
+
+TEST_F(SimulateTest, MisuseIsOneLineAndExitCodeTwo) {
+  const std::string scenario = " --agent " ROUTECACHE_AGENT " --scenario " + directory;
+  const struct {
+    const char* what;
+    std::string arguments;
+    const char* says;
+  } cases[] = {
+      {"no scenario", "--in-process", "--scenario"},
+      {"a run directory of its own", "--in-process --run-dir /tmp/x", "--run-dir"},
+      {"a scenario for a running agent", "--scenario x.json", "--in-process"},
+      {"caching off", "--in-process" + scenario + "/uncached.json", "hwRouteCachingEnabled"},
+      {"more hosts than there are", "--in-process --routes 300 --within 10.0.0.0/24" + scenario + "/small.json", "300"},
+      {"no prefix", "--in-process --within ten" + scenario + "/small.json", "--within"},
+      {"rows of another kind", "--out rows.txt", "--out"},
+      {"a crowd that lacks a number", "--flash-crowd 1:2:0.5", "--flash-crowd"},
+      {"a scan of words", "--scan-attack soon:fast", "--scan-attack"},
+      {"two kinds of traffic", "--flows x.csv --exponent 1", "--exponent"},
+      {"a share over 1", "--in-process --routes 10 --drift 2" + scenario + "/small.json", "drift"},
+      {"no time at all", "--duration 0", "--duration"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Outcome outcome = simulate(c.arguments);
+    EXPECT_EQ(outcome.exitCode, 2);
+    EXPECT_THAT(outcome.text, HasSubstr(c.says));
+    EXPECT_EQ(outcome.text.find('\n'), outcome.text.size() - 1) << outcome.text;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+#include "tools/AgentHost.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "linux/PlatformTypes.h"
+#include "linux/Scenario.h"
+#include "tools/AgentLibrary.h"
+
+namespace Tools {
+
+namespace {
+
+LinuxPlatform::PathTypes allPathTypes() {
+  LinuxPlatform::PathTypes types = LinuxPlatform::platformPathTypes();
+  types["routecache/config"] = "RouteCache::Config";
+  types["routecache/cliconfig"] = "RouteCache::CliConfig";
+  types["routecache/capability"] = "RouteCache::Capability";
+  return types;
+}
+
+std::string traceDirectory(const std::string& runDir) {
+  const char* given = std::getenv("ZEPHLOGDIR");
+  return given != nullptr && *given != '\0' ? given : runDir;
+}
+
+}  // namespace
+
+AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler,
+                     std::function<void()> deliveryWanted)
+    : scheduler_(scheduler),
+      agentName_(settings.agentName),
+      traceFile_(settings.traceFile),
+      trace_(traceDirectory(settings.runDir)),
+      stateDb_(entityTypes_, scheduler),
+      tables_(settings.runDir, tableTypes_, std::move(deliveryWanted)),
+      agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
+  if (!traceFile_) trace_.levels().defaultIs(-1);
+  for (const auto& option : settings.trace) trace_.levels().optionIs(option);
+  LinuxPlatform::addPlatformTypes(entityTypes_, tableTypes_);
+  agent_->registerTypes(entityTypes_, tableTypes_, vocabulary_);
+  loadScenario(settings.scenario);
+  tables_.corruptionHandlerIs(
+      [this](const std::string& path, const std::string& what) { reportCorruption(path, what); });
+}
+
+void AgentHost::loadScenario(const std::string& file) {
+  stateDb_.entitiesAre(LinuxPlatform::readScenario(file, entityTypes_, allPathTypes()));
+  const auto entity = [this]<class T>(const char* path, const char* typeName) {
+    auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
+    if (!typed) throw LinuxPlatform::ScenarioError(std::string(path) + ": the resolver wants a " + typeName + " here");
+    return typed;
+  };
+  resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
+      entity.operator()<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
+      entity.operator()<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
+      entity.operator()<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
+      scheduler_);
+}
+
+// Lasting damage is met again and again: it is told once.
+void AgentHost::reportCorruption(const std::string& path, const std::string& what) {
+  constexpr std::size_t mostLines = 1000;
+  if (corruptionSeen_.size() >= mostLines || !corruptionSeen_.emplace(path, what).second) return;
+  std::fprintf(stderr, "routecache: table %s is damaged: %s\n", path.c_str(), what.c_str());
+}
+
+void AgentHost::start(std::function<void()> ready) {
+  Platform::AgentServices services;
+  services.stateDb = &stateDb_;
+  services.tables = &tables_;
+  services.scheduler = &scheduler_;
+  services.trace = &trace_;
+  services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
+    stateDb_.localEntityIs(path, std::move(entity));
+  };
+  services.environment = [this](const char* name) {
+    if (!traceFile_ && std::string_view(name) == "ZEPHLOG_DISABLE") return "1";
+    return static_cast<const char*>(std::getenv(name));
+  };
+  agent_->servicesIs(services);
+  stateDb_.afterMountsIs(std::move(ready));
+  agent_->doInit();
+}
+
+void AgentHost::stop() {
+  agent_.reset();
+  tables_.flush();
+}
+
+}  // namespace Tools

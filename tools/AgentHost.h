@@ -1,0 +1,69 @@
+// Everything that an agent works with, but for the clock: types, state database, shared tables, trace, resolver. The
+// launcher gives it an event loop, a simulation virtual time.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "linux/SharedTable.h"
+#include "linux/StateDb.h"
+#include "linux/TraceFile.h"
+#include "linux/UnderlayResolver.h"
+#include "platform/AgentBase.h"
+#include "platform/TaskScheduler.h"
+
+namespace Tools {
+
+struct AgentHostSettings {
+  std::string scenario;  // file
+  std::string runDir;
+  std::string agentLibrary;
+  std::string agentName = "RouteCache";
+  std::vector<std::string> trace;  // level options, as `routecache run --trace` takes them
+  bool traceFile = true;           // false: the agent is told to do without
+};
+
+// One agent from its library. Its owner delivers the table changes (tables().deliverChanges) and flushes.
+class AgentHost {
+ public:
+  // Loads the library and the scenario; the run directory exists. `deliveryWanted` is as SharedTableService has it. The
+  // scheduler outlives the host. Throws BadText for a bad scenario or trace option, std::runtime_error for a library
+  // that cannot be loaded.
+  AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler,
+            std::function<void()> deliveryWanted);
+  AgentHost(const AgentHost&) = delete;
+  AgentHost& operator=(const AgentHost&) = delete;
+
+  // Starts the agent; the rest of its start-up is a matter of the scheduler. `ready` is called when that is over.
+  void start(std::function<void()> ready);
+  // Destroys the agent and wakes who follows its tables.
+  void stop();
+
+  LinuxPlatform::EmbeddedStateDb& stateDb() { return stateDb_; }
+  LinuxPlatform::SharedTableService& tables() { return tables_; }
+  const std::string& agentName() const { return agentName_; }
+
+ private:
+  void loadScenario(const std::string& file);
+  void reportCorruption(const std::string& path, const std::string& what);
+
+  // In the order of their making; the agent goes first.
+  Platform::TaskScheduler& scheduler_;
+  std::string agentName_;
+  bool traceFile_;
+  LinuxPlatform::FileTraceFacility trace_;
+  Lattis::EntityTypes entityTypes_;
+  Platform::TableTypes tableTypes_;
+  Platform::TraceVocabulary vocabulary_;
+  LinuxPlatform::EmbeddedStateDb stateDb_;
+  LinuxPlatform::SharedTableService tables_;
+  std::set<std::pair<std::string, std::string>> corruptionSeen_;
+  std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
+  std::unique_ptr<Platform::AgentBase> agent_;
+};
+
+}  // namespace Tools

@@ -1,0 +1,48 @@
+// Text files with one entry a line, plain or gzip.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+struct gzFile_s;
+
+namespace Tools {
+
+// Reads a file's entries in their order. Every failure is a BadText of one line that names the file.
+class LineReader {
+ public:
+  // "-" is standard input. Throws when the file cannot be opened.
+  explicit LineReader(const std::string& file);
+
+  // The next line that holds something besides blanks and a comment ('#' and all behind it), without these; valid until
+  // the next call. False behind the last one. A line longer than any sensible one arrives cut, so that a file without
+  // line ends does not fill the memory. Throws when the file cannot be read to its end.
+  bool next(std::string_view& entry);
+
+  // Throws BadText("FILE:LINE: <what>") for the entry read last.
+  [[noreturn]] void refuse(const std::string& what) const;
+
+ private:
+  struct Close {
+    void operator()(gzFile_s* file) const;
+  };
+
+  bool nextLine();
+  void checkEnd() const;
+  [[noreturn]] void fail(const char* what) const;
+
+  std::string name_;
+  std::unique_ptr<gzFile_s, Close> file_;
+  std::string line_;
+  std::size_t lineNumber_ = 0;
+};
+
+// The text without blanks around it.
+std::string_view trimmed(std::string_view text);
+
+// What somebody wrote, in single quotes and fit for one line of a terminal: no control bytes, cut when long.
+std::string quoted(std::string_view text);
+
+}  // namespace Tools

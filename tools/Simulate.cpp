@@ -1,0 +1,217 @@
+// `routecache simulate`: the forwarding plane and its traffic, beside a running agent or together with one in virtual
+// time.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "linux/SharedTable.h"
+#include "linux/TaskScheduler.h"
+#include "tools/AgentLibrary.h"
+#include "tools/Commands.h"
+#include "tools/Common.h"
+#include "tools/ControlClient.h"
+#include "tools/Simulation.h"
+#include "tools/TableDelivery.h"
+#include "tools/TrafficOptions.h"
+#include "tools/VirtualSwitch.h"
+
+namespace Tools {
+
+namespace {
+
+using Platform::BadText;
+
+struct SimulateOptions {
+  SimulationSettings simulation;
+  TrafficOptions traffic;
+  std::optional<double> tick;
+  std::string runDir;
+  bool inProcess = false;
+  VirtualSwitchSettings virtualSwitch;
+};
+
+// --- Beside a running agent ------------------------------------------------------------------------------------------
+
+// Waits until the agent, its tables and configured routes are there; then forwards until it is stopped.
+class ForwardingProcess {
+ public:
+  explicit ForwardingProcess(const SimulateOptions& options);
+  void run();
+
+ private:
+  void handleStart();
+  std::string whatIsMissing();
+  SwitchVrfs vrfs() const;
+
+  const SimulateOptions& options_;
+  LinuxPlatform::EventLoop loop_;
+  Platform::TableTypes types_;
+  LinuxPlatform::SharedTableService tables_;
+  TableDelivery delivery_;
+  std::unique_ptr<Platform::Task> startTask_;
+  std::string waitsFor_;
+  TrafficInputs inputs_;
+  std::optional<Simulation> simulation_;
+};
+
+constexpr double startInterval = 0.5;  // seconds between two looks
+
+ForwardingProcess::ForwardingProcess(const SimulateOptions& options)
+    : options_(options),
+      types_(allTableTypes()),
+      tables_(options.runDir, types_, [this] { delivery_.wanted(); }),
+      delivery_(loop_, tables_),
+      startTask_(loop_.taskIs("simulationStartTask", Platform::TaskPriority::processing, [this] { handleStart(); })) {}
+
+SwitchVrfs ForwardingProcess::vrfs() const {
+  return SwitchVrfs([this](const std::string& path, const SwitchVrfs::Field& field) {
+    askAgent(options_.runDir, {{"op", "get"}, {"path", path}}, [&field](const Json& line) {
+      if (line.contains("value")) field(line.value("field", ""), line.value("value", ""));
+    });
+  });
+}
+
+// Empty: nothing; then inputs_ is complete.
+std::string ForwardingProcess::whatIsMissing() {
+  if (!Simulator::ForwardingPlane::tablesExist(tables_)) return "the agent's tables";
+  try {
+    inputs_ = trafficInputs(tables_, vrfs());
+  } catch (const std::exception& error) {
+    return std::string("the agent: ") + error.what();
+  }
+  return inputs_.destinations.empty() && options_.traffic.flows.empty() ? "configured host routes" : "";
+}
+
+void ForwardingProcess::handleStart() {
+  const std::string missing = whatIsMissing();
+  if (!missing.empty()) {
+    if (missing != waitsFor_) std::cerr << "routecache: waiting for " << missing << std::endl;
+    waitsFor_ = missing;
+    startTask_->scheduleWithin(startInterval);
+    return;
+  }
+  simulation_.emplace(tables_, loop_, trafficFrom(options_.traffic, std::move(inputs_)), options_.simulation);
+  simulation_->whenOverIs([this] { loop_.stop(); });
+}
+
+void ForwardingProcess::run() {
+  loop_.stopOnSignals();
+  startTask_->scheduleWithin(0);
+  loop_.run();
+  if (simulation_) simulation_->finish();
+}
+
+// --- In virtual time -------------------------------------------------------------------------------------------------
+
+volatile std::sig_atomic_t interrupted = 0;
+
+void interrupt(int /*signal*/) {
+  interrupted = 1;
+}
+
+void simulateInProcess(const SimulateOptions& options) {
+  constexpr double stride = 1;  // virtual seconds between two looks at the end
+  std::signal(SIGINT, interrupt);
+  std::signal(SIGTERM, interrupt);
+  VirtualSwitch virtualSwitch(options.virtualSwitch);
+  auto traffic = trafficFrom(options.traffic, trafficInputs(virtualSwitch.planeTables(), virtualSwitch.vrfs()));
+  if (!Simulator::ForwardingPlane::tablesExist(virtualSwitch.planeTables())) {
+    throw std::runtime_error("the agent made no tables");
+  }
+  Simulation simulation(virtualSwitch.planeTables(), virtualSwitch.scheduler(), std::move(traffic), options.simulation);
+  virtualSwitch.tablesAreComplete();
+  bool over = false;
+  simulation.whenOverIs([&over] { over = true; });
+  while (!over && interrupted == 0) virtualSwitch.scheduler().advance(stride);
+  simulation.finish();
+}
+
+// --- The command line ------------------------------------------------------------------------------------------------
+
+void simulate(const SimulateOptions& given) {
+  constexpr double defaultDuration = 3600;  // seconds of virtual time
+  SimulateOptions options = given;
+  rowFormatOf(options.simulation.out);
+  zipfSettings(options.traffic);
+  options.simulation.forwarding.tick = options.tick.value_or(options.inProcess ? 0.1 : 0.02);
+  if (!options.inProcess) {
+    ForwardingProcess(options).run();
+    return;
+  }
+  if (options.virtualSwitch.scenario.empty()) throw BadText("--in-process takes a --scenario");
+  if (!options.simulation.duration && options.traffic.flows.empty()) options.simulation.duration = defaultDuration;
+  options.virtualSwitch.seed = options.traffic.zipf.seed;
+  simulateInProcess(options);
+}
+
+void addPlaneOptions(CLI::App& command, SimulateOptions& options) {
+  auto& forwarding = options.simulation.forwarding;
+  command
+      .add_option("--hw-capacity", forwarding.hardware.capacity, "Routes in hardware (default: its table's capacity)")
+      ->check(CLI::PositiveNumber);
+  command
+      .add_option("--hw-rate", forwarding.hardware.routesPerSecond, "Routes per second that hardware programs; 0: all")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command.add_option("--sfe-rate", forwarding.sfe.routesPerSecond, "Routes per second that the SFE programs; 0: all")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  command.add_option("--sfe-idle", forwarding.sfe.idleTime, "Seconds without a hit until the SFE forgets it")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  command.add_option("--tick", options.tick, "Seconds of traffic in one go (default 0.02, in process 0.1)")
+      ->check(CLI::Range(0.001, 10.0));
+}
+
+void addReportOptions(CLI::App& command, SimulateOptions& options) {
+  command
+      .add_option("--duration", options.simulation.duration,
+                  "Seconds (default: until stopped or the flows end; in process 3600)")
+      ->check(CLI::PositiveNumber);
+  command.add_option("--interval", options.simulation.interval, "Seconds between two lines")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  command.add_option("--out", options.simulation.out, "Also to this file, .csv or .json")->type_name("FILE");
+  command.add_flag("--yardsticks", options.simulation.yardsticks,
+                   "Tell in the end what LRU, LFU and the optimum in hindsight make of the traffic");
+}
+
+void addInProcessOptions(CLI::App& command, SimulateOptions& options) {
+  auto* inProcess =
+      command.add_flag("--in-process", options.inProcess, "An agent of its own, in this process and in virtual time");
+  command.get_option("--run-dir")->excludes(inProcess);
+  auto& virtualSwitch = options.virtualSwitch;
+  command.add_option("--scenario", virtualSwitch.scenario, "The agent's scenario")->type_name("FILE")->needs(inProcess);
+  command.add_option("--routes", virtualSwitch.routes, "Host routes to configure")
+      ->check(CLI::PositiveNumber)
+      ->needs(inProcess)
+      ->capture_default_str();
+  command.add_option("--within", virtualSwitch.within, "Where they lie: the cached prefix of every VRF")
+      ->type_name("PREFIX")
+      ->needs(inProcess)
+      ->capture_default_str();
+  command.add_option("--agent", virtualSwitch.agentLibrary, "The agent's library")
+      ->type_name("LIB")
+      ->needs(inProcess)
+      ->capture_default_str();
+}
+
+}  // namespace
+
+void addSimulateCommand(CLI::App& app, ToolContext& /*context*/) {
+  const auto options = std::make_shared<SimulateOptions>();
+  options->virtualSwitch.agentLibrary = defaultAgentLibrary();
+  CLI::App* command = app.add_subcommand("simulate", "Play the forwarding plane, hardware and software, with traffic");
+  addRunDirOption(*command, options->runDir);
+  addReportOptions(*command, *options);
+  addPlaneOptions(*command, *options);
+  addTrafficOptions(*command, options->traffic);
+  addInProcessOptions(*command, *options);
+  command->footer("Example: routecache simulate --in-process --scenario examples/caching.json --duration 600");
+  command->callback([options] { simulate(*options); });
+}
+
+}  // namespace Tools
