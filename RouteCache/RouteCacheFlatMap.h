@@ -12,9 +12,9 @@
 
 namespace RouteCache {
 
-// A set of small values that name their key by KeyOf. Open addressing with linear probing. Entries move when others
-// come and go, so nothing points into it for longer than until the next insert or erase. Memory is returned when the
-// set has become empty.
+// A set of small values that name their key by KeyOf: the key lies in the value, or where the value says. Open
+// addressing with linear probing. Entries move when others come and go, so nothing points into it for longer than until
+// the next insert or erase. Memory is returned when the set has become empty.
 //
 // Growing is spread out: the array that has become too small stays beside its successor, and every insertion carries a
 // few of its slots over.
@@ -25,6 +25,8 @@ class FlatTable {
   static_assert(std::is_trivially_copyable_v<Value>);
 
  public:
+  explicit FlatTable(KeyOf keyOf = KeyOf()) : keyOf_(keyOf) {}
+
   std::size_t size() const { return current_.used + old_.used; }
   bool empty() const { return size() == 0; }
 
@@ -37,10 +39,14 @@ class FlatTable {
 
   // Inserts unless the key is there; returns what is there then, and whether it is new.
   std::pair<Value*, bool> insert(const Value& value) {
-    if (Value* found = find(KeyOf()(value))) return {found, false};
+    if (Value* found = find(keyOf_(value))) return {found, false};
+    return {add(value), true};
+  }
+  // Inserts a value whose key is known not to be there.
+  Value* add(const Value& value) {
     carryOver(slotsPerInsertion);
     if ((current_.used + 1) * 4 > current_.size() * 3) grow(current_.size() == 0 ? 16 : current_.size() * 2);
-    return {place(value), true};
+    return place(value);
   }
 
   bool erase(const Key& key) {
@@ -99,16 +105,16 @@ class FlatTable {
     std::size_t used = 0;
   };
 
-  static Value* findIn(Array& array, const Key& key) {
+  Value* findIn(Array& array, const Key& key) {
     if (array.used == 0) return nullptr;
     for (std::size_t i = array.home(key); array.states[i] != State::empty; i = array.next(i)) {
-      if (array.states[i] == State::full && KeyOf()(array.values.get()[i]) == key) return array.values.get() + i;
+      if (array.states[i] == State::full && keyOf_(array.values.get()[i]) == key) return array.values.get() + i;
     }
     return nullptr;
   }
 
   Value* place(const Value& value) {
-    std::size_t i = current_.home(KeyOf()(value));
+    std::size_t i = current_.home(keyOf_(value));
     while (current_.states[i] != State::empty) i = current_.next(i);
     current_.states[i] = State::full;
     ++current_.used;
@@ -137,7 +143,7 @@ class FlatTable {
   // Takes the entry out of the current array: each entry whose probe path crosses the hole moves into it.
   void closeGap(std::size_t hole) {
     for (std::size_t i = current_.next(hole); current_.states[i] != State::empty; i = current_.next(i)) {
-      const std::size_t wanted = current_.home(KeyOf()(current_.values.get()[i]));
+      const std::size_t wanted = current_.home(keyOf_(current_.values.get()[i]));
       const bool crosses = hole <= i ? (wanted <= hole || wanted > i) : (wanted <= hole && wanted > i);
       if (!crosses) continue;
       current_.values.get()[hole] = current_.values.get()[i];
@@ -146,6 +152,7 @@ class FlatTable {
     current_.states[hole] = State::empty;
   }
 
+  [[no_unique_address]] KeyOf keyOf_;
   Array current_;
   Array old_;
   std::size_t carried_ = 0;  // slots of old_ that have been carried over

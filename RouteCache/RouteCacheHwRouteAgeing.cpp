@@ -83,29 +83,25 @@ bool HwRouteSm::scanSlices() {
   return true;
 }
 
+// A route that hardware reports under its slice's value is done with one look-up: routes leave their slices when they
+// leave the table.
 void HwRouteSm::scanRoute(const Key& key, std::uint16_t slice) {
+  const auto hit = in_.ipv4HwHitBitStatus->routeHitBit(key);
+  const std::uint16_t reported =
+      hit ? getHitbitTimeSlice(static_cast<std::uint8_t>(std::min<std::uint32_t>(hit->hitbit(), timeSliceMax)))
+          : std::max(slice, timeSliceNewAdditions);
+  if (reported == slice) {
+    slices_->passDue();
+    return;
+  }
   const auto route = in_.ipv4HwRouteStatus->route(key);
   if (!route) {
     slices_->remove(key);
     return;
   }
-  const auto hit = in_.ipv4HwHitBitStatus->routeHitBit(key);
-  if (!hit) {
-    if (slice <= timeSliceMax) {
-      slices_->file(key, timeSliceNewAdditions);
-    } else {
-      slices_->passDue();
-    }
-    return;
-  }
-  const std::uint16_t reported =
-      getHitbitTimeSlice(static_cast<std::uint8_t>(std::min<std::uint32_t>(hit->hitbit(), timeSliceMax)));
-  if (reported == slice) {
-    slices_->passDue();
-    return;
-  }
-  trace_(8, "oldTs: ", slice, " newTs: ", reported, " ", key.prefix(), " vrfId: ", key.vrfId());
   slices_->file(key, reported);
+  if (!hit) return;
+  trace_(8, "oldTs: ", slice, " newTs: ", reported, " ", key.prefix(), " vrfId: ", key.vrfId());
   if (!route->inHw()) confirmInHw(*route, reported);
 }
 
@@ -214,7 +210,6 @@ std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
   return removed;
 }
 
-// The key stays in its slice: the next scan drops it there.
 bool HwRouteSm::ageRoute(const Key& key, std::uint16_t slice) {
   if (routeToProcess_.has(key)) return false;
   const auto route = in_.ipv4HwRouteStatus->route(key);
@@ -259,12 +254,15 @@ void HwRouteSm::checkSlices() const {
     filed += coll->size();
   }
   PLATFORM_ASSERT_TEXT(filed == slices_->size(), "every key is in one slice");
+  std::size_t inTable = 0;
   for (const Ipv4Route& route : *in_.ipv4HwRouteStatus) {
     const Key& key = route.key();
     const bool decided = slices_->sliceOf(key) != timeSliceInvalid;
+    if (decided) ++inTable;
     PLATFORM_ASSERT_TEXT(decided || routeToProcess_.has(key) || hwWalk_.willMeet(key) || sfeWalk_.willMeet(key),
                          "a hardware route is in a slice or still to be decided");
   }
+  PLATFORM_ASSERT_TEXT(inTable == slices_->size(), "what is in a slice is in the hardware table");
 }
 
 }  // namespace RouteCache

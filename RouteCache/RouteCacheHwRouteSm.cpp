@@ -423,6 +423,7 @@ void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
 
 void HwRouteSm::removeHwRoute(const Key& key) {
   in_.ipv4HwRouteStatus->routeDel(key);
+  slices_->remove(key);
   released_.erase(key);
   ipv4PrefixHwSpaceLeftInc(1);
 }

@@ -16,7 +16,7 @@
 // Invariants, between any two callbacks (checkInvariants):
 //   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
 //   - the published figure is the space left plus hwSpaceBuffer;
-//   - every entry of the hardware table is in one time slice or has its first decision still to come;
+//   - every entry of the hardware table is in one time slice or has its first decision still to come; nothing else is;
 //   - what ageing took inHw from is in the hardware table without it.
 #pragma once
 

@@ -24,6 +24,10 @@ class KeyRings {
   using Node = std::uint32_t;
   static constexpr Node none = 0xFFFFFFFF;
 
+  KeyRings() : index_(KeyOf{&nodes_}) {}
+  KeyRings(const KeyRings&) = delete;
+  KeyRings& operator=(const KeyRings&) = delete;
+
   std::size_t size() const { return index_.size(); }
   bool empty() const { return index_.empty(); }
   const Key& key(Node node) const { return nodes_[node].key; }
@@ -31,20 +35,19 @@ class KeyRings {
   const Data& data(Node node) const { return nodes_[node].data; }
 
   Node find(const Key& key) const {
-    const NodeRef* ref = index_.find(key);
-    return ref == nullptr ? none : ref->node;
+    const Node* node = index_.find(key);
+    return node == nullptr ? none : *node;
   }
   // The key's node; a new key is in no ring yet.
   Node insert(const Key& key) {
-    const auto [ref, isNew] = index_.insert({key, none});
-    if (!isNew) return ref->node;
+    if (const Node* present = index_.find(key)) return *present;
     const Node node = freeNodes_ == none ? nodes_.add() : std::exchange(freeNodes_, nodes_[freeNodes_].links.next);
     nodes_[node] = Entry{key, {}, {}};
-    return ref->node = node;
+    return *index_.add(node);
   }
   void erase(Node node) {
     unlink(node);
-    index_.erase(nodes_[node].key);
+    index_.erase(Key(nodes_[node].key));
     nodes_[node].links.next = std::exchange(freeNodes_, node);
     if (index_.empty() && nodes_.size() > worthReturning) clearKeys();
   }
@@ -113,13 +116,6 @@ class KeyRings {
     Links links;  // in the free list: the next free node in `next`
     [[no_unique_address]] Data data;
   };
-  struct NodeRef {
-    Key key;
-    Node node = none;
-  };
-  struct KeyOf {
-    const Key& operator()(const NodeRef& ref) const { return ref.key; }
-  };
   // Nodes in blocks, so that growing moves none of them.
   class Blocks {
    public:
@@ -141,13 +137,18 @@ class KeyRings {
     Node size_ = 0;
   };
 
+  struct KeyOf {
+    const Blocks* nodes;
+    const Key& operator()(Node node) const { return (*nodes)[node].key; }
+  };
+
   static Node linked(Node node) { return (node & headBit) != 0 ? none : node; }
   Links& links(Node node) { return (node & headBit) != 0 ? heads_[node & ~headBit] : nodes_[node].links; }
   const Links& links(Node node) const { return const_cast<KeyRings*>(this)->links(node); }
 
   Blocks nodes_;
   Node freeNodes_ = none;
-  FlatTable<NodeRef, Key, KeyOf> index_;
+  FlatTable<Node, Key, KeyOf> index_;  // the keys lie in the nodes
   std::vector<Links> heads_;
   std::vector<Node> freeHeads_;
 };

@@ -21,7 +21,7 @@ inline constexpr std::uint16_t timeSliceNewAdditions = 256;       // written to 
 inline constexpr std::uint16_t timeSliceNewAdditionsToDel = 257;  // the same, and to go at the next ageing run
 inline constexpr std::uint16_t timeSliceInvalid = 258;            // none; as the scan's position: the scan is complete
 
-// All slices over one index of keys. 40 to 60 bytes a route.
+// All slices over one index of keys. 30 to 40 bytes a route.
 //
 // A slice is visited one key at a time: the visit takes the keys that are in the slice when it begins, each once, in
 // the order of their filing, whatever is filed or removed meanwhile. One visit at a time.

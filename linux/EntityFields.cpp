@@ -27,8 +27,10 @@ const CollectionField& collectionOf(const Entity& entity, const std::string& nam
   refuseUnknown(entity, name);
 }
 
+// In quotes, as messages have it.
 std::string entryText(const FieldStep& step) {
-  return step.name + "[" + *step.key + "]";
+  std::string text = "'";
+  return text.append(step.name).append("[").append(*step.key).append("]'");
 }
 
 const std::string& keyOf(const FieldStep& step) {
@@ -48,9 +50,9 @@ Way walkTo(const std::shared_ptr<Entity>& entity, const std::vector<FieldStep>& 
     const std::shared_ptr<Entity> holder = way.entities.back();
     const CollectionField& collection = collectionOf(*holder, steps[i].name);
     const std::string& key = keyOf(steps[i]);
-    if (!collection.child) refuse("'" + entryText(steps[i]) + "' is a value, it has no fields");
+    if (!collection.child) refuse(entryText(steps[i]) + " is a value, it has no fields");
     std::shared_ptr<Entity> child = collection.child(*holder, key);
-    if (!child && (!make || !collection.childIs)) refuse("no entry '" + entryText(steps[i]) + "'");
+    if (!child && (!make || !collection.childIs)) refuse("no entry " + entryText(steps[i]));
     if (!child) {
       child = collection.childIs(*holder, key);
       if (!way.undo) way.undo = [holder, &collection, key] { collection.del(*holder, key); };
@@ -80,12 +82,12 @@ std::function<void()> setEntry(const std::shared_ptr<Entity>& holder, const Fiel
   const CollectionField& collection = collectionOf(*holder, step.name);
   const std::string& key = *step.key;
   if (collection.childIs) {
-    if (value) refuse("'" + entryText(step) + "' is an entity: set its fields");
+    if (value) refuse(entryText(step) + " is an entity: set its fields");
     if (collection.child(*holder, key)) return [] {};
     collection.childIs(*holder, key);
   } else {
     if (!collection.set) refuse("'" + step.name + "' is read only");
-    if (!value) refuse("'" + entryText(step) + "' wants a value");
+    if (!value) refuse(entryText(step) + " wants a value");
     const std::optional<std::string> old = collection.get(*holder, key);
     collection.set(*holder, key, *value);
     if (old) return [holder, &collection, key, old] { collection.set(*holder, key, *old); };
@@ -157,7 +159,7 @@ void delField(const std::shared_ptr<Entity>& entity, std::string_view field) {
   const CollectionField& collection = collectionOf(holder, step.name);
   const std::string& key = keyOf(step);
   if (!collection.del) refuse("'" + step.name + "' is read only");
-  if (!collection.del(holder, key)) refuse("no entry '" + entryText(step) + "'");
+  if (!collection.del(holder, key)) refuse("no entry " + entryText(step));
 }
 
 // --- Walking ---------------------------------------------------------------------------------------------------------
@@ -186,13 +188,13 @@ FieldWalk::FieldWalk(std::shared_ptr<Entity> entity, std::string_view field) {
   const CollectionField& collection = collectionOf(*holder, step.name);
   if (collection.child) {
     std::shared_ptr<Entity> child = collection.child(*holder, *step.key);
-    if (!child) refuse("no entry '" + entryText(step) + "'");
+    if (!child) refuse("no entry " + entryText(step));
     first_ = Item{std::string(field), std::nullopt};
     frames_.push_back({std::move(child), std::string(field) + ".", 0, 0, nullptr, {}, 0});
     return;
   }
   auto value = collection.get(*holder, *step.key);
-  if (!value) refuse("no entry '" + entryText(step) + "'");
+  if (!value) refuse("no entry " + entryText(step));
   first_ = Item{std::string(field), std::move(value)};
 }
 

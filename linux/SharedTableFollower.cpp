@@ -7,8 +7,7 @@ namespace LinuxPlatform {
 void ChangeFollower::start(const TableView& view) {
   view_ = view;
   cursor_ = view.headSequence();  // first: what changes during the walk is told once more
-  told_.clear();
-  keys_.clear();
+  forgetAll();
   SlotSnapshot contents;
   const std::uint32_t end = view.image().highWater();
   for (std::uint32_t slot = 0; slot < end; ++slot) {
@@ -23,11 +22,20 @@ void ChangeFollower::restart(const TableView& view) {
   for (std::uint32_t slot = 0; slot < told_.size(); ++slot) {
     if (knownLive(slot)) departed_.push_back(knownKey(slot));
   }
-  told_.clear();
-  keys_.clear();
   view_ = view;
+  forgetAll();
   cursor_ = view.headSequence();
   scanAll();
+}
+
+// Room for every slot there can be is taken at once: memory that is not touched costs nothing, and growing later would
+// copy all of it in one go.
+void ChangeFollower::forgetAll() {
+  const TableGeometry& geometry = view_->image().geometry();
+  told_.clear();
+  keys_.clear();
+  told_.reserve(geometry.slots);
+  keys_.reserve(std::size_t{geometry.slots} * geometry.keyWordCount);
 }
 
 void ChangeFollower::seen(const Entry& entry) {

@@ -47,6 +47,7 @@ class ChangeFollower {
   // unless it has been told since its change.
   bool tellSlot(std::uint32_t slot, const KeyWords* changed, const Tell& tell);
   void scanAll();
+  void forgetAll();
 
   const DamageReport* report_;
   std::optional<TableView> view_;
