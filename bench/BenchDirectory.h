@@ -1,6 +1,7 @@
 // A directory of its own for one measurement.
 #pragma once
 
+#include <ctime>
 #include <string>
 
 namespace Bench {
@@ -23,5 +24,17 @@ std::string defaultParentDirectory();
 
 // Seconds of the clock that all processes of the machine share.
 double monotonicSeconds();
+
+// Seconds since it was made, by that clock and by this process's time on a processor, which other work on the machine
+// does not add to.
+class Stopwatch {
+ public:
+  double seconds() const { return monotonicSeconds() - start_; }
+  double cpuSeconds() const { return static_cast<double>(std::clock() - cpuStart_) / CLOCKS_PER_SEC; }
+
+ private:
+  double start_ = monotonicSeconds();
+  std::clock_t cpuStart_ = std::clock();
+};
 
 }  // namespace Bench

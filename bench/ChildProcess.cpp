@@ -3,12 +3,15 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -16,8 +19,12 @@
 namespace Bench {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : name_(arguments.front()) {
-  std::array<int, 2> ends;
+  std::array<int, 2> ends;    // of its output
+  std::array<int, 2> spoken;  // of its input: a socket, so that telling one that has ended is no signal
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, spoken.data()) != 0) {
+    throw std::system_error(errno, std::generic_category(), "socketpair");
+  }
   std::vector<std::string> words{"/proc/self/exe"};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
@@ -26,9 +33,12 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : name_(ar
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, spoken[1], STDIN_FILENO);
   const int fault = posix_spawn(&pid_, words.front().c_str(), &actions, nullptr, pointers.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(ends[1]);
+  ::close(spoken[1]);
+  input_ = spoken[0];
   output_ = ::fdopen(ends[0], "r");
   if (fault != 0) {
     pid_ = -1;
@@ -42,6 +52,12 @@ ChildProcess::~ChildProcess() {
     ::waitpid(pid_, nullptr, 0);
   }
   if (output_ != nullptr) std::fclose(output_);
+  if (input_ >= 0) ::close(input_);
+}
+
+void ChildProcess::tell(const std::string& line) {
+  const std::string whole = line + "\n";
+  ::send(input_, whole.data(), whole.size(), MSG_NOSIGNAL);
 }
 
 nlohmann::json ChildProcess::report() {
@@ -60,9 +76,25 @@ void ChildProcess::stop() {
 }
 
 void ChildProcess::wait() {
+  ::close(std::exchange(input_, -1));
   int status = 0;
   ::waitpid(std::exchange(pid_, -1), &status, 0);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(name_ + ": the process failed");
+}
+
+nlohmann::json residentMemory() {
+  nlohmann::json found = nlohmann::json::object();
+  std::ifstream status("/proc/self/status");
+  for (std::string name; status >> name;) {
+    std::uint64_t kilobytes = 0;
+    if (name == "VmRSS:" || name == "VmHWM:" || name == "RssAnon:" || name == "RssFile:" || name == "RssShmem:") {
+      status >> kilobytes;
+      name.pop_back();
+      found[name] = kilobytes * 1024;
+    }
+    status.ignore(1024, '\n');
+  }
+  return found;
 }
 
 }  // namespace Bench

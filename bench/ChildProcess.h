@@ -1,4 +1,5 @@
-// Another process of the same program, which reports in lines of JSON on its standard output.
+// Another process of the same program, which reports in lines of JSON on its standard output, and may be told things in
+// lines on its standard input.
 #pragma once
 
 #include <sys/types.h>
@@ -19,9 +20,12 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  // One line on its standard input. A process that has ended hears nothing: that it has, the next report tells.
+  void tell(const std::string& line);
   // The next report; throws std::runtime_error when the process has ended instead.
   nlohmann::json report();
-  // Asks it to end (SIGTERM), or lets it come to its own end, and waits; throws std::runtime_error when it failed.
+  // Asks it to end (SIGTERM), or lets it come to its own end (its standard input ends), and waits; throws
+  // std::runtime_error when it failed.
   void stop();
   void wait();
 
@@ -29,6 +33,10 @@ class ChildProcess {
   std::string name_;
   pid_t pid_ = -1;
   std::FILE* output_ = nullptr;
+  int input_ = -1;
 };
+
+// For a report: this process's lines of /proc/self/status that speak of resident memory, in bytes.
+nlohmann::json residentMemory();
 
 }  // namespace Bench

@@ -3,13 +3,13 @@
 #include <sys/epoll.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "RouteCache/RouteCacheAgent.h"
 #include "bench/BenchDirectory.h"
+#include "bench/ChildProcess.h"
 #include "linux/PlatformTypes.h"
 #include "linux/Scenario.h"
 #include "linux/SharedTable.h"
@@ -23,22 +23,6 @@ namespace Bench {
 namespace {
 
 using nlohmann::json;
-
-// The lines of /proc/self/status that speak of resident memory, in bytes.
-json memory() {
-  json found = json::object();
-  std::ifstream status("/proc/self/status");
-  for (std::string name; status >> name;) {
-    std::uint64_t kilobytes = 0;
-    if (name == "VmRSS:" || name == "VmHWM:" || name == "RssAnon:" || name == "RssFile:" || name == "RssShmem:") {
-      status >> kilobytes;
-      name.pop_back();
-      found[name] = kilobytes * 1024;
-    }
-    status.ignore(1024, '\n');
-  }
-  return found;
-}
 
 // Wired as the launcher does it, without what operators need. The members stand in the order of their making.
 class AgentProcess {
@@ -159,9 +143,12 @@ bool AgentProcess::settled() const {
 
 void AgentProcess::tell(const char* event) const {
   const double now = monotonicSeconds();
-  json report = {{"event", event},     {"published", agent_->ipv4RouteStatus()->size()},
-                 {"at", now},          {"seconds", now - start_},
-                 {"memory", memory()}, {"tasks", json::array()}};
+  json report = {{"event", event},
+                 {"published", agent_->ipv4RouteStatus()->size()},
+                 {"at", now},
+                 {"seconds", now - start_},
+                 {"memory", residentMemory()},
+                 {"tasks", json::array()}};
   for (const auto& task : loop_.statistics()) {
     if (task.runs == 0) continue;
     report["tasks"].push_back({{"name", task.name},

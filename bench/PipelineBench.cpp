@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "RouteCache/RouteCacheTables.h"
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
+#include "bench/Figures.h"
 #include "bench/PipelineAgent.h"
 #include "bench/PipelineWorkload.h"
 #include "linux/SharedTable.h"
@@ -121,53 +121,23 @@ class Reader {
 
 // --- The measurements ------------------------------------------------------------------------------------------------
 
-// What each phase came to, one value for each run.
-class Figures {
- public:
-  void add(const std::string& phase, const std::string& figure, double value) {
-    values_[phase][figure].push_back(value);
-  }
-  void addAgent(const std::string& phase, double seconds, std::size_t routes, const json& report);
-  bool has(const std::string& phase) const { return values_.contains(phase); }
-  double median(const std::string& phase, const std::string& figure) const;
-  json asJson() const;
-
- private:
-  std::map<std::string, std::map<std::string, std::vector<double>>> values_;
-};
-
-void Figures::addAgent(const std::string& phase, double seconds, std::size_t routes, const json& report) {
+// What an agent reported at the end of a phase.
+void addAgent(Figures& figures, const std::string& phase, double seconds, std::size_t routes, const json& report) {
   const auto perRoute = static_cast<double>(routes);
-  add(phase, "seconds", seconds);
-  add(phase, "routesPerSecond", perRoute / seconds);
+  figures.add(phase, "seconds", seconds);
+  figures.add(phase, "routesPerSecond", perRoute / seconds);
   for (const auto& [name, bytes] : report["memory"].items()) {
-    add(phase, name + "PerRoute", bytes.get<double>() / perRoute);
+    figures.add(phase, name + "PerRoute", bytes.get<double>() / perRoute);
   }
   double longest = 0;
   for (const auto& task : report["tasks"]) {
     const double held = task["longestSeconds"];
     const std::string name = task["name"];
-    add(phase, "held:" + name, held);
+    figures.add(phase, "held:" + name, held);
     if (name != "stateDbMountTask") longest = std::max(longest, held);
-    if (name == "stateDbMountTask") add(phase, "startHeldSeconds", held);
+    if (name == "stateDbMountTask") figures.add(phase, "startHeldSeconds", held);
   }
-  add(phase, "heldSeconds", longest);
-}
-
-double Figures::median(const std::string& phase, const std::string& figure) const {
-  auto sorted = values_.at(phase).at(figure);
-  std::ranges::sort(sorted);
-  return sorted[sorted.size() / 2];
-}
-
-json Figures::asJson() const {
-  json all;
-  for (const auto& [phase, figures] : values_) {
-    for (const auto& [figure, values] : figures) {
-      all[phase][figure] = {{"median", median(phase, figure)}, {"runs", values}};
-    }
-  }
-  return all;
+  figures.add(phase, "heldSeconds", longest);
 }
 
 class Measurement {
@@ -203,7 +173,7 @@ class Measurement {
 
     ChildProcess first(arguments("agent", directory, {"--target", all}));
     const json loaded = first.report();
-    figures_.addAgent("load", loaded["seconds"], routes, loaded);
+    addAgent(figures_, "load", loaded["seconds"], routes, loaded);
     Reader reader(directory.path());
     reader.check(routes, adjacencies());
     first.stop();
@@ -211,7 +181,7 @@ class Measurement {
     const auto before = reader.changes();
     ChildProcess second(arguments("agent", directory, {"--target", all, "--target", "0"}));
     const json restarted = second.report();
-    figures_.addAgent("restart", restarted["seconds"], routes, restarted);
+    addAgent(figures_, "restart", restarted["seconds"], routes, restarted);
     second.report();  // walked
     figures_.add("restart", "changedEntries", static_cast<double>(reader.changes() - before));
 
@@ -219,7 +189,7 @@ class Measurement {
     const json written = rib.report();
     rib.wait();
     const json withdrawn = second.report();
-    figures_.addAgent("withdraw", withdrawn["at"].get<double>() - written["start"].get<double>(), routes, withdrawn);
+    addAgent(figures_, "withdraw", withdrawn["at"].get<double>() - written["start"].get<double>(), routes, withdrawn);
     figures_.add("withdraw", "writerSeconds", written["end"].get<double>() - written["start"].get<double>());
     reader.check(0, 0);
     second.stop();
@@ -236,7 +206,7 @@ class Measurement {
     rib.wait();
     const json loaded = agent.report();
     const double seconds = loaded["at"].get<double>() - written["start"].get<double>();
-    figures_.addAgent("load while running", seconds, routes, loaded);
+    addAgent(figures_, "load while running", seconds, routes, loaded);
     figures_.add("load while running", "writerSeconds", written["end"].get<double>() - written["start"].get<double>());
     Reader(directory.path()).check(routes, adjacencies());
     agent.stop();

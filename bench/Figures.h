@@ -1,0 +1,29 @@
+// What measurements came to: one value of each figure for each run.
+#pragma once
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+namespace Bench {
+
+class Figures {
+ public:
+  void add(const std::string& phase, const std::string& figure, double value) {
+    values_[phase][figure].push_back(value);
+  }
+  bool has(const std::string& phase) const { return values_.contains(phase); }
+  bool has(const std::string& phase, const std::string& figure) const {
+    return has(phase) && values_.at(phase).contains(figure);
+  }
+  // Of the figure's values, which must be there.
+  double median(const std::string& phase, const std::string& figure) const;
+  // {phase: {figure: {"median": x, "runs": [...]}}}
+  nlohmann::json asJson() const;
+
+ private:
+  std::map<std::string, std::map<std::string, std::vector<double>>> values_;
+};
+
+}  // namespace Bench
