@@ -208,10 +208,11 @@ void Agent::startStateMachines() {
 }
 
 // A predecessor with caching off has published to the hardware's table alone. With caching on a hardware route that the
-// SFE does not have is removed: its routes stand in both tables before anybody decides about them.
+// SFE does not have is removed: its routes stand in both tables before anybody decides about them. That holds also for
+// a life that was cut short in the middle of this. What is not configured any more goes with the route sync.
 void Agent::fillSfeTable() {
-  if (ipv4SfeRouteStatus_->size() > 0) return;
   for (const RouteCache::Ipv4Route& route : *ipv4HwRouteStatus_) {
+    if (ipv4SfeRouteStatus_->has(route.key())) continue;
     if (!ipv4SfeRouteStatus_->hasRoom()) return;
     ipv4SfeRouteStatus_->routeIs(route);
   }

@@ -145,6 +145,8 @@ void HwRouteSm::checkHwRouteAgeing() {
   const auto pending = static_cast<std::uint32_t>(in_.ipv4SfeHitBitStatus->size());
   Ageing run;
   run.toRemove = std::max(static_cast<std::uint32_t>(std::uint64_t{excess} * capacity_ / 100), pending);
+  // Those of earlier runs that wait for the SFE are on their way already.
+  run.toRemove -= std::min(run.toRemove, static_cast<std::uint32_t>(released_.size()));
   // With no route waiting, only what has been idle for the low level's time goes.
   run.top = lowThresholdIdleTimeSlice_;
   if (pending > 0 && perc >= highThresholdHwUtilPercentage_) {

@@ -34,6 +34,16 @@ class HwRouteSm::ThresholdReactor final : public CliConfig::Reactor {
   HwRouteSm& sm_;
 };
 
+class HwRouteSm::ConfigReactor final : public Config::Reactor {
+ public:
+  ConfigReactor(HwRouteSm& sm, std::shared_ptr<const Config> config) : Reactor(std::move(config)), sm_(sm) {}
+  // What the SFE programmed while nobody listened.
+  void handleAgeingKeepsRoute() override { sm_.handleSwProgrammedRoute(); }
+
+ private:
+  HwRouteSm& sm_;
+};
+
 // Keeps one TrieReactor for each trie.
 class HwRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reactor {
  public:
@@ -145,6 +155,7 @@ void HwRouteSm::handleInitialized() {
   scheduleHwHitbitScanTask(hwHitbitScanInterval_);
 
   thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
+  configReactor_ = std::make_unique<ConfigReactor>(*this, in_.routeCacheConfig);
   swRouteReactor_ = std::make_unique<TableReactor<Ipv4RouteStatus>>(*this, in_.ipv4SfeRouteStatus,
                                                                     KeyHandler{&HwRouteSm::handleSwRoute});
   sfeHitReactor_ = std::make_unique<TableReactor<Ipv4HitBitStatus>>(*this, in_.ipv4SfeHitBitStatus,
@@ -188,11 +199,17 @@ const Lattis::EntityType& HwRouteSm::entityType() const {
 }
 
 std::string HwRouteSm::fault() const {
-  if (!(routeProcessingInterval_ >= 0)) return "routeProcessingInterval is at least 0 seconds";
-  // What comes again and again must not come at once.
-  if (!(routeProcessingIntervalDefer_ > 0)) return "routeProcessingIntervalDefer must be above 0 seconds";
-  if (!(hwHitbitScanInterval_ > 0) || std::isinf(hwHitbitScanInterval_)) {
-    return "hwHitbitScanInterval must be above 0 seconds and finite";
+  // What comes again and again must come, and must not come at once.
+  constexpr double shortest = 0.001;
+  const struct {
+    const char* name;
+    double seconds, least;
+  } intervals[] = {{"routeProcessingInterval", routeProcessingInterval_, 0},
+                   {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, shortest},
+                   {"hwHitbitScanInterval", hwHitbitScanInterval_, shortest}};
+  for (const auto& interval : intervals) {
+    if (std::isfinite(interval.seconds) && interval.seconds >= interval.least) continue;
+    return std::string(interval.name) + " is a finite number of seconds, at least " + Platform::toText(interval.least);
   }
   if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity_) {
     return "hwSpaceBuffer " + std::to_string(hwSpaceBuffer_) + " is too large: with the capacity of " +
@@ -366,39 +383,40 @@ std::uint32_t HwRouteSm::sfeHitbit(const Key& key) const {
 }
 
 bool HwRouteSm::checkRouteAddEligibility(const Key& key) const {
-  if (ipv4PrefixHwSpaceLeft_ == 0) return false;
-  return !isRouteCacheable(key) || isBelowLowLevel() || sfeHitbit(key) != 0;
+  return isEligible(key, isRouteCacheable(key));
 }
 
-// The same for a route that is being decided; where the answer is no, puts the key where it waits.
-bool HwRouteSm::admits(const Key& key, const Ipv4Route& sfeRoute) {
-  const bool hasRoom = ipv4PrefixHwSpaceLeft_ > 0;
-  if (!isCacheable(key, sfeRoute)) {
-    if (hasRoom) return true;
+bool HwRouteSm::isEligible(const Key& key, bool cacheable) const {
+  return ipv4PrefixHwSpaceLeft_ > 0 && (!cacheable || isBelowLowLevel() || sfeHitbit(key) != 0);
+}
+
+// Puts the key of a route that hardware does not get where it waits.
+void HwRouteSm::leaveOut(const Key& key, bool cacheable) {
+  if (!cacheable) {
     routeToProcess_.waitingKeyIs(key);
     if (sfeRouteHitToProcess_.has(key)) sfeRouteHitToProcess_.waitingKeyIs(key);
     scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
-    return false;
+    return;
   }
-  if (hasRoom && isBelowLowLevel()) return true;
-  const bool isHit = sfeHitbit(key) != 0;
-  if (hasRoom && isHit) return true;
   routeToProcess_.keyDel(key);
-  if (isHit) {
+  if (sfeHitbit(key) != 0) {
     // Its hit bit may never change again: nothing but this queue would bring it back.
     sfeRouteHitToProcess_.waitingKeyIs(key);
     scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
   } else {
     sfeRouteHitToProcess_.keyDel(key);
   }
-  return false;
 }
 
 void HwRouteSm::processRoute(const Key& key) {
   trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
   if (const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key)) {
     const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
-    if (!hwRoute && !admits(key, *sfeRoute)) return;
+    const bool cacheable = !hwRoute && isCacheable(key, *sfeRoute);
+    if (!hwRoute && !isEligible(key, cacheable)) {
+      leaveOut(key, cacheable);
+      return;
+    }
     if (!hwRoute || hwRoute->adjId() != sfeRoute->adjId()) writeHwRoute(*sfeRoute, !hwRoute);
     slices_->file(key, timeSliceNewAdditions);
   } else if (in_.ipv4HwRouteStatus->has(key)) {
@@ -448,7 +466,11 @@ void HwRouteSm::handleRouteProcessing() {
   std::uint64_t handled = 0;
   const bool more = workOff(routeProcessingTask_, handled, [this] { return processNextRoute(); });
   routeProcessingTask_.report(handled, routeToProcess_.size());
-  if (more) {
+  // Prefixes that keep going prolong a walk as long as they do: the scan, of lower priority, gets its turns meanwhile.
+  constexpr double walkPause = 0.001;
+  if (more && !routeToProcess_.hasFresh()) {
+    scheduleRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
+  } else if (more) {
     scheduleRouteProcessingTask(routeProcessingInterval_);
   } else if (!routeToProcess_.empty()) {
     scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
@@ -460,15 +482,20 @@ bool HwRouteSm::processNextRoute() {
   if (const auto fresh = routeToProcess_.freshKey()) {
     processRoute(*fresh);
   } else if (hwWalk_.pending()) {
-    if (const auto key = hwWalk_.step()) processRoute(*key);
+    processWalked(hwWalk_.step());
   } else if (sfeWalk_.pending()) {
-    if (const auto key = sfeWalk_.step()) processRoute(*key);
+    processWalked(sfeWalk_.step());
   } else if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) {
     processRoute(*routeToProcess_.waitingKey());
   } else {
     return false;
   }
   return true;
+}
+
+// A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
+void HwRouteSm::processWalked(const std::optional<Key>& key) {
+  if (key && slices_->sliceOf(*key) == timeSliceInvalid) processRoute(*key);
 }
 
 void HwRouteSm::handleSfeRouteHitProcessing() {
@@ -513,7 +540,8 @@ void HwRouteSm::processProgrammedRoute(const Key& key) {
   sfeProgrammedRouteToProcess_.keyDel(key);
   const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
   if (!hwRoute || hwRoute->inHw() || !in_.ipv4SfeProgrammedRouteStatus->has(key)) return;
-  if (slices_->sliceOf(key) == timeSliceNewAdditions && !released_.has(key)) return;
+  const std::uint16_t slice = slices_->sliceOf(key);  // none: the walk at start has not come to it yet
+  if ((slice == timeSliceNewAdditions || slice == timeSliceInvalid) && !released_.has(key)) return;
   trace_(6, " deleting prefix: ", key.prefix());
   removeHwRoute(key);
   // It may have been hit meanwhile, or have stopped to be a route that is aged: no change to come would tell.

@@ -111,7 +111,8 @@ class HwRouteSm final : public Lattis::Entity {
   std::uint16_t hwHitbitScanTimeSliceBookmark() const { return hwHitbitScanTimeSliceBookmark_; }
   // The zero key: from the slice's start.
   Key hwHitbitScanRouteBookmark() const;
-  // One ageing run. What does not fit into the time slice is continued by the scan task.
+  // One ageing run, as the scan task begins it when its scan is complete: what does not fit into the time slice, that
+  // task continues.
   void checkHwRouteAgeing();
   // Ages up to `count` routes of the slice, oldest filing first; returns how many it removed. Where the time slice ends
   // before, the next call for the same slice goes on.
@@ -141,12 +142,12 @@ class HwRouteSm final : public Lattis::Entity {
   // others still see room.
   std::uint32_t hwSpaceBuffer() const { return hwSpaceBuffer_; }
   void hwSpaceBufferIs(std::uint32_t entries);
-  // Seconds. The second, above 0, holds at or above the low level, and for keys that wait.
+  // Seconds, finite. The second, at least 0.001, holds at or above the low level, and for keys that wait.
   double routeProcessingInterval() const { return routeProcessingInterval_; }
   void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
   void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
-  double hwHitbitScanInterval() const { return hwHitbitScanInterval_; }  // between two full scans, above 0
+  double hwHitbitScanInterval() const { return hwHitbitScanInterval_; }  // between two full scans, at least 0.001
   void hwHitbitScanIntervalIs(double seconds);
 
   // The levels in force: percent, and the highest time slice that is aged.
@@ -174,6 +175,7 @@ class HwRouteSm final : public Lattis::Entity {
   template <class Table>
   class TableReactor;
   class ThresholdReactor;
+  class ConfigReactor;
   class VrfCachedRouteReactor;
   class TrieReactor;
 
@@ -198,11 +200,13 @@ class HwRouteSm final : public Lattis::Entity {
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
   bool isBelowLowLevel() const;
   std::uint32_t sfeHitbit(const Key& key) const;
-  bool admits(const Key& key, const Ipv4Route& sfeRoute);
+  bool isEligible(const Key& key, bool cacheable) const;
+  void leaveOut(const Key& key, bool cacheable);
   void writeHwRoute(const Ipv4Route& sfeRoute, bool isNew);
   void removeHwRoute(const Key& key);
   void publishSpace();
   bool processNextRoute();
+  void processWalked(const std::optional<Key>& key);
   bool processNextHit();
   void processProgrammedRoute(const Key& key);
 
@@ -262,6 +266,7 @@ class HwRouteSm final : public Lattis::Entity {
 
   // Last: they call back into all of the above.
   std::unique_ptr<ThresholdReactor> thresholdReactor_;
+  std::unique_ptr<ConfigReactor> configReactor_;
   std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
   std::unique_ptr<TableReactor<Ipv4HitBitStatus>> sfeHitReactor_;
   std::unique_ptr<TableReactor<Ipv4ProgrammedRouteStatus>> programmedReactor_;

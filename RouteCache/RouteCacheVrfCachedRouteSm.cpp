@@ -94,7 +94,8 @@ void VrfCachedRouteSm::startSweep(FamilyType& family, const char* taskName) {
   if (!family.routeStatus) return;
   family.sweepBookmark.reset();
   family.swept = 0;
-  family.sweepTask = std::make_unique<DeferredTask>(scheduler_, trace_, taskName, Platform::TaskPriority::processing,
+  // Ahead of the tasks that decide routes: until its prefix is in the trie, a route passes for one that is not cached.
+  family.sweepTask = std::make_unique<DeferredTask>(scheduler_, trace_, taskName, Platform::TaskPriority::delivery,
                                                     [this, &family] { handleFibSweep(family); });
   handleFibSweep(family);
 }

@@ -15,7 +15,7 @@ namespace Platform {
 // A lower number runs first among the tasks that are due; equal ones take turns.
 enum class TaskPriority : std::uint8_t {
   urgent = 1,      // the platform's own: control requests, signals
-  delivery = 2,    // the platform's own: changes of shared tables on their way to reactors
+  delivery = 2,    // changes of shared tables on their way to reactors, and whatever decisions must not overtake
   processing = 3,  // queues and syncs
   background = 4,  // scans, clean-ups, one-time work
 };

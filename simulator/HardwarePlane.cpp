@@ -92,7 +92,7 @@ void HardwarePlane::noteEviction(const RouteIndex::Key& key) {
   const double now = scheduler_.now();
   while (!recentEvictions_.empty() && now - recentEvictions_.front().time > readmissionTime) {
     const auto old = evictedAt_.find(recentEvictions_.front().key);
-    if (old->second == recentEvictions_.front().time) evictedAt_.erase(old);
+    if (old != evictedAt_.end() && old->second == recentEvictions_.front().time) evictedAt_.erase(old);
     recentEvictions_.pop_front();
   }
   recentEvictions_.push_back({key, now});

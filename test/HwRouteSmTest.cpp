@@ -859,4 +859,119 @@ TEST_P(HwRouteSmTest, HardwareCachingMayBeTurnedOnAndOffBetweenTwoLives) {
   EXPECT_EQ(sw.reader<RouteCache::Ipv4RouteStatus>("routecache/route/sfe/ipv4")->size(), 0u);
 }
 
+// --- Walks, restarts and slow neighbours -----------------------------------------------------------------------------
+
+TEST_P(HwRouteSmTest, APrefixThatComesAndGoesDoesNotPutOffAgeing) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  sw.addMany(cached, 0, 30);  // 17 of them get in unasked
+  for (int i = 20; i < 30; ++i) sw.sfeHit(cached(i), red, 255);
+  for (int i = 0; i < 12; ++i) {
+    sw.cachedPrefix("77.0.0.0/8", "red");
+    sw.advance(10);
+    sw.cachedPrefixGone("77.0.0.0/8", "red");
+    sw.advance(10);
+  }
+  for (int i = 20; i < 30; ++i) EXPECT_TRUE(sw.inTable(cached(i))) << cached(i);
+}
+
+TEST(HwRouteSmWalkTest, AWalkThatNeverEndsLeavesTurnsToTheScan) {
+  CachingSwitch sw(10, 1000);
+  sw.checkEveryRunIs(false);
+  constexpr int prefixes = 250;
+  const auto other = [](int i) { return "77.1." + std::to_string(i) + ".0/24"; };
+  for (int i = 0; i < prefixes; ++i) sw.cachedPrefix(other(i), "red");
+  sw.startUp();
+  sw.addMany(cached, 0, 500);
+  sw.advance(sw.untilScan() - 0.01);
+  const auto scans = [&] { return sw.task("hwHitbitScanTask").runs; };
+  // A lap takes fifty runs; another prefix goes within each.
+  const auto before = scans();
+  std::uint64_t runs = 0, meanwhile = 0;
+  int gone = 0;
+  sw.scheduler.afterRunIs([&] {
+    if (gone < prefixes && runs++ % 30 == 0) sw.cachedPrefixGone(other(gone++), "red");
+    if (gone == prefixes && meanwhile == 0) meanwhile = scans() - before;
+    sw.agentTables->pendingChanges();
+    sw.agentTables->deliverChanges([] { return false; });
+  });
+  sw.advance(60);
+  sw.scheduler.afterRunIs(nullptr);
+  ASSERT_EQ(gone, prefixes);
+  EXPECT_GE(meanwhile, 50u) << "500 routes, ten a run";
+}
+
+TEST_P(HwRouteSmTest, ARestartKnowsTheCachedPrefixesBeforeItDecides) {
+  CachingSwitch sw(GetParam(), 100);
+  sw.cachedPrefixGone("10.0.0.0/8", "red");
+  for (int i = 0; i < 200; ++i) sw.cachedPrefix("9.1." + std::to_string(i) + ".0/24", "red");
+  sw.cachedPrefix("10.0.0.0/8", "red");
+  sw.startUp();
+  sw.addMany(cached, 0, 150);
+  ASSERT_EQ(sw.hardware().size(), 85u);
+  sw.stop();
+  sw.startUp();
+  EXPECT_EQ(sw.hardware().size(), 85u) << "a route that is not known to be cached yet gets in at any level";
+}
+
+TEST_P(HwRouteSmTest, TurningCachingOnMayBeCutShort) {
+  CachingSwitch sw(GetParam(), 40);
+  sw.hwRouteCaching(false);
+  sw.startUp();
+  sw.addMany(cached, 0, 40);
+  sw.stop();
+  {
+    using RouteCache::Ipv4RouteStatus;
+    const char* path = "routecache/route/sfe/ipv4";
+    LinuxPlatform::SharedTableService tables(sw.directory.path(), sw.tableTypes);
+    tables.mount(path, Ipv4RouteStatus::typeName, Pondra::MountKind::writer, Pondra::CollectionInfo{"route", 10000});
+    const auto inHardware = sw.reader<Ipv4RouteStatus>("routecache/route/hw/ipv4");
+    for (int i = 0; i < 5; ++i) tables.get<Ipv4RouteStatus>(path)->routeIs(*inHardware->route(keyOf(cached(i))));
+  }
+  sw.hwRouteCaching(true);
+  sw.startUp();
+  sw.advance(30);
+  EXPECT_EQ(sw.hardware().size(), 40u);
+  EXPECT_EQ(sw.hwSm().admissions(), 0u);
+}
+
+TEST_P(HwRouteSmTest, ARestartDoesNotTakeWhatTheSfeHasProgrammedForReleased) {
+  CachingSwitch sw(GetParam(), 100);
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.startUp();
+  sw.addMany(cached, 0, 85);
+  for (int i = 85; i < 95; ++i) sw.sfeHit(cached(i), red, 255);
+  sw.addMany(cached, 85, 95);  // at the level: in hardware, not confirmed, and forwarded by the SFE until they are
+  for (int i = 85; i < 95; ++i) {
+    sw.sfeProgrammed(cached(i), red, true);
+    sw.sfeHit(cached(i), red, -1);
+  }
+  sw.settle();
+  ASSERT_EQ(sw.hardware().size(), 95u);
+  sw.stop();
+  sw.startUp();
+  EXPECT_EQ(sw.hardware().size(), 95u);
+}
+
+TEST_P(HwRouteSmTest, ASlowSfeDoesNotMakeAgeingReleaseMoreAndMore) {
+  CachingSwitch sw(GetParam(), 100);
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 60);
+  for (int i = 0; i < 60; ++i) sw.hwHit(cached(i), red, 10);
+  sw.scan();
+  sw.thresholds(55, 100, 100);  // at 60 percent: five routes too many
+  for (int round = 0; round < 4; ++round) {
+    sw.scan();
+    const auto hardware = sw.hardware();
+    EXPECT_EQ(std::count_if(hardware.begin(), hardware.end(), [](const auto& route) { return !route.second; }), 5);
+  }
+  for (const auto& [key, inHw] : sw.hardware()) {
+    if (!inHw) sw.sfeProgrammed(key.substr(0, key.find('@')), red, true);
+  }
+  sw.settle();
+  EXPECT_EQ(sw.hardware().size(), 55u);
+}
+
 }  // namespace

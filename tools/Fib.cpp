@@ -83,9 +83,9 @@ void load(const FibOptions& options) {
 void add(const FibOptions& options) {
   PrefixList list{prefixesOf(options.prefixes), 0};
   std::ranges::sort(list.prefixes);
-  const auto repeated = std::ranges::unique(list.prefixes);
-  list.duplicates = repeated.size();
-  list.prefixes.erase(repeated.begin(), repeated.end());
+  const auto repeated = std::unique(list.prefixes.begin(), list.prefixes.end());
+  list.duplicates = static_cast<std::size_t>(list.prefixes.end() - repeated);
+  list.prefixes.erase(repeated, list.prefixes.end());
   write(options, "added", list);
 }
 

@@ -133,6 +133,7 @@ void VirtualSwitch::writeInputs(const VirtualSwitchSettings& settings) {
   const auto step = [&progress] { progress.step(); };
   RibWriter(tables, step).apply(change);
   std::vector<L3::VrfName> names;
+  names.reserve(vrfs.size());
   for (const auto& vrf : vrfs) names.push_back(vrf.name);
   FibWriter(tables, names, step).apply({within}, std::nullopt);
 }
