@@ -1,29 +1,22 @@
 // `routecache simulate` as a person meets it.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 
+#include "test/support/Command.h"
+#include "test/support/TemporaryDirectory.h"
+
 using testing::HasSubstr;
 
 namespace {
 
-struct Outcome {
-  std::string text;  // standard output and standard error
-  int exitCode = -1;
-};
-
 class SimulateTest : public testing::Test {
  protected:
   SimulateTest() {
-    std::filesystem::create_directories(directory);
     std::ifstream example(ROUTECACHE_EXAMPLES "/caching.json");
     auto caching = nlohmann::json::parse(example);
     caching["routecache/capability"]["hwRouteTableSize"] = 1000;
@@ -31,21 +24,11 @@ class SimulateTest : public testing::Test {
     caching["routing/hardware/status"]["hwRouteCachingEnabled"] = false;
     std::ofstream(directory + "/uncached.json") << caching;
   }
-  ~SimulateTest() override { std::filesystem::remove_all(directory); }
 
-  // Arguments as a shell takes them.
-  static Outcome simulate(const std::string& arguments) {
-    Outcome outcome;
-    FILE* command = popen((ROUTECACHE_COMMAND " simulate " + arguments + " 2>&1").c_str(), "r");
-    char character = 0;
-    while (std::fread(&character, 1, 1, command) == 1) outcome.text += character;
-    const int status = pclose(command);
-    outcome.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-  }
   Outcome inProcess(const std::string& more) const {
-    return simulate("--in-process --agent " ROUTECACHE_AGENT " --scenario " + directory + "/small.json --routes 4000 " +
-                    more);
+    return Command("simulate --in-process --agent " ROUTECACHE_AGENT " --scenario " + directory +
+                   "/small.json --routes 4000 " + more)
+        .wait();
   }
   static std::string contentOf(const std::string& file) {
     std::ostringstream text;
@@ -53,7 +36,8 @@ class SimulateTest : public testing::Test {
     return text.str();
   }
 
-  const std::string directory = "/tmp/simulate-test-" + std::to_string(getpid());
+  const TemporaryDirectory temporary;
+  const std::string& directory = temporary.path();
 };
 
 TEST_F(SimulateTest, TheSameRunGivesTheSameBytes) {
@@ -63,10 +47,10 @@ TEST_F(SimulateTest, TheSameRunGivesTheSameBytes) {
       directory;
   const Outcome first = inProcess(settings + "/first.json");
   const Outcome second = inProcess(settings + "/second.json");
-  EXPECT_EQ(first.exitCode, 0) << first.text;
-  EXPECT_EQ(first.text, second.text);
+  EXPECT_EQ(first.exitCode, 0) << first.err;
+  EXPECT_EQ(first.out, second.out);
   EXPECT_EQ(contentOf(directory + "/first.json"), contentOf(directory + "/second.json"));
-  EXPECT_NE(inProcess(settings + "/other.json --seed 2").text, first.text);
+  EXPECT_NE(inProcess(settings + "/other.json --seed 2").out, first.out);
 
   const auto report = nlohmann::json::parse(contentOf(directory + "/first.json"));
   ASSERT_EQ(report["intervals"].size(), 15U);
@@ -91,12 +75,12 @@ TEST_F(SimulateTest, FlowsAreReplayedAndEndTheRun) {
   std::ofstream(directory + "/flows.csv")
       << "time,VRF,destination,packets\n0.5,red,192.0.2.1,3\n39.95,default,192.0.2.1,4\n";
   const Outcome run = inProcess("--flows " + directory + "/flows.csv --interval 20 --out " + directory + "/rows.csv");
-  EXPECT_EQ(run.exitCode, 0) << run.text;
+  EXPECT_EQ(run.exitCode, 0) << run.err;
   EXPECT_EQ(contentOf(directory + "/rows.csv"),
             "time,packets,hwShare,hwRoutes,utilisation,admissions,evictions,readmissions,unroutable,sfeHitRoutes\n"
             "20.0,3,0.00,850,85.0,850,0,0,3,0\n"
             "40.0,4,0.00,850,85.0,0,0,0,4,0\n")
-      << run.text;
+      << run.out;
 }
 
 TEST_F(SimulateTest, MisuseIsOneLineAndExitCodeTwo) {
@@ -121,10 +105,10 @@ TEST_F(SimulateTest, MisuseIsOneLineAndExitCodeTwo) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const Outcome outcome = simulate(c.arguments);
+    const Outcome outcome = Command("simulate " + c.arguments).wait();
     EXPECT_EQ(outcome.exitCode, 2);
-    EXPECT_THAT(outcome.text, HasSubstr(c.says));
-    EXPECT_EQ(outcome.text.find('\n'), outcome.text.size() - 1) << outcome.text;
+    EXPECT_THAT(outcome.err, HasSubstr(c.says));
+    EXPECT_TRUE(outcome.isOneComplaint()) << outcome.out << outcome.err;
   }
 }
 

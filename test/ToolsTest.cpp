@@ -2,18 +2,16 @@
 // run directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "linux/SharedTable.h"
+#include "test/support/Command.h"
+#include "test/support/TemporaryDirectory.h"
 #include "tools/Common.h"
 #include "tools/RibWriter.h"
 
@@ -27,32 +25,14 @@ using ::testing::StartsWith;
 
 class ToolsTest : public ::testing::Test {
  protected:
-  struct Result {
-    int exitCode = -1;
-    std::string out;
-    std::string err;
-  };
-
-  ToolsTest() { std::filesystem::create_directory(dir_); }
-  ~ToolsTest() override { std::filesystem::remove_all(dir_); }
-
-  std::string command(const std::string& arguments) const {
-    return std::string("'") + ROUTECACHE_COMMAND "' " + arguments + " --run-dir '" + dir_ + "/run'";
-  }
-  Result run(const std::string& arguments, const std::string& input = "") const {
-    std::ofstream(dir_ + "/in") << input;
-    const std::string redirected = command(arguments) + " <'" + dir_ + "/in' >'" + dir_ + "/out' 2>'" + dir_ + "/err'";
-    const int status = std::system(redirected.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents("out"), contents("err")};
+  std::string inRunDir(const std::string& arguments) const { return arguments + " --run-dir " + runDir; }
+  Outcome run(const std::string& arguments, const std::string& input = "") const {
+    return Command(inRunDir(arguments), input).wait();
   }
   json runJson(const std::string& arguments, const std::string& input = "") const {
-    const Result result = run(arguments + " --json", input);
+    const Outcome result = run(arguments + " --json", input);
     EXPECT_EQ(result.exitCode, 0) << result.err;
     return json::parse(result.out, nullptr, false);
-  }
-  std::string contents(const std::string& name) const {
-    std::ifstream file(dir_ + "/" + name);
-    return {std::istreambuf_iterator<char>(file), {}};
   }
   // The keys of a table in its order.
   std::vector<std::string> keys(const std::string& path, const std::string& arguments = "") const {
@@ -71,7 +51,8 @@ class ToolsTest : public ::testing::Test {
   const std::string v4 = Tools::ipv4RoutePath;
   const std::string v6 = Tools::ipv6RoutePath;
   const std::string vias = Tools::viaPath;
-  const std::string dir_ = ::testing::TempDir() + "tools." + std::to_string(::getpid());
+  const TemporaryDirectory directory;
+  const std::string runDir = directory.path() + "/run";
 };
 
 TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
@@ -117,18 +98,17 @@ TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
-    const Result result = run(c.arguments, c.input);
+    const Outcome result = run(c.arguments, c.input);
     EXPECT_EQ(result.exitCode, 2);
     EXPECT_THAT(result.err, HasSubstr(c.complaint));
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-    EXPECT_THAT(result.out, IsEmpty());
+    EXPECT_TRUE(result.isOneComplaint()) << result.out << result.err;
   }
   EXPECT_THAT(runJson("table list"), IsEmpty()) << "nothing of all this reached a table";
 }
 
 TEST_F(ToolsTest, WhatCannotBeDoneIsExitCodeOne) {
   run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
-  std::ofstream(dir_ + "/run/tables/torn.table") << "no table";
+  std::ofstream(runDir + "/tables/torn.table") << "no table";
   const struct {
     std::string arguments;
     const char* complaint;
@@ -142,7 +122,7 @@ TEST_F(ToolsTest, WhatCannotBeDoneIsExitCodeOne) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
-    const Result result = run(c.arguments);
+    const Outcome result = run(c.arguments);
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_THAT(result.err, HasSubstr(c.complaint));
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
@@ -228,12 +208,12 @@ TEST_F(ToolsTest, FibTablesChangeTogetherOrNotAtAll) {
   run("fib add 10.0.0.0/8 1::/16 --vrf red");
   EXPECT_EQ(run("fib add 11.0.0.0/8 2::/16 3::/16 --vrf red --capacity 2").exitCode, 2) << "IPv4 has the room";
   const Platform::TableTypes types = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService other(dir_ + "/run", types);
+  LinuxPlatform::SharedTableService other(runDir, types);
   other.mount("routing6/vrf/status/red", "Pondra::Fib6::RouteStatus", Pondra::MountKind::writer,
               Pondra::CollectionInfo{"route", 1024});
   for (const char* arguments : {"fib add 11.0.0.0/8 2::/16 --vrf red", "fib del --vrf red", "fib del --all"}) {
     SCOPED_TRACE(arguments);
-    const Result refused = run(arguments);
+    const Outcome refused = run(arguments);
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_THAT(refused.err, HasSubstr("routing6/vrf/status/red mount: another process is the table's writer"));
   }
@@ -246,7 +226,7 @@ TEST_F(ToolsTest, ShowWalksInKeyOrderFromAnyKey) {
   ASSERT_EQ(all.size(), 50U);
   EXPECT_THAT(keys(v4, "--from " + all[10] + " --limit 2"), ElementsAre(all[10], all[11]));
   EXPECT_THAT(keys(v4, "--from 0.0.0.0/0@4"), IsEmpty());
-  const Result text = run("table show " + v4 + " --limit 2");
+  const Outcome text = run("table show " + v4 + " --limit 2");
   EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2);
   EXPECT_THAT(text.out, StartsWith("Value('Routing::Rib::Route', ** {'key': " + all[0]));
 }
@@ -260,9 +240,9 @@ TEST_F(ToolsTest, AWriterAtWorkIsSeenAndRefusesASecondOne) {
     return json();
   };
   {
-    LinuxPlatform::SharedTableService tables(dir_ + "/run", types);
+    LinuxPlatform::SharedTableService tables(runDir, types);
     tables.mount(v4, "Routing::Rib::RouteConfig", Pondra::MountKind::writer, Pondra::CollectionInfo{"route", 77});
-    const Result second = run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
+    const Outcome second = run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
     EXPECT_EQ(second.exitCode, 1);
     EXPECT_THAT(second.err, HasSubstr(v4 + " mount: another process is the table's writer"));
     EXPECT_EQ(
@@ -274,63 +254,32 @@ TEST_F(ToolsTest, AWriterAtWorkIsSeenAndRefusesASecondOne) {
   EXPECT_EQ(runJson("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1")["routes"], 1);
 }
 
-// `table watch --json` in a process of its own.
-class Watch {
- public:
-  explicit Watch(const std::string& command) : stream_(popen(("echo $$; exec " + command).c_str(), "r")) {
-    char line[32] = {};
-    pid_ = std::fgets(line, sizeof line, stream_) != nullptr ? std::atoi(line) : 0;
-    text_ = static_cast<char>(std::fgetc(stream_));  // "[": from now on it hears of every change
-  }
-  ~Watch() {
-    if (stream_ != nullptr) pclose(stream_);
-  }
-  // Waits until it has written this, and interrupts it.
-  void interruptAfter(const std::string& text) {
-    while (!text_.ends_with(text)) {
-      const int c = std::fgetc(stream_);
-      if (c == EOF) return;
-      text_ += static_cast<char>(c);
-    }
-    ::kill(pid_, SIGINT);
-  }
-  // What it wrote until its end, and that end's exit code.
-  std::pair<json, int> finish() {
-    for (int c = std::fgetc(stream_); c != EOF; c = std::fgetc(stream_)) text_ += static_cast<char>(c);
-    const int status = pclose(std::exchange(stream_, nullptr));
-    return {json::parse(text_, nullptr, false), WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-  }
-
- private:
-  FILE* stream_;
-  pid_t pid_ = 0;
-  std::string text_;
-};
-
 TEST_F(ToolsTest, WatchTellsOfARewrittenAnAddedAndARemovedRoute) {
   run("rib add 10.0.0.0/8 11.0.0.0/8 --vrf 7 --vtep 10.255.0.1 --via 5");
-  Watch watch(command("table watch " + v4 + " --json"));
-  Watch first(command("table watch " + v4 + " --json --count 1"));
+  Command watch(inRunDir("table watch " + v4 + " --json"));
+  Command first(inRunDir("table watch " + v4 + " --json --count 1"));
+  for (Command* each : {&watch, &first}) ASSERT_TRUE(each->says("[")) << "from now on it hears of every change";
   // The via changes under two routes that stand: they are written again, as they are.
   EXPECT_EQ(runJson("rib add 12.0.0.0/8 --vrf 7 --vtep 10.255.0.2 --via 5")["routesRewritten"], 2);
   run("rib del 11.0.0.0/8 --vrf 7");
-  watch.interruptAfter("\"removed\":true}");
-  const auto [changes, exitCode] = watch.finish();
-  EXPECT_EQ(exitCode, 0);
+  ASSERT_TRUE(watch.says("\"removed\":true}"));
+  const Outcome watched = watch.stop(SIGINT);
+  EXPECT_EQ(watched.exitCode, 0);
+  const json changes = json::parse(watched.out, nullptr, false);
   std::set<std::string> changed;
   for (const auto& change : changes) changed.insert(change["key"].get<std::string>());
   EXPECT_THAT(changed, ElementsAre("10.0.0.0/8@7", "11.0.0.0/8@7", "12.0.0.0/8@7"));
   EXPECT_EQ(changes.back(), json({{"key", "11.0.0.0/8@7"}, {"removed", true}}));
-  EXPECT_EQ(first.finish().first.size(), 1U);
+  EXPECT_EQ(json::parse(first.wait().out, nullptr, false).size(), 1U);
 }
 
 TEST_F(ToolsTest, AWatchThatHeardNothingLeavesAnEmptyArray) {
   run("rib add 10.0.0.0/8 --vrf 7 --vtep 10.255.0.1");
-  Watch watch(command("table watch " + v4 + " --json"));
-  watch.interruptAfter("[");
-  const auto [changes, exitCode] = watch.finish();
-  EXPECT_EQ(exitCode, 0);
-  EXPECT_EQ(changes, json::array());
+  Command watch(inRunDir("table watch " + v4 + " --json"));
+  ASSERT_TRUE(watch.says("["));
+  const Outcome watched = watch.stop(SIGINT);
+  EXPECT_EQ(watched.exitCode, 0);
+  EXPECT_EQ(json::parse(watched.out, nullptr, false), json::array());
 }
 
 }  // namespace

@@ -1,25 +1,11 @@
 #include "test/support/SimulatedSwitch.h"
 
-#include <cstdlib>
-
 #include "linux/PlatformTypes.h"
-#include "platform/Assert.h"
 
 using Routing::Rib::RouteConfig;
 using Routing::Rib::RouteKey;
 using Routing::Rib::RouteCache::Evpn::Via;
 using Routing::Rib::RouteCache::Evpn::ViaConfig;
-
-TemporaryDirectory::TemporaryDirectory() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "routecache-test-XXXXXX").string();
-  PLATFORM_ASSERT(::mkdtemp(pattern.data()) != nullptr);
-  path_ = pattern;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
-}
 
 SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
   LinuxPlatform::addPlatformTypes(entityTypes, tableTypes);

@@ -2,7 +2,6 @@
 // It outlives the agent, so that an agent can be stopped and started over what it left.
 #pragma once
 
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <set>
@@ -15,19 +14,7 @@
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 #include "linux/UnderlayResolver.h"
-
-// A directory that goes with the object.
-class TemporaryDirectory {
- public:
-  TemporaryDirectory();
-  ~TemporaryDirectory();
-  TemporaryDirectory(const TemporaryDirectory&) = delete;
-  TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+#include "test/support/TemporaryDirectory.h"
 
 class SimulatedSwitch {
  public:

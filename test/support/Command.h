@@ -1,0 +1,50 @@
+// The `routecache` command as a person runs it: a process of its own.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+
+// What a process that has ended leaves behind.
+struct Outcome {
+  std::string out;  // its standard output
+  std::string err;  // its standard error
+  int exitCode;     // or minus the signal that ended it
+
+  // One line on standard error, and nothing else.
+  bool isOneComplaint() const { return out.empty() && !err.empty() && err.find('\n') == err.size() - 1; }
+};
+
+// One process, from its start until wait() or stop(). It outlives neither the object nor the test's own process: both
+// kill it. What takes minutes fails the test and is not waited for any longer.
+class Command {
+ public:
+  // `arguments` as one text, parted by blanks; 'quotes' hold an argument with blanks, or an empty one. `input` is its
+  // standard input.
+  explicit Command(const std::string& arguments, const std::string& input = "");
+  ~Command();
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
+
+  // Waits until its standard output, from the start, holds this text. False: it has ended without, or takes minutes.
+  bool says(const std::string& text);
+  // Waits for its own end. Nothing else may be called after this or stop().
+  Outcome wait();
+  // Sends a signal, and waits for the end.
+  Outcome stop(int signal);
+
+ private:
+  // One of its outputs.
+  struct Stream {
+    int end = -1;      // where to read it; -1: it is over
+    std::string text;  // as far as it is read
+    void read();
+  };
+
+  bool listen(std::chrono::steady_clock::time_point deadline);
+
+  pid_t process_ = -1;
+  Stream out_;
+  Stream err_;
+};
