@@ -39,20 +39,21 @@ class RouteStatusWalk {
 
   // Looks at one entry of a pending walk. Returns its key when it is owed; nothing for any other, and at a lap's end.
   std::optional<Key> step() {
-    if (!at_) at_ = table_.begin();
-    if (*at_ == table_.end()) {
+    if (!begun_) at_ = table_.begin();
+    begun_ = true;
+    if (at_ == table_.end()) {
       ++lap_;
-      at_.reset();
+      begun_ = false;
       // Where the last lap was to end there may be no entry any more.
       if (lap_ > last_->lap + (last_->from ? 1 : 0)) end();
       return std::nullopt;
     }
-    const Key key = (*at_)->key();
+    const Key key = at_->key();
     if (isOver(*last_, key)) {
       end();
       return std::nullopt;
     }
-    ++*at_;
+    ++at_;
     return isOwed(key) ? std::optional(key) : std::nullopt;
   }
 
@@ -64,13 +65,13 @@ class RouteStatusWalk {
   };
 
   Mark mark() const {
-    if (!pending() || !at_) return {std::nullopt, lap_};
-    return *at_ == table_.end() ? Mark{std::nullopt, lap_ + 1} : Mark{(*at_)->key(), lap_};
+    if (!begun_) return {std::nullopt, lap_};
+    return at_ == table_.end() ? Mark{std::nullopt, lap_ + 1} : Mark{at_->key(), lap_};
   }
   static bool isBefore(const Key& key, const Mark& mark) { return mark.from && key < *mark.from; }
   bool isOver(const Mark& mark, const Key& key) const { return lap_ > mark.lap && !isBefore(key, mark); }
   bool isAhead(const Mark& mark, const Key& key) const {
-    const bool passed = at_ && (*at_ == table_.end() || key < (*at_)->key());
+    const bool passed = begun_ && (at_ == table_.end() || key < at_->key());
     const std::uint64_t lap = passed ? lap_ + 1 : lap_;
     return lap <= mark.lap || isBefore(key, mark);
   }
@@ -83,7 +84,7 @@ class RouteStatusWalk {
     return false;
   }
   void end() {
-    at_.reset();
+    begun_ = false;
     lap_ = 0;
     all_.reset();
     last_.reset();
@@ -91,7 +92,8 @@ class RouteStatusWalk {
   }
 
   const Table& table_;
-  std::optional<typename Table::Iterator> at_;  // nothing: before the first entry of the lap
+  typename Table::Iterator at_;  // the entry that is looked at next
+  bool begun_ = false;           // else the lap's first entry is
   std::uint64_t lap_ = 0;
   std::optional<Mark> all_;
   std::optional<Mark> last_;  // of the latest request: with it everything is over
