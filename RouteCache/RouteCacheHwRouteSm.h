@@ -10,8 +10,8 @@
 // idlest slices. With Config::ageingKeepsRoute an idle route first loses its inHw, so that the SFE programs it, and
 // leaves the table when the SFE has.
 //
-// Restart. What stands in the hardware table is kept: start-up queues every route of the table and of the SFE's, and
-// only a route that the SFE does not have is removed.
+// Restart. What stands in the hardware table is kept: start-up decides every route of the table and of the SFE's
+// again, and only one that the SFE does not have is removed.
 //
 // Invariants, between any two callbacks (checkInvariants):
 //   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
@@ -215,9 +215,10 @@ class HwRouteSm final : public Lattis::Entity {
   bool continueAgeing();
   bool ageSlice(std::uint32_t& removed);
   bool moveNewAdditions();
+
   void scanRoute(const Key& key, std::uint16_t slice);
   void confirmInHw(const Ipv4Route& route, std::uint16_t hitbit);
-  bool ageRoute(const Key& key, std::uint16_t slice);
+  bool ageRoute(const Key& key, std::uint16_t slice);  // true: it counts as removed
   void checkSpace() const;
   void checkSlices() const;
 
@@ -243,8 +244,9 @@ class HwRouteSm final : public Lattis::Entity {
   KeyQueue<Key> routeToProcess_;
   KeyQueue<Key> sfeRouteHitToProcess_;
   KeyQueue<Key> sfeProgrammedRouteToProcess_;
-  RouteStatusWalk<Ipv4RouteStatus> sfeWalk_;  // into routeToProcess
-  RouteStatusWalk<Ipv4RouteStatus> hwWalk_;   // into routeToProcess
+  // Owed to whole tables or VRFs; each is done by the task of the queue that its keys would otherwise stand in.
+  RouteStatusWalk<Ipv4RouteStatus> sfeWalk_;
+  RouteStatusWalk<Ipv4RouteStatus> hwWalk_;
   RouteStatusWalk<Ipv4HitBitStatus> hitWalk_;
   std::unique_ptr<RouteStatusWalk<Ipv4ProgrammedRouteStatus>> programmedWalk_;
 
