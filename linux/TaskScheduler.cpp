@@ -274,17 +274,23 @@ void EventLoop::armTimer(double due) {
   checked(timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr), "timerfd_settime");
 }
 
+// One event at a look: the kernel puts its descriptor behind the others that are ready. So each has one turn before any
+// has the next, although the tasks' turn comes after about a slice.
 void EventLoop::runDescriptors(int timeoutMilliseconds) {
-  std::array<epoll_event, 64> events;
-  const int count = epoll_wait(epollFd_, events.data(), static_cast<int>(events.size()), timeoutMilliseconds);
-  if (count < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "epoll_wait");
-  for (int i = 0; i < count; ++i) {
-    const epoll_event& event = events[static_cast<std::size_t>(i)];
+  double start = Task::never;  // of the first callback
+  for (std::size_t turns = watches_.size(); turns > 0 && !stopped_; --turns) {
+    epoll_event event{};
+    const int count = epoll_wait(epollFd_, &event, 1, timeoutMilliseconds);
+    if (count < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "epoll_wait");
+    if (count <= 0) return;
+    timeoutMilliseconds = 0;
     const auto found = watches_.find(event.data.u64);
     if (found == watches_.end()) continue;
     const std::shared_ptr<Watch> watch = found->second;  // the callback may take its own watch away
     sliceStarts();
+    start = std::min(start, sliceStart_);
     watch->ready(event.events);
+    if (monotonicSeconds() - start >= timeSlice_) return;
   }
 }
 

@@ -226,6 +226,28 @@ TEST(EventLoopTest, DescriptorsAreServedBetweenBusyTasksAndMayTakeThemselvesAway
   close(ends[1]);
 }
 
+TEST(EventLoopTest, DescriptorsThatAreAlwaysReadyTakeTurnsAndShareASliceWithTheTasks) {
+  EventLoop loop(0);  // a slice is spent by one callback
+  constexpr int descriptors = 4;
+  std::array<std::array<int, 2>, descriptors> pipes{};
+  std::array<int, descriptors> calls{};
+  for (std::size_t i = 0; i < descriptors; ++i) {
+    ASSERT_EQ(pipe(pipes[i].data()), 0);
+    ASSERT_EQ(write(pipes[i][1], "x", 1), 1);
+    loop.fdIs(pipes[i][0], EPOLLIN, [&calls, i](std::uint32_t) { ++calls[i]; });
+  }
+  std::unique_ptr<Task> busy;
+  busy = loop.taskIs("busy", TaskPriority::processing, [&] { busy->scheduleWithin(0); });
+  busy->scheduleWithin(0);
+  for (int i = 0; i < 10 * descriptors; ++i) loop.runOnce(0);
+  for (const int count : calls) EXPECT_NEAR(count, 10, 1);
+  EXPECT_GE(loop.statistics()[0].runs, 9U * descriptors);
+  for (const auto& ends : pipes) {
+    close(ends[0]);
+    close(ends[1]);
+  }
+}
+
 TEST(EventLoopTest, SignalsStopTheLoopAndABrokenPipeDoesNot) {
   EventLoop loop;
   loop.stopOnSignals();
