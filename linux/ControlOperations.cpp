@@ -66,6 +66,12 @@ std::string pathLines(const EmbeddedStateDb& stateDb) {
   return lines;
 }
 
+Platform::OutputFormat outputFormatOf(const std::string& name) {
+  if (name == "text") return Platform::OutputFormat::text;
+  if (name == "json") return Platform::OutputFormat::json;
+  throw std::invalid_argument("'" + name + "' is not an output format: text or json");
+}
+
 // Carries out what is asked of one field; its errors name the place.
 template <class Action>
 void atField(const std::string& path, const std::string& field, Action&& action) {
@@ -122,6 +128,14 @@ void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& sche
                             {"totalRun", toText(task.totalRun)}});
     }
     return std::make_unique<LinesReply>(std::move(lines));
+  });
+}
+
+void addCommandOperation(ControlSocket& socket, AgentCommands& commands) {
+  socket.opIs("command", [&commands](const ControlSocket::Request& request) {
+    const std::string type = requiredOf(request, "type");
+    const std::string command = requiredOf(request, "command");
+    return commands.commandReply(type, command, outputFormatOf(requiredOf(request, "format")));
   });
 }
 

@@ -5,17 +5,20 @@
 //   set    path, field, value   no value: makes the child entity
 //   del    path, field
 //   tasks                the scheduler's statistics, one line for each task
+//   command  type, command, format   carries out a command of the agent's; the format of its output is "text" or "json"
 //
 // Fields are as linux/EntityFields.h has them.
 #pragma once
 
+#include "linux/AgentCommands.h"
 #include "linux/ControlSocket.h"
 #include "linux/StateDb.h"
 
 namespace LinuxPlatform {
 
-// Both outlive the socket.
+// What these work on outlives the socket.
 void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb);
 void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& scheduler);
+void addCommandOperation(ControlSocket& socket, AgentCommands& commands);
 
 }  // namespace LinuxPlatform

@@ -6,8 +6,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -21,8 +23,6 @@ namespace {
 
 // A reply waits for its reader once this much of it is ready.
 constexpr std::size_t outgoingMark = 64 * 1024;
-// Pieces of a reply that one client is given before the others' turn.
-constexpr int piecesPerTurn = 32;
 
 std::string line(const Json& object) {
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -54,12 +54,19 @@ std::string controlLine(std::initializer_list<std::pair<std::string_view, std::s
   return line(object);
 }
 
+void appendControlBytes(std::string& content, std::string_view bytes) {
+  if (bytes.empty()) return;
+  content += line({{"bytes", bytes.size()}});
+  content += bytes;
+}
+
 const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
   static const Lattis::EntityType type{"LinuxPlatform::ControlSocket::Statistics",
                                        {Lattis::readOnlyField<Statistics, &Statistics::clients>("clients"),
                                         Lattis::readOnlyField<Statistics, &Statistics::requests>("requests"),
                                         Lattis::readOnlyField<Statistics, &Statistics::dropped>("dropped"),
-                                        Lattis::readOnlyField<Statistics, &Statistics::evicted>("evicted")},
+                                        Lattis::readOnlyField<Statistics, &Statistics::evicted>("evicted"),
+                                        Lattis::readOnlyField<Statistics, &Statistics::longestTurn>("longestTurn")},
                                        {}};
   return type;
 }
@@ -69,6 +76,7 @@ struct ControlSocket::Client {
   std::uint32_t watched = 0;  // the events that the loop looks for
   std::string incoming;       // at most one unfinished request and what came with it
   std::string outgoing;
+  std::size_t sent = 0;                 // bytes of it that are gone
   std::unique_ptr<ControlReply> reply;  // of the request being answered
   bool hungUp = false;                  // no more requests will come
   double lastSign = 0;                  // when bytes last went either way
@@ -155,11 +163,14 @@ void ControlSocket::watch(Client& client, std::uint32_t events) {
 }
 
 void ControlSocket::handleClient(int fd, std::uint32_t events) {
+  const auto began = std::chrono::steady_clock::now();
   Client& client = *clients_.at(fd);
   Fate fate = (events & (EPOLLHUP | EPOLLERR)) != 0 ? Fate::close : Fate::keep;
   if (fate == Fate::keep && (events & EPOLLIN) != 0) fate = receive(client);
   if (fate == Fate::keep) fate = serve(client);
   if (fate != Fate::keep) end(fd, fate);
+  const std::chrono::duration<double> turn = std::chrono::steady_clock::now() - began;
+  statistics_->longestTurn_ = std::max(statistics_->longestTurn_, turn.count());
 }
 
 ControlSocket::Fate ControlSocket::receive(Client& client) {
@@ -172,9 +183,9 @@ ControlSocket::Fate ControlSocket::receive(Client& client) {
   return Fate::keep;
 }
 
-// Sends, produces and takes up requests until something has to be waited for or the turn is over.
+// Sends, produces and takes up requests until something has to be waited for or the time slice is spent.
 ControlSocket::Fate ControlSocket::serve(Client& client) {
-  for (int piece = 0; piece < piecesPerTurn; ++piece) {
+  do {
     if (client.outgoing.size() >= outgoingMark || !client.reply) {
       if (const Fate fate = send(client); fate != Fate::keep) return fate;
       if (!client.outgoing.empty()) break;
@@ -189,7 +200,7 @@ ControlSocket::Fate ControlSocket::serve(Client& client) {
     if (client.hungUp) return Fate::close;
     watch(client, EPOLLIN);
     return Fate::keep;
-  }
+  } while (!acceptTask_->shouldYield());  // the slice of this callback, whichever task is asked
   if (const Fate fate = send(client); fate != Fate::keep) return fate;
   // No new requests are read while one is being answered: their sender waits in its own memory.
   watch(client, EPOLLOUT);
@@ -197,13 +208,16 @@ ControlSocket::Fate ControlSocket::serve(Client& client) {
 }
 
 ControlSocket::Fate ControlSocket::send(Client& client) {
-  while (!client.outgoing.empty()) {
-    const ssize_t count = ::send(client.fd, client.outgoing.data(), client.outgoing.size(), MSG_NOSIGNAL);
+  while (client.sent < client.outgoing.size()) {
+    const std::string_view unsent = std::string_view(client.outgoing).substr(client.sent);
+    const ssize_t count = ::send(client.fd, unsent.data(), unsent.size(), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return errno == EAGAIN ? Fate::keep : Fate::close;
-    client.outgoing.erase(0, static_cast<std::size_t>(count));
+    client.sent += static_cast<std::size_t>(count);
     client.lastSign = loop_.now();
   }
+  client.outgoing.clear();
+  client.sent = 0;
   return Fate::keep;
 }
 

@@ -1,12 +1,14 @@
 // The door for operators: a Unix stream socket on which commands of other processes ask the running agent.
 //
 // One request is one line, a JSON object whose values are texts, numbers or booleans; "op" says what is wanted. The
-// reply is one JSON object a line: any number of lines of content, then {"done": true} or {"error": "one line"}.
-// Requests of one connection are answered in order, one after the other.
+// reply is one JSON object a line: any number of lines of content, then {"done": true} or {"error": "one line"}. The
+// line {"bytes": N} is followed by N bytes of content as they are, and then by the next line. Requests of one
+// connection are answered in order, one after the other.
 //
 // Nobody on the other side can hurt the loop: a request that is no such line, or is over maxRequestSize, costs its
-// sender the connection; a reply is produced piece by piece as the reader takes it, so neither a stalled reader nor a
-// huge reply holds memory or time; beyond maxClients the one that has been silent longest makes room.
+// sender the connection; a reply is produced piece by piece as the reader takes it, a time slice at a time, so neither
+// a stalled reader nor a huge reply holds memory or the thread; beyond maxClients the one that has been silent longest
+// makes room.
 #pragma once
 
 #include <cstdint>
@@ -25,14 +27,17 @@ namespace LinuxPlatform {
 
 // One line of a reply: names and texts, in this order.
 std::string controlLine(std::initializer_list<std::pair<std::string_view, std::string_view>> fields);
+// Appends the bytes as content of a reply; nothing for no bytes.
+void appendControlBytes(std::string& content, std::string_view bytes);
 
 // The rest of one reply. Destroyed early when its reader goes away.
 class ControlReply {
  public:
   virtual ~ControlReply() = default;
-  // Appends some more lines (about a screenful, or none when that takes longer than a moment: it is asked again after
-  // others had their turn). False: there is no more. Throws with one line when the rest is impossible.
-  virtual bool produce(std::string& lines) = 0;
+  // Appends some more content: whole lines, about a screenful, or none when that takes longer than a moment: it is
+  // asked again after others had their turn. False: there is no more. Throws with one line when the rest is impossible;
+  // what it has appended by then is sent.
+  virtual bool produce(std::string& content) = 0;
 };
 
 class ControlSocket {
@@ -53,6 +58,8 @@ class ControlSocket {
     std::uint64_t requests() const { return requests_; }
     std::uint64_t dropped() const { return dropped_; }  // for a bad request
     std::uint64_t evicted() const { return evicted_; }  // for want of room
+    // Seconds, in wall time: the longest that one client has held the thread before others had their turn.
+    double longestTurn() const { return longestTurn_; }
 
    private:
     friend class ControlSocket;
@@ -60,6 +67,7 @@ class ControlSocket {
     std::uint64_t requests_ = 0;
     std::uint64_t dropped_ = 0;
     std::uint64_t evicted_ = 0;
+    double longestTurn_ = 0;
   };
 
   // Listens at this path, for this user only; what stands there is removed. Throws std::system_error.

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/AgentCommand.h"
 #include "platform/Entity.h"
 #include "platform/SharedTable.h"
 #include "platform/StateDb.h"
@@ -45,6 +46,8 @@ struct AgentServices {
   Pondra::TableService* tables = nullptr;
   TaskScheduler* scheduler = nullptr;
   TraceFacility* trace = nullptr;
+  ::Agent::AgentCommandRequestDir* commands = nullptr;  // null: nobody sends commands
+  std::shared_ptr<const Clock> clock;  // for the run-time budgets of commands; there whenever commands is
   // Offers an entity of the agent's own (a state machine) to operators under a path; null takes it away.
   std::function<void(const std::string& path, std::shared_ptr<Lattis::Entity>)> localEntityIs;
   // Reads an environment variable; null when it is not set.

@@ -1,11 +1,6 @@
 #include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,6 +11,7 @@
 #include "linux/PlatformTypes.h"
 #include "platform/Nexthop.h"
 #include "platform/Vxlan.h"
+#include "test/support/Peer.h"
 
 using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;
@@ -23,43 +19,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
-
-// A command's end of the socket, in the same process: nothing of it may block.
-class Peer {
- public:
-  explicit Peer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    EXPECT_EQ(connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-  }
-  ~Peer() { leave(); }
-  Peer(const Peer&) = delete;
-  Peer& operator=(const Peer&) = delete;
-
-  void send(std::string_view bytes) {
-    EXPECT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
-  }
-  // What has arrived; sets `closed` at the end of the connection.
-  std::string receive() {
-    std::string all;
-    std::array<char, 65536> buffer{};
-    ssize_t count = 0;
-    while ((count = recv(fd_, buffer.data(), buffer.size(), 0)) > 0) {
-      all.append(buffer.data(), static_cast<std::size_t>(count));
-    }
-    closed = count == 0 || errno == ECONNRESET;
-    return all;
-  }
-  void leave() {
-    if (fd_ >= 0) close(fd_);
-    fd_ = -1;
-  }
-  bool closed = false;
-
- private:
-  int fd_;
-};
 
 class ControlSocketTest : public testing::Test {
  protected:
@@ -230,6 +189,24 @@ TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
   stalled.leave();
   turn();
   EXPECT_TRUE(destroyed);
+}
+
+TEST_F(ControlSocketTest, TurnOfOneClientEndsWithItsTimeSlice) {
+  LinuxPlatform::EventLoop hastyLoop(0);  // a slice is spent as soon as somebody asks
+  const std::string hastyPath = path + "-hasty";
+  ControlSocket hasty(hastyLoop, hastyPath);
+  hastyLoop.runOnce(0);
+  int pieces = 0;
+  bool destroyed = false;
+  hasty.opIs("endless", [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  Peer peer(hastyPath);
+  peer.send("{\"op\": \"endless\"}\n");
+  for (int i = 0; i < 10; ++i) {
+    const int before = pieces;
+    hastyLoop.runOnce(0);
+    EXPECT_LE(pieces, before + 1);
+  }
+  EXPECT_GT(pieces, 5);
 }
 
 TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "linux/MonotonicClock.h"
 #include "linux/PlatformTypes.h"
 #include "linux/Scenario.h"
 #include "tools/AgentLibrary.h"
@@ -35,6 +36,7 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
       trace_(traceDirectory(settings.runDir)),
       stateDb_(entityTypes_, scheduler),
       tables_(settings.runDir, tableTypes_, std::move(deliveryWanted)),
+      commands_(scheduler),
       agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
   if (!traceFile_) trace_.levels().defaultIs(-1);
   for (const auto& option : settings.trace) trace_.levels().optionIs(option);
@@ -72,6 +74,8 @@ void AgentHost::start(std::function<void()> ready) {
   services.tables = &tables_;
   services.scheduler = &scheduler_;
   services.trace = &trace_;
+  services.commands = &commands_;
+  services.clock = std::make_shared<LinuxPlatform::MonotonicClock>();
   services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
     stateDb_.localEntityIs(path, std::move(entity));
   };

@@ -1,5 +1,5 @@
-// Everything that an agent works with, but for the clock: types, state database, shared tables, trace, resolver. The
-// launcher gives it an event loop, a simulation virtual time.
+// Everything that an agent works with, but for the scheduler: types, state database, shared tables, trace, resolver,
+// commands. The launcher gives it an event loop, a simulation virtual time.
 #pragma once
 
 #include <functional>
@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/AgentCommands.h"
 #include "linux/SharedTable.h"
 #include "linux/StateDb.h"
 #include "linux/TraceFile.h"
@@ -45,6 +46,8 @@ class AgentHost {
 
   LinuxPlatform::EmbeddedStateDb& stateDb() { return stateDb_; }
   LinuxPlatform::SharedTableService& tables() { return tables_; }
+  // What is asked of the agent; the replies it makes go before the host.
+  LinuxPlatform::AgentCommands& commands() { return commands_; }
   const std::string& agentName() const { return agentName_; }
 
  private:
@@ -61,6 +64,7 @@ class AgentHost {
   Platform::TraceVocabulary vocabulary_;
   LinuxPlatform::EmbeddedStateDb stateDb_;
   LinuxPlatform::SharedTableService tables_;
+  LinuxPlatform::AgentCommands commands_;
   std::set<std::pair<std::string, std::string>> corruptionSeen_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
   std::unique_ptr<Platform::AgentBase> agent_;

@@ -4,8 +4,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -18,6 +20,7 @@ namespace Tools {
 namespace {
 
 constexpr int answerSeconds = 30;  // without a byte from the agent
+constexpr const char* makesNoSense = "its answer makes no sense";
 
 class Connection {
  public:
@@ -58,6 +61,21 @@ class Connection {
     return line;
   }
 
+  // Hands over the next `count` bytes, in as many parts as they arrive in.
+  void bytes(std::uint64_t count, const std::function<void(std::string_view)>& content) {
+    while (count > 0) {
+      if (start_ == received_.size()) {
+        received_.clear();
+        start_ = 0;
+        receive();
+      }
+      const auto part = static_cast<std::size_t>(std::min<std::uint64_t>(count, received_.size() - start_));
+      content(std::string_view(received_).substr(start_, part));
+      start_ += part;
+      count -= part;
+    }
+  }
+
   [[noreturn]] void fail(const std::string& reason) const {
     throw std::runtime_error("the agent in " + runDirectory_ + ": " + reason);
   }
@@ -80,18 +98,34 @@ class Connection {
   std::size_t start_ = 0;  // of the first byte that has not been handed out
 };
 
-}  // namespace
-
-void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
-  Connection connection(runDirectory);
+// Sends the request and goes through the lines of its reply's content.
+template <class Content>
+void ask(Connection& connection, const Json& request, Content&& content) {
   connection.send(request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
   while (true) {
     const Json line = Json::parse(connection.line(), nullptr, false);
-    if (!line.is_object()) connection.fail("its answer makes no sense");
+    if (!line.is_object()) connection.fail(makesNoSense);
     if (line.contains("error")) throw Platform::BadText(line.value("error", ""));
     if (line.contains("done")) return;
     content(line);
   }
+}
+
+}  // namespace
+
+void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+  Connection connection(runDirectory);
+  ask(connection, request, content);
+}
+
+void askAgentForBytes(const std::string& runDirectory, const Json& request,
+                      const std::function<void(std::string_view)>& content) {
+  Connection connection(runDirectory);
+  ask(connection, request, [&](const Json& line) {
+    const auto count = line.find("bytes");
+    if (count == line.end() || !count->is_number_unsigned()) connection.fail(makesNoSense);
+    connection.bytes(count->get<std::uint64_t>(), content);
+  });
 }
 
 }  // namespace Tools

@@ -4,6 +4,7 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 namespace Tools {
 
@@ -13,5 +14,9 @@ using Json = nlohmann::ordered_json;
 // Throws Platform::BadText with the agent's words when it refuses the request, std::runtime_error with one line when no
 // agent answers.
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content);
+
+// The same for a request whose content is bytes: hands them over as they arrive.
+void askAgentForBytes(const std::string& runDirectory, const Json& request,
+                      const std::function<void(std::string_view)>& content);
 
 }  // namespace Tools

@@ -61,6 +61,7 @@ void Launcher::serveOperators() {
   control_ = std::make_unique<ControlSocket>(loop_, RunDirectory::controlPath(directory_.path()));
   LinuxPlatform::addEntityOperations(*control_, host_.stateDb());
   LinuxPlatform::addTaskOperation(*control_, loop_);
+  LinuxPlatform::addCommandOperation(*control_, host_.commands());
   host_.stateDb().localEntityIs("platform/control", control_->statistics());
 }
 

@@ -220,6 +220,8 @@ void SimulatedSwitch::start() {
   services.tables = agentTables.get();
   services.scheduler = &scheduler;
   services.trace = &trace;
+  services.commands = &commands;
+  services.clock = clock;
   services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
     stateDb->localEntityIs(path, std::move(entity));
   };

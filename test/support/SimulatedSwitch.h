@@ -9,12 +9,24 @@
 #include <vector>
 
 #include "RouteCache/RouteCacheAgent.h"
+#include "linux/AgentCommands.h"
 #include "linux/SharedTable.h"
 #include "linux/StateDb.h"
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 #include "linux/UnderlayResolver.h"
 #include "test/support/TemporaryDirectory.h"
+
+// Time for the budgets of commands: it passes only by being looked at.
+class SimulatedClock final : public Platform::Clock {
+ public:
+  double now() const override { return now_ += secondsPerLook_; }
+  void secondsPerLookIs(double seconds) { secondsPerLook_ = seconds; }
+
+ private:
+  mutable double now_ = 0;
+  double secondsPerLook_ = 0;
+};
 
 class SimulatedSwitch {
  public:
@@ -79,6 +91,8 @@ class SimulatedSwitch {
   std::uint32_t adjIdOf(const std::string& prefix, std::uint32_t hwVrfId) const;
 
   LinuxPlatform::SimulatedScheduler scheduler;
+  LinuxPlatform::AgentCommands commands{scheduler};
+  const std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
   LinuxPlatform::TextTraceFacility trace;
   Lattis::EntityTypes entityTypes;
   Platform::TableTypes tableTypes;

@@ -1,0 +1,17 @@
+// The clock for the run-time budgets of commands.
+#pragma once
+
+#include <chrono>
+
+#include "platform/AgentCommand.h"
+
+namespace LinuxPlatform {
+
+class MonotonicClock final : public Platform::Clock {
+ public:
+  double now() const override {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+  }
+};
+
+}  // namespace LinuxPlatform
