@@ -35,6 +35,7 @@ constexpr const char* kernelRoutePath = "routecache/route/kernel";
 // Where operators find the agent's own entities.
 constexpr const char* swRouteSmPath = "agent/routecache/swRouteSm";
 constexpr const char* hwRouteSmPath = "agent/routecache/hwRouteSm";
+constexpr const char* kernelRouteSmPath = "agent/routecache/kernelRouteSm";
 constexpr const char* vrfIdMapPath = "agent/routecache/vrfIdMap";
 constexpr const char* vrfCachedRoutePath = "agent/routecache/vrfCachedRoute";
 
@@ -54,6 +55,7 @@ Agent::~Agent() {
   vrfSmDel();
   swRouteSmDel();
   hwRouteSmDel();
+  kernelRouteSmDel();
   sfeCleanupTask_.reset();
 }
 
@@ -182,7 +184,8 @@ void Agent::requireInputs() const {
                 {ipv4HwRouteStatus_.get(), hwRoutePath},
                 {ipv6HwRouteStatus_.get(), hwRoute6Path},
                 {ipv4AdjStatus_.get(), adjPath},
-                {ipv6AdjStatus_.get(), adj6Path}};
+                {ipv6AdjStatus_.get(), adj6Path},
+                {kernelRouteStatus_.get(), kernelRoutePath}};
   for (const auto& required : inputs) {
     PLATFORM_ASSERT_TEXT(required.input != nullptr, required.path);
   }
@@ -201,8 +204,10 @@ void Agent::startStateMachines() {
     fillSfeTable();
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
     hwRouteSmIs();
+    kernelRouteSmIs(ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
   } else {
     swRouteSmIs(nullptr, ipv4HwRouteStatus_, ipv6HwRouteStatus_);
+    kernelRouteSmIs(ipv4HwRouteStatus_, ipv6HwRouteStatus_);
     emptySfeTable();
   }
 }
@@ -301,6 +306,22 @@ void Agent::hwRouteSmDel() {
   hwRouteSm_.reset();
 }
 
+void Agent::kernelRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> swIpv4,
+                            std::shared_ptr<const RouteCache::Ipv6RouteStatus> swIpv6) {
+  kernelRouteSmDel();
+  kernelRouteSm_ =
+      RouteCache::KernelRouteSmIs({std::move(swIpv4), std::move(swIpv6), kernelRouteStatus_, routeCacheCapability_,
+                                   vrfIdMap_, vrfCachedRoute_, routeConfig_, route6Config_},
+                                  *services().scheduler, *services().trace);
+  services().localEntityIs(kernelRouteSmPath, kernelRouteSm_);
+}
+
+void Agent::kernelRouteSmDel() {
+  if (!kernelRouteSm_) return;
+  services().localEntityIs(kernelRouteSmPath, nullptr);
+  kernelRouteSm_.reset();
+}
+
 // An earlier life, in whichever arrangement, has left something that must be taken over.
 bool Agent::predecessorLeft() const {
   const auto requests = nextHopConfig_->vrf(L3::VrfName());
@@ -313,6 +334,7 @@ bool Agent::predecessorLeft() const {
 void Agent::checkInvariants() const {
   if (swRouteSm_) swRouteSm_->checkInvariants();
   if (hwRouteSm_) hwRouteSm_->checkInvariants();
+  if (kernelRouteSm_) kernelRouteSm_->checkInvariants();
 }
 
 }  // namespace RouteCacheAgent

@@ -9,6 +9,7 @@
 
 #include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHwRouteSm.h"
+#include "RouteCache/RouteCacheKernelRouteSm.h"
 #include "RouteCache/RouteCacheSwRouteSm.h"
 #include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheVrfSm.h"
@@ -89,6 +90,11 @@ class Agent final : public Platform::AgentBase {
   const auto& hwRouteSm() const { return hwRouteSm_; }
   void hwRouteSmIs();
   void hwRouteSmDel();
+  const auto& kernelRouteSm() const { return kernelRouteSm_; }
+  // From the published routes of both families.
+  void kernelRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> swIpv4,
+                       std::shared_ptr<const RouteCache::Ipv6RouteStatus> swIpv6);
+  void kernelRouteSmDel();
 
  private:
   void traceFileIs();
@@ -130,6 +136,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
 
   std::unique_ptr<RouteCache::DeferredTask> sfeCleanupTask_;
+  std::shared_ptr<RouteCache::KernelRouteSm> kernelRouteSm_;
   std::shared_ptr<RouteCache::HwRouteSm> hwRouteSm_;
   std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;
   std::shared_ptr<RouteCache::VrfSm> vrfSm_;

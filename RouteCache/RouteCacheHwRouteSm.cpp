@@ -239,16 +239,12 @@ void HwRouteSm::hwHitbitScanIntervalIs(double seconds) {
 
 void HwRouteSm::handleThresholdConfig() {
   trace_(9, __PRETTY_FUNCTION__);
-  constexpr int secondsPerSlice = 20;
-  const auto slice = [](std::uint16_t idleTime) {
-    return static_cast<std::uint16_t>(timeSliceMax - idleTime / secondsPerSlice);
-  };
   highThresholdHwUtilPercentage_ = in_.cliConfig->highThresholdHwUtilPercentage();
   mediumThresholdHwUtilPercentage_ = in_.cliConfig->mediumThresholdHwUtilPercentage();
   lowThresholdHwUtilPercentage_ = in_.cliConfig->lowThresholdHwUtilPercentage();
-  highThresholdIdleTimeSlice_ = slice(in_.cliConfig->highThresholdIdleTime());
-  mediumThresholdIdleTimeSlice_ = slice(in_.cliConfig->mediumThresholdIdleTime());
-  lowThresholdIdleTimeSlice_ = slice(in_.cliConfig->lowThresholdIdleTime());
+  highThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->highThresholdIdleTime());
+  mediumThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->mediumThresholdIdleTime());
+  lowThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->lowThresholdIdleTime());
 }
 
 void HwRouteSm::handleSwRoute(const Key& key) {
@@ -448,26 +444,11 @@ void HwRouteSm::removeHwRoute(const Key& key) {
 
 // --- The queues' tasks -----------------------------------------------------------------------------------------------
 
-namespace {
-
-// Handles what `next` finds until the task should yield. True: there may be more.
-template <class Next>
-bool workOff(DeferredTask& task, std::uint64_t& handled, Next&& next) {
-  while (next()) {
-    ++handled;
-    if (task.shouldYield()) return true;
-  }
-  return false;
-}
-
-}  // namespace
-
 void HwRouteSm::handleRouteProcessing() {
   std::uint64_t handled = 0;
   const bool more = workOff(routeProcessingTask_, handled, [this] { return processNextRoute(); });
   routeProcessingTask_.report(handled, routeToProcess_.size());
   // Prefixes that keep going prolong a walk as long as they do: the scan, of lower priority, gets its turns meanwhile.
-  constexpr double walkPause = 0.001;
   if (more && !routeToProcess_.hasFresh()) {
     scheduleRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
   } else if (more) {

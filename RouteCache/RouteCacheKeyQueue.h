@@ -1,25 +1,29 @@
 // A work queue of keys in which those that wait for room are set apart: a fresh key never stands behind them, and they
-// cost nothing while there is no room.
+// cost nothing while there is no room. There may be several kinds of room to wait for.
 //
-// Invariant: every queued key is fresh or waiting.
+// Invariant: every queued key is fresh or waiting for one kind of room.
 #pragma once
 
+#include <array>
 #include <optional>
 
 #include "RouteCache/RouteCacheKeyRings.h"
 
 namespace RouteCache {
 
-template <class Key>
+// A kind is a number below `kinds`.
+template <class Key, unsigned kinds = 1>
 class KeyQueue {
  public:
-  KeyQueue() : fresh_(rings_.ringIs()), waiting_(rings_.ringIs()) {}
+  KeyQueue() : fresh_(rings_.ringIs()) {
+    for (auto& ring : waiting_) ring = rings_.ringIs();
+  }
 
   std::size_t size() const { return rings_.size(); }
   bool empty() const { return rings_.empty(); }
   bool has(const Key& key) const { return rings_.find(key) != Rings::none; }
   bool hasFresh() const { return rings_.first(fresh_) != Rings::none; }
-  bool hasWaiting() const { return rings_.first(waiting_) != Rings::none; }
+  bool hasWaiting(unsigned kind = 0) const { return rings_.first(waiting_[kind]) != Rings::none; }
 
   // Queues the key, fresh; behind the other fresh ones, where a fresh one keeps its place.
   void keyIs(const Key& key) {
@@ -29,10 +33,10 @@ class KeyQueue {
     rings_.append(fresh_, node);
   }
   // Queues the key, or keeps it queued, among those that wait for room.
-  void waitingKeyIs(const Key& key) {
+  void waitingKeyIs(const Key& key, unsigned kind = 0) {
     const auto node = rings_.insert(key);
     rings_.data(node).fresh = false;
-    rings_.append(waiting_, node);
+    rings_.append(waiting_[kind], node);
   }
   void keyDel(const Key& key) {
     const auto node = rings_.find(key);
@@ -42,9 +46,13 @@ class KeyQueue {
 
   // The oldest key of its kind, which stays queued. Whoever handles it deletes it or lets it wait.
   std::optional<Key> freshKey() const { return keyAt(rings_.first(fresh_)); }
-  std::optional<Key> waitingKey() const { return keyAt(rings_.first(waiting_)); }
+  std::optional<Key> waitingKey(unsigned kind = 0) const { return keyAt(rings_.first(waiting_[kind])); }
   // The key that is handled next, or the zero key: where the work resumes.
-  Key bookmark() const { return freshKey().value_or(waitingKey().value_or(Key())); }
+  Key bookmark() const {
+    auto next = freshKey();
+    for (unsigned kind = 0; kind < kinds && !next; ++kind) next = waitingKey(kind);
+    return next.value_or(Key());
+  }
 
  private:
   struct Data {
@@ -58,7 +66,7 @@ class KeyQueue {
 
   Rings rings_;
   typename Rings::Node fresh_;
-  typename Rings::Node waiting_;
+  std::array<typename Rings::Node, kinds> waiting_;
 };
 
 }  // namespace RouteCache

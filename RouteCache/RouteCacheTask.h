@@ -43,6 +43,20 @@ class DeferredTask {
   std::unique_ptr<Platform::Task> task_;
 };
 
+// Handles what `next` finds (false: nothing more) until the task should yield. True: there may be more.
+template <class Next>
+bool workOff(DeferredTask& task, std::uint64_t& handled, Next&& next) {
+  while (next()) {
+    ++handled;
+    if (task.shouldYield()) return true;
+  }
+  return false;
+}
+
+// Seconds between two runs of a task that has nothing but walks left to do. Whoever asks for walks may go on asking for
+// ever; tasks of lower priority get their turns meanwhile.
+inline constexpr double walkPause = 0.001;
+
 // Continues a walk over an ordered table at the bookmarked key, or at the beginning when that key has gone.
 template <class Table>
 typename Table::Iterator resumeFrom(const Table& table, const std::optional<typename Table::Key>& bookmark) {

@@ -21,6 +21,13 @@ inline constexpr std::uint16_t timeSliceNewAdditions = 256;       // written to 
 inline constexpr std::uint16_t timeSliceNewAdditionsToDel = 257;  // the same, and to go at the next ageing run
 inline constexpr std::uint16_t timeSliceInvalid = 258;            // none; as the scan's position: the scan is complete
 
+// Seconds by which the hardware's idle clock steps.
+inline constexpr int secondsPerTimeSlice = 20;
+// The slice of the routes that have been idle for so long: whole steps count. At most 5100 seconds.
+constexpr std::uint16_t timeSliceOfIdle(std::uint16_t seconds) {
+  return static_cast<std::uint16_t>(timeSliceMax - seconds / secondsPerTimeSlice);
+}
+
 // All slices over one index of keys. 30 to 40 bytes a route.
 //
 // A slice is visited one key at a time: the visit takes the keys that are in the slice when it begins, each once, in

@@ -41,6 +41,9 @@ struct Ipv4Family {
   static constexpr std::uint64_t rank(const Prefix& prefix) {
     return std::uint64_t{prefix.last().value()} << 8 | (Prefix::maxLength - prefix.length());
   }
+  // Of all prefixes that this one covers, itself included, the first in the order of the keys. In either family they
+  // stand together.
+  static constexpr Prefix firstCovered(const Prefix& prefix) { return {prefix.addr(), Prefix::maxLength}; }
   static constexpr std::uint64_t hash(const Prefix& prefix) {
     std::uint32_t h = (prefix.addr().value() ^ prefix.length()) * 32767U - 1U;
     h ^= h >> 12;
@@ -65,6 +68,7 @@ struct Ipv6Family {
   static constexpr const char* noViaFromText = "\"No String constructor for Ipv6Via - has collection\" == nullptr";
 
   static constexpr std::strong_ordering compare(const Prefix& a, const Prefix& b) { return a <=> b; }
+  static constexpr Prefix firstCovered(const Prefix& prefix) { return prefix; }
   static constexpr std::uint64_t hash(const Prefix& prefix) { return prefix.hash(); }
 };
 
@@ -134,6 +138,7 @@ class ViaIndex {
 template <class Family>
 class BasicRouteVrfKey {
  public:
+  using FamilyType = Family;
   using Prefix = typename Family::Prefix;
   static constexpr const char* typeName = Family::keyTypeName;
   static constexpr const char* what = Family::keyWhat;

@@ -124,6 +124,8 @@ class AgentTest : public testing::Test {
     services.tables = &tables;
     services.scheduler = &sw.scheduler;
     services.trace = &sw.trace;
+    services.commands = &sw.commands;
+    services.clock = sw.clock;
     services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
       log.push_back((entity ? "offered " : "withdrawn ") + path);
       sw.stateDb->localEntityIs(path, std::move(entity));
@@ -210,8 +212,9 @@ TEST_F(AgentTest, MountsInOrderWithTypesModesAndCapacities) {
                                "0 routecache/adj/ipv4 RouteCache::Ipv4AdjacencyStatus adj 200",
                                "0 routecache/adj/ipv6 RouteCache::Ipv6AdjacencyStatus adj 200",
                                "0 routecache/route/kernel Routing::Rib::RouteConfig route 3048",
-                               "offered agent/routecache/vrfIdMap", "offered agent/routecache/vrfCachedRoute",
-                               "offered agent/routecache/swRouteSm"));
+                               "offered agent/routecache/vrfIdMap",
+                               "offered agent/routecache/vrfCachedRoute", "offered agent/routecache/swRouteSm",
+                               "offered agent/routecache/kernelRouteSm"));
 }
 
 TEST(AgentStartTest, TheTraceFileIsNamedAfterTheAgentAndItsProcess) {
@@ -296,12 +299,13 @@ TEST_F(AgentTest, ReleasesWhatItMadeBeforeWhatItMounted) {
   sw.advance(40);
   log.clear();
   agent.reset();
-  ASSERT_EQ(log.size(), 5u + 9u + 13u);
-  const auto mounted = log.begin() + 5;
+  ASSERT_EQ(log.size(), 6u + 9u + 13u);
+  const auto mounted = log.begin() + 6;
   EXPECT_THAT(Log(log.begin(), mounted),
               ElementsAre("withdrawn agent/routecache/vrfIdMap", "withdrawn agent/routecache/vrfCachedRoute",
-                          "released routing6/vrf/status/red", "released routing/vrf/status/red",  // VrfSm
-                          "withdrawn agent/routecache/swRouteSm"));
+                          "released routing6/vrf/status/red",
+                          "released routing/vrf/status/red",  // VrfSm
+                          "withdrawn agent/routecache/swRouteSm", "withdrawn agent/routecache/kernelRouteSm"));
   EXPECT_THAT(Log(mounted, log.end()), testing::Each(StartsWith("released ")));
   EXPECT_THAT(sw.stateDb->paths(), testing::Not(testing::Contains(StartsWith("agent/"))));
 }
@@ -374,6 +378,10 @@ TEST_F(AgentTest, WorksWhenItComesFromItsLibrary) {
   // Its types are those of its own code.
   loaded->registerTypes(sw.entityTypes, sw.tableTypes, sw.trace.vocabulary());
   start(std::move(loaded));
+  sw.scheduler.afterRunIs([this] {
+    realTables.pendingChanges();
+    realTables.deliverChanges([] { return false; });
+  });
   sw.advance(40);
   EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 5"),
                                           Pair("2001:db8:1::/48@101", "10.255.0.1 Vxlan1 vlan 10 fec 5")));

@@ -1,0 +1,635 @@
+#include "RouteCache/RouteCacheKernelRouteSm.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "platform/Assert.h"
+
+namespace RouteCache {
+
+using Platform::TaskPriority;
+
+// --- Families --------------------------------------------------------------------------------------------------------
+
+struct KernelRouteSm::V4 {
+  using Key = Ipv4RouteVrfKey;
+  using Trie = Routing::Trie;
+  using TrieReactor = KernelRouteSm::TrieReactor;
+  static auto& side(KernelRouteSm& sm) { return sm.v4_; }
+  static const auto& side(const KernelRouteSm& sm) { return sm.v4_; }
+  static const Ipv4RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv4RouteStatus; }
+  static const Routing::Rib::RouteConfig& config(const KernelRouteSm& sm) { return *sm.in_.routeConfig; }
+  static std::shared_ptr<Trie> trie(const KernelRouteSm& sm, std::uint32_t hwVrfId) {
+    return sm.in_.vrfCachedRoute->vrfTrie(hwVrfId);
+  }
+  static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries(); }
+  static Prefix prefix(const IpGenPrefix& prefix) { return prefix.v4(); }
+};
+
+struct KernelRouteSm::V6 {
+  using Key = Ipv6RouteVrfKey;
+  using Trie = Routing6::Trie;
+  using TrieReactor = KernelRouteSm::Trie6Reactor;
+  static auto& side(KernelRouteSm& sm) { return sm.v6_; }
+  static const auto& side(const KernelRouteSm& sm) { return sm.v6_; }
+  static const Ipv6RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv6RouteStatus; }
+  static const Routing::Rib::RouteConfig& config(const KernelRouteSm& sm) { return *sm.in_.route6Config; }
+  static std::shared_ptr<Trie> trie(const KernelRouteSm& sm, std::uint32_t hwVrfId) {
+    return sm.in_.vrfCachedRoute->vrfTrie6(hwVrfId);
+  }
+  static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries6(); }
+  static Ip6Prefix prefix(const IpGenPrefix& prefix) { return prefix.v6(); }
+};
+
+// --- Reactors --------------------------------------------------------------------------------------------------------
+
+class KernelRouteSm::SwRouteReactor final : public Ipv4RouteStatus::Reactor {
+ public:
+  SwRouteReactor(KernelRouteSm& sm, std::shared_ptr<const Ipv4RouteStatus> table)
+      : Reactor(std::move(table)), sm_(sm) {}
+  void handleEntry(const Ipv4RouteVrfKey& key) override { sm_.handleIpv4SwRoute(key); }
+
+ private:
+  KernelRouteSm& sm_;
+};
+
+class KernelRouteSm::SwRoute6Reactor final : public Ipv6RouteStatus::Reactor {
+ public:
+  SwRoute6Reactor(KernelRouteSm& sm, std::shared_ptr<const Ipv6RouteStatus> table)
+      : Reactor(std::move(table)), sm_(sm) {}
+  void handleEntry(const Ipv6RouteVrfKey& key) override { sm_.handleIpv6SwRoute(key); }
+
+ private:
+  KernelRouteSm& sm_;
+};
+
+class KernelRouteSm::RouteConfigReactor final : public Routing::Rib::RouteConfig::Reactor {
+ public:
+  RouteConfigReactor(KernelRouteSm& sm, std::shared_ptr<const Routing::Rib::RouteConfig> table)
+      : Reactor(std::move(table)), sm_(sm) {}
+  void handleEntry(const RouteKey& key) override { sm_.handleRouteConfig(key); }
+
+ private:
+  KernelRouteSm& sm_;
+};
+
+class KernelRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
+ public:
+  VrfIdReactor(KernelRouteSm& sm, std::shared_ptr<const VrfIdMap> map) : Reactor(std::move(map)), sm_(sm) {}
+  void handleVrfId(std::uint32_t piVrfId) override { sm_.handleVrfId(piVrfId); }
+
+ private:
+  KernelRouteSm& sm_;
+};
+
+// Keeps one reactor for each trie.
+class KernelRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reactor {
+ public:
+  VrfCachedRouteReactor(KernelRouteSm& sm, std::shared_ptr<const VrfCachedRoute> tries)
+      : Reactor(std::move(tries)), sm_(sm) {}
+  void handleVrfTrie(std::uint32_t hwVrfId) override {
+    const bool hadTrie = sm_.v4_.tries.contains(hwVrfId);
+    sm_.trieDel(hwVrfId);
+    if (watched().vrfTrie(hwVrfId)) sm_.trieIs(hwVrfId);
+    if (hadTrie) sm_.trieChanged<V4>(hwVrfId);
+  }
+  void handleVrfTrie6(std::uint32_t hwVrfId) override {
+    const bool hadTrie = sm_.v6_.tries.contains(hwVrfId);
+    sm_.trie6Del(hwVrfId);
+    if (watched().vrfTrie6(hwVrfId)) sm_.trie6Is(hwVrfId);
+    if (hadTrie) sm_.trieChanged<V6>(hwVrfId);
+  }
+
+ private:
+  KernelRouteSm& sm_;
+};
+
+// Hears of the cached prefixes of one VRF.
+template <class F>
+class KernelRouteSm::CachedPrefixReactor : public F::Trie::Reactor {
+ public:
+  CachedPrefixReactor(KernelRouteSm& sm, const std::shared_ptr<const typename F::Trie>& trie, std::uint32_t hwVrfId)
+      : F::Trie::Reactor(trie), sm_(sm), hwVrfId_(hwVrfId) {}
+  void handleTrieDelete() override { sm_.trieChanged<F>(hwVrfId_); }
+
+ protected:
+  void prefixChanged(std::uint32_t id) {
+    const auto prefix = this->trie()->prefix(id);
+    if (prefix) sm_.cachedPrefixChanged<F>(typename F::Key(*prefix, hwVrfId_));
+  }
+
+ private:
+  KernelRouteSm& sm_;
+  std::uint32_t hwVrfId_;
+};
+
+class KernelRouteSm::TrieReactor final : public CachedPrefixReactor<V4> {
+ public:
+  using CachedPrefixReactor::CachedPrefixReactor;
+  void handleRouteCachePrefix(std::uint32_t id) override { prefixChanged(id); }
+};
+
+class KernelRouteSm::Trie6Reactor final : public CachedPrefixReactor<V6> {
+ public:
+  using CachedPrefixReactor::CachedPrefixReactor;
+  void handleRouteCachePrefix(std::uint32_t id) override { handleRouteCachePrefix6(id); }
+  void handleRouteCachePrefix6(std::uint32_t id) { prefixChanged(id); }
+};
+
+void KernelRouteSm::trieIs(std::uint32_t hwVrfId) {
+  const auto trie = in_.vrfCachedRoute->vrfTrie(hwVrfId);
+  v4_.tries[hwVrfId] = std::make_unique<TrieReactor>(*this, trie, hwVrfId);
+  if (!trie->empty()) trieSweepIs<V4>(hwVrfId);
+}
+
+void KernelRouteSm::trieDel(std::uint32_t hwVrfId) {
+  v4_.tries.erase(hwVrfId);
+  v4_.trieSweep.erase(hwVrfId);
+}
+
+void KernelRouteSm::trie6Is(std::uint32_t hwVrfId) {
+  const auto trie = in_.vrfCachedRoute->vrfTrie6(hwVrfId);
+  v6_.tries[hwVrfId] = std::make_unique<Trie6Reactor>(*this, trie, hwVrfId);
+  if (!trie->empty()) trieSweepIs<V6>(hwVrfId);
+}
+
+void KernelRouteSm::trie6Del(std::uint32_t hwVrfId) {
+  v6_.tries.erase(hwVrfId);
+  v6_.trieSweep.erase(hwVrfId);
+}
+
+// --- Life ------------------------------------------------------------------------------------------------------------
+
+KernelRouteSm::KernelRouteSm(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
+                             Platform::TraceFacility& trace)
+    : Entity("KernelRouteSm"),
+      in_(inputs),
+      capacity_(inputs.routeCacheCapability->hwRouteTableSize()),
+      trace_(trace, "RouteCacheKernelRouteSm"),
+      v4_(*inputs.swIpv4RouteStatus, DeferredTask(scheduler, trace_, "ipv4RouteProcessingTask",
+                                                  TaskPriority::processing, [this] { handleIpv4RouteProcessing(); })),
+      v6_(*inputs.swIpv6RouteStatus, DeferredTask(scheduler, trace_, "ipv6RouteProcessingTask",
+                                                  TaskPriority::processing, [this] { handleIpv6RouteProcessing(); })),
+      kernelRouteProcessingTask_(scheduler, trace_, "kernelRouteProcessingTask", TaskPriority::processing,
+                                 [this] { handleKernelRouteProcessing(); }),
+      kernelRouteSyncTask_(scheduler, trace_, "kernelRouteSyncTask", TaskPriority::processing,
+                           [this] { handleKernelRouteSync(); }) {}
+
+KernelRouteSm::~KernelRouteSm() = default;
+
+std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
+                                               Platform::TraceFacility& trace) {
+  auto sm = std::make_shared<KernelRouteSm>(inputs, scheduler, trace);
+  sm->handleInitialized();
+  return sm;
+}
+
+void KernelRouteSm::handleInitialized() {
+  trace_(9, __PRETTY_FUNCTION__);
+  initialized_ = true;
+  swRouteReactor_ = std::make_unique<SwRouteReactor>(*this, in_.swIpv4RouteStatus);
+  swRoute6Reactor_ = std::make_unique<SwRoute6Reactor>(*this, in_.swIpv6RouteStatus);
+  routeReactor_ = std::make_unique<RouteConfigReactor>(*this, in_.routeConfig);
+  route6Reactor_ = std::make_unique<RouteConfigReactor>(*this, in_.route6Config);
+  vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
+  vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
+  for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
+  for (const auto& vrf : in_.vrfCachedRoute->vrfTries6()) trie6Is(vrf.first);
+  handleIpv4SwRoute();
+  handleIpv6SwRoute();
+  scheduleKernelRouteSyncTask(routeProcessingIntervalDefer_);
+}
+
+const Lattis::EntityType& KernelRouteSm::entityType() const {
+  using This = KernelRouteSm;
+  using Lattis::attributeField;
+  using Lattis::readOnlyField;
+  static const Lattis::EntityType type{
+      "RouteCache::KernelRouteSm",
+      {attributeField<This, &This::routeProcessingInterval, &This::routeProcessingIntervalIs>(
+           "routeProcessingInterval"),
+       attributeField<This, &This::routeProcessingIntervalDefer, &This::routeProcessingIntervalDeferIs>(
+           "routeProcessingIntervalDefer"),
+       readOnlyField<This, &This::initialized>("initialized"), readOnlyField<This, &This::capacity>("capacity"),
+       readOnlyField<This, &This::ipv4RouteToProcessCount>("ipv4RouteToProcess"),
+       readOnlyField<This, &This::ipv6RouteToProcessCount>("ipv6RouteToProcess"),
+       readOnlyField<This, &This::written>("written"), readOnlyField<This, &This::deleted>("deleted")},
+      {}};
+  return type;
+}
+
+std::string KernelRouteSm::fault() const {
+  constexpr double shortest = 0.001;  // keys that wait are looked after again and again
+  if (!std::isfinite(routeProcessingInterval_) || routeProcessingInterval_ < 0) {
+    return "routeProcessingInterval is a finite number of seconds, at least 0";
+  }
+  if (!std::isfinite(routeProcessingIntervalDefer_) || routeProcessingIntervalDefer_ < shortest) {
+    return "routeProcessingIntervalDefer is a finite number of seconds, at least 0.001";
+  }
+  return {};
+}
+
+// --- Reactions -------------------------------------------------------------------------------------------------------
+
+template <class F>
+void KernelRouteSm::queueKey(const typename F::Key& key) {
+  trace_(7, "prefix: ", key.prefix(), " vrfId: ", key.vrfId());
+  F::side(*this).toProcess.keyIs(key);
+  F::side(*this).task.schedule(routeProcessingInterval_);
+}
+
+template <class F>
+void KernelRouteSm::vrfWalkIs(std::uint32_t hwVrfId) {
+  F::side(*this).walk.vrfIs(hwVrfId);
+  F::side(*this).task.schedule(routeProcessingInterval_);
+}
+
+template <class F>
+void KernelRouteSm::trieSweepIs(std::uint32_t hwVrfId) {
+  F::side(*this).trieSweep[hwVrfId] = {};
+  vrfWalkIs<F>(hwVrfId);
+}
+
+void KernelRouteSm::handleIpv4SwRoute(const Ipv4RouteVrfKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  queueKey<V4>(key);
+}
+
+void KernelRouteSm::handleIpv6SwRoute(const Ipv6RouteVrfKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  queueKey<V6>(key);
+}
+
+void KernelRouteSm::handleIpv4SwRoute() {
+  trace_(9, __PRETTY_FUNCTION__);
+  v4_.walk.allIs();
+  scheduleIpv4RouteProcessingTask(routeProcessingInterval_);
+}
+
+void KernelRouteSm::handleIpv6SwRoute() {
+  trace_(9, __PRETTY_FUNCTION__);
+  v6_.walk.allIs();
+  scheduleIpv6RouteProcessingTask(routeProcessingInterval_);
+}
+
+void KernelRouteSm::handleIpv4CachedRoute(const Ipv4RouteVrfKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  queueKey<V4>(key);
+}
+
+void KernelRouteSm::handleIpv6CachedRoute(const Ipv6RouteVrfKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
+  queueKey<V6>(key);
+}
+
+void KernelRouteSm::scheduleSwIpv4RouteStatusWalk(std::uint32_t hwVrfId) {
+  trace_(6, "scheduleSwIpv4RouteStatusWalk for hwVrfId: ", hwVrfId);
+  vrfWalkIs<V4>(hwVrfId);
+}
+
+void KernelRouteSm::scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId) {
+  trace_(6, "scheduleSwIpv6RouteStatusWalk for hwVrfId: ", hwVrfId);
+  vrfWalkIs<V6>(hwVrfId);
+}
+
+void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
+  if (!in_.kernelRouteStatus->has(key) || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return;
+  const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
+  if (key.prefix().isV4()) {
+    queueKey<V4>({key.prefix().v4(), hwVrfId});
+  } else {
+    queueKey<V6>({key.prefix().v6(), hwVrfId});
+  }
+}
+
+void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) {
+    trace_(6, "deleted piVrfId: ", piVrfId);
+    addKernelRouteVrfIdColl(piVrfId);
+    return;
+  }
+  trace_(6, "added piVrfId: ", piVrfId);
+  const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(piVrfId);
+  scheduleSwIpv4RouteStatusWalk(hwVrfId);
+  scheduleSwIpv6RouteStatusWalk(hwVrfId);
+  // A trie that outlived the old id has told its prefixes while they could not be written.
+  if (v4_.tries.contains(hwVrfId)) trieSweepIs<V4>(hwVrfId);
+  if (v6_.tries.contains(hwVrfId)) trieSweepIs<V6>(hwVrfId);
+}
+
+template <class F>
+void KernelRouteSm::cachedPrefixChanged(const typename F::Key& key) {
+  F::side(*this).walk.coveredIs(key);
+  queueKey<F>(key);
+}
+
+// Nothing of a VRF that is not mapped has to be decided: its arrival brings all of it.
+template <class F>
+void KernelRouteSm::trieChanged(std::uint32_t hwVrfId) {
+  if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(hwVrfId)) return;
+  vrfWalkIs<F>(hwVrfId);
+  addKernelRouteVrfIdColl(in_.vrfIdMap->hwVrfIdToGlobalVrfId(hwVrfId));
+}
+
+// --- Decisions -------------------------------------------------------------------------------------------------------
+
+template <class Key>
+std::optional<Routing::Rib::RouteKey> KernelRouteSm::kernelKey(const Key& key) const {
+  if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(key.vrfId())) return std::nullopt;
+  return RouteKey(in_.vrfIdMap->hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
+}
+
+template <class F>
+KernelRouteSm::Decision KernelRouteSm::decide(const typename F::Key& key) const {
+  Decision decision;
+  decision.published = F::routes(*this).has(key);
+  const auto trie = F::trie(*this, key.vrfId());
+  if (decision.published) {
+    decision.wanted = !trie || !trie->longestMatch(key.prefix());
+  } else {
+    decision.wanted = trie && trie->has(key.prefix());
+  }
+  return decision;
+}
+
+bool KernelRouteSm::hasRoom(Room room) const {
+  return in_.kernelRouteStatus->hasRoom() && (room == cachedRoom || in_.kernelRouteStatus->size() < capacity_);
+}
+
+template <class F>
+bool KernelRouteSm::isRouteAdded(const typename F::Key& key, const Decision& decision) {
+  auto& side = F::side(*this);
+  if (!side.toProcess.has(key)) {
+    trace_(6, "Not in RouteToProcess");
+    return false;
+  }
+  const Room room = decision.published ? mirrorRoom : cachedRoom;
+  if (decision.wanted && !hasRoom(room)) {
+    const auto kernel = kernelKey(key);
+    if (!kernel || !in_.kernelRouteStatus->has(*kernel)) {
+      side.toProcess.waitingKeyIs(key, room);
+      side.task.schedule(routeProcessingIntervalDefer_);
+      return false;
+    }
+  }
+  side.toProcess.keyDel(key);
+  return decision.wanted;
+}
+
+bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
+  return isRouteAdded<V4>(key, decide<V4>(key));
+}
+
+bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
+  return isRouteAdded<V6>(key, decide<V6>(key));
+}
+
+template <class F>
+void KernelRouteSm::processRoute(const typename F::Key& key) {
+  const auto kernel = kernelKey(key);
+  if (!kernel) {
+    F::side(*this).toProcess.keyDel(key);
+    return;
+  }
+  const Decision decision = decide<F>(key);
+  if (isRouteAdded<F>(key, decision)) {
+    trace_(7, "adding", " ", *kernel);
+    writeKernelRoute<F>(*kernel, decision.published);
+  } else if (!decision.wanted) {
+    trace_(7, "deleting", " ", *kernel);
+    deleteKernelRoute(*kernel);
+  }
+}
+
+void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {
+  processRoute<V4>(key);
+}
+
+void KernelRouteSm::ipv6ProcessRoute(const Ipv6RouteVrfKey& key) {
+  processRoute<V6>(key);
+}
+
+template <class F>
+void KernelRouteSm::writeKernelRoute(const RouteKey& key, bool published) {
+  const auto standing = in_.kernelRouteStatus->route(key);
+  const auto configured = published ? F::config(*this).route(key) : std::nullopt;
+  // A published route that is configured no more is about to be withdrawn: no reason to touch it before.
+  if (published && !configured && standing) return;
+  const Routing::Rib::Route wanted = configured.value_or(Routing::Rib::Route(key));
+  if (standing == wanted) return;
+  in_.kernelRouteStatus->routeIs(wanted);
+  ++written_;
+}
+
+void KernelRouteSm::deleteKernelRoute(const RouteKey& key) {
+  const std::size_t before = in_.kernelRouteStatus->size();
+  in_.kernelRouteStatus->routeDel(key);
+  deleted_ += before - in_.kernelRouteStatus->size();
+}
+
+// --- The families' tasks ---------------------------------------------------------------------------------------------
+
+void KernelRouteSm::handleIpv4RouteProcessing() {
+  trace_(9, __PRETTY_FUNCTION__);
+  handleRouteProcessing<V4>();
+}
+
+void KernelRouteSm::handleIpv6RouteProcessing() {
+  trace_(9, __PRETTY_FUNCTION__);
+  handleRouteProcessing<V6>();
+}
+
+template <class F>
+void KernelRouteSm::handleRouteProcessing() {
+  auto& side = F::side(*this);
+  std::uint64_t handled = 0;
+  const bool more = workOff(side.task, handled, [this] { return processNext<F>(); });
+  side.task.report(handled, side.toProcess.size());
+  if (more && !side.toProcess.hasFresh()) {
+    side.task.schedule(std::max(routeProcessingInterval_, walkPause));
+  } else if (more) {
+    side.task.schedule(routeProcessingInterval_);
+  } else if (!side.toProcess.empty()) {
+    side.task.schedule(routeProcessingIntervalDefer_);
+  }
+}
+
+// Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them.
+template <class F>
+bool KernelRouteSm::processNext() {
+  auto& side = F::side(*this);
+  if (const auto fresh = side.toProcess.freshKey()) {
+    processRoute<F>(*fresh);
+  } else if (!side.trieSweep.empty()) {
+    queueTriePrefix<F>();
+  } else if (side.walk.pending()) {
+    if (const auto key = side.walk.step()) {
+      side.toProcess.keyIs(*key);
+      processRoute<F>(*key);
+    }
+  } else if (side.toProcess.hasWaiting(mirrorRoom) && hasRoom(mirrorRoom)) {
+    processRoute<F>(*side.toProcess.waitingKey(mirrorRoom));
+  } else if (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom)) {
+    processRoute<F>(*side.toProcess.waitingKey(cachedRoom));
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// The next prefix of the first trie that is to be swept; the sweep ends with the trie.
+template <class F>
+void KernelRouteSm::queueTriePrefix() {
+  auto& side = F::side(*this);
+  const auto sweep = side.trieSweep.begin();
+  const auto trie = F::trie(*this, sweep->first);
+  auto route = trie->lowerBound(sweep->second);
+  if (route != trie->end()) {
+    side.toProcess.keyIs({route->prefix, sweep->first});
+    ++route;
+  }
+  if (route == trie->end()) {
+    side.trieSweep.erase(sweep);
+  } else {
+    sweep->second = route->prefix;
+  }
+}
+
+// --- The kernel walk -------------------------------------------------------------------------------------------------
+
+void KernelRouteSm::addKernelRouteVrfIdColl(std::uint32_t piVrfId) {
+  if (kernelRouteBookmark_.isEmpty()) {
+    trace_(6, "adding into current coll vrfId ", piVrfId);
+    currentKernelRouteVrfIdColl_.insert(piVrfId);
+    scheduleKernelRouteProcessingTask(routeProcessingInterval_);
+  } else {
+    trace_(6, "adding into next coll vrfId ", piVrfId);
+    nextKernelRouteVrfIdColl_.insert(piVrfId);
+  }
+}
+
+void KernelRouteSm::handleKernelRouteSync() {
+  trace_(9, __PRETTY_FUNCTION__);
+  synced_ = true;
+  const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
+  for (auto route = table.begin(); route != table.end();) {
+    const std::uint32_t piVrfId = route->key().vrfId();
+    addKernelRouteVrfIdColl(piVrfId);
+    if (piVrfId == std::numeric_limits<std::uint32_t>::max()) break;
+    route = table.lowerBound(RouteKey(piVrfId + 1, IpGenPrefix()));
+  }
+}
+
+void KernelRouteSm::handleKernelRouteProcessing() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (currentKernelRouteVrfIdColl_.empty()) return;
+  const auto& vrfs = currentKernelRouteVrfIdColl_;
+  const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
+  const RouteKey from = kernelRouteBookmark_.isEmpty() ? RouteKey(*vrfs.begin(), IpGenPrefix()) : kernelRouteBookmark_;
+  kernelRouteBookmark_ = RouteKey();
+  std::uint64_t handled = 0;
+  for (auto route = table.lowerBound(from); route != table.end();) {
+    const RouteKey key = route->key();
+    if (!vrfs.contains(key.vrfId())) {
+      const auto next = vrfs.upper_bound(key.vrfId());
+      if (next == vrfs.end()) break;
+      route = table.lowerBound(RouteKey(*next, IpGenPrefix()));
+      continue;
+    }
+    ++route;  // before the entry may go
+    processKernelRoute(key);
+    ++handled;
+    if (route != table.end() && kernelRouteProcessingTask_.shouldYield()) {
+      kernelRouteBookmark_ = route->key();
+      break;
+    }
+  }
+  kernelRouteProcessingTask_.report(handled, 0);
+  if (kernelRouteBookmark_.isEmpty()) currentKernelRouteVrfIdColl_ = std::exchange(nextKernelRouteVrfIdColl_, {});
+  if (!currentKernelRouteVrfIdColl_.empty()) {
+    scheduleKernelRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
+  }
+}
+
+void KernelRouteSm::processKernelRoute(const RouteKey& key) {
+  if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) {
+    trace_(7, "deleting", " ", key);
+    deleteKernelRoute(key);
+    return;
+  }
+  const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
+  if (key.prefix().isV4()) {
+    ipv4RouteToProcessIs({key.prefix().v4(), hwVrfId});
+    ipv4ProcessRoute({key.prefix().v4(), hwVrfId});
+  } else {
+    ipv6RouteToProcessIs({key.prefix().v6(), hwVrfId});
+    ipv6ProcessRoute({key.prefix().v6(), hwVrfId});
+  }
+}
+
+// --- Invariants ------------------------------------------------------------------------------------------------------
+
+template <class F>
+bool KernelRouteSm::isAwaited(const typename F::Key& key) const {
+  return F::side(*this).toProcess.has(key) || F::side(*this).walk.willMeet(key);
+}
+
+template <class F>
+void KernelRouteSm::checkPublished() const {
+  for (const auto& route : F::routes(*this)) {
+    const auto kernel = kernelKey(route.key());
+    if (!kernel || isAwaited<F>(route.key())) continue;
+    const auto standing = in_.kernelRouteStatus->route(*kernel);
+    PLATFORM_ASSERT_TEXT(decide<F>(route.key()).wanted == standing.has_value(),
+                         "a published route has a kernel route exactly if no cached prefix covers it");
+    const auto configured = F::config(*this).route(*kernel);
+    PLATFORM_ASSERT_TEXT(!standing || !configured || *standing == *configured,
+                         "a kernel route is like the configured route that it mirrors");
+  }
+}
+
+template <class F>
+void KernelRouteSm::checkCachedPrefixes() const {
+  for (const auto& [hwVrfId, trie] : F::tries(*this)) {
+    const auto sweep = F::side(*this).trieSweep.find(hwVrfId);
+    for (const auto& route : *trie) {
+      const typename F::Key key(route.prefix, hwVrfId);
+      const auto kernel = kernelKey(key);
+      const bool swept = sweep != F::side(*this).trieSweep.end() && !(route.prefix < sweep->second);
+      if (!kernel || swept || isAwaited<F>(key) || F::routes(*this).has(key)) continue;
+      PLATFORM_ASSERT_TEXT(in_.kernelRouteStatus->has(*kernel),
+                           "a cached prefix that is not published has a kernel route");
+    }
+  }
+}
+
+void KernelRouteSm::checkKernelRoutes() const {
+  for (const auto& route : *in_.kernelRouteStatus) {
+    const RouteKey& key = route.key();
+    if (!synced_ || currentKernelRouteVrfIdColl_.contains(key.vrfId()) ||
+        nextKernelRouteVrfIdColl_.contains(key.vrfId())) {
+      continue;
+    }
+    PLATFORM_ASSERT_TEXT(in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId()),
+                         "a kernel route's VRF is mapped, or ahead of a kernel walk");
+    const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
+    const auto isRight = [this]<class F>(const typename F::Key& tableKey) {
+      return isAwaited<F>(tableKey) || decide<F>(tableKey).wanted;
+    };
+    PLATFORM_ASSERT_TEXT(key.prefix().isV4() ? isRight.operator()<V4>({key.prefix().v4(), hwVrfId})
+                                             : isRight.operator()<V6>({key.prefix().v6(), hwVrfId}),
+                         "a kernel route is wanted, or queued");
+  }
+}
+
+void KernelRouteSm::checkInvariants() const {
+  if (!initialized_) return;
+  checkPublished<V4>();
+  checkPublished<V6>();
+  checkCachedPrefixes<V4>();
+  checkCachedPrefixes<V6>();
+  checkKernelRoutes();
+}
+
+}  // namespace RouteCache

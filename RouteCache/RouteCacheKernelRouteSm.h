@@ -1,0 +1,249 @@
+// The kernel route state machine: keeps a table of routes for the kernel in step with what is published.
+//
+// A published route has a kernel route unless a cached FIB prefix of its VRF covers it: that traffic is the FIB's. A
+// prefix that is not published has one if it is itself a cached FIB prefix. Kernel routes are keyed by the platform's
+// VRF id; while a VRF has none, nothing of it can be written, and its arrival brings all its routes again.
+//
+// Room. Published routes are mirrored while the table holds fewer entries than the hardware's; cached FIB prefixes may
+// fill the buffer above that as well. What stands already needs no room. Keys that find none wait, apart from the
+// others, so that looking after them costs one comparison while there is none.
+//
+// A reaction queues the key, a task of the key's family decides it. What concerns many routes - a VRF, a cached prefix
+// and all that it covers - is recorded as a walk over the published table, done by the same task in slices. The kernel
+// walk goes through the kernel table itself, for VRFs that have gone: their published routes may have gone before them.
+//
+// Restart. The kernel table that is found is adopted: a route is written only when it differs. Stale ones go with the
+// first kernel walk over all of it, which leaves the switch as long to bring its VRFs as the route syncs do.
+//
+// Invariants, between any two callbacks (checkInvariants): every published route and every cached prefix of a mapped
+// VRF stands in the kernel table exactly if the decision says so, or is queued, or a walk owed will meet it; every
+// kernel route of a VRF that is not mapped is ahead of a kernel walk.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "RouteCache/CoveredRoutesWalk.h"
+#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/RouteCacheKeyQueue.h"
+#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/RouteCacheTask.h"
+#include "platform/Rib.h"
+#include "platform/Trie.h"
+
+namespace RouteCache {
+
+// What KernelRouteSm is given, in this order.
+struct KernelRouteSmInputs {
+  std::shared_ptr<const Ipv4RouteStatus> swIpv4RouteStatus;
+  std::shared_ptr<const Ipv6RouteStatus> swIpv6RouteStatus;
+  std::shared_ptr<Routing::Rib::RouteConfig> kernelRouteStatus;
+  std::shared_ptr<const Capability> routeCacheCapability;
+  std::shared_ptr<const VrfIdMap> vrfIdMap;
+  std::shared_ptr<const VrfCachedRoute> vrfCachedRoute;
+  // Where a kernel route has everything but its key from.
+  std::shared_ptr<const Routing::Rib::RouteConfig> routeConfig;
+  std::shared_ptr<const Routing::Rib::RouteConfig> route6Config;
+};
+
+class KernelRouteSm final : public Lattis::Entity {
+ public:
+  using RouteKey = Routing::Rib::RouteKey;
+  // What a queued key that finds no room waits for: room for a published route, or for a cached FIB prefix.
+  enum Room : std::uint8_t { mirrorRoom = 0, cachedRoom = 1 };
+  template <class Key>
+  using Queue = KeyQueue<Key, 2>;
+
+  // The capability's hardware route table size bounds the mirrored routes; it is read here, once. Nothing happens
+  // before handleInitialized().
+  KernelRouteSm(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace);
+  ~KernelRouteSm() override;
+
+  // All inputs are there: follows tables, VRFs and tries, and queues what stands in them.
+  void handleInitialized();
+  bool initialized() const { return initialized_; }
+
+  // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
+  void handleIpv4SwRoute(const Ipv4RouteVrfKey& key);
+  void handleIpv4SwRoute();  // every published route
+  void handleIpv6SwRoute(const Ipv6RouteVrfKey& key);
+  void handleIpv6SwRoute();
+  void handleIpv4CachedRoute(const Ipv4RouteVrfKey& key);
+  void handleIpv6CachedRoute(const Ipv6RouteVrfKey& key);
+  void handleVrfId(std::uint32_t piVrfId);
+  // A configured route changed: only what the kernel has already can differ from it.
+  void handleRouteConfig(const RouteKey& key);
+  // Every published route of the VRF is to be decided again; a walk that the family's task does in slices.
+  void scheduleSwIpv4RouteStatusWalk(std::uint32_t hwVrfId);
+  void scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId);
+  // The kernel walk is to visit the kernel routes of this VRF: the one that begins next, so that one under way is never
+  // widened.
+  void addKernelRouteVrfIdColl(std::uint32_t piVrfId);
+
+  // --- Decisions -------------------------------------------------------------------------------------------------
+  // Whether the queued route must be in the kernel table. Takes it out of the queue, or leaves it waiting and answers
+  // false when it must be added and there is no room.
+  bool isIpv4RouteAdded(const Ipv4RouteVrfKey& key);
+  bool isIpv6RouteAdded(const Ipv6RouteVrfKey& key);
+  // Decides a queued route and writes or deletes its kernel route.
+  void ipv4ProcessRoute(const Ipv4RouteVrfKey& key);
+  void ipv6ProcessRoute(const Ipv6RouteVrfKey& key);
+  // One step of the kernel walk.
+  void processKernelRoute(const RouteKey& key);
+
+  void ipv4RouteToProcessIs(const Ipv4RouteVrfKey& key) { v4_.toProcess.keyIs(key); }
+  void ipv6RouteToProcessIs(const Ipv6RouteVrfKey& key) { v6_.toProcess.keyIs(key); }
+  const Queue<Ipv4RouteVrfKey>& ipv4RouteToProcess() const { return v4_.toProcess; }
+  const Queue<Ipv6RouteVrfKey>& ipv6RouteToProcess() const { return v6_.toProcess; }
+  Ipv4RouteVrfKey ipv4RouteToProcessBookmark() const { return v4_.toProcess.bookmark(); }
+  Ipv6RouteVrfKey ipv6RouteToProcessBookmark() const { return v6_.toProcess.bookmark(); }
+  // The empty key: no kernel walk is under way.
+  RouteKey kernelRouteBookmark() const { return kernelRouteBookmark_; }
+  const std::set<std::uint32_t>& currentKernelRouteVrfIdColl() const { return currentKernelRouteVrfIdColl_; }
+  const std::set<std::uint32_t>& nextKernelRouteVrfIdColl() const { return nextKernelRouteVrfIdColl_; }
+
+  // --- Tries -----------------------------------------------------------------------------------------------------
+  // A reactor for the VRF's trie as it is now; what the trie holds is queued.
+  void trieIs(std::uint32_t hwVrfId);
+  void trieDel(std::uint32_t hwVrfId);
+  void trie6Is(std::uint32_t hwVrfId);
+  void trie6Del(std::uint32_t hwVrfId);
+
+  // --- Task bodies and requests ----------------------------------------------------------------------------------
+  void handleIpv4RouteProcessing();
+  void handleIpv6RouteProcessing();
+  void handleKernelRouteProcessing();
+  // Puts every VRF of the kernel table before the kernel walk: once, some time after the start.
+  void handleKernelRouteSync();
+  void scheduleIpv4RouteProcessingTask(double seconds) { v4_.task.schedule(seconds); }
+  void scheduleIpv6RouteProcessingTask(double seconds) { v6_.task.schedule(seconds); }
+  void scheduleKernelRouteProcessingTask(double seconds) { kernelRouteProcessingTask_.schedule(seconds); }
+  void scheduleKernelRouteSyncTask(double seconds) { kernelRouteSyncTask_.schedule(seconds); }
+
+  // --- Settings and counts ---------------------------------------------------------------------------------------
+  // Seconds, finite. The second, at least 0.001, is how often keys that wait for room are looked after, and what a VRF
+  // has to arrive after a restart.
+  double routeProcessingInterval() const { return routeProcessingInterval_; }
+  void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
+  double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
+  void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
+  std::uint32_t capacity() const { return capacity_; }  // of mirrored routes, in entries
+  std::uint64_t ipv4RouteToProcessCount() const { return v4_.toProcess.size(); }
+  std::uint64_t ipv6RouteToProcessCount() const { return v6_.toProcess.size(); }
+  std::uint64_t written() const { return written_; }  // kernel routes written or replaced since the start
+  std::uint64_t deleted() const { return deleted_; }
+
+  const Lattis::EntityType& entityType() const override;
+  // An interval out of its range.
+  std::string fault() const override;
+  // Aborts when an invariant does not hold. Walks every table. To be called when all table changes are delivered.
+  void checkInvariants() const;
+
+ private:
+  class SwRouteReactor;
+  class SwRoute6Reactor;
+  class RouteConfigReactor;
+  class VrfIdReactor;
+  class VrfCachedRouteReactor;
+  template <class F>
+  class CachedPrefixReactor;
+  class TrieReactor;
+  class Trie6Reactor;
+
+  // The twins' types, and which members serve each.
+  struct V4;
+  struct V6;
+
+  // What there is of each family.
+  template <class Table, class TrieReactorType>
+  struct Side {
+    using Key = typename Table::Key;
+    using Prefix = typename Key::Prefix;
+    Side(const Table& table, DeferredTask processingTask) : walk(table), task(std::move(processingTask)) {}
+    Queue<Key> toProcess;
+    CoveredRoutesWalk<Table> walk;
+    // Tries by hardware VRF id whose prefixes are to be queued, from this one on.
+    std::map<std::uint32_t, Prefix> trieSweep;
+    DeferredTask task;
+    std::map<std::uint32_t, std::unique_ptr<TrieReactorType>> tries;
+  };
+
+  // What the tables say of a route, room aside.
+  struct Decision {
+    bool published = false;
+    bool wanted = false;
+  };
+  template <class F>
+  Decision decide(const typename F::Key& key) const;
+  bool hasRoom(Room room) const;
+  // Nothing while the VRF is not mapped.
+  template <class Key>
+  std::optional<RouteKey> kernelKey(const Key& key) const;
+  template <class F>
+  bool isRouteAdded(const typename F::Key& key, const Decision& decision);
+  template <class F>
+  void processRoute(const typename F::Key& key);
+  template <class F>
+  void writeKernelRoute(const RouteKey& key, bool published);
+  void deleteKernelRoute(const RouteKey& key);
+  template <class F>
+  void handleRouteProcessing();
+  template <class F>
+  bool processNext();
+  template <class F>
+  void queueTriePrefix();
+  template <class F>
+  void queueKey(const typename F::Key& key);
+  template <class F>
+  void vrfWalkIs(std::uint32_t hwVrfId);
+  template <class F>
+  void trieSweepIs(std::uint32_t hwVrfId);
+  // The trie of a VRF is another one, or empty, and nobody has told its prefixes one by one.
+  template <class F>
+  void trieChanged(std::uint32_t hwVrfId);
+  // A prefix came to the VRF's trie or left it.
+  template <class F>
+  void cachedPrefixChanged(const typename F::Key& key);
+  template <class F>
+  void checkPublished() const;
+  template <class F>
+  void checkCachedPrefixes() const;
+  template <class F>
+  bool isAwaited(const typename F::Key& key) const;
+  void checkKernelRoutes() const;
+
+  const KernelRouteSmInputs in_;
+  const std::uint32_t capacity_;
+  Platform::TraceHandle trace_;
+  bool initialized_ = false;
+  bool synced_ = false;  // every VRF of the kernel table found at start has been put before the kernel walk
+  double routeProcessingInterval_ = 0.0;
+  double routeProcessingIntervalDefer_ = 5.0;
+  std::uint64_t written_ = 0;
+  std::uint64_t deleted_ = 0;
+
+  Side<Ipv4RouteStatus, TrieReactor> v4_;
+  Side<Ipv6RouteStatus, Trie6Reactor> v6_;
+  std::set<std::uint32_t> currentKernelRouteVrfIdColl_;
+  std::set<std::uint32_t> nextKernelRouteVrfIdColl_;
+  RouteKey kernelRouteBookmark_;
+  DeferredTask kernelRouteProcessingTask_;
+  DeferredTask kernelRouteSyncTask_;
+
+  // Last: they call back into all of the above.
+  std::unique_ptr<SwRouteReactor> swRouteReactor_;
+  std::unique_ptr<SwRoute6Reactor> swRoute6Reactor_;
+  std::unique_ptr<RouteConfigReactor> routeReactor_;
+  std::unique_ptr<RouteConfigReactor> route6Reactor_;
+  std::unique_ptr<VrfIdReactor> vrfIdReactor_;
+  std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
+};
+
+// Makes the state machine and starts it.
+std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
+                                               Platform::TraceFacility& trace);
+
+}  // namespace RouteCache

@@ -1,0 +1,575 @@
+// The kernel mirror over real tables, with everything around it in the test's hand: what is published, configured,
+// cached and mapped.
+#include <gmock/gmock.h>
+
+#include <map>
+#include <random>
+#include <set>
+
+#include "RouteCache/RouteCacheKernelRouteSm.h"
+#include "linux/PlatformTypes.h"
+#include "linux/SharedTable.h"
+#include "linux/TaskScheduler.h"
+#include "linux/TextTrace.h"
+#include "test/support/SimulatedSwitch.h"
+
+namespace {
+
+using Platform::fromText;
+using Platform::toText;
+using Pondra::MountKind;
+using RouteCache::AdjId;
+using RouteCache::Ipv4RouteStatus;
+using RouteCache::Ipv6RouteStatus;
+using Routing::Rib::RouteConfig;
+using Routing::Rib::RouteKey;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+class KernelMirror {
+ public:
+  static constexpr std::uint32_t buffer = 2;  // room for cached prefixes above the capacity
+
+  explicit KernelMirror(std::uint32_t capacity = 1000, int traceLevel = -1) : trace(traceLevel) {
+    RouteCache::registerTraceWords(trace.vocabulary());
+    Lattis::EntityTypes entities;
+    LinuxPlatform::addPlatformTypes(entities, types_);
+    RouteCache::addTableTypes(types_);
+    sw4 = mounted<Ipv4RouteStatus>("sw4", 1000);
+    sw6 = mounted<Ipv6RouteStatus>("sw6", 1000);
+    config4 = mounted<RouteConfig>("config4", 1000);
+    config6 = mounted<RouteConfig>("config6", 1000);
+    kernelTable = mounted<RouteConfig>("kernel", capacity + buffer);
+    capability->hwRouteTableSizeIs(capacity);
+    scheduler.afterRunIs([this] {
+      service_.pendingChanges();
+      service_.deliverChanges([] { return false; });
+      if (sm) sm->checkInvariants();
+    });
+  }
+  ~KernelMirror() { stop(); }
+
+  void start() {
+    sm = RouteCache::KernelRouteSmIs({sw4, sw6, kernelTable, capability, vrfIdMap, cachedRoutes, config4, config6},
+                                     scheduler, trace);
+  }
+  void stop() { sm.reset(); }
+  // All there is to do, waiting keys apart.
+  void settle() { scheduler.advance(0.5); }
+
+  void vrf(std::uint32_t piVrfId, std::uint32_t hwVrfId) {
+    if (!cachedRoutes->vrfTrie(hwVrfId)) cachedRoutes->vrfTrieIs(hwVrfId, std::make_shared<Routing::Trie>());
+    cachedRoutes->vrfTrie6Is(hwVrfId, std::make_shared<Routing6::Trie>());
+    mapVrf(piVrfId, hwVrfId);
+  }
+  void mapVrf(std::uint32_t piVrfId, std::uint32_t hwVrfId) {
+    vrfIdMap->hwVrfIdToGlobalVrfIdIs(hwVrfId, piVrfId);
+    vrfIdMap->globalVrfIdToHwVrfIdIs(piVrfId, hwVrfId);
+  }
+  void unmapVrf(std::uint32_t piVrfId) {
+    if (!vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) return;
+    vrfIdMap->hwVrfIdToGlobalVrfIdDel(vrfIdMap->globalVrfIdToHwVrfId(piVrfId));
+    vrfIdMap->globalVrfIdToHwVrfIdDel(piVrfId);
+  }
+  // The IPv6 trie stays, as it does in a switch.
+  void vrfGone(std::uint32_t piVrfId) {
+    const std::uint32_t hwVrfId = vrfIdMap->globalVrfIdToHwVrfId(piVrfId);
+    unmapVrf(piVrfId);
+    cachedRoutes->vrfTrieDel(hwVrfId);
+  }
+  void published(const std::string& text, std::uint32_t hwVrfId) {
+    const auto prefix = fromText<IpGenPrefix>(text);
+    if (prefix.isV4()) {
+      sw4->routeIs({{prefix.v4(), hwVrfId}, AdjId(1), false});
+    } else {
+      sw6->routeIs({{prefix.v6(), hwVrfId}, AdjId(1), false});
+    }
+  }
+  void withdrawn(const std::string& text, std::uint32_t hwVrfId) {
+    const auto prefix = fromText<IpGenPrefix>(text);
+    if (prefix.isV4()) {
+      sw4->routeDel({prefix.v4(), hwVrfId});
+    } else {
+      sw6->routeDel({prefix.v6(), hwVrfId});
+    }
+  }
+  void configured(const std::string& text, std::uint32_t piVrfId, std::uint32_t metric) {
+    const auto prefix = fromText<IpGenPrefix>(text);
+    (prefix.isV4() ? config4 : config6)->routeIs(Routing::Rib::Route({piVrfId, prefix}, 7, 1, metric, 9));
+  }
+  void configuredGone(const std::string& text, std::uint32_t piVrfId) {
+    const auto prefix = fromText<IpGenPrefix>(text);
+    (prefix.isV4() ? config4 : config6)->routeDel({piVrfId, prefix});
+  }
+  void cached(const std::string& text, std::uint32_t hwVrfId, bool there = true) {
+    const auto prefix = fromText<IpGenPrefix>(text);
+    if (prefix.isV4()) {
+      set(*cachedRoutes->vrfTrie(hwVrfId), prefix.v4(), there);
+    } else {
+      set(*cachedRoutes->vrfTrie6(hwVrfId), prefix.v6(), there);
+    }
+  }
+  void cachedGone(const std::string& text, std::uint32_t hwVrfId) { cached(text, hwVrfId, false); }
+  // A route of the kernel table that an earlier life has left.
+  void standing(const std::string& text, std::uint32_t piVrfId) {
+    kernelTable->routeIs(Routing::Rib::Route({piVrfId, fromText<IpGenPrefix>(text)}));
+  }
+
+  // "10.0.0.0/24@2" -> metric, 0 for a route that is nothing but its key.
+  std::map<std::string, std::uint32_t> kernel() const {
+    std::map<std::string, std::uint32_t> routes;
+    for (const auto& route : *kernelTable) routes[toText(route.key())] = route.metric();
+    return routes;
+  }
+
+  // Steps of the IPv4 task.
+  std::uint64_t workDone() const {
+    std::uint64_t steps = 0;
+    for (const auto& task : scheduler.statistics()) {
+      if (task.name == "ipv4RouteProcessingTask") steps += task.workDone;
+    }
+    return steps;
+  }
+
+  LinuxPlatform::SimulatedScheduler scheduler;
+  LinuxPlatform::TextTraceFacility trace;
+  std::shared_ptr<Ipv4RouteStatus> sw4;
+  std::shared_ptr<Ipv6RouteStatus> sw6;
+  std::shared_ptr<RouteConfig> config4, config6, kernelTable;
+  std::shared_ptr<RouteCache::Capability> capability = std::make_shared<RouteCache::Capability>("capability");
+  std::shared_ptr<RouteCache::VrfIdMap> vrfIdMap = RouteCache::vrfIdMapFactory("vrfIdMap");
+  std::shared_ptr<RouteCache::VrfCachedRoute> cachedRoutes = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
+  std::shared_ptr<RouteCache::KernelRouteSm> sm;
+
+ private:
+  template <class T>
+  std::shared_ptr<T> mounted(const std::string& path, std::uint32_t capacity) {
+    service_.mount(path, T::typeName, MountKind::writer, Pondra::CollectionInfo{T::collectionName, capacity});
+    return service_.get<T>(path);
+  }
+  template <class Trie, class P>
+  static void set(Trie& trie, const P& prefix, bool there) {
+    there ? trie.routeIs(prefix, true) : trie.routeDel(prefix);
+  }
+  TemporaryDirectory directory_;
+  Platform::TableTypes types_;
+  LinuxPlatform::SharedTableService service_{directory_.path(), types_};
+};
+
+// --- The decision ----------------------------------------------------------------------------------------------------
+
+TEST(KernelRouteSmTest, DecisionTable) {
+  const struct {
+    const char* what;
+    bool published, exact, covering, room, there;
+    bool stays;
+  } cases[] = {
+      {"published, nothing cached", true, false, false, true, false, true},
+      {"published, and there already", true, false, false, true, true, true},
+      {"published, but a cached prefix covers it", true, false, true, true, false, false},
+      {"covered: an old kernel route goes", true, false, true, true, true, false},
+      {"published, and itself a cached prefix: that covers it, too", true, true, false, true, true, false},
+      {"published, no room: it waits", true, false, false, false, false, false},
+      {"published, no room, but there already: it needs none", true, false, false, false, true, true},
+      {"covered, no room, there: it goes all the same", true, false, true, false, true, false},
+      {"not published", false, false, false, true, false, false},
+      {"withdrawn: its kernel route goes", false, false, false, true, true, false},
+      {"withdrawn, covered by a cached prefix: it goes", false, false, true, true, true, false},
+      {"withdrawn, but itself a cached prefix: it stays", false, true, false, true, true, true},
+      {"a cached prefix that was never published", false, true, false, true, false, true},
+      {"a cached prefix under another one", false, true, true, true, false, true},
+      {"a cached prefix has the buffer above the capacity", false, true, false, false, false, true},
+  };
+  const struct {
+    const char *prefix, *cover, *filler;
+  } families[] = {{"10.1.2.0/24", "10.0.0.0/8", "172.16.0.0/16"}, {"2001:db8:1::/48", "2001:db8::/32", "fd00::/16"}};
+  for (const auto& family : families) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(family.prefix) + ": " + c.what);
+      const std::uint32_t capacity = c.room ? 10 : (c.there ? 2 : 1);
+      KernelMirror mirror(capacity);
+      mirror.vrf(2, 7);
+      if (c.there) mirror.standing(family.prefix, 2);
+      mirror.published(family.filler, 7);
+      mirror.start();
+      mirror.settle();
+      if (c.exact) mirror.cached(family.prefix, 7);
+      if (c.covering) mirror.cached(family.cover, 7);
+      if (c.published) mirror.published(family.prefix, 7);
+      mirror.scheduler.advance(10);  // past the walk over what was found at the start
+      EXPECT_EQ(mirror.kernel().contains(std::string(family.prefix) + "@2"), c.stays);
+      EXPECT_EQ(mirror.kernel().contains(std::string(family.filler) + "@2"), true);
+    }
+  }
+}
+
+TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenTheyDiffer) {
+  KernelMirror mirror;
+  mirror.vrf(2, 7);
+  mirror.start();
+  mirror.configured("10.0.0.0/24", 2, 5);
+  mirror.published("10.0.0.0/24", 7);
+  mirror.cached("20.0.0.0/24", 7);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 5), Pair("20.0.0.0/24@2", 0)));
+  EXPECT_EQ(mirror.kernelTable->route({2, fromText<IpGenPrefix>("10.0.0.0/24")}),
+            mirror.config4->route({2, fromText<IpGenPrefix>("10.0.0.0/24")}));
+
+  mirror.published("10.0.0.0/24", 7);  // the same again
+  mirror.settle();
+  EXPECT_EQ(mirror.sm->written(), 2U);
+  mirror.configured("10.0.0.0/24", 2, 6);  // published as before
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 6), Pair("20.0.0.0/24@2", 0)));
+  mirror.configuredGone("10.0.0.0/24", 2);  // its withdrawal is on the way
+  mirror.published("10.0.0.0/24", 7);
+  mirror.settle();
+  EXPECT_EQ(mirror.sm->written(), 3U) << "a route that is about to go is not touched";
+}
+
+TEST(KernelRouteSmTest, ARouteThatNobodyQueuedIsNotDecided) {
+  KernelMirror mirror(1000, 9);
+  mirror.vrf(2, 7);
+  mirror.start();
+  mirror.settle();
+  EXPECT_FALSE(mirror.sm->isIpv4RouteAdded({fromText<Prefix>("10.0.0.0/24"), 7}));
+  EXPECT_EQ(mirror.trace.count("Not in RouteToProcess"), 1U);
+}
+
+// --- Cached prefixes -------------------------------------------------------------------------------------------------
+
+TEST(KernelRouteSmTest, CachedPrefixesTakeWhatTheyCoverOutAndGiveItBack) {
+  for (const std::uint64_t yieldAfter : {0, 1}) {
+    SCOPED_TRACE(yieldAfter);
+    KernelMirror mirror;
+    mirror.scheduler.yieldAfterEntriesIs(yieldAfter);
+    mirror.vrf(2, 7);
+    mirror.vrf(3, 8);
+    mirror.start();
+    for (const std::uint32_t hwVrfId : {7, 8}) {
+      for (const char* prefix : {"10.0.0.0/8", "10.1.0.0/16", "10.1.1.1/32", "11.0.0.0/8", "2001:db8::/32",
+                                 "2001:db8:1::/48", "2001:db9::/32"}) {
+        mirror.published(prefix, hwVrfId);
+      }
+    }
+    mirror.scheduler.advance(1);
+    EXPECT_EQ(mirror.kernel().size(), 14U);
+
+    mirror.cached("10.1.0.0/16", 7);
+    mirror.cached("2001:db8::/32", 8);
+    mirror.scheduler.advance(1);
+    EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("10.0.0.0/8@3", 0), Pair("10.1.0.0/16@3", 0),
+                                             Pair("10.1.1.1/32@3", 0), Pair("11.0.0.0/8@2", 0), Pair("11.0.0.0/8@3", 0),
+                                             Pair("2001:db8:1::/48@2", 0), Pair("2001:db8::/32@2", 0),
+                                             Pair("2001:db9::/32@2", 0), Pair("2001:db9::/32@3", 0)));
+    mirror.cachedGone("10.1.0.0/16", 7);
+    mirror.cachedGone("2001:db8::/32", 8);
+    mirror.scheduler.advance(1);
+    EXPECT_EQ(mirror.kernel().size(), 14U);
+  }
+}
+
+TEST(KernelRouteSmTest, APrefixThatCoversLittleIsLookedAfterWithoutAWalkOverTheTable) {
+  KernelMirror mirror;
+  mirror.vrf(2, 7);
+  mirror.start();
+  for (unsigned i = 0; i < 500; ++i)
+    mirror.published("10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250) + "/32", 7);
+  mirror.scheduler.advance(1);
+  const auto before = mirror.workDone();
+  mirror.cached("10.0.1.7/32", 7);
+  mirror.scheduler.advance(1);
+  EXPECT_LT(mirror.workDone() - before, 10U);
+  mirror.cached("10.0.0.0/23", 7);  // more than is looked after one by one
+  mirror.scheduler.advance(1);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/23@2", 0)));
+}
+
+TEST(KernelRouteSmTest, WhatATrieHoldsCountsHoweverItComesAndGoes) {
+  KernelMirror mirror;
+  mirror.vrf(2, 7);
+  for (const char* prefix : {"10.1.0.0/16", "20.0.0.0/8", "2001:db8:1::/48"}) mirror.published(prefix, 7);
+  mirror.start();
+  mirror.settle();
+  EXPECT_EQ(mirror.kernel().size(), 3U);
+
+  const auto filled = std::make_shared<Routing::Trie>();
+  filled->routeIs(fromText<Prefix>("10.0.0.0/8"), true);
+  filled->routeIs(fromText<Prefix>("30.0.0.0/8"), true);
+  mirror.cachedRoutes->vrfTrieIs(7, filled);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("20.0.0.0/8@2", 0),
+                                           Pair("2001:db8:1::/48@2", 0), Pair("30.0.0.0/8@2", 0)));
+  filled->trieDelete();
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(),
+              ElementsAre(Pair("10.1.0.0/16@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8:1::/48@2", 0)));
+  filled->routeIs(fromText<Prefix>("0.0.0.0/0"), true);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@2", 0), Pair("2001:db8:1::/48@2", 0)));
+  mirror.cachedRoutes->vrfTrieDel(7);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(),
+              ElementsAre(Pair("10.1.0.0/16@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8:1::/48@2", 0)));
+}
+
+// --- Room ------------------------------------------------------------------------------------------------------------
+
+TEST(KernelRouteSmTest, RoutesWaitForRoomOfTheirKindAndCostNothingWhileThereIsNone) {
+  KernelMirror mirror(2);
+  mirror.vrf(2, 7);
+  mirror.start();
+  for (const char* prefix : {"10.0.0.0/24", "10.0.1.0/24", "10.0.2.0/24"}) mirror.published(prefix, 7);
+  mirror.settle();
+  for (const char* prefix : {"20.0.0.0/24", "20.0.1.0/24", "20.0.2.0/24"}) mirror.cached(prefix, 7);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.1.0/24@2", 0), Pair("20.0.0.0/24@2", 0),
+                                           Pair("20.0.1.0/24@2", 0)))
+      << "the buffer is for cached prefixes";
+  EXPECT_EQ(mirror.sm->ipv4RouteToProcess().size(), 2U);
+  mirror.scheduler.advance(20);
+  EXPECT_LT(mirror.workDone(), 20U) << "waiting keys were looked at";
+
+  mirror.cachedGone("20.0.0.0/24", 7);  // the table has room, but only above the capacity
+  mirror.scheduler.advance(5);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.1.0/24@2", 0), Pair("20.0.1.0/24@2", 0),
+                                           Pair("20.0.2.0/24@2", 0)));
+  mirror.cachedGone("20.0.1.0/24", 7);
+  mirror.cachedGone("20.0.2.0/24", 7);
+  mirror.withdrawn("10.0.0.0/24", 7);
+  mirror.scheduler.advance(5);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.1.0/24@2", 0), Pair("10.0.2.0/24@2", 0)));
+  EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
+}
+
+// --- VRFs ------------------------------------------------------------------------------------------------------------
+
+TEST(KernelRouteSmTest, VrfsGoAndComeWithAllTheirRoutes) {
+  KernelMirror mirror;
+  mirror.start();
+  mirror.published("10.0.0.0/24", 7);
+  mirror.published("2001:db8::/32", 7);
+  mirror.published("0.0.0.0/0", 0);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), IsEmpty()) << "no VRF is mapped";
+  mirror.vrf(1, 0);
+  mirror.vrf(2, 7);
+  mirror.cached("20.0.0.0/8", 7);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0), Pair("10.0.0.0/24@2", 0), Pair("20.0.0.0/8@2", 0),
+                                           Pair("2001:db8::/32@2", 0)));
+  // The same VRF under another platform id, its trie as it was.
+  mirror.unmapVrf(2);
+  mirror.mapVrf(5, 7);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0), Pair("10.0.0.0/24@5", 0), Pair("20.0.0.0/8@5", 0),
+                                           Pair("2001:db8::/32@5", 0)));
+  mirror.vrfGone(5);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0)));
+}
+
+TEST(KernelRouteSmTest, AVrfThatVanishesDuringAKernelWalkHasTheNextOne) {
+  KernelMirror mirror(1000, 9);
+  for (const std::uint32_t id : {2, 3, 4}) mirror.vrf(id, id);
+  mirror.start();
+  for (const std::uint32_t id : {2, 3, 4}) {
+    for (const char* prefix : {"10.0.0.0/24", "10.0.1.0/24"}) mirror.published(prefix, id);
+  }
+  mirror.settle();
+  mirror.scheduler.yieldAfterEntriesIs(1);
+  mirror.vrfGone(3);
+  mirror.scheduler.runDue();
+  EXPECT_EQ(mirror.sm->kernelRouteBookmark(), RouteKey(3, fromText<IpGenPrefix>("10.0.1.0/24")));
+  mirror.vrfGone(2);  // the walk has passed it
+  mirror.vrfGone(4);
+  EXPECT_THAT(mirror.sm->currentKernelRouteVrfIdColl(), ElementsAre(3));
+  EXPECT_THAT(mirror.sm->nextKernelRouteVrfIdColl(), ElementsAre(2, 4));
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), IsEmpty());
+  EXPECT_TRUE(mirror.sm->kernelRouteBookmark().isEmpty());
+  EXPECT_THAT(mirror.sm->currentKernelRouteVrfIdColl(), IsEmpty());
+  for (const char* text : {"deleted piVrfId: 3", "adding into current coll vrfId 3", "adding into next coll vrfId 2"}) {
+    EXPECT_EQ(mirror.trace.count(text), 1U) << text;
+  }
+}
+
+// --- Restart ---------------------------------------------------------------------------------------------------------
+
+TEST(KernelRouteSmTest, ARestartKeepsWhatIsRightDropsWhatIsStaleAndWaitsForVrfs) {
+  KernelMirror mirror;
+  mirror.vrf(2, 7);
+  mirror.cached("20.0.0.0/8", 7);
+  mirror.published("10.0.0.0/24", 7);
+  mirror.published("10.0.0.0/24", 8);  // of a VRF that is late
+  mirror.published("20.1.0.0/16", 7);
+  for (const char* prefix : {"10.0.0.0/24", "10.0.9.0/24", "20.0.0.0/8", "20.1.0.0/16"}) mirror.standing(prefix, 2);
+  mirror.standing("10.0.0.0/24", 3);
+  mirror.standing("10.0.0.0/24", 4);  // of a VRF that never comes
+  mirror.start();
+  mirror.scheduler.advance(4.5);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("10.0.0.0/24@4", 0),
+                                           Pair("10.0.9.0/24@2", 0), Pair("20.0.0.0/8@2", 0)));
+  mirror.vrf(3, 8);
+  mirror.scheduler.advance(1);
+  EXPECT_THAT(mirror.kernel(),
+              ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("20.0.0.0/8@2", 0)));
+  EXPECT_EQ(mirror.sm->written(), 0U);
+  EXPECT_EQ(mirror.sm->deleted(), 3U);
+}
+
+TEST(KernelRouteSmTest, AnAgentThatStartsAgainLeavesTheKernelTableAsItIs) {
+  for (const bool caching : {false, true}) {
+    SCOPED_TRACE(caching);
+    SimulatedSwitch sw;
+    sw.hwRouteCaching(caching);
+    sw.vrf("default", 1, 0);
+    sw.vrf("red", 2, 7);
+    sw.vti("Vxlan1", "192.0.2.1");
+    sw.underlay("10.255.0.0/16", 5);
+    sw.via(1, {sw.nexthop("10.255.0.1")});
+    for (const char* prefix : {"10.0.0.0/24", "20.0.0.1/32", "20.0.0.2/32", "0.0.0.0/0"}) {
+      sw.route(prefix, 1, 1);
+      sw.route(prefix, 2, 1);
+    }
+    sw.cachedPrefix("20.0.0.0/8", "red");
+    sw.start();
+    sw.advance(10);
+    const auto kernel = sw.reader<RouteConfig>("routecache/route/kernel");
+    const auto keys = [&] {
+      std::set<std::string> all;
+      for (const auto& route : *kernel) all.insert(toText(route.key()));
+      return all;
+    };
+    const auto before = keys();
+    EXPECT_THAT(before, ElementsAre("0.0.0.0/0@1", "0.0.0.0/0@2", "10.0.0.0/24@1", "10.0.0.0/24@2", "20.0.0.0/8@2",
+                                    "20.0.0.1/32@1", "20.0.0.2/32@1"));
+    sw.stop();
+    sw.start();
+    sw.advance(20);
+    EXPECT_EQ(keys(), before);
+    EXPECT_EQ(sw.agent().kernelRouteSm()->written() + sw.agent().kernelRouteSm()->deleted(), 0U);
+  }
+}
+
+// --- Random sequences ------------------------------------------------------------------------------------------------
+
+// The invariants are checked after every task run; whenever things have settled, the kernel table is compared with what
+// the tables say it must be.
+class RandomMirror {
+ public:
+  explicit RandomMirror(unsigned seed)
+      : random_(seed), capacity_(pick(2) == 0 ? 1000 : 6 + pick(10)), mirror_(capacity_) {
+    mirror_.scheduler.yieldAfterEntriesIs(pick(4));
+    mirror_.start();
+  }
+
+  void step() {
+    const std::uint32_t hwVrfId = 7 + pick(vrfs);
+    const std::uint32_t piVrfId = 2 + pick(vrfs);
+    switch (pick(16)) {
+      case 0:
+        return mirror_.unmapVrf(piVrfId);
+      case 1:
+        return vrf(piVrfId, hwVrfId);
+      case 2:
+        return mirror_.cachedRoutes->vrfTrieDel(hwVrfId);
+      case 3:
+        mirror_.stop();
+        return mirror_.start();
+      case 4:
+      case 5:
+        if (mirror_.cachedRoutes->vrfTrie(hwVrfId) && mirror_.cachedRoutes->vrfTrie6(hwVrfId)) {
+          mirror_.cached(prefix(), hwVrfId, pick(2) == 0);
+        }
+        return;
+      case 6:
+        return mirror_.configured(prefix(), piVrfId, 1 + pick(3));
+      case 7:
+        return mirror_.configuredGone(prefix(), piVrfId);
+      case 8:
+      case 9:
+      case 10:
+        return mirror_.published(prefix(), hwVrfId);
+      case 11:
+      case 12:
+        return mirror_.withdrawn(prefix(), hwVrfId);
+      case 13:
+        mirror_.scheduler.runDue();
+        return;
+      default:
+        return mirror_.scheduler.advance(0.002 * pick(3));
+    }
+  }
+
+  void check() {
+    mirror_.scheduler.advance(12);    // past the walk after a restart and two rounds of keys that wait
+    std::map<RouteKey, bool> wanted;  // whether it needs mirrored room
+    const auto note = [&](const auto& key, const auto& trie, bool published) {
+      if (!mirror_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(key.vrfId())) return;
+      const bool is = published ? !trie || !trie->longestMatch(key.prefix()) : trie && trie->has(key.prefix());
+      if (is) wanted[RouteKey(mirror_.vrfIdMap->hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix())] = published;
+    };
+    for (const auto& route : *mirror_.sw4) note(route.key(), mirror_.cachedRoutes->vrfTrie(route.key().vrfId()), true);
+    for (const auto& route : *mirror_.sw6) note(route.key(), mirror_.cachedRoutes->vrfTrie6(route.key().vrfId()), true);
+    for (const auto& [vrfId, trie] : mirror_.cachedRoutes->vrfTries()) {
+      for (const auto& route : *trie) {
+        const RouteCache::Ipv4RouteVrfKey key(route.prefix, vrfId);
+        if (!mirror_.sw4->has(key)) note(key, trie, false);
+      }
+    }
+    for (const auto& [vrfId, trie] : mirror_.cachedRoutes->vrfTries6()) {
+      for (const auto& route : *trie) {
+        const RouteCache::Ipv6RouteVrfKey key(route.prefix, vrfId);
+        if (!mirror_.sw6->has(key)) note(key, trie, false);
+      }
+    }
+    for (const auto& route : *mirror_.kernelTable) ASSERT_TRUE(wanted.contains(route.key())) << toText(route.key());
+    for (const auto& [key, published] : wanted) {
+      const std::size_t room = capacity_ + (published ? 0 : KernelMirror::buffer);
+      ASSERT_TRUE(mirror_.kernelTable->has(key) || mirror_.kernelTable->size() >= room) << toText(key);
+    }
+  }
+
+ private:
+  static constexpr std::uint32_t vrfs = 3;
+  std::uint32_t pick(std::uint32_t count) { return static_cast<std::uint32_t>(random_() % count); }
+  std::string prefix() {
+    static const char* const prefixes[] = {"0.0.0.0/0",       "10.0.0.0/8",       "10.1.0.0/16", "10.1.1.1/32",
+                                           "10.1.1.2/32",     "20.0.0.0/8",       "::/0",        "2001:db8::/32",
+                                           "2001:db8:1::/48", "2001:db8:1::1/128"};
+    return prefixes[pick(10)];
+  }
+  // Maps the pair; whoever has one of the ids loses it first.
+  void vrf(std::uint32_t piVrfId, std::uint32_t hwVrfId) {
+    mirror_.unmapVrf(piVrfId);
+    if (mirror_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(hwVrfId)) {
+      mirror_.unmapVrf(mirror_.vrfIdMap->hwVrfIdToGlobalVrfId(hwVrfId));
+    }
+    if (pick(2) == 0) {
+      mirror_.vrf(piVrfId, hwVrfId);
+    } else {
+      mirror_.mapVrf(piVrfId, hwVrfId);  // as it was left
+    }
+  }
+
+  std::mt19937 random_;
+  std::uint32_t capacity_;
+  KernelMirror mirror_;
+};
+
+TEST(KernelRouteSmTest, RandomSequencesEndAsTheTablesSay) {
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    RandomMirror mirror(seed);
+    for (unsigned step = 1; step <= 400; ++step) {
+      mirror.step();
+      if (step % 40 != 0) continue;
+      mirror.check();
+      if (testing::Test::HasFatalFailure()) return;
+    }
+  }
+}
+
+}  // namespace
