@@ -38,6 +38,7 @@ constexpr const char* hwRouteSmPath = "agent/routecache/hwRouteSm";
 constexpr const char* kernelRouteSmPath = "agent/routecache/kernelRouteSm";
 constexpr const char* vrfIdMapPath = "agent/routecache/vrfIdMap";
 constexpr const char* vrfCachedRoutePath = "agent/routecache/vrfCachedRoute";
+constexpr const char* cliCallbackWithFormatPath = "agent/routecache/cliCallbackWithFormat";
 
 }  // namespace
 
@@ -52,6 +53,7 @@ Agent::Agent(std::string name) : AgentBase(std::move(name)) {}
 Agent::~Agent() {
   vrfIdMapDel();
   vrfCachedRouteDel();
+  cliCallbackWithFormatDel();
   vrfSmDel();
   swRouteSmDel();
   hwRouteSmDel();
@@ -196,6 +198,7 @@ void Agent::requireInputs() const {
 void Agent::startStateMachines() {
   (*trace_)(9, "void RouteCacheAgent::Agent::startStateMachines()");
   requireInputs();
+  if (services().commands != nullptr) cliCallbackWithFormatIs("RouteCacheCli", "RouteCacheWithFormat", this);
   vrfIdMapIs();
   vrfCachedRouteIs();
   vrfSmIs();
@@ -243,6 +246,27 @@ void Agent::emptySfeTable() {
   sfeCleanupTask_->schedule(0);
 }
 
+void Agent::cliCallbackWithFormatIs(const std::string& name, const std::string& commandType, Agent* agent) {
+  cliCallbackWithFormatDel();
+  cliCallbackWithFormat_ = std::make_shared<CliCallbackWithFormat>(name, commandType, agent);
+  services().commands->commandCallbackWithFormatIs(cliCallbackWithFormat_);
+  services().localEntityIs(cliCallbackWithFormatPath, cliCallbackWithFormat_);
+}
+
+void Agent::cliCallbackWithFormatDel() {
+  if (!cliCallbackWithFormat_) return;
+  services().localEntityIs(cliCallbackWithFormatPath, nullptr);
+  services().commands->commandCallbackWithFormatDel(cliCallbackWithFormat_->commandType());
+  cliCallbackWithFormat_.reset();
+}
+
+// A command under way would keep a released state machine alive: a second one to write its successor's tables.
+void Agent::endCommands() {
+  if (!cliCallbackWithFormat_) return;
+  services().commands->commandCallbackWithFormatDel(cliCallbackWithFormat_->commandType());
+  services().commands->commandCallbackWithFormatIs(cliCallbackWithFormat_);
+}
+
 void Agent::vrfIdMapIs() {
   vrfIdMap_ = RouteCache::vrfIdMapFactory("vrfIdMap");
   services().localEntityIs(vrfIdMapPath, vrfIdMap_);
@@ -285,6 +309,7 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
 
 void Agent::swRouteSmDel() {
   if (!swRouteSm_) return;
+  endCommands();
   services().localEntityIs(swRouteSmPath, nullptr);
   swRouteSm_.reset();
 }
@@ -302,6 +327,7 @@ void Agent::hwRouteSmIs() {
 
 void Agent::hwRouteSmDel() {
   if (!hwRouteSm_) return;
+  endCommands();
   services().localEntityIs(hwRouteSmPath, nullptr);
   hwRouteSm_.reset();
 }

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "RouteCache/RouteCacheAgentCli.h"
 #include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHwRouteSm.h"
 #include "RouteCache/RouteCacheKernelRouteSm.h"
@@ -67,6 +68,10 @@ class Agent final : public Platform::AgentBase {
   // As the hardware's status had it when the state machines were started; false when there is none.
   bool hwRouteCachingEnabled() const { return hwRouteCachingEnabled_; }
 
+  // What commands are given.
+  const std::shared_ptr<const Platform::Clock>& clock() const { return services().clock; }
+  Platform::TraceFacility& traceFacility() const { return *services().trace; }
+
   // Capacities, in entries: of the record of unprogrammed routes, and of the kernel route table over the hardware's.
   std::uint32_t unprogrammedRouteTableSize() const { return 4096; }
   std::uint32_t kernelRouteBuffer() const { return 2048; }
@@ -78,6 +83,10 @@ class Agent final : public Platform::AgentBase {
   const auto& vrfCachedRoute() const { return vrfCachedRoute_; }
   void vrfCachedRouteIs();
   void vrfCachedRouteDel();
+  // Registered for its commands while it is there; its Del ends those under way.
+  const auto& cliCallbackWithFormat() const { return cliCallbackWithFormat_; }
+  void cliCallbackWithFormatIs(const std::string& name, const std::string& commandType, Agent* agent);
+  void cliCallbackWithFormatDel();
   const auto& vrfSm() const { return vrfSm_; }
   void vrfSmIs();
   void vrfSmDel() { vrfSm_.reset(); }
@@ -86,7 +95,7 @@ class Agent final : public Platform::AgentBase {
                    std::shared_ptr<RouteCache::Ipv4RouteStatus> ipv4,
                    std::shared_ptr<RouteCache::Ipv6RouteStatus> ipv6);
   void swRouteSmDel();
-  // Null with hardware route caching off.
+  // Null with hardware route caching off. Its Del and that of swRouteSm end the commands under way, which hold them.
   const auto& hwRouteSm() const { return hwRouteSm_; }
   void hwRouteSmIs();
   void hwRouteSmDel();
@@ -102,6 +111,7 @@ class Agent final : public Platform::AgentBase {
   template <class T>
   std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity = 0);
   void requireInputs() const;
+  void endCommands();
   bool predecessorLeft() const;
   void fillSfeTable();
   void emptySfeTable();
@@ -140,6 +150,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<RouteCache::HwRouteSm> hwRouteSm_;
   std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;
   std::shared_ptr<RouteCache::VrfSm> vrfSm_;
+  std::shared_ptr<CliCallbackWithFormat> cliCallbackWithFormat_;
   std::shared_ptr<RouteCache::VrfCachedRoute> vrfCachedRoute_;
   std::shared_ptr<RouteCache::VrfIdMap> vrfIdMap_;
 };

@@ -158,6 +158,9 @@ class HwRouteSm final : public Lattis::Entity {
   std::uint16_t mediumThresholdIdleTimeSlice() const { return mediumThresholdIdleTimeSlice_; }
   std::uint16_t lowThresholdIdleTimeSlice() const { return lowThresholdIdleTimeSlice_; }
 
+  // What it writes, for reading.
+  std::shared_ptr<const Ipv4RouteStatus> ipv4HwRouteStatus() const { return in_.ipv4HwRouteStatus; }
+
   // --- What has happened since the start, for an operator ---------------------------------------------------------
   std::uint64_t admissions() const { return admissions_; }  // routes put into the hardware table
   std::uint64_t aged() const { return aged_; }              // routes that ageing counted as removed

@@ -127,6 +127,15 @@ class SwRouteSm final : public Lattis::Entity {
   // As the last route processed had it, for traces.
   bool vtepResolutionNeeded() const { return vtepResolutionNeeded_; }
 
+  // --- The tables, for reading ------------------------------------------------------------------------------------
+  std::shared_ptr<const Ipv4RouteStatus> ipv4RouteStatus() const { return in_.ipv4RouteStatus; }
+  std::shared_ptr<const Ipv6RouteStatus> ipv6RouteStatus() const { return in_.ipv6RouteStatus; }
+  std::shared_ptr<const Ipv4AdjacencyStatus> ipv4AdjStatus() const { return in_.ipv4AdjStatus; }
+  std::shared_ptr<const Ipv6AdjacencyStatus> ipv6AdjStatus() const { return in_.ipv6AdjStatus; }
+  std::shared_ptr<const Routing::Rib::RouteConfig> routeConfig() const { return in_.routeConfig; }
+  std::shared_ptr<const Routing::Rib::RouteConfig> route6Config() const { return in_.route6Config; }
+  std::shared_ptr<const VrfIdMap> vrfIdMap() const { return in_.vrfIdMap; }
+
   // --- Task bodies and requests ----------------------------------------------------------------------------------
   void handleRouteProcessing();
   void handleAdjProcessing();

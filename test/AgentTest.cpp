@@ -212,7 +212,7 @@ TEST_F(AgentTest, MountsInOrderWithTypesModesAndCapacities) {
                                "0 routecache/adj/ipv4 RouteCache::Ipv4AdjacencyStatus adj 200",
                                "0 routecache/adj/ipv6 RouteCache::Ipv6AdjacencyStatus adj 200",
                                "0 routecache/route/kernel Routing::Rib::RouteConfig route 3048",
-                               "offered agent/routecache/vrfIdMap",
+                               "offered agent/routecache/cliCallbackWithFormat", "offered agent/routecache/vrfIdMap",
                                "offered agent/routecache/vrfCachedRoute", "offered agent/routecache/swRouteSm",
                                "offered agent/routecache/kernelRouteSm"));
 }
@@ -299,11 +299,11 @@ TEST_F(AgentTest, ReleasesWhatItMadeBeforeWhatItMounted) {
   sw.advance(40);
   log.clear();
   agent.reset();
-  ASSERT_EQ(log.size(), 6u + 9u + 13u);
-  const auto mounted = log.begin() + 6;
+  ASSERT_EQ(log.size(), 7u + 9u + 13u);
+  const auto mounted = log.begin() + 7;
   EXPECT_THAT(Log(log.begin(), mounted),
               ElementsAre("withdrawn agent/routecache/vrfIdMap", "withdrawn agent/routecache/vrfCachedRoute",
-                          "released routing6/vrf/status/red",
+                          "withdrawn agent/routecache/cliCallbackWithFormat", "released routing6/vrf/status/red",
                           "released routing/vrf/status/red",  // VrfSm
                           "withdrawn agent/routecache/swRouteSm", "withdrawn agent/routecache/kernelRouteSm"));
   EXPECT_THAT(Log(mounted, log.end()), testing::Each(StartsWith("released ")));

@@ -3,20 +3,18 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <chrono>
 #include <csignal>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "RouteCache/RouteCache.h"
 #include "test/support/Command.h"
+#include "test/support/Eventually.h"
 #include "test/support/TemporaryDirectory.h"
 
 using nlohmann::json;
@@ -42,17 +40,6 @@ std::set<std::string> keysOf(const Entries& entries) {
 
 bool hasAll(const Entries& entries, const std::set<std::string>& keys) {
   return std::ranges::includes(keysOf(entries), keys);
-}
-
-// What comes from other processes, in their time. False: it did not come.
-bool eventually(const std::function<bool()>& holds) {
-  constexpr std::chrono::minutes patience{1};
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
 }
 
 class CachingProcessTest : public testing::Test {

@@ -25,7 +25,9 @@ void addFibCommand(CLI::App& app, ToolContext& context);
 void addSimulateCommand(CLI::App& app, ToolContext& context);
 void addTableCommand(CLI::App& app, ToolContext& context);
 void addControlCommands(CLI::App& app, ToolContext& context);  // get, set, del
+void addShowCommand(CLI::App& app, ToolContext& context);
 void addTasksCommand(CLI::App& app, ToolContext& context);
 void addTraceCommand(CLI::App& app, ToolContext& context);
+void addCompletionCommands(CLI::App& app, ToolContext& context);  // completion, complete
 
 }  // namespace Tools

@@ -33,8 +33,10 @@ int main(int argc, char** argv) {
   Tools::addSimulateCommand(app, context);
   Tools::addTableCommand(app, context);
   Tools::addControlCommands(app, context);
+  Tools::addShowCommand(app, context);
   Tools::addTasksCommand(app, context);
   Tools::addTraceCommand(app, context);
+  Tools::addCompletionCommands(app, context);
   try {
     app.parse(argc, argv);
     if (app.get_subcommands().empty()) return complain("a subcommand is wanted (--help tells more)", misused);

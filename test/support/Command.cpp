@@ -56,6 +56,13 @@ std::vector<std::string> words(const std::string& text) {
 
 }  // namespace
 
+std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
 Command::Command(const std::string& arguments, const std::string& input) {
   std::vector<std::string> all = words(arguments);
   all.insert(all.begin(), ROUTECACHE_COMMAND);

@@ -5,6 +5,9 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
+
+std::vector<std::string> linesOf(const std::string& text);
 
 // What a process that has ended leaves behind.
 struct Outcome {
