@@ -2,8 +2,8 @@
 // that it covers, or may have covered.
 //
 // In key order the routes under a prefix stand together, so a prefix that covers few is looked after at the price of
-// those few, however large the table. One that covers many has its VRF's whole lap of a RouteStatusWalk instead, where
-// it shares one walk with all others.
+// those few, however large the table. One that covers many, those of all VRFs counted, has its VRF's whole lap of a
+// RouteStatusWalk instead, where it shares one walk with all others.
 //
 // Invariant: every route of the table that has been asked for, and has not been handed out since, is still to come.
 #pragma once

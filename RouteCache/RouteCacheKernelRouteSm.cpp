@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
+#include <utility>
 
 #include "platform/Assert.h"
 
@@ -14,7 +16,8 @@ using Platform::TaskPriority;
 struct KernelRouteSm::V4 {
   using Key = Ipv4RouteVrfKey;
   using Trie = Routing::Trie;
-  using TrieReactor = KernelRouteSm::TrieReactor;
+  using Reactor = KernelRouteSm::TrieReactor;
+  static constexpr std::string_view walkText = "scheduleSwIpv4RouteStatusWalk for hwVrfId: ";
   static auto& side(KernelRouteSm& sm) { return sm.v4_; }
   static const auto& side(const KernelRouteSm& sm) { return sm.v4_; }
   static const Ipv4RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv4RouteStatus; }
@@ -23,13 +26,14 @@ struct KernelRouteSm::V4 {
     return sm.in_.vrfCachedRoute->vrfTrie(hwVrfId);
   }
   static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries(); }
-  static Prefix prefix(const IpGenPrefix& prefix) { return prefix.v4(); }
+  static void handleCachedRoute(KernelRouteSm& sm, const Key& key) { sm.handleIpv4CachedRoute(key); }
 };
 
 struct KernelRouteSm::V6 {
   using Key = Ipv6RouteVrfKey;
   using Trie = Routing6::Trie;
-  using TrieReactor = KernelRouteSm::Trie6Reactor;
+  using Reactor = KernelRouteSm::Trie6Reactor;
+  static constexpr std::string_view walkText = "scheduleSwIpv6RouteStatusWalk for hwVrfId: ";
   static auto& side(KernelRouteSm& sm) { return sm.v6_; }
   static const auto& side(const KernelRouteSm& sm) { return sm.v6_; }
   static const Ipv6RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv6RouteStatus; }
@@ -38,7 +42,7 @@ struct KernelRouteSm::V6 {
     return sm.in_.vrfCachedRoute->vrfTrie6(hwVrfId);
   }
   static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries6(); }
-  static Ip6Prefix prefix(const IpGenPrefix& prefix) { return prefix.v6(); }
+  static void handleCachedRoute(KernelRouteSm& sm, const Key& key) { sm.handleIpv6CachedRoute(key); }
 };
 
 // --- Reactors --------------------------------------------------------------------------------------------------------
@@ -87,20 +91,19 @@ class KernelRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reacto
  public:
   VrfCachedRouteReactor(KernelRouteSm& sm, std::shared_ptr<const VrfCachedRoute> tries)
       : Reactor(std::move(tries)), sm_(sm) {}
-  void handleVrfTrie(std::uint32_t hwVrfId) override {
-    const bool hadTrie = sm_.v4_.tries.contains(hwVrfId);
-    sm_.trieDel(hwVrfId);
-    if (watched().vrfTrie(hwVrfId)) sm_.trieIs(hwVrfId);
-    if (hadTrie) sm_.trieChanged<V4>(hwVrfId);
-  }
-  void handleVrfTrie6(std::uint32_t hwVrfId) override {
-    const bool hadTrie = sm_.v6_.tries.contains(hwVrfId);
-    sm_.trie6Del(hwVrfId);
-    if (watched().vrfTrie6(hwVrfId)) sm_.trie6Is(hwVrfId);
-    if (hadTrie) sm_.trieChanged<V6>(hwVrfId);
-  }
+  void handleVrfTrie(std::uint32_t hwVrfId) override { follow<V4>(hwVrfId); }
+  void handleVrfTrie6(std::uint32_t hwVrfId) override { follow<V6>(hwVrfId); }
 
  private:
+  template <class F>
+  void follow(std::uint32_t hwVrfId) {
+    sm_.trace_(9, __PRETTY_FUNCTION__);
+    const bool hadTrie = F::side(sm_).tries.contains(hwVrfId);
+    sm_.trieReactorDel<F>(hwVrfId);
+    sm_.trieReactorIs<F>(hwVrfId);
+    // A trie that nobody else holds has told this itself, at its end.
+    if (hadTrie) sm_.trieChanged<F>(hwVrfId);
+  }
   KernelRouteSm& sm_;
 };
 
@@ -114,6 +117,7 @@ class KernelRouteSm::CachedPrefixReactor : public F::Trie::Reactor {
 
  protected:
   void prefixChanged(std::uint32_t id) {
+    sm_.trace_(9, __PRETTY_FUNCTION__);
     const auto prefix = this->trie()->prefix(id);
     if (prefix) sm_.cachedPrefixChanged<F>(typename F::Key(*prefix, hwVrfId_));
   }
@@ -136,26 +140,31 @@ class KernelRouteSm::Trie6Reactor final : public CachedPrefixReactor<V6> {
   void handleRouteCachePrefix6(std::uint32_t id) { prefixChanged(id); }
 };
 
+template <class F>
+void KernelRouteSm::trieReactorIs(std::uint32_t hwVrfId) {
+  const auto trie = F::trie(*this, hwVrfId);
+  if (!trie) return;
+  F::side(*this).tries[hwVrfId] = std::make_unique<typename F::Reactor>(*this, trie, hwVrfId);
+  if (!trie->empty()) trieSweepIs<F>(hwVrfId);
+}
+
+template <class F>
+void KernelRouteSm::trieReactorDel(std::uint32_t hwVrfId) {
+  F::side(*this).tries.erase(hwVrfId);
+  F::side(*this).trieSweep.erase(hwVrfId);
+}
+
 void KernelRouteSm::trieIs(std::uint32_t hwVrfId) {
-  const auto trie = in_.vrfCachedRoute->vrfTrie(hwVrfId);
-  v4_.tries[hwVrfId] = std::make_unique<TrieReactor>(*this, trie, hwVrfId);
-  if (!trie->empty()) trieSweepIs<V4>(hwVrfId);
+  trieReactorIs<V4>(hwVrfId);
 }
-
 void KernelRouteSm::trieDel(std::uint32_t hwVrfId) {
-  v4_.tries.erase(hwVrfId);
-  v4_.trieSweep.erase(hwVrfId);
+  trieReactorDel<V4>(hwVrfId);
 }
-
 void KernelRouteSm::trie6Is(std::uint32_t hwVrfId) {
-  const auto trie = in_.vrfCachedRoute->vrfTrie6(hwVrfId);
-  v6_.tries[hwVrfId] = std::make_unique<Trie6Reactor>(*this, trie, hwVrfId);
-  if (!trie->empty()) trieSweepIs<V6>(hwVrfId);
+  trieReactorIs<V6>(hwVrfId);
 }
-
 void KernelRouteSm::trie6Del(std::uint32_t hwVrfId) {
-  v6_.tries.erase(hwVrfId);
-  v6_.trieSweep.erase(hwVrfId);
+  trieReactorDel<V6>(hwVrfId);
 }
 
 // --- Life ------------------------------------------------------------------------------------------------------------
@@ -240,6 +249,7 @@ void KernelRouteSm::queueKey(const typename F::Key& key) {
 
 template <class F>
 void KernelRouteSm::vrfWalkIs(std::uint32_t hwVrfId) {
+  trace_(6, F::walkText, hwVrfId);
   F::side(*this).walk.vrfIs(hwVrfId);
   F::side(*this).task.schedule(routeProcessingInterval_);
 }
@@ -283,16 +293,15 @@ void KernelRouteSm::handleIpv6CachedRoute(const Ipv6RouteVrfKey& key) {
 }
 
 void KernelRouteSm::scheduleSwIpv4RouteStatusWalk(std::uint32_t hwVrfId) {
-  trace_(6, "scheduleSwIpv4RouteStatusWalk for hwVrfId: ", hwVrfId);
   vrfWalkIs<V4>(hwVrfId);
 }
 
 void KernelRouteSm::scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId) {
-  trace_(6, "scheduleSwIpv6RouteStatusWalk for hwVrfId: ", hwVrfId);
   vrfWalkIs<V6>(hwVrfId);
 }
 
 void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
   if (!in_.kernelRouteStatus->has(key) || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return;
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
   if (key.prefix().isV4()) {
@@ -307,12 +316,17 @@ void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
   if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) {
     trace_(6, "deleted piVrfId: ", piVrfId);
     addKernelRouteVrfIdColl(piVrfId);
+    reviewWaiting<V4>();
+    reviewWaiting<V6>();
     return;
   }
   trace_(6, "added piVrfId: ", piVrfId);
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(piVrfId);
   scheduleSwIpv4RouteStatusWalk(hwVrfId);
   scheduleSwIpv6RouteStatusWalk(hwVrfId);
+  // What stands under this id already may be of another VRF.
+  const auto standing = in_.kernelRouteStatus->lowerBound(RouteKey(piVrfId, IpGenPrefix()));
+  if (standing != in_.kernelRouteStatus->end() && standing->key().vrfId() == piVrfId) addKernelRouteVrfIdColl(piVrfId);
   // A trie that outlived the old id has told its prefixes while they could not be written.
   if (v4_.tries.contains(hwVrfId)) trieSweepIs<V4>(hwVrfId);
   if (v6_.tries.contains(hwVrfId)) trieSweepIs<V6>(hwVrfId);
@@ -320,14 +334,24 @@ void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
 
 template <class F>
 void KernelRouteSm::cachedPrefixChanged(const typename F::Key& key) {
+  if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(key.vrfId())) return;
   F::side(*this).walk.coveredIs(key);
-  queueKey<F>(key);
+  F::handleCachedRoute(*this, key);
+}
+
+template <class F>
+void KernelRouteSm::reviewWaiting() {
+  auto& side = F::side(*this);
+  if (!side.toProcess.hasWaiting(cachedRoom)) return;
+  side.toProcess.waitingFreshIs(cachedRoom);
+  side.task.schedule(routeProcessingInterval_);
 }
 
 // Nothing of a VRF that is not mapped has to be decided: its arrival brings all of it.
 template <class F>
 void KernelRouteSm::trieChanged(std::uint32_t hwVrfId) {
   if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(hwVrfId)) return;
+  reviewWaiting<F>();
   vrfWalkIs<F>(hwVrfId);
   addKernelRouteVrfIdColl(in_.vrfIdMap->hwVrfIdToGlobalVrfId(hwVrfId));
 }
@@ -425,7 +449,19 @@ void KernelRouteSm::writeKernelRoute(const RouteKey& key, bool published) {
 void KernelRouteSm::deleteKernelRoute(const RouteKey& key) {
   const std::size_t before = in_.kernelRouteStatus->size();
   in_.kernelRouteStatus->routeDel(key);
-  deleted_ += before - in_.kernelRouteStatus->size();
+  if (in_.kernelRouteStatus->size() == before) return;
+  ++deleted_;
+  wakeWaiting<V4>();
+  wakeWaiting<V6>();
+}
+
+// Room has come that somebody may wait for.
+template <class F>
+void KernelRouteSm::wakeWaiting() {
+  auto& side = F::side(*this);
+  const bool waits = (side.toProcess.hasWaiting(mirrorRoom) && hasRoom(mirrorRoom)) ||
+                     (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom));
+  if (waits) side.task.schedule(routeProcessingInterval_);
 }
 
 // --- The families' tasks ---------------------------------------------------------------------------------------------
@@ -545,8 +581,8 @@ void KernelRouteSm::handleKernelRouteProcessing() {
       break;
     }
   }
-  kernelRouteProcessingTask_.report(handled, 0);
   if (kernelRouteBookmark_.isEmpty()) currentKernelRouteVrfIdColl_ = std::exchange(nextKernelRouteVrfIdColl_, {});
+  kernelRouteProcessingTask_.report(handled, currentKernelRouteVrfIdColl_.size() + nextKernelRouteVrfIdColl_.size());
   if (!currentKernelRouteVrfIdColl_.empty()) {
     scheduleKernelRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
   }
@@ -598,19 +634,32 @@ void KernelRouteSm::checkCachedPrefixes() const {
       const auto kernel = kernelKey(key);
       const bool swept = sweep != F::side(*this).trieSweep.end() && !(route.prefix < sweep->second);
       if (!kernel || swept || isAwaited<F>(key) || F::routes(*this).has(key)) continue;
-      PLATFORM_ASSERT_TEXT(in_.kernelRouteStatus->has(*kernel),
-                           "a cached prefix that is not published has a kernel route");
+      PLATFORM_ASSERT_TEXT(in_.kernelRouteStatus->route(*kernel) == Routing::Rib::Route(*kernel),
+                           "a cached prefix that is not published has a kernel route of its key alone");
     }
   }
+}
+
+// The one that waits longest stands for the others. Published routes that wait may be left by their VRF: they are about
+// to be withdrawn.
+template <class F>
+void KernelRouteSm::checkWaiting() const {
+  const auto key = F::side(*this).toProcess.waitingKey(cachedRoom);
+  if (!key || F::side(*this).walk.willMeet(*key)) return;
+  PLATFORM_ASSERT_TEXT(kernelKey(*key) && decide<F>(*key).wanted,
+                       "a cached prefix that waits for room is of a mapped VRF and wanted");
+}
+
+bool KernelRouteSm::isAheadOfKernelWalk(const RouteKey& key) const {
+  if (!synced_ || nextKernelRouteVrfIdColl_.contains(key.vrfId())) return true;
+  return currentKernelRouteVrfIdColl_.contains(key.vrfId()) &&
+         (kernelRouteBookmark_.isEmpty() || !(key < kernelRouteBookmark_));
 }
 
 void KernelRouteSm::checkKernelRoutes() const {
   for (const auto& route : *in_.kernelRouteStatus) {
     const RouteKey& key = route.key();
-    if (!synced_ || currentKernelRouteVrfIdColl_.contains(key.vrfId()) ||
-        nextKernelRouteVrfIdColl_.contains(key.vrfId())) {
-      continue;
-    }
+    if (isAheadOfKernelWalk(key)) continue;
     PLATFORM_ASSERT_TEXT(in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId()),
                          "a kernel route's VRF is mapped, or ahead of a kernel walk");
     const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
@@ -629,6 +678,8 @@ void KernelRouteSm::checkInvariants() const {
   checkPublished<V6>();
   checkCachedPrefixes<V4>();
   checkCachedPrefixes<V6>();
+  checkWaiting<V4>();
+  checkWaiting<V6>();
   checkKernelRoutes();
 }
 

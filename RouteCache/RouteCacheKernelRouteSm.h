@@ -6,7 +6,7 @@
 //
 // Room. Published routes are mirrored while the table holds fewer entries than the hardware's; cached FIB prefixes may
 // fill the buffer above that as well. What stands already needs no room. Keys that find none wait, apart from the
-// others, so that looking after them costs one comparison while there is none.
+// others, so that looking after them costs one comparison while there is none; a kernel route that goes brings them.
 //
 // A reaction queues the key, a task of the key's family decides it. What concerns many routes - a VRF, a cached prefix
 // and all that it covers - is recorded as a walk over the published table, done by the same task in slices. The kernel
@@ -15,9 +15,11 @@
 // Restart. The kernel table that is found is adopted: a route is written only when it differs. Stale ones go with the
 // first kernel walk over all of it, which leaves the switch as long to bring its VRFs as the route syncs do.
 //
-// Invariants, between any two callbacks (checkInvariants): every published route and every cached prefix of a mapped
-// VRF stands in the kernel table exactly if the decision says so, or is queued, or a walk owed will meet it; every
-// kernel route of a VRF that is not mapped is ahead of a kernel walk.
+// Invariants, between any two callbacks (checkInvariants):
+//   - every published route and every cached prefix of a mapped VRF stands in the kernel table exactly if the decision
+//     says so, with the fields that it must have; or is queued, or a walk that is owed will meet it;
+//   - every other kernel route is ahead of a kernel walk, or of the one that the start has asked for;
+//   - a cached prefix that waits for room is of a mapped VRF and still cached.
 #pragma once
 
 #include <map>
@@ -106,7 +108,7 @@ class KernelRouteSm final : public Lattis::Entity {
   const std::set<std::uint32_t>& nextKernelRouteVrfIdColl() const { return nextKernelRouteVrfIdColl_; }
 
   // --- Tries -----------------------------------------------------------------------------------------------------
-  // A reactor for the VRF's trie as it is now; what the trie holds is queued.
+  // A reactor for the VRF's trie as it is now, if it has one; what the trie holds is queued.
   void trieIs(std::uint32_t hwVrfId);
   void trieDel(std::uint32_t hwVrfId);
   void trie6Is(std::uint32_t hwVrfId);
@@ -185,6 +187,8 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class F>
   bool isRouteAdded(const typename F::Key& key, const Decision& decision);
   template <class F>
+  void wakeWaiting();
+  template <class F>
   void processRoute(const typename F::Key& key);
   template <class F>
   void writeKernelRoute(const RouteKey& key, bool published);
@@ -204,6 +208,13 @@ class KernelRouteSm final : public Lattis::Entity {
   // The trie of a VRF is another one, or empty, and nobody has told its prefixes one by one.
   template <class F>
   void trieChanged(std::uint32_t hwVrfId);
+  template <class F>
+  void trieReactorIs(std::uint32_t hwVrfId);
+  template <class F>
+  void trieReactorDel(std::uint32_t hwVrfId);
+  // Cached prefixes have gone untold: those that wait for room may not be wanted any more.
+  template <class F>
+  void reviewWaiting();
   // A prefix came to the VRF's trie or left it.
   template <class F>
   void cachedPrefixChanged(const typename F::Key& key);
@@ -212,7 +223,10 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class F>
   void checkCachedPrefixes() const;
   template <class F>
+  void checkWaiting() const;
+  template <class F>
   bool isAwaited(const typename F::Key& key) const;
+  bool isAheadOfKernelWalk(const RouteKey& key) const;
   void checkKernelRoutes() const;
 
   const KernelRouteSmInputs in_;

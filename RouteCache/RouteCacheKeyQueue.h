@@ -25,7 +25,7 @@ class KeyQueue {
   bool hasFresh() const { return rings_.first(fresh_) != Rings::none; }
   bool hasWaiting(unsigned kind = 0) const { return rings_.first(waiting_[kind]) != Rings::none; }
 
-  // Queues the key, fresh; behind the other fresh ones, where a fresh one keeps its place.
+  // Queues the key, fresh; behind the other fresh ones, where one that was queued fresh keeps its place.
   void keyIs(const Key& key) {
     const auto node = rings_.insert(key);
     if (rings_.data(node).fresh) return;
@@ -38,6 +38,8 @@ class KeyQueue {
     rings_.data(node).fresh = false;
     rings_.append(waiting_[kind], node);
   }
+  // All that wait for this kind of room become fresh, behind the others.
+  void waitingFreshIs(unsigned kind) { rings_.splice(waiting_[kind], fresh_); }
   void keyDel(const Key& key) {
     const auto node = rings_.find(key);
     if (node != Rings::none) rings_.erase(node);

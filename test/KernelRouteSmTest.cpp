@@ -210,6 +210,7 @@ TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenT
   mirror.start();
   mirror.configured("10.0.0.0/24", 2, 5);
   mirror.published("10.0.0.0/24", 7);
+  mirror.configured("20.0.0.0/24", 2, 5);  // it counts only for a published route
   mirror.cached("20.0.0.0/24", 7);
   mirror.settle();
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 5), Pair("20.0.0.0/24@2", 0)));
@@ -301,6 +302,13 @@ TEST(KernelRouteSmTest, WhatATrieHoldsCountsHoweverItComesAndGoes) {
   mirror.settle();
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("20.0.0.0/8@2", 0),
                                            Pair("2001:db8:1::/48@2", 0), Pair("30.0.0.0/8@2", 0)));
+  const auto filled6 = std::make_shared<Routing6::Trie>();
+  filled6->routeIs(fromText<Ip6Prefix>("2001:db8::/32"), true);
+  mirror.cachedRoutes->vrfTrie6Is(7, filled6);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8::/32@2", 0),
+                                           Pair("30.0.0.0/8@2", 0)));
+  mirror.cachedRoutes->vrfTrie6Del(7);
   filled->trieDelete();
   mirror.settle();
   EXPECT_THAT(mirror.kernel(),
@@ -343,6 +351,42 @@ TEST(KernelRouteSmTest, RoutesWaitForRoomOfTheirKindAndCostNothingWhileThereIsNo
   EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
 }
 
+TEST(KernelRouteSmTest, RoomThatComesIsTakenAtOnceWhicheverFamilyItCameFrom) {
+  KernelMirror mirror(1);
+  mirror.vrf(2, 7);
+  mirror.start();
+  mirror.published("2001:db8::/32", 7);
+  mirror.settle();
+  mirror.published("10.0.0.0/24", 7);
+  mirror.settle();
+  mirror.withdrawn("2001:db8::/32", 7);
+  mirror.scheduler.advance(0.1);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0)));
+}
+
+TEST(KernelRouteSmTest, NothingWaitsForAVrfOrATrieThatHasGone) {
+  KernelMirror mirror(1);
+  mirror.vrf(1, 6);
+  mirror.start();
+  for (const char* prefix : {"10.0.0.0/24", "10.0.1.0/24", "10.0.2.0/24"}) mirror.cached(prefix, 6);
+  mirror.settle();
+  mirror.vrf(2, 7);
+  mirror.cached("20.0.0.0/24", 7);
+  mirror.cached("2001:db8::/32", 7);
+  mirror.settle();
+  EXPECT_EQ(mirror.sm->ipv4RouteToProcess().size() + mirror.sm->ipv6RouteToProcess().size(), 2U);
+  mirror.vrfGone(2);
+  mirror.settle();
+  EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
+  EXPECT_TRUE(mirror.sm->ipv6RouteToProcess().empty());
+  mirror.cached("10.0.3.0/24", 6);
+  mirror.settle();
+  mirror.cachedRoutes->vrfTrieIs(6, std::make_shared<Routing::Trie>());
+  mirror.settle();
+  EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
+  EXPECT_THAT(mirror.kernel(), IsEmpty());
+}
+
 // --- VRFs ------------------------------------------------------------------------------------------------------------
 
 TEST(KernelRouteSmTest, VrfsGoAndComeWithAllTheirRoutes) {
@@ -368,6 +412,19 @@ TEST(KernelRouteSmTest, VrfsGoAndComeWithAllTheirRoutes) {
   mirror.vrfGone(5);
   mirror.settle();
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0)));
+}
+
+TEST(KernelRouteSmTest, AVrfThatChangesItsHardwareIdInPlaceLeavesNothingBehind) {
+  KernelMirror mirror;
+  mirror.vrf(2, 7);
+  mirror.start();
+  mirror.published("10.0.0.0/24", 7);
+  mirror.published("10.0.1.0/24", 8);
+  mirror.scheduler.advance(10);
+  mirror.vrfIdMap->hwVrfIdToGlobalVrfIdDel(7);
+  mirror.mapVrf(2, 8);
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.1.0/24@2", 0)));
 }
 
 TEST(KernelRouteSmTest, AVrfThatVanishesDuringAKernelWalkHasTheNextOne) {
@@ -460,7 +517,10 @@ TEST(KernelRouteSmTest, AnAgentThatStartsAgainLeavesTheKernelTableAsItIs) {
 class RandomMirror {
  public:
   explicit RandomMirror(unsigned seed)
-      : random_(seed), capacity_(pick(2) == 0 ? 1000 : 6 + pick(10)), mirror_(capacity_) {
+      : random_(seed),
+        capacity_(pick(2) == 0 ? 1000 : 6 + pick(10)),
+        tableSize_(capacity_ + KernelMirror::buffer),
+        mirror_(capacity_) {
     mirror_.scheduler.yieldAfterEntriesIs(pick(4));
     mirror_.start();
   }
@@ -468,7 +528,17 @@ class RandomMirror {
   void step() {
     const std::uint32_t hwVrfId = 7 + pick(vrfs);
     const std::uint32_t piVrfId = 2 + pick(vrfs);
-    switch (pick(16)) {
+    switch (pick(20)) {
+      case 16:
+        return swapVrfs(piVrfId, 2 + pick(vrfs));
+      case 17:
+        return trie<Routing::Trie>(mirror_.cachedRoutes->vrfTrie(hwVrfId),
+                                   [&](auto filled) { mirror_.cachedRoutes->vrfTrieIs(hwVrfId, filled); });
+      case 18:
+        return trie<Routing6::Trie>(mirror_.cachedRoutes->vrfTrie6(hwVrfId),
+                                    [&](auto filled) { mirror_.cachedRoutes->vrfTrie6Is(hwVrfId, filled); });
+      case 19:
+        return mirror_.cachedRoutes->vrfTrie6Del(hwVrfId);
       case 0:
         return mirror_.unmapVrf(piVrfId);
       case 1:
@@ -476,8 +546,7 @@ class RandomMirror {
       case 2:
         return mirror_.cachedRoutes->vrfTrieDel(hwVrfId);
       case 3:
-        mirror_.stop();
-        return mirror_.start();
+        return restart();
       case 4:
       case 5:
         if (mirror_.cachedRoutes->vrfTrie(hwVrfId) && mirror_.cachedRoutes->vrfTrie6(hwVrfId)) {
@@ -527,8 +596,12 @@ class RandomMirror {
     }
     for (const auto& route : *mirror_.kernelTable) ASSERT_TRUE(wanted.contains(route.key())) << toText(route.key());
     for (const auto& [key, published] : wanted) {
-      const std::size_t room = capacity_ + (published ? 0 : KernelMirror::buffer);
-      ASSERT_TRUE(mirror_.kernelTable->has(key) || mirror_.kernelTable->size() >= room) << toText(key);
+      const std::size_t room = published ? capacity_ : tableSize_;
+      const auto standing = mirror_.kernelTable->route(key);
+      ASSERT_TRUE(standing || mirror_.kernelTable->size() >= room) << toText(key);
+      const auto configured = (key.prefix().isV4() ? mirror_.config4 : mirror_.config6)->route(key);
+      if (!standing || (published && !configured)) continue;
+      ASSERT_TRUE(standing == (published ? *configured : Routing::Rib::Route(key))) << toText(key);
     }
   }
 
@@ -554,8 +627,60 @@ class RandomMirror {
     }
   }
 
+  void swapVrfs(std::uint32_t a, std::uint32_t b) {
+    const RouteCache::VrfIdMap& ids = *mirror_.vrfIdMap;
+    if (a == b || !ids.globalVrfIdToHwVrfIdHas(a) || !ids.globalVrfIdToHwVrfIdHas(b)) return;
+    const std::uint32_t hwOfA = ids.globalVrfIdToHwVrfId(a);
+    const std::uint32_t hwOfB = ids.globalVrfIdToHwVrfId(b);
+    mirror_.unmapVrf(a);
+    mirror_.unmapVrf(b);
+    mirror_.mapVrf(a, hwOfB);
+    mirror_.mapVrf(b, hwOfA);
+  }
+  // The trie is emptied, or another takes its place that holds something already.
+  template <class Trie>
+  void trie(const std::shared_ptr<Trie>& present, const auto& replaceBy) {
+    if (present && pick(2) == 0) return present->trieDelete();
+    const auto filled = std::make_shared<Trie>();
+    for (unsigned i = pick(4); i > 0; --i) {
+      const auto prefix = Platform::TextForm<typename Trie::PrefixType>::from(this->prefix());
+      if (prefix) filled->routeIs(*prefix, true);
+    }
+    replaceBy(filled);
+  }
+  // Much may have changed when it starts again, its own table included.
+  void restart() {
+    mirror_.stop();
+    for (unsigned i = pick(6); i > 0; --i) {
+      const std::uint32_t hwVrfId = 7 + pick(vrfs);
+      const std::uint32_t piVrfId = 2 + pick(vrfs);
+      switch (pick(5)) {
+        case 0:
+          mirror_.unmapVrf(piVrfId);
+          break;
+        case 1:
+          vrf(piVrfId, hwVrfId);
+          break;
+        case 2:
+          mirror_.published(prefix(), hwVrfId);
+          break;
+        case 3:
+          mirror_.withdrawn(prefix(), hwVrfId);
+          break;
+        default:
+          if (mirror_.kernelTable->hasRoom()) mirror_.standing(prefix(), 2 + pick(5));
+      }
+    }
+    if (pick(4) == 0) {
+      capacity_ = std::min(tableSize_, 3 + pick(14));
+      mirror_.capability->hwRouteTableSizeIs(capacity_);
+    }
+    mirror_.start();
+  }
+
   std::mt19937 random_;
   std::uint32_t capacity_;
+  const std::uint32_t tableSize_;
   KernelMirror mirror_;
 };
 
