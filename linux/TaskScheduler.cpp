@@ -256,9 +256,9 @@ void EventLoop::run() {
 }
 
 void EventLoop::runOnce(double seconds) {
-  if (seconds > 0) armTimer(nextDue());
   constexpr double longestWait = 3600;
   const bool wait = seconds > 0 && nextDue() > monotonicSeconds();
+  if (wait) armTimer(nextDue());  // it costs more than many a task's run
   runDescriptors(wait ? static_cast<int>(std::ceil(std::min(seconds, longestWait) * 1000)) : 0);
   if (!stopped_) runTasks();
   if (afterBatch_) afterBatch_();
