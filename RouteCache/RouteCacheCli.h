@@ -106,8 +106,8 @@ std::shared_ptr<ShowRouteCacheThresholdSm> showRouteCacheThresholdSmFactory(cons
 // Stands for each VRF by itself, as a name; and for all of them together, as the key of a row.
 inline constexpr const char* allVrfs = "all";
 
-// By VRF: counts the routes configured for each VRF asked for, one by one, IPv4 first. Altogether: takes the sizes of
-// the tables.
+// By VRF: counts the routes configured for each VRF asked for, one by one, IPv4 first, then prints a row for each VRF.
+// Altogether: takes the sizes of the tables.
 class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
  public:
   using RouteKey = Routing::Rib::RouteKey;
@@ -125,7 +125,14 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
  private:
   struct V4;
   struct V6;
-  struct Counts;
+  // One row's figures.
+  struct Counts {
+    std::uint64_t configured = 0;
+    std::uint64_t inSfe = 0;
+    std::uint64_t inHw = 0;
+    std::uint64_t unprogrammed = 0;
+    void add(const Counts& other);
+  };
 
   bool print() override;
   void printRouteCacheSummary();
@@ -144,11 +151,11 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
   template <class F>
   void countRoute(const RouteKey& key, VrfSummary& summary) const;
   template <class F>
-  Counts printVrfRows();  // returns their sum
+  bool printVrfRows();  // true: all are printed
   template <class F>
-  Counts printAllRow();
+  void printAllRow();
   void printRow(const std::string& name, const char* addressFamily, const Counts& counts);
-  void printTotal(const Counts& total);
+  void printTotal();
 
   const std::shared_ptr<const SwRouteSm> swRouteSm_;
   const std::shared_ptr<const HwRouteSm> hwRouteSm_;
@@ -160,6 +167,11 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
   RouteKey bookmark6_;
   bool ipv4RouteConfigDone_ = false;
   bool ipv6RouteConfigDone_ = false;
+  // The row that is printed next; nothing: no dictionary of rows is open.
+  std::optional<std::map<std::string, std::uint32_t>::const_iterator> nextRow_;
+  bool ipv4RowsPrinted_ = false;
+  bool printed_ = false;  // all there is to say
+  Counts total_;          // of the rows printed so far
 };
 std::shared_ptr<ShowRouteCacheSummarySm> showRouteCacheSummarySmFactory(
     const ShowRouteCacheInputs& inputs, std::shared_ptr<const SwRouteSm> swRouteSm,

@@ -8,20 +8,12 @@ namespace RouteCache {
 
 // --- Counting --------------------------------------------------------------------------------------------------------
 
-// One row's figures.
-struct ShowRouteCacheSummarySm::Counts {
-  std::uint64_t configured = 0;
-  std::uint64_t inSfe = 0;
-  std::uint64_t inHw = 0;
-  std::uint64_t unprogrammed = 0;
-
-  void add(const Counts& other) {
-    configured += other.configured;
-    inSfe += other.inSfe;
-    inHw += other.inHw;
-    unprogrammed += other.unprogrammed;
-  }
-};
+void ShowRouteCacheSummarySm::Counts::add(const Counts& other) {
+  configured += other.configured;
+  inSfe += other.inSfe;
+  inHw += other.inHw;
+  unprogrammed += other.unprogrammed;
+}
 
 struct ShowRouteCacheSummarySm::V4 {
   using Key = Ipv4RouteVrfKey;
@@ -32,6 +24,7 @@ struct ShowRouteCacheSummarySm::V4 {
   static constexpr auto hwRoutes = &VrfSummary::ipv4HwRoutes;
   static constexpr auto unprogrammed = &VrfSummary::ipv4Unprogrammed;
   static constexpr auto bookmark = &ShowRouteCacheSummarySm::bookmark_;
+  static bool isOfFamily(const RouteKey& key) { return key.prefix().isV4(); }
   static Prefix prefix(const RouteKey& key) { return key.prefix().v4(); }
   static auto config(const SwRouteSm& sm) { return sm.routeConfig(); }
   static auto published(const SwRouteSm& sm) { return sm.ipv4RouteStatus(); }
@@ -49,6 +42,7 @@ struct ShowRouteCacheSummarySm::V6 {
   static constexpr auto hwRoutes = &VrfSummary::ipv6HwRoutes;
   static constexpr auto unprogrammed = &VrfSummary::ipv6Unprogrammed;
   static constexpr auto bookmark = &ShowRouteCacheSummarySm::bookmark6_;
+  static bool isOfFamily(const RouteKey& key) { return key.prefix().isV6(); }
   static Ip6Prefix prefix(const RouteKey& key) { return key.prefix().v6(); }
   static auto config(const SwRouteSm& sm) { return sm.route6Config(); }
   static auto published(const SwRouteSm& sm) { return sm.ipv6RouteStatus(); }
@@ -76,7 +70,7 @@ std::shared_ptr<ShowRouteCacheSummarySm> showRouteCacheSummarySmFactory(
 
 bool ShowRouteCacheSummarySm::print() {
   printRouteCacheSummary();
-  return bookmark_.isEmpty() && bookmark6_.isEmpty();
+  return printed_;
 }
 
 void ShowRouteCacheSummarySm::printRouteCacheSummary() {
@@ -84,6 +78,7 @@ void ShowRouteCacheSummarySm::printRouteCacheSummary() {
     const bool oneVrf = vrfNameSpecified() && vrfName_ != allVrfs;
     if (oneVrf && !piVrfIdMap_->nameToId(vrfName_)) {
       printVrfNotFound(vrfName_);
+      printed_ = true;
       return;
     }
     renderer().addFrills("%-20s %-8s %-14s %-11s %-10s %-12s\n",
@@ -112,7 +107,9 @@ void ShowRouteCacheSummarySm::setupSummaryDataStruct(const std::string& vrfName)
 }
 
 void ShowRouteCacheSummarySm::printRouteCacheVrfSummary() {
-  if (ipv4RouteConfigDone_) {
+  if (ipv6RouteConfigDone_) {
+    doPrintRouteCacheVrfSummary();
+  } else if (ipv4RouteConfigDone_) {
     getIpv6RouteCacheVrfSummary();
   } else {
     getIpv4RouteCacheVrfSummary();
@@ -159,7 +156,8 @@ template <class F>
 void ShowRouteCacheSummarySm::countRoute(const RouteKey& key, VrfSummary& summary) const {
   const VrfIdMap& ids = *swRouteSm_->vrfIdMap();
   ++(summary.*F::configRoutes);
-  if (ids.globalVrfIdToHwVrfIdHas(key.vrfId())) {
+  // Whoever configures routes may put one into the other family's table: it is never published from there.
+  if (F::isOfFamily(key) && ids.globalVrfIdToHwVrfIdHas(key.vrfId())) {
     const typename F::Key tableKey(F::prefix(key), ids.globalVrfIdToHwVrfId(key.vrfId()));
     if (const auto route = F::published(*swRouteSm_)->route(tableKey)) {
       ++(summary.*(route->inHw() ? F::hwRoutes : F::sfeRoutes));
@@ -172,40 +170,49 @@ void ShowRouteCacheSummarySm::countRoute(const RouteKey& key, VrfSummary& summar
 // --- Printing --------------------------------------------------------------------------------------------------------
 
 void ShowRouteCacheSummarySm::doPrintRouteCacheVrfSummary() {
-  Counts total = printVrfRows<V4>();
-  total.add(printVrfRows<V6>());
+  if (!ipv4RowsPrinted_ && !printVrfRows<V4>()) return;
+  ipv4RowsPrinted_ = true;
+  if (!printVrfRows<V6>()) return;
   renderer().startDict("total");
-  printTotal(total);
+  printTotal();
   renderer().endDict();
+  printed_ = true;
 }
 
 template <class F>
-ShowRouteCacheSummarySm::Counts ShowRouteCacheSummarySm::printVrfRows() {
-  Counts total;
-  renderer().startDict(F::dict);
-  for (const auto& [name, piVrfId] : vrfNameToId_) {
-    const VrfSummary& vrf = vrfSummary_.at(piVrfId);
+bool ShowRouteCacheSummarySm::printVrfRows() {
+  if (!nextRow_) {
+    renderer().startDict(F::dict);
+    nextRow_ = vrfNameToId_.begin();
+  }
+  auto& row = *nextRow_;
+  while (row != vrfNameToId_.end()) {
+    const VrfSummary& vrf = vrfSummary_.at(row->second);
     const Counts counts{vrf.*F::configRoutes, vrf.*F::sfeRoutes, vrf.*F::hwRoutes, vrf.*F::unprogrammed};
-    printRow(name, F::name, counts);
-    total.add(counts);
+    printRow(row->first, F::name, counts);
+    total_.add(counts);
+    ++row;
+    if (row != vrfNameToId_.end() && shouldYield()) return false;
   }
   renderer().endDict();
-  return total;
+  nextRow_.reset();
+  return true;
 }
 
 void ShowRouteCacheSummarySm::printRouteCacheAllSummary() {
-  Counts total = printAllRow<V4>();
-  total.add(printAllRow<V6>());
+  printAllRow<V4>();
+  printAllRow<V6>();
   renderer().startDict("total");
   renderer().startDictEntry(allVrfs);
-  printTotal(total);
+  printTotal();
   renderer().endDictEntry();
   renderer().endDict();
+  printed_ = true;
 }
 
 // The tables are not written at one instant: what one of them is ahead of another counts as nothing.
 template <class F>
-ShowRouteCacheSummarySm::Counts ShowRouteCacheSummarySm::printAllRow() {
+void ShowRouteCacheSummarySm::printAllRow() {
   const auto less = [](std::uint64_t a, std::uint64_t b) { return a - std::min(a, b); };
   const std::uint64_t published = F::published(*swRouteSm_)->size();
   Counts counts;
@@ -216,7 +223,7 @@ ShowRouteCacheSummarySm::Counts ShowRouteCacheSummarySm::printAllRow() {
   renderer().startDict(F::dict);
   printRow(allVrfs, F::name, counts);
   renderer().endDict();
-  return counts;
+  total_.add(counts);
 }
 
 void ShowRouteCacheSummarySm::printRow(const std::string& name, const char* addressFamily, const Counts& counts) {
@@ -230,13 +237,13 @@ void ShowRouteCacheSummarySm::printRow(const std::string& name, const char* addr
   renderer().endDictEntry();
 }
 
-void ShowRouteCacheSummarySm::printTotal(const Counts& total) {
+void ShowRouteCacheSummarySm::printTotal() {
   printRuler(80);
   renderer().addAttributes("%-29s %-14d %-11d %-10d %-12d\n", {{"", "Total"},
-                                                               {"configuredRoutes", total.configured},
-                                                               {"routesInSfe", total.inSfe},
-                                                               {"routesInHw", total.inHw},
-                                                               {"unprogrammedRoutes", total.unprogrammed}});
+                                                               {"configuredRoutes", total_.configured},
+                                                               {"routesInSfe", total_.inSfe},
+                                                               {"routesInHw", total_.inHw},
+                                                               {"unprogrammedRoutes", total_.unprogrammed}});
 }
 
 }  // namespace RouteCache

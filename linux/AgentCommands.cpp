@@ -1,5 +1,6 @@
 #include "linux/AgentCommands.h"
 
+#include <algorithm>
 #include <optional>
 #include <stdexcept>
 #include <utility>
@@ -93,6 +94,7 @@ void AgentCommands::Reply::finish(std::optional<std::string> error) {
   sm_.reset();
   renderer_->close();
   error_ = std::move(error);
+  if (error_) std::ranges::replace(*error_, '\0', '?');  // it is thrown, and an exception's text ends at a zero byte
 }
 
 void AgentCommands::Reply::withdraw() {

@@ -34,9 +34,9 @@ void appendControlBytes(std::string& content, std::string_view bytes);
 class ControlReply {
  public:
   virtual ~ControlReply() = default;
-  // Appends some more content: whole lines, about a screenful, or none when that takes longer than a moment: it is
-  // asked again after others had their turn. False: there is no more. Throws with one line when the rest is impossible;
-  // what it has appended by then is sent.
+  // Appends some more content, whole lines or frames of bytes, some tens of KiB at most; or none when that takes longer
+  // than a moment: it is asked again after others had their turn. False: there is no more. Throws with one line when
+  // the rest is impossible; what it has appended by then is sent.
   virtual bool produce(std::string& content) = 0;
 };
 

@@ -26,11 +26,31 @@ std::unique_ptr<CommandRenderer> rendererOf(Platform::OutputFormat format, std::
 
 // --- Text ------------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// What would act on the reader's terminal instead of being read.
+bool isControl(char c) {
+  const auto byte = static_cast<std::uint8_t>(c);
+  return byte < 0x20 || byte == 0x7F;
+}
+
+}  // namespace
+
 void TextRenderer::writeAttributes(std::string_view format, std::span<const OutputAttribute> attributes) {
   if (takeCommandError(attributes)) return;
   values_.clear();
-  for (const auto& attribute : attributes) values_.push_back(attribute.value);
+  masked_.clear();
+  for (const auto& attribute : attributes) {
+    const bool isPlain = !attribute.value.isText() || std::ranges::none_of(attribute.value.text(), isControl);
+    values_.push_back(isPlain ? attribute.value : masked(attribute.value.text()));
+  }
   Platform::appendFormatted(out_, format, values_);
+}
+
+FormatValue TextRenderer::masked(std::string_view text) {
+  std::string& copy = masked_.emplace_back(text);
+  std::ranges::replace_if(copy, isControl, '?');
+  return copy;
 }
 
 void TextRenderer::writeFrills(std::string_view format, std::span<const FormatValue> values) {

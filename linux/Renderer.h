@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -35,7 +36,8 @@ class CommandRenderer : public Platform::Renderer {
   std::optional<std::string> commandError_;
 };
 
-// The formatted lines and nothing else. A failure is not among them: it is told as the command's error.
+// The formatted lines and nothing else. A failure is not among them: it is told as the command's error. Control
+// characters in the texts of attributes, which may be anybody's names, are shown as "?".
 class TextRenderer final : public CommandRenderer {
  public:
   explicit TextRenderer(std::string& out) : CommandRenderer(out) {}
@@ -53,7 +55,10 @@ class TextRenderer final : public CommandRenderer {
   void writeAttributes(std::string_view format, std::span<const Platform::OutputAttribute> attributes) override;
   void writeFrills(std::string_view format, std::span<const Platform::FormatValue> values) override;
 
+  Platform::FormatValue masked(std::string_view text);
+
   std::vector<Platform::FormatValue> values_;  // of the line being written
+  std::list<std::string> masked_;              // texts of its values
 };
 
 // One object, laid out for people too: a dictionary or entry begins a line, indented by its depth; attributes stand on

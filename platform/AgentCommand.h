@@ -96,7 +96,7 @@ class AgentCommandRequestDir {
   // Registers the callback for its command type, in place of any other.
   virtual void commandCallbackWithFormatIs(std::shared_ptr<AsyncCommandCallbackWithFormat> callback) = 0;
   // Withdraws it and ends its commands that are under way: their state machines are destroyed before this returns, and
-  // their readers are told.
+  // their readers are told if they are served at all from then on.
   virtual void commandCallbackWithFormatDel(const std::string& commandType) = 0;
 };
 

@@ -122,11 +122,26 @@ class VrfCompletionTest : public testing::Test {
         printf '%s\n' "${words[@]}"
       done
     )sh";
-    const std::string command = "bash --norc " + script + " " ROUTECACHE_COMMAND " '" + line + "' 2>/dev/null";
-    std::FILE* const bash = ::popen(command.c_str(), "r");
+    return linesOfShell("bash --norc " + script + " " ROUTECACHE_COMMAND " '" + line + "' 2>/dev/null");
+  }
+  // What zsh's completion would be given for these words, of which the last one is being typed.
+  std::vector<std::string> wordsInZsh(const std::string& arguments) const {
+    const std::string script = directory.path() + "/complete.zsh";
+    std::ofstream(script) << R"sh(
+      compdef() { : }
+      compadd() { shift; print -rl -- "$@" }
+      _files() { print -r -- "(files)" }
+      source <($1 completion zsh) || exit
+      words=("$@") CURRENT=$# PREFIX=${@[-1]} QIPREFIX=
+      _routecache
+    )sh";
+    return linesOfShell("zsh -f " + script + " " ROUTECACHE_COMMAND " " + arguments);
+  }
+  static std::vector<std::string> linesOfShell(const std::string& command) {
+    std::FILE* const shell = ::popen(command.c_str(), "r");
     std::string text;
-    for (int c = std::fgetc(bash); c != EOF; c = std::fgetc(bash)) text += static_cast<char>(c);
-    EXPECT_EQ(::pclose(bash), 0);
+    for (int c = std::fgetc(shell); c != EOF; c = std::fgetc(shell)) text += static_cast<char>(c);
+    EXPECT_EQ(::pclose(shell), 0) << command;
     return linesOf(text);
   }
 
@@ -150,7 +165,14 @@ TEST_F(VrfCompletionTest, NamesComeFromTheRunningAgentAndAreSafeInTheShell) {
   EXPECT_THAT(wordsInBash(show + " --vrf=re"), UnorderedElementsAre("red", "re;ls"));
   EXPECT_THAT(wordsInBash(show + " --vrf a:"), ElementsAre("b"));
 
-  // An agent that does not answer is not waited for.
+  const std::string words = "show routes --run-dir " + runDir + " --vrf ";
+  EXPECT_THAT(wordsInZsh(words + "''"), UnorderedElementsAreArray(names));
+  EXPECT_THAT(wordsInZsh(words + "re"), UnorderedElementsAre("red", "re;ls"));
+  EXPECT_THAT(wordsInZsh("tasks --run-dir ''"), ElementsAre("(files)"));
+
+  // Neither an agent that does not answer nor one that is not there keeps anybody waiting.
+  agent->signal(SIGSTOP);
+  EXPECT_THAT(wordsInBash(show + " --vrf "), IsEmpty());
   agent->stop(SIGKILL);
   EXPECT_THAT(wordsInBash(show + " --vrf "), IsEmpty());
 }

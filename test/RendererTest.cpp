@@ -57,6 +57,16 @@ void writeRoutes(Renderer& out) {
   out.ioflush();
 }
 
+TEST(RendererTest, ControlCharactersOfNamesDoNotReachATerminal) {
+  const auto write = [](Renderer& out) {
+    out.start();
+    out.addAttributes("%-4s|%s|%d\n", {{"name", "a\nb"}, {"alias", std::string_view("\x1b[2J\0\x7f", 6)}, {"id", 1}});
+    out.end();
+  };
+  EXPECT_EQ(outputOf(OutputFormat::text, write).text, "a?b |?[2J??|1\n");
+  EXPECT_EQ(Json::parse(outputOf(OutputFormat::json, write).text)["name"], "a\nb");
+}
+
 TEST(RendererTest, SameCallsMakeTextAndJson) {
   EXPECT_EQ(outputOf(OutputFormat::text, writeRoutes).text,
             "Prefix       Id   \n"

@@ -171,6 +171,21 @@ TEST_F(ShowCommandsTest, SummaryCountsByVrfAndAltogether) {
   expectGolden("summary-together", "showRouteCacheSummary#V");
 }
 
+TEST_F(ShowCommandsTest, ARouteInTheOtherFamilysTableIsUnprogrammed) {
+  plug(false);
+  configure(2, {{"0.0.0.0/32", 1}, {"::/0", 5}});
+  sw.start();
+  sw.advance(10);
+  sw.misplacedRoute("2001:db8::/32", 2);
+  sw.misplacedRoute("2001:db8:1::/48", 2);
+  sw.misplacedRoute("10.0.0.0/8", 2);
+  const Json summary = Json::parse(show("showRouteCacheSummary#Vred", OutputFormat::json).out);
+  const Json expected4{{"configuredRoutes", 3}, {"routesInSfe", 0}, {"routesInHw", 1}, {"unprogrammedRoutes", 2}};
+  const Json expected6{{"configuredRoutes", 2}, {"routesInSfe", 0}, {"routesInHw", 1}, {"unprogrammedRoutes", 1}};
+  EXPECT_EQ(summary["summary"]["red"], expected4);
+  EXPECT_EQ(summary["summaryIPv6"]["red"], expected6);
+}
+
 TEST_F(ShowCommandsTest, RoutesAreListedWithTheirNextHops) {
   plugAndConfigure();
   expectGolden("summary-together-no-caching", "showRouteCacheSummary#V");
@@ -271,6 +286,8 @@ TEST_F(ShowCommandsTest, EndedCallsChangeNothingInTheReply) {
   // Eight entries are looked at and five printed. No call ends before the default VRF's default route, at the table's
   // end, or behind the last row.
   EXPECT_EQ(show(red).calls, 11U);
+  // Twelve configured routes; four VRFs with two rows each.
+  EXPECT_GE(show("showRouteCacheSummary#Vall").calls, 12U + 2 * 4 - 2);
   callback().yieldInTestIs(false);
 
   sw.clock->secondsPerLookIs(0.04);  // three looks take longer than a call may

@@ -1,4 +1,7 @@
 // The `routecache` command.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -14,6 +17,14 @@ namespace {
 constexpr int failed = 1;
 constexpr int misused = 2;
 
+// A standard stream that whoever started us has closed would be the first file or socket that is opened, and take what
+// is meant for a reader.
+void openStandardStreams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", O_RDWR);  // gets the lowest number that is free
+  }
+}
+
 int complain(std::string text, int exitCode) {
   std::replace(text.begin(), text.end(), '\n', ' ');
   std::fprintf(stderr, "routecache: %s\n", text.c_str());
@@ -23,6 +34,7 @@ int complain(std::string text, int exitCode) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openStandardStreams();
   CLI::App app("Route-cache agent: run it, feed it, look at it", "routecache");
   app.require_subcommand(0, 1);  // so that a wrong one is named as what it is, not as a missing one
   app.get_formatter()->column_width(36);

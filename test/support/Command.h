@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,7 @@ class Command {
   bool says(const std::string& text);
   // Waits for its own end. Nothing else may be called after this or stop().
   Outcome wait();
+  void signal(int signal) const { kill(process_, signal); }
   // Sends a signal, and waits for the end.
   Outcome stop(int signal);
 

@@ -152,6 +152,11 @@ void SimulatedSwitch::route(const std::string& prefix, std::uint32_t piVrfId, st
   (key.prefix().isV4() ? routes_ : routes6_)->routeIs(Routing::Rib::Route(key, viaKey));
 }
 
+void SimulatedSwitch::misplacedRoute(const std::string& prefix, std::uint32_t piVrfId) {
+  const RouteKey key(piVrfId, Platform::fromText<IpGenPrefix>(prefix));
+  (key.prefix().isV4() ? routes6_ : routes_)->routeIs(Routing::Rib::Route(key));
+}
+
 void SimulatedSwitch::routeGone(const std::string& prefix, std::uint32_t piVrfId) {
   const RouteKey key(piVrfId, Platform::fromText<IpGenPrefix>(prefix));
   (key.prefix().isV4() ? routes_ : routes6_)->routeDel(key);

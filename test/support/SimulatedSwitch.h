@@ -59,6 +59,8 @@ class SimulatedSwitch {
   void viaGone(std::uint64_t key);
   void route(const std::string& prefix, std::uint32_t piVrfId, std::uint64_t viaKey);
   void routeGone(const std::string& prefix, std::uint32_t piVrfId);
+  // A route that the routing process has put into the other family's table.
+  void misplacedRoute(const std::string& prefix, std::uint32_t piVrfId);
   // A route of the hardware table, of which no state machine of the agent may take care.
   void hwRoute(const std::string& prefix, std::uint32_t hwVrfId, RouteCache::AdjId adjId, bool inHw);
 
