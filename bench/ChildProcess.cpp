@@ -18,14 +18,15 @@
 
 namespace Bench {
 
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments) : name_(arguments.front()) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::string& program)
+    : name_(arguments.front()) {
   std::array<int, 2> ends;    // of its output
   std::array<int, 2> spoken;  // of its input: a socket, so that telling one that has ended is no signal
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::system_error(errno, std::generic_category(), "pipe");
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, spoken.data()) != 0) {
     throw std::system_error(errno, std::generic_category(), "socketpair");
   }
-  std::vector<std::string> words{"/proc/self/exe"};
+  std::vector<std::string> words{program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
   for (auto& word : words) pointers.push_back(word.data());
@@ -60,14 +61,21 @@ void ChildProcess::tell(const std::string& line) {
   ::send(input_, whole.data(), whole.size(), MSG_NOSIGNAL);
 }
 
-nlohmann::json ChildProcess::report() {
+std::string ChildProcess::line() {
   char* line = nullptr;
   std::size_t size = 0;
   const ssize_t length = ::getline(&line, &size, output_);
-  const std::string text(line == nullptr || length < 0 ? "" : line);
+  std::string text(line == nullptr || length < 0 ? "" : line);
   std::free(line);
   if (text.empty()) throw std::runtime_error(name_ + ": the process ended without a report");
-  return nlohmann::json::parse(text);
+  return text;
+}
+
+void ChildProcess::readAll(const std::function<void(std::string_view)>& content) {
+  std::array<char, 64 * 1024> buffer;  // NOLINT: filled by fread
+  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), output_)) {
+    content(std::string_view(buffer.data(), count));
+  }
 }
 
 void ChildProcess::stop() {
@@ -82,9 +90,9 @@ void ChildProcess::wait() {
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(name_ + ": the process failed");
 }
 
-nlohmann::json residentMemory() {
+nlohmann::json residentMemory(pid_t process) {
   nlohmann::json found = nlohmann::json::object();
-  std::ifstream status("/proc/self/status");
+  std::ifstream status("/proc/" + (process == 0 ? "self" : std::to_string(process)) + "/status");
   for (std::string name; status >> name;) {
     std::uint64_t kilobytes = 0;
     if (name == "VmRSS:" || name == "VmHWM:" || name == "RssAnon:" || name == "RssFile:" || name == "RssShmem:") {

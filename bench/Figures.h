@@ -17,7 +17,10 @@ class Figures {
   bool has(const std::string& phase, const std::string& figure) const {
     return has(phase) && values_.at(phase).contains(figure);
   }
-  // Of the figure's values, which must be there.
+  // The last of the figure's values, which must be there; and the median of all.
+  double latest(const std::string& phase, const std::string& figure) const {
+    return values_.at(phase).at(figure).back();
+  }
   double median(const std::string& phase, const std::string& figure) const;
   // {phase: {figure: {"median": x, "runs": [...]}}}
   nlohmann::json asJson() const;

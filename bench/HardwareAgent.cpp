@@ -3,21 +3,16 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <functional>
 #include <iostream>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <utility>
 
 #include "RouteCache/RouteCacheHwRouteSm.h"
-#include "bench/BenchDirectory.h"
-#include "bench/ChildProcess.h"
 #include "bench/HardwareRival.h"
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TraceFile.h"
+#include "bench/MeasuredLoop.h"
+#include "bench/Tables.h"
 #include "platform/Trie.h"
-#include "tools/Common.h"
 
 namespace Bench {
 
@@ -29,49 +24,6 @@ using RouteCache::HwRouteSm;
 using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4RouteStatus;
 
-// Passes tasks on to the event loop and keeps the times of the longest runs.
-class RunTimer final : public Platform::TaskScheduler {
- public:
-  explicit RunTimer(LinuxPlatform::EventLoop& loop) : loop_(loop) {}
-  std::unique_ptr<Platform::Task> taskIs(std::string_view name, Platform::TaskPriority priority,
-                                         std::function<void()> body) override {
-    return loop_.taskIs(name, priority, [this, body = std::move(body)] {
-      const Stopwatch run;
-      body();
-      held = std::max(held, run.seconds());
-      heldCpu = std::max(heldCpu, run.cpuSeconds());
-    });
-  }
-  double now() const override { return loop_.now(); }
-  std::vector<Platform::TaskStatistics> statistics() const override { return loop_.statistics(); }
-
-  double held = 0;  // seconds
-  double heldCpu = 0;
-
- private:
-  LinuxPlatform::EventLoop& loop_;
-};
-
-double privateBytes() {
-  return residentMemory()["RssAnon"];
-}
-
-// What both processes report of one command.
-json report(const Stopwatch& stopwatch, double bytesBefore, std::uint64_t checksum) {
-  return {{"seconds", stopwatch.seconds()},
-          {"cpuSeconds", stopwatch.cpuSeconds()},
-          {"memory", residentMemory()},
-          {"grownBytes", privateBytes() - bytesBefore},
-          {"checksum", checksum}};
-}
-
-void obey(const std::function<json(std::istream& command)>& obeyed) {
-  for (std::string line; std::getline(std::cin, line);) {
-    std::istringstream command(line);
-    std::cout << obeyed(command).dump() << std::endl;
-  }
-}
-
 // The members stand in the order of their making.
 class HardwareAgent {
  public:
@@ -80,8 +32,6 @@ class HardwareAgent {
 
  private:
   RouteCache::HwRouteSmInputs inputs();
-  void deliver();
-  bool isSettled();
   json settle();
   json scan();
   json serve(bool scanning);
@@ -89,34 +39,23 @@ class HardwareAgent {
   json work(const std::function<bool()>& isOver);
   void levelsAre(std::uint8_t low, std::uint16_t idleTime);
   std::uint64_t slicesChecksum() const;
-  std::uint64_t decided() const;
-
-  // No scan but those that are asked for.
-  static constexpr double never = 1e9;
+  // Routes that the route-processing task has looked at.
+  std::uint64_t decided() const { return loop_.workDone("hwRouteProcessingTask"); }
 
   const HardwareWorkload& workload_;
-  LinuxPlatform::EventLoop loop_;
-  RunTimer tasks_{loop_};
-  LinuxPlatform::FileTraceFacility trace_;
-  Platform::TableTypes types_ = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService tables_;
-  std::unique_ptr<Platform::Task> deliveryTask_;
+  MeasuredLoop loop_;
   std::shared_ptr<RouteCache::CliConfig> levels_ = std::make_shared<RouteCache::CliConfig>("cliconfig");
   std::shared_ptr<Routing::Trie> trie_ = std::make_shared<Routing::Trie>();
   std::shared_ptr<HwRouteSm> sm_;
-  double bytesBefore_ = 0;  // with the state machine started and nothing done
 };
 
 HardwareAgent::HardwareAgent(const std::string& directory, const HardwareWorkload& workload)
-    : workload_(workload), trace_(directory), tables_(directory, types_, [this] { deliveryTask_->scheduleWithin(0); }) {
-  deliveryTask_ = tasks_.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); });
-  loop_.fdIs(tables_.wakeupFd(), EPOLLIN, [this](std::uint32_t) { tables_.handleWakeup(); });
-  loop_.afterBatchIs([this] { tables_.flush(); });
+    : workload_(workload), loop_(directory) {
   levelsAre(100, 0);
-  sm_ = std::make_shared<HwRouteSm>(inputs(), tasks_, trace_);
-  sm_->hwHitbitScanIntervalIs(never);
+  sm_ = std::make_shared<HwRouteSm>(inputs(), loop_.tasks(), loop_.trace());
+  sm_->hwHitbitScanIntervalIs(MeasuredLoop::never);  // no scan but those that are asked for
   sm_->handleInitialized();
-  bytesBefore_ = privateBytes();
+  loop_.started();
 }
 
 RouteCache::HwRouteSmInputs HardwareAgent::inputs() {
@@ -125,19 +64,15 @@ RouteCache::HwRouteSmInputs HardwareAgent::inputs() {
   trie_->routeIs(HardwareWorkload::cachedPrefix(), true);
   const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
   tries->vrfTrieIs(HardwareWorkload::hwVrfId, trie_);
-  return {mounted<Ipv4RouteStatus>(tables_, hwRoutePath, MountKind::writer, workload_.capacity()),
+  return {mounted<Ipv4RouteStatus>(loop_.tables(), hwRoutePath, MountKind::writer, workload_.capacity()),
           std::make_shared<RouteCache::Config>("config"),
           levels_,
-          mounted<Ipv4RouteStatus>(tables_, sfeRoutePath, MountKind::reader),
-          mounted<Ipv4HitBitStatus>(tables_, hwHitBitPath, MountKind::reader),
-          mounted<Ipv4HitBitStatus>(tables_, sfeHitBitPath, MountKind::reader),
+          mounted<Ipv4RouteStatus>(loop_.tables(), sfeRoutePath, MountKind::reader),
+          mounted<Ipv4HitBitStatus>(loop_.tables(), hwHitBitPath, MountKind::reader),
+          mounted<Ipv4HitBitStatus>(loop_.tables(), sfeHitBitPath, MountKind::reader),
           capability,
           tries,
           nullptr};
-}
-
-void HardwareAgent::deliver() {
-  if (!tables_.deliverChanges([this] { return deliveryTask_->shouldYield(); })) deliveryTask_->scheduleWithin(0);
 }
 
 void HardwareAgent::levelsAre(std::uint8_t low, std::uint16_t idleTime) {
@@ -162,17 +97,8 @@ json HardwareAgent::obeyed(std::istream& command) {
   return json::object();
 }
 
-// Nothing to deliver, and no task but the next scan: what waits for its turn comes within seconds.
-bool HardwareAgent::isSettled() {
-  if (tables_.pendingChanges()) {
-    deliveryTask_->scheduleWithin(0);
-    return false;
-  }
-  return loop_.nextDue() > loop_.now() + never / 2;
-}
-
 json HardwareAgent::settle() {
-  return work([this] { return isSettled(); });
+  return work([this] { return loop_.isSettled(); });
 }
 
 json HardwareAgent::scan() {
@@ -182,14 +108,14 @@ json HardwareAgent::scan() {
 
 json HardwareAgent::serve(bool scanning) {
   bool isTold = false;
-  loop_.fdIs(STDIN_FILENO, EPOLLIN, [&isTold](std::uint32_t) { isTold = true; });
+  loop_.loop().fdIs(STDIN_FILENO, EPOLLIN, [&isTold](std::uint32_t) { isTold = true; });
   if (scanning) {
     sm_->hwHitbitScanIntervalIs(1e-6);
     sm_->scheduleHwHitbitScanTask(0);
   }
   json served = work([&isTold] { return isTold; });
-  loop_.fdDel(STDIN_FILENO);
-  sm_->hwHitbitScanIntervalIs(never);
+  loop_.loop().fdDel(STDIN_FILENO);
+  sm_->hwHitbitScanIntervalIs(MeasuredLoop::never);
   std::string line;
   std::getline(std::cin, line);
   return served;
@@ -206,22 +132,20 @@ json HardwareAgent::uncache() {
 }
 
 json HardwareAgent::work(const std::function<bool()>& isOver) {
-  tasks_.held = tasks_.heldCpu = 0;
   const std::uint64_t agedBefore = sm_->aged();
   const std::uint64_t decidedBefore = decided();
   double ageing = 0, ageingCpu = 0;  // of the batches of runs that have aged
-  const Stopwatch whole;
-  while (!isOver()) {
-    const std::uint64_t aged = sm_->aged();
-    const Stopwatch batch;
-    loop_.runOnce(1);
-    if (sm_->aged() == aged) continue;
-    ageing += batch.seconds();
-    ageingCpu += batch.cpuSeconds();
-  }
-  json done = report(whole, bytesBefore_, slicesChecksum());
-  done.update({{"heldSeconds", tasks_.held},
-               {"heldCpuSeconds", tasks_.heldCpu},
+  std::uint64_t aged = agedBefore;
+  Stopwatch batch;
+  json done = loop_.work([&] {
+    if (std::exchange(aged, sm_->aged()) != sm_->aged()) {
+      ageing += batch.seconds();
+      ageingCpu += batch.cpuSeconds();
+    }
+    batch = Stopwatch();
+    return isOver();
+  });
+  done.update({{"checksum", slicesChecksum()},
                {"aged", sm_->aged() - agedBefore},
                {"ageing", {{"seconds", ageing}, {"cpuSeconds", ageingCpu}}},
                {"decided", decided() - decidedBefore}});
@@ -232,14 +156,6 @@ std::uint64_t HardwareAgent::slicesChecksum() const {
   std::uint64_t sum = 0;
   for (std::uint16_t slice = 0; const auto coll = sm_->hwHitbitColl(slice); ++slice) sum += slice * coll->size();
   return sum;
-}
-
-// Routes that the route-processing task has looked at.
-std::uint64_t HardwareAgent::decided() const {
-  for (const auto& task : loop_.statistics()) {
-    if (task.name == "hwRouteProcessingTask") return task.workDone;
-  }
-  return 0;
 }
 
 }  // namespace
@@ -261,7 +177,9 @@ void runPlainSlices(const std::string& directory) {
     command >> word;
     const Stopwatch whole;
     word == "scan" ? slices.scan() : slices.fileAll();
-    return report(whole, bytesBefore, slices.checksum());
+    json report = workReport(whole, bytesBefore);
+    report["checksum"] = slices.checksum();
+    return report;
   });
 }
 

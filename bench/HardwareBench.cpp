@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <exception>
-#include <iostream>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <random>
@@ -14,11 +12,12 @@
 #include <thread>
 #include <vector>
 
-#include "bench/BenchDirectory.h"
+#include "bench/BenchProgram.h"
 #include "bench/ChildProcess.h"
-#include "bench/Figures.h"
 #include "bench/HardwareAgent.h"
 #include "bench/HardwareRival.h"
+#include "bench/Tables.h"
+#include "bench/WorkFigures.h"
 #include "linux/SharedTable.h"
 #include "tools/Common.h"
 
@@ -31,11 +30,8 @@ using Pondra::MountKind;
 using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4RouteStatus;
 
-struct Options {
+struct Options : BenchOptions {
   HardwareWorkload workload;
-  unsigned runs = 3;
-  std::string directory = defaultParentDirectory();
-  bool asJson = false;
 };
 
 // --- The other processes ---------------------------------------------------------------------------------------------
@@ -116,44 +112,21 @@ class Measurement {
  public:
   explicit Measurement(const Options& options) : options_(options), workload_(options.workload) {}
 
-  Figures run() {
-    for (unsigned run = 0; run < options_.runs; ++run) {
-      std::cerr << "run " << run + 1 << " of " << options_.runs << std::endl;
-      admitChanges();
-      standing();
+  const Figures& figures() const { return figures_; }
+  void run() {
+    admitChanges();
+    standing();
 #ifdef ROUTECACHE_LMDB
-      add("admission, standing", "rivalCpuSeconds", admitOverLmdb(options_.directory, workload_));
+    add("admission, standing", "rivalCpuSeconds", admitOverLmdb(options_.directory, workload_));
 #endif
-    }
-    return figures_;
   }
 
  private:
   ChildProcess child(const char* mode, const BenchDirectory& directory) const {
     return ChildProcess({mode, "--dir", directory.path(), "--routes", std::to_string(workload_.routes)});
   }
-  static json ask(ChildProcess& process, const std::string& command) {
-    process.tell(command);
-    return process.report();
-  }
   void add(const std::string& phase, const std::string& figure, double value) {
     figures_.add(phase, figure, value);
-  }
-  // `routes` is what the phase's work is divided by.
-  void addReport(const std::string& phase, const json& report, double routes) {
-    for (const char* figure : {"seconds", "cpuSeconds", "heldSeconds", "heldCpuSeconds"}) {
-      add(phase, figure, report[figure]);
-    }
-    add(phase, "nanosecondsPerRoute", report["seconds"].get<double>() / routes * 1e9);
-  }
-  void addMemory(const std::string& phase, const json& report) {
-    for (const auto& [name, bytes] : report["memory"].items()) {
-      add(phase, name + "PerRoute", bytes.get<double>() / workload_.routes);
-    }
-    add(phase, "grownPerRoute", report["grownBytes"].get<double>() / workload_.routes);
-  }
-  void require(bool holds, const char* what) const {
-    if (!holds) throw std::runtime_error(std::string("not as it must be: ") + what);
   }
 
   void admitChanges();
@@ -173,9 +146,9 @@ void Measurement::admitChanges() {
   const BenchDirectory directory(options_.directory);
   Outside outside(directory.path(), workload_);
   ChildProcess agent = child("agent", directory);
-  ask(agent, "settle");
+  agent.ask("settle");
   outside.publish(0, workload_.routes, true);
-  addReport("admission, changes", ask(agent, "settle"), workload_.routes);
+  addWork(figures_, "admission, changes", agent.ask("settle"), workload_.routes);
   require(outside.hwRoutes() == workload_.routes, "all routes are admitted");
   agent.wait();
 }
@@ -186,11 +159,11 @@ void Measurement::standing() {
   Outside outside(directory.path(), workload_);
   outside.publish(0, workload_.routes, false);
   ChildProcess agent = child("agent", directory);
-  addReport("admission, standing", ask(agent, "settle"), workload_.routes);
+  addWork(figures_, "admission, standing", agent.ask("settle"), workload_.routes);
   require(outside.hwRoutes() == workload_.routes, "all routes are admitted");
   {
     ChildProcess plain = child("plain", directory);
-    ask(plain, "settle");
+    plain.ask("settle");
     outside.reportHits(1);
     scan("scan, all move", agent, plain);
     scan("scan, none moves", agent, plain);
@@ -199,9 +172,9 @@ void Measurement::standing() {
     plain.wait();
   }
   // From here on only a software hit admits a route: utilisation is 80 percent. Nothing is idle for 5100 seconds.
-  ask(agent, "levels 80 5100");
+  agent.ask("levels 80 5100");
   outside.publish(workload_.routes, workload_.sfeRoutes(), false);
-  ask(agent, "settle");
+  agent.ask("settle");
   latency("hit, idle", agent, outside, "serve", workload_.routes);
   latency("hit, scanning", agent, outside, "serve scan", workload_.routes + workload_.samples());
   age(agent, outside);
@@ -210,22 +183,22 @@ void Measurement::standing() {
 }
 
 void Measurement::scan(const std::string& phase, ChildProcess& agent, ChildProcess& plain) {
-  const json scanned = ask(agent, "scan");
-  const json plainly = ask(plain, "scan");
+  const json scanned = agent.ask("scan");
+  const json plainly = plain.ask("scan");
   require(scanned["checksum"] == plainly["checksum"], "both have the routes in the same slices");
-  addReport(phase, scanned, workload_.routes);
+  addWork(figures_, phase, scanned, workload_.routes);
   add(phase, "rivalCpuSeconds", plainly["cpuSeconds"]);
   if (phase != "scan, a tenth moves") return;
-  addMemory("memory", scanned);
-  addMemory("rival's memory", plainly);
+  addMemory(figures_, "memory", scanned, workload_.routes);
+  addMemory(figures_, "rival's memory", plainly, workload_.routes);
 }
 
 void Measurement::latency(const std::string& phase, ChildProcess& agent, Outside& outside, const char* serve,
                           std::uint32_t from) {
   agent.tell(serve);
   const auto seconds = outside.hitInSoftware(from, from + workload_.samples());
-  const json served = ask(agent, "enough");
-  ask(agent, "settle");
+  const json served = agent.ask("enough");
+  agent.ask("settle");
   add(phase, "median", seconds[seconds.size() / 2]);
   add(phase, "p99", seconds[seconds.size() * 99 / 100]);
   add(phase, "longest", seconds.back());
@@ -235,19 +208,19 @@ void Measurement::latency(const std::string& phase, ChildProcess& agent, Outside
 // Utilisation is 8 percent above the low level: a tenth of the routes must go.
 void Measurement::age(ChildProcess& agent, Outside& outside) {
   const std::size_t before = outside.hwRoutes();
-  ask(agent, "levels 72 0");
-  json report = ask(agent, "scan");
+  agent.ask("levels 72 0");
+  json report = agent.ask("scan");
   const std::uint32_t expected = workload_.capacity() * 8 / 100;
   require(report["aged"] == expected && outside.hwRoutes() + expected == before, "a tenth was aged");
   report.update(report["ageing"]);  // the time of ageing alone
-  addReport("ageing", report, expected);
+  addWork(figures_, "ageing", report, expected);
   add("ageing", "removed", expected);
 }
 
 void Measurement::uncache(ChildProcess& agent) {
-  const json report = ask(agent, "uncache");
+  const json report = agent.ask("uncache");
   require(report["decided"] >= workload_.sfeRoutes() && report["decided"] < 2 * workload_.sfeRoutes(), "one walk");
-  addReport("walk owed", report, workload_.sfeRoutes());
+  addWork(figures_, "walk owed", report, workload_.sfeRoutes());
   add("walk owed", "decided", report["decided"]);
   add("walk owed", "removingSeconds", report["removingSeconds"]);
 }
@@ -259,57 +232,26 @@ void print(const Options& options, const Figures& figures) {
   const auto median = [&figures](const char* phase, const char* figure) { return figures.median(phase, figure); };
   std::printf("%u cacheable host routes of one VRF, hardware table of %u; medians of %u runs\n\n", workload.routes,
               workload.capacity(), options.runs);
-  std::printf("%-20s %9s %9s %9s %9s %13s %12s\n", "", "seconds", "CPU s", "ns/route", "held, ms", "held, CPU ms",
-              "rival CPU s");
-  for (const char* phase : {"admission, changes", "admission, standing", "scan, all move", "scan, none moves",
-                            "scan, a tenth moves", "ageing", "walk owed"}) {
-    const double cpu = median(phase, "cpuSeconds");
-    std::printf("%-20s %9.3f %9.3f %9.0f %9.1f %13.1f", phase, median(phase, "seconds"), cpu,
-                median(phase, "nanosecondsPerRoute"), 1e3 * median(phase, "heldSeconds"),
-                1e3 * median(phase, "heldCpuSeconds"));
-    if (figures.has(phase, "rivalCpuSeconds")) {
-      const double rival = median(phase, "rivalCpuSeconds");
-      std::printf(" %12.3f (x %.2f)", rival, cpu / rival);
-    }
-    std::printf("\n");
-  }
+  printWork(figures, {"admission, changes", "admission, standing", "scan, all move", "scan, none moves",
+                      "scan, a tenth moves", "ageing", "walk owed"});
   std::printf("\n%-20s %9s %9s %10s\n", "software hit, us", "median", "99th", "longest");
   for (const char* phase : {"hit, idle", "hit, scanning"}) {
     std::printf("%-20s %9.0f %9.0f %10.0f\n", phase, 1e6 * median(phase, "median"), 1e6 * median(phase, "p99"),
                 1e6 * median(phase, "longest"));
   }
-  std::printf("\n%-20s %9s %9s %9s\n", "bytes per route", "private", "slices", "shared");
-  for (const char* phase : {"memory", "rival's memory"}) {
-    std::printf("%-20s %9.0f %9.0f %9.0f\n", phase, median(phase, "RssAnonPerRoute"), median(phase, "grownPerRoute"),
-                median(phase, "RssShmemPerRoute"));
-  }
+  printMemory(figures, "slices", {"memory", "rival's memory"});
   std::printf("\nageing removed %.0f routes; %u removed prefixes (%.0f ns each) made one walk, which looked at %.0f\n",
               median("ageing", "removed"), workload.otherPrefixes(),
               1e9 * median("walk owed", "removingSeconds") / workload.otherPrefixes(), median("walk owed", "decided"));
 }
 
-void measure(const Options& options) {
-  const Figures figures = Measurement(options).run();
-  if (options.asJson) {
-    std::cout << figures.asJson().dump(2) << std::endl;
-  } else {
-    print(options, figures);
-  }
-}
-
 int run(int argc, char** argv) {
   Options options;
   CLI::App app("Measures hardware route caching: admission, scan, ageing, software hits, owed walks.");
-  app.require_subcommand(0, 1);
-  app.fallthrough();
   app.add_option("--routes", options.workload.routes, "IPv4 host routes")
       ->check(CLI::Range(1000U, HardwareWorkload::largest))
       ->capture_default_str();
-  app.add_option("--dir", options.directory, "Where the tables go")->capture_default_str();
-  app.add_option("--runs", options.runs, "How often everything is measured")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
-  app.add_flag("--json", options.asJson, "Every figure of every run");
+  addBenchOptions(app, options);
   CLI::App* agent = app.add_subcommand("agent", "The state machine's process alone, on the tables in --dir");
   CLI::App* plain = app.add_subcommand("plain", "The rival's process alone, on the tables in --dir");
 
@@ -319,7 +261,7 @@ int run(int argc, char** argv) {
   } else if (plain->parsed()) {
     runPlainSlices(options.directory);
   } else {
-    measure(options);
+    measureRuns<Measurement>(options, print);
   }
   return 0;
 }
@@ -329,10 +271,5 @@ int run(int argc, char** argv) {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  try {
-    return Bench::run(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "HardwareBench: " << error.what() << std::endl;
-    return 1;
-  }
+  return Bench::benchMain("HardwareBench", [&] { return Bench::run(argc, argv); });
 }

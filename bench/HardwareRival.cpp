@@ -8,7 +8,6 @@
 #include "bench/BenchDirectory.h"
 #include "platform/Trie.h"
 #ifdef ROUTECACHE_LMDB
-#include "bench/EncodedValue.h"
 #include "bench/LmdbStore.h"
 #endif
 
@@ -57,11 +56,7 @@ double admitOverLmdb(const std::string& directory, const HardwareWorkload& workl
   LmdbStore store(own.path(), std::size_t{workload.routes} * 1024 + (std::size_t{64} << 20));
   const MDB_dbi sfe = store.database("sfe");
   const MDB_dbi hardware = store.database("hardware");
-  const auto put = [&store](MDB_dbi database, const Ipv4Route& route) {
-    const EncodedValue<Ipv4Route> encoded(route);
-    store.put(database, encoded.key(), encoded.bytes());
-  };
-  for (std::uint32_t i = 0; i < workload.routes; ++i) put(sfe, HardwareWorkload::route(i));
+  for (std::uint32_t i = 0; i < workload.routes; ++i) store.putValue(sfe, HardwareWorkload::route(i));
   store.commit();
   Routing::Trie trie;
   trie.routeIs(HardwareWorkload::cachedPrefix(), true);
@@ -72,7 +67,7 @@ double admitOverLmdb(const std::string& directory, const HardwareWorkload& workl
     const std::optional<Traits::Key> key = Traits::decodeKey(keyBytes.data());
     const auto route = Traits::decode(key.value(), bytes).value();
     if (store.get(hardware, keyBytes) || !trie.longestMatch(key->prefix())) return;
-    put(hardware, {*key, route.adjId(), true});
+    store.putValue(hardware, Ipv4Route(*key, route.adjId(), true));
     ++admitted;
   });
   store.commit();

@@ -4,18 +4,10 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <memory>
-#include <optional>
 
 #include "RouteCache/RouteCacheTables.h"
-#include "platform/SharedTable.h"
 
 namespace Bench {
-
-inline constexpr const char* hwRoutePath = "routecache/route/hw/ipv4";
-inline constexpr const char* sfeRoutePath = "routecache/route/sfe/ipv4";
-inline constexpr const char* hwHitBitPath = "hardware/routecache/status/ipv4";
-inline constexpr const char* sfeHitBitPath = "sfe/routecache/status/ipv4";
 
 struct HardwareWorkload {
   using Key = RouteCache::Ipv4RouteVrfKey;
@@ -38,15 +30,5 @@ struct HardwareWorkload {
   std::uint32_t otherPrefixes() const { return routes / 10; }
   static Prefix otherPrefix(std::uint32_t index) { return {IpAddr((11U << 24) + 256 * index), 24}; }
 };
-
-// One of the tables, kept by the service.
-template <class T>
-std::shared_ptr<T> mounted(Pondra::TableService& tables, const char* path, Pondra::MountKind kind,
-                           std::uint32_t capacity = 0) {
-  std::optional<Pondra::CollectionInfo> info;
-  if (kind == Pondra::MountKind::writer) info = Pondra::CollectionInfo{T::collectionName, capacity};
-  tables.mount(path, T::typeName, kind, info);
-  return tables.get<T>(path);
-}
 
 }  // namespace Bench

@@ -11,6 +11,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench/EncodedValue.h"
+
 namespace Bench {
 
 class LmdbError : public std::runtime_error {
@@ -37,6 +39,12 @@ class LmdbStore {
   // Within the open write transaction, which is committed after so many writes.
   void put(MDB_dbi database, Bytes key, Bytes value);
   bool erase(MDB_dbi database, Bytes key);
+  // The entry that a shared table would have of the value.
+  template <class Value>
+  void putValue(MDB_dbi database, const Value& value) {
+    const EncodedValue<Value> encoded(value);
+    put(database, encoded.key(), encoded.bytes());
+  }
   void commit();
 
   // By a reader's transaction, which goes over to the newest state after so many reads: the bytes last until the next

@@ -4,18 +4,17 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "RouteCache/RouteCacheTables.h"
-#include "bench/BenchDirectory.h"
+#include "bench/BenchProgram.h"
 #include "bench/ChildProcess.h"
-#include "bench/Figures.h"
 #include "bench/PipelineAgent.h"
 #include "bench/PipelineWorkload.h"
+#include "bench/Tables.h"
 #include "linux/SharedTable.h"
 #include "tools/Common.h"
 #include "tools/RibWriter.h"
@@ -29,14 +28,8 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* publishedRoutePath = "routecache/route/hw/ipv4";
-constexpr const char* publishedAdjPath = "routecache/adj/ipv4";
-
-struct Options {
+struct Options : BenchOptions {
   Workload workload;
-  unsigned runs = 3;
-  std::string directory = defaultParentDirectory();
-  bool asJson = false;
   std::vector<std::size_t> targets;  // of the agent's process
   bool withdraw = false;             // the routing process
 };
@@ -74,8 +67,8 @@ class Reader {
   explicit Reader(const std::string& directory)
       : types_(Tools::allTableTypes()),
         tables_(directory, types_),
-        routes_(mounted<RouteCache::Ipv4RouteStatus>(publishedRoutePath)),
-        adjacencies_(mounted<RouteCache::Ipv4AdjacencyStatus>(publishedAdjPath)),
+        routes_(mounted<RouteCache::Ipv4RouteStatus>(tables_, hwRoutePath, Pondra::MountKind::reader)),
+        adjacencies_(mounted<RouteCache::Ipv4AdjacencyStatus>(tables_, adjPath, Pondra::MountKind::reader)),
         routeChanges_(routes_),
         adjChanges_(adjacencies_) {}
 
@@ -105,12 +98,6 @@ class Reader {
   }
 
  private:
-  template <class Table>
-  std::shared_ptr<Table> mounted(const char* path) {
-    tables_.mount(path, Table::typeName, Pondra::MountKind::reader);
-    return tables_.get<Table>(path);
-  }
-
   Platform::TableTypes types_;
   LinuxPlatform::SharedTableService tables_;
   std::shared_ptr<RouteCache::Ipv4RouteStatus> routes_;
@@ -144,14 +131,11 @@ class Measurement {
  public:
   explicit Measurement(const Options& options) : options_(options) {}
 
-  Figures run() {
-    for (unsigned run = 0; run < options_.runs; ++run) {
-      std::cerr << "run " << run + 1 << " of " << options_.runs << std::endl;
-      overStandingTables();
-      whileRunning();
-      rival();
-    }
-    return figures_;
+  const Figures& figures() const { return figures_; }
+  void run() {
+    overStandingTables();
+    whileRunning();
+    rival();
   }
 
  private:
@@ -248,20 +232,9 @@ void print(const Options& options, const Figures& figures) {
               figures.median("load", "routesPerSecond") / figures.median("rival", "routesPerSecond"));
 }
 
-void measure(const Options& options) {
-  const Figures figures = Measurement(options).run();
-  if (options.asJson) {
-    std::cout << figures.asJson().dump(2) << std::endl;
-  } else {
-    print(options, figures);
-  }
-}
-
 int run(int argc, char** argv) {
   Options options;
   CLI::App app("Measures the road from RIB tables to published tables.");
-  app.require_subcommand(0, 1);
-  app.fallthrough();
   app.add_option("--routes", options.workload.routes, "IPv4 routes")->check(CLI::PositiveNumber)->capture_default_str();
   app.add_option("--vrfs", options.workload.vrfs)->check(CLI::PositiveNumber)->capture_default_str();
   app.add_option("--vteps", options.workload.vteps)->check(CLI::PositiveNumber)->capture_default_str();
@@ -269,11 +242,7 @@ int run(int argc, char** argv) {
   app.add_option("--paths", options.workload.paths, "Next hops of each set")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_option("--dir", options.directory, "Where the tables go")->capture_default_str();
-  app.add_option("--runs", options.runs, "How often everything is measured")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
-  app.add_flag("--json", options.asJson, "Every figure of every run");
+  addBenchOptions(app, options);
 
   CLI::App* agent = app.add_subcommand("agent", "The agent's process alone, on the tables in --dir");
   agent->add_option("--target", options.targets, "Report when so many routes are published")->take_all();
@@ -286,7 +255,7 @@ int run(int argc, char** argv) {
   } else if (rib->parsed()) {
     runRib(options.directory, options.workload, options.withdraw);
   } else {
-    measure(options);
+    measureRuns<Measurement>(options, print);
   }
   return 0;
 }
@@ -296,10 +265,5 @@ int run(int argc, char** argv) {
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  try {
-    return Bench::run(argc, argv);
-  } catch (const std::exception& error) {
-    std::cerr << "PipelineBench: " << error.what() << std::endl;
-    return 1;
-  }
+  return Bench::benchMain("PipelineBench", [&] { return Bench::run(argc, argv); });
 }

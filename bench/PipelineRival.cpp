@@ -17,12 +17,6 @@ namespace {
 using RibVia = Routing::Rib::RouteCache::Evpn::Via;
 using Bytes = LmdbStore::Bytes;
 
-template <class Value>
-void put(LmdbStore& store, MDB_dbi database, const Value& value) {
-  const EncodedValue<Value> encoded(value);
-  store.put(database, encoded.key(), encoded.bytes());
-}
-
 // The published side.
 class Publisher {
  public:
@@ -35,9 +29,9 @@ class Publisher {
     const ::RouteCache::AdjId adjId(entry->second);
     if (isNew) {
       const auto via = Pondra::TableTraits<RibVia>::decode(route.viaKey(), viaBytes);
-      put(store_, adjacencies_, adjacency(adjId, via.value()));
+      store_.putValue(adjacencies_, adjacency(adjId, via.value()));
     }
-    put(store_, routes_, ::RouteCache::Ipv4Route({route.key().prefix().v4(), route.key().vrfId()}, adjId, true));
+    store_.putValue(routes_, ::RouteCache::Ipv4Route({route.key().prefix().v4(), route.key().vrfId()}, adjId, true));
     ++routeCount_;
   }
   std::size_t routes() const { return routeCount_; }
@@ -72,8 +66,8 @@ RivalFigures runPipelineRival(const std::string& directory, const Workload& work
   const MDB_dbi ribRoutes = rib.database("routes");
   const MDB_dbi ribVias = rib.database("vias");
   const auto change = workload.rib();
-  for (const auto& via : change.vias) put(rib, ribVias, via);
-  for (const auto& route : change.routes) put(rib, ribRoutes, route);
+  for (const auto& via : change.vias) rib.putValue(ribVias, via);
+  for (const auto& route : change.routes) rib.putValue(ribRoutes, route);
   rib.commit();
 
   const double start = monotonicSeconds();

@@ -10,6 +10,11 @@
 namespace Bench {
 
 struct Workload {
+  static constexpr std::uint32_t vni = 10010;  // of every next hop
+  // Of the VRFs, whose pi ids count from 1.
+  static std::uint32_t hwVrfId(std::uint32_t piVrfId) { return 1000 + piVrfId; }
+  static std::string vrfName(std::uint32_t piVrfId) { return "vrf-" + std::to_string(piVrfId); }
+
   std::uint32_t routes = 1'000'000;
   std::uint32_t vrfs = 64;
   std::uint32_t vteps = 10'000;
@@ -23,6 +28,12 @@ struct Workload {
   // Prefixes with the length mix of the Internet's IPv4 table; the n-th goes to the n-th VRF and takes the n-th
   // next-hop set, both in turn.
   Tools::RibChange rib() const;
+  // The same of so many prefixes for one VRF alone, others for another seed.
+  Tools::RibChange ribOf(std::uint32_t piVrfId, std::uint32_t count, std::uint64_t seed) const;
+
+ private:
+  Tools::RibChange ribOf(const std::vector<IpGenPrefix>& prefixes, std::uint32_t firstVrf,
+                         std::uint32_t vrfCount) const;
 };
 
 }  // namespace Bench
