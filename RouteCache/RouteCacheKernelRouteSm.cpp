@@ -47,34 +47,17 @@ struct KernelRouteSm::V6 {
 
 // --- Reactors --------------------------------------------------------------------------------------------------------
 
-class KernelRouteSm::SwRouteReactor final : public Ipv4RouteStatus::Reactor {
+template <class Table>
+class KernelRouteSm::TableReactor final : public Table::Reactor {
  public:
-  SwRouteReactor(KernelRouteSm& sm, std::shared_ptr<const Ipv4RouteStatus> table)
-      : Reactor(std::move(table)), sm_(sm) {}
-  void handleEntry(const Ipv4RouteVrfKey& key) override { sm_.handleIpv4SwRoute(key); }
+  using Handler = void (KernelRouteSm::*)(const typename Table::Key&);
+  TableReactor(KernelRouteSm& sm, std::shared_ptr<const Table> table, Handler handler)
+      : Table::Reactor(std::move(table)), sm_(sm), handler_(handler) {}
+  void handleEntry(const typename Table::Key& key) override { (sm_.*handler_)(key); }
 
  private:
   KernelRouteSm& sm_;
-};
-
-class KernelRouteSm::SwRoute6Reactor final : public Ipv6RouteStatus::Reactor {
- public:
-  SwRoute6Reactor(KernelRouteSm& sm, std::shared_ptr<const Ipv6RouteStatus> table)
-      : Reactor(std::move(table)), sm_(sm) {}
-  void handleEntry(const Ipv6RouteVrfKey& key) override { sm_.handleIpv6SwRoute(key); }
-
- private:
-  KernelRouteSm& sm_;
-};
-
-class KernelRouteSm::RouteConfigReactor final : public Routing::Rib::RouteConfig::Reactor {
- public:
-  RouteConfigReactor(KernelRouteSm& sm, std::shared_ptr<const Routing::Rib::RouteConfig> table)
-      : Reactor(std::move(table)), sm_(sm) {}
-  void handleEntry(const RouteKey& key) override { sm_.handleRouteConfig(key); }
-
- private:
-  KernelRouteSm& sm_;
+  Handler handler_;
 };
 
 class KernelRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
@@ -196,10 +179,15 @@ std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs
 void KernelRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
-  swRouteReactor_ = std::make_unique<SwRouteReactor>(*this, in_.swIpv4RouteStatus);
-  swRoute6Reactor_ = std::make_unique<SwRoute6Reactor>(*this, in_.swIpv6RouteStatus);
-  routeReactor_ = std::make_unique<RouteConfigReactor>(*this, in_.routeConfig);
-  route6Reactor_ = std::make_unique<RouteConfigReactor>(*this, in_.route6Config);
+  const auto follow = [this]<class Table>(std::unique_ptr<TableReactor<Table>>& reactor,
+                                          std::shared_ptr<const Table> table,
+                                          typename TableReactor<Table>::Handler handler) {
+    reactor = std::make_unique<TableReactor<Table>>(*this, std::move(table), handler);
+  };
+  follow(swRouteReactor_, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute);
+  follow(swRoute6Reactor_, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute);
+  follow(routeReactor_, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
+  follow(route6Reactor_, in_.route6Config, &KernelRouteSm::handleRouteConfig);
   vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);

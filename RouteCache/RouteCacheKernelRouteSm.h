@@ -145,9 +145,8 @@ class KernelRouteSm final : public Lattis::Entity {
   void checkInvariants() const;
 
  private:
-  class SwRouteReactor;
-  class SwRoute6Reactor;
-  class RouteConfigReactor;
+  template <class Table>
+  class TableReactor;
   class VrfIdReactor;
   class VrfCachedRouteReactor;
   template <class F>
@@ -248,10 +247,10 @@ class KernelRouteSm final : public Lattis::Entity {
   DeferredTask kernelRouteSyncTask_;
 
   // Last: they call back into all of the above.
-  std::unique_ptr<SwRouteReactor> swRouteReactor_;
-  std::unique_ptr<SwRoute6Reactor> swRoute6Reactor_;
-  std::unique_ptr<RouteConfigReactor> routeReactor_;
-  std::unique_ptr<RouteConfigReactor> route6Reactor_;
+  std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
+  std::unique_ptr<TableReactor<Ipv6RouteStatus>> swRoute6Reactor_;
+  std::unique_ptr<TableReactor<Routing::Rib::RouteConfig>> routeReactor_;
+  std::unique_ptr<TableReactor<Routing::Rib::RouteConfig>> route6Reactor_;
   std::unique_ptr<VrfIdReactor> vrfIdReactor_;
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
 };
