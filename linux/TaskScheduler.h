@@ -111,7 +111,8 @@ class EventLoop final : public TaskQueue {
   // From now on SIGTERM and SIGINT stop the loop and SIGPIPE is ignored; undone at destruction.
   void stopOnSignals();
 
-  // Called after each batch of callbacks: a batch is what was ready at one look, bounded by about a time slice.
+  // Called after each batch of callbacks: the descriptors that were ready, one turn each, then the tasks that were due,
+  // either for about a time slice.
   void afterBatchIs(std::function<void()> hook) { afterBatch_ = std::move(hook); }
 
   // Runs until stop().

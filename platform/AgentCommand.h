@@ -49,8 +49,8 @@ class CommandSocket {
   virtual int number() const = 0;
   // The same object in every call for the request's format.
   virtual Platform::Renderer& renderer(OutputFormat format) = 0;
-  // True when the reader must take some of the output first, or others want the thread. Cheap enough to ask after every
-  // entry; never true before this callback has written or asked something.
+  // True when the reader must take some of the output first, or others want the thread. Ask after each entry, never
+  // before the first: that way every call makes progress. Cheap enough to ask after every entry.
   virtual bool shouldYield() = 0;
 };
 
