@@ -82,6 +82,17 @@ class ThresholdReactor final : public CliConfig::Reactor {
   std::function<void()> act_;
 };
 
+class VtiReactor final : public SwRouteVtiStatus::Reactor {
+ public:
+  VtiReactor(std::shared_ptr<const SwRouteVtiStatus> vti, Log& log) : Reactor(std::move(vti)), log_(log) {}
+  void handleOperStatusUp() override { log_.add("up"); }
+  void handleExtendedVlanToVniMap(Bridging::ExtendedVlanId vlan) override { log_.add("vlan " + std::to_string(vlan)); }
+  void handleVniToExtendedVlanMap(Vxlan::Vni vni) override { log_.add("vni " + Platform::toText(vni)); }
+
+ private:
+  Log& log_;
+};
+
 TEST(ReactorTest, MayBeDestroyedByItsOwnNotificationTogetherWithTheEntity) {
   auto config = std::make_shared<CliConfig>("cli");
   CliConfig* const entity = config.get();
@@ -107,6 +118,19 @@ TEST(ReactorTest, HearsOfRealChangesOnlyAndSeesThem) {
   reactor.reset();
   set(*config, "lowThresholdIdleTime", "800");
   EXPECT_THAT(log.take(), IsEmpty());
+
+  const auto vti = std::make_shared<SwRouteVtiStatus>(IntfId("Vxlan1"));
+  const VtiReactor vtiReactor(vti, log);
+  for (int i = 0; i < 2; ++i) {
+    vti->operStatusUpIs(true);
+    vti->extendedVlanToVniMapIs(11, Vxlan::Vni());  // a VLAN with the absence of a VNI is still there
+    vti->vniToExtendedVlanMapIs(Vxlan::Vni(10010), 10);
+  }
+  EXPECT_THAT(log.take(), ElementsAre("up", "vlan 11", "vni 10010"));
+  EXPECT_EQ(vti->entityType().collection("extendedVlanToVniMap")->get(*vti, "11"), "none");
+  vti->extendedVlanToVniMapDelAll();
+  vti->vniToExtendedVlanMapDelAll();
+  EXPECT_THAT(log.take(), ElementsAre("vlan 11", "vni 10010"));
 }
 
 // --- Configuration ---------------------------------------------------------------------------------------------------
@@ -121,6 +145,7 @@ TEST(CliConfigTest, FaultNamesThresholdsThatCannotWork) {
       {"highThresholdHwUtilPercentage", "100", ""},
       {"highThresholdHwUtilPercentage", "101", "highThresholdHwUtilPercentage 101 is over 100"},
       {"highThresholdHwUtilPercentage", "90", ""},
+      {"lowThresholdHwUtilPercentage", "90", ""},
       {"highThresholdHwUtilPercentage", "89", "utilisation thresholds must rise from low to high: 85, 90, 89"},
       {"lowThresholdHwUtilPercentage", "91", "utilisation thresholds must rise from low to high: 91, 90, 95"},
       {"lowThresholdIdleTime", "5100", ""},
@@ -151,18 +176,6 @@ TEST(CapabilityTest, ATableOfNoEntriesIsAFault) {
   EXPECT_EQ(capability.hwRouteTableSize(), 7U);
   EXPECT_EQ(capability.sfeRouteTableSize(), 7U);
   EXPECT_EQ(capability.adjacencyTableSize(), 7U);
-}
-
-TEST(ConfigTest, EveryAttributeIsReachedByItsName) {
-  RouteCache::Config config("config");
-  std::vector<std::string> names;
-  for (const auto& attribute : config.entityType().attributes) names.push_back(attribute.name);
-  EXPECT_THAT(names, ElementsAre("cachingEnabled", "ageingKeepsRoute", "ipv4PrefixHwSpaceLeft"));
-  set(config, "ageingKeepsRoute", "true");
-  EXPECT_TRUE(config.ageingKeepsRoute());
-  EXPECT_FALSE(config.cachingEnabled());
-  set(config, "ipv4PrefixHwSpaceLeft", "4294967295");
-  EXPECT_EQ(config.ipv4PrefixHwSpaceLeft(), 4294967295U);
 }
 
 // --- The agent's own -------------------------------------------------------------------------------------------------
@@ -237,43 +250,6 @@ TEST(VrfCachedRouteTest, TellsOfTriesThatComeGoAndAreReplaced) {
   log.take();
   tries->vrfTrie6DelAll();
   EXPECT_THAT(log.take(), ElementsAre("no trie6 3", "no trie6 7"));
-}
-
-class VtiReactor final : public SwRouteVtiStatus::Reactor {
- public:
-  VtiReactor(std::shared_ptr<const SwRouteVtiStatus> vti, Log& log) : Reactor(std::move(vti)), log_(log) {}
-  void handleOperStatusUp() override { log_.add("up"); }
-  void handleV4OperStatusUp() override { log_.add("v4"); }
-  void handleV6OperStatusUp() override { log_.add("v6"); }
-  void handleExtendedVlanToVniMap(Bridging::ExtendedVlanId vlan) override { log_.add("vlan " + std::to_string(vlan)); }
-  void handleVniToExtendedVlanMap(Vxlan::Vni vni) override { log_.add("vni " + Platform::toText(vni)); }
-
- private:
-  Log& log_;
-};
-
-TEST(SwRouteVtiStatusTest, TellsOfRealChangesOnly) {
-  const auto vti = std::make_shared<SwRouteVtiStatus>(IntfId("Vxlan1"));
-  Log log;
-  const VtiReactor reactor(vti, log);
-  for (int i = 0; i < 2; ++i) {
-    vti->operStatusUpIs(true);
-    vti->v4OperStatusUpIs(false);
-    vti->v6OperStatusUpIs(true);
-    vti->extendedVlanToVniMapIs(10, Vxlan::Vni(10010));
-    vti->extendedVlanToVniMapIs(11, Vxlan::Vni());  // a VLAN with the absence of a VNI is still there
-    vti->vniToExtendedVlanMapIs(Vxlan::Vni(10010), 10);
-    vti->extendedVlanToVniMapDel(12);
-  }
-  EXPECT_THAT(log.take(), ElementsAre("up", "v6", "vlan 10", "vlan 11", "vni 10010"));
-  EXPECT_TRUE(vti->extendedVlanToVniMapHas(11));
-  EXPECT_EQ(vti->extendedVlanToVniMap(11), vti->extendedVlanToVniMap(12));
-  EXPECT_EQ(vti->vniToExtendedVlanMap(Vxlan::Vni(10010)), 10);
-  EXPECT_EQ(vti->vniToExtendedVlanMap(Vxlan::Vni(10011)), 0);
-  EXPECT_EQ(vti->entityType().collection("extendedVlanToVniMap")->get(*vti, "11"), "none");
-  vti->extendedVlanToVniMapDelAll();
-  vti->vniToExtendedVlanMapDelAll();
-  EXPECT_THAT(log.take(), ElementsAre("vlan 10", "vlan 11", "vni 10010"));
 }
 
 }  // namespace

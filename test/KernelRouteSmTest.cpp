@@ -229,15 +229,6 @@ TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenT
   EXPECT_EQ(mirror.sm->written(), 3U) << "a route that is about to go is not touched";
 }
 
-TEST(KernelRouteSmTest, ARouteThatNobodyQueuedIsNotDecided) {
-  KernelMirror mirror(1000, 9);
-  mirror.vrf(2, 7);
-  mirror.start();
-  mirror.settle();
-  EXPECT_FALSE(mirror.sm->isIpv4RouteAdded({fromText<Prefix>("10.0.0.0/24"), 7}));
-  EXPECT_EQ(mirror.trace.count("Not in RouteToProcess"), 1U);
-}
-
 // --- Cached prefixes -------------------------------------------------------------------------------------------------
 
 TEST(KernelRouteSmTest, CachedPrefixesTakeWhatTheyCoverOutAndGiveItBack) {
@@ -438,16 +429,12 @@ TEST(KernelRouteSmTest, AVrfThatVanishesDuringAKernelWalkHasTheNextOne) {
   mirror.scheduler.yieldAfterEntriesIs(1);
   mirror.vrfGone(3);
   mirror.scheduler.runDue();
-  EXPECT_EQ(mirror.sm->kernelRouteBookmark(), RouteKey(3, fromText<IpGenPrefix>("10.0.1.0/24")));
   mirror.vrfGone(2);  // the walk has passed it
   mirror.vrfGone(4);
-  EXPECT_THAT(mirror.sm->currentKernelRouteVrfIdColl(), ElementsAre(3));
-  EXPECT_THAT(mirror.sm->nextKernelRouteVrfIdColl(), ElementsAre(2, 4));
   mirror.settle();
   EXPECT_THAT(mirror.kernel(), IsEmpty());
-  EXPECT_TRUE(mirror.sm->kernelRouteBookmark().isEmpty());
-  EXPECT_THAT(mirror.sm->currentKernelRouteVrfIdColl(), IsEmpty());
-  for (const char* text : {"deleted piVrfId: 3", "adding into current coll vrfId 3", "adding into next coll vrfId 2"}) {
+  for (const char* text : {"deleted piVrfId: 3", "adding into current coll vrfId 3", "adding into next coll vrfId 2",
+                           "adding into next coll vrfId 4"}) {
     EXPECT_EQ(mirror.trace.count(text), 1U) << text;
   }
 }
@@ -463,17 +450,18 @@ TEST(KernelRouteSmTest, ARestartKeepsWhatIsRightDropsWhatIsStaleAndWaitsForVrfs)
   mirror.published("20.1.0.0/16", 7);
   for (const char* prefix : {"10.0.0.0/24", "10.0.9.0/24", "20.0.0.0/8", "20.1.0.0/16"}) mirror.standing(prefix, 2);
   mirror.standing("10.0.0.0/24", 3);
-  mirror.standing("10.0.0.0/24", 4);  // of a VRF that never comes
+  for (const std::uint32_t never : {4U, 4294967295U}) mirror.standing("10.0.0.0/24", never);
   mirror.start();
   mirror.scheduler.advance(4.5);
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("10.0.0.0/24@4", 0),
-                                           Pair("10.0.9.0/24@2", 0), Pair("20.0.0.0/8@2", 0)));
+  EXPECT_THAT(mirror.kernel(),
+              ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("10.0.0.0/24@4", 0),
+                          Pair("10.0.0.0/24@4294967295", 0), Pair("10.0.9.0/24@2", 0), Pair("20.0.0.0/8@2", 0)));
   mirror.vrf(3, 8);
   mirror.scheduler.advance(1);
   EXPECT_THAT(mirror.kernel(),
               ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("20.0.0.0/8@2", 0)));
   EXPECT_EQ(mirror.sm->written(), 0U);
-  EXPECT_EQ(mirror.sm->deleted(), 3U);
+  EXPECT_EQ(mirror.sm->deleted(), 4U);
 }
 
 TEST(KernelRouteSmTest, AnAgentThatStartsAgainLeavesTheKernelTableAsItIs) {

@@ -167,10 +167,4 @@ TEST(NetTest, SmallTypesReadWhatTheyWrite) {
   EXPECT_EQ(IntfId::fromValue(0x4100FF0000000000).name(), "A??");  // bytes that came from elsewhere stay printable
 }
 
-TEST(NetTest, AdjacencyTypeOfAFecIsChecked) {
-  EXPECT_EQ(Fib::FecId(std::uint64_t{30} << 56).adjType(), static_cast<Pondra::Fib::AdjType>(30));
-  EXPECT_DEATH(static_cast<void>(Fib::FecId(std::uint64_t{31} << 56).adjType()),
-               "assertion failed: \\(value_ >> Fib::adjTypePos\\(\\)\\) < Fib::adjTypeMax\\(\\) ");
-}
-
 }  // namespace

@@ -10,18 +10,17 @@
 #include "test/support/TemporaryDirectory.h"
 
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
 class RunTest : public testing::Test {
  protected:
   RunTest() {
-    scenarioIs(R"({"routecache/capability": {"hwRouteTableSize": 64, "sfeRouteTableSize": 64, "adjacencyTableSize": 64},
-                   "vrf/vrfNameStatus": {"nameToId": {"red": 2}}})");
+    std::ofstream(scenario)
+        << R"({"routecache/capability": {"hwRouteTableSize": 64, "sfeRouteTableSize": 64, "adjacencyTableSize": 64},
+               "vrf/vrfNameStatus": {"nameToId": {"red": 2}}})";
   }
 
-  void scenarioIs(const std::string& text) const { std::ofstream(scenario) << text; }
   // The VRF id that the running agent knows for red, as `routecache get` answers.
   Outcome redOfAgent() const { return Command("get vrf/vrfNameStatus nameToId[red]" + inRunDir).wait(); }
 
@@ -55,31 +54,6 @@ TEST_F(RunTest, AKilledAgentLeavesRoomForTheNext) {
   EXPECT_EQ(unanswered.exitCode, 1);
   Command next(run);
   EXPECT_TRUE(next.says("ready: "));
-}
-
-TEST_F(RunTest, MisuseIsOneLineAndExitCodeTwo) {
-  scenarioIs(R"({"vrf/vrfNameStatus": {"nameToId": {"red": "two"}}})");
-  const struct {
-    const char* what;
-    std::string arguments;
-    std::string reason;
-  } cases[] = {
-      {"a bad scenario", run, scenario + ": vrf/vrfNameStatus.nameToId[red]: 'two' is not a number"},
-      {"no scenario", "run" + inRunDir, "--scenario is required"},
-      {"an unknown subcommand", "mow", "mow"},
-      {"no subcommand", "", "a subcommand is wanted"},
-      {"a bad trace level", run + " --trace loud", "'loud'"},
-      {"a time slice of nothing", run + " --time-slice 0", "--time-slice"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    const Outcome outcome = Command(c.arguments).wait();
-    EXPECT_THAT(outcome.err, StartsWith("routecache: "));
-    EXPECT_THAT(outcome.err, HasSubstr(c.reason));
-    EXPECT_TRUE(outcome.isOneComplaint()) << outcome.out << outcome.err;
-    EXPECT_EQ(outcome.exitCode, 2);
-  }
-  EXPECT_FALSE(std::filesystem::exists(runDir + "/tables/routecache.route.hw.ipv4.table"));
 }
 
 }  // namespace

@@ -198,14 +198,6 @@ TEST_F(ShowCommandsTest, RoutesAreListedWithTheirNextHops) {
   expectGolden("routes-green-without-hardware-id", "showRouteCacheVrf#Vgreen");
 }
 
-TEST_F(ShowCommandsTest, EmptyTablesAreEmptyListings) {
-  plug(false);
-  sw.start();
-  sw.advance(1);
-  expectGolden("routes-red-no-route", "showRouteCacheVrf#Vred");
-  expectGolden("routes-red-no-route", "showRouteCacheVrfV6#Vred");
-}
-
 TEST_F(ShowCommandsTest, UnknownVrfIsTheWholeReply) {
   plugAndConfigure();
   for (const char* text :

@@ -93,6 +93,7 @@ TEST_F(StateDbTest, LocalEntitiesAreForOperatorsOnly) {
   mount({{"agent/Sm", "Routing::Hardware::Status"}});
   scheduler.advance(0);
   EXPECT_NE(manager->entity("agent/Sm"), machine);
+  EXPECT_EQ(db.entity("agent/Sm"), machine) << "before one that was mounted there";
   db.localEntityIs("agent/Sm", nullptr);
   EXPECT_EQ(db.entity("agent/Sm"), manager->entity("agent/Sm"));
 }

@@ -201,18 +201,6 @@ TEST(VrfSmTest, TriesStayWithTheNameThatFillsThem) {
   }
 }
 
-TEST(VrfSmTest, MakesTheTriesOfAnIdOnce) {
-  Vrfs vrfs(9);
-  vrfs.play("start; pi red 1; hw red 101");
-  const auto made = vrfs.sm->vrfCachedRouteSm(101);
-  ASSERT_NE(made, nullptr);
-  vrfs.sm->createVrfCachedRouteSm("red", 101);
-  EXPECT_EQ(vrfs.trace.count("Sm already exists, returning"), 1u);
-  EXPECT_EQ(vrfs.sm->vrfCachedRouteSm(101), made);
-  EXPECT_EQ(vrfs.tries->vrfTrie(101), made->vrfTrie());
-  EXPECT_EQ(vrfs.tries->vrfTrie6(101), made->vrfTrie6());
-}
-
 TEST(VrfSmTest, IgnoresNamesThatHardwareCannotHave) {
   const std::string longest(100, 'x');
   Vrfs vrfs(9);
@@ -224,15 +212,6 @@ TEST(VrfSmTest, IgnoresNamesThatHardwareCannotHave) {
   vrfs.hw(longest, 103);
   EXPECT_EQ(vrfs.state(), "3=103 " + longest);
   EXPECT_EQ(vrfs.trace.count("VRF name over 100 bytes, ignored"), 3u);
-}
-
-TEST(VrfSmTest, AVrfThatThePlatformForgotIsMappedUnderTheMissingId) {
-  Vrfs vrfs;
-  vrfs.play("start; hw red 101");
-  vrfs.sm->updateVrfMap("red", true);
-  EXPECT_EQ(vrfs.state(), "16777215=101 red");
-  vrfs.play("pi red 1");
-  EXPECT_EQ(vrfs.state(), "1=101 red");
 }
 
 TEST(VrfSmTest, MapsAndTriesOutliveIt) {

@@ -194,9 +194,9 @@ TEST(YardsticksTest, OptimumIsTheMostThatAnyChoiceCouldReach) {
 }
 
 TEST(YardsticksTest, OptimumTellsTheFiguresOfEveryStep) {
-  // 0 is worth keeping, 1 comes once, 2 pushes 0 out for a burst; 0 is back within the window, 2 behind it.
-  const Trace trace = {{{0, 1}, {1, 1}}, {}, {{0, 2}, {2, 5}}, {{0, 2}}, {}, {}, {{2, 2}}};
-  OptimalCache optimum(1, 3);
+  // 0 is worth keeping, 1 and 3 come once, 2 pushes 0 out for a burst; 0 is back within the window, 2 behind it.
+  const Trace trace = {{{1, 1}, {0, 1}}, {}, {{0, 2}, {2, 5}}, {{0, 2}}, {}, {}, {{2, 2}}, {{3, 1}}};
+  OptimalCache optimum(1, 4);
   EXPECT_EQ(run(optimum, trace).hits, 1U + 1 + 4 + 1 + 1);
   std::vector<std::pair<double, CacheFigures>> steps;
   optimum.judge([&](double time, const CacheFigures& figures) { steps.emplace_back(time, figures); });
@@ -205,6 +205,7 @@ TEST(YardsticksTest, OptimumTellsTheFiguresOfEveryStep) {
   EXPECT_EQ(steps[2], std::pair(300.0, (CacheFigures{9, 6, 2, 1, 0})));
   EXPECT_EQ(steps[3], std::pair(400.0, (CacheFigures{11, 7, 3, 2, 1})));
   EXPECT_EQ(steps[6], std::pair(700.0, (CacheFigures{13, 8, 4, 3, 2}))) << "300 seconds are within the window";
+  EXPECT_EQ(steps[7].second, (CacheFigures{14, 8, 4, 3, 2})) << "nothing comes in that never comes again";
   EXPECT_EQ((steps[3].second - steps[2].second), (CacheFigures{2, 1, 1, 1, 1}));
 
   EXPECT_THROW(OptimalCache(0, 1), RangeError);
