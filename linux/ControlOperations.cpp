@@ -125,7 +125,8 @@ void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& sche
                             {"workDone", toText(task.workDone)},
                             {"workPending", toText(task.workPending)},
                             {"longestRun", toText(task.longestRun)},
-                            {"totalRun", toText(task.totalRun)}});
+                            {"totalRun", toText(task.totalRun)},
+                            {"longestWait", toText(task.longestWait)}});
     }
     return std::make_unique<LinesReply>(std::move(lines));
   });

@@ -1,4 +1,5 @@
-// The clock for the run-time budgets of commands.
+// The clock of the event loop and of the run-time budgets of commands: the kernel's CLOCK_MONOTONIC, which its timers
+// too go by.
 #pragma once
 
 #include <chrono>

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cmath>
 #include <csignal>
-#include <ctime>
 #include <system_error>
 
 #include "platform/Assert.h"
@@ -29,6 +28,7 @@ struct TaskQueue::Job : std::enable_shared_from_this<Job> {
   TaskStatistics statistics;
   std::map<Order, Job*>* queue = nullptr;  // where it stands: waiting_, due_ or nowhere
   Order order;
+  double due = 0;  // when it fell due, once it stands in due_
 };
 
 class TaskQueue::Handle final : public Task {
@@ -95,6 +95,7 @@ void TaskQueue::collectDue() {
   while (!waiting_.empty() && waiting_.begin()->first.first <= now_) {
     Job& job = *waiting_.begin()->second;
     cancel(job);
+    job.due = job.order.first;
     job.order = {static_cast<double>(job.statistics.priority), sequence_++};
     job.queue = &due_;
     due_[job.order] = &job;
@@ -106,47 +107,86 @@ bool TaskQueue::anyDue() {
   return !due_.empty();
 }
 
+bool TaskQueue::backgroundIsDue() const {
+  return !due_.empty() && due_.rbegin()->second->statistics.priority == TaskPriority::background;
+}
+
+void TaskQueue::busyWithOthers(double seconds) {
+  collectDue();
+  if (backgroundIsDue()) keptWaiting_ += seconds;
+}
+
 bool TaskQueue::runNext() {
   if (!anyDue()) return false;
-  Job* next = due_.begin()->second;
-  cancel(*next);
-  const std::shared_ptr<Job> job = next->shared_from_this();
+  auto next = due_.begin();
+  const bool kept = backgroundIsDue() && next->second->statistics.priority != TaskPriority::background;
+  if (!kept) keptWaiting_ = 0;
+  constexpr double othersTurns = (1 - Platform::backgroundShare) / Platform::backgroundShare;
+  const bool floor = keptWaiting_ > 0 && keptWaiting_ >= othersTurns * timeSlice();
+  if (floor) next = due_.lower_bound({static_cast<double>(TaskPriority::background), 0});
+  const std::shared_ptr<Job> job = next->second->shared_from_this();
+  cancel(*job);
+
   sliceStarts();
   const double start = stopwatch();
+  job->statistics.longestWait = std::max(job->statistics.longestWait, start - job->due);
   job->body();
   const double duration = stopwatch() - start;
   ++job->statistics.runs;
   job->statistics.totalRun += duration;
   job->statistics.longestRun = std::max(job->statistics.longestRun, duration);
+
+  if (floor) {
+    keptWaiting_ -= othersTurns * duration;
+  } else if (kept) {
+    busyWithOthers(duration);
+  }
   return true;
 }
 
 // --- Virtual time ----------------------------------------------------------------------------------------------------
 
+namespace {
+
+constexpr std::uint64_t endless = 10'000'000;
+
+}  // namespace
+
 void SimulatedScheduler::advance(double seconds) {
   PLATFORM_ASSERT(seconds >= 0);
   const double end = now() + seconds;
-  runDue();
-  while (nextDue() <= end) {
-    nowIs(std::max(now(), nextDue()));
-    runDue();
+  std::uint64_t runsAtOnce = 0;
+  betweenRuns();
+  while (now() <= end && nextDue() <= end) {
+    if (!anyDue()) {
+      nowIs(nextDue());
+      betweenRuns();
+    }
+    const double before = now();
+    runOne();
+    runsAtOnce = now() > before ? 0 : runsAtOnce + 1;
+    PLATFORM_ASSERT_TEXT(runsAtOnce < endless, "a task asks to run again without end");
   }
-  nowIs(end);
+  nowIs(std::max(now(), end));
 }
 
 std::uint64_t SimulatedScheduler::runDue() {
-  constexpr std::uint64_t endless = 10'000'000;
   std::uint64_t runs = 0;
   betweenRuns();
   while (anyDue()) {
-    running_ = true;
-    runNext();
-    running_ = false;
-    betweenRuns();
-    ++runs;
-    PLATFORM_ASSERT_TEXT(runs < endless, "a task asks to run again without end");
+    runOne();
+    PLATFORM_ASSERT_TEXT(++runs < endless, "a task asks to run again without end");
   }
   return runs;
+}
+
+void SimulatedScheduler::runOne() {
+  running_ = true;
+  runNext();
+  running_ = false;
+  nowIs(stopwatch());
+  spentInRun_ = 0;
+  betweenRuns();
 }
 
 void SimulatedScheduler::betweenRuns() {
@@ -159,6 +199,7 @@ void SimulatedScheduler::sliceStarts() {
 }
 
 bool SimulatedScheduler::sliceSpent() {
+  if (running_) spentInRun_ += entryCost_;
   if (yieldAfter_ == 0 || ++asked_ < yieldAfter_) return false;
   // Outside of task runs nothing marks the begin of a callback: there each "yes" ends one.
   if (!running_) asked_ = 0;
@@ -168,12 +209,6 @@ bool SimulatedScheduler::sliceSpent() {
 // --- The event loop --------------------------------------------------------------------------------------------------
 
 namespace {
-
-double monotonicSeconds() {
-  timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
 
 int checked(int result, const char* what) {
   if (result < 0) throw std::system_error(errno, std::generic_category(), what);
@@ -196,7 +231,8 @@ struct EventLoop::Watch {
   std::function<void(std::uint32_t)> ready;
 };
 
-EventLoop::EventLoop(double timeSlice) : timeSlice_(timeSlice) {
+EventLoop::EventLoop(double timeSlice, std::shared_ptr<const Platform::Clock> clock)
+    : clock_(std::move(clock)), timeSlice_(timeSlice) {
   epollFd_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
   timerFd_ = checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create");
   fdIs(timerFd_, EPOLLIN, [this](std::uint32_t) {
@@ -204,7 +240,7 @@ EventLoop::EventLoop(double timeSlice) : timeSlice_(timeSlice) {
     [[maybe_unused]] const auto count = read(timerFd_, &expirations, sizeof expirations);
     armedFor_ = Task::never;
   });
-  nowIs(monotonicSeconds());
+  nowIs(clock_->now());
 }
 
 EventLoop::~EventLoop() {
@@ -257,7 +293,7 @@ void EventLoop::run() {
 
 void EventLoop::runOnce(double seconds) {
   constexpr double longestWait = 3600;
-  const bool wait = seconds > 0 && nextDue() > monotonicSeconds();
+  const bool wait = seconds > 0 && nextDue() > clock_->now();
   if (wait) armTimer(nextDue());  // it costs more than many a task's run
   runDescriptors(wait ? static_cast<int>(std::ceil(std::min(seconds, longestWait) * 1000)) : 0);
   if (!stopped_) runTasks();
@@ -290,26 +326,24 @@ void EventLoop::runDescriptors(int timeoutMilliseconds) {
     sliceStarts();
     start = std::min(start, sliceStart_);
     watch->ready(event.events);
-    if (monotonicSeconds() - start >= timeSlice_) return;
+    const double end = clock_->now();
+    busyWithOthers(end - sliceStart_);
+    if (end - start >= timeSlice_) return;
   }
 }
 
 // Descriptors are looked at again after about a slice, however many tasks are due.
 void EventLoop::runTasks() {
-  const double start = monotonicSeconds();
+  const double start = clock_->now();
   nowIs(start);
   while (runNext()) {
-    nowIs(monotonicSeconds());
+    nowIs(clock_->now());
     if (stopped_ || now() - start >= timeSlice_) return;
   }
 }
 
-double EventLoop::stopwatch() const {
-  return monotonicSeconds();
-}
-
 void EventLoop::sliceStarts() {
-  sliceStart_ = lastLook_ = monotonicSeconds();
+  sliceStart_ = lastLook_ = clock_->now();
   nowIs(sliceStart_);
   untilLook_ = 0;
   lookInterval_ = 1;
@@ -324,7 +358,7 @@ bool EventLoop::sliceSpent() {
     --untilLook_;
     return false;
   }
-  const double time = monotonicSeconds();
+  const double time = clock_->now();
   spent_ = time - sliceStart_ >= timeSlice_;
   const bool quick = (time - lastLook_) * 32 < timeSlice_;
   lookInterval_ = quick ? std::min(lookInterval_ * 2, 64U) : std::max(lookInterval_ / 2, 1U);

@@ -2,41 +2,54 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <chrono>
 #include <csignal>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "linux/TaskScheduler.h"
+#include "test/support/SimulatedClock.h"
 
 using LinuxPlatform::EventLoop;
 using LinuxPlatform::SimulatedScheduler;
 using Platform::Task;
 using Platform::TaskPriority;
+using testing::AnyOf;
+using testing::Each;
 using testing::ElementsAre;
 
 namespace {
 
-// The promises of the scheduler interface, put to both implementations. `unit` is a delay that is long enough to keep
-// two times apart and short enough to wait for.
+// The promises of the scheduler interface, put to both implementations. A time slice is 16 entries' work.
+constexpr double entryCost = 1.0 / 1024;
+constexpr int entriesInASlice = 16;
+
 struct Simulated {
-  static constexpr double unit = 1;
   SimulatedScheduler scheduler;
+  Simulated() {
+    scheduler.entryCostIs(entryCost);
+    scheduler.yieldAfterEntriesIs(entriesInASlice);
+  }
   void elapse(double seconds) { scheduler.advance(seconds); }
+  static bool workOneEntry(Task& task) { return !task.shouldYield(); }
 };
 
 struct Real {
-  static constexpr double unit = 0.004;
-  EventLoop scheduler;
+  std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
+  EventLoop scheduler{entriesInASlice * entryCost, clock};
   void elapse(double seconds) {
-    const auto clock = [] {
-      return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-    };
-    const double end = clock() + seconds;
-    for (double left = seconds; left > 0; left = end - clock()) scheduler.runOnce(left);
-    while (scheduler.nextDue() <= scheduler.now()) scheduler.runOnce(0);
+    const double end = clock->now() + seconds;
+    do {
+      clock->advance(std::max(0.0, std::min(scheduler.nextDue(), end) - clock->now()));
+      scheduler.runOnce(0);
+    } while (clock->now() < end || scheduler.nextDue() <= end);
+  }
+  bool workOneEntry(Task& task) const {
+    clock->advance(entryCost);
+    return !task.shouldYield();
   }
 };
 
@@ -46,6 +59,26 @@ class TaskSchedulerTest : public testing::Test {
   std::unique_ptr<Task> noting(const std::string& name, TaskPriority priority = TaskPriority::processing) {
     return driver.scheduler.taskIs(name, priority, [this, name] { order.push_back(name); });
   }
+  // Due for ever once it is scheduled; each run works as many entries.
+  std::unique_ptr<Task> busy(const std::string& name, TaskPriority priority, int entries = entriesInASlice) {
+    auto handle = std::make_shared<Task*>();
+    auto task = driver.scheduler.taskIs(name, priority, [this, name, entries, handle] {
+      order.push_back(name);
+      for (int i = 0; i < entries; ++i) driver.workOneEntry(**handle);
+      (*handle)->scheduleWithin(0);
+    });
+    *handle = task.get();
+    return task;
+  }
+  void scheduleAll(const std::vector<Task*>& tasks) {
+    for (Task* task : tasks) task->scheduleWithin(0);
+  }
+  double waitOf(const std::string& name) const {
+    for (const auto& task : driver.scheduler.statistics()) {
+      if (task.name == name) return task.longestWait;
+    }
+    return -1;
+  }
   Driver driver;
   std::vector<std::string> order;
 };
@@ -54,14 +87,15 @@ using Schedulers = testing::Types<Simulated, Real>;
 TYPED_TEST_SUITE(TaskSchedulerTest, Schedulers);
 
 TYPED_TEST(TaskSchedulerTest, LowestPendingDelayWinsAndInfinityAsksForNothing) {
-  const double unit = TypeParam::unit;
   auto task = this->noting("task");
   task->scheduleWithin(Task::never);
   EXPECT_EQ(this->driver.scheduler.nextDue(), Task::never);
-  task->scheduleWithin(1000 * unit);
-  task->scheduleWithin(unit);
-  task->scheduleWithin(500 * unit);
-  this->driver.elapse(3 * unit);
+  task->scheduleWithin(1000);
+  task->scheduleWithin(1);
+  task->scheduleWithin(500);
+  this->driver.elapse(0.5);
+  EXPECT_TRUE(this->order.empty());
+  this->driver.elapse(2.5);
   EXPECT_THAT(this->order, ElementsAre("task"));
   EXPECT_EQ(this->driver.scheduler.nextDue(), Task::never) << "the longer delays are gone with the run";
 }
@@ -81,8 +115,58 @@ TYPED_TEST(TaskSchedulerTest, PriorityDecidesAmongDueTasksAndEqualsTakeTurns) {
   busy[1]->scheduleWithin(0);
   urgent->scheduleWithin(0);
   EXPECT_TRUE(this->order.empty()) << "never from inside scheduleWithin";
-  this->driver.elapse(TypeParam::unit);
+  this->driver.elapse(1);
   EXPECT_THAT(this->order, ElementsAre("urgent", "a", "b", "a", "b", "a", "b", "background"));
+}
+
+TYPED_TEST(TaskSchedulerTest, ADueTaskThatIsAskedForAgainKeepsItsTurn) {
+  auto first = this->noting("first");
+  auto second = this->noting("second");
+  auto asker = this->driver.scheduler.taskIs("asker", TaskPriority::urgent, [&] { first->scheduleWithin(0); });
+  this->scheduleAll({first.get(), second.get(), asker.get()});
+  this->driver.elapse(1);
+  EXPECT_THAT(this->order, ElementsAre("first", "second"));
+}
+
+// However much the others have to do, an eighth of the time is for the background. What counts is time, not runs:
+// neither short runs of others nor long ones of its own give it more.
+TYPED_TEST(TaskSchedulerTest, BackgroundTasksHaveAFloor) {
+  constexpr double slice = entriesInASlice * entryCost;
+  std::map<std::string, int> entries{{"changes", 16}, {"short", 1}, {"decisions", 16}, {"scan", 16}, {"overrun", 48}};
+  auto changes = this->busy("changes", TaskPriority::delivery);
+  auto brief = this->busy("short", TaskPriority::delivery, entries["short"]);
+  auto decisions = this->busy("decisions", TaskPriority::processing);
+  auto scan = this->busy("scan", TaskPriority::background);
+  auto overrun = this->busy("overrun", TaskPriority::background, entries["overrun"]);
+  this->scheduleAll({changes.get(), brief.get(), decisions.get()});
+  this->driver.elapse(100 * slice);
+  EXPECT_THAT(this->order, Each(AnyOf("changes", "short"))) << "nobody else has a floor";
+  this->order.clear();
+  this->scheduleAll({scan.get(), overrun.get()});
+  this->driver.elapse(200 * slice);
+
+  int others = 0;  // entries since the last turn
+  int due = 7 * entriesInASlice;
+  std::vector<std::string> turns;
+  for (const auto& name : this->order) {
+    if (name == "changes" || name == "short") {
+      others += entries[name];
+      continue;
+    }
+    EXPECT_NEAR(others, due, entriesInASlice) << "before turn " << turns.size();
+    turns.push_back(name);
+    due = 7 * entries[name];
+    others = 0;
+  }
+  ASSERT_GE(turns.size(), 10U);
+  for (std::size_t i = 0; i < turns.size(); ++i) EXPECT_EQ(turns[i], i % 2 == 0 ? "scan" : "overrun");
+  EXPECT_LE(this->waitOf("scan"), 33 * slice);
+  EXPECT_GE(this->waitOf("scan"), 7 * slice);
+
+  this->order.clear();
+  for (auto* task : {&changes, &brief, &decisions}) task->reset();
+  this->driver.elapse(10 * slice);
+  EXPECT_GE(this->order.size(), 4U) << "and all of it when nobody else wants it";
 }
 
 TYPED_TEST(TaskSchedulerTest, TasksMayBeDestroyedFromInsideARun) {
@@ -97,7 +181,7 @@ TYPED_TEST(TaskSchedulerTest, TasksMayBeDestroyedFromInsideARun) {
   });
   self->scheduleWithin(0);
   victim->scheduleWithin(0);
-  this->driver.elapse(TypeParam::unit);
+  this->driver.elapse(1);
   EXPECT_THAT(this->order, ElementsAre("self"));
   EXPECT_TRUE(this->driver.scheduler.statistics().empty());
   EXPECT_EQ(owned.use_count(), 1);
@@ -111,7 +195,7 @@ TYPED_TEST(TaskSchedulerTest, StatisticsAddUpPerTask) {
   });
   for (int i = 0; i < 2; ++i) {
     task->scheduleWithin(0);
-    this->driver.elapse(TypeParam::unit);
+    this->driver.elapse(1);
   }
   const auto statistics = scheduler.statistics();
   ASSERT_EQ(statistics.size(), 1U);
@@ -185,30 +269,141 @@ TEST(SimulatedSchedulerTest, YieldsOnceACallbackHasAskedOftenEnough) {
 // --- The event loop --------------------------------------------------------------------------------------------------
 
 TEST(EventLoopTest, TimeSliceEndsARunAndTimeStandsStillDuringIt) {
-  EventLoop loop(0.002);
-  std::unique_ptr<Task> task;
+  constexpr double slice = 1.0 / 512;
+  const auto clock = std::make_shared<SimulatedClock>();
+  EventLoop loop(slice, clock);
+  double costOfAnEntry = 0;
   std::uint64_t asked = 0;
-  bool sameNow = true;
+  std::unique_ptr<Task> task;
   task = loop.taskIs("task", TaskPriority::processing, [&] {
     const double start = loop.now();
-    while (!task->shouldYield() && asked < 100'000'000) ++asked;
-    sameNow = loop.now() == start;
+    asked = 0;
+    do {
+      clock->advance(costOfAnEntry);
+      ++asked;
+    } while (!task->shouldYield() && asked < 100'000'000);
+    EXPECT_TRUE(task->shouldYield()) << "spent is spent";
+    EXPECT_EQ(loop.now(), start);
   });
-  task->scheduleWithin(0);
-  loop.runOnce(1);
-  EXPECT_TRUE(sameNow);
-  EXPECT_GT(asked, 10'000U) << "asking is too dear";
-  const auto statistics = loop.statistics();
-  EXPECT_GE(statistics[0].longestRun, 0.002);
-  EXPECT_LT(asked, 100'000'000U);
+  const auto longestRun = [&] {
+    task->scheduleWithin(0);
+    loop.runOnce(0);
+    return loop.statistics()[0].longestRun;
+  };
+  // Slow entries are stopped at the end of the slice.
+  costOfAnEntry = slice / 4;
+  EXPECT_EQ(longestRun(), slice);
+  EXPECT_EQ(asked, 4U);
+  // Quick ones nearly so, although the clock is not looked at after each.
+  costOfAnEntry = slice / 1024;
+  EXPECT_LT(longestRun(), slice * 1.07);
+  EXPECT_GE(asked, 1024U);
+  // A question costs a small part of a look at the clock.
+  costOfAnEntry = 0;
+  clock->secondsPerLookIs(slice / 1024);
+  EXPECT_GE(longestRun(), slice);
+  EXPECT_GT(asked, 50'000U);
+}
+
+TEST(EventLoopTest, LateTicksRunOnceEachByPriority) {
+  const auto clock = std::make_shared<SimulatedClock>();
+  EventLoop loop(1, clock);
+  std::vector<std::string> order;
+  std::unique_ptr<Task> tick;
+  tick = loop.taskIs("tick", TaskPriority::processing, [&] {
+    order.emplace_back("tick");
+    tick->scheduleWithin(2);
+  });
+  const auto urgent = loop.taskIs("urgent", TaskPriority::urgent, [&] { order.emplace_back("urgent"); });
+  tick->scheduleWithin(2);
+  urgent->scheduleWithin(9);
+  clock->advance(10);  // somebody else had the machine
+  loop.runOnce(0);
+  EXPECT_THAT(order, ElementsAre("urgent", "tick"));
+  EXPECT_EQ(loop.nextDue(), 12) << "ticks that were missed are not made up for";
+  EXPECT_EQ(loop.statistics()[0].longestWait, 8);
+  tick->scheduleWithin(1.5);  // a shorter interval counts at once, a longer one from the next run on
+  tick->scheduleWithin(5);
+  EXPECT_EQ(loop.nextDue(), 11.5);
+}
+
+TEST(EventLoopTest, WaitsForWhatIsDueAndForDescriptors) {
+  EventLoop loop;
+  double due = 0;
+  auto later = loop.taskIs("later", TaskPriority::processing, [&] { loop.stop(); });
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) {
+    loop.fdDel(ends[0]);
+    later->scheduleWithin(0.01);
+    due = loop.nextDue();
+  });
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  loop.run();
+  EXPECT_GE(loop.now(), due);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+// What they do is somebody else's work to tasks of the background.
+TEST(EventLoopTest, DescriptorsDoNotStarveTheBackground) {
+  constexpr double slice = 1;
+  const auto clock = std::make_shared<SimulatedClock>();
+  EventLoop loop(slice, clock);
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) { clock->advance(slice); });
+  std::unique_ptr<Task> busy;
+  busy = loop.taskIs("busy", TaskPriority::processing, [&] {
+    clock->advance(slice);
+    busy->scheduleWithin(0);
+  });
+  int turns = 0;
+  std::unique_ptr<Task> scan;
+  scan = loop.taskIs("scan", TaskPriority::background, [&] {
+    clock->advance(slice);
+    ++turns;
+    scan->scheduleWithin(0);
+  });
+  busy->scheduleWithin(0);
+  scan->scheduleWithin(0);
+  const double start = clock->now();
+  for (int i = 0; i < 100; ++i) loop.runOnce(0);
+  EXPECT_NEAR(turns, (clock->now() - start) / slice / 8, 1);
+  close(ends[0]);
+  close(ends[1]);
+}
+
+TEST(EventLoopTest, ANewWatchOfADescriptorReplacesTheOld) {
+  EventLoop loop;
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  const auto held = std::make_shared<int>();
+  loop.fdIs(ends[0], EPOLLIN, [held](std::uint32_t) { FAIL() << "the old one is called"; });
+  int calls = 0;
+  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) {
+    ++calls;
+    loop.fdDel(ends[0]);
+  });
+  EXPECT_EQ(held.use_count(), 1) << "the old one is kept";
+  loop.runOnce(0);
+  EXPECT_EQ(calls, 1);
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST(EventLoopTest, DescriptorsAreServedBetweenBusyTasksAndMayTakeThemselvesAway) {
-  EventLoop loop(0.001);
+  const auto clock = std::make_shared<SimulatedClock>();
+  EventLoop loop(1, clock);
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe(ends.data()), 0);
   std::unique_ptr<Task> busy;
-  busy = loop.taskIs("busy", TaskPriority::urgent, [&] { busy->scheduleWithin(0); });
+  busy = loop.taskIs("busy", TaskPriority::urgent, [&] {
+    clock->advance(0.25);
+    busy->scheduleWithin(0);
+  });
   busy->scheduleWithin(0);
   int calls = 0;
   int batches = 0;
@@ -218,10 +413,10 @@ TEST(EventLoopTest, DescriptorsAreServedBetweenBusyTasksAndMayTakeThemselvesAway
     loop.fdDel(ends[0]);
   });
   ASSERT_EQ(write(ends[1], "xx", 2), 2);
-  for (int i = 0; i < 3; ++i) loop.runOnce(1);
+  for (int i = 0; i < 3; ++i) loop.runOnce(0);
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(batches, 3);
-  EXPECT_GE(loop.statistics()[0].runs, 3U);
+  EXPECT_EQ(loop.statistics()[0].runs, 12U);
   close(ends[0]);
   close(ends[1]);
 }

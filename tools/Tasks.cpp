@@ -24,16 +24,16 @@ double milliseconds(const Json& task, const char* name) {
 
 void printTask(const Json& task) {
   const auto text = [&](const char* name) { return task.value(name, ""); };
-  std::printf("%-34s %8s %10s %12s %12s %12.3f %12.1f\n", text("name").c_str(), text("priority").c_str(),
+  std::printf("%-34s %8s %10s %12s %12s %12.3f %12.1f %12.3f\n", text("name").c_str(), text("priority").c_str(),
               text("runs").c_str(), text("workDone").c_str(), text("workPending").c_str(),
-              milliseconds(task, "longestRun"), milliseconds(task, "totalRun"));
+              milliseconds(task, "longestRun"), milliseconds(task, "totalRun"), milliseconds(task, "longestWait"));
 }
 
 void printTasks(const TasksOptions& options) {
   Json all = Json::array();
   if (!options.json) {
-    std::printf("%-34s %8s %10s %12s %12s %12s %12s\n", "task", "priority", "runs", "work done", "pending",
-                "longest ms", "total ms");
+    std::printf("%-34s %8s %10s %12s %12s %12s %12s %12s\n", "task", "priority", "runs", "work done", "pending",
+                "longest ms", "total ms", "waited ms");
   }
   askAgent(options.runDir, {{"op", "tasks"}}, [&](const Json& task) {
     if (options.json) {

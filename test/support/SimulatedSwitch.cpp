@@ -1,5 +1,7 @@
 #include "test/support/SimulatedSwitch.h"
 
+#include <algorithm>
+
 #include "linux/PlatformTypes.h"
 
 using Routing::Rib::RouteConfig;
@@ -36,6 +38,14 @@ template <class T>
 std::shared_ptr<T> SimulatedSwitch::outsideWriter(const std::string& path) const {
   outside->mount(path, T::typeName, Pondra::MountKind::writer, Pondra::CollectionInfo{T::collectionName, 100000});
   return outside->get<T>(path);
+}
+
+double SimulatedSwitch::longestBackgroundWait() const {
+  double longest = 0;
+  for (const auto& task : scheduler.statistics()) {
+    if (task.priority == Platform::TaskPriority::background) longest = std::max(longest, task.longestWait);
+  }
+  return longest;
 }
 
 void SimulatedSwitch::deliver() {

@@ -15,18 +15,8 @@
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 #include "linux/UnderlayResolver.h"
+#include "test/support/SimulatedClock.h"
 #include "test/support/TemporaryDirectory.h"
-
-// Time for the budgets of commands: it passes only by being looked at.
-class SimulatedClock final : public Platform::Clock {
- public:
-  double now() const override { return now_ += secondsPerLook_; }
-  void secondsPerLookIs(double seconds) { secondsPerLook_ = seconds; }
-
- private:
-  mutable double now_ = 0;
-  double secondsPerLook_ = 0;
-};
 
 class SimulatedSwitch {
  public:
@@ -81,6 +71,9 @@ class SimulatedSwitch {
   // Lets time pass, delivering table changes between runs and checking the invariants after each.
   void advance(double seconds);
   void checkEveryRunIs(bool check) { checkEveryRun_ = check; }
+  // The longest that a background task has been due without a turn, seconds. Something only when runs take time:
+  // scheduler.entryCostIs().
+  double longestBackgroundWait() const;
 
   // --- What other processes see ---
   // "10.0.0.0/8@7" -> its next hops, "10.255.0.1 Vxlan1 vlan 10 fec 5", in slot order, joined by ", ".
