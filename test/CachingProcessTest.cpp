@@ -29,6 +29,7 @@ constexpr const char* hwRoutes = "routecache/route/hw/ipv4";
 constexpr const char* hwHitBits = "hardware/routecache/status/ipv4";
 constexpr const char* sfeHitBits = "sfe/routecache/status/ipv4";
 constexpr const char* hwRouteSm = "agent/routecache/hwRouteSm";
+constexpr const char* aLongTime = "3600";  // seconds: longer than any test waits
 
 using Entries = std::map<std::string, json>;  // of a table, by key
 
@@ -51,6 +52,8 @@ class CachingProcessTest : public testing::Test {
     for (const char* vrf : {"default", "red"}) expectDone("fib add 10.0.0.0/8 --vrf " + std::string(vrf));
     expectDone("rib load --generate " + std::to_string(configured) +
                " --within 10.0.0.0/8 --vrfs 1,2 --vteps 20 --vni 10010");
+    scanIntervalIs("0.001");  // brings the first scan forward
+    scanIntervalIs(aLongTime);
     ASSERT_TRUE(eventually([this] {
       return entries("routecache/route/sfe/ipv4").size() == configured && setting(hwRouteSm, "routeToProcess") == 0;
     }));
@@ -61,6 +64,7 @@ class CachingProcessTest : public testing::Test {
     agent.emplace("run --scenario " + scenario + " --agent " ROUTECACHE_AGENT + inRunDir);
     ASSERT_TRUE(agent->says("ready: "));
     expectDone("set agent/routecache/hwRouteSm routeProcessingIntervalDefer 0.25");
+    scanIntervalIs(aLongTime);
   }
   // The forwarding plane with traffic, until it is stopped; its rows go to the file.
   std::string simulate(const std::string& traffic, const std::string& file) const {
@@ -163,7 +167,11 @@ class CachingProcessTest : public testing::Test {
     caching["vrf/vrfNameStatus"]["nameToId"] = {{"default", 1}, {"red", 2}};
     caching["routecache/cliconfig"] = {{"lowThresholdHwUtilPercentage", 50},
                                        {"mediumThresholdHwUtilPercentage", 60},
-                                       {"highThresholdHwUtilPercentage", 70}};
+                                       {"highThresholdHwUtilPercentage", 70},
+                                       // However slow the machine is, what was hit does not become idle.
+                                       {"lowThresholdIdleTime", 5100},
+                                       {"mediumThresholdIdleTime", 5100},
+                                       {"highThresholdIdleTime", 5100}};
     std::ofstream(scenario) << caching;
   }
 };
@@ -206,7 +214,7 @@ TEST_F(CachingProcessTest, TrafficAndLevelsDecideWhatHardwareHolds) {
   std::ifstream text(file);
   const auto total = json::parse(text)["total"];
   EXPECT_GE(total["evictions"], unasked.size() - capacity * 3 / 10);
-  scanIntervalIs("3600");
+  scanIntervalIs(aLongTime);
   expectSpaceIsConserved();
 }
 

@@ -49,7 +49,7 @@ class ControlSocketTest : public testing::Test {
   const std::string path = "/tmp/control-test-" + std::to_string(getpid());
   Lattis::EntityTypes types;
   Platform::TableTypes tables;
-  LinuxPlatform::EventLoop loop;
+  LinuxPlatform::EventLoop loop{60};  // no slice ends by itself, however slow the machine
   LinuxPlatform::EmbeddedStateDb db{types, loop};
   ControlSocket control{loop, path};
   std::shared_ptr<Vxlan::VtiStatusDir> vtis;

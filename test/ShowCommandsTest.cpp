@@ -353,10 +353,11 @@ std::vector<std::string> prefixesInHw(const std::string& listing) {
   return prefixes;
 }
 
-TEST_F(ShowCommandsTest, WhatStaysIsListedOnceWhileOthersComeAndGo) {
-  const auto seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
+class RandomShowCommandsTest : public ShowCommandsTest, public testing::WithParamInterface<unsigned> {};
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomShowCommandsTest, testing::Range(1U, 4U));
+
+TEST_P(RandomShowCommandsTest, WhatStaysIsListedOnceWhileOthersComeAndGo) {
+  std::mt19937 random(GetParam());
   plug(false);
   sw.start();
   sw.advance(1);

@@ -112,7 +112,10 @@ TEST_F(TraceFileTest, TraceOutlivesAKilledWriter) {
       }
     }
   }
-  while (!std::filesystem::exists(directory + "/ready")) usleep(1000);
+  while (!std::filesystem::exists(directory + "/ready")) {
+    ASSERT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "the writer has ended";
+    usleep(1000);
+  }
   for (int i = 0; i < 20; ++i) {  // of a file that is being written, too
     const auto live = readTrace(settings.fileName, vocabulary);
     for (const auto& line : live) ASSERT_EQ(line.text, "step " + std::to_string(line.sequence));

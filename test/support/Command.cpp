@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::minutes patience{2};
+constexpr std::chrono::minutes patience{5};
 
 // The end of what may be long.
 std::string tail(const std::string& text) {

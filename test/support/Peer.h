@@ -39,6 +39,13 @@ class Peer {
     closed = count == 0 || errno == ECONNRESET;
     return all;
   }
+  // Bytes that the kernel keeps of what is sent and not received, at most.
+  int sendBuffer() const {
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    EXPECT_EQ(getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &bytes, &size), 0);
+    return bytes;
+  }
   void leave() {
     if (fd_ >= 0) close(fd_);
     fd_ = -1;
