@@ -2,7 +2,6 @@
 #include "RouteCache/RouteCacheHwRouteSm.h"
 
 #include <algorithm>
-#include <cmath>
 
 #include "platform/Assert.h"
 #include "platform/Trie.h"
@@ -199,18 +198,10 @@ const Lattis::EntityType& HwRouteSm::entityType() const {
 }
 
 std::string HwRouteSm::fault() const {
-  // What comes again and again must come, and must not come at once.
-  constexpr double shortest = 0.001;
-  const struct {
-    const char* name;
-    double seconds, least;
-  } intervals[] = {{"routeProcessingInterval", routeProcessingInterval_, 0},
-                   {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, shortest},
-                   {"hwHitbitScanInterval", hwHitbitScanInterval_, shortest}};
-  for (const auto& interval : intervals) {
-    if (std::isfinite(interval.seconds) && interval.seconds >= interval.least) continue;
-    return std::string(interval.name) + " is a finite number of seconds, at least " + Platform::toText(interval.least);
-  }
+  auto fault = intervalFault({{"routeProcessingInterval", routeProcessingInterval_},
+                              {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, Interval::shortestRetry},
+                              {"hwHitbitScanInterval", hwHitbitScanInterval_, Interval::shortestRetry}});
+  if (!fault.empty()) return fault;
   if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity_) {
     return "hwSpaceBuffer " + std::to_string(hwSpaceBuffer_) + " is too large: with the capacity of " +
            std::to_string(capacity_) + " it exceeds 32 bits";
@@ -232,7 +223,7 @@ void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
 // A shorter interval counts for the scan that is waiting, too.
 void HwRouteSm::hwHitbitScanIntervalIs(double seconds) {
   hwHitbitScanInterval_ = seconds;
-  if (initialized_ && seconds > 0) scheduleHwHitbitScanTask(seconds);
+  if (initialized_ && seconds >= Interval::shortestRetry) scheduleHwHitbitScanTask(seconds);
 }
 
 // --- Reactions -------------------------------------------------------------------------------------------------------

@@ -1,7 +1,6 @@
 #include "RouteCache/RouteCacheKernelRouteSm.h"
 
 #include <algorithm>
-#include <cmath>
 #include <limits>
 #include <utility>
 
@@ -216,14 +215,8 @@ const Lattis::EntityType& KernelRouteSm::entityType() const {
 }
 
 std::string KernelRouteSm::fault() const {
-  constexpr double shortest = 0.001;  // keys that wait are looked after again and again
-  if (!std::isfinite(routeProcessingInterval_) || routeProcessingInterval_ < 0) {
-    return "routeProcessingInterval is a finite number of seconds, at least 0";
-  }
-  if (!std::isfinite(routeProcessingIntervalDefer_) || routeProcessingIntervalDefer_ < shortest) {
-    return "routeProcessingIntervalDefer is a finite number of seconds, at least 0.001";
-  }
-  return {};
+  return intervalFault({{"routeProcessingInterval", routeProcessingInterval_},
+                        {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, Interval::shortestRetry}});
 }
 
 // --- Reactions -------------------------------------------------------------------------------------------------------

@@ -207,11 +207,13 @@ const Lattis::EntityType& SwRouteSm::entityType() const {
 }
 
 std::string SwRouteSm::fault() const {
-  for (const double interval : {routeProcessingInterval_, routeProcessingIntervalDefer_, adjProcessingInterval_,
-                                adjCleanupInterval_, adjSyncInterval_, routeSyncInterval_, initInterval_}) {
-    if (interval < 0) return "an interval is at least 0 seconds";
-  }
-  return {};
+  return intervalFault({{"routeProcessingInterval", routeProcessingInterval_},
+                        {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, Interval::shortestRetry},
+                        {"adjProcessingInterval", adjProcessingInterval_},
+                        {"adjCleanupInterval", adjCleanupInterval_, Interval::shortestRetry},
+                        {"adjSyncInterval", adjSyncInterval_},
+                        {"routeSyncInterval", routeSyncInterval_},
+                        {"initInterval", initInterval_}});
 }
 
 // --- Reactions -------------------------------------------------------------------------------------------------------

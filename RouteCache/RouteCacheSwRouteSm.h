@@ -157,7 +157,9 @@ class SwRouteSm final : public Lattis::Entity {
   void scheduleRoute6SyncTask(double seconds) { route6SyncTask_.schedule(seconds); }
   void scheduleInitTask(double seconds) { initTask_.schedule(seconds); }
 
-  // --- State and settings; intervals in seconds ------------------------------------------------------------------
+  // --- State and settings ----------------------------------------------------------------------------------------
+  // Intervals in seconds, finite; routeProcessingIntervalDefer and adjCleanupInterval, by which things that wait are
+  // looked after, at least 0.001.
   bool initialized() const { return initialized_; }
   bool restart() const { return restart_; }
   bool ipv4AdjSyncDone() const { return ipv4AdjSync_.done; }
@@ -189,7 +191,7 @@ class SwRouteSm final : public Lattis::Entity {
   IpGenAddr vtepCleanupBookmark() const { return vtepCleanupBookmark_; }
 
   const Lattis::EntityType& entityType() const override;
-  // An interval below 0.
+  // An interval out of its range.
   std::string fault() const override;
   // Aborts when an invariant does not hold. Walks every table. To be called when all table changes are delivered.
   void checkInvariants() const;

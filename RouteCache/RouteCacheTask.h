@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <limits>
 #include <memory>
 #include <optional>
@@ -56,6 +57,17 @@ bool workOff(DeferredTask& task, std::uint64_t& handled, Next&& next) {
 // Seconds between two runs of a task that has nothing but walks left to do. Whoever asks for walks may go on asking for
 // ever; tasks of lower priority get their turns meanwhile.
 inline constexpr double walkPause = 0.001;
+
+// A setting of a state machine, in seconds.
+struct Interval {
+  // The least where something that waits is looked after again and again: with 0 the task would do nothing else.
+  static constexpr double shortestRetry = 0.001;
+  const char* name;
+  double seconds;
+  double least = 0;
+};
+// What is wrong with the first interval that is no finite number or below its least, in one line; empty when none is.
+std::string intervalFault(std::initializer_list<Interval> intervals);
 
 // Continues a walk over an ordered table at the bookmarked key, or at the beginning when that key has gone.
 template <class Table>

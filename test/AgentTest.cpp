@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "linux/EntityFields.h"
 #include "test/support/SimulatedSwitch.h"
 #include "tools/AgentLibrary.h"
 
@@ -327,6 +328,38 @@ TEST_F(AgentTest, MayBeStoppedBeforeItsMountsAreDone) {
   start();
   sw.advance(40);
   EXPECT_EQ(sw.published().size(), 2u);
+}
+
+// --- Settings --------------------------------------------------------------------------------------------------------
+
+TEST(AgentSettingsTest, AnIntervalThatIsNoTimeOrWouldSpinIsRefusedByEveryMachine) {
+  SimulatedSwitch sw;
+  sw.hwRouteCaching(true);
+  sw.start();
+  sw.advance(1);
+  // By these a task comes back to what waits.
+  const std::set<std::string> retries{"routeProcessingIntervalDefer", "adjCleanupInterval", "hwHitbitScanInterval"};
+  int intervals = 0;
+  for (const auto& sm : std::initializer_list<std::shared_ptr<Lattis::Entity>>{
+           sw.agent().swRouteSm(), sw.agent().hwRouteSm(), sw.agent().kernelRouteSm()}) {
+    for (const auto& attribute : sm->entityType().attributes) {
+      if (attribute.name.find("nterval") == std::string::npos) continue;
+      SCOPED_TRACE(sm->name() + " " + attribute.name);
+      ++intervals;
+      const std::string before = attribute.get(*sm);
+      for (const char* bad : {"nan", "-nan", "inf", "-inf", "-1"}) {
+        EXPECT_ANY_THROW(LinuxPlatform::setField(sm, attribute.name, bad)) << bad;
+      }
+      if (retries.contains(attribute.name)) {
+        EXPECT_ANY_THROW(LinuxPlatform::setField(sm, attribute.name, "0"));
+        EXPECT_ANY_THROW(LinuxPlatform::setField(sm, attribute.name, "0.0009"));
+      }
+      EXPECT_EQ(attribute.get(*sm), before);
+      LinuxPlatform::setField(sm, attribute.name, retries.contains(attribute.name) ? "0.001" : "0");
+    }
+  }
+  EXPECT_EQ(intervals, 7 + 3 + 2);
+  sw.advance(0.1);
 }
 
 // --- The library -----------------------------------------------------------------------------------------------------
