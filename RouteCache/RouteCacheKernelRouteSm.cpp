@@ -164,7 +164,9 @@ KernelRouteSm::KernelRouteSm(const KernelRouteSmInputs& inputs, Platform::TaskSc
       kernelRouteProcessingTask_(scheduler, trace_, "kernelRouteProcessingTask", TaskPriority::processing,
                                  [this] { handleKernelRouteProcessing(); }),
       kernelRouteSyncTask_(scheduler, trace_, "kernelRouteSyncTask", TaskPriority::processing,
-                           [this] { handleKernelRouteSync(); }) {}
+                           [this] { handleKernelRouteSync(); }),
+      waitingReviewTask_(scheduler, trace_, "kernelWaitingReviewTask", TaskPriority::processing,
+                         [this] { handleWaitingReview(); }) {}
 
 KernelRouteSm::~KernelRouteSm() = default;
 
@@ -297,8 +299,7 @@ void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
   if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) {
     trace_(6, "deleted piVrfId: ", piVrfId);
     addKernelRouteVrfIdColl(piVrfId);
-    reviewWaiting<V4>();
-    reviewWaiting<V6>();
+    reviewWaiting();
     return;
   }
   trace_(6, "added piVrfId: ", piVrfId);
@@ -320,19 +321,31 @@ void KernelRouteSm::cachedPrefixChanged(const typename F::Key& key) {
   F::handleCachedRoute(*this, key);
 }
 
-template <class F>
 void KernelRouteSm::reviewWaiting() {
+  if (!v4_.toProcess.hasWaiting(cachedRoom) && !v6_.toProcess.hasWaiting(cachedRoom)) return;
+  reviewOwed_ = true;
+  scheduleWaitingReviewTask(routeProcessingIntervalDefer_);
+}
+
+void KernelRouteSm::handleWaitingReview() {
+  trace_(9, __PRETTY_FUNCTION__);
+  reviewOwed_ = false;
+  beginReview<V4>();
+  beginReview<V6>();
+}
+
+template <class F>
+void KernelRouteSm::beginReview() {
   auto& side = F::side(*this);
-  if (!side.toProcess.hasWaiting(cachedRoom)) return;
-  side.toProcess.waitingFreshIs(cachedRoom);
-  side.task.schedule(routeProcessingInterval_);
+  side.toProcess.waitingKindIs(cachedRoom, review);
+  if (side.toProcess.hasWaiting(review)) side.task.schedule(routeProcessingInterval_);
 }
 
 // Nothing of a VRF that is not mapped has to be decided: its arrival brings all of it.
 template <class F>
 void KernelRouteSm::trieChanged(std::uint32_t hwVrfId) {
   if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(hwVrfId)) return;
-  reviewWaiting<F>();
+  reviewWaiting();
   vrfWalkIs<F>(hwVrfId);
   addKernelRouteVrfIdColl(in_.vrfIdMap->hwVrfIdToGlobalVrfId(hwVrfId));
 }
@@ -472,7 +485,8 @@ void KernelRouteSm::handleRouteProcessing() {
   }
 }
 
-// Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them.
+// Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them, then
+// those under review.
 template <class F>
 bool KernelRouteSm::processNext() {
   auto& side = F::side(*this);
@@ -489,6 +503,8 @@ bool KernelRouteSm::processNext() {
     processRoute<F>(*side.toProcess.waitingKey(mirrorRoom));
   } else if (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom)) {
     processRoute<F>(*side.toProcess.waitingKey(cachedRoom));
+  } else if (side.toProcess.hasWaiting(review)) {
+    processRoute<F>(*side.toProcess.waitingKey(review));
   } else {
     return false;
   }
@@ -626,7 +642,7 @@ void KernelRouteSm::checkCachedPrefixes() const {
 template <class F>
 void KernelRouteSm::checkWaiting() const {
   const auto key = F::side(*this).toProcess.waitingKey(cachedRoom);
-  if (!key || F::side(*this).walk.willMeet(*key)) return;
+  if (!key || reviewOwed_ || F::side(*this).walk.willMeet(*key)) return;
   PLATFORM_ASSERT_TEXT(kernelKey(*key) && decide<F>(*key).wanted,
                        "a cached prefix that waits for room is of a mapped VRF and wanted");
 }

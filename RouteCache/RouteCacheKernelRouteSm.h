@@ -7,6 +7,8 @@
 // Room. Published routes are mirrored while the table holds fewer entries than the hardware's; cached FIB prefixes may
 // fill the buffer above that as well. What stands already needs no room. Keys that find none wait, apart from the
 // others, so that looking after them costs one comparison while there is none; a kernel route that goes brings them.
+// When cached prefixes go untold, with their VRF or their trie, those that wait are looked through behind all other
+// work, every routeProcessingIntervalDefer at most.
 //
 // A reaction queues the key, a task of the key's family decides it. What concerns many routes - a VRF, a cached prefix
 // and all that it covers - is recorded as a walk over the published table, done by the same task in slices. The kernel
@@ -19,7 +21,7 @@
 //   - every published route and every cached prefix of a mapped VRF stands in the kernel table exactly if the decision
 //     says so, with the fields that it must have; or is queued, or a walk that is owed will meet it;
 //   - every other kernel route is ahead of a kernel walk, or of the one that the start has asked for;
-//   - a cached prefix that waits for room is of a mapped VRF and still cached.
+//   - a cached prefix that waits for room is of a mapped VRF and still cached, or those that wait are to be reviewed.
 #pragma once
 
 #include <map>
@@ -54,10 +56,11 @@ struct KernelRouteSmInputs {
 class KernelRouteSm final : public Lattis::Entity {
  public:
   using RouteKey = Routing::Rib::RouteKey;
-  // What a queued key that finds no room waits for: room for a published route, or for a cached FIB prefix.
-  enum Room : std::uint8_t { mirrorRoom = 0, cachedRoom = 1 };
+  // What a queued key that finds no room waits for: room for a published route, for a cached FIB prefix, or its turn in
+  // the review of the latter.
+  enum Room : std::uint8_t { mirrorRoom = 0, cachedRoom = 1, review = 2 };
   template <class Key>
-  using Queue = KeyQueue<Key, 2>;
+  using Queue = KeyQueue<Key, 3>;
 
   // The capability's hardware route table size bounds the mirrored routes; it is read here, once. Nothing happens
   // before handleInitialized().
@@ -120,14 +123,17 @@ class KernelRouteSm final : public Lattis::Entity {
   void handleKernelRouteProcessing();
   // Puts every VRF of the kernel table before the kernel walk: once, some time after the start.
   void handleKernelRouteSync();
+  // Begins the review of the cached prefixes that wait for room.
+  void handleWaitingReview();
   void scheduleIpv4RouteProcessingTask(double seconds) { v4_.task.schedule(seconds); }
   void scheduleIpv6RouteProcessingTask(double seconds) { v6_.task.schedule(seconds); }
   void scheduleKernelRouteProcessingTask(double seconds) { kernelRouteProcessingTask_.schedule(seconds); }
   void scheduleKernelRouteSyncTask(double seconds) { kernelRouteSyncTask_.schedule(seconds); }
+  void scheduleWaitingReviewTask(double seconds) { waitingReviewTask_.schedule(seconds); }
 
   // --- Settings and counts ---------------------------------------------------------------------------------------
-  // Seconds, finite. The second, at least 0.001, is how often keys that wait for room are looked after, and what a VRF
-  // has to arrive after a restart.
+  // Seconds, finite. The second, at least 0.001, is how often keys that wait for room are looked after or reviewed, and
+  // what a VRF has to arrive after a restart.
   double routeProcessingInterval() const { return routeProcessingInterval_; }
   void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
@@ -212,8 +218,9 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class F>
   void trieReactorDel(std::uint32_t hwVrfId);
   // Cached prefixes have gone untold: those that wait for room may not be wanted any more.
-  template <class F>
   void reviewWaiting();
+  template <class F>
+  void beginReview();
   // A prefix came to the VRF's trie or left it.
   template <class F>
   void cachedPrefixChanged(const typename F::Key& key);
@@ -233,6 +240,7 @@ class KernelRouteSm final : public Lattis::Entity {
   Platform::TraceHandle trace_;
   bool initialized_ = false;
   bool synced_ = false;  // every VRF of the kernel table found at start has been put before the kernel walk
+  bool reviewOwed_ = false;
   double routeProcessingInterval_ = 0.0;
   double routeProcessingIntervalDefer_ = 5.0;
   std::uint64_t written_ = 0;
@@ -245,6 +253,7 @@ class KernelRouteSm final : public Lattis::Entity {
   RouteKey kernelRouteBookmark_;
   DeferredTask kernelRouteProcessingTask_;
   DeferredTask kernelRouteSyncTask_;
+  DeferredTask waitingReviewTask_;
 
   // Last: they call back into all of the above.
   std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;

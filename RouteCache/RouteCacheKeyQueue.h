@@ -38,8 +38,8 @@ class KeyQueue {
     rings_.data(node).fresh = false;
     rings_.append(waiting_[kind], node);
   }
-  // All that wait for this kind of room become fresh, behind the others.
-  void waitingFreshIs(unsigned kind) { rings_.splice(waiting_[kind], fresh_); }
+  // All that wait for one kind wait for the other now, behind those that do already.
+  void waitingKindIs(unsigned from, unsigned to) { rings_.splice(waiting_[from], waiting_[to]); }
   void keyDel(const Key& key) {
     const auto node = rings_.find(key);
     if (node != Rings::none) rings_.erase(node);

@@ -355,6 +355,25 @@ TEST(KernelRouteSmTest, RoomThatComesIsTakenAtOnceWhicheverFamilyItCameFrom) {
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/24@2", 0)));
 }
 
+TEST(KernelRouteSmTest, VrfsThatComeAndGoDoNotDragAlongWhatWaitsForRoom) {
+  KernelMirror mirror(1);
+  mirror.vrf(1, 6);
+  mirror.start();
+  for (int i = 0; i < 200; ++i) mirror.cached("10.0." + std::to_string(i) + ".0/24", 6);
+  mirror.settle();
+  ASSERT_EQ(mirror.sm->ipv4RouteToProcess().size(), 197U);
+  mirror.scheduler.advance(10);
+  const auto before = mirror.workDone();
+  for (int i = 0; i < 20; ++i) {
+    mirror.vrf(2, 7);
+    mirror.scheduler.advance(0.25);
+    mirror.vrfGone(2);
+    mirror.scheduler.advance(0.25);
+  }
+  EXPECT_LT(mirror.workDone() - before, 2 * 197U + 20 * 10U) << "one review in five seconds";
+  EXPECT_EQ(mirror.sm->ipv4RouteToProcess().size(), 197U);
+}
+
 TEST(KernelRouteSmTest, NothingWaitsForAVrfOrATrieThatHasGone) {
   KernelMirror mirror(1);
   mirror.vrf(1, 6);
@@ -367,13 +386,13 @@ TEST(KernelRouteSmTest, NothingWaitsForAVrfOrATrieThatHasGone) {
   mirror.settle();
   EXPECT_EQ(mirror.sm->ipv4RouteToProcess().size() + mirror.sm->ipv6RouteToProcess().size(), 2U);
   mirror.vrfGone(2);
-  mirror.settle();
+  mirror.scheduler.advance(5.5);
   EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
   EXPECT_TRUE(mirror.sm->ipv6RouteToProcess().empty());
   mirror.cached("10.0.3.0/24", 6);
   mirror.settle();
   mirror.cachedRoutes->vrfTrieIs(6, std::make_shared<Routing::Trie>());
-  mirror.settle();
+  mirror.scheduler.advance(5.5);
   EXPECT_TRUE(mirror.sm->ipv4RouteToProcess().empty());
   EXPECT_THAT(mirror.kernel(), IsEmpty());
 }
