@@ -73,7 +73,9 @@ class Agent final : public Platform::AgentBase {
   Platform::TraceFacility& traceFacility() const { return *services().trace; }
 
   // Capacities, in entries: of the record of unprogrammed routes, and of the kernel route table over the hardware's.
-  std::uint32_t unprogrammedRouteTableSize() const { return 4096; }
+  // What is set counts for the mounts to come.
+  std::uint32_t unprogrammedRouteTableSize() const { return unprogrammedRouteTableSize_; }
+  void unprogrammedRouteTableSizeIs(std::uint32_t entries) { unprogrammedRouteTableSize_ = entries; }
   std::uint32_t kernelRouteBuffer() const { return 2048; }
 
   // What the agent makes. ...Is makes one, replacing any there is; ...Del releases it.
@@ -131,6 +133,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const RouteCache::Ipv4ProgrammedRouteStatus> ipv4SfeProgrammedRouteStatus_;
   std::shared_ptr<const RouteCache::Ipv4HitBitStatus> ipv4SfeHitBitStatus_;
   std::shared_ptr<const RouteCache::Ipv4HitBitStatus> ipv4HwHitBitStatus_;
+  std::uint32_t unprogrammedRouteTableSize_ = 4096;
   std::shared_ptr<Routing::Rib::RouteConfig> unprogrammedRouteConfig_;
   std::shared_ptr<const Routing::Rib::RouteCache::Evpn::ViaConfig> viaConfig_;
   std::shared_ptr<const Routing::Rib::RouteConfig> route6Config_;

@@ -4,7 +4,9 @@
 // visited first, in the order of arrival. A key that a visit leaves queued is set apart by what it waits for:
 //   - a VRF: not visited again before that VRF is woken;
 //   - room in a route table: not visited again before there is room;
-//   - anything else (via, tunnel interface, resolution): a *leftover*, visited in turn, a time slice a second.
+//   - anything else (via, tunnel interface, resolution, an adjacency's room): a *leftover*, visited in turn, a time
+//   slice
+//     a second.
 // So half a million routes of a VRF that never comes cost nothing.
 //
 // Invariant: every queued key is in exactly one ring, or is the one being visited; its flags are kept with it.
@@ -63,6 +65,10 @@ class RouteQueue {
   void wakeVrf(std::uint32_t piVrfId);
   // A mark to tell how far one round over the leftovers goes: keys that become leftovers from now on stand behind it.
   std::size_t leftoverCount() const { return leftovers_; }
+  template <class Visit>
+  void forEachFresh(Visit&& visit) const {
+    for (Node node = rings_.first(fresh_); node != none; node = rings_.next(node)) visit(rings_.key(node));
+  }
 
  private:
   struct Data {

@@ -17,6 +17,7 @@ inline bool isWellFormed(AdjId adjId) {
 
 // Family of a route's key. The next hops of a route are independent of it: an IPv4 route may leave over IPv6 tunnels.
 struct SwRouteSm::V4 {
+  static constexpr AddressFamily family = AddressFamily::ipv4;
   using Key = Ipv4RouteVrfKey;
   using Route = Ipv4Route;
   using Via = Ipv4Via;
@@ -42,6 +43,7 @@ struct SwRouteSm::V4 {
 };
 
 struct SwRouteSm::V6 {
+  static constexpr AddressFamily family = AddressFamily::ipv6;
   using Key = Ipv6RouteVrfKey;
   using Route = Ipv6Route;
   using Via = Ipv6Via;

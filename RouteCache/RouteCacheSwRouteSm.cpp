@@ -2,6 +2,8 @@
 // clean-ups in RouteCacheSwRouteSync.cpp.
 #include "RouteCache/RouteCacheSwRouteSm.h"
 
+#include <algorithm>
+
 #include "RouteCache/RouteCacheSwRouteFamilies.h"
 #include "RouteCache/RouteCacheSwRouteReactors.h"
 #include "platform/Assert.h"
@@ -133,6 +135,7 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
       trace_(trace, "RouteCacheSwRouteSm"),
       configWalk_(*inputs.routeConfig, *inputs.route6Config),
       adjIds_(trace_),
+      unprogrammed_(inputs.unprogrammedRouteConfig, *inputs.routeConfig, *inputs.route6Config, trace_),
       restarted_(restart),
       restart_(restart),
       vtepResolutionCleanupTask_(scheduler, trace_, "vtepResolutionCleanupTask", TaskPriority::background,
@@ -146,7 +149,11 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
       routeProcessingTask_(scheduler, trace_, "routeProcessingTask", TaskPriority::processing,
                            [this] { handleRouteProcessing(); }),
       adjProcessingTask_(scheduler, trace_, "adjProcessingTask", TaskPriority::processing,
-                         [this] { handleAdjProcessing(); }) {
+                         [this] { handleAdjProcessing(); }),
+      leftoverProcessingTask_(scheduler, trace_, "leftoverProcessingTask", TaskPriority::processing,
+                              [this] { handleLeftoverProcessing(); }),
+      unprogrammedRecordTask_(scheduler, trace_, "unprogrammedRecordTask", TaskPriority::background,
+                              [this] { handleUnprogrammedRecord(); }) {
   adjIds_.retainUnreferencedIs(restart);
 }
 
@@ -244,14 +251,14 @@ void SwRouteSm::handleHwRoute(const Ipv4RouteVrfKey& key) {
   if (!published) return;
   const auto hardware = in_.ipv4HwRouteStatus->route(key);
   const bool programmed = hardware && hardware->inHw();
-  if (programmed && hardware->adjId() == published->adjId() && !published->inHw()) {
+  if (programmed && !published->inHw() && isInHw<V4>(key, published->adjId())) {
     trace_(6, "setting inHw to true", routeKey);
     in_.ipv4RouteStatus->routeIs({key, published->adjId(), true});
     unprogrammedRouteDel(routeKey);
   } else if (!programmed && published->inHw()) {
     trace_(6, "setting inHw to false", routeKey);
     in_.ipv4RouteStatus->routeIs({key, published->adjId(), false});
-    if (const auto route = in_.routeConfig->route(routeKey)) unprogrammedRouteIs(*route);
+    if (const auto route = in_.routeConfig->route(routeKey)) unprogrammed_.routeIs(*route);
   }
 }
 
@@ -283,22 +290,50 @@ void SwRouteSm::handleVrfId(std::uint32_t piVrfId) {
 void SwRouteSm::handleRouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
   if (!enableRouteProcessing_) return;
-  const std::size_t queuedBefore = routeToProcess_.size();
   std::uint64_t handled = 0;
-  if (processFreshRoutes(handled)) processWaitingRoutes(handled);
+  if (processFreshRoutes(handled) && processRoutesThatFindRoom<V4>(handled)) processRoutesThatFindRoom<V6>(handled);
   routeProcessingTask_.report(handled, routeToProcess_.size());
-
-  const bool fresh = routeToProcess_.hasFresh() || configWalk_.pending();
-  if (routeToProcess_.empty() && !fresh) {
-    if (restart_) {
-      scheduleAdjCleanupTask(0);
-      scheduleVtepResolutionCleanupTask(0);
-    }
-    restart_ = false;
-    return;
+  if (routeToProcess_.hasFresh() || configWalk_.pending() || hasRoomForWaiting<V4>() || hasRoomForWaiting<V6>()) {
+    scheduleRouteProcessingTask(routeProcessingInterval_);
   }
-  const bool progress = fresh || routeToProcess_.size() != queuedBefore;
-  scheduleRouteProcessingTask(progress ? routeProcessingInterval_ : routeProcessingIntervalDefer_);
+  routesProcessed();
+}
+
+// The leftovers in turn, until the time slice ends; each round is due routeProcessingIntervalDefer after the one before
+// has ended, whatever wakes the other task meanwhile. Only a round that gets some of them further goes on after its
+// slice, with a pause for tasks of lower priority.
+void SwRouteSm::handleLeftoverProcessing() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!enableRouteProcessing_) return;
+  const std::size_t before = routeToProcess_.leftoverCount();
+  if (leftoverRound_ == 0) leftoverRound_ = before;
+  std::uint64_t handled = 0;
+  const bool more = workOff(leftoverProcessingTask_, handled, [this] {
+    const auto visit = leftoverRound_ > 0 ? routeToProcess_.visitLeftover() : std::nullopt;
+    if (visit) processVisited(*visit);
+    if (visit) --leftoverRound_;
+    return visit.has_value();
+  });
+  leftoverProcessingTask_.report(handled, routeToProcess_.leftoverCount());
+  routeProcessingTask_.report(0, routeToProcess_.size());
+  if (more && leftoverRound_ > 0 && routeToProcess_.leftoverCount() < before) {
+    scheduleLeftoverProcessingTask(std::max(routeProcessingInterval_, walkPause));
+  } else {
+    leftoverRound_ = 0;
+  }
+  routesProcessed();
+}
+
+// After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
+// end.
+void SwRouteSm::routesProcessed() {
+  if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
+  if (!routeToProcess_.empty() || configWalk_.pending()) return;
+  if (restart_) {
+    scheduleAdjCleanupTask(0);
+    scheduleVtepResolutionCleanupTask(0);
+  }
+  restart_ = false;
 }
 
 // Routes that a reaction has put in, and those that a walk over the configuration brings. False: it is time to yield.
@@ -306,7 +341,8 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
   constexpr unsigned walkStep = 64;  // enough to make a step of the walk cheap, few enough to stay in the cache
   for (;;) {
     if (const auto visit = routeToProcess_.visitFresh()) {
-      processVisited(*visit, handled);
+      processVisited(*visit);
+      ++handled;
       if (routeProcessingTask_.shouldYield()) return false;
     } else if (configWalk_.pending()) {
       configWalk_.step(routeToProcess_, walkStep);
@@ -316,32 +352,25 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
   }
 }
 
-// Routes that wait for room while there is room, then one round over the others. False: it is time to yield.
-bool SwRouteSm::processWaitingRoutes(std::uint64_t& handled) {
-  const auto whileThereIsRoom = [&](AddressFamily family, const auto& table) {
-    while (table.hasRoom()) {
-      const auto visit = routeToProcess_.visitWaitingForRoom(family);
-      if (!visit) break;
-      processVisited(*visit, handled);
-      if (routeProcessingTask_.shouldYield()) return false;
-    }
-    return true;
-  };
-  if (!whileThereIsRoom(AddressFamily::ipv4, *in_.ipv4RouteStatus)) return false;
-  if (!whileThereIsRoom(AddressFamily::ipv6, *in_.ipv6RouteStatus)) return false;
-  for (std::size_t round = routeToProcess_.leftoverCount(); round > 0; --round) {
-    const auto visit = routeToProcess_.visitLeftover();
-    if (!visit) break;
-    processVisited(*visit, handled);
+template <class F>
+bool SwRouteSm::hasRoomForWaiting() const {
+  return routeToProcess_.isWaitingForRoom(F::family) && F::routes(*this)->hasRoom();
+}
+
+// Routes that wait for room, while there is some. False: it is time to yield.
+template <class F>
+bool SwRouteSm::processRoutesThatFindRoom(std::uint64_t& handled) {
+  while (hasRoomForWaiting<F>()) {
+    processVisited(*routeToProcess_.visitWaitingForRoom(F::family));
+    ++handled;
     if (routeProcessingTask_.shouldYield()) return false;
   }
   return true;
 }
 
-void SwRouteSm::processVisited(const RouteQueue::Visit& visit, std::uint64_t& handled) {
+void SwRouteSm::processVisited(const RouteQueue::Visit& visit) {
   processRoute(visit.key, (visit.flags & RouteQueue::vtepFlag) != 0, (visit.flags & RouteQueue::initFlag) != 0);
   routeToProcess_.visitEnded();
-  ++handled;
 }
 
 // --- Deciding one route ----------------------------------------------------------------------------------------------
@@ -380,7 +409,7 @@ void SwRouteSm::forgetRoute(const RouteKey& key) {
 
 // Something that the route needs is missing: it is withdrawn, recorded as unprogrammed, and stays queued.
 void SwRouteSm::parkRoute(const Route& route) {
-  unprogrammedRouteIs(route);
+  unprogrammed_.routeIs(route);
   deleteRouteFromRouteCacheStatus(route.key());
   routeToProcessIs(route.key(), RouteQueue::vtepFlag);
 }
@@ -410,7 +439,7 @@ void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNex
   // Asked before anything is taken: what stands stays, and a new route waits for room.
   if (!published && !F::routes(*this)->hasRoom()) {
     F::routeRoom(*this).refused(trace_, "route table full, parked: ", key);
-    unprogrammedRouteIs(route);
+    unprogrammed_.routeIs(route);
     routeToProcessIs(key, RouteQueue::vtepFlag);
     routeToProcess_.waitForRoom(key.prefix().family());
     return;
@@ -438,7 +467,7 @@ AdjId SwRouteSm::takeAdjId(const std::shared_ptr<IpMixedNexthopRef>& ref) {
     return adjId;
   }
   adjId = adjIds_.allocateAdjId(ref->v6nh() != nullptr, ref->v4nh() != nullptr);
-  // With the free list empty the route is published without an adjacency and tries again.
+  // With the free list empty the route is published without an adjacency, and tried again.
   if (isAdjacency(adjId)) adjIds_.nexthopIs(ref, adjId);
   return adjId;
 }
@@ -466,15 +495,22 @@ void SwRouteSm::addIpv6Route(const RouteKey& key, AdjId adjId, const std::shared
   addRoute<V6>(key, adjId, v4nh, v6nh, vtep, init);
 }
 
+bool SwRouteSm::adjacencyStands(AdjId adjId) const {
+  if (!isAdjacency(adjId)) return false;
+  return adjIds_.current(adjId) || ((!adjId.isAdjacencyV4() || in_.ipv4AdjStatus->has(adjId)) &&
+                                    (!adjId.isAdjacencyV6() || in_.ipv6AdjStatus->has(adjId)));
+}
+
 template <class F>
 bool SwRouteSm::isInHw(const typename F::Key& key, AdjId adjId) const {
+  if (!adjacencyStands(adjId)) return false;
   if constexpr (std::is_same_v<F, V4>) {
     if (in_.ipv4HwRouteStatus) {
       const auto hardware = in_.ipv4HwRouteStatus->route(key);
       return hardware && hardware->inHw() && hardware->adjId() == adjId;
     }
   }
-  return true;  // nothing to check against: what is published is what the hardware takes
+  return true;  // nothing more to check: what is published is what the hardware takes
 }
 
 template <class F>
@@ -506,7 +542,7 @@ void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr
   if (inHw) {
     unprogrammedRouteDel(key);
   } else if (const auto route = configOf(key).route(key)) {
-    unprogrammedRouteIs(*route);
+    unprogrammed_.routeIs(*route);
   }
 }
 
@@ -523,6 +559,7 @@ void SwRouteSm::deleteRoute(const typename F::Key& key) {
   const auto published = F::routes(*this)->route(key);
   if (!published) return;
   F::routes(*this)->routeDel(key);
+  if (hasRoomForWaiting<F>()) scheduleRouteProcessingTask(routeProcessingInterval_);
   if (F::inherited(*this).erase(key)) {
     updateRetention();
   } else if (isAdjacency(published->adjId())) {
@@ -532,22 +569,40 @@ void SwRouteSm::deleteRoute(const typename F::Key& key) {
 template void SwRouteSm::deleteRoute<SwRouteSm::V4>(const Ipv4RouteVrfKey& key);
 template void SwRouteSm::deleteRoute<SwRouteSm::V6>(const Ipv6RouteVrfKey& key);
 
-void SwRouteSm::unprogrammedRouteIs(const Route& route) {
-  auto& table = *in_.unprogrammedRouteConfig;
-  const auto recorded = table.route(route.key());
-  if (recorded && *recorded == route) return;
-  if (!recorded && !table.hasRoom()) {
-    unprogrammedRoom_.refused(trace_, "unprogrammed route table full, not recorded: ", route.key());
-    return;
-  }
-  table.routeIs(route);
-}
+// --- The record of unprogrammed routes -------------------------------------------------------------------------------
 
 void SwRouteSm::unprogrammedRouteDel(const RouteKey& key) {
-  auto& table = *in_.unprogrammedRouteConfig;
-  if (table.size() == 0 || !table.has(key)) return;
-  table.routeDel(key);
-  unprogrammedRoom_.written(true);
+  unprogrammed_.routeDel(key);
+  if (unprogrammed_.walkOwed()) scheduleUnprogrammedRecordTask(0);
 }
+
+void SwRouteSm::handleUnprogrammedRecord() {
+  trace_(9, __PRETTY_FUNCTION__);
+  // Long beside a time slice: among a million routes that are recorded or in hardware, the one that is neither may be
+  // the last.
+  constexpr double pause = 0.02;
+  std::uint64_t handled = 0;
+  const bool more = workOff(unprogrammedRecordTask_, handled, [this] { return recordNext(); });
+  unprogrammedRecordTask_.report(handled, 0);
+  if (more) scheduleUnprogrammedRecordTask(pause);
+}
+
+// One step of the walk for those that were left out. False: nobody was, or there is no room.
+bool SwRouteSm::recordNext() {
+  if (!unprogrammed_.walkOwed()) return false;
+  const auto key = unprogrammed_.walkStep();
+  if (!key || (key->prefix().isV4() ? isPublishedInHw<V4>(*key) : isPublishedInHw<V6>(*key))) return true;
+  if (const auto route = configOf(*key).route(*key)) unprogrammed_.routeIs(*route);
+  return true;
+}
+
+template <class F>
+bool SwRouteSm::isPublishedInHw(const RouteKey& key) const {
+  const auto statusKey = tableKey<F>(key);
+  const auto published = statusKey ? F::routes(*this)->route(*statusKey) : std::nullopt;
+  return published && published->inHw();
+}
+template bool SwRouteSm::isPublishedInHw<SwRouteSm::V4>(const RouteKey& key) const;
+template bool SwRouteSm::isPublishedInHw<SwRouteSm::V6>(const RouteKey& key) const;
 
 }  // namespace RouteCache

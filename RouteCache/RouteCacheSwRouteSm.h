@@ -6,7 +6,11 @@
 //
 // A route's way: a reaction queues its key; the route-processing task decides it (processRoute); it ends published,
 // parked and still queued (something it needs is missing), or parked and out of the queue (its tunnel interface is
-// down; the interface coming up queues all routes).
+// down; the interface coming up queues all routes). What stays queued without a change to wait for is tried again at a
+// time of its own, a time slice each routeProcessingIntervalDefer: a fresh change never drags it along.
+//
+// A route for whose adjacency there is no room, or no identifier, is published without one, stays queued, and counts
+// as not in hardware: nobody forwards by it.
 //
 // Restart. The tables outlive the agent. A route that a predecessor published and that this life has not processed yet
 // is *inherited*: it holds no reference and no registration. Its first processing makes it an ordinary one.
@@ -16,7 +20,8 @@
 //   - for each VTEP: registrations = those routes whose next-hop set names it, each counted once;
 //   - forward and reverse maps agree;
 //   - every published route names an adjacency that stands, or is queued for one;
-//   - every configured route is published, parked or queued.
+//   - every configured route is published, parked or queued;
+//   - every configured route that is not in hardware is recorded as unprogrammed, unless the record is full.
 // Identifier number 0 (the free list ran out) stands for no adjacency and holds nothing.
 #pragma once
 
@@ -32,6 +37,7 @@
 #include "RouteCache/RouteCacheRouteQueue.h"
 #include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheTask.h"
+#include "RouteCache/RouteCacheUnprogrammedRecord.h"
 #include "RouteCache/RouteCacheVteps.h"
 #include "RouteCache/RouteConfigWalk.h"
 #include "platform/Nexthop.h"
@@ -106,6 +112,8 @@ class SwRouteSm final : public Lattis::Entity {
   bool adjToProcessHas(AdjId adjId) const { return adjToProcess_.contains(adjId); }
   const std::set<AdjId>& adjToProcess() const { return adjToProcess_; }
   const AdjacencyIds& adjIds() const { return adjIds_; }
+  void freeAdjIdEnq(AdjId adjId) { adjIds_.freeAdjIdEnq(adjId); }
+  void freeAdjIdDelAll() { adjIds_.freeAdjIdDelAll(); }
 
   // --- Next hops and VTEPs ---------------------------------------------------------------------------------------
   void addUnderlayVtepIpv4Monitoring(IpAddr ip);
@@ -138,6 +146,8 @@ class SwRouteSm final : public Lattis::Entity {
 
   // --- Task bodies and requests ----------------------------------------------------------------------------------
   void handleRouteProcessing();
+  void handleLeftoverProcessing();
+  void handleUnprogrammedRecord();
   void handleAdjProcessing();
   void handleAdjCleanup();
   void handleVtepResolutionCleanup();
@@ -148,6 +158,8 @@ class SwRouteSm final : public Lattis::Entity {
   void handleRoute6Sync();
   void handleInitComplete();
   void scheduleRouteProcessingTask(double seconds) { routeProcessingTask_.schedule(seconds); }
+  void scheduleLeftoverProcessingTask(double seconds) { leftoverProcessingTask_.schedule(seconds); }
+  void scheduleUnprogrammedRecordTask(double seconds) { unprogrammedRecordTask_.schedule(seconds); }
   void scheduleAdjProcessingTask(double seconds) { adjProcessingTask_.schedule(seconds); }
   void scheduleAdjCleanupTask(double seconds) { adjCleanupTask_.schedule(seconds); }
   void scheduleVtepResolutionCleanupTask(double seconds) { vtepResolutionCleanupTask_.schedule(seconds); }
@@ -182,7 +194,7 @@ class SwRouteSm final : public Lattis::Entity {
   void initIntervalIs(double seconds) { initInterval_ = seconds; }
   std::uint64_t routeToProcessCount() const { return routeToProcess_.size(); }
   // How often the record of an unprogrammed route was left out because its table was full.
-  std::uint64_t unprogrammedSkipped() const { return unprogrammedRoom_.refusals; }
+  std::uint64_t unprogrammedSkipped() const { return unprogrammed_.refusals(); }
   std::optional<Ipv4RouteVrfKey> routeSyncBookmark() const { return ipv4Sync_.bookmark; }
   std::optional<Ipv6RouteVrfKey> route6SyncBookmark() const { return ipv6Sync_.bookmark; }
   std::optional<AdjId> ipv4AdjSyncBookmark() const { return ipv4AdjSync_.bookmark; }
@@ -229,12 +241,10 @@ class SwRouteSm final : public Lattis::Entity {
   // A table that was found full: traced once until there is room again.
   struct RoomEpisode {
     bool full = false;
-    std::uint64_t refusals = 0;
     template <class Text, class Key>
     void refused(const Platform::TraceHandle& trace, const Text& text, const Key& key) {
       if (!full) trace(2, text, key);
       full = true;
-      ++refusals;
     }
     void written(bool hasRoom) { full = full && !hasRoom; }
   };
@@ -261,11 +271,15 @@ class SwRouteSm final : public Lattis::Entity {
                 const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init);
   template <class F>
   bool isInHw(const typename F::Key& key, AdjId adjId) const;
+  // Readers find all of the adjacency.
+  bool adjacencyStands(AdjId adjId) const;
   template <class F>
   void deleteRoute(const typename F::Key& key);
-  // The record of a route that is not in hardware: written when there is room, removed when it is there.
-  void unprogrammedRouteIs(const Routing::Rib::Route& route);
+  // Takes the route out of the record; what was left out of it may come in.
   void unprogrammedRouteDel(const RouteKey& key);
+  bool recordNext();
+  template <class F>
+  bool isPublishedInHw(const RouteKey& key) const;
 
   void addMonitoring(const Ipv4NexthopRef* v4nh, const Ipv6NexthopRef* v6nh);
   void removeMonitoring(const Ipv4NexthopRef* v4nh, const Ipv6NexthopRef* v6nh);
@@ -294,8 +308,12 @@ class SwRouteSm final : public Lattis::Entity {
   void updateRetention();
 
   bool processFreshRoutes(std::uint64_t& handled);
-  bool processWaitingRoutes(std::uint64_t& handled);
-  void processVisited(const RouteQueue::Visit& visit, std::uint64_t& handled);
+  template <class F>
+  bool processRoutesThatFindRoom(std::uint64_t& handled);
+  template <class F>
+  bool hasRoomForWaiting() const;
+  void routesProcessed();
+  void processVisited(const RouteQueue::Visit& visit);
 
   // Registers the underlay's VRF with the resolver, and again if somebody else has withdrawn it.
   void nexthopVrfConfigIs();
@@ -315,6 +333,7 @@ class SwRouteSm final : public Lattis::Entity {
   Platform::TraceHandle trace_;
 
   RouteQueue routeToProcess_;
+  std::size_t leftoverRound_ = 0;  // leftovers still to visit in the round that goes on
   RouteConfigWalk configWalk_;
   AdjacencyIds adjIds_;
   std::set<AdjId> adjToProcess_;
@@ -328,7 +347,7 @@ class SwRouteSm final : public Lattis::Entity {
   FlatSet<Ipv6RouteVrfKey> inherited6_;
   std::shared_ptr<Routing::NexthopVrfConfig> nexthopVrfConfig_;
   std::shared_ptr<const Routing::NexthopVrfStatus> nexthopVrfStatus_;  // of the VRF "default"; null: no answers yet
-  RoomEpisode unprogrammedRoom_;
+  UnprogrammedRecord unprogrammed_;
   RoomEpisode routeRoom4_;
   RoomEpisode routeRoom6_;
   RoomEpisode adjRoom4_;
@@ -362,6 +381,8 @@ class SwRouteSm final : public Lattis::Entity {
   DeferredTask initTask_;
   DeferredTask routeProcessingTask_;
   DeferredTask adjProcessingTask_;
+  DeferredTask leftoverProcessingTask_;
+  DeferredTask unprogrammedRecordTask_;
 
   // Last: they call back into all of the above.
   std::unique_ptr<RouteConfigReactor> routeReactor_;

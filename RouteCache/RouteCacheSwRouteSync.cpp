@@ -258,16 +258,17 @@ std::map<AdjId, std::uint32_t> SwRouteSm::countHeldRoutes() const {
   std::map<AdjId, std::uint32_t> held;
   for (const auto& route : *F::routes(*this)) {
     const AdjId adjId = route.adjId();
+    const bool inherited = F::inherited(*this).has(route.key());
+    PLATFORM_ASSERT_TEXT(adjacencyStands(adjId) || !route.inHw() || inherited,
+                         "a published route without an adjacency is not in hardware");
     if (!isAdjacency(adjId)) continue;
-    if (!F::inherited(*this).has(route.key())) ++held[adjId];
-    PLATFORM_ASSERT_TEXT(adjIds_.adjIdRefCountHas(adjId) || F::inherited(*this).has(route.key()),
-                         "a published route names an identifier in use");
-    const bool stands = (!adjId.isAdjacencyV4() || in_.ipv4AdjStatus->has(adjId)) &&
-                        (!adjId.isAdjacencyV6() || in_.ipv6AdjStatus->has(adjId));
+    if (!inherited) ++held[adjId];
+    PLATFORM_ASSERT_TEXT(adjIds_.adjIdRefCountHas(adjId) || inherited, "a published route names an identifier in use");
     const RouteKey key(in_.vrfIdMap->hwVrfIdToGlobalVrfId(route.key().vrfId()), route.key().prefix());
-    PLATFORM_ASSERT_TEXT(stands || routeToProcess_.flags(key) || configWalk_.willMeet(key) ||
-                             F::inherited(*this).has(route.key()) || !F::config(*this).has(key),
-                         "a published route's adjacency stands, or the route is queued for it");
+    const bool followsHw = F::family == AddressFamily::ipv4 && in_.ipv4HwRouteStatus;
+    PLATFORM_ASSERT_TEXT((adjacencyStands(adjId) && (route.inHw() || followsHw)) || routeToProcess_.flags(key) ||
+                             configWalk_.willMeet(key) || inherited || !F::config(*this).has(key),
+                         "a published route's adjacency stands and it is in hardware, or it is queued for that");
   }
   return held;
 }
@@ -301,15 +302,18 @@ void SwRouteSm::checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) cons
   }
 }
 
+// Apart from those that are still to be visited as something has changed.
 void SwRouteSm::checkConfiguredRoutes(const Routing::Rib::RouteConfig& config) const {
+  std::set<RouteKey> fresh;
+  routeToProcess_.forEachFresh([&](const RouteKey& key) { fresh.insert(key); });
   for (const auto& route : config) {
     const RouteKey& key = route.key();
-    if (routeToProcess_.flags(key) || configWalk_.willMeet(key) || in_.unprogrammedRouteConfig->has(key)) continue;
-    if (in_.unprogrammedRouteConfig->size() >= in_.unprogrammedRouteConfig->capacity()) continue;  // parked, no record
-    const auto v4Key = key.prefix().isV4() ? tableKey<V4>(key) : std::nullopt;
-    const auto v6Key = key.prefix().isV4() ? std::nullopt : tableKey<V6>(key);
-    const bool published = (v4Key && in_.ipv4RouteStatus->has(*v4Key)) || (v6Key && in_.ipv6RouteStatus->has(*v6Key));
-    PLATFORM_ASSERT_TEXT(published, "a configured route is published, parked or queued");
+    if (&configOf(key) != &config || fresh.contains(key) || configWalk_.willMeet(key)) continue;
+    const bool inHw = key.prefix().isV4() ? isPublishedInHw<V4>(key) : isPublishedInHw<V6>(key);
+    const bool recorded = unprogrammed_.table().has(key);
+    PLATFORM_ASSERT_TEXT(!recorded || !inHw, "a route that is in hardware is not recorded as unprogrammed");
+    PLATFORM_ASSERT_TEXT(recorded || inHw || unprogrammed_.willMeet(key),
+                         "a configured route that is not in hardware is recorded, or left out for want of room");
   }
 }
 

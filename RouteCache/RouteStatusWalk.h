@@ -1,5 +1,5 @@
-// Walks over a published route table that are owed to some of its VRFs, or to all: because what decides their routes
-// has changed. Asking costs nothing; the keys are handed out one by one to the task that decides them.
+// Walks over a route table that are owed to some of its VRFs, or to all: because what decides their routes has changed.
+// Asking costs nothing; the keys are handed out one by one to the task that decides them.
 //
 // All requests share one walk, which goes round the table in key order: each VRF that is asked for gets one whole lap
 // from where the walk stands then. Asking again before that lap is over moves its end, so that a hundred thousand

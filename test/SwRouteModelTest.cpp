@@ -1,5 +1,6 @@
 // Random sequences of everything that can happen to routes, against a plain model that says what must be published in
-// the end. The invariants are checked after every task run; agents come and go in between.
+// the end, as far as the tables have room. The invariants are checked after every task run; agents come and go in
+// between, with hardware route caching and without. In the end a stream of changes runs beside all that waits.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 
 namespace {
 
+using RouteCache::AdjId;
 using ViaNexthop = SimulatedSwitch::ViaNexthop;
 
 struct Vti {
@@ -88,12 +90,27 @@ struct Model {
   }
 };
 
+bool isIpv6(const std::string& prefix) {
+  return prefix.find(':') != std::string::npos;
+}
+
+// There are 16 IPv4 and 8 IPv6 routes over up to 8 next-hop sets: about every second thing is too small for them.
 class RandomSwitch {
  public:
-  explicit RandomSwitch(unsigned seed) : random_(seed) {
+  // `overflows`: how often each thing was found too small.
+  RandomSwitch(unsigned seed, std::map<std::string, int>& overflows) : overflows_(overflows), random_(seed) {
+    const auto room = [this](unsigned least, unsigned most) { return pick(2) ? 64 : least + pick(most - least + 1); };
+    hwRoutes_ = room(2, 6);
+    sfeRoutes_ = room(2, 10);
+    adjacencies_ = room(1, 3);
+    identifiers_ = room(1, 4);
+    record_ = room(1, 6);
+    caching_ = pick(3) == 0;
     sw.scheduler.yieldAfterEntriesIs(pick(3));
-    // Tight enough that waiting for room happens, never so tight that something is missing in the end.
-    sw.capability(64, 64, 64);
+    sw.capability(hwRoutes_, sfeRoutes_, adjacencies_);
+    sw.identifiers(identifiers_);
+    sw.recordCapacity(record_);
+    sw.hwRouteCaching(caching_);
   }
 
   void step() {
@@ -122,29 +139,150 @@ class RandomSwitch {
     }
   }
 
+  // Everything that there can be at once, so that whatever is too small overflows.
+  void fill() {
+    for (const char* name : vrfNames) {
+      pairVrf(name);
+      if (!model.hwVrfs.contains(name)) swapHwVrf(name, name == vrfNames[0] ? 0 : 100 + pick(4));
+    }
+    for (const char* name : {"Vxlan1", "Vxlan2"}) {
+      vtiUp(name, true, true);
+      for (unsigned i = 0; i < 3; ++i) vlanIs(name, static_cast<Bridging::ExtendedVlanId>(10 + i));
+    }
+    for (std::uint64_t key = 1; key <= vias; ++key) viaIs(key, 1 + pick(4));
+    for (std::uint32_t pi = 1; pi <= std::size(vrfNames); ++pi) {
+      for (const char* prefix : prefixes) routeIs(prefix, pi);
+    }
+  }
+
   void finish() {
     // A via is picked up when its routes are next processed: the routing process rewrites them with it.
     for (const auto& [key, viaKey] : model.routes) sw.route(key.second, key.first, viaKey);
     if (!sw.running()) sw.start();
-    sw.advance(900);
+    sw.advance(400);
   }
+
+  // What is published is what is configured; what is missing is missing because something is full.
+  void check() {
+    const auto& sm = sw.sm();
+    const auto expected = model.published();
+    const auto published = sw.published();
+    std::size_t wanted[2] = {}, found[2] = {};
+    for (const auto& route : expected) ++wanted[isIpv6(route.first)];
+    for (const auto& [key, nexthops] : published) {
+      SCOPED_TRACE(key);
+      ++found[isIpv6(key)];
+      ASSERT_TRUE(expected.contains(key));
+      const auto [adjId, inHw] = stateOf(key);
+      if (nexthops == expected.at(key)) {
+        ASSERT_EQ(inHw, isIpv6(key) || !caching_ || isInHardware(key, adjId));
+        continue;
+      }
+      ASSERT_FALSE(inHw) << "without its adjacency: " << nexthops;
+      const bool numbered = (adjId.value() & AdjId::adjacencyIdMask) != 0;
+      const bool full4 = adjId.isAdjacencyV4() && !sm.ipv4AdjStatus()->has(adjId) && !sm.ipv4AdjStatus()->hasRoom();
+      const bool full6 = adjId.isAdjacencyV6() && !sm.ipv6AdjStatus()->has(adjId) && !sm.ipv6AdjStatus()->hasRoom();
+      ASSERT_TRUE(numbered ? full4 || full6 : sm.adjIds().freeAdjId().size() == 0) << nexthops;
+    }
+    ASSERT_EQ(found[0], std::min<std::size_t>(wanted[0], caching_ ? sfeRoutes_ : hwRoutes_));
+    ASSERT_EQ(found[1], std::min<std::size_t>(wanted[1], hwRoutes_));
+    checkRecord();
+    overflows_["IPv4 routes"] += !caching_ && found[0] < wanted[0];
+    overflows_["SFE routes"] += caching_ && found[0] < wanted[0];
+    overflows_["IPv6 routes"] += found[1] < wanted[1];
+    overflows_["IPv4 adjacencies"] += !sm.ipv4AdjStatus()->hasRoom();
+    overflows_["IPv6 adjacencies"] += !sm.ipv6AdjStatus()->hasRoom();
+    overflows_["identifiers"] += sm.adjIds().freeAdjId().size() == 0;
+  }
+
+  // A change every 50 ms for two seconds costs a visit each; what waits is tried again in its own time, and only what
+  // waits for no change.
+  void stream() {
+    if (model.routes.empty()) return;
+    const auto& [key, viaKey] = *std::next(model.routes.begin(), pick(static_cast<unsigned>(model.routes.size())));
+    const auto work = [this](std::initializer_list<const char*> tasks) {
+      std::uint64_t sum = 0;
+      for (const char* task : tasks) sum += sw.workDone(task);
+      return sum;
+    };
+    const struct {
+      const char* what;
+      std::initializer_list<const char*> tasks;
+      std::uint64_t most;
+    } costs[] = {
+        {"changes", {"routeProcessingTask"}, 40},
+        {"leftovers", {"leftoverProcessingTask"}, 3 * (sw.sm().routeToProcess().leftoverCount() + 1)},
+        {"record", {"unprogrammedRecordTask"}, 0},
+        {"hardware", {"hwRouteProcessingTask", "sfeRouteHitProcessingTask"}, 0},
+        {"kernel", {"ipv4RouteProcessingTask", "ipv6RouteProcessingTask", "kernelRouteProcessingTask"}, 40},
+    };
+    std::vector<std::uint64_t> before;
+    for (const auto& cost : costs) before.push_back(work(cost.tasks));
+    for (int i = 0; i < 40; ++i) {
+      sw.route(key.second, key.first, viaKey);
+      sw.advance(0.05);
+    }
+    for (std::size_t i = 0; i < std::size(costs); ++i) {
+      ASSERT_LE(work(costs[i].tasks) - before[i], costs[i].most) << costs[i].what;
+    }
+  }
+
+  std::uint32_t identifiers() const { return identifiers_; }
 
   SimulatedSwitch sw;
   Model model;
 
  private:
+  // Identifier and inHw of a published route, "10.0.0.0/8@7".
+  std::pair<AdjId, bool> stateOf(const std::string& key) {
+    const auto of = [](const auto& route) { return std::pair(route->adjId(), route->inHw()); };
+    if (isIpv6(key)) {
+      return of(sw.sm().ipv6RouteStatus()->route(Platform::fromText<RouteCache::Ipv6RouteVrfKey>(key)));
+    }
+    return of(sw.sm().ipv4RouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key)));
+  }
+  bool isInHardware(const std::string& key, AdjId adjId) {
+    const auto route = sw.agent().ipv4HwRouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key));
+    return route && route->inHw() && route->adjId() == adjId;
+  }
+  // Every configured route that is not in hardware is recorded, as far as there is room.
+  void checkRecord() {
+    const auto published = sw.publishedKeys();
+    std::set<std::string> notInHw;
+    for (const auto& route : model.routes) {
+      const auto& [piVrfId, prefix] = route.first;
+      const auto hwVrf = model.hwVrfOf(piVrfId);
+      const std::string key = prefix + "@" + std::to_string(hwVrf.value_or(0));
+      if (!hwVrf || !published.contains(key) || !stateOf(key).second) {
+        notInHw.insert(prefix + "@" + std::to_string(piVrfId));
+      }
+    }
+    const auto recorded = sw.unprogrammed();
+    for (const auto& key : recorded) ASSERT_TRUE(notInHw.contains(key)) << key;
+    ASSERT_EQ(recorded.size(), std::min<std::size_t>(notInHw.size(), record_));
+    overflows_["record"] += recorded.size() < notInHw.size();
+  }
+
   unsigned pick(unsigned count) { return static_cast<unsigned>(random_() % count); }
   template <std::size_t N>
   std::string one(const char* const (&of)[N]) {
     return of[pick(N)];
   }
 
+  static constexpr const char* vrfNames[] = {"default", "red", "blue", "a/b"};
+  static constexpr const char* prefixes[] = {"0.0.0.0/0",   "10.0.0.0/8", "10.1.0.0/16",
+                                             "10.1.2.3/32", "::/0",       "2001:db8::/32"};
+  static constexpr unsigned vias = 8;
+
+  // Each name has a pi id of its own; hardware ids move about, and for a while two names may claim one.
+  void pairVrf(const std::string& name) {
+    const auto at = std::find(std::begin(vrfNames), std::end(vrfNames), name);
+    const auto pi = static_cast<std::uint32_t>(at - std::begin(vrfNames)) + 1;
+    sw.piVrf(name, pi);
+    model.piVrfs[name] = pi;
+  }
   void vrf() {
-    static constexpr const char* names[] = {"default", "red", "blue", "a/b"};
-    const std::string name = one(names);
-    // Each name has a pi id of its own; hardware ids move about, and for a while two names may claim one.
-    const std::uint32_t pi =
-        static_cast<std::uint32_t>(std::find(std::begin(names), std::end(names), name) - names) + 1;
+    const std::string name = one(vrfNames);
     switch (pick(4)) {
       case 0:
         sw.piVrfGone(name);
@@ -155,9 +293,7 @@ class RandomSwitch {
         model.hwVrfs.erase(name);
         return;
       case 2:
-        sw.piVrf(name, pi);
-        model.piVrfs[name] = pi;
-        return;
+        return pairVrf(name);
       default:
         swapHwVrf(name, name == "default" ? 0 : 100 + pick(4));
     }
@@ -197,7 +333,9 @@ class RandomSwitch {
       return;
     }
     const bool v4 = pick(3) != 0;
-    const bool v6 = pick(2) != 0;
+    vtiUp(name, v4, pick(2) != 0);
+  }
+  void vtiUp(const std::string& name, bool v4, bool v6) {
     sw.vti(name, v4 ? "192.0.2.1" : "", v6 ? "2001:db8::1" : "");
     Vti& vti = model.vtis[name];
     vti.up = true;
@@ -214,14 +352,17 @@ class RandomSwitch {
       model.vtis[name].vlans.erase(vlan);
       return;
     }
+    vlanIs(name, vlan);
+  }
+  void vlanIs(const std::string& name, Bridging::ExtendedVlanId vlan) {
     // One VLAN for a VNI, so that the model need not know which of two was heard of last.
     sw.vlan(name, vlan, 1000U + vlan);
     model.vtis[name].vlans[vlan] = 1000U + vlan;
   }
 
   void underlay() {
-    static constexpr const char* prefixes[] = {"10.255.0.0/16", "10.255.0.1/32", "2001:db8:ff::/48"};
-    const std::string prefix = one(prefixes);
+    static constexpr const char* underlays[] = {"10.255.0.0/16", "10.255.0.1/32", "2001:db8:ff::/48"};
+    const std::string prefix = one(underlays);
     if (pick(3) == 0) {
       sw.underlayGone(prefix);
       model.underlay.erase(prefix);
@@ -233,30 +374,32 @@ class RandomSwitch {
   }
 
   void via() {
-    static constexpr const char* vteps[] = {"10.255.0.1", "10.255.0.2", "10.254.0.1", "2001:db8:ff::1",
-                                            "2001:db8:fe::1"};
-    static constexpr const char* macs[] = {"00:1c:73:00:00:01", "00:1c:73:00:00:02"};
-    const std::uint64_t key = 1 + pick(8);
+    const std::uint64_t key = 1 + pick(vias);
     if (pick(6) == 0) {
       sw.viaGone(key);
       model.vias.erase(key);
     } else {
-      std::vector<ViaNexthop> nexthops;
-      for (unsigned count = pick(5) == 0 ? 33 : 1 + pick(4); count > 0; --count) {
-        nexthops.push_back(sw.nexthop(one(vteps), pick(2) ? "Vxlan1" : "Vxlan2", pick(2) ? 1010 + pick(3) : 0,
-                                      static_cast<Bridging::ExtendedVlanId>(10 + pick(2)), one(macs)));
-      }
-      sw.via(key, nexthops);
-      model.vias[key] = nexthops;
+      viaIs(key, pick(5) == 0 ? 33 : 1 + pick(4));
     }
     for (const auto& [route, viaKey] : model.routes) {
       if (viaKey == key) sw.route(route.second, route.first, viaKey);
     }
   }
 
+  void viaIs(std::uint64_t key, unsigned count) {
+    static constexpr const char* vteps[] = {"10.255.0.1", "10.255.0.2", "10.254.0.1", "2001:db8:ff::1",
+                                            "2001:db8:fe::1"};
+    static constexpr const char* macs[] = {"00:1c:73:00:00:01", "00:1c:73:00:00:02"};
+    std::vector<ViaNexthop> nexthops;
+    for (; count > 0; --count) {
+      nexthops.push_back(sw.nexthop(one(vteps), pick(2) ? "Vxlan1" : "Vxlan2", pick(2) ? 1010 + pick(3) : 0,
+                                    static_cast<Bridging::ExtendedVlanId>(10 + pick(2)), one(macs)));
+    }
+    sw.via(key, nexthops);
+    model.vias[key] = nexthops;
+  }
+
   void route() {
-    static constexpr const char* prefixes[] = {"0.0.0.0/0",   "10.0.0.0/8", "10.1.0.0/16",
-                                               "10.1.2.3/32", "::/0",       "2001:db8::/32"};
     const std::uint32_t pi = 1 + pick(4);
     const std::string prefix = one(prefixes);
     if (pick(3) == 0) {
@@ -264,7 +407,10 @@ class RandomSwitch {
       model.routes.erase({pi, prefix});
       return;
     }
-    const std::uint64_t viaKey = 1 + pick(8);
+    routeIs(prefix, pi);
+  }
+  void routeIs(const std::string& prefix, std::uint32_t pi) {
+    const std::uint64_t viaKey = 1 + pick(vias);
     sw.route(prefix, pi, viaKey);
     model.routes[{pi, prefix}] = viaKey;
   }
@@ -277,34 +423,39 @@ class RandomSwitch {
     }
   }
 
+  std::map<std::string, int>& overflows_;
   std::mt19937 random_;
+  std::uint32_t hwRoutes_, sfeRoutes_, adjacencies_, identifiers_, record_;
+  bool caching_;
 };
 
 class SwRouteModelTest : public testing::TestWithParam<unsigned> {};
 
 TEST_P(SwRouteModelTest, EndsWithWhatIsConfigured) {
-  for (unsigned seed = GetParam() * 1000; seed < GetParam() * 1000 + 20; ++seed) {
+  std::map<std::string, int> overflows;
+  for (unsigned seed = GetParam() * 1000; seed < GetParam() * 1000 + 12; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomSwitch random(seed);
+    RandomSwitch random(seed, overflows);
     random.sw.start();
     for (int round = 0; round < 4; ++round) {
       for (int i = 0; i < 60; ++i) random.step();
+      if (round % 2 == 0) random.fill();
+      for (int i = 0; i < 6; ++i) random.step();
       random.finish();
-      ASSERT_EQ(random.sw.published(), random.model.published());
+      ASSERT_NO_FATAL_FAILURE(random.check());
+      ASSERT_NO_FATAL_FAILURE(random.stream());
     }
-    // Nothing is left of what is gone: as many adjacencies as distinct next-hop sets, one request for each VTEP.
-    std::set<std::string> sets;
-    std::set<std::string> vteps;
-    for (const auto& route : random.model.published()) sets.insert(route.second);
-    ASSERT_GE(random.sw.adjacencyIds().size(), sets.size());
+    // Nothing is left of what is gone.
     for (const auto& route : random.model.routes) random.sw.routeGone(route.first.second, route.first.first);
-    random.sw.advance(900);
+    random.sw.advance(400);
     ASSERT_TRUE(random.sw.published().empty());
     ASSERT_TRUE(random.sw.adjacencyIds().empty());
     ASSERT_TRUE(random.sw.requests().empty());
     ASSERT_TRUE(random.sw.unprogrammed().empty());
     ASSERT_EQ(random.sw.sm().routeToProcess().size(), 0u);
+    ASSERT_EQ(random.sw.sm().adjIds().freeAdjId().size(), random.identifiers());
   }
+  for (const auto& [what, count] : overflows) EXPECT_GT(count, 0) << what << " were never too small";
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, SwRouteModelTest, testing::Range(1U, 5U));

@@ -203,8 +203,8 @@ TEST_P(SwRouteSmTest, FullTablesHoldBackWhatIsNewAndLetItInWhenThereIsRoom) {
   sw.start();
   settle();
   EXPECT_EQ(sw.published().size(), 3u);
-  EXPECT_EQ(sw.unprogrammed().size(), 2u);
-  EXPECT_EQ(sw.adjacencyIds().size(), 2u);  // one route is published without its adjacency and stays queued
+  EXPECT_EQ(sw.unprogrammed().size(), 3u);
+  EXPECT_EQ(sw.adjacencyIds().size(), 2u);  // one route is published without its adjacency: nobody forwards by it
   EXPECT_EQ(sw.trace.count("route table full"), 1u);
   EXPECT_EQ(sw.trace.count("adjacency table full"), 1u);
   for (std::uint64_t key = 1; key <= 5; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, 1);
@@ -368,9 +368,12 @@ TEST_P(SwRouteSmTest, NoIdentifierIsReusedWhileAnInheritedRouteNamesIt) {
 
 TEST_P(SwRouteSmTest, AnInheritedRouteKeepsItsIdentifierAlsoWithoutAnAdjacency) {
   sw.capability(100, 100, 2);
+  sw.recordCapacity(1);  // and another route has it: what is recorded is decided at once after a restart
+  sw.route("11.0.0.0/8", 9, 1);
+  sw.start();
+  settle();
   for (std::uint64_t key = 1; key <= 4; ++key) sw.via(key, {sw.nexthop("10.255.0." + std::to_string(key))});
   for (std::uint64_t key = 1; key <= 3; ++key) sw.route("10." + std::to_string(key) + ".0.0/16", 1, key);
-  sw.start();
   settle();
   sw.stop();
   // The route that found no room for its adjacency is withdrawn while the agent is away; a new one comes.
@@ -426,6 +429,43 @@ TEST_P(SwRouteSmTest, RoutesOfAVrfThatNeverComesCostNothingAndDelayNobody) {
   sw.vrf("nine", 9, 109);
   sw.advance(0);
   EXPECT_EQ(sw.published().size(), 3001u);
+}
+
+TEST_P(SwRouteSmTest, AFreshChangeDoesNotDragAlongWhatIsTriedAgain) {
+  sw.checkEveryRunIs(false);
+  constexpr unsigned waiting = 3000;
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("20.0.0.0/8", 1, 1);
+  sw.start();
+  settle();
+  for (unsigned i = 0; i < waiting; ++i) {
+    sw.route("10." + std::to_string(i / 250) + "." + std::to_string(i % 250) + ".0/24", 1, 9);
+  }
+  settle();
+  ASSERT_EQ(sw.sm().routeToProcess().leftoverCount(), waiting);
+  const auto work = [&](const char* task) { return sw.workDone(task); };
+  const auto fresh = work("routeProcessingTask");
+  const auto again = work("leftoverProcessingTask");
+  for (int i = 0; i < 1000; ++i) {
+    sw.route("20.0.0.0/8", 1, 1);
+    sw.advance(0.002);
+  }
+  EXPECT_EQ(work("routeProcessingTask") - fresh, 1000u);
+  // One slice of it a second: all of them, or one.
+  EXPECT_LE(work("leftoverProcessingTask") - again, 3 * (GetParam() == 0 ? waiting : 1));
+  EXPECT_GE(work("leftoverProcessingTask") - again, GetParam() == 0 ? waiting : 1);
+
+  // What they wait for comes: they are published with the next round, which goes on while it gets them further. The
+  // queue is empty then, which ends a restart.
+  sw.stop();
+  sw.start();
+  sw.advance(1.5);
+  EXPECT_TRUE(sw.sm().restart());
+  sw.via(9, {sw.nexthop("10.255.0.1")});
+  sw.advance(1 + (GetParam() == 0 ? 0 : 0.001 * waiting));
+  EXPECT_EQ(sw.published().size(), waiting + 1);
+  EXPECT_EQ(sw.sm().routeToProcess().size(), 0u);
+  EXPECT_FALSE(sw.sm().restart());
 }
 
 TEST_P(SwRouteSmTest, AKeyThatIsNoneHoldsUpNobody) {

@@ -25,6 +25,7 @@ SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
   capability(10000, 10000, 10000);
   scheduler.afterRunIs([this] {
     deliver();
+    limitIdentifiers();
     if (agent_ && checkEveryRun_) agent_->checkInvariants();
   });
 }
@@ -52,6 +53,25 @@ void SimulatedSwitch::deliver() {
   if (!agentTables || !mountsDone_) return;
   agentTables->pendingChanges();
   agentTables->deliverChanges([] { return false; });
+}
+
+// Once the agent has filled its free list, and before it takes the first.
+void SimulatedSwitch::limitIdentifiers() {
+  if (identifiers_ == 0 || identifiersLimited_ || !agent_ || !agent_->swRouteSm()) return;
+  if (!sm().enableRouteProcessing()) return;
+  identifiersLimited_ = true;
+  sm().freeAdjIdDelAll();
+  for (std::uint32_t number = 1; number <= identifiers_; ++number) {
+    if (!sm().adjIds().numberInUse(RouteCache::AdjId(number))) sm().freeAdjIdEnq(RouteCache::AdjId(number));
+  }
+}
+
+std::uint64_t SimulatedSwitch::workDone(const std::string& task) const {
+  std::uint64_t work = 0;
+  for (const auto& statistics : scheduler.statistics()) {
+    if (statistics.name == task) work += statistics.workDone;
+  }
+  return work;
 }
 
 // --- Configuration ---------------------------------------------------------------------------------------------------
@@ -245,6 +265,8 @@ void SimulatedSwitch::start() {
     return found == environment.end() ? nullptr : found->second.c_str();
   };
   agent_->servicesIs(services);
+  if (recordCapacity_ != 0) agent_->unprogrammedRouteTableSizeIs(recordCapacity_);
+  identifiersLimited_ = false;
   stateDb->afterMountsIs([this] { mountsDone_ = true; });
   agent_->doInit();
 }

@@ -28,6 +28,9 @@ class SimulatedSwitch {
 
   // --- What is configured; sizes and caching count for the next agent ---
   void capability(std::uint32_t hwRoutes, std::uint32_t sfeRoutes, std::uint32_t adjacencies);
+  void recordCapacity(std::uint32_t entries) { recordCapacity_ = entries; }
+  // How many identifier numbers there are; 0 is all that there can be.
+  void identifiers(std::uint32_t numbers) { identifiers_ = numbers; }
   void hwRouteCaching(bool enabled);
   void vrf(const std::string& name, std::uint32_t piVrfId, std::uint32_t hwVrfId);
   void vrfGone(const std::string& name);
@@ -68,6 +71,8 @@ class SimulatedSwitch {
   RouteCacheAgent::Agent& agent() { return *agent_; }
   RouteCache::SwRouteSm& sm() { return *agent_->swRouteSm(); }
   RouteCache::HwRouteSm& hwSm() { return *agent_->hwRouteSm(); }
+  // What the tasks of this name have handled since the agent's start.
+  std::uint64_t workDone(const std::string& task) const;
   // Lets time pass, delivering table changes between runs and checking the invariants after each.
   void advance(double seconds);
   void checkEveryRunIs(bool check) { checkEveryRun_ = check; }
@@ -111,6 +116,7 @@ class SimulatedSwitch {
 
  private:
   void deliver();
+  void limitIdentifiers();
   template <class T>
   std::shared_ptr<T> outsideWriter(const std::string& path) const;
 
@@ -119,6 +125,9 @@ class SimulatedSwitch {
   std::shared_ptr<Routing::Rib::RouteCache::Evpn::ViaConfig> vias_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
   std::unique_ptr<RouteCacheAgent::Agent> agent_;
+  std::uint32_t recordCapacity_ = 0;  // 0: the agent's own
+  std::uint32_t identifiers_ = 0;
+  bool identifiersLimited_ = false;
   bool checkEveryRun_ = true;
   bool mountsDone_ = false;
 };
