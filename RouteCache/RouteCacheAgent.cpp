@@ -1,5 +1,7 @@
 #include "RouteCache/RouteCacheAgent.h"
 
+#include <utility>
+
 #include "platform/Assert.h"
 
 namespace RouteCacheAgent {
@@ -58,7 +60,7 @@ Agent::~Agent() {
   swRouteSmDel();
   hwRouteSmDel();
   kernelRouteSmDel();
-  sfeCleanupTask_.reset();
+  sfeTableTask_.reset();
 }
 
 void Agent::registerTypes(Lattis::EntityTypes& entities, Platform::TableTypes& tables,
@@ -204,46 +206,87 @@ void Agent::startStateMachines() {
   vrfSmIs();
   hwRouteCachingEnabled_ = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
   if (hwRouteCachingEnabled_) {
-    fillSfeTable();
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
     hwRouteSmIs();
     kernelRouteSmIs(ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
+    fillSfeTable();
   } else {
     swRouteSmIs(nullptr, ipv4HwRouteStatus_, ipv6HwRouteStatus_);
     kernelRouteSmIs(ipv4HwRouteStatus_, ipv6HwRouteStatus_);
+    inputsAreReady();
     emptySfeTable();
   }
 }
 
+void Agent::inputsAreReady() {
+  inputsReady_ = true;
+  if (swRouteSm_) swRouteSm_->handleInitialized();
+  if (hwRouteSm_) hwRouteSm_->handleInitialized();
+  if (kernelRouteSm_) kernelRouteSm_->handleInitialized();
+}
+
 // A predecessor with caching off has published to the hardware's table alone. With caching on a hardware route that the
 // SFE does not have is removed: its routes stand in both tables before anybody decides about them. That holds also for
-// a life that was cut short in the middle of this. What is not configured any more goes with the route sync.
+// a life that was cut short in the middle of this.
 void Agent::fillSfeTable() {
-  for (const RouteCache::Ipv4Route& route : *ipv4HwRouteStatus_) {
-    if (ipv4SfeRouteStatus_->has(route.key())) continue;
-    if (!ipv4SfeRouteStatus_->hasRoom()) return;
-    ipv4SfeRouteStatus_->routeIs(route);
+  if (ipv4HwRouteStatus_->size() == 0) {
+    inputsAreReady();
+    return;
+  }
+  sfeTableTask_ = std::make_unique<RouteCache::DeferredTask>(
+      *services().scheduler, *trace_, "sfeFillTask", Platform::TaskPriority::processing, [this] { handleSfeFill(); });
+  sfeTableTask_->schedule(0);
+}
+
+void Agent::handleSfeFill() {
+  const auto& hardware = *ipv4HwRouteStatus_;
+  std::uint64_t handled = 0;
+  auto route = RouteCache::resumeFrom(hardware, std::exchange(sfeFillBookmark_, std::nullopt));
+  while (route != hardware.end() && ipv4SfeRouteStatus_->hasRoom() && !sfeFillBookmark_) {
+    if (belongsInSfeTable(*route)) ipv4SfeRouteStatus_->routeIs(*route);
+    ++route;
+    ++handled;
+    if (route != hardware.end() && sfeTableTask_->shouldYield()) sfeFillBookmark_ = route->key();
+  }
+  sfeTableTask_->report(handled, 0);
+  if (sfeFillBookmark_) {
+    sfeTableTask_->schedule(0);
+  } else {
+    inputsAreReady();
   }
 }
 
-// With caching off nobody writes the SFE table: what a predecessor left there with caching on goes, a time slice at a
-// time.
+// A route that was withdrawn in the last moment of a predecessor with caching on, or while nobody was there, is missing
+// there for good. One whose adjacency has gone leads nowhere: route processing publishes it anew.
+bool Agent::belongsInSfeTable(const RouteCache::Ipv4Route& hwRoute) const {
+  const auto& key = hwRoute.key();
+  if (ipv4SfeRouteStatus_->has(key) || !vrfIdMap_->hwVrfIdToGlobalVrfIdHas(key.vrfId())) return false;
+  if (!routeConfig_->has({vrfIdMap_->hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix()})) return false;
+  const RouteCache::AdjId adjId = hwRoute.adjId();
+  return (!adjId.isAdjacencyV4() || ipv4AdjStatus_->has(adjId)) &&
+         (!adjId.isAdjacencyV6() || ipv6AdjStatus_->has(adjId));
+}
+
+// With caching off nobody writes the SFE table: what a predecessor left there with caching on goes.
 void Agent::emptySfeTable() {
   if (ipv4SfeRouteStatus_->size() == 0) return;
-  sfeCleanupTask_ = std::make_unique<RouteCache::DeferredTask>(
-      *services().scheduler, *trace_, "sfeCleanupTask", Platform::TaskPriority::background, [this] {
-        std::uint64_t handled = 0;
-        for (auto route = ipv4SfeRouteStatus_->begin(); route != ipv4SfeRouteStatus_->end();) {
-          const auto key = route->key();
-          ++route;
-          ipv4SfeRouteStatus_->routeDel(key);
-          ++handled;
-          if (sfeCleanupTask_->shouldYield()) break;
-        }
-        sfeCleanupTask_->report(handled, ipv4SfeRouteStatus_->size());
-        if (ipv4SfeRouteStatus_->size() > 0) sfeCleanupTask_->schedule(0);
-      });
-  sfeCleanupTask_->schedule(0);
+  sfeTableTask_ =
+      std::make_unique<RouteCache::DeferredTask>(*services().scheduler, *trace_, "sfeCleanupTask",
+                                                 Platform::TaskPriority::background, [this] { handleSfeCleanup(); });
+  sfeTableTask_->schedule(0);
+}
+
+void Agent::handleSfeCleanup() {
+  std::uint64_t handled = 0;
+  for (auto route = ipv4SfeRouteStatus_->begin(); route != ipv4SfeRouteStatus_->end();) {
+    const auto key = route->key();
+    ++route;
+    ipv4SfeRouteStatus_->routeDel(key);
+    ++handled;
+    if (sfeTableTask_->shouldYield()) break;
+  }
+  sfeTableTask_->report(handled, ipv4SfeRouteStatus_->size());
+  if (ipv4SfeRouteStatus_->size() > 0) sfeTableTask_->schedule(0);
 }
 
 void Agent::cliCallbackWithFormatIs(const std::string& name, const std::string& commandType, Agent* agent) {
@@ -304,6 +347,7 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
       {std::move(readOnlyIpv4), std::move(ipv4), ipv4AdjStatus_, std::move(ipv6), ipv6AdjStatus_, routeConfig_,
        route6Config_, unprogrammedRouteConfig_, viaConfig_, vrfIdMap_, nextHopConfig_, nextHopStatus_, vtiStatusDir_},
       *services().scheduler, *services().trace, restart);
+  if (inputsReady_) swRouteSm_->handleInitialized();
   services().localEntityIs(swRouteSmPath, swRouteSm_);
 }
 
@@ -322,6 +366,7 @@ void Agent::hwRouteSmIs() {
       {ipv4HwRouteStatus_, routeCacheConfig_, routeCacheCliConfig_, ipv4SfeRouteStatus_, ipv4HwHitBitStatus_,
        ipv4SfeHitBitStatus_, routeCacheCapability_, vrfCachedRoute_, ipv4SfeProgrammedRouteStatus_},
       *services().scheduler, *services().trace);
+  if (inputsReady_) hwRouteSm_->handleInitialized();
   services().localEntityIs(hwRouteSmPath, hwRouteSm_);
 }
 
@@ -339,6 +384,7 @@ void Agent::kernelRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> s
       RouteCache::KernelRouteSmIs({std::move(swIpv4), std::move(swIpv6), kernelRouteStatus_, routeCacheCapability_,
                                    vrfIdMap_, vrfCachedRoute_, routeConfig_, route6Config_},
                                   *services().scheduler, *services().trace);
+  if (inputsReady_) kernelRouteSm_->handleInitialized();
   services().localEntityIs(kernelRouteSmPath, kernelRouteSm_);
 }
 

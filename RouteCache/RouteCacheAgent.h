@@ -1,10 +1,11 @@
 // The agent: start-up, the mounts of every input and output, and the state machines over them.
 //
-// created (agentFactory) -> doInit: tracing, state-database mounts -> doMountsComplete: shared tables, state machines.
-// There is no way back but destruction.
+// created (agentFactory) -> doInit: tracing, state-database mounts -> doMountsComplete: shared tables, state machines,
+// which start as soon as the tables are as they take them over. There is no way back but destruction.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "RouteCache/RouteCacheAgentCli.h"
@@ -115,13 +116,21 @@ class Agent final : public Platform::AgentBase {
   void requireInputs() const;
   void endCommands();
   bool predecessorLeft() const;
+  // What a predecessor of the other arrangement has left in the IPv4 tables. While one of the two has work to do, its
+  // task does it a time slice at a time.
   void fillSfeTable();
+  void handleSfeFill();
+  bool belongsInSfeTable(const RouteCache::Ipv4Route& hwRoute) const;
   void emptySfeTable();
+  void handleSfeCleanup();
+  // The state machines that are there start, and those made from now on start at once.
+  void inputsAreReady();
 
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // goes with the agent: late completions ask
   std::unique_ptr<Platform::TraceHandle> trace_;
   std::shared_ptr<Lattis::EntityManager> entityManager_;
   bool hwRouteCachingEnabled_ = false;
+  bool inputsReady_ = false;
 
   // Declared so that members release in the right order: last declared, first released.
   std::shared_ptr<Routing::Rib::RouteConfig> kernelRouteStatus_;
@@ -148,7 +157,8 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
   std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
 
-  std::unique_ptr<RouteCache::DeferredTask> sfeCleanupTask_;
+  std::unique_ptr<RouteCache::DeferredTask> sfeTableTask_;
+  std::optional<RouteCache::Ipv4RouteVrfKey> sfeFillBookmark_;
   std::shared_ptr<RouteCache::KernelRouteSm> kernelRouteSm_;
   std::shared_ptr<RouteCache::HwRouteSm> hwRouteSm_;
   std::shared_ptr<RouteCache::SwRouteSm> swRouteSm_;

@@ -134,9 +134,7 @@ HwRouteSm::~HwRouteSm() {
 
 std::shared_ptr<HwRouteSm> HwRouteSmIs(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                        Platform::TraceFacility& trace) {
-  auto sm = std::make_shared<HwRouteSm>(inputs, scheduler, trace);
-  sm->handleInitialized();
-  return sm;
+  return std::make_shared<HwRouteSm>(inputs, scheduler, trace);
 }
 
 void HwRouteSm::handleInitialized() {

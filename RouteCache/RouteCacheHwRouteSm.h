@@ -279,7 +279,7 @@ class HwRouteSm final : public Lattis::Entity {
   std::map<std::uint32_t, std::unique_ptr<TrieReactor>> trie_;
 };
 
-// Makes the state machine and starts it.
+// Makes the state machine; handleInitialized() starts it.
 std::shared_ptr<HwRouteSm> HwRouteSmIs(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                        Platform::TraceFacility& trace);
 

@@ -172,9 +172,7 @@ KernelRouteSm::~KernelRouteSm() = default;
 
 std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                                Platform::TraceFacility& trace) {
-  auto sm = std::make_shared<KernelRouteSm>(inputs, scheduler, trace);
-  sm->handleInitialized();
-  return sm;
+  return std::make_shared<KernelRouteSm>(inputs, scheduler, trace);
 }
 
 void KernelRouteSm::handleInitialized() {

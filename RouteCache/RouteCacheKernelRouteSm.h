@@ -264,7 +264,7 @@ class KernelRouteSm final : public Lattis::Entity {
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
 };
 
-// Makes the state machine and starts it.
+// Makes the state machine; handleInitialized() starts it.
 std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                                Platform::TraceFacility& trace);
 

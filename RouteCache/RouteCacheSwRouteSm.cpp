@@ -185,9 +185,7 @@ void SwRouteSm::handleInitialized() {
 
 std::shared_ptr<SwRouteSm> SwRouteSmIs(const SwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                        Platform::TraceFacility& trace, bool restart) {
-  auto sm = std::make_shared<SwRouteSm>(inputs, scheduler, trace, restart);
-  sm->handleInitialized();
-  return sm;
+  return std::make_shared<SwRouteSm>(inputs, scheduler, trace, restart);
 }
 
 const Lattis::EntityType& SwRouteSm::entityType() const {

@@ -396,7 +396,7 @@ class SwRouteSm final : public Lattis::Entity {
   std::map<IntfId, std::unique_ptr<class VtiStatusReactor>> vtiStatusReactors_;
 };
 
-// Makes the state machine and starts it.
+// Makes the state machine; handleInitialized() starts it.
 std::shared_ptr<SwRouteSm> SwRouteSmIs(const SwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,
                                        Platform::TraceFacility& trace, bool restart);
 

@@ -913,6 +913,39 @@ TEST_P(HwRouteSmTest, ARestartKnowsTheCachedPrefixesBeforeItDecides) {
   EXPECT_EQ(sw.hardware().size(), 85u) << "a route that is not known to be cached yet gets in at any level";
 }
 
+TEST_P(HwRouteSmTest, NobodyDecidesOnHalfOfWhatTurningCachingOnTakesOverAndNothingWithdrawnComesBack) {
+  constexpr auto path = "routecache/route/sfe/ipv4";
+  CachingSwitch sw(GetParam(), 40);
+  sw.hwRouteCaching(false);
+  sw.startUp();
+  sw.addMany(cached, 0, 40);
+  sw.stop();
+  for (int i = 30; i < 40; ++i) sw.gone(cached(i));
+  sw.add(cached(29), 6);  // over a via that is missing: taken over, and then parked
+  sw.reader<RouteCache::Ipv4RouteStatus>(path);
+  std::set<std::string> changed;
+  const auto watcher = sw.outside->entity(path)->watchText([&](const std::string& key) { changed.insert(key); });
+  sw.hwRouteCaching(true);
+  bool whole = false, begunOnHalf = false;
+  sw.scheduler.afterRunIs([&] {
+    sw.afterRun();
+    if (!sw.agent().hwRouteSm()) return;
+    whole = whole || sw.agent().ipv4SfeRouteStatus()->size() == 30;
+    if (!whole && (sw.hwSm().initialized() || sw.sm().initialized())) begunOnHalf = true;
+  });
+  sw.start();
+  sw.advance(0.01);
+  EXPECT_TRUE(whole && !begunOnHalf);
+  EXPECT_GE(sw.task("sfeFillTask").runs, GetParam() == 0 ? 1u : 35u);
+  sw.advance(30);
+  sw.outside->pendingChanges();
+  sw.outside->deliverChanges([] { return false; });
+  EXPECT_EQ(sw.hardware().size(), 29u);
+  EXPECT_EQ(sw.hwSm().admissions(), 0u);
+  EXPECT_TRUE(changed.contains(Platform::toText(keyOf(cached(28)))));
+  for (int i = 30; i < 40; ++i) EXPECT_FALSE(changed.contains(Platform::toText(keyOf(cached(i))))) << cached(i);
+}
+
 TEST_P(HwRouteSmTest, ARestartDoesNotTakeWhatTheSfeHasProgrammedForReleased) {
   CachingSwitch sw(GetParam(), 100);
   sw.config()->ageingKeepsRouteIs(true);

@@ -53,6 +53,7 @@ class KernelMirror {
   void start() {
     sm = RouteCache::KernelRouteSmIs({sw4, sw6, kernelTable, capability, vrfIdMap, cachedRoutes, config4, config6},
                                      scheduler, trace);
+    sm->handleInitialized();
   }
   void stop() { sm.reset(); }
   // All there is to do, waiting keys apart.

@@ -23,11 +23,7 @@ SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
       entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
       scheduler);
   capability(10000, 10000, 10000);
-  scheduler.afterRunIs([this] {
-    deliver();
-    limitIdentifiers();
-    if (agent_ && checkEveryRun_) agent_->checkInvariants();
-  });
+  scheduler.afterRunIs([this] { afterRun(); });
 }
 
 SimulatedSwitch::~SimulatedSwitch() {
@@ -47,6 +43,12 @@ double SimulatedSwitch::longestBackgroundWait() const {
     if (task.priority == Platform::TaskPriority::background) longest = std::max(longest, task.longestWait);
   }
   return longest;
+}
+
+void SimulatedSwitch::afterRun() {
+  deliver();
+  limitIdentifiers();
+  if (agent_ && checkEveryRun_) agent_->checkInvariants();
 }
 
 void SimulatedSwitch::deliver() {

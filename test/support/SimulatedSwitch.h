@@ -79,6 +79,8 @@ class SimulatedSwitch {
   // The longest that a background task has been due without a turn, seconds. Something only when runs take time:
   // scheduler.entryCostIs().
   double longestBackgroundWait() const;
+  // What happens after every task run; a test that puts itself behind the runs calls it.
+  void afterRun();
 
   // --- What other processes see ---
   // "10.0.0.0/8@7" -> its next hops, "10.255.0.1 Vxlan1 vlan 10 fec 5", in slot order, joined by ", ".
