@@ -64,9 +64,9 @@ const Lattis::EntityType& Config::entityType() const {
   using This = Config;
   static const Lattis::EntityType type{
       typeName,
-      {attributeField<This, &This::cachingEnabled, &This::cachingEnabledIs>("cachingEnabled"),
+      {readOnlyField<This, &This::cachingEnabled>("cachingEnabled"),
        attributeField<This, &This::ageingKeepsRoute, &This::ageingKeepsRouteIs>("ageingKeepsRoute"),
-       attributeField<This, &This::ipv4PrefixHwSpaceLeft, &This::ipv4PrefixHwSpaceLeftIs>("ipv4PrefixHwSpaceLeft")},
+       readOnlyField<This, &This::ipv4PrefixHwSpaceLeft>("ipv4PrefixHwSpaceLeft")},
       {}};
   return type;
 }

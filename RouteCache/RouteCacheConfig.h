@@ -30,7 +30,8 @@ namespace RouteCache {
 
 // --- Shared with the switch ------------------------------------------------------------------------------------------
 
-// "routecache/config": the state of caching, written by the agent and read by others.
+// "routecache/config": the state of caching, written by the agent and read by others. One switch is theirs: whoever
+// drives the SFE sets ageingKeepsRoute. The rest cannot be set from outside.
 class Config final : public Lattis::Entity {
  public:
   static constexpr const char* typeName = "RouteCache::Config";
