@@ -108,12 +108,12 @@ void HwRouteSm::scanRoute(const Key& key, std::uint16_t slice) {
 // Hardware has reported a hit. Of a route that ageing took inHw from, it tells of one that was before, unless the value
 // has risen since.
 void HwRouteSm::confirmInHw(const Ipv4Route& route, std::uint16_t hitbit) {
-  if (Released* released = released_.find(route.key())) {
-    if (hitbit <= released->hitbit) {
-      released->hitbit = hitbit;
+  if (std::uint16_t* const released = released_.find(route.key())) {
+    if (hitbit <= *released) {
+      *released = hitbit;
       return;
     }
-    released_.erase(route.key());
+    released_.noteDel(route.key());
   }
   in_.ipv4HwRouteStatus->routeIs({route.key(), route.adjId(), true});
 }
@@ -145,7 +145,7 @@ void HwRouteSm::checkHwRouteAgeing() {
   const auto pending = static_cast<std::uint32_t>(in_.ipv4SfeHitBitStatus->size());
   Ageing run;
   run.toRemove = std::max(static_cast<std::uint32_t>(std::uint64_t{excess} * capacity_ / 100), pending);
-  // Those of earlier runs that wait for the SFE are on their way already.
+  // Those of earlier runs that wait for the SFE are on their way already; ageRoute() does not count them again.
   run.toRemove -= std::min(run.toRemove, static_cast<std::uint32_t>(released_.size()));
   // With no route waiting, only what has been idle for the low level's time goes.
   run.top = lowThresholdIdleTimeSlice_;
@@ -194,7 +194,6 @@ std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
   trace_(count == 0 ? 9 : 6, "ts: ", slice, " count: ", count);
   if (count == 0) return 0;
   if (!slices_->visiting()) slices_->beginVisit(slice);
-  const std::uint32_t spaceBefore = ipv4PrefixHwSpaceLeft_;
   std::uint32_t removed = 0;
   bool yield = false;
   while (removed < count && !yield) {
@@ -207,8 +206,6 @@ std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
   }
   if (removed == count || !slices_->due()) slices_->endVisit();
   aged_ += removed;
-  // Routes that traffic hits in software come before those just removed.
-  if (ipv4PrefixHwSpaceLeft_ > spaceBefore) scheduleSfeRouteHitProcessingTask(0);
   return removed;
 }
 
@@ -218,12 +215,13 @@ bool HwRouteSm::ageRoute(const Key& key, std::uint16_t slice) {
   if (!route || !isRouteCacheable(key) || sfeHitbit(key) != 0) return false;
   trace_(6, " ageing prefix: ", key.prefix(), " vrfId: ", key.vrfId());
   if (!in_.routeCacheConfig->ageingKeepsRoute()) {
-    removeHwRoute(key);
+    removeAgedRoute(*route);
   } else if (route->inHw()) {
-    released_.insert({key, slice <= timeSliceMax ? slice : std::uint16_t{0}});
+    released_.noteIs(key, slice <= timeSliceMax ? slice : std::uint16_t{0});
     in_.ipv4HwRouteStatus->routeIs({key, route->adjId(), false});
   } else {
     handleSwProgrammedRoute(key);
+    return !released_.has(key);
   }
   return true;
 }
@@ -234,9 +232,14 @@ void HwRouteSm::checkInvariants() const {
   if (!initialized_) return;
   checkSpace();
   checkSlices();
-  released_.forEach([this](const Released& released) {
-    const auto route = in_.ipv4HwRouteStatus->route(released.key);
-    PLATFORM_ASSERT_TEXT(route && !route->inHw(), "what ageing took inHw from is in the hardware table without it");
+  sfeRouteHitToProcess_.checkInvariants();
+  released_.forEach([this](const Key& key, std::uint16_t) {
+    const auto route = in_.ipv4HwRouteStatus->route(key);
+    PLATFORM_ASSERT_TEXT(route && !route->inHw(), "what is released is in the hardware table without inHw");
+  });
+  PLATFORM_ASSERT_TEXT(agedOut_.size() <= capacity_, "no more is remembered than the capacity");
+  agedOut_.forEach([this](const Key& key, AdjId) {
+    PLATFORM_ASSERT_TEXT(!in_.ipv4HwRouteStatus->has(key), "what ageing has taken out is not in the hardware table");
   });
 }
 

@@ -36,8 +36,7 @@ class HwRouteSm::ThresholdReactor final : public CliConfig::Reactor {
 class HwRouteSm::ConfigReactor final : public Config::Reactor {
  public:
   ConfigReactor(HwRouteSm& sm, std::shared_ptr<const Config> config) : Reactor(std::move(config)), sm_(sm) {}
-  // What the SFE programmed while nobody listened.
-  void handleAgeingKeepsRoute() override { sm_.handleSwProgrammedRoute(); }
+  void handleAgeingKeepsRoute() override { sm_.handleAgeingKeepsRoute(); }
 
  private:
   HwRouteSm& sm_;
@@ -178,6 +177,7 @@ const Lattis::EntityType& HwRouteSm::entityType() const {
   static const Lattis::EntityType type{
       "RouteCache::HwRouteSm",
       {attributeField<This, &This::enableRouteCache, &This::enableRouteCacheIs>("enableRouteCache"),
+       attributeField<This, &This::admitAgedUnhit, &This::admitAgedUnhitIs>("admitAgedUnhit"),
        attributeField<This, &This::hwSpaceBuffer, &This::hwSpaceBufferIs>("hwSpaceBuffer"),
        attributeField<This, &This::routeProcessingInterval, &This::routeProcessingIntervalIs>(
            "routeProcessingInterval"),
@@ -211,6 +211,11 @@ void HwRouteSm::enableRouteCacheIs(bool enable) {
   if (std::exchange(enableRouteCache_, enable) == enable || !initialized_) return;
   sfeWalk_.allIs();
   scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::admitAgedUnhitIs(bool admit) {
+  admitAgedUnhit_ = admit;
+  if (admit) agedOut_.noteDelAll();
 }
 
 void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
@@ -265,12 +270,14 @@ void HwRouteSm::scheduleSwRouteWalk(std::uint32_t hwVrfId) {
 void HwRouteSm::handleSfeRouteHit(const Key& key) {
   trace_(9, __PRETTY_FUNCTION__);
   trace_(7, "sfe hit: ", key.prefix(), " vrfId: ", key.vrfId());
-  if (!in_.ipv4SfeHitBitStatus->has(key)) {
+  const auto hit = in_.ipv4SfeHitBitStatus->routeHitBit(key);
+  if (!hit) {
     sfeRouteHitToProcess_.keyDel(key);
-  } else if (ipv4PrefixHwSpaceLeft_ > 0 || !sfeRouteHitToProcess_.has(key)) {  // else it waits for room already
-    sfeRouteHitToProcess_.keyIs(key);
-    scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
+    return;
   }
+  const bool waits = ipv4PrefixHwSpaceLeft_ == 0 && sfeRouteHitToProcess_.has(key);
+  sfeRouteHitToProcess_.keyIs(key, hit->hitbit());
+  if (!waits) scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
 }
 
 void HwRouteSm::handleSfeRouteHit() {
@@ -286,6 +293,15 @@ void HwRouteSm::handleSwProgrammedRoute(const Key& key) {
   trace_(7, "sfe programmed: ", key.prefix());
   sfeProgrammedRouteToProcess_.keyIs(key);
   scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+}
+
+// Set: what the SFE programmed while nobody listened counts. Cleared: nobody waits for the SFE any more.
+void HwRouteSm::handleAgeingKeepsRoute() {
+  if (in_.routeCacheConfig->ageingKeepsRoute()) {
+    handleSwProgrammedRoute();
+  } else if (!released_.empty()) {
+    scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+  }
 }
 
 void HwRouteSm::handleSwProgrammedRoute() {
@@ -335,10 +351,18 @@ bool HwRouteSm::isBelowLowLevel() const {
 }
 
 std::uint32_t HwRouteSm::ipv4PrefixHwSpaceLeftInc(std::uint32_t n) {
+  const bool wasFull = ipv4PrefixHwSpaceLeft_ == 0;
   const std::uint32_t paid = std::min(spaceDebt_, n);
   spaceDebt_ -= paid;
   ipv4PrefixHwSpaceLeft_ += n - paid;
   publishSpace();
+  if (wasFull && ipv4PrefixHwSpaceLeft_ > 0) {
+    if (sfeRouteHitToProcess_.hasWaiting()) {
+      scheduleSfeRouteHitProcessingTask(0);  // whose end wakes the others, if room is left
+    } else if (routeToProcess_.hasWaiting()) {
+      scheduleRouteProcessingTask(0);
+    }
+  }
   return ipv4PrefixHwSpaceLeft_;
 }
 
@@ -368,25 +392,34 @@ std::uint32_t HwRouteSm::sfeHitbit(const Key& key) const {
 }
 
 bool HwRouteSm::checkRouteAddEligibility(const Key& key) const {
-  return isEligible(key, isRouteCacheable(key));
+  const Ipv4Route sfeRoute = in_.ipv4SfeRouteStatus->route(key).value_or(Ipv4Route());
+  return isEligible(key, sfeRoute, isCacheable(key, sfeRoute));
 }
 
-bool HwRouteSm::isEligible(const Key& key, bool cacheable) const {
-  return ipv4PrefixHwSpaceLeft_ > 0 && (!cacheable || isBelowLowLevel() || sfeHitbit(key) != 0);
+bool HwRouteSm::isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const {
+  if (ipv4PrefixHwSpaceLeft_ == 0) return false;
+  if (!cacheable || sfeHitbit(key) != 0) return true;
+  if (!isBelowLowLevel()) return false;
+  const AdjId* const aged = agedOut_.find(key);
+  return aged == nullptr || *aged != sfeRoute.adjId();
 }
 
 // Puts the key of a route that hardware does not get where it waits.
-void HwRouteSm::leaveOut(const Key& key, bool cacheable) {
+void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, bool cacheable) {
+  const Key& key = sfeRoute.key();
+  const std::uint32_t hitbit = sfeHitbit(key);
+  const AdjId* const aged = agedOut_.find(key);
+  if (aged != nullptr && (!cacheable || hitbit != 0 || *aged != sfeRoute.adjId())) agedOut_.noteDel(key);
   if (!cacheable) {
     routeToProcess_.waitingKeyIs(key);
-    if (sfeRouteHitToProcess_.has(key)) sfeRouteHitToProcess_.waitingKeyIs(key);
+    if (sfeRouteHitToProcess_.has(key)) sfeRouteHitToProcess_.waitingKeyIs(key, hitbit);
     scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
     return;
   }
   routeToProcess_.keyDel(key);
-  if (sfeHitbit(key) != 0) {
+  if (hitbit != 0) {
     // Its hit bit may never change again: nothing but this queue would bring it back.
-    sfeRouteHitToProcess_.waitingKeyIs(key);
+    sfeRouteHitToProcess_.waitingKeyIs(key, hitbit);
     scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
   } else {
     sfeRouteHitToProcess_.keyDel(key);
@@ -398,15 +431,18 @@ void HwRouteSm::processRoute(const Key& key) {
   if (const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key)) {
     const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
     const bool cacheable = !hwRoute && isCacheable(key, *sfeRoute);
-    if (!hwRoute && !isEligible(key, cacheable)) {
-      leaveOut(key, cacheable);
+    if (!hwRoute && !isEligible(key, *sfeRoute, cacheable)) {
+      leaveOut(*sfeRoute, cacheable);
       return;
     }
     if (!hwRoute || hwRoute->adjId() != sfeRoute->adjId()) writeHwRoute(*sfeRoute, !hwRoute);
     slices_->file(key, timeSliceNewAdditions);
-  } else if (in_.ipv4HwRouteStatus->has(key)) {
-    trace_(6, " deleting prefix: ", key.prefix());
-    removeHwRoute(key);
+  } else {
+    if (in_.ipv4HwRouteStatus->has(key)) {
+      trace_(6, " deleting prefix: ", key.prefix());
+      removeHwRoute(key);
+    }
+    agedOut_.noteDel(key);
   }
   routeToProcess_.keyDel(key);
   sfeRouteHitToProcess_.keyDel(key);
@@ -418,8 +454,9 @@ void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
     --ipv4PrefixHwSpaceLeft_;
     ++admissions_;
     publishSpace();
+    agedOut_.noteDel(sfeRoute.key());
   }
-  released_.erase(sfeRoute.key());
+  released_.noteDel(sfeRoute.key());
   const bool inHw = isBelowLowLevel() || sfeRoute.inHw();
   in_.ipv4HwRouteStatus->routeIs({sfeRoute.key(), sfeRoute.adjId(), inHw});
 }
@@ -427,8 +464,15 @@ void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
 void HwRouteSm::removeHwRoute(const Key& key) {
   in_.ipv4HwRouteStatus->routeDel(key);
   slices_->remove(key);
-  released_.erase(key);
+  released_.noteDel(key);
   ipv4PrefixHwSpaceLeftInc(1);
+}
+
+void HwRouteSm::removeAgedRoute(const Ipv4Route& hwRoute) {
+  removeHwRoute(hwRoute.key());
+  if (admitAgedUnhit_) return;
+  agedOut_.noteIs(hwRoute.key(), hwRoute.adjId());
+  if (agedOut_.size() > capacity_) agedOut_.noteDel(*agedOut_.oldestKey());
 }
 
 // --- The queues' tasks -----------------------------------------------------------------------------------------------
@@ -454,7 +498,7 @@ bool HwRouteSm::processNextRoute() {
   } else if (hwWalk_.pending()) {
     processWalked(hwWalk_.step());
   } else if (sfeWalk_.pending()) {
-    processWalked(sfeWalk_.step());
+    processSfeWalked(sfeWalk_.step());
   } else if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) {
     processRoute(*routeToProcess_.waitingKey());
   } else {
@@ -468,52 +512,82 @@ void HwRouteSm::processWalked(const std::optional<Key>& key) {
   if (key && slices_->sliceOf(*key) == timeSliceInvalid) processRoute(*key);
 }
 
+// Nor does a walk let in those that are hit in software in the order of their keys.
+void HwRouteSm::processSfeWalked(const std::optional<Key>& key) {
+  const std::uint32_t hitbit = key && slices_->sliceOf(*key) == timeSliceInvalid ? sfeHitbit(*key) : 0;
+  if (hitbit == 0) {
+    processWalked(key);
+  } else {
+    sfeRouteHitToProcess_.keyIs(*key, hitbit);
+    scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
+  }
+}
+
 void HwRouteSm::handleSfeRouteHitProcessing() {
   std::uint64_t handled = 0;
   const bool more = workOff(sfeRouteHitProcessingTask_, handled, [this] { return processNextHit(); });
   sfeRouteHitProcessingTask_.report(handled, sfeRouteHitToProcess_.size());
   if (more) {
     scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
-  } else if (!sfeRouteHitToProcess_.empty()) {
-    scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
+    return;
   }
+  if (!sfeRouteHitToProcess_.empty()) scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
+  if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) scheduleRouteProcessingTask(0);
 }
 
+// A walk's routes are queued before anybody is admitted: it is their hit-bit values that decide who comes first.
 bool HwRouteSm::processNextHit() {
-  if (const auto fresh = sfeRouteHitToProcess_.freshKey()) {
-    processRoute(*fresh);
-  } else if (hitWalk_.pending()) {
-    if (const auto key = hitWalk_.step()) processRoute(*key);
-  } else if (ipv4PrefixHwSpaceLeft_ > 0 && sfeRouteHitToProcess_.hasWaiting()) {
-    processRoute(*sfeRouteHitToProcess_.waitingKey());
+  if (hitWalk_.pending()) {
+    const auto key = hitWalk_.step();
+    const auto hit = key ? in_.ipv4SfeHitBitStatus->routeHitBit(*key) : std::nullopt;
+    if (hit) sfeRouteHitToProcess_.keyIs(*key, hit->hitbit());
+    return true;
+  }
+  const auto key = ipv4PrefixHwSpaceLeft_ > 0 ? sfeRouteHitToProcess_.nextKey() : sfeRouteHitToProcess_.freshKey();
+  if (key) processRoute(*key);
+  return key.has_value();
+}
+
+void HwRouteSm::handleSfeProgrammedRouteProcessing() {
+  std::uint64_t handled = 0;
+  const bool more = workOff(sfeProgrammedRouteProcessingTask_, handled, [this] { return processNextProgrammed(); });
+  sfeProgrammedRouteProcessingTask_.report(handled, sfeProgrammedRouteToProcess_.size());
+  if (more) scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+}
+
+bool HwRouteSm::processNextProgrammed() {
+  if (const auto fresh = sfeProgrammedRouteToProcess_.freshKey()) {
+    processProgrammedRoute(*fresh);
+  } else if (programmedWalk_ && programmedWalk_->pending()) {
+    if (const auto key = programmedWalk_->step()) processProgrammedRoute(*key);
+  } else if (!in_.routeCacheConfig->ageingKeepsRoute() && !released_.empty()) {
+    finishReleased(*released_.oldestKey());
   } else {
     return false;
   }
   return true;
 }
 
-void HwRouteSm::handleSfeProgrammedRouteProcessing() {
-  std::uint64_t handled = 0;
-  const bool more = workOff(sfeProgrammedRouteProcessingTask_, handled, [this] {
-    auto key = sfeProgrammedRouteToProcess_.freshKey();
-    if (!key && !programmedWalk_->pending()) return false;
-    if (!key) key = programmedWalk_->step();
-    if (key) processProgrammedRoute(*key);
-    return true;
-  });
-  sfeProgrammedRouteProcessingTask_.report(handled, sfeProgrammedRouteToProcess_.size());
-  if (more) scheduleSfeProgrammedRouteProcessingTask(routeProcessingInterval_);
+// The flag was cleared: an idle route goes, whatever the SFE has programmed; one that is not idle any more stays, and
+// is aged as any other. A decision about it that is pending is made all the same.
+void HwRouteSm::finishReleased(const Key& key) {
+  released_.noteDel(key);
+  const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
+  if (!hwRoute || !isRouteCacheable(key) || sfeHitbit(key) != 0) return;
+  trace_(6, " deleting prefix: ", key.prefix());
+  removeAgedRoute(*hwRoute);
 }
 
 // The SFE forwards the route now: hardware may let go of it, unless it was put there only now and waits to be hit.
 void HwRouteSm::processProgrammedRoute(const Key& key) {
   sfeProgrammedRouteToProcess_.keyDel(key);
+  if (!in_.routeCacheConfig->ageingKeepsRoute()) return;
   const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
   if (!hwRoute || hwRoute->inHw() || !in_.ipv4SfeProgrammedRouteStatus->has(key)) return;
   const std::uint16_t slice = slices_->sliceOf(key);  // none: the walk at start has not come to it yet
   if ((slice == timeSliceNewAdditions || slice == timeSliceInvalid) && !released_.has(key)) return;
   trace_(6, " deleting prefix: ", key.prefix());
-  removeHwRoute(key);
+  removeAgedRoute(*hwRoute);
   // It may have been hit meanwhile, or have stopped to be a route that is aged: no change to come would tell.
   if (sfeHitbit(key) != 0 || !isRouteCacheable(key)) handleSwRoute(key);
 }

@@ -3,12 +3,19 @@
 // Admission (RouteCacheHwRouteSm.cpp). A reaction queues the route's key; the route-processing task decides it. A host
 // route under a cached FIB prefix of its VRF is *cacheable*: it is admitted unasked while utilisation is below the low
 // level, and above that only once traffic has hit it in software. Any other route is admitted while there is room, and
-// stays.
+// stays. Of the routes hit in software those hit last come first (HitQueue).
 //
 // Ageing (RouteCacheHwRouteAgeing.cpp). The scan goes through the time slices of the hardware routes, refiles each by
 // the hit-bit value that hardware reports, and then, at or above the low level, removes cacheable routes from the
-// idlest slices. With Config::ageingKeepsRoute an idle route first loses its inHw, so that the SFE programs it, and
-// leaves the table when the SFE has.
+// idlest slices. With Config::ageingKeepsRoute an idle route is *released*: it loses its inHw, so that the SFE programs
+// it, and leaves the table when the SFE has. A released route counts among those that an ageing run is to remove, and
+// does not count again when the run meets it. When the flag is cleared, what is released leaves at once, as an idle
+// route does without the flag.
+//
+// What ageing has taken out is remembered, the capacity's number of keys at most, the oldest forgotten first. Such a
+// route is not admitted unasked: without a hit it would come and go with every scan, for its SFE entry changes when it
+// goes. It is forgotten when traffic hits it in software, when it gets another adjacency identifier, when the SFE does
+// not have it any more, and when it is found not to be cacheable. With admitAgedUnhit nothing is remembered.
 //
 // Restart. What stands in the hardware table is kept: start-up decides every route of the table and of the SFE's
 // again, and only one that the SFE does not have is removed.
@@ -17,7 +24,8 @@
 //   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
 //   - the published figure is the space left plus hwSpaceBuffer;
 //   - every entry of the hardware table is in one time slice or has its first decision still to come; nothing else is;
-//   - what ageing took inHw from is in the hardware table without it.
+//   - what is released is in the hardware table without inHw;
+//   - what ageing has taken out is not in the hardware table, and no more of it is remembered than the capacity.
 #pragma once
 
 #include <map>
@@ -26,7 +34,8 @@
 #include <string>
 
 #include "RouteCache/RouteCacheConfig.h"
-#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/RouteCacheHitQueue.h"
+#include "RouteCache/RouteCacheKeyNotes.h"
 #include "RouteCache/RouteCacheKeyQueue.h"
 #include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheTask.h"
@@ -81,7 +90,8 @@ class HwRouteSm final : public Lattis::Entity {
   bool checkRouteAddEligibility(const Key& key) const;
   // Brings cachingEnabled of Config in line with the tries. `hint`: a prefix was just added.
   void evaluateCachingEnabled(bool hint);
-  // Takes back entries of space, after the debt is paid; returns the space left.
+  // Takes back entries of space, after the debt is paid; returns the space left. Where there was none, routes that wait
+  // for room get their turn at once, those hit in software first.
   std::uint32_t ipv4PrefixHwSpaceLeftInc(std::uint32_t n);
   std::uint32_t ipv4PrefixHwSpaceLeft() const { return ipv4PrefixHwSpaceLeft_; }
   // Entries found at start beyond the capacity and not removed yet.
@@ -94,7 +104,7 @@ class HwRouteSm final : public Lattis::Entity {
   void routeToProcessDelAll() { routeToProcess_.keyDelAll(); }
   const KeyQueue<Key>& routeToProcess() const { return routeToProcess_; }
   Key routeToProcessBookmark() const { return routeToProcess_.bookmark(); }
-  const KeyQueue<Key>& sfeRouteHitToProcess() const { return sfeRouteHitToProcess_; }
+  const HitQueue& sfeRouteHitToProcess() const { return sfeRouteHitToProcess_; }
   Key sfeRouteHitToProcessBookmark() const { return sfeRouteHitToProcess_.bookmark(); }
   const KeyQueue<Key>& sfeProgrammedRouteToProcess() const { return sfeProgrammedRouteToProcess_; }
   Key sfeProgrammedRouteToProcessBookmark() const { return sfeProgrammedRouteToProcess_.bookmark(); }
@@ -114,8 +124,8 @@ class HwRouteSm final : public Lattis::Entity {
   // One ageing run, as the scan task begins it when its scan is complete: what does not fit into the time slice, that
   // task continues.
   void checkHwRouteAgeing();
-  // Ages up to `count` routes of the slice, oldest filing first; returns how many it removed. Where the time slice ends
-  // before, the next call for the same slice goes on.
+  // Ages up to `count` routes of the slice, oldest filing first; returns how many it removed, those released before not
+  // counted. Where the time slice ends before, the next call for the same slice goes on.
   std::uint32_t ageHwRoutes(std::uint16_t slice, std::uint32_t count);
 
   // --- Tries -----------------------------------------------------------------------------------------------------
@@ -138,6 +148,9 @@ class HwRouteSm final : public Lattis::Entity {
   // Every route counts as cacheable, whatever the FIB says. A change re-decides all routes.
   bool enableRouteCache() const { return enableRouteCache_; }
   void enableRouteCacheIs(bool enable);
+  // A route that ageing took out may be admitted unasked like any other.
+  bool admitAgedUnhit() const { return admitAgedUnhit_; }
+  void admitAgedUnhitIs(bool admit);
   // Entries that the published figure is above the true one: it keeps this agent from the true end of the table while
   // others still see room.
   std::uint32_t hwSpaceBuffer() const { return hwSpaceBuffer_; }
@@ -182,14 +195,6 @@ class HwRouteSm final : public Lattis::Entity {
   class VrfCachedRouteReactor;
   class TrieReactor;
 
-  // A route that ageing took inHw from, with its hit-bit value then or the lowest seen since.
-  struct Released {
-    Key key;
-    std::uint16_t hitbit = 0;
-  };
-  struct ReleasedKey {
-    const Key& operator()(const Released& released) const { return released.key; }
-  };
   // An ageing run that has not ended.
   struct Ageing {
     std::uint16_t top = 0;         // the highest slice to age
@@ -203,15 +208,20 @@ class HwRouteSm final : public Lattis::Entity {
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
   bool isBelowLowLevel() const;
   std::uint32_t sfeHitbit(const Key& key) const;
-  bool isEligible(const Key& key, bool cacheable) const;
-  void leaveOut(const Key& key, bool cacheable);
+  bool isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const;
+  void leaveOut(const Ipv4Route& sfeRoute, bool cacheable);
   void writeHwRoute(const Ipv4Route& sfeRoute, bool isNew);
   void removeHwRoute(const Key& key);
+  void removeAgedRoute(const Ipv4Route& hwRoute);
   void publishSpace();
   bool processNextRoute();
   void processWalked(const std::optional<Key>& key);
+  void processSfeWalked(const std::optional<Key>& key);
   bool processNextHit();
+  bool processNextProgrammed();
   void processProgrammedRoute(const Key& key);
+  void handleAgeingKeepsRoute();
+  void finishReleased(const Key& key);
 
   // Each returns false when it is to be continued in the next run.
   bool scanSlices();
@@ -231,6 +241,7 @@ class HwRouteSm final : public Lattis::Entity {
   bool initialized_ = false;
 
   bool enableRouteCache_ = false;
+  bool admitAgedUnhit_ = false;
   std::uint32_t hwSpaceBuffer_ = 1024;
   std::uint32_t ipv4PrefixHwSpaceLeft_ = 0;
   std::uint32_t spaceDebt_ = 0;
@@ -245,7 +256,7 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
-  KeyQueue<Key> sfeRouteHitToProcess_;
+  HitQueue sfeRouteHitToProcess_;
   KeyQueue<Key> sfeProgrammedRouteToProcess_;
   // Owed to whole tables or VRFs; each is done by the task of the queue that its keys would otherwise stand in.
   RouteStatusWalk<Ipv4RouteStatus> sfeWalk_;
@@ -259,7 +270,8 @@ class HwRouteSm final : public Lattis::Entity {
   ScanPhase scanPhase_ = ScanPhase::slices;
   std::uint64_t scanned_ = 0;  // routes that this run of the task has handled
   std::optional<Ageing> ageing_;
-  FlatTable<Released, Key, ReleasedKey> released_;
+  KeyNotes<Key, std::uint16_t> released_;  // the hit-bit value when it was released, or the lowest seen since
+  KeyNotes<Key, AdjId> agedOut_;           // remembered with the identifier that it had
   std::uint64_t admissions_ = 0;
   std::uint64_t aged_ = 0;
   std::uint32_t trieWithPrefixes_ = 0;  // a VRF whose trie was seen to hold some; a hint

@@ -4,7 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <random>
 
 #include "linux/EntityFields.h"
@@ -256,7 +258,9 @@ TEST(HwRouteSmThresholdTest, IdleTimesBecomeSlicesAndNonsenseIsRefusedAndChanges
                  {sm, "hwHitbitScanInterval", "-1"},
                  {sm, "routeProcessingInterval", "nan"},
                  {sm, "routeProcessingIntervalDefer", "0"},
-                 {sm, "capacity", "7"}};
+                 {sm, "capacity", "7"},
+                 {sw.config(), "cachingEnabled", "false"},
+                 {sw.config(), "ipv4PrefixHwSpaceLeft", "7"}};
   for (const auto& row : refused) {
     SCOPED_TRACE(std::string(row.field) + " " + row.value);
     EXPECT_ANY_THROW(LinuxPlatform::setField(row.entity, row.field, row.value));
@@ -606,18 +610,151 @@ TEST_P(KeptRouteTest, StaysWhenItIsANewAdditionAgainOrNobodyAsksTheSfe) {
   programmed(plain(0));
   EXPECT_TRUE(sw.inTable(cached(1)));
   EXPECT_TRUE(sw.inTable(plain(0)));
-  sw.thresholds(100, 100, 100);
-  sw.config()->ageingKeepsRouteIs(false);
-  programmed(cached(2));
-  EXPECT_TRUE(sw.inTable(cached(2)));
-  // An ageing run asks for itself: it finds what was programmed before, here before the agent's start.
-  sw.config()->ageingKeepsRouteIs(true);
-  sw.sfeProgrammed(cached(3), red, false);
+  // An ageing run asks for itself: what it finds programmed goes.
+  sw.add(cached(3), overIpv4Too);
+  for (const int i : {1, 3}) sw.hwHit(cached(i), red, -1);
   sw.settle();
-  sw.thresholds(0, 0, 0);
   sw.scan();
-  EXPECT_FALSE(sw.inTable(cached(2)));
+  EXPECT_TRUE(sw.inTable(cached(1)));
+  sw.scan();
+  EXPECT_FALSE(sw.inTable(cached(1)));
   EXPECT_TRUE(sw.inTable(cached(3)));
+}
+
+TEST_P(KeptRouteTest, LeavesAsAnIdleRouteDoesWhenRoutesAreNotKeptAnyMore) {
+  sw.sfeHit(cached(1), red, 3);
+  sw.settle();
+  sw.config()->ageingKeepsRouteIs(false);
+  sw.settle();
+  EXPECT_EQ(sw.hardware().size(), 2u) << "the one that is hit in software and the one that never was idle";
+  EXPECT_TRUE(sw.inTable(cached(1)));
+  EXPECT_TRUE(sw.inTable(cached(5)));
+  EXPECT_EQ(sw.hwSm().ipv4PrefixHwSpaceLeft(), 98u);
+  // And ageing goes on with what is there.
+  sw.sfeHit(cached(1), red, -1);
+  sw.sfeHit(unknown(1), red, 1);
+  sw.thresholds(0, 0, 0);
+  sw.scan();  // confirms it, which queues it
+  sw.scan();
+  EXPECT_FALSE(sw.inTable(cached(1)));
+}
+
+TEST_P(HwRouteSmTest, AReleasedRouteCountsOnceAmongThoseThatAreToGo) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 20);
+  for (int i = 0; i < 20; ++i) sw.hwHit(cached(i), red, i < 5 ? 5 : 10);
+  sw.scan();
+  sw.thresholds(85, 90, 95);
+  const auto released = [&] {
+    const auto hardware = sw.hardware();
+    return std::count_if(hardware.begin(), hardware.end(), [](const auto& route) { return !route.second; });
+  };
+  for (int waiting = 5; waiting <= 15; waiting += 5) {
+    for (int i = 0; i < waiting; ++i) sw.sfeHit(cached(100 + i), red, 1);
+    sw.addMany(cached, 100, 100 + waiting);
+    sw.scan();
+    EXPECT_EQ(released(), waiting) << "the SFE has not programmed any of them, and those that wait grow more";
+  }
+}
+
+// --- What ageing has taken out ---------------------------------------------------------------------------------------
+
+// Three idle routes have just been taken out, which has brought utilisation below the level.
+class AgedRouteTest : public HwRouteSmTest {
+ protected:
+  AgedRouteTest() : sw(GetParam(), 20) {
+    sw.thresholds(100, 100, 100);
+    sw.startUp();
+    sw.addMany(cached, 0, 10);
+    for (int i = 0; i < 10; ++i) sw.hwHit(cached(i), red, i < 3 ? 5 : 250);
+    sw.scan();
+  }
+  void age() {
+    for (int i = 0; i < 3; ++i) sw.sfeHit(unknown(i), red, 1);
+    sw.thresholds(50, 50, 50);
+    sw.scan();
+    for (int i = 0; i < 3; ++i) sw.sfeHit(unknown(i), red, -1);
+    sw.settle();
+  }
+
+  CachingSwitch sw;
+};
+INSTANTIATE_TEST_SUITE_P(Yields, AgedRouteTest, testing::Values(0, 1),
+                         [](const auto& p) { return p.param == 0 ? "Never" : "AfterEveryEntry"; });
+
+TEST_P(AgedRouteTest, ComesBackForAReasonOnly) {
+  const auto reconfigure = [this] {
+    sw.gone(cached(0));
+    sw.settle();
+    sw.add(cached(0));
+  };
+  const auto noPrefixForAWhile = [this] {
+    sw.cachedPrefix("10.1.0.0/16", "red");
+    sw.cachedPrefixGone("10.0.0.0/8", "red");
+    sw.settle();
+    sw.cachedPrefixGone("10.1.0.0/16", "red");
+  };
+  const struct {
+    const char* what;
+    std::function<void()> happens;
+    bool comesBack;
+  } rows[] = {{"its SFE entry changes", [this] { sw.hwSm().handleSwRoute(keyOf(cached(0))); }, false},
+              {"an SFE entry without a hit", [this] { sw.sfeHit(cached(0), red, 0); }, false},
+              {"its VRF is looked after", [this] { sw.hwSm().scheduleSwRouteWalk(red); }, false},
+              {"the letter", [this] { sw.hwSm().admitAgedUnhitIs(true), sw.hwSm().scheduleSwRouteWalk(red); }, true},
+              {"a hit", [this] { sw.sfeHit(cached(0), red, 1); }, true},
+              {"another next hop", [this] { sw.add(cached(0), overIpv4Too); }, true},
+              {"withdrawn and configured again", reconfigure, true},
+              {"not cacheable any more", noPrefixForAWhile, true}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    if (sw.inTable(cached(0))) {
+      age();
+      ASSERT_EQ(sw.hardware().size(), 7u);
+    }
+    row.happens();
+    sw.settle();
+    EXPECT_EQ(sw.inTable(cached(0)), row.comesBack);
+    if (!row.comesBack) continue;
+    // As it was at first, for the next row.
+    sw.hwSm().admitAgedUnhitIs(false);
+    sw.sfeHit(cached(0), red, -1);
+    sw.cachedPrefix("10.0.0.0/8", "red");
+    sw.thresholds(100, 100, 100);
+    for (int i = 0; i < 3; ++i) sw.gone(cached(i));
+    sw.settle();
+    for (int i = 0; i < 3; ++i) sw.add(cached(i));
+    sw.settle();
+    sw.scan();
+    ASSERT_EQ(sw.hardware().size(), 10u);
+  }
+}
+
+TEST_P(AgedRouteTest, IsForgottenWhenAsManyOthersFollowAsThereArePlaces) {
+  age();
+  // Routes of their own come, are taken out, and are remembered: 17 of them make it 20 with the first three.
+  const auto another = [&](int i) {
+    sw.thresholds(100, 100, 100);
+    sw.add(cached(i));
+    sw.settle();
+    sw.thresholds(0, 0, 0);
+    sw.scan();
+    sw.scan();
+    ASSERT_FALSE(sw.inTable(cached(i)));
+    sw.thresholds(100, 100, 100);
+  };
+  for (int i = 100; i < 117; ++i) another(i);
+  sw.hwSm().scheduleSwRouteWalk(red);
+  sw.settle();
+  EXPECT_FALSE(sw.inTable(cached(0)));
+  another(117);
+  sw.hwSm().scheduleSwRouteWalk(red);
+  sw.settle();
+  EXPECT_TRUE(sw.inTable(cached(0)));
+  EXPECT_FALSE(sw.inTable(cached(1))) << "the oldest one alone";
 }
 
 // --- Queues ----------------------------------------------------------------------------------------------------------
@@ -670,6 +807,68 @@ TEST_P(HwRouteSmTest, RoomThatAgeingMakesGoesToRoutesHitInSoftwareNotBackToTheEv
     for (int i = 100; i < 100 + waiting; ++i) EXPECT_TRUE(sw.inTable(cached(i))) << i;
     for (int i = 0; i < 10; ++i) EXPECT_EQ(sw.inTable(cached(i)), i >= waiting) << i;
   }
+}
+
+TEST_P(HwRouteSmTest, WhoWasHitLastIsLetInFirst) {
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  sw.addMany(plain, 0, 20);
+  const int values[] = {1, 255, 30, 200, 30, 254};
+  for (int i = 0; i < 6; ++i) sw.sfeHit(cached(i), red, values[i]);
+  sw.addMany(cached, 0, 6);
+  sw.sfeHit(cached(0), red, 240);  // hit again while it waits
+  sw.sfeHit(cached(3), red, 2);    // idle
+  sw.settle();
+  std::vector<int> order;
+  for (int i = 0; i < 6; ++i) {
+    sw.gone(plain(i));
+    sw.settle();
+    for (int k = 0; k < 6; ++k) {
+      if (sw.inTable(cached(k)) && std::ranges::count(order, k) == 0) order.push_back(k);
+    }
+  }
+  EXPECT_THAT(order, ElementsAre(1, 5, 0, 2, 4, 3));
+  // A restart that finds more room has them all in its walks, and lets nobody in before it has seen them.
+  for (int i = 10; i < 30; ++i) sw.sfeHit(cached(i), red, 100 + i);
+  sw.addMany(cached, 10, 30);
+  ASSERT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), 20u);
+  sw.stop();
+  sw.capability(24, 10000, 1000);
+  sw.startUp();
+  for (int i = 10; i < 30; ++i) EXPECT_EQ(sw.agent().ipv4HwRouteStatus()->has(keyOf(cached(i))), i >= 26) << i;
+}
+
+TEST_P(HwRouteSmTest, RoomWakesThoseThatWaitForItWhoeverMadeItThoseHitInSoftwareFirst) {
+  CachingSwitch sw(GetParam(), 6);
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.thresholds(100, 100, 100);
+  sw.startUp();
+  sw.addMany(cached, 0, 6);
+  for (int i = 0; i < 6; ++i) sw.hwHit(cached(i), red, 10);
+  sw.scan();
+  sw.thresholds(0, 0, 0);
+  sw.scan();
+  sw.add(plain(0));
+  sw.add(plain(1));
+  for (int i = 10; i < 12; ++i) sw.sfeHit(cached(i), red, 1);
+  sw.addMany(cached, 10, 12);
+  sw.hwSm().routeProcessingIntervalDeferIs(1000);
+  sw.settle();  // the queues have asked for their last run by the short interval
+  const auto in = [&] {
+    sw.advance(0.01);
+    std::vector<std::string> others;
+    for (const auto& route : sw.hardware()) {
+      for (const auto& prefix : {plain(0), plain(1), cached(10), cached(11)}) {
+        if (route.first == inRed(prefix)) others.push_back(prefix);
+      }
+    }
+    return others;
+  };
+  ASSERT_THAT(in(), IsEmpty());
+  sw.sfeProgrammed(cached(0), red, true);
+  EXPECT_THAT(in(), ElementsAre(cached(10)));
+  sw.config()->ageingKeepsRouteIs(false);  // five more go at once
+  EXPECT_EQ(in().size(), 4u);
 }
 
 // --- Tries -----------------------------------------------------------------------------------------------------------
