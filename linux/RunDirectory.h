@@ -1,17 +1,18 @@
 // The directory of one running agent: shared tables, control socket, trace files. Held by a lock that dies with its
-// process.
+// process. It belongs to the agent's user; linux/OwnFiles.h says what others may do there.
 #pragma once
 
 #include <string>
+
+#include "linux/OwnFiles.h"
 
 namespace LinuxPlatform {
 
 class RunDirectory {
  public:
   // Makes the directory when it is missing and locks it. Throws std::runtime_error with one line when that is
-  // impossible, or when another agent holds it.
+  // impossible, when another agent holds it, or when it is another user's or others may write into it.
   explicit RunDirectory(const std::string& path);
-  ~RunDirectory();
   RunDirectory(const RunDirectory&) = delete;
   RunDirectory& operator=(const RunDirectory&) = delete;
 
@@ -20,7 +21,7 @@ class RunDirectory {
 
  private:
   std::string path_;
-  int lockFd_ = -1;
+  FileDescriptor lock_;
 };
 
 }  // namespace LinuxPlatform

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
 #include "linux/SharedTableCollection.h"
@@ -50,13 +51,17 @@ std::uint32_t capacityFrom(const std::string& path, const Pondra::TableLayout& l
 SharedTableService::SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
                                        std::function<void()> deliveryWanted)
     : types_(types),
+      runDirectory_(runDirectory),
       context_(std::make_shared<TableServiceContext>()),
       wakeup_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   context_->directory = tableDirectory(runDirectory);
   context_->deliveryWanted = std::move(deliveryWanted);
-  std::error_code error;
-  std::filesystem::create_directories(context_->directory, error);
-  if (error) throw TableError(context_->directory + " mount: " + error.message());
+  try {
+    makeDirectory(runDirectory_);
+    makeDirectory(context_->directory);
+  } catch (const std::runtime_error& error) {
+    throw TableError(error.what());
+  }
 }
 
 SharedTableService::~SharedTableService() {
@@ -79,16 +84,33 @@ void SharedTableService::mount(const std::string& path, const std::string& typeN
   const Pondra::TableLayout layout = table->layout();
   if (path.empty() || path.size() >= sizeof TableHeader::path) refuseMount(path, "the path is empty or too long");
   const std::uint32_t capacity = kind == MountKind::writer ? capacityFrom(path, layout, info) : 0;
-  if (kind != MountKind::writer) watchDirectory();
+  if (kind == MountKind::writer) {
+    checkOwner(path);
+  } else {
+    watchDirectory();
+  }
   auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity);
   table->controlIs(collection);
   mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
+}
+
+// In a directory that others may write into, a writer's files could become theirs.
+void SharedTableService::checkOwner(const std::string& path) {
+  if (ownerChecked_) return;
+  try {
+    checkOwnDirectory(runDirectory_);
+    checkOwnDirectory(context_->directory);
+  } catch (const std::runtime_error& error) {
+    refuseMount(path, error.what());
+  }
+  ownerChecked_ = true;
 }
 
 // Before the first reader's table is looked for, so that it cannot appear unseen. Not for writers alone: nobody else
 // changes their tables, and to give a watch up takes the kernel milliseconds.
 void SharedTableService::watchDirectory() {
   if (watching_ || !wakeup_) return;
+  watchWanted_ = true;
   watching_ = inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO) >= 0;
 }
 
@@ -138,6 +160,7 @@ bool SharedTableService::anyPending() const {
 }
 
 bool SharedTableService::pendingChanges() {
+  if (watchWanted_) watchDirectory();
   for (const auto& [path, mount] : mounts_) mount.collection->checkReplacement();
   return anyPending();
 }
@@ -153,6 +176,7 @@ void SharedTableService::handleWakeup() {
       inotify_event event;
       std::memcpy(&event, events.data() + at, sizeof event);
       filesChanged = filesChanged || (event.mask & ~std::uint32_t{IN_MODIFY}) != 0;
+      if ((event.mask & IN_IGNORED) != 0) watching_ = false;  // the directory was removed
       at += sizeof event + event.len;
     }
   }
@@ -174,11 +198,11 @@ std::vector<TableFileInfo> tableFiles(const std::string& runDirectory) {
     if (file.path().extension() != ".table") continue;
     const TableFileHeader read = readTableHeader(file.path().string());
     if (!read.fault.empty()) {
-      tables.push_back({file.path().filename().string(), {}, {}, 0, 0, false, read.fault});
+      tables.push_back({file.path().filename().string(), {}, {}, 0, 0, std::nullopt, read.fault});
       continue;
     }
     const TableHeader& header = read.header;
-    const bool writerAlive = tableLocked(tableDirectory(runDirectory), header.path);
+    const auto writerAlive = tableLocked(tableDirectory(runDirectory), header.path);
     tables.push_back(
         {header.path, header.typeName, header.collection, read.liveCount, header.capacity, writerAlive, {}});
   }

@@ -25,7 +25,8 @@ class TableCollection;
 
 class SharedTableService final : public Pondra::TableService {
  public:
-  // Makes the directory when it is missing; throws TableError when it cannot. `types` outlives the service.
+  // Makes the directory when it is missing; throws TableError when it cannot. `types` outlives the service. Readers may
+  // be another user's, if the modes let them; a writer's mount throws when the directory is not its own user's alone.
   // `deliveryWanted` is called when there is something to deliver, from inside a write or handleWakeup() and at most
   // once between two deliveries: it schedules a call of deliverChanges().
   SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
@@ -38,12 +39,13 @@ class SharedTableService final : public Pondra::TableService {
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
   void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) override;
 
-  // Goes over to tables that appeared or were replaced, and tells reactors of changes, table by table, until
-  // shouldYield (asked after each change) says stop. True: nothing is left. Tables take turns at being first. Not
-  // called from inside a reactor.
+  // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
+  // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
+  // turns at being first. Not called from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
-  // Whether any mounted table has something to deliver, or has appeared or been replaced. Cheap: it reads a word and
-  // asks for a file's identity per table. Finds also what a writer changed that died before it flushed.
+  // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
+  // Cheap: it reads a word and asks for a file's identity per table. Finds also what a writer changed that died before
+  // it flushed.
   bool pendingChanges();
 
   // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has
@@ -65,11 +67,15 @@ class SharedTableService final : public Pondra::TableService {
   };
 
   void watchDirectory();
+  void checkOwner(const std::string& path);
   bool anyPending() const;
 
   const Platform::TableTypes& types_;
+  std::string runDirectory_;
+  bool ownerChecked_ = false;
   std::shared_ptr<TableServiceContext> context_;
   FileDescriptor wakeup_;
+  bool watchWanted_ = false;
   bool watching_ = false;
   std::map<std::string, Mount, std::less<>> mounts_;
   std::string firstServed_;  // path at which the next delivery begins
@@ -82,8 +88,8 @@ struct TableFileInfo {
   std::string collection;
   std::size_t size = 0;
   std::size_t capacity = 0;
-  bool writerAlive = false;
-  std::string fault;  // why the file is no table; empty: it is one
+  std::optional<bool> writerAlive;  // nothing: this user cannot tell
+  std::string fault;                // why the file is no table; empty: it is one
 };
 // All tables under a run directory, by path; none when the directory does not exist.
 std::vector<TableFileInfo> tableFiles(const std::string& runDirectory);

@@ -67,32 +67,42 @@ std::string tableFileName(std::string_view path) {
   return name.substr(0, longestName - 17) + tail;
 }
 
-FileDescriptor::~FileDescriptor() {
-  if (fd_ >= 0) close(fd_);
+namespace {
+std::string lockName(const std::string& directory, const std::string& path) {
+  return directory + "/" + tableFileName(path) + ".lock";
 }
+}  // namespace
 
 FileDescriptor lockTable(const std::string& directory, const std::string& path) {
-  const std::string fileName = directory + "/" + tableFileName(path) + ".lock";
-  FileDescriptor fd(::open(fileName.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (!fd) refuseErrno(path, fileName);
-  // A lock of the open file: gone with its last descriptor like any flock, but others can ask for it without taking it.
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  if (fcntl(fd.get(), F_OFD_SETLK, &lock) != 0) {
-    if (errno == EAGAIN || errno == EACCES) refuse(path, "another process is the table's writer");
-    refuseErrno(path, fileName);
+  const std::string fileName = lockName(directory, path);
+  for (;;) {
+    OpenFile file = openOrCreate(fileName, lockMode);
+    if (!file.fd) refuse(path, file.fault);
+    // A lock of the open file: gone with its last descriptor like any flock, but one can ask for it without taking it.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(file.fd.get(), F_OFD_SETLK, &lock) != 0) {
+      if (errno == EAGAIN || errno == EACCES) refuse(path, "another process is the table's writer");
+      refuseErrno(path, fileName);
+    }
+    // Who cleans up the directory at this moment leaves us with the lock of a file that nobody else will ask for.
+    if (leadsTo(fileName, file.fd)) return std::move(file.fd);
   }
-  return fd;
 }
 
-bool tableLocked(const std::string& directory, const std::string& path) {
-  const FileDescriptor fd(::open((directory + "/" + tableFileName(path) + ".lock").c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) return false;
+bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock) {
+  return leadsTo(lockName(directory, path), lock);
+}
+
+std::optional<bool> tableLocked(const std::string& directory, const std::string& path) {
+  const OpenFile file = openToRead(lockName(directory, path));
+  if (!file.fault.empty()) return std::nullopt;
+  if (!file.fd) return false;
   struct flock lock {};
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
-  return fcntl(fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  return fcntl(file.fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 FileIdentity fileIdentity(const std::string& fileName) {
@@ -120,11 +130,10 @@ TableFile::~TableFile() {
 std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const std::string& path,
                                            const Pondra::TableLayout& layout, bool writable) {
   const std::string name = directory + "/" + tableFileName(path);
-  FileDescriptor fd(::open((name + ".table").c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC));
-  if (!fd) {
-    if (errno == ENOENT) return nullptr;
-    refuseErrno(path, name + ".table");
-  }
+  OpenFile file = writable ? openToWrite(name + ".table", readableMode) : openToRead(name + ".table");
+  if (!file.fault.empty()) refuse(path, file.fault);
+  if (!file.fd) return nullptr;
+  FileDescriptor fd = std::move(file.fd);
   TableHeader header{};
   if (!readAt(fd.get(), &header, sizeof header, 0)) refuse(path, "the file is too short for a table");
   if (const auto fault = headerFault(header, path, layout); !fault.empty()) refuse(path, fault);
@@ -141,10 +150,16 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
                                              std::uint32_t slots) {
   const std::string name = directory + "/" + tableFileName(path);
   const std::string temporary = name + ".new";
-  FileDescriptor fd(::open(temporary.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (!fd) refuseErrno(path, temporary);
+  OpenFile file = createAfresh(temporary, readableMode);
+  if (!file.fd) refuse(path, file.fault);
+  FileDescriptor fd = std::move(file.fd);
   const TableGeometry geometry(layout, slots);
-  if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) refuseErrno(path, temporary);
+  if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) {
+    const int error = errno;
+    unlink(temporary.c_str());
+    errno = error;
+    refuseErrno(path, temporary);
+  }
   std::byte* base = map(fd.get(), geometry.fileSize, true);
   if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
   // A new file is all zero bytes: no slot was ever used and every list is empty.
@@ -157,6 +172,10 @@ void TableFile::publish() {
   if (rename((name_ + ".new").c_str(), (name_ + ".table").c_str()) != 0) refuseErrno(name_, "the file cannot be named");
 }
 
+bool TableFile::stands() const {
+  return leadsTo(name_ + ".table", fd_);
+}
+
 void TableFile::ringDoorbell() const {
   const char ring = 1;
   // Nothing depends on it but the speed of notification.
@@ -166,11 +185,11 @@ void TableFile::ringDoorbell() const {
 
 TableFileHeader readTableHeader(const std::string& fileName) {
   TableFileHeader result;
-  const FileDescriptor fd(::open(fileName.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) {
-    result.fault = std::strerror(errno);
-  } else if (!readAt(fd.get(), &result.header, sizeof result.header, 0) ||
-             !readAt(fd.get(), &result.liveCount, sizeof result.liveCount,
+  const OpenFile file = openToRead(fileName);
+  if (!file.fd) {
+    result.fault = file.fault.empty() ? std::strerror(ENOENT) : file.fault;
+  } else if (!readAt(file.fd.get(), &result.header, sizeof result.header, 0) ||
+             !readAt(file.fd.get(), &result.liveCount, sizeof result.liveCount,
                      tableStateOffset + offsetof(TableState, liveCount))) {
     result.fault = "the file is too short for a table";
   } else {

@@ -3,15 +3,18 @@
 //   <run directory>/tables/<name>.table   the table (SharedTableFormat.h)
 //   <run directory>/tables/<name>.lock    locked by the writer; stays when the table is replaced
 //   <run directory>/tables/<name>.new     a table being made; gets its name when it is complete
+//
+// All of them belong to one user, who writes every table of the directory; others may be allowed to read the tables.
 #pragma once
 
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
+#include "linux/OwnFiles.h"
 #include "linux/SharedTableFormat.h"
 #include "platform/SharedTable.h"
 
@@ -22,28 +25,13 @@ namespace LinuxPlatform {
 // than a file name may be ends in a hash of the path instead; the header tells whose file it is.
 std::string tableFileName(std::string_view path);
 
-// An open file descriptor.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~FileDescriptor();
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
 // The writer's lock, held while the descriptor lives and let go by the kernel when its process ends. Throws TableError
 // when another holds it.
 FileDescriptor lockTable(const std::string& directory, const std::string& path);
-// Whether somebody holds it.
-bool tableLocked(const std::string& directory, const std::string& path);
+// Whether the lock is still the one that the next writer would ask for.
+bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock);
+// Whether somebody holds it; nothing when it is not for this user to ask.
+std::optional<bool> tableLocked(const std::string& directory, const std::string& path);
 
 // Which file a name leads to; {0, 0}: none.
 struct FileIdentity {
@@ -66,6 +54,8 @@ class TableFile {
                                            const Pondra::TableLayout& layout, std::uint32_t capacity,
                                            std::uint32_t slots);
   void publish();
+  // Whether the table's name leads to this file. Writable files only.
+  bool stands() const;
 
   TableFile(const TableFile&) = delete;
   TableFile& operator=(const TableFile&) = delete;

@@ -1,16 +1,34 @@
 #include "tools/Common.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <nlohmann/json.hpp>
 
 #include "RouteCache/RouteCacheTables.h"
+#include "linux/OwnFiles.h"
 #include "linux/PlatformTypes.h"
 
 namespace Tools {
+
+namespace {
+
+// In a place where anybody may have been first.
+std::string directoryOfOwn() {
+  return "/tmp/routecache-" + std::to_string(::geteuid());
+}
+
+void checkDirectoryOfOwn() {
+  struct stat status {};
+  const std::string path = directoryOfOwn();
+  if (::lstat(path.c_str(), &status) == 0) LinuxPlatform::checkOwnDirectory(path);
+}
+
+}  // namespace
 
 std::string defaultRunDir() {
   if (const char* given = std::getenv("ROUTECACHE_RUN_DIR"); given != nullptr && *given != '\0') return given;
@@ -19,7 +37,7 @@ std::string defaultRunDir() {
   if (const char* own = std::getenv("XDG_RUNTIME_DIR"); own != nullptr && *own == '/') {
     return std::string(own) + "/routecache";
   }
-  return "/tmp/routecache-" + std::to_string(::getuid());
+  return directoryOfOwn();
 }
 
 void addRunDirOption(CLI::App& command, std::string& runDir) {
@@ -27,6 +45,14 @@ void addRunDirOption(CLI::App& command, std::string& runDir) {
   command.add_option("--run-dir", runDir, "Directory of the shared tables and the control socket")
       ->type_name("DIR")
       ->capture_default_str();
+  command.parse_complete_callback([&runDir] {
+    if (runDir == directoryOfOwn()) checkDirectoryOfOwn();
+  });
+}
+
+bool hangupIsIgnored() {
+  struct sigaction hangup {};
+  return sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN;
 }
 
 Platform::TableTypes allTableTypes() {

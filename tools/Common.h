@@ -23,8 +23,12 @@ namespace Tools {
 // empty, else /run/routecache where that exists or this user can make it, else a directory of this user's own.
 std::string defaultRunDir();
 
-// Adds --run-dir to a subcommand; `runDir` is set to the default at once.
+// Adds --run-dir to a subcommand; `runDir` is set to the default at once and outlives the parsing. A directory of this
+// user's own that is somebody else's is refused: std::runtime_error.
 void addRunDirOption(CLI::App& command, std::string& runDir);
+
+// Whether this process was started to outlive its terminal.
+bool hangupIsIgnored();
 
 // Every table type that the tools know: the platform's and the agent's.
 Platform::TableTypes allTableTypes();

@@ -80,7 +80,7 @@ void list(const TableOptions& options) {
                  {"type", table.typeName},
                  {"entries", table.size},
                  {"capacity", table.capacity},
-                 {"writer", table.writerAlive}});
+                 {"writer", table.writerAlive ? Json(*table.writerAlive) : Json()}});
     }
     array.close();
     return;
@@ -104,7 +104,9 @@ void list(const TableOptions& options) {
       continue;
     }
     row(table.path, table.typeName, std::to_string(table.size), std::to_string(table.capacity),
-        table.writerAlive ? "alive" : "none");
+        !table.writerAlive   ? "unknown"
+        : *table.writerAlive ? "alive"
+                             : "none");
   }
 }
 
@@ -170,7 +172,7 @@ void show(const TableOptions& options) {
 
 // --- watch -----------------------------------------------------------------------------------------------------------
 
-// SIGINT and SIGTERM as a descriptor, while it exists.
+// SIGINT, SIGTERM and SIGHUP as a descriptor, while it exists.
 class Interrupt {
  public:
   Interrupt() {
@@ -178,6 +180,7 @@ class Interrupt {
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    if (!hangupIsIgnored()) sigaddset(&signals, SIGHUP);
     ::sigprocmask(SIG_BLOCK, &signals, &before_);
     fd_ = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
     if (fd_ < 0) throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
