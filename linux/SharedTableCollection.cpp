@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 
 #include "platform/Assert.h"
 
@@ -35,7 +36,8 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
   lock_ = lockTable(context_->directory, path_);
   file_ = TableFile::open(context_->directory, path_, layout_, true);
   if (file_ && file_->capacity() != capacity) {
-    migrate(capacity);
+    const TableWriter oldEntries(file_->image(), file_->capacity(), report_);
+    copyToNewFile(capacity, oldEntries.size());
   } else {
     const bool isNew = !file_;
     if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
@@ -44,16 +46,16 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
   }
 }
 
-// Copies the entries into a file of the new capacity and puts it in the place of the old one, which its readers go on
+// Copies the entries into a file of this capacity and puts it in the place of the old one, which its readers go on
 // reading until they notice.
-void TableCollection::migrate(std::uint32_t capacity) {
-  const std::shared_ptr<TableFile> old = std::move(file_);
-  const TableWriter oldEntries(old->image(), old->capacity(), report_);
-  const auto slots = std::max(capacity, static_cast<std::uint32_t>(oldEntries.size()));
-  file_ = TableFile::create(context_->directory, path_, layout_, capacity, slots);
-  writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
-  writer_->copyFrom(TableView(old->image(), report_));
-  file_->publish();
+void TableCollection::copyToNewFile(std::uint32_t capacity, std::size_t entries) {
+  const auto slots = std::max(capacity, static_cast<std::uint32_t>(entries));
+  std::shared_ptr<TableFile> next = TableFile::create(context_->directory, path_, layout_, capacity, slots);
+  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_);
+  writer->copyFrom(TableView(file_->image(), report_));
+  next->publish();
+  writer_ = std::move(writer);
+  file_ = std::move(next);
 }
 
 void TableCollection::close() {
@@ -173,7 +175,10 @@ bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
 }
 
 void TableCollection::checkReplacement() {
-  if (kind_ == MountKind::writer) return;
+  if (kind_ == MountKind::writer) {
+    replacementDue_ = !ownFilesStand();
+    return;
+  }
   const FileIdentity now = fileIdentity(fileName());
   if (now == FileIdentity{} || now == refused_) return;
   if (!file_ || now != file_->identity()) replacementDue_ = true;
@@ -181,6 +186,10 @@ void TableCollection::checkReplacement() {
 
 void TableCollection::adoptReplacement() {
   if (!std::exchange(replacementDue_, false)) return;
+  if (kind_ == MountKind::writer) {
+    putBack();
+    return;
+  }
   std::unique_ptr<TableFile> next;
   const FileIdentity identity = fileIdentity(fileName());
   try {
@@ -197,6 +206,35 @@ void TableCollection::adoptReplacement() {
   if (!follower_) return;
   follower_->restart(*view_);
   if (appeared) sink_->mountStatusChanged();
+}
+
+bool TableCollection::ownFilesStand() const {
+  return file_->stands() && lockStands(context_->directory, path_, lock_);
+}
+
+// Somebody has removed the table, its lock or the whole directory, or put something else there. The kernel does not
+// give a removed file its name back, so the entries are copied, all in one go: that this takes a moment is the least of
+// the troubles of a switch where it happens. What fails is tried again when the files are looked at next.
+void TableCollection::putBack() {
+  try {
+    for (const auto& directory :
+         {std::filesystem::path(context_->directory).parent_path().string(), context_->directory}) {
+      makeDirectory(directory);
+      checkOwnDirectory(directory);
+    }
+    if (!lockStands(context_->directory, path_, lock_)) lock_ = lockTable(context_->directory, path_);
+    if (!file_->stands()) {
+      const auto old = file_;  // the follower's until it has gone over
+      const std::uint64_t base = lastSequence() + 1;
+      copyToNewFile(old->capacity(), writer_->size());
+      sequenceBase_ = base;
+      view_.emplace(file_->image(), report_);
+      if (follower_) follower_->restart(*view_);
+    }
+    reportCorruption("its file was removed; it is put back");
+  } catch (const std::exception& error) {
+    reportCorruption(std::string("its file was removed and cannot be put back: ") + error.what());
+  }
 }
 
 void TableCollection::reportCorruption(std::string_view what) const {

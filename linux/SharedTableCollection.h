@@ -56,7 +56,8 @@ class TableCollection final : public Pondra::SharedCollection {
   // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
   bool deliver(const std::function<bool()>& shouldYield);
   bool pending() const { return replacementDue_ || streaming_ || (follower_ && follower_->pending()); }
-  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it.
+  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A
+  // writer, whose files nobody else may touch, puts its own in the place again, and tells so.
   void checkReplacement();
   void adoptReplacement();
   // Makes those who watch the file look, if anything was written.
@@ -66,7 +67,9 @@ class TableCollection final : public Pondra::SharedCollection {
  private:
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
   void openForWriting(std::uint32_t capacity);
-  void migrate(std::uint32_t capacity);
+  void copyToNewFile(std::uint32_t capacity, std::size_t entries);
+  bool ownFilesStand() const;
+  void putBack();
   void written();
   TableWriter& writerFor(std::string_view operation);
   [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;

@@ -486,6 +486,59 @@ TEST_F(SharedTableProcessTest, TableMadeAnewIsToldWhole) {
   }
 }
 
+// What is lost is the file's name, its lock, or the whole directory; what takes its place may be no table at all.
+TEST_F(SharedTableProcessTest, AWriterPutsItsRemovedTableBack) {
+  const std::function<void()> losses[] = {
+      [&] { std::filesystem::remove(fileOf("fixed")); },
+      [&] { std::filesystem::remove(directory + "/tables/fixed.lock"); },
+      [&] { std::filesystem::remove_all(directory); },
+      [&] { std::filesystem::rename(fileOf("fixed"), directory + "/taken"); },
+      [&] { std::ofstream(fileOf("fixed") + "x"), std::filesystem::rename(fileOf("fixed") + "x", fileOf("fixed")); },
+  };
+  const auto writing = service();
+  const auto written = mount(*writing, MountKind::writer);
+  Believer<FixedTable> writersOwn(written);
+  const auto reading = service();
+  Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  std::uint64_t key = 1;
+  for (const auto& lose : losses) {
+    SCOPED_TRACE(key);
+    written->routeIs({key, key});
+    damage.clear();
+    lose();
+    written->routeIs({++key, key});  // into a file without a name
+    EXPECT_TRUE(writing->pendingChanges());
+    EXPECT_TRUE(writing->deliverChanges(never));
+    EXPECT_THAT(damage, ElementsAre("fixed: its file was removed; it is put back"));
+    EXPECT_FALSE(writing->pendingChanges());
+    EXPECT_THROW(mount(*service(), MountKind::writer), TableError) << "the lock is held again";
+    written->routeIs({++key, key});
+    writing->checkInvariants();
+
+    damage.clear();
+    reading->pendingChanges();
+    reading->deliverChanges(never);
+    EXPECT_EQ(contents(*reading->get<FixedTable>("fixed")), contents(*written));
+    EXPECT_EQ(believer.believed, contents(*written));
+    writing->deliverChanges(never);
+    EXPECT_EQ(writersOwn.believed, contents(*written));
+  }
+  EXPECT_EQ(contents(*written).entries.size(), key);
+
+  // Another has become the writer meanwhile: nobody fights him, and he is told about.
+  std::filesystem::remove_all(directory);
+  auto other = service();
+  mount(*other, MountKind::writer)->routeIs({7, 7});
+  writing->pendingChanges();
+  writing->deliverChanges(never);
+  EXPECT_THAT(damage, ElementsAre(HasSubstr("cannot be put back: fixed mount: another process is the table's writer")));
+  EXPECT_EQ(contents(*other->get<FixedTable>("fixed")).entries.size(), 1U);
+  other.reset();
+  writing->pendingChanges();
+  writing->deliverChanges(never);
+  EXPECT_EQ(contents(*mount(*service(), MountKind::reader)).entries.size(), key);
+}
+
 TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
   {
     const auto writing = service();
