@@ -87,8 +87,9 @@ void atField(const std::string& path, const std::string& field, Action&& action)
 void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
   using Request = ControlSocket::Request;
   using Reply = std::unique_ptr<ControlReply>;
+  using Access = ControlSocket::Access;
 
-  socket.opIs("get", [&stateDb](const Request& request) -> Reply {
+  socket.opIs("get", Access::ask, [&stateDb](const Request& request) -> Reply {
     const auto path = optionalOf(request, "path");
     if (!path) return std::make_unique<LinesReply>(pathLines(stateDb));
     const auto entity = entityAt(stateDb, *path);
@@ -98,7 +99,7 @@ void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
     return reply;
   });
 
-  socket.opIs("set", [&stateDb](const Request& request) -> Reply {
+  socket.opIs("set", Access::change, [&stateDb](const Request& request) -> Reply {
     const std::string path = requiredOf(request, "path");
     const std::string field = requiredOf(request, "field");
     const auto entity = entityAt(stateDb, path);
@@ -106,7 +107,7 @@ void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
     return nullptr;
   });
 
-  socket.opIs("del", [&stateDb](const Request& request) -> Reply {
+  socket.opIs("del", Access::change, [&stateDb](const Request& request) -> Reply {
     const std::string path = requiredOf(request, "path");
     const std::string field = requiredOf(request, "field");
     const auto entity = entityAt(stateDb, path);
@@ -116,7 +117,8 @@ void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
 }
 
 void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& scheduler) {
-  socket.opIs("tasks", [&scheduler](const ControlSocket::Request&) -> std::unique_ptr<ControlReply> {
+  using Reply = std::unique_ptr<ControlReply>;
+  socket.opIs("tasks", ControlSocket::Access::ask, [&scheduler](const ControlSocket::Request&) -> Reply {
     std::string lines;
     for (const auto& task : scheduler.statistics()) {
       lines += controlLine({{"name", task.name},
@@ -133,7 +135,7 @@ void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& sche
 }
 
 void addCommandOperation(ControlSocket& socket, AgentCommands& commands) {
-  socket.opIs("command", [&commands](const ControlSocket::Request& request) {
+  socket.opIs("command", ControlSocket::Access::ask, [&commands](const ControlSocket::Request& request) {
     const std::string type = requiredOf(request, "type");
     const std::string command = requiredOf(request, "command");
     return commands.commandReply(type, command, outputFormatOf(requiredOf(request, "format")));

@@ -1,5 +1,6 @@
 #include "linux/ControlSocket.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -14,6 +15,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 namespace LinuxPlatform {
 
@@ -23,6 +25,8 @@ namespace {
 
 // A reply waits for its reader once this much of it is ready.
 constexpr std::size_t outgoingMark = 64 * 1024;
+// Seconds until newcomers are looked for again that found no place or no descriptor.
+constexpr double acceptInterval = 0.25;
 
 std::string line(const Json& object) {
   return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -46,6 +50,20 @@ std::optional<ControlSocket::Request> parsedRequest(std::string_view text) {
   return request;
 }
 
+bool isMember(int peer, gid_t group, gid_t own) {
+  if (own == group) return true;
+  std::vector<gid_t> groups(64);
+  socklen_t size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+  int result = getsockopt(peer, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size);
+  if (result != 0 && errno == ERANGE) {  // `size` says how many bytes there are
+    groups.resize(size / sizeof(gid_t));
+    result = getsockopt(peer, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size);
+  }
+  if (result != 0) return false;
+  groups.resize(size / sizeof(gid_t));
+  return std::ranges::find(groups, group) != groups.end();
+}
+
 }  // namespace
 
 std::string controlLine(std::initializer_list<std::pair<std::string_view, std::string_view>> fields) {
@@ -66,6 +84,7 @@ const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
                                         Lattis::readOnlyField<Statistics, &Statistics::requests>("requests"),
                                         Lattis::readOnlyField<Statistics, &Statistics::dropped>("dropped"),
                                         Lattis::readOnlyField<Statistics, &Statistics::evicted>("evicted"),
+                                        Lattis::readOnlyField<Statistics, &Statistics::refused>("refused"),
                                         Lattis::readOnlyField<Statistics, &Statistics::longestTurn>("longestTurn")},
                                        {}};
   return type;
@@ -73,6 +92,7 @@ const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
 
 struct ControlSocket::Client {
   int fd = -1;
+  Access access = Access::none;
   std::uint32_t watched = 0;  // the events that the loop looks for
   std::string incoming;       // at most one unfinished request and what came with it
   std::string outgoing;
@@ -80,30 +100,40 @@ struct ControlSocket::Client {
   std::unique_ptr<ControlReply> reply;  // of the request being answered
   bool hungUp = false;                  // no more requests will come
   double lastSign = 0;                  // when bytes last went either way
+
+  // Whether it is the client that has to do something next: ask, or read what is ready.
+  bool isAwaited() const { return !reply || !outgoing.empty(); }
 };
 
-ControlSocket::ControlSocket(EventLoop& loop, const std::string& path)
-    : loop_(loop), path_(path), statistics_(std::make_shared<Statistics>("control")) {
+ControlSocket::ControlSocket(EventLoop& loop, const std::string& path, double clientPatience)
+    : loop_(loop), path_(path), patience_(clientPatience), statistics_(std::make_shared<Statistics>("control")) {
+  listenAt(path);
+  acceptTask_ = loop.taskIs("controlAcceptTask", Platform::TaskPriority::urgent, [this] { acceptClients(); });
+  acceptTask_->scheduleWithin(0);
+}
+
+void ControlSocket::listenAt(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() >= sizeof address.sun_path) {
     throw std::system_error(ENAMETOOLONG, std::generic_category(), path);
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  struct stat status {};
+  if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());
   listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  unlink(path.c_str());
-  const mode_t before = umask(0177);
+  // The file is made with the mode that it keeps, 0660: to connect takes the right to write, which most umasks take
+  // from the group. A stricter one has kept the group out of the directory already.
+  const mode_t before = umask(0117);
   const bool listening = listenFd_ >= 0 &&
                          bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                         listen(listenFd_, SOMAXCONN) == 0;
+                         lstat(path.c_str(), &status) == 0 && listen(listenFd_, SOMAXCONN) == 0;
   const int error = errno;
   umask(before);
-  if (!listening) {
-    if (listenFd_ >= 0) close(listenFd_);
-    throw std::system_error(error, std::generic_category(), path);
-  }
-  acceptTask_ = loop.taskIs("controlAcceptTask", Platform::TaskPriority::urgent, [this] { acceptClients(); });
-  acceptTask_->scheduleWithin(0);
+  group_ = status.st_gid;
+  if (listening) return;
+  if (listenFd_ >= 0) close(listenFd_);
+  throw std::system_error(error, std::generic_category(), path);
 }
 
 ControlSocket::~ControlSocket() {
@@ -119,34 +149,48 @@ ControlSocket::~ControlSocket() {
 // --- Connections -----------------------------------------------------------------------------------------------------
 
 void ControlSocket::acceptClients() {
-  while (true) {
+  if (clients_.size() >= maxClients) makeRoom();
+  errno = 0;
+  while (clients_.size() < maxClients) {
     const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
     if (fd < 0) break;
-    if (clients_.size() >= maxClients) makeRoom();
     auto client = std::make_unique<Client>();
     client->fd = fd;
+    client->access = accessOf(fd);
     client->lastSign = loop_.now();
     ++statistics_->clients_;
     watch(*client, EPOLLIN);
     clients_[fd] = std::move(client);
   }
-  if (errno == EAGAIN) {
-    loop_.fdIs(listenFd_, EPOLLIN, [this](std::uint32_t) { acceptClients(); });
-  } else {
-    // No descriptor or memory is left: whoever waits goes on waiting, and the loop must not be woken for it for ever.
-    loop_.fdDel(listenFd_);
-    acceptTask_->scheduleWithin(1);
-  }
+  const bool all = clients_.size() < maxClients && errno == EAGAIN;
+  if (all && !listening_) loop_.fdIs(listenFd_, EPOLLIN, [this](std::uint32_t) { acceptClients(); });
+  // No place, descriptor or memory is left: whoever waits goes on waiting, and the loop must not be woken for it for
+  // ever.
+  if (!all && listening_) loop_.fdDel(listenFd_);
+  if (!all) acceptTask_->scheduleWithin(acceptInterval);
+  listening_ = all;
 }
 
+// If anybody wants to come in.
 void ControlSocket::makeRoom() {
-  auto oldest = clients_.begin();
-  for (auto client = clients_.begin(); client != clients_.end(); ++client) {
-    if (client->second->lastSign < oldest->second->lastSign) oldest = client;
+  pollfd newcomers{listenFd_, POLLIN, 0};
+  if (poll(&newcomers, 1, 0) <= 0) return;
+  const Client* silent = nullptr;
+  for (const auto& [fd, client] : clients_) {
+    if (client->isAwaited() && (silent == nullptr || client->lastSign < silent->lastSign)) silent = client.get();
   }
+  if (silent == nullptr || loop_.now() - silent->lastSign < patience_) return;
   ++statistics_->evicted_;
-  end(oldest->first, Fate::close);
+  end(silent->fd, Fate::close);
+}
+
+ControlSocket::Access ControlSocket::accessOf(int fd) const {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) return Access::none;
+  if (peer.uid == geteuid() || peer.uid == 0) return Access::change;
+  return isMember(fd, group_, peer.gid) ? Access::ask : Access::none;
 }
 
 void ControlSocket::end(int fd, Fate fate) {
@@ -154,6 +198,7 @@ void ControlSocket::end(int fd, Fate fate) {
   loop_.fdDel(fd);
   close(fd);
   clients_.erase(fd);
+  if (!listening_) acceptTask_->scheduleWithin(0);
 }
 
 void ControlSocket::watch(Client& client, std::uint32_t events) {
@@ -237,17 +282,27 @@ ControlSocket::Fate ControlSocket::nextRequest(Client& client) {
 
 void ControlSocket::answer(Client& client, const Request& request) {
   const std::string& op = request.at("op");
-  const auto handler = handlers_.find(op);
-  if (handler == handlers_.end()) {
+  const auto operation = operations_.find(op);
+  if (client.access == Access::none || (operation != operations_.end() && operation->second.access > client.access)) {
+    ++statistics_->refused_;
+    client.outgoing += errorLine(refusal(op));
+    return;
+  }
+  if (operation == operations_.end()) {
     client.outgoing += errorLine("nothing is known of '" + op + "'");
     return;
   }
   try {
-    client.reply = handler->second(request);
+    client.reply = operation->second.handler(request);
     if (!client.reply) client.outgoing += doneLine();
   } catch (const std::exception& error) {
     client.outgoing += errorLine(error.what());
   }
+}
+
+std::string ControlSocket::refusal(const std::string& op) const {
+  return "'" + op + "' is not for you: user " + std::to_string(geteuid()) +
+         ", who runs the agent, and root may do all, group " + std::to_string(group_) + " may only look";
 }
 
 // False when the reply has nothing to say at the moment.

@@ -69,7 +69,7 @@ class ListingSm final : public AgentAsyncCommandRequestSm {
   int written_ = 0;
 };
 
-// "list N", "throw N" at entry 10 of N, "fail"; anything else is not known.
+// "list N", "throw N" at entry 10 of N, "fail", "fail badly"; anything else is not known.
 class ListingCallback final : public Agent::AsyncCommandCallbackWithFormat {
  public:
   explicit ListingCallback(Counters& counters)
@@ -82,15 +82,18 @@ class ListingCallback final : public Agent::AsyncCommandCallbackWithFormat {
       const std::shared_ptr<const AgentCommandRequest>& request) override {
     class FailingSm final : public AgentAsyncCommandRequestSm {
      public:
+      explicit FailingSm(std::string text) : error(std::move(text)) {}
+      const std::string error;
       void handleAsyncCommand(CommandSocket& socket, OutputFormat format) override {
         socket.renderer(format).start();
-        socket.renderer(format).addAttributes("%s\n", {{"cmdErr", "there is no such shelf"}});
+        socket.renderer(format).addAttributes("%s\n", {{"cmdErr", error}});
         socket.renderer(format).end();
         executionCompletedIs(true);
       }
     };
     const std::string& command = request->command();
-    if (command == "fail") return std::make_shared<FailingSm>();
+    if (command == "fail") return std::make_shared<FailingSm>("there is no such shelf");
+    if (command == "fail badly") return std::make_shared<FailingSm>(std::string("no shelf a\0b either", 19));
     const bool throws = command.starts_with("throw ");
     if (!throws && !command.starts_with("list ")) return nullptr;
     auto sm = std::make_shared<ListingSm>(counters_, Platform::fromText<int>(command.substr(throws ? 6 : 5)));
@@ -218,6 +221,7 @@ TEST_F(AgentCommandsTest, EveryEndIsToldAndLeavesClosedOutput) {
       {"completed", request("list 1"), {{"entries", {{"0", {{"number", 0}, {"text", "one of many"}}}}}}, done},
       {"failed", request("fail"), {{"cmdErr", "there is no such shelf"}}, R"({"error":"there is no such shelf"})"},
       {"failed, as text", request("fail", "text"), nullptr, R"({"error":"there is no such shelf"})"},
+      {"a zero byte in the error", request("fail badly", "text"), nullptr, R"({"error":"no shelf a?b either"})"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -237,6 +241,8 @@ TEST_F(AgentCommandsTest, StalledReaderStopsItsCommandUntilItReadsOn) {
   const int room = reader.sendBuffer();  // of either end, in the kernel
   const int entries = 100'000 + room / 24;
   reader.send(request("list " + std::to_string(entries), "text"));
+  // How much fits on the way is the system's affair; that it comes to a stand, and that each call has left its 32 KiB,
+  // is ours.
   int calls = -1;
   while (calls != counters.calls) {
     calls = counters.calls;
@@ -244,7 +250,9 @@ TEST_F(AgentCommandsTest, StalledReaderStopsItsCommandUntilItReadsOn) {
   }
   EXPECT_GT(calls, 0);
   EXPECT_LT(calls, room / (32 << 10) + 10) << "each leaves at least 32 KiB";
+  EXPECT_EQ(counters.alive, 1) << "it is not done";
   EXPECT_EQ(ask(request("list 1")).ending, done) << "others are served";
+  EXPECT_EQ(counters.calls, calls + 1);
 
   const Reply reply = rest(reader, {});
   EXPECT_EQ(reply.ending, done);

@@ -1,4 +1,6 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -9,9 +11,14 @@
 #include "linux/ControlOperations.h"
 #include "linux/ControlSocket.h"
 #include "linux/PlatformTypes.h"
+#include "linux/RunDirectory.h"
 #include "platform/Nexthop.h"
 #include "platform/Vxlan.h"
+#include "test/support/Eventually.h"
+#include "test/support/OtherUser.h"
 #include "test/support/Peer.h"
+#include "test/support/TemporaryDirectory.h"
+#include "tools/ControlClient.h"
 
 using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;
@@ -46,7 +53,8 @@ class ControlSocketTest : public testing::Test {
     return ask(R"({"op": "get", "path": "vxlan", "field": ")" + field + R"("})");
   }
 
-  const std::string path = "/tmp/control-test-" + std::to_string(getpid());
+  const TemporaryDirectory directory;
+  const std::string path = LinuxPlatform::RunDirectory::controlPath(directory.path());
   Lattis::EntityTypes types;
   Platform::TableTypes tables;
   LinuxPlatform::EventLoop loop{60};  // no slice ends by itself, however slow the machine
@@ -174,7 +182,8 @@ class EndlessReply final : public ControlReply {
 TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
   int pieces = 0;
   bool destroyed = false;
-  control.opIs("endless", [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  control.opIs("endless", ControlSocket::Access::ask,
+               [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
   Peer stalled(path);
   stalled.send("{\"op\": \"endless\"}\n");
   turn(200);
@@ -198,7 +207,8 @@ TEST_F(ControlSocketTest, TurnOfOneClientEndsWithItsTimeSlice) {
   hastyLoop.runOnce(0);
   int pieces = 0;
   bool destroyed = false;
-  hasty.opIs("endless", [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  hasty.opIs("endless", ControlSocket::Access::ask,
+             [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
   Peer peer(hastyPath);
   peer.send("{\"op\": \"endless\"}\n");
   for (int i = 0; i < 10; ++i) {
@@ -221,7 +231,8 @@ TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
   };
   int asked = 0;
   int needed = 5;
-  control.opIs("slow", [&](const auto&) { return std::make_unique<SlowReply>(asked, needed); });
+  control.opIs("slow", ControlSocket::Access::ask,
+               [&](const auto&) { return std::make_unique<SlowReply>(asked, needed); });
   Peer peer(path);
   peer.send("{\"op\": \"slow\"}\n");
   turn(2);
@@ -241,17 +252,131 @@ TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
   EXPECT_EQ(asked, before);
 }
 
-TEST_F(ControlSocketTest, NewcomersPushOutTheSilentAndTheDeadLeaveNothing) {
-  std::vector<std::unique_ptr<Peer>> silent;
-  for (std::size_t i = 0; i < ControlSocket::maxClients; ++i) silent.push_back(std::make_unique<Peer>(path));
-  turn();
-  EXPECT_THAT(ask(R"({"op": "mow"})"), HasSubstr("error"));
-  EXPECT_EQ(control.statistics()->evicted(), 1U);
-  silent.clear();
-  turn();
+TEST_F(ControlSocketTest, WhoFindsNoPlaceWaitsForOne) {
+  constexpr std::size_t crowd = 400;
+  std::vector<std::unique_ptr<Peer>> peers;
+  for (std::size_t i = 0; i < crowd; ++i) {
+    peers.push_back(std::make_unique<Peer>(path));
+    peers.back()->send("{\"op\": \"get\", \"path\": \"vxlan\"}\n");
+  }
+  // Each goes when he has his answer.
+  for (int turns = 0; turns < 10'000 && !peers.empty(); ++turns) {
+    turn(1);
+    std::erase_if(peers, [](auto& peer) {
+      const std::string reply = peer->receive();
+      EXPECT_THAT(reply, testing::AnyOf("", done));
+      EXPECT_FALSE(reply.empty() && peer->closed) << "sent away";
+      return !reply.empty() || peer->closed;
+    });
+  }
+  EXPECT_TRUE(peers.empty());
+  EXPECT_EQ(control.statistics()->clients(), crowd);
+  EXPECT_EQ(control.statistics()->evicted(), 0U);
+
   for (int i = 0; i < 100; ++i) Peer(path).send("{\"op\": \"get\"}\n");  // gone before the answer
   turn(50);
-  EXPECT_THAT(ask(R"({"op": "get", "path": "vxlan"})"), HasSubstr("done"));
+  EXPECT_EQ(ask(R"({"op": "get", "path": "vxlan"})"), done);
+}
+
+// With patience for nothing: of those who could do something the one that has been silent longest.
+TEST_F(ControlSocketTest, WhoKeepsAPlaceForNothingLosesIt) {
+  LinuxPlatform::EventLoop impatientLoop;
+  const std::string impatientPath = path + "-impatient";
+  ControlSocket impatient(impatientLoop, impatientPath, 0);
+  bool busy = true;
+  class BusyReply final : public ControlReply {
+   public:
+    explicit BusyReply(bool& busy) : busy_(busy) {}
+    bool produce(std::string&) override { return busy_; }
+
+   private:
+    bool& busy_;
+  };
+  impatient.opIs("work", ControlSocket::Access::ask, [&](const auto&) { return std::make_unique<BusyReply>(busy); });
+  const auto turns = [&] {
+    for (int i = 0; i < 4; ++i) impatientLoop.runOnce(0);
+  };
+  const auto looks = [&] {
+    std::uint64_t runs = 0;
+    for (const auto& task : impatientLoop.statistics()) runs += task.name == "controlAcceptTask" ? task.runs : 0;
+    return runs;
+  };
+  std::vector<std::unique_ptr<Peer>> peers;
+  for (std::size_t i = 0; i < ControlSocket::maxClients; ++i) {
+    peers.push_back(std::make_unique<Peer>(impatientPath));
+    if (i == 0) peers.back()->send("{\"op\": \"work\"}\n");
+    turns();
+  }
+  peers[1]->send("{\"op\"");  // a sign of life
+  const std::uint64_t before = looks();
+  EXPECT_TRUE(eventually([&] { return turns(), looks() > before; }));
+  const auto isClosed = [&](std::size_t i) { return peers[i]->receive().empty() && peers[i]->closed; };
+  EXPECT_EQ(impatient.statistics()->evicted(), 0U) << "nobody wants a place";
+
+  Peer newcomer(impatientPath);
+  newcomer.send("{\"op\": \"mow\"}\n");
+  EXPECT_TRUE(eventually([&] { return turns(), impatient.statistics()->evicted() > 0; }));
+  turns();
+  EXPECT_THAT(newcomer.receive(), HasSubstr("error"));
+  for (std::size_t i = 0; i < peers.size(); ++i) EXPECT_EQ(isClosed(i), i == 2) << i;
+  busy = false;
+  turns();
+  EXPECT_EQ(peers[0]->receive(), done) << "it was being answered";
+}
+
+TEST_F(ControlSocketTest, WithoutADescriptorForThemClientsWait) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  turn();
+  Peer waiting(path);
+  waiting.send("{\"op\": \"get\", \"path\": \"vxlan\"}\n");
+  const int next = dup(0);
+  close(next);
+  rlimit none = before;
+  none.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  turn();
+  EXPECT_EQ(control.statistics()->clients(), 0U);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_TRUE(eventually([&] {
+    turn(1);
+    return waiting.receive() == done;
+  }));
+}
+
+TEST_F(ControlSocketTest, TheOwnerSetsTheGroupLooksAndOthersDoNothing) {
+  struct stat status {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0660U);
+  SKIP_UNLESS_ROOT();
+  ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
+  const auto askAs = [&](gid_t group, const std::string& request) {
+    const auto peer = [&] {
+      const OtherUser user(group);
+      return std::make_unique<Peer>(path);
+    }();
+    peer->send(request + "\n");
+    turn();
+    return peer->receive();
+  };
+  const auto refused =
+      HasSubstr("is not for you: user 0, who runs the agent, and root may do all, group 0 may only look");
+  const std::string look = R"({"op": "get", "path": "vxlan"})";
+  EXPECT_EQ(askAs(status.st_gid, look), done);
+  EXPECT_THAT(askAs(status.st_gid, R"({"op": "tasks"})"), HasSubstr(done));
+  EXPECT_THAT(askAs(status.st_gid, R"({"op": "set", "path": "vxlan", "field": "vtiStatus[V]"})"), refused);
+  EXPECT_THAT(askAs(status.st_gid, R"({"op": "del", "path": "vxlan", "field": "vtiStatus[V]"})"), refused);
+  EXPECT_TRUE(vtis->vtiStatus().empty());
+
+  const auto askAsStranger = [&] {
+    const OtherUser stranger(OtherUser::id);
+    Tools::askAgent(directory.path(), {{"op", "get"}}, [](const auto&) {});
+  };
+  EXPECT_THAT(askAsStranger, testing::ThrowsMessage<std::runtime_error>(HasSubstr("its own user and group only")));
+  ASSERT_EQ(chmod(path.c_str(), 0666), 0);  // somebody knew better
+  EXPECT_THAT(askAs(OtherUser::id, look), refused);
+  EXPECT_THAT(askAs(OtherUser::id, R"({"op": "mow"})"), refused);
+  EXPECT_EQ(control.statistics()->refused(), 4U);
 }
 
 }  // namespace

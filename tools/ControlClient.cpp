@@ -33,7 +33,8 @@ class Connection {
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const timeval timeout{answerSeconds, 0};
     setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fail(std::strerror(errno));
+    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);  // of connect, too, while many others wait
+    if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) failed();
   }
   ~Connection() { close(fd_); }
   Connection(const Connection&) = delete;
@@ -43,7 +44,7 @@ class Connection {
     while (!bytes.empty()) {
       const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (count < 0 && errno == EINTR) continue;
-      if (count < 0) fail(std::strerror(errno));
+      if (count < 0) failed();
       bytes.remove_prefix(static_cast<std::size_t>(count));
     }
   }
@@ -81,13 +82,19 @@ class Connection {
   }
 
  private:
+  [[noreturn]] void failed() const {
+    if (errno == EAGAIN) fail("it does not answer");
+    if (errno == EACCES) fail("it answers to its own user and group only");
+    fail(std::strerror(errno));
+  }
+
   void receive() {
     std::array<char, 64 * 1024> buffer;  // NOLINT: filled by recv
     ssize_t count = -1;
     do {
       count = recv(fd_, buffer.data(), buffer.size(), 0);
     } while (count < 0 && errno == EINTR);
-    if (count < 0) fail(errno == EAGAIN ? "it does not answer" : std::strerror(errno));
+    if (count < 0) failed();
     if (count == 0) fail("it closed the connection");
     received_.append(buffer.data(), static_cast<std::size_t>(count));
   }
