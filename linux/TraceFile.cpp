@@ -9,11 +9,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
+
+#include "linux/OwnFiles.h"
 
 namespace LinuxPlatform {
 
@@ -46,6 +49,10 @@ T get(const std::uint8_t* at) {
   std::memcpy(&value, at, sizeof value);
   return value;
 }
+
+constexpr std::uint64_t secondNs = 1'000'000'000;
+// Less is the time between reading one clock and the other.
+constexpr std::uint64_t leastStep = 1'000'000;
 
 constexpr std::uint64_t roundedUp(std::uint64_t size) {
   return (size + 7) & ~std::uint64_t{7};
@@ -86,12 +93,17 @@ std::size_t itemSize(std::span<const std::uint8_t> items) {
 
 // --- Writing ---------------------------------------------------------------------------------------------------------
 
-TraceFile::TraceFile(const std::string& fileName, const FastTraceSettings& settings) : settings_(settings) {
+TraceClocks TraceClocks::ofTheSystem() {
+  return {[] { return nanoseconds(CLOCK_MONOTONIC); }, [] { return nanoseconds(CLOCK_REALTIME); }};
+}
+
+TraceFile::TraceFile(const std::string& fileName, const FastTraceSettings& settings, const TraceClocks& clocks)
+    : clocks_(clocks), settings_(settings) {
   size_ = headerSize + definitionsSize;
   for (const auto kibibytes : settings.bufferSize) size_ += std::size_t{kibibytes} * 1024;
 
   std::rename(fileName.c_str(), (fileName + ".old").c_str());
-  fd_ = open(fileName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  fd_ = open(fileName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, readableMode);
   if (fd_ < 0) throw std::system_error(errno, std::generic_category(), fileName);
   // All of it now: a disk that fills up later must not kill whoever writes into the mapping.
   int error = posix_fallocate(fd_, 0, static_cast<off_t>(size_));
@@ -108,7 +120,7 @@ TraceFile::TraceFile(const std::string& fileName, const FastTraceSettings& setti
   base_ = static_cast<std::uint8_t*>(mapping);
   header_ = reinterpret_cast<TraceFileHeader*>(base_);
   header_->processId = static_cast<std::uint64_t>(getpid());
-  header_->epoch = nanoseconds(CLOCK_REALTIME) - nanoseconds(CLOCK_MONOTONIC);
+  header_->epoch = clocks_.wall() - clocks_.monotonic();
   header_->overwrites = settings.overwrite ? 1 : 0;
   header_->definitionsOffset = headerSize;
   header_->definitionsSize = definitionsSize;
@@ -127,7 +139,8 @@ TraceFile::~TraceFile() {
   close(fd_);
 }
 
-void TraceFile::record(std::string_view handle, unsigned level, std::span<const std::uint8_t> items) {
+void TraceFile::record(std::uint64_t time, std::string_view handle, unsigned level,
+                       std::span<const std::uint8_t> items) {
   if (level >= TraceFileHeader::levels) return;
   TraceFileHeader::Ring& ring = header_->rings[level];
   const auto longest = items.first(std::min<std::size_t>(items.size(), settings_.maxRecordSize));
@@ -138,7 +151,6 @@ void TraceFile::record(std::string_view handle, unsigned level, std::span<const 
   }
   const std::size_t itemsSize = copyItems(longest, to + recordHeadSize);
   const std::uint64_t length = recordLength(itemsSize);
-  const std::uint64_t time = nanoseconds(CLOCK_MONOTONIC);
   put(to, static_cast<std::uint32_t>(length));
   put(to + 4, static_cast<std::uint32_t>(itemsSize));
   put(to + 8, sequence_++);
@@ -146,6 +158,7 @@ void TraceFile::record(std::string_view handle, unsigned level, std::span<const 
   put(to + 24, numberOfHandle(handle));
   put(to + length - recordTailSize, static_cast<std::uint32_t>(length));
   std::atomic_ref(ring.written).store(ring.written + length, std::memory_order_release);
+  if (time >= nextEpochCheck_) checkEpoch(time);
   if (settings_.syncInterval != 0) syncSometimes(time);
 }
 
@@ -229,9 +242,17 @@ std::uint32_t TraceFile::numberOfHandle(std::string_view handle) {
 }
 
 void TraceFile::syncSometimes(std::uint64_t time) {
-  if (time - lastSync_ < std::uint64_t{settings_.syncInterval} * 1'000'000'000) return;
+  if (time - lastSync_ < settings_.syncInterval * secondNs) return;
   lastSync_ = time;
   sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, does not wait for it
+}
+
+void TraceFile::checkEpoch(std::uint64_t time) {
+  nextEpochCheck_ = time + secondNs;
+  const std::uint64_t epoch = clocks_.wall() - clocks_.monotonic();
+  const auto step = static_cast<std::int64_t>(epoch - header_->epoch);
+  if (std::uint64_t(std::abs(step)) < leastStep) return;
+  std::atomic_ref(header_->epoch).store(epoch, std::memory_order_relaxed);
 }
 
 bool FileTraceFacility::fastTraceInit(const FastTraceSettings& settings) {
@@ -239,13 +260,16 @@ bool FileTraceFacility::fastTraceInit(const FastTraceSettings& settings) {
   if (settings.secondFileName) names.push_back(placed(*settings.secondFileName));
   std::vector<std::unique_ptr<TraceFile>> files;
   try {
-    for (const auto& name : names) files.push_back(std::make_unique<TraceFile>(name, settings));
+    for (const auto& name : names) files.push_back(std::make_unique<TraceFile>(name, settings, clocks_));
   } catch (const std::system_error& error) {
     std::fprintf(stderr, "no trace file: %s\n", error.what());
     return false;
   }
   files_ = std::move(files);
   fileName_ = names.front();
+  for (const auto& early : std::exchange(early_, {})) {
+    for (const auto& file : files_) file->record(early.time, early.handle, early.level, early.items);
+  }
   return true;
 }
 
@@ -256,7 +280,10 @@ std::string FileTraceFacility::placed(std::string name) const {
 }
 
 void FileTraceFacility::record(std::string_view handle, unsigned level, std::span<const std::uint8_t> items) {
-  for (const auto& file : files_) file->record(handle, level, items);
+  const std::uint64_t time = clocks_.monotonic();
+  for (const auto& file : files_) file->record(time, handle, level, items);
+  if (!files_.empty() || early_.size() == maxEarly) return;
+  early_.push_back({time, std::string(handle), level, {items.begin(), items.end()}});
 }
 
 // --- Reading ---------------------------------------------------------------------------------------------------------
@@ -267,7 +294,7 @@ namespace {
 class TraceImage {
  public:
   explicit TraceImage(const std::string& fileName) : fileName_(fileName) {
-    const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) refuse(std::strerror(errno));
     struct stat status {};
     fstat(fd, &status);

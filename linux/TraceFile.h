@@ -13,7 +13,7 @@
 //        0     4  length of the whole record; with the top bit set it is filling up to the ring's end, nothing else
 //        4     4  size of the items
 //        8     8  sequence number over all levels
-//       16     8  monotonic time, nanoseconds
+//       16     8  monotonic time, nanoseconds; the header says what to add for the wall clock's
 //       24     4  definition number of the handle's name
 //       28     n  items (platform/Trace.h); a fixed text's 8 bytes hold its definition number
 //        …     4  the length again, as the record's last bytes: a reader walks a ring backwards from its end, which is
@@ -46,7 +46,7 @@ struct TraceFileHeader {
   };
   std::uint64_t magic;
   std::uint64_t processId;
-  std::uint64_t epoch;  // wall clock minus monotonic clock when the file was made, nanoseconds
+  std::uint64_t epoch;  // wall clock minus monotonic clock as last seen, nanoseconds
   std::uint64_t definitionsOffset;
   std::uint64_t definitionsSize;
   std::uint64_t overwrites;  // 1: a full ring overwrites its oldest records, 0: it takes no more
@@ -56,16 +56,28 @@ struct TraceFileHeader {
 };
 static_assert(sizeof(TraceFileHeader) == 8 * 8 + 10 * 24, "other processes read these bytes");
 
-// Writes one trace file. A record costs its copy, a clock read and a table lookup for each fixed text in it.
+// Nanoseconds of the two clocks.
+struct TraceClocks {
+  std::uint64_t (*monotonic)();
+  std::uint64_t (*wall)();
+  static TraceClocks ofTheSystem();
+};
+
+// Writes one trace file. A record costs its copy and a table lookup for each fixed text in it.
+//
+// The wall clock may be set while the agent runs. Records keep the monotonic time, and the difference of the clocks is
+// looked at again with the first record of each second: once it has changed, all records are shown by the clock as it
+// is now, in their order and with the true time between them.
 class TraceFile {
  public:
   // Makes the file; one of the same name is kept beside it as NAME.old. Throws std::system_error.
-  TraceFile(const std::string& fileName, const Platform::FastTraceSettings& settings);
+  TraceFile(const std::string& fileName, const Platform::FastTraceSettings& settings, const TraceClocks& clocks);
   ~TraceFile();
   TraceFile(const TraceFile&) = delete;
   TraceFile& operator=(const TraceFile&) = delete;
 
-  void record(std::string_view handle, unsigned level, std::span<const std::uint8_t> items);
+  // `time` is the monotonic clock's.
+  void record(std::uint64_t time, std::string_view handle, unsigned level, std::span<const std::uint8_t> items);
 
  private:
   // Definition numbers of texts by where they lie in this process: fixed texts never move or change.
@@ -83,7 +95,9 @@ class TraceFile {
   std::size_t copyItems(std::span<const std::uint8_t> items, std::uint8_t* to);
   std::uint8_t* roomFor(TraceFileHeader::Ring& ring, std::uint64_t length);
   void syncSometimes(std::uint64_t time);
+  void checkEpoch(std::uint64_t time);
 
+  TraceClocks clocks_;
   Platform::FastTraceSettings settings_;
   int fd_ = -1;
   std::uint8_t* base_ = nullptr;
@@ -91,6 +105,7 @@ class TraceFile {
   TraceFileHeader* header_ = nullptr;
   std::uint64_t sequence_ = 0;
   std::uint64_t lastSync_ = 0;
+  std::uint64_t nextEpochCheck_ = 0;  // monotonic time
   std::uint32_t definitions_ = 0;
   std::vector<Known> known_;  // open addressing, a power of two
   std::size_t knownCount_ = 0;
@@ -99,11 +114,15 @@ class TraceFile {
   std::uint32_t lastHandleNumber_ = noNumber;
 };
 
-// The process's tracing into trace files. Nothing is recorded before the agent has named its file.
+// The process's tracing into trace files. What is recorded before the agent has named its file, the first maxEarly
+// records of it, is kept and goes into the first file.
 class FileTraceFacility final : public Platform::TraceFacility, private Platform::TraceSink {
  public:
+  static constexpr std::size_t maxEarly = 64;
+
   // A file name without a slash goes into `directory`.
-  explicit FileTraceFacility(std::string directory) : directory_(std::move(directory)) {}
+  explicit FileTraceFacility(std::string directory, const TraceClocks& clocks = TraceClocks::ofTheSystem())
+      : directory_(std::move(directory)), clocks_(clocks) {}
 
   bool fastTraceInit(const Platform::FastTraceSettings& settings) override;
   int levelOf(std::string_view handle) const override { return levels_.levelOf(handle); }
@@ -116,7 +135,17 @@ class FileTraceFacility final : public Platform::TraceFacility, private Platform
   std::string placed(std::string name) const;
   void record(std::string_view handle, unsigned level, std::span<const std::uint8_t> items) override;
 
+  // A record whose file is not named yet.
+  struct EarlyRecord {
+    std::uint64_t time = 0;
+    std::string handle;
+    unsigned level = 0;
+    std::vector<std::uint8_t> items;
+  };
+
   std::string directory_;
+  TraceClocks clocks_;
+  std::vector<EarlyRecord> early_;
   TraceLevels levels_;
   std::string fileName_;
   std::vector<std::unique_ptr<TraceFile>> files_;

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 
 #include "linux/TextTrace.h"
 #include "linux/TraceFile.h"
+#include "test/support/Eventually.h"
 
 using LinuxPlatform::FileTraceFacility;
 using LinuxPlatform::readTrace;
@@ -103,6 +105,7 @@ TEST_F(TraceFileTest, TraceOutlivesAKilledWriter) {
   settings.fileName = directory + "/killed.zph";
   const pid_t child = fork();
   if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (!facility.fastTraceInit(settings)) _exit(1);
     TraceHandle trace(facility, "Sm");
     for (unsigned i = 0;; ++i) {
@@ -146,12 +149,45 @@ TEST_F(TraceFileTest, FileOfTheSameNameIsKeptOnce) {
   EXPECT_EQ(readTrace(directory + "/agent.zph", vocabulary).at(0).text, "life 2");
 }
 
-TEST_F(TraceFileTest, WithoutAFileTheAgentLivesOn) {
+TEST_F(TraceFileTest, WithoutAFileTheAgentLivesOnAndTheFileGetsWhatCameBefore) {
   TraceHandle trace(facility, "Sm");
-  trace(0, "into nothing");
+  trace(9, "void doInit()");
   settings.fileName = "/no/such/directory/x.zph";
   EXPECT_FALSE(facility.fastTraceInit(settings));
-  trace(0, "into nothing");
+  for (unsigned i = 1; i < FileTraceFacility::maxEarly + 3; ++i) trace(1, "early ", i);
+  settings.fileName = "agent.zph";
+  ASSERT_TRUE(facility.fastTraceInit(settings));
+  trace(2, "late");
+  const auto lines = texts();
+  ASSERT_EQ(lines.size(), FileTraceFacility::maxEarly + 1);
+  EXPECT_EQ(lines.front(), "9 Sm: void doInit()");
+  EXPECT_EQ(lines[FileTraceFacility::maxEarly - 1], "1 Sm: early " + std::to_string(FileTraceFacility::maxEarly - 1));
+  EXPECT_EQ(lines.back(), "2 Sm: late");
+}
+
+TEST_F(TraceFileTest, AStepOfTheSystemsClockMovesAllRecordsTogether) {
+  constexpr std::uint64_t second = 1'000'000'000;
+  static std::uint64_t monotonic, wall;
+  monotonic = 50 * second;
+  wall = 1000 * second;  // the machine has just started and believes that it is 1970
+  FileTraceFacility stepped(directory, {[] { return monotonic; }, [] { return wall; }});
+  ASSERT_TRUE(stepped.fastTraceInit(settings));
+  TraceHandle trace(stepped, "Sm");
+  const auto times = [&] {
+    std::vector<std::uint64_t> all;
+    for (const auto& line : readTrace(stepped.fileName(), vocabulary)) all.push_back(line.time / second);
+    return all;
+  };
+  trace(0, "before");
+  EXPECT_THAT(times(), ElementsAre(1000));
+  monotonic += 2 * second;
+  wall = 1'700'000'000 * second;
+  trace(0, "after");
+  EXPECT_THAT(times(), ElementsAre(1'699'999'998, 1'700'000'000));
+  monotonic += 5 * second;
+  wall -= 3600 * second;  // back
+  trace(0, "back");
+  EXPECT_THAT(times(), ElementsAre(1'699'996'393, 1'699'996'395, 1'699'996'400));
 }
 
 TEST_F(TraceFileTest, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
