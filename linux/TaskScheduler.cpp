@@ -220,6 +220,8 @@ sigset_t stopSignals() {
   sigemptyset(&set);
   sigaddset(&set, SIGTERM);
   sigaddset(&set, SIGINT);
+  struct sigaction hangup {};  // ignored: whoever started us wants that we outlive the terminal
+  if (sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler != SIG_IGN) sigaddset(&set, SIGHUP);
   return set;
 }
 

@@ -130,7 +130,8 @@ class EventLoop final : public TaskQueue {
   void fdIs(int fd, std::uint32_t events, std::function<void(std::uint32_t)> ready);
   void fdDel(int fd);
 
-  // From now on SIGTERM and SIGINT stop the loop and SIGPIPE is ignored; undone at destruction.
+  // From now on SIGTERM, SIGINT and, unless it is ignored, SIGHUP stop the loop and SIGPIPE is ignored; undone at
+  // destruction.
   void stopOnSignals();
 
   // Called after each batch of callbacks: the descriptors that were ready, one turn each, then the tasks that were due,

@@ -1,5 +1,6 @@
 // The launcher as a person meets it: a process of its own.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <csignal>
 #include <filesystem>
@@ -43,6 +44,42 @@ TEST_F(RunTest, OneAgentRunsAnswersAndStopsInOrder) {
 
   EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
   EXPECT_FALSE(std::filesystem::exists(runDir + "/control"));
+
+  std::filesystem::remove_all(runDir);
+  Command hungUp(run + " --trace 9");  // its terminal has gone
+  ASSERT_TRUE(hungUp.says("ready: "));
+  EXPECT_EQ(hungUp.stop(SIGHUP).exitCode, 0);
+  EXPECT_FALSE(std::filesystem::exists(runDir + "/control"));
+
+  // All that it traced is in its file, also what came before the file.
+  std::string traceFile;
+  for (const auto& file : std::filesystem::directory_iterator(runDir)) {
+    if (file.path().extension() == ".zph") traceFile = file.path();
+  }
+  const auto lines = linesOf(Command("trace " + traceFile).wait().out);
+  ASSERT_GT(lines.size(), 4U);
+  EXPECT_THAT(lines[0], HasSubstr(" 9 RouteCacheAgent: virtual void RouteCacheAgent::Agent::doInit()"));
+  EXPECT_THAT(lines[1], HasSubstr(" 1 RouteCacheAgent: zphPrefix is: RouteCache-%d.zph"));
+  EXPECT_THAT(lines[2], HasSubstr(" 9 RouteCacheAgent: virtual void RouteCacheAgent::Agent::doMountsComplete("
+                                  "Lattis::MountStatus, const Ptr&)"));
+  EXPECT_THAT(lines[3], HasSubstr(" 9 RouteCacheAgent: void RouteCacheAgent::Agent::startStateMachines()"));
+}
+
+TEST_F(RunTest, AFileThatMayNotGrowIsAnError) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  rlimit small = before;
+  small.rlim_cur = 4096;
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  Command loading("rib add 10.0.0.0/8 --vrf 2 --vtep 10.255.0.1 --vni 10010" + inRunDir);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  const Outcome outcome = loading.wait();
+  EXPECT_THAT(outcome.err, HasSubstr("File too large"));
+  EXPECT_TRUE(outcome.isOneComplaint()) << outcome.err;
+  EXPECT_EQ(outcome.exitCode, 1);
+  for (const auto& file : std::filesystem::directory_iterator(runDir + "/tables")) {
+    EXPECT_EQ(file.path().extension(), ".lock") << file.path();
+  }
 }
 
 TEST_F(RunTest, AKilledAgentLeavesRoomForTheNext) {

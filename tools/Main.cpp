@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -35,6 +36,7 @@ int complain(std::string text, int exitCode) {
 
 int main(int argc, char** argv) {
   openStandardStreams();
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of the write, like a full disk
   CLI::App app("Route-cache agent: run it, feed it, look at it", "routecache");
   app.require_subcommand(0, 1);  // so that a wrong one is named as what it is, not as a missing one
   app.get_formatter()->column_width(36);

@@ -116,6 +116,7 @@ void simulateInProcess(const SimulateOptions& options) {
   constexpr double stride = 1;  // virtual seconds between two looks at the end
   std::signal(SIGINT, interrupt);
   std::signal(SIGTERM, interrupt);
+  if (!hangupIsIgnored()) std::signal(SIGHUP, interrupt);
   VirtualSwitch virtualSwitch(options.virtualSwitch);
   auto traffic = trafficFrom(options.traffic, trafficInputs(virtualSwitch.planeTables(), virtualSwitch.vrfs()));
   if (!Simulator::ForwardingPlane::tablesExist(virtualSwitch.planeTables())) {
