@@ -129,19 +129,11 @@ bool SwRouteSm::createVia(AdjId adjId, const typename F::NexthopRef& ref) {
   typename F::Via via(adjId);
   std::uint16_t slot = 0;
   for (const typename F::Nexthop& nexthop : ref.sortedVias()) {
-    auto fecId = answerOf(nexthop.remoteVtepIp());
-    if (!fecId && restart_ && present) {
-      // The resolver has not come back yet: what a predecessor resolved goes on forwarding.
-      for (const auto& adjacency : present->viaKey()) {
-        if (typename F::Nexthop(adjacency.vti(), adjacency.extendedVlanId(), adjacency.routerMac(),
-                                adjacency.remoteVtepIp()) == nexthop) {
-          fecId = adjacency.underlayFecId();
-        }
-      }
-    }
-    via.viaKeyIs(ViaIndex(slot++), {fecId.value_or(Fib::FecId()), nexthop.extendedVlanId(), nexthop.routerMac(),
-                                    nexthop.vti(), nexthop.remoteVtepIp()});
-    F::vteps(*this).adjIdIs(nexthop.remoteVtepIp(), adjId);
+    auto& vtep = F::vteps(*this).adjIdIs(nexthop.remoteVtepIp(), adjId);
+    // No answer is no news: what was resolved goes on forwarding, whichever adjacency it was resolved for.
+    if (const auto answer = answerOf(nexthop.remoteVtepIp())) vtep.lastFec = *answer;
+    via.viaKeyIs(ViaIndex(slot++),
+                 {vtep.lastFec, nexthop.extendedVlanId(), nexthop.routerMac(), nexthop.vti(), nexthop.remoteVtepIp()});
   }
   if (present && *present == via) return true;
   if (!present && !table.hasRoom()) {

@@ -11,6 +11,10 @@ void NexthopVrfStatusReactor::handleInitialized() {
   sm_.trace_(9, __PRETTY_FUNCTION__);
   sm_.in_.nexthopConfig->vrfIs(L3::VrfName(watched().name()));
   initialized_ = true;
+  // Answers that are there already are not told one by one.
+  if (!L3::VrfName(watched().name()).isDefault() || watched().nexthop().empty()) return;
+  sm_.adjIds_.currentDelAll();
+  sm_.scheduleAllRoutesForProcessing(true, false);
 }
 
 void NexthopVrfStatusReactor::handleNexthop(const IpGenAddr& addr) {
@@ -19,6 +23,10 @@ void NexthopVrfStatusReactor::handleNexthop(const IpGenAddr& addr) {
   sm_.trace_(7, " nexthop: ", addr);
   const auto adjIds = addr.isV4() ? sm_.remoteVtepIpv4ToAdjId(addr.v4()) : sm_.remoteVtepIpv6ToAdjId(addr.v6());
   if (!adjIds) return;
+  // Kept now: the answer may be gone again before the adjacencies' turn comes.
+  if (const auto answer = sm_.answerOf(addr)) {
+    addr.isV4() ? sm_.vteps4_.lastFecIs(addr.v4(), *answer) : sm_.vteps6_.lastFecIs(addr.v6(), *answer);
+  }
   for (const AdjId adjId : adjIds->adjIdColl()) {
     sm_.adjIds_.currentIs(adjId, false);
     sm_.adjToProcessIs(adjId);
@@ -28,7 +36,6 @@ void NexthopVrfStatusReactor::handleNexthop(const IpGenAddr& addr) {
 
 void NexthopVrfStatusReactor::cleanup() {
   sm_.trace_(9, __PRETTY_FUNCTION__);
-  if (L3::VrfName(watched().name()).isDefault()) sm_.adjIds_.currentDelAll();
   sm_.scheduleAllRoutesForProcessing(true, false);
 }
 

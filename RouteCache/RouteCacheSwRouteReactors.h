@@ -16,10 +16,12 @@ class SwRouteSm;
 class NexthopVrfStatusReactor final : public Routing::NexthopVrfStatus::Reactor {
  public:
   NexthopVrfStatusReactor(SwRouteSm& sm, std::shared_ptr<const Routing::NexthopVrfStatus> status);
-  // Registers the VRF with the resolver. Answers are ignored before this. RangeError for a VRF name over 100 bytes.
+  // Registers the VRF with the resolver and has what rests on answers decided again, if there are any. Answers are
+  // ignored before this. RangeError for a VRF name over 100 bytes.
   void handleInitialized();
   void handleNexthop(const IpGenAddr& addr) override;
-  // The VRF has gone from the answers: what rested on them is decided again.
+  // The VRF has gone from the answers: the routes are decided again. What was resolved stands until the resolver says
+  // otherwise.
   void cleanup();
 
  private:

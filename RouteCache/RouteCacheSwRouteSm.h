@@ -18,6 +18,7 @@
 // Invariants, between any two callbacks (checkInvariants):
 //   - for each identifier: references = published, not inherited routes that name it;
 //   - for each VTEP: registrations = those routes whose next-hop set names it, each counted once;
+//   - a VTEP's adjacencies are the identifiers in use whose next-hop set names it;
 //   - forward and reverse maps agree;
 //   - every published route names an adjacency that stands, or is queued for one;
 //   - every configured route is published, parked or queued;
@@ -327,6 +328,7 @@ class SwRouteSm final : public Lattis::Entity {
   template <class F>
   std::map<AdjId, std::uint32_t> countHeldRoutes() const;
   void checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) const;
+  void checkVtepUses() const;
   void checkConfiguredRoutes(const Routing::Rib::RouteConfig& config) const;
 
   const SwRouteSmInputs in_;

@@ -71,6 +71,12 @@ void SwRouteSm::adoptAdjacency(const typename F::Via& via) {
   if (v6) ref->v6nhIs(createIpv6NexthopRefFromIpv6Via(*v6));
   adjIds_.nexthopIs(ref, adjId);
   adjIds_.adjIdRefCountIs(adjId, 0);
+  // Where two disagree about a VTEP, a predecessor was killed between rewriting the one and the other: it went in the
+  // order of this walk, so the first one has the newer FEC. An empty one may never have been resolved.
+  for (const auto& adjacency : via.viaKey()) {
+    auto& vtep = F::vteps(*this).adjIdIs(adjacency.remoteVtepIp(), adjId);
+    if (vtep.lastFec.isEmpty()) vtep.lastFec = adjacency.underlayFecId();
+  }
 }
 
 // Notes every route that a predecessor has published. An identifier that such a route names is in use, also without an
@@ -273,20 +279,28 @@ std::map<AdjId, std::uint32_t> SwRouteSm::countHeldRoutes() const {
   return held;
 }
 
+namespace {
+
+std::set<IpGenAddr> vtepsOf(const IpMixedNexthopRef& ref) {
+  std::set<IpGenAddr> vteps;
+  if (ref.v4nh()) {
+    for (const auto& nexthop : ref.v4nh()->via()) vteps.insert(nexthop.remoteVtepIp());
+  }
+  if (ref.v6nh()) {
+    for (const auto& nexthop : ref.v6nh()->via()) vteps.insert(nexthop.remoteVtepIp());
+  }
+  return vteps;
+}
+
+}  // namespace
+
 void SwRouteSm::checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) const {
   std::map<IpGenAddr, std::uint32_t> registrations;
   for (const auto& [adjId, count] : held) {
     PLATFORM_ASSERT_TEXT(adjIds_.adjIdRefCount(adjId) == count, "references are the routes that name the identifier");
     const auto ref = adjIds_.nexthop(adjId);
     PLATFORM_ASSERT_TEXT(ref != nullptr, "an identifier in use has a next hop");
-    std::set<IpGenAddr> vteps;
-    if (ref->v4nh()) {
-      for (const auto& nexthop : ref->v4nh()->via()) vteps.insert(nexthop.remoteVtepIp());
-    }
-    if (ref->v6nh()) {
-      for (const auto& nexthop : ref->v6nh()->via()) vteps.insert(nexthop.remoteVtepIp());
-    }
-    for (const auto& vtep : vteps) registrations[vtep] += count;
+    for (const auto& vtep : vtepsOf(*ref)) registrations[vtep] += count;
   }
   adjIds_.forEach([&](AdjId adjId, std::uint32_t count) {
     if (!isAdjacency(adjId)) return;
@@ -300,6 +314,20 @@ void SwRouteSm::checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) cons
     PLATFORM_ASSERT_TEXT(refCount == count, "registrations are the routes whose next hops name the VTEP");
     PLATFORM_ASSERT_TEXT(nexthopVrfConfig_->nexthop().contains(addr), "a registered VTEP is requested");
   }
+}
+
+void SwRouteSm::checkVtepUses() const {
+  std::set<std::pair<IpGenAddr, AdjId>> uses;
+  std::set<std::pair<IpGenAddr, AdjId>> named;
+  const auto note = [&](const IpGenAddr& vtep, AdjId adjId) { uses.emplace(vtep, adjId); };
+  vteps4_.forEachUse(note);
+  vteps6_.forEachUse(note);
+  adjIds_.forEach([&](AdjId adjId, std::uint32_t) {
+    const auto ref = adjIds_.nexthop(adjId);
+    if (!ref) return;
+    for (const auto& vtep : vtepsOf(*ref)) named.emplace(vtep, adjId);
+  });
+  PLATFORM_ASSERT_TEXT(uses == named, "a VTEP is used by the identifiers whose next hops name it");
 }
 
 // Apart from those that are still to be visited as something has changed.
@@ -323,6 +351,7 @@ void SwRouteSm::checkInvariants() const {
   auto held = countHeldRoutes<V4>();
   for (const auto& [adjId, count] : countHeldRoutes<V6>()) held[adjId] += count;
   checkHeldRoutes(held);
+  checkVtepUses();
   checkConfiguredRoutes(*in_.routeConfig);
   checkConfiguredRoutes(*in_.route6Config);
 }

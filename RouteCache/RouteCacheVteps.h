@@ -1,8 +1,10 @@
-// Remote tunnel end points (VTEPs) in use: how many routes monitor each one's underlay reachability, and which
-// adjacencies use it. One object for each address family.
+// Remote tunnel end points (VTEPs) in use: how many routes monitor each one's underlay reachability, which adjacencies
+// use it, and which FEC reached it last. One object for each address family.
 //
-// Invariant: the resolver has a request for an address if (and, once leftovers of a predecessor are cleaned up, only
-// if) its count is above 0.
+// Invariants:
+//   - the resolver has a request for an address if (and, once leftovers of a predecessor are cleaned up, only if) its
+//     count is above 0;
+//   - an address is in use from the first adjacency that names it, adopted or written, until the last one has gone.
 #pragma once
 
 #include <memory>
@@ -38,26 +40,47 @@ class VtepMonitor {
   }
   const RefCounts& refCounts() const { return refCounts_; }
 
+  // What is known of an address in use.
+  struct Use {
+    std::shared_ptr<AdjIdColl> adjIds = std::make_shared<AdjIdColl>();
+    // The resolver's last word, in this life or as adopted adjacencies have it; it goes on forwarding for as long as
+    // the resolver says nothing. Empty: unreachable, or never resolved.
+    Fib::FecId lastFec;
+  };
+
   // The adjacencies that use the address; null when none does.
   std::shared_ptr<AdjIdColl> adjIds(const Addr& addr) const {
-    const auto found = adjIds_.find(addr);
-    return found == adjIds_.end() ? nullptr : found->second;
+    const auto found = uses_.find(addr);
+    return found == uses_.end() ? nullptr : found->second.adjIds;
   }
-  void adjIdIs(const Addr& addr, AdjId adjId) {
-    auto& coll = adjIds_[addr];
-    if (!coll) coll = std::make_shared<AdjIdColl>();
-    coll->adjIdCollIs(adjId);
+  // Enters the adjacency as one that uses the address. What is returned lives until the next change.
+  Use& adjIdIs(const Addr& addr, AdjId adjId) {
+    Use& use = uses_[addr];
+    use.adjIds->adjIdCollIs(adjId);
+    return use;
   }
   void adjIdDel(const Addr& addr, AdjId adjId) {
-    const auto found = adjIds_.find(addr);
-    if (found == adjIds_.end()) return;
-    found->second->adjIdCollDel(adjId);
-    if (found->second->empty()) adjIds_.erase(found);
+    const auto found = uses_.find(addr);
+    if (found == uses_.end()) return;
+    found->second.adjIds->adjIdCollDel(adjId);
+    if (found->second.adjIds->empty()) uses_.erase(found);
+  }
+  // The resolver has spoken: nothing comes of it unless the address is in use.
+  void lastFecIs(const Addr& addr, Fib::FecId fecId) {
+    const auto found = uses_.find(addr);
+    if (found != uses_.end()) found->second.lastFec = fecId;
+  }
+  // Calls visit(address, identifier) for every use.
+  template <class Visit>
+  void forEachUse(Visit&& visit) const {
+    for (const auto& [addr, use] : uses_) {
+      for (const AdjId adjId : use.adjIds->adjIdColl()) visit(addr, adjId);
+    }
   }
 
  private:
   RefCounts refCounts_;
-  std::unordered_map<Addr, std::shared_ptr<AdjIdColl>, Platform::Hasher> adjIds_;
+  std::unordered_map<Addr, Use, Platform::Hasher> uses_;
 };
 
 }  // namespace RouteCache

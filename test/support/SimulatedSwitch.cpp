@@ -17,11 +17,7 @@ SimulatedSwitch::SimulatedSwitch(int traceLevel) : trace(traceLevel) {
   routes_ = outsideWriter<RouteConfig>("routing/rib/routeConfig/ipv4/staticRouteCacheConfig");
   routes6_ = outsideWriter<RouteConfig>("routing/rib/routeConfig/ipv6/staticRouteCacheConfig");
   vias_ = outsideWriter<ViaConfig>("routing/rib/viaConfig/evpn/staticRouteCacheConfig");
-  resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
-      entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
-      entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
-      entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
-      scheduler);
+  resolverBack();
   capability(10000, 10000, 10000);
   scheduler.afterRunIs([this] { afterRun(); });
 }
@@ -158,6 +154,19 @@ void SimulatedSwitch::underlay(const std::string& prefix, std::uint32_t fec) {
 void SimulatedSwitch::underlayGone(const std::string& prefix) {
   entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig")
       ->routeDel(Platform::fromText<IpGenPrefix>(prefix));
+}
+
+void SimulatedSwitch::resolverGone() {
+  resolver_.reset();
+  entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus")->vrfDel(L3::VrfName());
+}
+
+void SimulatedSwitch::resolverBack() {
+  resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
+      entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
+      entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
+      entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
+      scheduler);
 }
 
 SimulatedSwitch::ViaNexthop SimulatedSwitch::nexthop(const std::string& vtep, const std::string& vti, std::uint32_t vni,

@@ -46,6 +46,9 @@ class SimulatedSwitch {
   void vlanGone(const std::string& vti, Bridging::ExtendedVlanId vlan);
   void underlay(const std::string& prefix, std::uint32_t fec);
   void underlayGone(const std::string& prefix);
+  // The resolver ends and its answers go with it; back again it answers every request anew, one by one.
+  void resolverGone();
+  void resolverBack();
   static ViaNexthop nexthop(const std::string& vtep, const std::string& vti = "Vxlan1", std::uint32_t vni = 0,
                             Bridging::ExtendedVlanId vlan = 10, const std::string& mac = "00:1c:73:00:00:01");
   void via(std::uint64_t key, const std::vector<ViaNexthop>& nexthops);
