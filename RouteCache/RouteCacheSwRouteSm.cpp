@@ -179,8 +179,8 @@ void SwRouteSm::handleInitialized() {
   vtiStatusDirReactor_ = std::make_unique<VtiStatusDirReactor>(*this, in_.vtiStatusDir);
   for (const auto& vti : in_.vtiStatusDir->vtiStatus()) vtiStatusIs(vti.first);
   initialized_ = true;
-  scheduleRouteCacheIpv4AdjSyncTask(0);
-  scheduleRouteCacheIpv6AdjSyncTask(0);
+  scheduleRouteCacheIpv4AdjSyncTask(adjSyncInterval_);
+  scheduleRouteCacheIpv6AdjSyncTask(adjSyncInterval_);
 }
 
 std::shared_ptr<SwRouteSm> SwRouteSmIs(const SwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler,

@@ -223,12 +223,12 @@ class SwRouteSm final : public Lattis::Entity {
   struct V4;
   struct V6;
 
-  // Walk of one published route table that withdraws what is no longer configured or no longer its VRF's.
+  // Walk of one published route table that withdraws what is no longer configured or no longer its VRF's. Once begun it
+  // goes on without a pause, taking turns with route processing.
   template <class Key>
   struct RouteSync {
     std::optional<Key> bookmark;  // set: a walk is under way
     bool again = false;           // a VRF went during the walk: start over after its end
-    bool urgent = false;          // the walk is owed to a VRF that went: no pause between its runs
     bool endedOnce = false;
   };
   // Walk of one adjacency table at start, followed by the collection of the inherited routes of the family.

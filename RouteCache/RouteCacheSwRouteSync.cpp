@@ -23,7 +23,7 @@ void SwRouteSm::adjSync() {
   auto& sync = F::adjSync(*this);
   if (!sync.adjacenciesDone) sync.adjacenciesDone = syncAdjacencies<F>();
   if (!sync.adjacenciesDone || !collectInheritedRoutes<F>()) {
-    F::adjSyncTask(*this).schedule(adjSyncInterval_);
+    F::adjSyncTask(*this).schedule(0);
     return;
   }
   sync.done = true;
@@ -156,17 +156,13 @@ void SwRouteSm::routeSync(void (SwRouteSm::*scheduleSync)(double), const char* r
   F::syncTask(*this).report(handled, 0);
   if (sync.bookmark) {
     trace_(5, std::string_view(rescheduled), "Bookmark ", *sync.bookmark);
-    (this->*scheduleSync)(sync.urgent ? 0 : routeSyncInterval_);
+    (this->*scheduleSync)(0);
     return;
   }
   trace_(5, std::string_view(ended), handled);
   sync.endedOnce = true;
   updateRetention();
-  if (std::exchange(sync.again, false)) {
-    (this->*scheduleSync)(0);
-  } else {
-    sync.urgent = false;
-  }
+  if (std::exchange(sync.again, false)) (this->*scheduleSync)(0);
 }
 
 template <class F>
@@ -192,7 +188,6 @@ void SwRouteSm::syncRoute(const typename F::Key& key) {
 // A VRF has left its hardware id: the routes under it go at once, those that a walk has passed already included.
 template <class F>
 void SwRouteSm::vrfGone(RouteSync<typename F::Key>& sync) {
-  sync.urgent = true;
   sync.again = sync.again || sync.bookmark.has_value();
   F::syncTask(*this).schedule(0);
 }

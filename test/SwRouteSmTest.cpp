@@ -515,4 +515,36 @@ TEST_P(SwRouteSmTest, AKeyThatIsNoneHoldsUpNobody) {
   EXPECT_EQ(sw.published().size(), 74u);
 }
 
+TEST_P(SwRouteSmTest, ARouteSyncOnceBegunGoesOnToItsEndAndTakesTurns) {
+  sw.vrf("blue", 2, 102);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("9.0.0.0/8", 2, 1);  // the first that the sync meets
+  const auto stale = [](int i) { return "10.0." + std::to_string(i) + ".0/24"; };
+  for (int i = 0; i < 100; ++i) sw.route(stale(i), 1, 1);
+  sw.start();
+  settle();
+  sw.stop();
+  for (int i = 0; i < 100; ++i) sw.routeGone(stale(i), 1);
+  sw.trace.clear();
+  sw.scheduler.yieldAfterEntriesIs(1);
+  sw.start();
+  sw.advance(4.75);
+  EXPECT_EQ(sw.published().size(), 101u);
+  // In its middle a VRF goes whose routes it has passed, and a route comes.
+  std::size_t publishedAfter = 0;
+  sw.afterRun = [&, done = false]() mutable {
+    const auto runs = sw.trace.count("RouteSync rescheduled with Bookmark ");
+    if (runs == 10 && !std::exchange(done, true)) {
+      sw.vrfGone("blue");
+      sw.route("20.0.0.0/8", 1, 1);
+    }
+    if (publishedAfter == 0 && sw.publishedKeys().contains("20.0.0.0/8@101")) publishedAfter = runs;
+  };
+  sw.advance(0.25);
+  sw.afterRun = nullptr;
+  EXPECT_THAT(sw.publishedKeys(), ElementsAre("20.0.0.0/8@101"));
+  EXPECT_GE(publishedAfter, 10u);
+  EXPECT_LT(publishedAfter, 20u);
+}
+
 }  // namespace
