@@ -377,6 +377,55 @@ TEST_P(SwRouteSmTest, WhatWasResolvedForwardsUntilTheResolverSaysOtherwise) {
   expect(0, 7);
 }
 
+TEST_P(SwRouteSmTest, AnAdjacencyThatNoAgentMadeIsDropped) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.1"), sw.nexthop("2001:db8:ff::1")});
+  sw.route("10.1.0.0/16", 1, 1);
+  sw.route("10.2.0.0/16", 1, 2);
+  const auto fill = [](auto& table, std::initializer_list<std::uint32_t> ids, const auto& adjacency) {
+    for (const std::uint32_t id : ids) {
+      typename std::decay_t<decltype(table)>::Value via{AdjId(id)};
+      via.viaKeyIs(RouteCache::ViaIndex(0), adjacency);
+      table.adjIs(via);
+    }
+  };
+  const EthAddr mac = Platform::fromText<EthAddr>("00:1c:73:00:00:01");
+  constexpr const char* path4 = "routecache/adj/ipv4";
+  constexpr const char* path6 = "routecache/adj/ipv6";
+  const Pondra::CollectionInfo info{"adj", 10000};
+  {
+    LinuxPlatform::SharedTableService foreign(sw.directory.path(), sw.tableTypes);
+    foreign.mount(path4, RouteCache::Ipv4AdjacencyStatus::typeName, Pondra::MountKind::writer, info);
+    foreign.mount(path6, RouteCache::Ipv6AdjacencyStatus::typeName, Pondra::MountKind::writer, info);
+    // Taken over: 5, and the IPv6 half of a mixed one, number 8. Foreign: bits and classes that mean nothing, number
+    // 0, another table's class, a number that is taken.
+    fill(*foreign.get<RouteCache::Ipv4AdjacencyStatus>(path4),
+         {5, 0x00200009, 0x40000007, 0x80000006, 0xC0000000, 0xC0000005},
+         RouteCache::Ipv4Adjacency(Fib::FecId(5), 10, mac, IntfId("Vxlan1"), Platform::fromText<IpAddr>("10.255.0.1")));
+    fill(*foreign.get<RouteCache::Ipv6AdjacencyStatus>(path6), {7, 0x80000005, 0xC0000005, 0xC0000008},
+         RouteCache::Ipv6Adjacency(Fib::FecId(6), 10, mac, IntfId("Vxlan1"),
+                                   Platform::fromText<Ip6Addr>("2001:db8:ff::1")));
+  }
+  sw.start();
+  sw.advance(0);
+  EXPECT_THAT(sw.adjacencyIds(), ElementsAre(5u, 0xC0000001, 0xC0000008));
+  sw.advance(400);
+  EXPECT_THAT(sw.adjacencyIds(), ElementsAre(5u, 0xC0000001));
+  EXPECT_THAT(
+      sw.published(),
+      ElementsAre(Pair("10.1.0.0/16@101", "10.255.0.1 Vxlan1 vlan 10 fec 5"),
+                  Pair("10.2.0.0/16@101", "10.255.0.1 Vxlan1 vlan 10 fec 5, 2001:db8:ff::1 Vxlan1 vlan 10 fec 6")));
+}
+
+TEST_P(SwRouteSmTest, RequestsAloneAreAPredecessorsToo) {
+  sw.entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig")
+      ->vrfIs(L3::VrfName())
+      ->nexthopIs(Platform::fromText<IpGenAddr>("10.255.0.9"));
+  sw.start();
+  sw.advance(400);
+  EXPECT_THAT(sw.requests(), IsEmpty());
+}
+
 TEST_P(SwRouteSmTest, NoIdentifierIsReusedWhileAnInheritedRouteNamesIt) {
   sw.via(1, {sw.nexthop("10.255.0.1")});
   sw.via(2, {sw.nexthop("10.255.0.2")});

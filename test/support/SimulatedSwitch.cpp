@@ -258,12 +258,13 @@ void SimulatedSwitch::sfeProgrammed(const std::string& prefix, std::uint32_t hwV
 
 // --- The agent -------------------------------------------------------------------------------------------------------
 
-void SimulatedSwitch::start() {
+void SimulatedSwitch::start(std::uint64_t writesToLive) {
   agentTables = std::make_unique<LinuxPlatform::SharedTableService>(directory.path(), tableTypes);
+  if (writesToLive != 0) mortalTables_ = std::make_unique<MortalTables>(*agentTables, tableTypes, writesToLive);
   agent_.reset(static_cast<RouteCacheAgent::Agent*>(RouteCacheAgent::agentFactory("RouteCache")));
   Platform::AgentServices services;
   services.stateDb = stateDb.get();
-  services.tables = agentTables.get();
+  services.tables = mortalTables_ ? static_cast<Pondra::TableService*>(mortalTables_.get()) : agentTables.get();
   services.scheduler = &scheduler;
   services.trace = &trace;
   services.commands = &commands;
@@ -284,6 +285,7 @@ void SimulatedSwitch::start() {
 
 void SimulatedSwitch::stop() {
   agent_.reset();
+  mortalTables_.reset();
   agentTables.reset();
   mountsDone_ = false;
 }

@@ -15,6 +15,7 @@
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 #include "linux/UnderlayResolver.h"
+#include "test/support/MortalTables.h"
 #include "test/support/SimulatedClock.h"
 #include "test/support/TemporaryDirectory.h"
 
@@ -68,7 +69,9 @@ class SimulatedSwitch {
   void sfeProgrammed(const std::string& prefix, std::uint32_t hwVrfId, bool programmed);
 
   // --- The agent ---
-  void start();
+  // With `writesToLive` the agent is killed in mid-task, after so many table writes: that call, or a later advance(),
+  // throws Killed. stop() follows.
+  void start(std::uint64_t writesToLive = 0);
   void stop();
   bool running() const { return agent_ != nullptr; }
   RouteCacheAgent::Agent& agent() { return *agent_; }
@@ -129,6 +132,7 @@ class SimulatedSwitch {
   std::shared_ptr<Routing::Rib::RouteConfig> routes6_;
   std::shared_ptr<Routing::Rib::RouteCache::Evpn::ViaConfig> vias_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
+  std::unique_ptr<MortalTables> mortalTables_;
   std::unique_ptr<RouteCacheAgent::Agent> agent_;
   std::uint32_t recordCapacity_ = 0;  // 0: the agent's own
   std::uint32_t identifiers_ = 0;
