@@ -581,16 +581,17 @@ TEST_P(SwRouteSmTest, ARouteSyncOnceBegunGoesOnToItsEndAndTakesTurns) {
   EXPECT_EQ(sw.published().size(), 101u);
   // In its middle a VRF goes whose routes it has passed, and a route comes.
   std::size_t publishedAfter = 0;
-  sw.afterRun = [&, done = false]() mutable {
+  sw.scheduler.afterRunIs([&, done = false]() mutable {
+    sw.afterRun();
     const auto runs = sw.trace.count("RouteSync rescheduled with Bookmark ");
     if (runs == 10 && !std::exchange(done, true)) {
       sw.vrfGone("blue");
       sw.route("20.0.0.0/8", 1, 1);
     }
     if (publishedAfter == 0 && sw.publishedKeys().contains("20.0.0.0/8@101")) publishedAfter = runs;
-  };
+  });
   sw.advance(0.25);
-  sw.afterRun = nullptr;
+  sw.scheduler.afterRunIs([&] { sw.afterRun(); });
   EXPECT_THAT(sw.publishedKeys(), ElementsAre("20.0.0.0/8@101"));
   EXPECT_GE(publishedAfter, 10u);
   EXPECT_LT(publishedAfter, 20u);
