@@ -50,8 +50,14 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
                   std::atomic_ref<std::uint32_t>::is_always_lock_free,
               "words are shared between processes");
 
+// A test that compiles these files for itself puts a writer's changes between two loads of a reader.
+#ifndef SHARED_TABLE_BEFORE_LOAD
+#define SHARED_TABLE_BEFORE_LOAD() static_cast<void>(0)
+#endif
+
 template <class Word>
 Word load(const Word& word) {
+  SHARED_TABLE_BEFORE_LOAD();
   // atomic_ref of a const word comes with a later standard; a lock-free load writes nothing.
   return std::atomic_ref<Word>(const_cast<Word&>(word)).load(std::memory_order_acquire);
 }

@@ -13,8 +13,6 @@ constexpr unsigned slotTries = 1000;
 // Contradictions in the indexes come from changes in mid-walk. So many without any change: it is damage.
 constexpr unsigned calmTries = 8;
 constexpr unsigned busyTries = 10000;
-// Chains are about one entry long.
-constexpr unsigned longestChain = 4096;
 
 }  // namespace
 
@@ -128,7 +126,7 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
       return outcome;
     }
   }
-  const Outcome outcome = nextEntry(at, value, found);
+  const Outcome outcome = nextEntry(at, from, inclusive, value, found);
   return load(image_.state().epoch) == epoch ? outcome : Outcome::contradiction;
 }
 
@@ -172,21 +170,25 @@ TableView::Outcome TableView::descend(const KeyWords& from, bool inclusive, Posi
   return Outcome::found;
 }
 
-// The entry after `at`. It is the next one only if, once it has been read, `at` is still in the list and still leads to
-// it: otherwise the slot may have been given to a key further on, with entries in between.
-TableView::Outcome TableView::nextEntry(Position at, MutableBytes value, Entry& found) const {
+// The first entry after `at` that the search is for. It is the next one only if, once it has been read, `at` is still
+// in the list and still leads to it: otherwise the slot may have been given to a key further on, with entries in
+// between. And one that was put in after the way down had passed there may be below the bound.
+TableView::Outcome TableView::nextEntry(Position at, const KeyWords& from, bool inclusive, MutableBytes value,
+                                        Entry& found) const {
   for (;;) {
     const auto node = step(at, 0, found.contents);
     if (!node) return Outcome::contradiction;
     if (*node == 0) return Outcome::absent;
     found.slot = *node - 1;
+    const int order = image_.compare(found.contents.key, from);
+    const bool wanted = isLive(found.contents.version) && (order > 0 || (order == 0 && inclusive));
     ValueRead read = ValueRead::whole;
-    if (isLive(found.contents.version)) read = readValue(found.slot, found.contents, value, found.size);
+    if (wanted) read = readValue(found.slot, found.contents, value, found.size);
     if (load(image_.link(0, at.node)) != *node || load(image_.version(found.slot)) != found.contents.version ||
         !stillThere(at)) {
       return Outcome::contradiction;
     }
-    if (isLive(found.contents.version) && read == ValueRead::whole) return Outcome::found;
+    if (wanted && read == ValueRead::whole) return Outcome::found;
     if (read == ValueRead::damaged) {
       (*report_)("slot " + std::to_string(found.slot) + " holds a damaged entry");
     }

@@ -13,6 +13,9 @@ namespace LinuxPlatform {
 
 using DamageReport = std::function<void(std::string_view what)>;
 
+// Chains are about one entry long; one longer than this is damaged.
+inline constexpr unsigned longestChain = 4096;
+
 // Slot contents that belong together.
 struct SlotSnapshot {
   std::uint64_t version = 0;
@@ -64,7 +67,7 @@ class TableView {
   Outcome trySeek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint32_t hint, Entry& found) const;
   bool startAtHint(const KeyWords& from, bool inclusive, std::uint32_t hint, Position& at) const;
   Outcome descend(const KeyWords& from, bool inclusive, Position& at) const;
-  Outcome nextEntry(Position at, MutableBytes value, Entry& found) const;
+  Outcome nextEntry(Position at, const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const;
   // The node after `at` on the level, read whole; its slot number + 1, or 0 at the end. Nothing: a contradiction.
   std::optional<std::uint32_t> step(const Position& at, unsigned level, SlotSnapshot& next) const;
   bool stillThere(const Position& at) const;

@@ -10,7 +10,6 @@ namespace LinuxPlatform {
 using Pondra::WriteResult;
 
 namespace {
-constexpr unsigned longestChain = 4096;
 // Levels of the last search's path that are tried before a search starts at the top.
 constexpr unsigned pathLevels = 8;
 }  // namespace
