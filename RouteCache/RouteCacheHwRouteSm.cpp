@@ -72,6 +72,7 @@ class HwRouteSm::TrieReactor final : public Routing::Trie::Reactor {
       : Reactor(trie), sm_(sm), hwVrfId_(hwVrfId) {}
 
   void handleRouteCachePrefix(std::uint32_t id) override {
+    sm_.notePrefixes(hwVrfId_, !trie()->empty());
     const auto prefix = trie()->prefix(id);
     if (!prefix) return;
     if (trie()->longestMatch(*prefix) == prefix) {
@@ -82,8 +83,10 @@ class HwRouteSm::TrieReactor final : public Routing::Trie::Reactor {
     sm_.scheduleSwRouteWalk(hwVrfId_);
     sm_.evaluateCachingEnabled(false);
   }
-  void handleTrieDelete() override { sm_.evaluateCachingEnabled(false); }
-  bool hasPrefixes() const { return trie() != nullptr && !trie()->empty(); }
+  void handleTrieDelete() override {
+    sm_.notePrefixes(hwVrfId_, false);
+    sm_.evaluateCachingEnabled(false);
+  }
 
  private:
   HwRouteSm& sm_;
@@ -91,15 +94,27 @@ class HwRouteSm::TrieReactor final : public Routing::Trie::Reactor {
 };
 
 void HwRouteSm::trieIs(std::uint32_t hwVrfId) {
-  trie_[hwVrfId] = std::make_unique<TrieReactor>(*this, in_.vrfCachedRoute->vrfTrie(hwVrfId), hwVrfId);
+  const auto trie = in_.vrfCachedRoute->vrfTrie(hwVrfId);
+  trie_[hwVrfId] = std::make_unique<TrieReactor>(*this, trie, hwVrfId);
+  notePrefixes(hwVrfId, !trie->empty());
 }
 
 void HwRouteSm::trieDel(std::uint32_t hwVrfId) {
   trie_.erase(hwVrfId);
+  notePrefixes(hwVrfId, false);
 }
 
 void HwRouteSm::trieDelAll() {
   trie_.clear();
+  vrfsWithPrefixes_.clear();
+}
+
+void HwRouteSm::notePrefixes(std::uint32_t hwVrfId, bool any) {
+  if (any) {
+    vrfsWithPrefixes_.insert(hwVrfId);
+  } else {
+    vrfsWithPrefixes_.erase(hwVrfId);
+  }
 }
 
 // --- Life ------------------------------------------------------------------------------------------------------------
@@ -329,14 +344,7 @@ void HwRouteSm::scheduleHwHitbitScanTask(double seconds) {
 void HwRouteSm::evaluateCachingEnabled(bool hint) {
   trace_(6, " enabled: ", hint);
   if (hint && in_.routeCacheConfig->cachingEnabled()) return;
-  // The trie that had prefixes the last time most likely has some still.
-  const auto last = trie_.find(trieWithPrefixes_);
-  bool enabled = last != trie_.end() && last->second->hasPrefixes();
-  for (auto vrf = trie_.begin(); vrf != trie_.end() && !enabled; ++vrf) {
-    enabled = vrf->second->hasPrefixes();
-    if (enabled) trieWithPrefixes_ = vrf->first;
-  }
-  in_.routeCacheConfig->cachingEnabledIs(enabled);
+  in_.routeCacheConfig->cachingEnabledIs(!vrfsWithPrefixes_.empty());
 }
 
 // --- Space -----------------------------------------------------------------------------------------------------------

@@ -31,6 +31,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "RouteCache/RouteCacheConfig.h"
@@ -205,6 +206,8 @@ class HwRouteSm final : public Lattis::Entity {
   };
   enum class ScanPhase : std::uint8_t { slices, ageing, newAdditions };
 
+  // Whether the VRF's trie holds prefixes now.
+  void notePrefixes(std::uint32_t hwVrfId, bool any);
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
   bool isBelowLowLevel() const;
   std::uint32_t sfeHitbit(const Key& key) const;
@@ -274,7 +277,7 @@ class HwRouteSm final : public Lattis::Entity {
   KeyNotes<Key, AdjId> agedOut_;           // remembered with the identifier that it had
   std::uint64_t admissions_ = 0;
   std::uint64_t aged_ = 0;
-  std::uint32_t trieWithPrefixes_ = 0;  // a VRF whose trie was seen to hold some; a hint
+  std::set<std::uint32_t> vrfsWithPrefixes_;  // hardware ids whose tries hold some
 
   DeferredTask routeProcessingTask_;
   DeferredTask sfeRouteHitProcessingTask_;
