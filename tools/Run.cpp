@@ -7,6 +7,7 @@
 
 #include "linux/ControlOperations.h"
 #include "linux/ControlSocket.h"
+#include "linux/ProcessLimits.h"
 #include "linux/RunDirectory.h"
 #include "linux/TaskScheduler.h"
 #include "tools/AgentHost.h"
@@ -95,7 +96,10 @@ void addRunCommand(CLI::App& app, ToolContext&) {
       ->type_name("MS")
       ->check(CLI::Range(0.01, 1000.0))
       ->capture_default_str();
-  command->callback([options] { Launcher(*options).run(); });
+  command->callback([options] {
+    LinuxPlatform::raiseDescriptorLimit();
+    Launcher(*options).run();
+  });
 }
 
 }  // namespace Tools

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "linux/ProcessLimits.h"
 #include "linux/SharedTable.h"
 #include "linux/TaskScheduler.h"
 #include "tools/AgentLibrary.h"
@@ -212,7 +213,10 @@ void addSimulateCommand(CLI::App& app, ToolContext& /*context*/) {
   addTrafficOptions(*command, options->traffic);
   addInProcessOptions(*command, *options);
   command->footer("Example: routecache simulate --in-process --scenario examples/caching.json --duration 600");
-  command->callback([options] { simulate(*options); });
+  command->callback([options] {
+    LinuxPlatform::raiseDescriptorLimit();
+    simulate(*options);
+  });
 }
 
 }  // namespace Tools
