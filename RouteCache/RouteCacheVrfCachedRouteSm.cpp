@@ -1,6 +1,7 @@
 #include "RouteCache/RouteCacheVrfCachedRouteSm.h"
 
 #include <algorithm>
+#include <type_traits>
 #include <utility>
 
 namespace RouteCache {
@@ -12,6 +13,10 @@ class VrfCachedRouteSm::FibReactor final : public FibTable::Reactor {
   FibReactor(VrfCachedRouteSm& sm, std::shared_ptr<const FibTable> table)
       : FibTable::Reactor(std::move(table)), sm_(sm) {}
   void handleEntry(const typename FibTable::Key& prefix) override { sm_.handlePrefix(prefix); }
+  // What a table holds that has become readable is not told. The IPv6 trie gets what changes only.
+  void handleMountStatus() override {
+    if constexpr (std::is_same_v<FibTable, Pondra::Fib::RouteStatus>) sm_.handleFibRoute();
+  }
 
  private:
   VrfCachedRouteSm& sm_;

@@ -3,8 +3,9 @@
 //
 // The two families differ in one thing: at creation the IPv4 trie is filled with what the FIB holds, the IPv6 trie is
 // not; it gets the routes that change from then on. A table tells its reactors of changes made after they registered,
-// so what stood there before is the sweep's to bring. A sweep goes through the table in its order, a time slice at a
-// time; what changes meanwhile is brought at once, by its own reaction, wherever the sweep stands.
+// so what stood there before is the sweep's to bring; so is a table that could not be read before. A sweep goes through
+// the table in its order, a time slice at a time; what changes meanwhile is brought at once, by its own reaction,
+// wherever the sweep stands.
 #pragma once
 
 #include <cstdint>

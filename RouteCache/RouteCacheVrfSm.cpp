@@ -164,78 +164,105 @@ void VrfSm::dropStalePairs() {
   }
 }
 
-void VrfSm::unmapPair(const L3::VrfName& name) {
+void VrfSm::mapPair(const L3::VrfName& name, const Ids& ids) {
+  mapped_[name] = ids;
+  nameOfPi_.insert_or_assign(ids.piVrfId, name);
+  nameOfHw_.insert_or_assign(ids.hwVrfId, name);
+  vrfIdMap_->hwVrfIdToGlobalVrfIdIs(ids.hwVrfId, ids.piVrfId);
+  vrfIdMap_->globalVrfIdToHwVrfIdIs(ids.piVrfId, ids.hwVrfId);
+}
+
+VrfSm::Ids VrfSm::unmapPair(const L3::VrfName& name) {
   const auto found = mapped_.find(name);
-  if (found == mapped_.end()) return;
   const Ids ids = found->second;
   mapped_.erase(found);
+  nameOfPi_.erase(ids.piVrfId);
+  nameOfHw_.erase(ids.hwVrfId);
   vrfIdMap_->hwVrfIdToGlobalVrfIdDel(ids.hwVrfId);
   vrfIdMap_->globalVrfIdToHwVrfIdDel(ids.piVrfId);
+  return ids;
+}
+
+void VrfSm::claimIs(const L3::VrfName& name, const Ids& ids) {
+  claims_[name] = ids;
+  claimsOnPi_.emplace(ids.piVrfId, name);
+  claimsOnHw_.emplace(ids.hwVrfId, name);
+}
+
+void VrfSm::claimDel(const L3::VrfName& name) {
+  const auto found = claims_.find(name);
+  if (found == claims_.end()) return;
+  claimsOnPi_.erase({found->second.piVrfId, name});
+  claimsOnHw_.erase({found->second.hwVrfId, name});
+  claims_.erase(found);
 }
 
 void VrfSm::addVrf(const L3::VrfName& name) {
   const Ids ids = idsOf(name);
   trace_(6, "add hwVrfId: ", ids.hwVrfId, " piVrfId: ", ids.piVrfId);
-  if (ids.hwVrfId == 0 && !name.isDefault()) return;
-
   const auto own = mapped_.find(name);
-  if (own != mapped_.end() && own->second.hwVrfId == ids.hwVrfId && own->second.piVrfId == ids.piVrfId) return;
+  if (own == mapped_.end()) claimDel(name);  // what it claimed before
+  if (ids.hwVrfId == 0 && !name.isDefault()) return;
+  if (own != mapped_.end() && own->second == ids) return;
 
   // Whoever has one of these ids loses its pair; this name's own old pair goes as well.
-  std::vector<L3::VrfName> stale;
-  for (const auto& [other, pair] : mapped_) {
-    if (other == name || pair.hwVrfId == ids.hwVrfId || pair.piVrfId == ids.piVrfId) stale.push_back(other);
-  }
+  std::set<L3::VrfName> stale;
+  if (own != mapped_.end()) stale.insert(name);
+  if (const auto other = nameOfPi_.find(ids.piVrfId); other != nameOfPi_.end()) stale.insert(other->second);
+  if (const auto other = nameOfHw_.find(ids.hwVrfId); other != nameOfHw_.end()) stale.insert(other->second);
+  std::vector<Ids> freed;
   for (const L3::VrfName& other : stale) {
-    const std::uint32_t oldHwVrfId = mapped_.at(other).hwVrfId;
-    unmapPair(other);
+    freed.push_back(unmapPair(other));
     // Another name reads another FIB; the same name under a new pi id goes on as it is.
-    if (other != name || oldHwVrfId != ids.hwVrfId) deleteVrfCachedRouteSm(oldHwVrfId);
+    if (other != name || freed.back().hwVrfId != ids.hwVrfId) deleteVrfCachedRouteSm(freed.back().hwVrfId);
+    if (other != name) claimIs(other, idsOf(other));
   }
   createVrfCachedRouteSm(name, ids.hwVrfId);
-  mapped_[name] = ids;
-  vrfIdMap_->hwVrfIdToGlobalVrfIdIs(ids.hwVrfId, ids.piVrfId);
-  vrfIdMap_->globalVrfIdToHwVrfIdIs(ids.piVrfId, ids.hwVrfId);
-  if (!stale.empty()) restoreClaims();
+  mapPair(name, ids);
+  for (const Ids& pair : freed) restoreClaims(pair);
 }
 
 void VrfSm::removeVrf(const L3::VrfName& name) {
+  const auto piVrfId = piVrfIdMap_->nameToId(name.text());
+  const auto status = hwRouteStatus_->vrfStatus(name);
   const auto own = mapped_.find(name);
-  if (own == mapped_.end()) return;
-  const Ids ids = own->second;
   // Told in the order in which the VRF was found out to be incomplete.
-  if (piVrfIdMap_->nameToId(name.text())) {
-    trace_(6, "del piVrfId: ", ids.piVrfId);
-    trace_(6, "del hwVrfId: ", ids.hwVrfId);
-  } else {
-    trace_(6, "del hwVrfId: ", ids.hwVrfId);
-    trace_(6, "del piVrfId: ", ids.piVrfId);
+  if (piVrfId && !status) {
+    trace_(6, "del piVrfId: ", *piVrfId);
+    if (own != mapped_.end()) trace_(6, "del hwVrfId: ", own->second.hwVrfId);
+  } else if (!piVrfId && status) {
+    trace_(6, "del hwVrfId: ", status->hwVrfId());
+    if (own != mapped_.end()) trace_(6, "del piVrfId: ", own->second.piVrfId);
   }
-  unmapPair(name);
+  claimDel(name);
+  if (own == mapped_.end()) return;
+  const Ids ids = unmapPair(name);
   deleteVrfCachedRouteSm(ids.hwVrfId);
-  restoreClaims();
+  restoreClaims(ids);
 }
 
-void VrfSm::restoreClaims() {
-  for (const auto& entry : hwRouteStatus_->vrfStatus()) {
-    const L3::VrfName& name = entry.first;
-    if (mapped_.contains(name) || !isComplete(name)) continue;
-    const Ids ids = idsOf(name);
-    if (vrfIdMap_->hwVrfIdToGlobalVrfIdHas(ids.hwVrfId) || vrfIdMap_->globalVrfIdToHwVrfIdHas(ids.piVrfId)) continue;
-    addVrf(name);
+// Each claimant of either id, in the order of their names, unless the other id that it claims is another's.
+void VrfSm::restoreClaims(const Ids& freed) {
+  std::set<L3::VrfName> claimants;
+  const auto add = [&](const Claims& claims, std::uint32_t id) {
+    for (auto at = claims.lower_bound({id, L3::VrfName("")}); at != claims.end() && at->first == id; ++at) {
+      claimants.insert(at->second);
+    }
+  };
+  add(claimsOnPi_, freed.piVrfId);
+  add(claimsOnHw_, freed.hwVrfId);
+  for (const L3::VrfName& name : claimants) {
+    const auto claim = claims_.find(name);
+    if (claim == claims_.end() || !isComplete(name)) continue;
+    if (!nameOfPi_.contains(claim->second.piVrfId) && !nameOfHw_.contains(claim->second.hwVrfId)) addVrf(name);
   }
 }
 
 // --- FIB tables and tries --------------------------------------------------------------------------------------------
 
-// Null when the table cannot be mounted: the VRF then has a trie that stays empty.
+// A table that is missing or bad is empty until there is a good one.
 std::shared_ptr<Pondra::TableEntity> VrfSm::mountFibTable(const std::string& path, const char* typeName) {
-  try {
-    tables_.mount(path, typeName, Pondra::MountKind::reader);
-  } catch (const Pondra::TableError& error) {
-    trace_(1, "cannot mount: ", std::string_view(error.what()));
-    return nullptr;
-  }
+  tables_.mountWhenReadable(path, typeName);
   return tables_.entity(path);
 }
 

@@ -7,12 +7,15 @@
 //
 // Invariants: the two directions of VrfIdMap are each other's inverse; each pair in it belongs to one name; a name that
 // has a pair has its tries. When two names claim one id, the one heard of last has it, and the other gets it back when
-// it is free again.
+// it is free again. Each event costs the same however many VRFs there are.
 #pragma once
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <unordered_map>
+#include <utility>
 
 #include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheVrfCachedRouteSm.h"
@@ -75,7 +78,9 @@ class VrfSm {
   struct Ids {
     std::uint32_t piVrfId = missingPiVrfId;
     std::uint32_t hwVrfId = 0;
+    bool operator==(const Ids&) const = default;
   };
+  using Claims = std::set<std::pair<std::uint32_t, L3::VrfName>>;
 
   bool isComplete(const L3::VrfName& name) const;
   void applyRule(const L3::VrfName& name);
@@ -83,10 +88,13 @@ class VrfSm {
   void addVrf(const L3::VrfName& name);
   void removeVrf(const L3::VrfName& name);
   void dropStalePairs();
-  // Takes the name's pair out of VrfIdMap.
-  void unmapPair(const L3::VrfName& name);
+  void mapPair(const L3::VrfName& name, const Ids& ids);
+  // Takes the name's pair out of VrfIdMap and returns it.
+  Ids unmapPair(const L3::VrfName& name);
+  void claimIs(const L3::VrfName& name, const Ids& ids);
+  void claimDel(const L3::VrfName& name);
   // Gives ids that have become free to complete VRFs that claim them.
-  void restoreClaims();
+  void restoreClaims(const Ids& freed);
   std::shared_ptr<Pondra::TableEntity> mountFibTable(const std::string& path, const char* typeName);
 
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
@@ -98,6 +106,9 @@ class VrfSm {
   Platform::TraceFacility& traceFacility_;
   Platform::TraceHandle trace_;
   std::map<L3::VrfName, Ids> mapped_;  // the pairs in VrfIdMap by the name they belong to
+  std::unordered_map<std::uint32_t, L3::VrfName> nameOfPi_, nameOfHw_;  // the same by their ids
+  std::map<L3::VrfName, Ids> claims_;  // names that lost their pair to another, and the ids that they wait for
+  Claims claimsOnPi_, claimsOnHw_;     // the same by their ids
   std::map<std::uint32_t, std::shared_ptr<VrfCachedRouteSm>> vrfCachedRouteSm_;
   std::map<std::uint32_t, L3::VrfName> fibOf_;  // the name whose FIB tables are mounted for a hardware id
   bool initialized_ = false;

@@ -60,7 +60,8 @@ OpenFile opened(const std::string& name, int flags, mode_t mode) {
   }
   file.fd = FileDescriptor(open(name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode));
   if (!file.fd) {
-    if (errno != ENOENT || (flags & O_CREAT) != 0) file.fault = failure(name, errno);
+    file.error = errno;
+    if (errno != ENOENT || (flags & O_CREAT) != 0) file.fault = failure(name, file.error);
     return file;
   }
   if (fstat(file.fd.get(), &status) != 0) {

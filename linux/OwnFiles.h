@@ -42,6 +42,7 @@ class FileDescriptor {
 struct OpenFile {
   FileDescriptor fd;
   std::string fault;
+  int error = 0;  // errno, where the system refused
 };
 OpenFile openToRead(const std::string& name);
 // To read and write: it has to be this user's. A mode that allows others more than `mode` is cut down to it.

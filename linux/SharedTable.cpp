@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <stdexcept>
 #include <system_error>
@@ -75,6 +76,15 @@ SharedTableService::~SharedTableService() {
 
 void SharedTableService::mount(const std::string& path, const std::string& typeName, MountKind kind,
                                const std::optional<CollectionInfo>& info) {
+  addMount(path, typeName, kind, info, Unreadable::error);
+}
+
+void SharedTableService::mountWhenReadable(const std::string& path, const std::string& typeName) {
+  addMount(path, typeName, MountKind::reader, std::nullopt, Unreadable::waits);
+}
+
+void SharedTableService::addMount(const std::string& path, const std::string& typeName, MountKind kind,
+                                  const std::optional<CollectionInfo>& info, Unreadable unreadable) {
   if (const auto found = mounts_.find(path); found != mounts_.end()) {
     if (found->second.typeName == typeName && found->second.collection->kind() == kind) return;
     refuseMount(path, "it is mounted here already, with another type or kind");
@@ -89,8 +99,10 @@ void SharedTableService::mount(const std::string& path, const std::string& typeN
   } else {
     watchDirectory();
   }
-  auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity);
+  auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity, unreadable);
+  table->handleParent(directoryOf(path));
   table->controlIs(collection);
+  if (kind != MountKind::writer) readers_[tableFileName(path)] = collection;
   mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
 }
 
@@ -106,6 +118,15 @@ void SharedTableService::checkOwner(const std::string& path) {
   ownerChecked_ = true;
 }
 
+std::shared_ptr<Lattis::Entity> SharedTableService::directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string name = slash == std::string::npos ? std::string() : path.substr(0, slash);
+  std::weak_ptr<Lattis::Entity>& known = directories_[name];
+  auto directory = known.lock();
+  if (!directory) known = directory = std::make_shared<Pondra::TableDirectory>(name);
+  return directory;
+}
+
 // Before the first reader's table is looked for, so that it cannot appear unseen. Not for writers alone: nobody else
 // changes their tables, and to give a watch up takes the kernel milliseconds.
 void SharedTableService::watchDirectory() {
@@ -119,6 +140,7 @@ void SharedTableService::unmount(const std::string& path) {
   if (found == mounts_.end()) return;
   const Mount mount = std::move(found->second);
   mounts_.erase(found);
+  if (mount.collection->kind() != MountKind::writer) readers_.erase(tableFileName(path));
   mount.collection->flush();
   mount.collection->close();
   mount.table->handleParent(nullptr);
@@ -134,53 +156,110 @@ void SharedTableService::corruptionHandlerIs(
   context_->corruptionHandler = std::move(handler);
 }
 
-bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield) {
-  context_->deliveryAsked = false;
-  // A reactor may mount and unmount tables.
+// --- Changes ---------------------------------------------------------------------------------------------------------
+
+// Work goes by the tables that something is known of: there may be tens of thousands that nothing happens to.
+std::vector<std::shared_ptr<TableCollection>> SharedTableService::takeDue() {
   std::vector<std::shared_ptr<TableCollection>> round;
-  for (const auto& [path, mount] : mounts_) round.push_back(mount.collection);
+  for (const auto& entry : std::exchange(context_->due, {})) {
+    if (auto collection = entry.lock()) {
+      collection->dueTaken();
+      round.push_back(std::move(collection));
+    }
+  }
+  const auto byPath = [](const auto& a, const auto& b) { return a->path() < b->path(); };
+  std::sort(round.begin(), round.end(), byPath);
   const auto first = std::find_if(round.begin(), round.end(), [&](const auto& c) { return c->path() >= firstServed_; });
   std::rotate(round.begin(), first, round.end());
+  return round;
+}
+
+bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield) {
+  if (!std::exchange(context_->deliveryAsked, false) && context_->due.empty()) findPending();
+  // A reactor may mount and unmount tables.
+  const std::vector<std::shared_ptr<TableCollection>> round = takeDue();
   for (const auto& collection : round) collection->adoptReplacement();
 
   bool yielded = false;
   const std::function<bool()> stop = [&] { return yielded = yielded || shouldYield(); };
   for (const auto& collection : round) {
-    collection->deliver(stop);
-    if (!yielded) continue;
-    firstServed_ = collection->path() + '\0';  // the path after this one
-    break;
+    if (!yielded) {
+      collection->deliver(stop);
+      if (yielded) firstServed_ = collection->path() + '\0';  // the path after this one
+    }
+    if (collection->pending()) collection->dueIs();
   }
-  return !anyPending();
+  return context_->due.empty();
 }
 
-bool SharedTableService::anyPending() const {
-  return std::any_of(mounts_.begin(), mounts_.end(),
-                     [](const auto& mount) { return mount.second.collection->pending(); });
+void SharedTableService::findPending() {
+  for (const auto& [path, mount] : mounts_) {
+    if (mount.collection->pending()) mount.collection->dueIs();
+  }
+}
+
+// A name that changes while its directory is looked at may leave the directory's time as it was: only a time that has
+// passed counts for what was seen.
+bool SharedTableService::namesChanged() {
+  constexpr std::int64_t clockSteps = 1;  // seconds; far more than the file system's clock takes for a step
+  const FileIdentity now = fileIdentity(context_->directory);
+  if (now == directoryState_ && now != FileIdentity()) return false;
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  directoryState_ = now.changeSeconds + clockSteps < time.tv_sec ? now : FileIdentity();
+  return true;
+}
+
+void SharedTableService::checkFiles(bool all, bool retry) {
+  for (const auto& [path, mount] : mounts_) {
+    TableCollection& collection = *mount.collection;
+    if (all || collection.refused() || collection.kind() == MountKind::writer) collection.checkReplacement(retry);
+  }
 }
 
 bool SharedTableService::pendingChanges() {
+  constexpr unsigned pollsPerRetry = 10;
   if (watchWanted_) watchDirectory();
-  for (const auto& [path, mount] : mounts_) mount.collection->checkReplacement();
-  return anyPending();
+  const bool changed = namesChanged();
+  checkFiles(changed, ++polls_ % pollsPerRetry == 0);
+  findPending();
+  return !context_->due.empty();
+}
+
+void SharedTableService::handleFileEvent(std::string_view fileName, bool written) {
+  constexpr std::string_view suffix = ".table";
+  if (!fileName.ends_with(suffix)) return;
+  const auto found = readers_.find(fileName.substr(0, fileName.size() - suffix.size()));
+  if (found == readers_.end()) return;
+  // What has been written is seen in the table itself; who it is matters only when it may be another file.
+  TableCollection& collection = *found->second;
+  if (!written || !collection.mounted() || collection.refused()) collection.checkReplacement();
+  if (collection.pending()) collection.dueIs();
 }
 
 void SharedTableService::handleWakeup() {
   alignas(inotify_event) std::array<char, 4096> events;
-  // What has been written is seen in the tables themselves: most events only say that it is time to look. Only when a
-  // table appeared or was replaced, or when events were lost, is every file asked who it is.
-  bool filesChanged = false;
+  bool lost = false;
   ssize_t size = 0;
   while ((size = read(wakeup_.get(), events.data(), events.size())) > 0) {
     for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(size);) {
       inotify_event event;
       std::memcpy(&event, events.data() + at, sizeof event);
-      filesChanged = filesChanged || (event.mask & ~std::uint32_t{IN_MODIFY}) != 0;
+      const char* const name = events.data() + at + sizeof event;
       if ((event.mask & IN_IGNORED) != 0) watching_ = false;  // the directory was removed
+      if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        lost = true;
+      } else if (event.len > 0) {
+        handleFileEvent(std::string_view(name, strnlen(name, event.len)), (event.mask & IN_MODIFY) != 0);
+      }
       at += sizeof event + event.len;
     }
   }
-  if (filesChanged ? pendingChanges() : anyPending()) context_->wantDelivery();
+  if (lost) {
+    checkFiles(true, false);
+    findPending();
+  }
+  if (!context_->due.empty()) context_->wantDelivery();
 }
 
 void SharedTableService::flush() {

@@ -35,17 +35,20 @@ class SharedTableService final : public Pondra::TableService {
 
   void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
              const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
+  void mountWhenReadable(const std::string& path, const std::string& typeName) override;
   void unmount(const std::string& path) override;
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
   void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) override;
 
   // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
   // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
-  // turns at being first. Not called from inside a reactor.
+  // turns at being first. Looks at the tables that something is known of, or at all when there are none. Not called
+  // from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
-  // Cheap: it reads a word and asks for a file's identity per table. Finds also what a writer changed that died before
-  // it flushed.
+  // Reads a word per table, and asks who the files are: those of written tables, those that were refused, and all when
+  // names have changed in the directory. Finds also what a writer changed that died before it flushed. Every tenth call
+  // tries the files that were refused again.
   bool pendingChanges();
 
   // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has
@@ -66,9 +69,17 @@ class SharedTableService final : public Pondra::TableService {
     std::shared_ptr<TableCollection> collection;
   };
 
+  void addMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+                const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable);
+  std::shared_ptr<Lattis::Entity> directoryOf(const std::string& path);
   void watchDirectory();
   void checkOwner(const std::string& path);
-  bool anyPending() const;
+  bool namesChanged();
+  void checkFiles(bool all, bool retry);
+  void handleFileEvent(std::string_view fileName, bool written);
+  // Puts every table that has something to deliver among those that are due.
+  void findPending();
+  std::vector<std::shared_ptr<TableCollection>> takeDue();
 
   const Platform::TableTypes& types_;
   std::string runDirectory_;
@@ -78,7 +89,11 @@ class SharedTableService final : public Pondra::TableService {
   bool watchWanted_ = false;
   bool watching_ = false;
   std::map<std::string, Mount, std::less<>> mounts_;
-  std::string firstServed_;  // path at which the next delivery begins
+  std::map<std::string, std::shared_ptr<TableCollection>, std::less<>> readers_;   // by file name
+  std::map<std::string, std::weak_ptr<Lattis::Entity>, std::less<>> directories_;  // by path
+  unsigned polls_ = 0;
+  FileIdentity directoryState_;  // when all files were last asked
+  std::string firstServed_;      // path at which the next delivery begins
 };
 
 // A table file as its header describes it, for tools that list tables.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <filesystem>
 
 #include "platform/Assert.h"
@@ -17,8 +18,22 @@ namespace {
 constexpr std::uint32_t writesPerFlush = 4096;
 }  // namespace
 
+void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
+  if (corruptionHandler) {
+    corruptionHandler(path, what);
+    return;
+  }
+  constexpr std::size_t mostLines = 1000;
+  if (printed.size() >= mostLines || !printed.emplace(path, what).second) return;
+  std::fprintf(stderr, "routecache: table %s: %s\n", path.c_str(), what.c_str());
+}
+
+void TableServiceContext::reportShortage(const std::string& path, const std::string& remedy) {
+  if (shortages.insert(remedy).second) reportDamage(path, remedy);
+}
+
 TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, MountKind kind,
-                                 Pondra::TableLayout layout, std::uint32_t capacity)
+                                 Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable)
     : context_(std::move(context)),
       path_(std::move(path)),
       kind_(kind),
@@ -27,7 +42,14 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
   if (kind_ == MountKind::writer) {
     openForWriting(capacity);
   } else {
-    file_ = TableFile::open(context_->directory, path_, layout_, false);
+    const FileIdentity identity = fileIdentity(fileName());
+    try {
+      file_ = TableFile::open(context_->directory, path_, layout_, false);
+    } catch (const TableError& error) {
+      if (unreadable == Unreadable::error) throw;
+      found_ = true;
+      refuseFile(identity, error);
+    }
   }
   if (file_) view_.emplace(file_->image(), report_);
 }
@@ -59,11 +81,13 @@ void TableCollection::copyToNewFile(std::uint32_t capacity, std::size_t entries)
 }
 
 void TableCollection::close() {
+  Sink* const sink = mounted() ? sink_ : nullptr;
   follow(nullptr);
   writer_.reset();
   view_.reset();
   file_.reset();
   lock_ = FileDescriptor();
+  if (sink != nullptr) sink->mountStatusChanged();
 }
 
 std::size_t TableCollection::size() const {
@@ -128,7 +152,13 @@ bool TableCollection::erase(Bytes key) {
 
 void TableCollection::written() {
   if (++unflushed_ >= writesPerFlush) flush();
-  if (follower_) context_->wantDelivery();
+  if (follower_ && dueIs()) context_->wantDelivery();
+}
+
+bool TableCollection::dueIs() {
+  if (std::exchange(due_, true)) return false;
+  context_->due.push_back(weak_from_this());
+  return true;
 }
 
 void TableCollection::flush() {
@@ -174,14 +204,14 @@ bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
   return !pending();
 }
 
-void TableCollection::checkReplacement() {
+void TableCollection::checkReplacement(bool retry) {
   if (kind_ == MountKind::writer) {
     replacementDue_ = !ownFilesStand();
     return;
   }
   const FileIdentity now = fileIdentity(fileName());
-  if (now == FileIdentity{} || now == refused_) return;
-  if (!file_ || now != file_->identity()) replacementDue_ = true;
+  if (now == FileIdentity{} || (now == refused_ && !retry)) return;
+  if (!file_ || !now.isSameFile(file_->identity())) replacementDue_ = true;
 }
 
 void TableCollection::adoptReplacement() {
@@ -195,16 +225,23 @@ void TableCollection::adoptReplacement() {
   try {
     next = TableFile::open(context_->directory, path_, layout_, false);
   } catch (const TableError& error) {
-    refused_ = identity;
-    context_->corruptionHandler(path_, error.what());
+    refuseFile(identity, error);
   }
-  if (!next || (file_ && next->identity() == file_->identity())) return;
+  if (!next) return;
+  refused_ = {};
+  if (file_ && next->identity().isSameFile(file_->identity())) return;
   const bool appeared = !file_;
   if (!appeared) sequenceBase_ = lastSequence() + 1;
-  const auto old = std::exchange(file_, std::move(next));  // the follower's until it has gone over
-  view_.emplace(file_->image(), report_);
+  const auto old = std::exchange(file_, std::move(next));
+  const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
   if (!follower_) return;
-  follower_->restart(*view_);
+  if (!appeared) {
+    follower_->restart(*view_, *oldView, old);
+  } else if (found_) {
+    follower_->start(*view_);  // nobody can say which of its entries are new
+  } else {
+    follower_->restart(*view_);
+  }
   if (appeared) sink_->mountStatusChanged();
 }
 
@@ -228,8 +265,8 @@ void TableCollection::putBack() {
       const std::uint64_t base = lastSequence() + 1;
       copyToNewFile(old->capacity(), writer_->size());
       sequenceBase_ = base;
-      view_.emplace(file_->image(), report_);
-      if (follower_) follower_->restart(*view_);
+      const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
+      if (follower_) follower_->restart(*view_, *oldView, old);
     }
     reportCorruption("its file was removed; it is put back");
   } catch (const std::exception& error) {
@@ -237,8 +274,21 @@ void TableCollection::putBack() {
   }
 }
 
+// Told once for a state of the file, however often it is tried.
+void TableCollection::refuseFile(const FileIdentity& identity, const TableError& error) {
+  const auto* shortage = dynamic_cast<const TableShortage*>(&error);
+  const bool isNew = refused_ != identity || refusedText_ != error.what();
+  refused_ = identity;
+  refusedText_ = error.what();
+  if (shortage != nullptr) {
+    context_->reportShortage(path_, shortage->remedy());
+  } else if (isNew) {
+    context_->reportDamage(path_, error.what());
+  }
+}
+
 void TableCollection::reportCorruption(std::string_view what) const {
-  if (context_->corruptionHandler) context_->corruptionHandler(path_, std::string(what));
+  context_->reportDamage(path_, std::string(what));
 }
 
 void TableCollection::checkInvariants() const {

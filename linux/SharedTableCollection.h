@@ -5,8 +5,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "linux/SharedTableFile.h"
 #include "linux/SharedTableFollower.h"
@@ -16,12 +19,23 @@
 
 namespace LinuxPlatform {
 
+class TableCollection;
+
 // What the mounts of one service share; lives as long as the last of them.
 struct TableServiceContext {
   std::string directory;  // of the table files
-  std::function<void(const std::string& path, const std::string& what)> corruptionHandler;
+  std::function<void(const std::string& path, const std::string& what)>
+      corruptionHandler;  // empty: reportDamage prints
   std::function<void()> deliveryWanted;
-  bool deliveryAsked = false;  // since the last delivery
+  bool deliveryAsked = false;                       // since the last delivery
+  std::vector<std::weak_ptr<TableCollection>> due;  // tables that the next delivery has to look at
+  std::set<std::pair<std::string, std::string>> printed;
+  std::set<std::string> shortages;
+
+  // To the handler; without one a line on standard error, for each fault of each table once.
+  void reportDamage(const std::string& path, const std::string& what);
+  // The same once for all tables: the first one that met the shortage stands for the others.
+  void reportShortage(const std::string& path, const std::string& remedy);
 
   void wantDelivery() {
     if (deliveryAsked) return;
@@ -30,11 +44,11 @@ struct TableServiceContext {
   }
 };
 
-class TableCollection final : public Pondra::SharedCollection {
+class TableCollection final : public Pondra::SharedCollection, public std::enable_shared_from_this<TableCollection> {
  public:
   // Opens the table: a reader's may be missing. Throws TableError.
   TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, Pondra::MountKind kind,
-                  Pondra::TableLayout layout, std::uint32_t capacity);
+                  Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable = Unreadable::error);
 
   const std::string& path() const override { return path_; }
   Pondra::MountKind kind() const override { return kind_; }
@@ -51,15 +65,21 @@ class TableCollection final : public Pondra::SharedCollection {
   std::uint64_t lastSequence() const override { return view_ ? sequenceBase_ + view_->headSequence() : 0; }
   void reportCorruption(std::string_view what) const override;
 
-  // Lets go of file and lock; whoever still holds the collection finds it empty.
+  // Lets go of file and lock; whoever still holds the collection finds it empty. Tells the sink.
   void close();
   // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
   bool deliver(const std::function<bool()>& shouldYield);
   bool pending() const { return replacementDue_ || streaming_ || (follower_ && follower_->pending()); }
-  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A
-  // writer, whose files nobody else may touch, puts its own in the place again, and tells so.
-  void checkReplacement();
+  // Puts the table among those that the next delivery looks at; false: it is one already.
+  bool dueIs();
+  void dueTaken() { due_ = false; }
+  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A file
+  // that was refused is tried again when it has changed, or when `retry` says so. A writer, whose files nobody else may
+  // touch, puts its own in the place again, and tells so.
+  void checkReplacement(bool retry = false);
   void adoptReplacement();
+  // The file under the name has been refused, and nothing is known to have changed since.
+  bool refused() const { return refused_ != FileIdentity(); }
   // Makes those who watch the file look, if anything was written.
   void flush();
   void checkInvariants() const;
@@ -70,6 +90,7 @@ class TableCollection final : public Pondra::SharedCollection {
   void copyToNewFile(std::uint32_t capacity, std::size_t entries);
   bool ownFilesStand() const;
   void putBack();
+  void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
   void written();
   TableWriter& writerFor(std::string_view operation);
   [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
@@ -89,8 +110,11 @@ class TableCollection final : public Pondra::SharedCollection {
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
   bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
   std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
+  bool due_ = false;
   bool replacementDue_ = false;
-  FileIdentity refused_;  // a replacement that is no table of this type
+  bool found_ = false;       // a file was there when the table was mounted, but could not be used
+  FileIdentity refused_;     // a file that cannot be used
+  std::string refusedText_;  // why
 };
 
 }  // namespace LinuxPlatform

@@ -25,8 +25,18 @@ constexpr std::size_t longestName = 200;
 [[noreturn]] void refuse(const std::string& path, const std::string& what) {
   throw TableError(path + " mount: " + what);
 }
+// What the system refused, for this reason.
+[[noreturn]] void refuseErrno(const std::string& path, const std::string& what, int reason) {
+  const std::string text = path + " mount: " + what;
+  if (reason == EMFILE) throw TableShortage(text, "this process may open no more files: raise its limit (ulimit -n)");
+  if (reason == ENFILE) throw TableShortage(text, "the machine may open no more files: raise fs.file-max");
+  if (reason == ENOMEM)
+    throw TableShortage(text, "no more tables can be mapped: raise vm.max_map_count, or add memory");
+  throw TableError(text);
+}
 [[noreturn]] void refuseErrno(const std::string& path, const std::string& what) {
-  refuse(path, what + ": " + std::strerror(errno));
+  const int reason = errno;
+  refuseErrno(path, what + ": " + std::strerror(reason), reason);
 }
 
 std::uint64_t sizeOf(int fd) {
@@ -105,10 +115,15 @@ std::optional<bool> tableLocked(const std::string& directory, const std::string&
   return fcntl(file.fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
+namespace {
+FileIdentity identityOf(const struct stat& status) {
+  return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+}  // namespace
+
 FileIdentity fileIdentity(const std::string& fileName) {
   struct stat status {};
-  if (stat(fileName.c_str(), &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
+  return stat(fileName.c_str(), &status) == 0 ? identityOf(status) : FileIdentity();
 }
 
 TableFile::TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
@@ -120,7 +135,7 @@ TableFile::TableFile(std::string name, FileDescriptor fd, const TableGeometry& g
       base_(base),
       image_(base_, geometry_) {
   struct stat status {};
-  if (fstat(fd_.get(), &status) == 0) identity_ = {status.st_dev, status.st_ino};
+  if (fstat(fd_.get(), &status) == 0) identity_ = identityOf(status);
 }
 
 TableFile::~TableFile() {
@@ -131,7 +146,7 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const s
                                            const Pondra::TableLayout& layout, bool writable) {
   const std::string name = directory + "/" + tableFileName(path);
   OpenFile file = writable ? openToWrite(name + ".table", readableMode) : openToRead(name + ".table");
-  if (!file.fault.empty()) refuse(path, file.fault);
+  if (!file.fault.empty()) refuseErrno(path, file.fault, file.error);
   if (!file.fd) return nullptr;
   FileDescriptor fd = std::move(file.fd);
   TableHeader header{};
@@ -142,7 +157,9 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const s
   if (sizeOf(fd.get()) < geometry.fileSize) refuse(path, "the file is shorter than its header says");
   std::byte* base = map(fd.get(), geometry.fileSize, writable);
   if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
-  return std::unique_ptr<TableFile>(new TableFile(name, std::move(fd), geometry, header.capacity, base));
+  std::unique_ptr<TableFile> file(new TableFile(name, std::move(fd), geometry, header.capacity, base));
+  if (!writable) file->fd_ = FileDescriptor();  // thousands of tables may be read at a time
+  return file;
 }
 
 std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const std::string& path,

@@ -33,15 +33,35 @@ bool lockStands(const std::string& directory, const std::string& path, const Fil
 // Whether somebody holds it; nothing when it is not for this user to ask.
 std::optional<bool> tableLocked(const std::string& directory, const std::string& path);
 
-// Which file a name leads to; {0, 0}: none.
+// Which file a name leads to, and in which state it is; all 0: none. Another file may get the number of one that is
+// gone, and a file may be changed in place: that a refused one is still the same takes size and time of the last change
+// as well. A file that is mapped keeps its number, and every write changes its time.
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t changeSeconds = 0;
+  std::int64_t changeNanoseconds = 0;
   bool operator==(const FileIdentity&) const = default;
+  bool isSameFile(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
 };
 FileIdentity fileIdentity(const std::string& fileName);
 
-// A mapped table file whose header has been checked against its layout. Not moved: images refer to its geometry.
+// What becomes of a file that a reader cannot use: a TableError, or the reader waits for one that it can.
+enum class Unreadable : std::uint8_t { error, waits };
+
+// The process has come to the end of its descriptors or mappings: no fault of the table. remedy() says what to raise.
+class TableShortage : public Pondra::TableError {
+ public:
+  TableShortage(const std::string& what, const char* remedy) : TableError(what), remedy_(remedy) {}
+  const char* remedy() const { return remedy_; }
+
+ private:
+  const char* remedy_;
+};
+
+// A mapped table file whose header has been checked against its layout. A reader's costs one mapping and no descriptor.
+// Not moved: images refer to its geometry.
 class TableFile {
  public:
   // Maps an existing table; null when there is none. Throws TableError when the file is no table of this path and
@@ -71,8 +91,8 @@ class TableFile {
   TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
             std::byte* base);
 
-  std::string name_;  // without suffix, with its directory
-  FileDescriptor fd_;
+  std::string name_;   // without suffix, with its directory
+  FileDescriptor fd_;  // a writer's, for the doorbell
   TableGeometry geometry_;
   std::uint32_t capacity_;
   std::byte* base_;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -24,8 +25,11 @@ class ChangeFollower {
 
   // Changes from now on; what the table holds is taken as known.
   void start(const TableView& view);
-  // The table has been replaced or has appeared: all keys that were known and all that are there now are to be told.
+  // The table has appeared: all keys that are there are to be told.
   void restart(const TableView& view);
+  // The table has been replaced: the keys under which the two do not hold the same are to be told, and those of changes
+  // that the old one had not told yet. `keep` holds the old table's mapping until they have been compared.
+  void restart(const TableView& view, const TableView& old, std::shared_ptr<const void> keep);
   // This process has read an entry of the table.
   void seen(const Entry& entry);
   bool pending() const;
@@ -38,9 +42,22 @@ class ChangeFollower {
   static constexpr std::uint64_t seenOnly = 1;  // known to be an entry; no change of it was told
   void remember(std::uint32_t slot, std::uint64_t toldNow, const KeyWords& key);
   bool knownLive(std::uint32_t slot) const { return slot < told_.size() && (told_[slot] & 1) != 0; }
-  KeyWords knownKey(std::uint32_t slot) const;
+  KeyWords knownKey(std::uint32_t slot) const { return keyAt(keys_, slot); }
+  KeyWords keyAt(const std::vector<std::uint64_t>& keys, std::uint32_t slot) const;
   bool same(const KeyWords& a, const KeyWords& b) const { return view_->image().compare(a, b) == 0; }
+  // The table that this one has replaced, and what was known of it.
+  struct Predecessor {
+    TableView view;
+    std::shared_ptr<const void> keep;
+    std::vector<std::uint64_t> told;
+    std::vector<std::uint64_t> keys;
+    std::uint32_t next = 0;  // the slot that is looked at next for a key that has gone
+    bool comparable = true;  // false: an index is damaged, and everything is told
+    std::vector<std::byte> value, oldValue;
+  };
   bool tellDeparted(const Tell& tell);
+  bool tellGone(const Tell& tell);
+  bool isAsBefore(const KeyWords& key);
   bool tellSlots(const Tell& tell);
   bool tellRing(std::uint64_t until, const Tell& tell);
   // Tells what has become of a slot since it was last told. With the key of a ring entry: of this key in any case,
@@ -55,6 +72,7 @@ class ChangeFollower {
   std::vector<std::uint64_t> told_;           // by slot
   std::vector<std::uint64_t> keys_;           // by slot, keyWordCount words each
   std::vector<KeyWords> departed_;            // known keys that are still to be told and no slot's any more
+  std::optional<Predecessor> old_;            // until both tables have been looked through
   std::uint32_t scanNext_ = 0, scanEnd_ = 0;  // slots that are still to be looked at
 };
 

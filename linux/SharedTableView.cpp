@@ -76,6 +76,12 @@ bool TableView::has(const KeyWords& key, Entry& found) const {
   return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, nullptr, found));
 }
 
+std::optional<bool> TableView::findByIndex(const KeyWords& key, const MutableBytes* value, Entry& found) const {
+  const Outcome outcome = settle([&] { return tryFind(key, value, found); });
+  if (outcome == Outcome::noIndex) return std::nullopt;
+  return outcome == Outcome::found;
+}
+
 TableView::Outcome TableView::tryFind(const KeyWords& key, const MutableBytes* value, Entry& found) const {
   const std::uint64_t epoch = load(image_.state().epoch);
   if ((epoch & 1) != 0) return Outcome::noIndex;

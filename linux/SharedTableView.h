@@ -42,6 +42,8 @@ class TableView {
   // See Pondra::SharedCollection. False: there is none.
   bool find(const KeyWords& key, MutableBytes value, Entry& found) const;
   bool has(const KeyWords& key, Entry& found) const;
+  // The same by the index alone: nothing when it contradicts itself. `value` null: not asked for.
+  std::optional<bool> findByIndex(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   // `hint` is 0 or the node of the entry that the last call of the walk returned.
   bool seek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint64_t& hint, Entry& found) const;
 

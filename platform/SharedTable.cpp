@@ -36,6 +36,7 @@ void TableEntity::attach(std::shared_ptr<SharedCollection> control) {
 }
 
 void TableEntity::parentIs(const std::shared_ptr<Lattis::Entity>& parent) {
+  parent_ = parent;
   orphan_ = parent == nullptr;
 }
 
@@ -73,6 +74,11 @@ const Lattis::EntityType& TableEntity::entityType() const {
                                         Lattis::readOnlyField<TableEntity, &TableEntity::size>("size"),
                                         Lattis::readOnlyField<TableEntity, &TableEntity::capacity>("capacity")},
                                        {}};
+  return type;
+}
+
+const Lattis::EntityType& TableDirectory::entityType() const {
+  static const Lattis::EntityType type{"Pondra::TableDirectory", {}, {}};
   return type;
 }
 

@@ -13,7 +13,7 @@
 //   last one died at; with another capacity the entries are kept (when there are more than the new capacity holds, all
 //   are kept and none is added until there are fewer). Another type or layout is a TableError.
 // - A reader may mount a table that does not exist yet: it is empty until the table appears, and then every entry is a
-//   change.
+//   change. When the table is replaced (for another capacity, say), the keys under which the two differ are changes.
 // - Damage is reported to the corruption handler; nobody crashes on it, loops for ever or reads out of bounds.
 // - A write that finds no room is a TableError, and changes nothing.
 #pragma once
@@ -94,6 +94,7 @@ class SharedCollection {
     // higher number than those before it. Keys are told in no particular order.
     virtual void keyChanged(Bytes key, std::uint64_t sequence) = 0;
     virtual void quiescedChanged(bool quiesced) = 0;
+    // From inside unmount(), too: mounted() is false then, and reads find nothing.
     virtual void mountStatusChanged() = 0;
   };
 
@@ -144,8 +145,9 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
 
   // The table service attaches the shared collection, through ...ControlIs of the derived class.
   virtual void controlIs(std::shared_ptr<SharedCollection> control) = 0;
-  // The entity learns its parent directory; null, at unmount, makes it an orphan.
+  // The entity learns its parent directory, when it is mounted; null, at unmount, makes it an orphan.
   virtual void handleParent(const std::shared_ptr<Lattis::Entity>& parent) = 0;
+  const std::shared_ptr<Lattis::Entity>& parent() const { return parent_; }
 
   // Every entry as text, one by one, for tools that know the type by name only. `visit` returns false to stop. `from`
   // is a key's text to start at (the first key not below it), or empty.
@@ -191,8 +193,17 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   void mountStatusChanged() final { deliverMountStatus(); }
 
   std::shared_ptr<SharedCollection> control_;
+  std::shared_ptr<Lattis::Entity> parent_;
   bool following_ = false;
   bool orphan_ = false;
+};
+
+// The directory part of a mount path: the parent of the tables that are mounted in it. Its name is that path; it has no
+// fields.
+class TableDirectory final : public Lattis::Entity {
+ public:
+  using Lattis::Entity::Entity;
+  const Lattis::EntityType& entityType() const override;
 };
 
 // How a value type lies in a table; specialised next to the value type.
@@ -229,6 +240,7 @@ class Table : public TableEntity {
     // The entry under the key was added, changed or removed: a lookup tells which.
     virtual void handleEntry(const Key& key) = 0;
     virtual void handleQuiesced(bool /*quiesced*/) {}
+    // The table has appeared, become readable, or been unmounted: mounted() tells which.
     virtual void handleMountStatus() {}
 
    private:
@@ -459,7 +471,12 @@ class TableService {
   // TableError: unknown type, another type or layout at the path, a second writer, damage that leaves nothing to read.
   virtual void mount(const std::string& path, const std::string& typeName, MountKind kind,
                      const std::optional<CollectionInfo>& info = std::nullopt) = 0;
-  // Forgets the mount; whoever still holds the table holds an orphan.
+  // Mounts a reader that waits for a table it can read: whatever lies at the path now, it is no TableError. A file that
+  // is no such table, or cannot be opened, is reported once to the corruption handler, and tried again when it has
+  // changed and now and then. The reactors hear of the mount then, not of the entries that they find (they walk): which
+  // of those are new nobody knows.
+  virtual void mountWhenReadable(const std::string& path, const std::string& typeName) = 0;
+  // Forgets the mount: the reactors hear of it, and whoever still holds the table holds an orphan.
   virtual void unmount(const std::string& path) = 0;
   // What was mounted at the path, or null.
   virtual std::shared_ptr<TableEntity> entity(std::string_view path) const = 0;
@@ -467,7 +484,8 @@ class TableService {
   std::shared_ptr<T> get(std::string_view path) const {
     return std::dynamic_pointer_cast<T>(entity(path));
   }
-  // Called with the table's path and one line for every damage met; several times for lasting damage.
+  // Called with the table's path and one line for every damage met; several times for lasting damage. Without a
+  // handler, or with an empty one, each line is printed on standard error, once.
   virtual void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) = 0;
 };
 

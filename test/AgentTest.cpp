@@ -80,6 +80,10 @@ class RecordingTables final : public Pondra::TableService {
     log_.push_back(line);
     real_.mount(path, typeName, kind, info);
   }
+  void mountWhenReadable(const std::string& path, const std::string& typeName) override {
+    log_.push_back("1 " + path + " " + typeName);
+    real_.mountWhenReadable(path, typeName);
+  }
   void unmount(const std::string& path) override { real_.unmount(path); }
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override {
     return path == missing ? nullptr : watched(real_.entity(path), std::string(path), log_);

@@ -128,7 +128,8 @@ class SteppedTable {
     writer->checkInvariants();
   }
   void forEachLoad(const std::function<void()>& read, const std::function<void()>& judge) {
-    forEachLoad(read, [this] { apply(0, changes.size()); }, judge);
+    forEachLoad(
+        read, [this] { apply(0, changes.size()); }, judge);
   }
 
   bool find(std::uint64_t number) { return isWhole(view.find(key(number), bytes_, entry_)); }
@@ -158,9 +159,8 @@ class SteppedTable {
     if (!found) return false;
     const auto word = TestTables::decodeWords(bytes_);
     const std::uint64_t number = foundNumber();
-    EXPECT_TRUE(word && std::any_of(states.begin(), states.end(), [&](const Contents& c) {
-                  return c.contains(number) && c.at(number) == *word;
-                }))
+    EXPECT_TRUE(word && std::any_of(states.begin(), states.end(),
+                                    [&](const Contents& c) { return c.contains(number) && c.at(number) == *word; }))
         << number;
     return true;
   }
@@ -223,8 +223,8 @@ TEST_F(SharedTableInterleavingTest, AKeyThatIsOnlyBeingWrittenIsNotFound) {
   });
 }
 
-// A search never goes back behind its bound: a key that is put in between the bound and its predecessor, once the search
-// has passed there, would send a walk back and end it early.
+// A search never goes back behind its bound: a key that is put in between the bound and its predecessor, once the
+// search has passed there, would send a walk back and end it early.
 TEST_F(SharedTableInterleavingTest, SearchesKeepToTheirBoundAndPassOverNothing) {
   forEachSeed(80, [](SteppedTable& table) {
     for (const bool inclusive : {true, false}) {
@@ -326,6 +326,25 @@ TEST_F(SharedTableInterleavingTest, AChangeThatIsOnlyBeingAnnouncedIsNotTheOldes
   std::set<std::uint64_t> told;
   follower.deliver([&](const KeyWords& words, std::uint64_t) { return told.insert(numberOf(words)), true; });
   EXPECT_EQ(told, (std::set<std::uint64_t>{7, 9}));
+}
+
+// A damaged chain that leads back to itself: the search gives up on it and looks at the slots.
+TEST_F(SharedTableInterleavingTest, AChainThatGoesRoundInACircleIsLeft) {
+  SteppedTable table(1);
+  const std::uint64_t there = table.states.front().begin()->first;
+  std::uint64_t absent = 0;
+  while (table.has(absent) || table.image.bucketOf(key(absent)) != table.image.bucketOf(key(there))) ++absent;
+  ASSERT_TRUE(table.has(there));
+  const std::uint32_t slot = table.foundSlot();
+  store(table.image.chainNext(slot), slot + 1);
+  change = [] { throw std::runtime_error("it never ends"); };
+  loadsLeft = 10000000;
+  std::string reported;
+  const DamageReport report = [&](std::string_view what) { reported = what; };
+  Entry entry;
+  EXPECT_NO_THROW(EXPECT_FALSE(TableView(table.image, report).has(key(absent), entry)));
+  loadsLeft = 0;
+  EXPECT_EQ(reported, "the index contradicts itself");
 }
 
 }  // namespace

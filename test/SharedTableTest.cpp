@@ -326,13 +326,16 @@ TYPED_TEST(SharedTableTest, ReactorsMayLeaveAndWriteWhileBeingTold) {
   table->routeIs({4, 4});
   EXPECT_NO_THROW(this->settle());
   EXPECT_EQ(echo.take().size(), 1U) << "told of a table that is unmounted";
+  EXPECT_EQ(echo.mountStatusHeard, 1);
 }
 
 TYPED_TEST(SharedTableTest, ReaderMayComeBeforeTheTable) {
   const auto read = this->reader();
   const auto lookedUp = this->mount(*this->reading, MountKind::keyedReader, 0, "looked/up");
-  Follower<FixedTable> there(read);
+  Follower<FixedTable> there(read), deaf(lookedUp);
   EXPECT_FALSE(read->mounted());
+  ASSERT_NE(read->parent(), nullptr);
+  EXPECT_EQ(read->parent()->name(), "routecache");
   EXPECT_EQ(read->size() + read->capacity(), 0U);
   EXPECT_FALSE(read->has(1));
   EXPECT_EQ(read->begin(), read->end());
@@ -346,9 +349,15 @@ TYPED_TEST(SharedTableTest, ReaderMayComeBeforeTheTable) {
   EXPECT_EQ(there.mountStatusHeard, 1);
   EXPECT_THAT(there.take(), UnorderedElementsAre(1, 2));
   EXPECT_EQ(lookedUp->route(5), (FixedRecord{5, 5}));
+  EXPECT_EQ(deaf.heard.size() + deaf.quiescedHeard.size(), 0U) << "a table that is looked up is not followed";
   written->routeDel(1);
   this->settle();
   EXPECT_THAT(there.take(), ElementsAre(1));
+
+  this->reading->unmount(this->path);
+  EXPECT_EQ(there.mountStatusHeard, 2);
+  EXPECT_FALSE(read->mounted());
+  EXPECT_EQ(read->parent(), nullptr);
 }
 
 TYPED_TEST(SharedTableTest, NextWriterFindsWhatWasPublished) {
@@ -375,15 +384,22 @@ TYPED_TEST(SharedTableTest, AnotherCapacityKeepsTheEntries) {
   const auto read = this->reader();
   Follower<FixedTable> there(read);
   for (const std::uint64_t key : {1, 2, 3, 4}) written->routeIs({key, key});
+  this->settle();
+  there.take();
   for (const std::uint32_t capacity : {1000U, 2U}) {
     SCOPED_TRACE(capacity);
+    written->routeIs({3, capacity});  // told of only when the table is another already
+    written->routeDel(4);
+    written->routeIs({4, 4});
     written = this->writerAgain(capacity);
     EXPECT_THAT(this->keys(*read), ElementsAre(1, 2, 3, 4)) << "before the reader has noticed";
     this->settle();
     EXPECT_EQ(read->capacity(), capacity);
     EXPECT_THAT(this->keys(*read), ElementsAre(1, 2, 3, 4));
+    EXPECT_THAT(there.take(), UnorderedElementsAre(3, 4)) << "what stays as it was is no change";
     written->routeIs({1, capacity});
     this->settle();
+    EXPECT_THAT(there.take(), ElementsAre(1));
     EXPECT_EQ(there.believed[1].word, capacity);
   }
   // More entries than the table is to hold: they stay, and none is added until there are fewer.

@@ -20,18 +20,20 @@ using testing::IsEmpty;
 // Knows what is mounted, and has no tables.
 class FibTables final : public Pondra::TableService {
  public:
-  void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+  void mount(const std::string& path, const std::string&, Pondra::MountKind,
              const std::optional<Pondra::CollectionInfo>&) override {
-    if (refuse) throw Pondra::TableError(path + " mount: refused");
-    EXPECT_EQ(kind, Pondra::MountKind::reader);
+    ADD_FAILURE() << "a bad table would be lost: " << path;
+  }
+  void mountWhenReadable(const std::string& path, const std::string& typeName) override {
     mounted[path] = typeName;
+    ++mounts;
   }
   void unmount(const std::string& path) override { mounted.erase(path); }
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view) const override { return nullptr; }
   void corruptionHandlerIs(std::function<void(const std::string&, const std::string&)>) override {}
 
-  bool refuse = false;
   std::map<std::string, std::string> mounted;  // path -> type
+  unsigned mounts = 0;
 };
 
 // Everything that VrfSm works on, and verbs for what happens around it.
@@ -168,11 +170,6 @@ TEST(VrfSmTest, ReadsTheFibOfTheNameIntoTriesOfTheHardwareId) {
     EXPECT_EQ(vrfs.tries->vrfTrie(hwVrfId)->name(), "CachedRouteTrie");
     EXPECT_EQ(vrfs.tries->vrfTrie6(hwVrfId)->name(), "CachedRouteTrie6");
   }
-  // Without its FIB a VRF is mapped all the same: routes need its id, whatever is cached.
-  vrfs.fib.refuse = true;
-  vrfs.play("pi red 2; hw red 102");
-  EXPECT_NE(vrfs.tries->vrfTrie(102), nullptr);
-  EXPECT_EQ(vrfs.ids->globalVrfIdToHwVrfId(2), 102u);
 }
 
 TEST(VrfSmTest, TriesStayWithTheNameThatFillsThem) {
@@ -198,6 +195,38 @@ TEST(VrfSmTest, TriesStayWithTheNameThatFillsThem) {
     vrfs.play(c.change);
     EXPECT_EQ(vrfs.tries->vrfTrie(101) == trie, c.same);
     EXPECT_EQ(vrfs.tries->vrfTrie6(101) == trie6, c.same6);
+  }
+}
+
+TEST(VrfSmTest, TracesWhatComesAndGoesWithAPairOrWithout) {
+  const std::string both = "pi red 1; hw red 101; start; ";
+  const struct {
+    const char* what;
+    std::string story;
+    std::vector<std::string> lines;
+  } cases[] = {
+      {"complete", "pi red 1; hw red 101; start", {"add hwVrfId: 101 piVrfId: 1", "add hwVrfId: 101 piVrfId: 1"}},
+      {"gone from hardware", both + "hwGone red", {"del piVrfId: 1", "del hwVrfId: 101"}},
+      {"gone from the platform", both + "piGone red", {"del hwVrfId: 101", "del piVrfId: 1"}},
+      {"gone from both", both + "hwGone red; piGone red", {"del piVrfId: 1", "del hwVrfId: 101"}},
+      {"no pair: not in hardware", "start; pi red 1", {"del piVrfId: 1"}},
+      {"no pair: not of the platform", "start; hw red 101", {"del hwVrfId: 0", "del hwVrfId: 101"}},
+      {"no pair: hardware id 0",
+       "pi red 1; start; appears red; piGone red",
+       {"add hwVrfId: 0 piVrfId: 1", "del hwVrfId: 0"}},
+      {"another has the pair", both + "pi blue 2; hw blue 101; hwGone red", {"del piVrfId: 1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    Vrfs vrfs(6);
+    vrfs.play(c.story);
+    std::vector<std::string> lines;
+    for (const auto& line : vrfs.trace.lines()) {
+      if (line.text.starts_with("add hw") || line.text.starts_with("del ")) lines.push_back(line.text);
+    }
+    ASSERT_GE(lines.size(), c.lines.size());
+    lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()));
+    EXPECT_EQ(lines, c.lines);
   }
 }
 
@@ -238,6 +267,36 @@ class VrfIdCounter final : public RouteCache::VrfIdMap::Reactor {
   void handleHwVrfId(std::uint32_t hwVrfId) override { ++hw[hwVrfId]; }
   std::map<std::uint32_t, int> pi, hw;
 };
+
+// Thousands of VRFs come, get all their ids anew in the worst order, and go. Each step costs what its own VRFs cost: so
+// many tables are mounted, and each id is told so often.
+TEST(VrfSmTest, ThousandsOfVrfsAreRenumbered) {
+  constexpr std::uint32_t count = 3000;
+  Vrfs vrfs;
+  const auto nameOf = [](std::uint32_t id) { return "vrf" + std::to_string(id); };
+  for (std::uint32_t id = 1; id <= count; ++id) {
+    vrfs.pi(nameOf(id), id);
+    if (id % 2 == 0) vrfs.hw(nameOf(id), id);
+  }
+  vrfs.start();
+  VrfIdCounter told(vrfs.ids);
+  for (std::uint32_t id = 1; id <= count; id += 2) vrfs.hw(nameOf(id), id);
+  EXPECT_EQ(vrfs.fib.mounts, 2 * count);
+  EXPECT_EQ(told.pi.size(), count / 2);
+
+  for (std::uint32_t id = 1; id <= count; ++id) vrfs.hw(nameOf(id), count + 1 - id);
+  const auto pairs = vrfs.ids->globalVrfIdToHwVrfIds();
+  ASSERT_EQ(pairs.size(), count);
+  for (const auto& [piVrfId, hwVrfId] : pairs) EXPECT_EQ(piVrfId + hwVrfId, count + 1);
+  EXPECT_LE(vrfs.fib.mounts, 5 * count);
+
+  for (std::uint32_t id = 1; id <= count; ++id) vrfs.pi(nameOf(id), 7);  // all claim one id
+  EXPECT_EQ(vrfs.state(), "7=1 vrf3000");
+  for (std::uint32_t id = count; id > 1; --id) vrfs.hwGone(nameOf(id));
+  EXPECT_EQ(vrfs.state(), "7=3000 vrf1");
+  vrfs.hwGone(nameOf(1));
+  EXPECT_EQ(vrfs.state(), "");
+}
 
 class RandomVrfs : public Vrfs {
  public:

@@ -1,6 +1,5 @@
 #include "tools/AgentHost.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
@@ -43,8 +42,6 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
   LinuxPlatform::addPlatformTypes(entityTypes_, tableTypes_);
   agent_->registerTypes(entityTypes_, tableTypes_, vocabulary_);
   loadScenario(settings.scenario);
-  tables_.corruptionHandlerIs(
-      [this](const std::string& path, const std::string& what) { reportCorruption(path, what); });
 }
 
 void AgentHost::loadScenario(const std::string& file) {
@@ -59,13 +56,6 @@ void AgentHost::loadScenario(const std::string& file) {
       entity.operator()<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
       entity.operator()<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
       scheduler_);
-}
-
-// Lasting damage is met again and again: it is told once.
-void AgentHost::reportCorruption(const std::string& path, const std::string& what) {
-  constexpr std::size_t mostLines = 1000;
-  if (corruptionSeen_.size() >= mostLines || !corruptionSeen_.emplace(path, what).second) return;
-  std::fprintf(stderr, "routecache: table %s is damaged: %s\n", path.c_str(), what.c_str());
 }
 
 void AgentHost::start(std::function<void()> ready) {

@@ -4,9 +4,7 @@
 
 #include <functional>
 #include <memory>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "linux/AgentCommands.h"
@@ -52,7 +50,6 @@ class AgentHost {
 
  private:
   void loadScenario(const std::string& file);
-  void reportCorruption(const std::string& path, const std::string& what);
 
   // In the order of their making; the agent goes first.
   Platform::TaskScheduler& scheduler_;
@@ -65,7 +62,6 @@ class AgentHost {
   LinuxPlatform::EmbeddedStateDb stateDb_;
   LinuxPlatform::SharedTableService tables_;
   LinuxPlatform::AgentCommands commands_;
-  std::set<std::pair<std::string, std::string>> corruptionSeen_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
   std::unique_ptr<Platform::AgentBase> agent_;
 };
