@@ -273,7 +273,11 @@ void SharedTableService::checkInvariants() const {
 std::vector<TableFileInfo> tableFiles(const std::string& runDirectory) {
   std::vector<TableFileInfo> tables;
   std::error_code error;
-  for (const auto& file : std::filesystem::directory_iterator(tableDirectory(runDirectory), error)) {
+  const std::filesystem::directory_iterator files(tableDirectory(runDirectory), error);
+  if (error && error != std::errc::no_such_file_or_directory) {
+    throw TableError(tableDirectory(runDirectory) + ": " + error.message());
+  }
+  for (const auto& file : files) {
     if (file.path().extension() != ".table") continue;
     const TableFileHeader read = readTableHeader(file.path().string());
     if (!read.fault.empty()) {

@@ -106,7 +106,8 @@ struct TableFileInfo {
   std::optional<bool> writerAlive;  // nothing: this user cannot tell
   std::string fault;                // why the file is no table; empty: it is one
 };
-// All tables under a run directory, by path; none when the directory does not exist.
+// All tables under a run directory, by path; none when the directory does not exist. Throws TableError when it cannot
+// be read.
 std::vector<TableFileInfo> tableFiles(const std::string& runDirectory);
 
 }  // namespace LinuxPlatform

@@ -110,6 +110,8 @@ TEST_F(OwnFilesTest, OthersOfTheGroupReadAndNobodyElseDoesAnything) {
   {
     const OtherUser stranger(OtherUser::id);
     EXPECT_LT(open(runDir.c_str(), O_RDONLY), 0);
+    EXPECT_THAT(refusal([&] { LinuxPlatform::tableFiles(runDir); }), HasSubstr("Permission denied"))
+        << "no tables is another answer";
   }
   EXPECT_EQ(LinuxPlatform::tableFiles(runDir).at(0).writerAlive, true);
   umask(before);
