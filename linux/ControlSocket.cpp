@@ -34,8 +34,10 @@ std::string line(const Json& object) {
 std::string doneLine() {
   return line({{"done", true}});
 }
-std::string errorLine(std::string_view text) {
-  return line({{"error", text}});
+std::string errorLine(std::string text) {
+  std::ranges::replace_if(
+      text, [](char c) { return c >= 0 && c < ' '; }, '?');
+  return line({{"error", std::move(text)}});
 }
 
 // The request on this line, or nothing.

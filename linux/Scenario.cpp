@@ -20,7 +20,10 @@ using Json = nlohmann::ordered_json;  // fields are set in the order in which th
 namespace {
 
 [[noreturn]] void refuse(const std::string& place, const std::string& reason) {
-  throw ScenarioError(place + ": " + reason);
+  std::string line = place + ": " + reason;
+  std::ranges::replace_if(
+      line, [](char c) { return c >= 0 && c < ' '; }, '?');
+  throw ScenarioError(line);
 }
 
 // Parses, and refuses a key that stands twice in one object: the parser by itself would keep the last one.
@@ -42,8 +45,10 @@ Json parsed(std::string_view text, const std::string& fileName) {
     std::string reason = error.what();  // "[json.exception...] parse error at line 1, column 2: what is wrong"
     const auto colon = reason.find(": ");
     if (colon != std::string::npos) reason.erase(0, colon + 2);
-    std::replace(reason.begin(), reason.end(), '\n', ' ');
     refuse(fileName + ": line " + std::to_string(line), reason);
+  } catch (const Json::out_of_range& error) {  // a number that is none: "[json.exception...] number overflow ..."
+    const std::string_view reason = error.what();
+    refuse(fileName, std::string(reason.substr(reason.find("] ") + 2)));
   }
 }
 
