@@ -33,6 +33,37 @@ std::string entryText(const FieldStep& step) {
   return text.append(step.name).append("[").append(*step.key).append("]'");
 }
 
+// What a key cannot hold everywhere.
+bool isSpecial(char c) {
+  return c == '[' || c == ']' || c == '\\';
+}
+
+bool isBalanced(std::string_view key) {
+  std::size_t depth = 0;
+  for (const char c : key) {
+    if (c == '\\' || (c == ']' && depth == 0)) return false;
+    if (c == '[') ++depth;
+    if (c == ']') --depth;
+  }
+  return depth == 0;
+}
+
+// Takes "[KEY]" off the beginning; nothing when the bracket is never closed.
+std::optional<std::string> takeKey(std::string_view& text) {
+  std::string key;
+  std::size_t depth = 1;
+  for (std::size_t i = 1; i < text.size(); ++i) {
+    if (text[i] == '[') ++depth;
+    if (text[i] == ']' && --depth == 0) {
+      text.remove_prefix(i + 1);
+      return key;
+    }
+    if (text[i] == '\\' && ++i == text.size()) break;
+    key += text[i];
+  }
+  return std::nullopt;
+}
+
 const std::string& keyOf(const FieldStep& step) {
   if (!step.key) refuse("'" + step.name + "' wants a key: " + step.name + "[KEY]");
   return *step.key;
@@ -97,9 +128,21 @@ std::function<void()> setEntry(const std::shared_ptr<Entity>& holder, const Fiel
 
 }  // namespace
 
+std::string entryField(const std::string& collection, const std::string& key) {
+  std::string field = collection + "[";
+  const bool asItIs = isBalanced(key);
+  for (const char c : key) {
+    if (!asItIs && isSpecial(c)) field += '\\';
+    field += c;
+  }
+  return field + "]";
+}
+
 std::vector<FieldStep> parseField(std::string_view field) {
   const auto bad = [field]() -> BadText {
-    return BadText("'" + std::string(field) + "' is not a field: ATTRIBUTE or COLLECTION[KEY], children after a dot");
+    return BadText(
+        "'" + std::string(field) +
+        "' is not a field: ATTRIBUTE or COLLECTION[KEY], children after a dot, a backslash before odd brackets");
   };
   std::vector<FieldStep> steps;
   std::string_view rest = field;
@@ -110,15 +153,8 @@ std::vector<FieldStep> parseField(std::string_view field) {
     rest.remove_prefix(end);
     if (rest.empty()) return steps;
     if (rest.front() != '[') throw bad();
-    std::size_t depth = 0;
-    std::size_t close = 0;
-    for (; close < rest.size(); ++close) {
-      if (rest[close] == '[') ++depth;
-      if (rest[close] == ']' && --depth == 0) break;
-    }
-    if (close == rest.size()) throw bad();
-    steps.back().key = std::string(rest.substr(1, close - 1));
-    rest.remove_prefix(close + 1);
+    steps.back().key = takeKey(rest);
+    if (!steps.back().key) throw bad();
     if (rest.empty()) return steps;
     if (rest.front() != '.') throw bad();
     rest.remove_prefix(1);
@@ -223,7 +259,7 @@ std::optional<FieldWalk::Item> FieldWalk::nextOf(Frame& frame) {
   while (true) {
     while (frame.nextKey < frame.keys.size()) {
       const std::string& key = frame.keys[frame.nextKey++];
-      Item item{frame.prefix + frame.collection->name + "[" + key + "]", std::nullopt};
+      Item item{frame.prefix + entryField(frame.collection->name, key), std::nullopt};
       if (!frame.collection->child) {
         item.value = frame.collection->get(*frame.entity, key);
         if (item.value) return item;

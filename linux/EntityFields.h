@@ -5,7 +5,8 @@
 //   COLLECTION[KEY]         one entry: a value, or a child entity
 //   COLLECTION[KEY].FIELD   a field of a child entity, and so on
 //
-// A key ends at the bracket that matches its own; it may hold dots, slashes and balanced brackets.
+// A key ends at the bracket that matches its own; it may hold dots, slashes and balanced brackets. A key with other
+// brackets or a backslash has a backslash before each of them: COLLECTION[a\[b].
 #pragma once
 
 #include <functional>
@@ -26,6 +27,8 @@ struct FieldStep {
 
 // Throws BadText.
 std::vector<FieldStep> parseField(std::string_view field);
+// "COLLECTION[KEY]", as parseField reads it.
+std::string entryField(const std::string& collection, const std::string& key);
 
 // Sets an attribute or an entry; children on the way to it are made. No value: the child entity itself is made.
 // Whatever the entities on the way then say is wrong (Entity::fault) undoes the change. Throws with one line that names

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "platform/Assert.h"
+#include "platform/Printable.h"
 
 namespace LinuxPlatform {
 
@@ -26,31 +27,15 @@ std::unique_ptr<CommandRenderer> rendererOf(Platform::OutputFormat format, std::
 
 // --- Text ------------------------------------------------------------------------------------------------------------
 
-namespace {
-
-// What would act on the reader's terminal instead of being read.
-bool isControl(char c) {
-  const auto byte = static_cast<std::uint8_t>(c);
-  return byte < 0x20 || byte == 0x7F;
-}
-
-}  // namespace
-
 void TextRenderer::writeAttributes(std::string_view format, std::span<const OutputAttribute> attributes) {
   if (takeCommandError(attributes)) return;
   values_.clear();
   masked_.clear();
   for (const auto& attribute : attributes) {
-    const bool isPlain = !attribute.value.isText() || std::ranges::none_of(attribute.value.text(), isControl);
-    values_.push_back(isPlain ? attribute.value : masked(attribute.value.text()));
+    const bool isPlain = !attribute.value.isText() || Platform::isPrintable(attribute.value.text());
+    values_.push_back(isPlain ? attribute.value : masked_.emplace_back(Platform::printable(attribute.value.text())));
   }
   Platform::appendFormatted(out_, format, values_);
-}
-
-FormatValue TextRenderer::masked(std::string_view text) {
-  std::string& copy = masked_.emplace_back(text);
-  std::ranges::replace_if(copy, isControl, '?');
-  return copy;
 }
 
 void TextRenderer::writeFrills(std::string_view format, std::span<const FormatValue> values) {
@@ -65,22 +50,6 @@ namespace {
 bool isPlain(char c) {
   const auto byte = static_cast<std::uint8_t>(c);
   return byte >= 0x20 && byte < 0x80 && c != '"' && c != '\\';
-}
-
-// The bytes of the well-formed UTF-8 sequence that the text begins with, 0 when there is none. Neither surrogates nor
-// longer forms than needed are well formed.
-std::size_t utf8Length(std::string_view text) {
-  const auto byte = [text](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-  const std::uint8_t first = byte(0);
-  const std::size_t length = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : first < 0xF5 ? 4 : 0;
-  if (length == 0 || length > text.size()) return 0;
-  const std::uint8_t lowest = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
-  const std::uint8_t highest = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
-  if (byte(1) < lowest || byte(1) > highest) return 0;
-  for (std::size_t i = 2; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) return 0;
-  }
-  return length;
 }
 
 // Appends what stands for the first, not plain, character of the text and returns its length in the text.
@@ -99,7 +68,7 @@ std::size_t appendSpecial(std::string& out, std::string_view text) {
     out += text.front();
     return 1;
   }
-  const std::size_t length = utf8Length(text);
+  const std::size_t length = Platform::utf8Length(text);
   out += length != 0 ? text.substr(0, length) : replacement;
   return std::max<std::size_t>(length, 1);
 }

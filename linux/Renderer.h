@@ -36,8 +36,8 @@ class CommandRenderer : public Platform::Renderer {
   std::optional<std::string> commandError_;
 };
 
-// The formatted lines and nothing else. A failure is not among them: it is told as the command's error. Control
-// characters in the texts of attributes, which may be anybody's names, are shown as "?".
+// The formatted lines and nothing else. A failure is not among them: it is told as the command's error. The texts of
+// attributes may be anybody's names: they are shown as Platform::printable() has them.
 class TextRenderer final : public CommandRenderer {
  public:
   explicit TextRenderer(std::string& out) : CommandRenderer(out) {}
@@ -54,8 +54,6 @@ class TextRenderer final : public CommandRenderer {
  private:
   void writeAttributes(std::string_view format, std::span<const Platform::OutputAttribute> attributes) override;
   void writeFrills(std::string_view format, std::span<const Platform::FormatValue> values) override;
-
-  Platform::FormatValue masked(std::string_view text);
 
   std::vector<Platform::FormatValue> values_;  // of the line being written
   std::list<std::string> masked_;              // texts of its values

@@ -1,14 +1,12 @@
 #include "linux/Scenario.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 #include <vector>
+
+#include "linux/InputFile.h"
 
 namespace LinuxPlatform {
 
@@ -122,12 +120,15 @@ class EntityBuilder {
 
 std::string typeNameFor(const std::string& place, const std::string& path, const Json& object,
                         const PathTypes& pathTypes) {
+  const auto known = pathTypes.find(path);
   if (object.is_object() && object.contains("type")) {
     const Json& type = object["type"];
     if (!type.is_string()) refuse(place + ".type", "a type name is wanted here");
+    if (known != pathTypes.end() && type != known->second) {
+      refuse(place + ".type", "what stands here is always a " + known->second);
+    }
     return type.get<std::string>();
   }
-  const auto known = pathTypes.find(path);
   if (known == pathTypes.end()) refuse(place, "nothing is known of this path; an entity there needs a \"type\"");
   return known->second;
 }
@@ -152,11 +153,14 @@ EmbeddedStateDb::Entities parseScenario(std::string_view text, const std::string
 
 EmbeddedStateDb::Entities readScenario(const std::string& fileName, const Lattis::EntityTypes& types,
                                        const PathTypes& pathTypes) {
-  std::ifstream file(fileName, std::ios::binary);
-  std::ostringstream text;
-  if (file) text << file.rdbuf();
-  if (!file || text.bad()) refuse(fileName, std::strerror(errno));
-  return parseScenario(text.str(), fileName, types, pathTypes);
+  constexpr std::size_t mostBytes = 256 * 1024 * 1024;  // some millions of entries
+  std::string text;
+  try {
+    text = readInput(fileName, mostBytes);
+  } catch (const Platform::BadText& error) {
+    throw ScenarioError(error.what());
+  }
+  return parseScenario(text, fileName, types, pathTypes);
 }
 
 }  // namespace LinuxPlatform

@@ -9,8 +9,7 @@
 //
 // The top-level keys are mount paths. An entity is an object: its attributes by name, its collections by name as
 // objects of key -> value, or key -> object for child entities. Values are texts, numbers or booleans; all stand for
-// the text that the generic value interface takes. An entity of another type than its path usually holds says so:
-// "type".
+// the text that the generic value interface takes. An entity at a path of its own says what it is: "type".
 #pragma once
 
 #include <map>
@@ -22,7 +21,7 @@
 
 namespace LinuxPlatform {
 
-// Mount path -> the type name of what stands there unless a scenario says otherwise.
+// Mount path -> the type name of what stands there, always: who mounts the path counts on it.
 using PathTypes = std::map<std::string, std::string, std::less<>>;
 
 // What is wrong with a scenario, in one line that begins with its file and place:

@@ -5,10 +5,11 @@
 #include <ostream>
 
 #include "platform/Assert.h"
+#include "platform/Printable.h"
 
 namespace {
 
-constexpr bool isPrintable(char c) {
+constexpr bool isPrintableAscii(char c) {
   return c >= 0x20 && c <= 0x7e;
 }
 
@@ -214,7 +215,8 @@ std::optional<Id> readFec(std::string_view text) {
 
 IntfId::IntfId(std::string_view name) {
   if (name.size() > 8) throw RangeError("interface name over 8 bytes");
-  if (!std::all_of(name.begin(), name.end(), isPrintable)) throw RangeError("interface name that cannot be printed");
+  if (!std::all_of(name.begin(), name.end(), isPrintableAscii))
+    throw RangeError("interface name that cannot be printed");
   for (std::size_t i = 0; i < 8; ++i) {
     value_ = value_ << 8 | (i < name.size() ? static_cast<std::uint8_t>(name[i]) : 0U);
   }
@@ -224,7 +226,7 @@ std::string IntfId::name() const {
   std::string name;
   for (std::uint64_t rest = value_; rest != 0; rest <<= 8) {
     const char c = static_cast<char>(rest >> 56);
-    name += isPrintable(c) ? c : '?';  // only fromValue() can have brought it in
+    name += isPrintableAscii(c) ? c : '?';  // only fromValue() can have brought it in
   }
   return name;
 }
@@ -339,7 +341,7 @@ std::string TextForm<IntfId>::to(const IntfId& value) {
 }
 
 std::optional<IntfId> TextForm<IntfId>::from(std::string_view string) {
-  if (string.size() > 8 || !std::all_of(string.begin(), string.end(), isPrintable)) return std::nullopt;
+  if (string.size() > 8 || !std::all_of(string.begin(), string.end(), isPrintableAscii)) return std::nullopt;
   return IntfId(string);
 }
 
@@ -359,7 +361,9 @@ std::string TextForm<L3::VrfName>::to(const L3::VrfName& value) {
 }
 
 std::optional<L3::VrfName> TextForm<L3::VrfName>::from(std::string_view string) {
-  if (string.size() > L3::VrfName::maxLength) return std::nullopt;
+  // Zero would end the name of the VRF's table files, and the state database cannot hold what is not UTF-8.
+  const bool isName = string.size() <= L3::VrfName::maxLength && string.find('\0') == std::string_view::npos;
+  if (!isName || !isUtf8(string)) return std::nullopt;
   return L3::VrfName(string);
 }
 

@@ -266,7 +266,8 @@ class Vni {
 }  // namespace Vxlan
 
 namespace L3 {
-// A VRF's name: at most 100 bytes, else RangeError. The default value is the default VRF, "default".
+// A VRF's name: at most 100 bytes, else RangeError. The default value is the default VRF, "default". From a text come
+// only names that every tool can give back: UTF-8, no zero byte.
 class VrfName {
  public:
   static constexpr std::size_t maxLength = 100;
@@ -348,7 +349,7 @@ PLATFORM_TEXT_FORM(IpGenPrefix, "an IP prefix");
 PLATFORM_TEXT_FORM(EthAddr, "a MAC address");
 PLATFORM_TEXT_FORM(IntfId, "an interface name of at most 8 bytes");
 PLATFORM_TEXT_FORM(Vxlan::Vni, "a VNI (0 to 16777215, or none)");
-PLATFORM_TEXT_FORM(L3::VrfName, "a VRF name of at most 100 bytes");
+PLATFORM_TEXT_FORM(L3::VrfName, "a VRF name (UTF-8, at most 100 bytes, none of them zero)");
 PLATFORM_TEXT_FORM(Fib::FecId, "a FEC id (decimal, or hexadecimal after 0x)");
 PLATFORM_TEXT_FORM(Fib::GlobalFecId, "a FEC id (decimal, or hexadecimal after 0x)");
 

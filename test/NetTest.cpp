@@ -161,6 +161,10 @@ TEST(NetTest, SmallTypesReadWhatTheyWrite) {
   EXPECT_TRUE(TextForm<L3::VrfName>::from(std::string(100, 'v')).has_value());
   EXPECT_FALSE(TextForm<L3::VrfName>::from(std::string(101, 'v')).has_value());
   EXPECT_THROW(L3::VrfName(std::string(101, 'v')), RangeError);
+  for (const std::string_view bad :
+       {std::string_view("\xff"), std::string_view("r\xc3"), std::string_view("a\0b", 3)}) {
+    EXPECT_FALSE(TextForm<L3::VrfName>::from(bad).has_value());
+  }
   EXPECT_THROW(IntfId("Ethernet1/1"), RangeError);
   EXPECT_LT(IntfId("Vxlan1"), IntfId("Vxlan10"));
   EXPECT_LT(IntfId("Vxlan10"), IntfId("Vxlan2"));

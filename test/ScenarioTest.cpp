@@ -1,8 +1,12 @@
 #include <gmock/gmock.h>
 
+#include <memory>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "RouteCache/RouteCacheConfig.h"
+#include "linux/EntityFields.h"
 #include "linux/PlatformTypes.h"
 #include "linux/Scenario.h"
 #include "platform/Hardware.h"
@@ -77,6 +81,10 @@ TEST_F(ScenarioTest, BadOnesAreOneLineThatSaysWhere) {
       {"the same path twice", R"({"vrf/vrfNameStatus": {}, "vrf/vrfNameStatus": {}})",
        "leaf.json: ", "'vrf/vrfNameStatus' stands twice"},
       {"unknown path", R"({"no/such/path": {}})", "leaf.json: no/such/path: ", "nothing is known of this path"},
+      {"another type than stands here", R"({"vrf/vrfNameStatus": {"type": "RouteCache::CliConfig"}})",
+       "leaf.json: vrf/vrfNameStatus.type: ", "always a Vrf::VrfIdMap::NameToIdMapWrapper"},
+      {"a name that ends early", R"({"routing/hardware/route/status": {"vrfStatus": {"a\u0000b": {}}}})",
+       "leaf.json: routing/hardware/route/status.vrfStatus[a", "is not a VRF name"},
       {"unknown type", R"({"no/such/path": {"type": "T"}})", "leaf.json: no/such/path: ", "no type is named 'T'"},
       {"entity that is no object", R"({"vrf/vrfNameStatus": 1})", "leaf.json: vrf/vrfNameStatus: ", "object of fields"},
       {"unknown field", R"({"vrf/vrfNameStatus": {"names": {}}})",
@@ -115,6 +123,29 @@ TEST_F(ScenarioTest, FaultIsAskedWhenAllOfTheEntityIsThere) {
   EXPECT_EQ(complaint(R"({"routecache/cliconfig": {"lowThresholdHwUtilPercentage": 96,
       "mediumThresholdHwUtilPercentage": 97, "highThresholdHwUtilPercentage": 98}})"),
             "(none)");
+}
+
+// --- Fields by text --------------------------------------------------------------------------------------------------
+
+// What is told of an entry can be asked for, whatever its key is.
+TEST(EntityFieldsTest, EveryKeyHasAFieldOfItsOwn) {
+  const auto names = std::make_shared<Vrf::VrfIdMap::NameToIdMap>("names");
+  const std::vector<std::string> keys{"",    "[",  "[[a]", "[x]y]",  "\\",  "\\[",  "]",
+                                      "a.b", "a[", "a[b",  "a[b].c", "a]b", "a]b[", "a.b/c[1].d"};
+  std::set<std::string> fields;
+  for (const auto& key : keys) {
+    const std::string field = LinuxPlatform::entryField("nameToId", key);
+    EXPECT_TRUE(fields.insert(field).second) << field;
+    LinuxPlatform::setField(names, field, "5");
+    EXPECT_EQ(names->nameToId(key), 5U) << field;
+    EXPECT_EQ(LinuxPlatform::parseField(field + ".x").front().key, key);
+  }
+  LinuxPlatform::FieldWalk walk(names, "");
+  while (const auto item = walk.next()) EXPECT_EQ(fields.erase(item->field), 1U) << item->field;
+  EXPECT_TRUE(fields.empty());
+  for (const char* odd : {"nameToId[a[b]", "nameToId[a]b]", "nameToId[a\\]", "nameToId[a\\"}) {
+    EXPECT_THROW(LinuxPlatform::parseField(odd), Platform::BadText) << odd;
+  }
 }
 
 }  // namespace

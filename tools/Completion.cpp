@@ -14,6 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "linux/EntityFields.h"
+#include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/ControlClient.h"
@@ -76,8 +78,8 @@ std::vector<std::string> vrfNames(const std::string& runDir) {
   std::vector<std::string> names;
   askAgent(runDir, {{"op", "get"}, {"path", "vrf/vrfNameStatus"}, {"field", collection}}, [&](const Json& line) {
     const std::string field = line.value("field", "");  // nameToId[NAME]
-    if (field.size() >= collection.size() + 2) names.push_back(field.substr(collection.size() + 1));
-    if (!names.empty() && field.ends_with(']')) names.back().pop_back();
+    const auto steps = LinuxPlatform::parseField(field);
+    if (steps.back().key) names.push_back(*steps.back().key);
   });
   return names;
 }
@@ -176,11 +178,6 @@ class Completer {
   std::string runDir_;
 };
 
-// One line each; a name that does not fit on a line stays away.
-bool isPrintable(const std::string& word) {
-  return std::ranges::none_of(word, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
-}
-
 int complete(const CLI::App& program, const CompleteOptions& options) {
   constexpr unsigned patience = 2;                // seconds: a person waits
   std::signal(SIGALRM, [](int) { ::_exit(0); });  // for an agent that does not answer
@@ -191,7 +188,8 @@ int complete(const CLI::App& program, const CompleteOptions& options) {
   const Candidates found = completer.candidates(line.words.back());
   if (found.files) return fileWanted;
   for (const std::string& word : found.words) {
-    if (!word.starts_with(line.words.back()) || !isPrintable(word)) continue;
+    // One line each; a name that does not fit on a line stays away.
+    if (!word.starts_with(line.words.back()) || !Platform::isPrintable(word)) continue;
     const std::string shown = options.forBash ? insertedByBash(line, word) : word;
     if (!shown.empty()) std::printf("%s\n", shown.c_str());
   }

@@ -1,11 +1,16 @@
 #include "tools/Simulation.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
 
+#include "linux/EntityFields.h"
 #include "platform/Rib.h"
+#include "tools/Common.h"
 #include "tools/Progress.h"
 #include "tools/RibWriter.h"
 
@@ -27,8 +32,8 @@ namespace {
 
 // The key in "COLLECTION[KEY]"; nothing for another field.
 std::optional<std::string> keyIn(const std::string& field, const std::string& collection) {
-  if (!field.starts_with(collection + "[") || !field.ends_with(']')) return std::nullopt;
-  return field.substr(collection.size() + 1, field.size() - collection.size() - 2);
+  const auto steps = LinuxPlatform::parseField(field);
+  return steps.size() == 1 && steps.front().name == collection ? steps.front().key : std::nullopt;
 }
 
 }  // namespace
@@ -68,11 +73,24 @@ TrafficInputs trafficInputs(Pondra::TableService& tables, const SwitchVrfs& vrfs
 
 // --- The run ---------------------------------------------------------------------------------------------------------
 
+namespace {
+
+// Without this, a pipe that nobody reads would keep its writer waiting for ever.
+void checkOpens(const std::string& file) {
+  const int fd = ::open(file.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_CREAT, 0666);
+  if (fd < 0)
+    throw std::runtime_error(file + ": " + (errno == ENXIO ? "a pipe that nobody reads" : std::strerror(errno)));
+  ::close(fd);
+}
+
+}  // namespace
+
 Simulation::Simulation(Pondra::TableService& tables, Platform::TaskScheduler& scheduler,
                        std::unique_ptr<Simulator::TrafficSource> traffic, const SimulationSettings& settings)
     : traffic_(std::move(traffic)), settings_(settings), plane_(tables, scheduler, *traffic_, settings.forwarding) {
   const RowFormat format = rowFormatOf(settings.out);
   if (format != RowFormat::none) {
+    checkOpens(settings.out);
     file_.open(settings.out, std::ios::trunc);
     if (!file_) throw std::runtime_error(settings.out + ": " + std::strerror(errno));
   }
@@ -91,9 +109,16 @@ void Simulation::handleTick() {
     yardsticks_->optimum.requests(plane_.time(), plane_.bursts());
   }
   report_->handleTick();
+  checkOutput();
   if (!over()) return;
   plane_.stop();
   if (whenOver_) whenOver_();
+}
+
+// Nobody is served by an hour of rows that go nowhere.
+void Simulation::checkOutput() {
+  if (!std::cout) flushOutput();
+  if (file_.is_open() && !file_) throw std::runtime_error(settings_.out + ": " + std::strerror(errno));
 }
 
 bool Simulation::over() const {

@@ -66,6 +66,7 @@ class Simulation {
 
  private:
   void handleTick();
+  void checkOutput();
   bool over() const;
   std::vector<Simulator::YardstickRow> yardstickRows() const;
 
