@@ -77,7 +77,7 @@ class Agent final : public Platform::AgentBase {
   // What is set counts for the mounts to come.
   std::uint32_t unprogrammedRouteTableSize() const { return unprogrammedRouteTableSize_; }
   void unprogrammedRouteTableSizeIs(std::uint32_t entries) { unprogrammedRouteTableSize_ = entries; }
-  std::uint32_t kernelRouteBuffer() const { return 2048; }
+  std::uint32_t kernelRouteBuffer() const { return RouteCache::Capability::kernelRouteBuffer; }
 
   // What the agent makes. ...Is makes one, replacing any there is; ...Del releases it.
   const auto& vrfIdMap() const { return vrfIdMap_; }

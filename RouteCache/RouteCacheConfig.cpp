@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/SharedTable.h"
 #include "platform/Trie.h"
 
 namespace RouteCache {
@@ -153,9 +154,16 @@ const Lattis::EntityType& Capability::entityType() const {
 }
 
 std::string Capability::fault() const {
-  if (hwRouteTableSize_ == 0) return "hwRouteTableSize must be at least 1";
-  if (sfeRouteTableSize_ == 0) return "sfeRouteTableSize must be at least 1";
-  if (adjacencyTableSize_ == 0) return "adjacencyTableSize must be at least 1";
+  const struct {
+    const char* name;
+    std::uint32_t entries, most;
+  } sizes[] = {{"hwRouteTableSize", hwRouteTableSize_, Pondra::maxCapacity - kernelRouteBuffer},
+               {"sfeRouteTableSize", sfeRouteTableSize_, Pondra::maxCapacity},
+               {"adjacencyTableSize", adjacencyTableSize_, Pondra::maxCapacity}};
+  for (const auto& size : sizes) {
+    if (size.entries >= 1 && size.entries <= size.most) continue;
+    return std::string(size.name) + " must be 1 to " + std::to_string(size.most);
+  }
   return {};
 }
 

@@ -107,6 +107,8 @@ class CliConfig final : public Lattis::Entity {
 class Capability final : public Lattis::Entity {
  public:
   static constexpr const char* typeName = "RouteCache::Capability";
+  // What the kernel's route table holds beyond hwRouteTableSize.
+  static constexpr std::uint32_t kernelRouteBuffer = 2048;
 
   using Entity::Entity;
   std::uint32_t hwRouteTableSize() const { return hwRouteTableSize_; }
@@ -116,7 +118,7 @@ class Capability final : public Lattis::Entity {
   std::uint32_t adjacencyTableSize() const { return adjacencyTableSize_; }
   void adjacencyTableSizeIs(std::uint32_t entries) { adjacencyTableSize_ = entries; }
   const Lattis::EntityType& entityType() const override;
-  // A size of 0.
+  // A size that no table can have, the kernel's included.
   std::string fault() const override;
 
  private:

@@ -41,7 +41,7 @@ std::uint32_t capacityFrom(const std::string& path, const Pondra::TableLayout& l
   if (info->collection != layout.collection) {
     refuseMount(path, layout.typeName + " has no collection " + info->collection);
   }
-  if (info->capacity == 0 || info->capacity > maxSlots) {
+  if (info->capacity == 0 || info->capacity > Pondra::maxCapacity) {
     refuseMount(path, "a capacity of " + std::to_string(info->capacity) + " entries is impossible");
   }
   return info->capacity;

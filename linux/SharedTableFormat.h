@@ -111,7 +111,7 @@ inline constexpr std::uint64_t maxSequence = std::uint64_t{1} << 60;
 inline constexpr std::uint64_t tableMagic = 0x454c424154434f52;
 inline constexpr std::uint32_t tableEndianTag = 0x01020304;
 inline constexpr std::uint32_t tableFormatVersion = 1;
-inline constexpr std::uint32_t maxSlots = std::uint32_t{1} << 28;
+inline constexpr std::uint32_t maxSlots = Pondra::maxCapacity;
 inline constexpr unsigned maxLevels = 16;
 
 // What the table is; set once, before the file gets its name.

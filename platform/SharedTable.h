@@ -60,10 +60,13 @@ enum class MountKind : std::uint8_t {
   keyedReader = 3,  // looked up and walked, never followed: a reactor on it hears nothing
 };
 
+// The entries that a table can have room for: no service has to hold more.
+inline constexpr std::uint32_t maxCapacity = std::uint32_t{1} << 28;
+
 // What a writer asks for at its mount.
 struct CollectionInfo {
   std::string collection;      // "route", "adj", "routeHitBit", "via"
-  std::uint32_t capacity = 0;  // entries, at least 1
+  std::uint32_t capacity = 0;  // entries, 1 to maxCapacity
 };
 
 // What writer and readers must agree on; it stands in the table file.

@@ -16,6 +16,15 @@ void FlowList::flowIs(double time, const Destination& destination, std::uint32_t
   flows_.push_back({time, {entry->second, packets}});
 }
 
+void FlowList::hwVrfIdsAre(const std::vector<std::uint32_t>& hwVrfIds) {
+  PLATFORM_ASSERT(!started_);
+  indexes_.clear();
+  for (std::uint32_t i = 0; i < destinations_.size(); ++i) {
+    destinations_[i].hwVrfId = hwVrfIds.at(destinations_[i].hwVrfId);
+    indexes_.emplace(destinations_[i], i);
+  }
+}
+
 void FlowList::pull(double until, std::vector<Burst>& bursts) {
   if (!started_) {
     started_ = true;

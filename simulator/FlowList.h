@@ -17,6 +17,10 @@ class FlowList final : public TrafficSource {
   // Adds a flow: at a time of 0 or more seconds, of 1 packet or more. Only before the first pull().
   void flowIs(double time, const Destination& destination, std::uint32_t packets);
 
+  // Gives every destination another hardware VRF id: the one that stands at its present one. Only before the first
+  // pull().
+  void hwVrfIdsAre(const std::vector<std::uint32_t>& hwVrfIds);
+
   const std::vector<Destination>& destinations() const override { return destinations_; }
   void pull(double until, std::vector<Burst>& bursts) override;
   bool exhausted() const override { return next_ == flows_.size(); }

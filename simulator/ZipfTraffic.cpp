@@ -36,7 +36,23 @@ bool isTime(double time) {
   return time >= 0 && time < never;
 }
 
+void checkCrowds(const std::vector<FlashCrowd>& crowds) {
+  double end = 0;
+  for (const FlashCrowd& crowd : crowds) {
+    require(isTime(crowd.start), "a flash crowd's start must be a time in seconds");
+    require(crowd.duration > 0, "a flash crowd's duration must be over 0");
+    require(crowd.share >= 0 && crowd.share <= 1, "a flash crowd's share must be 0 to 1");
+    require(crowd.destinations > 0, "a flash crowd needs a destination");
+    require(crowd.start >= end, "flash crowds must not overlap");
+    end = crowd.start + crowd.duration;
+  }
+}
+
 void checkSettings(const ZipfSettings& settings) {
+  require(settings.exponent >= 0 && settings.exponent <= ZipfMandelbrot::maxExponent,
+          "the traffic's exponent must be 0 to 10");
+  require(settings.shift >= 0 && settings.shift <= ZipfMandelbrot::maxShift,
+          "the traffic's shift must be 0 to 1000000000");
   require(settings.rate > 0 && settings.rate <= maxRate, "the traffic's rate must be over 0 to 1000000000");
   require(settings.drift >= 0 && settings.drift <= 1, "the traffic's drift must be 0 to 1");
   require(settings.hotShare >= 0 && settings.hotShare <= 1, "the traffic's hot share must be 0 to 1");
@@ -44,20 +60,6 @@ void checkSettings(const ZipfSettings& settings) {
   require(isTime(settings.scan->start), "the scan's start must be a time in seconds");
   require(settings.scan->duration > 0, "the scan's duration must be over 0");
   require(settings.scan->rate > 0 && settings.scan->rate <= maxRate, "the scan's rate must be over 0 to 1000000000");
-}
-
-// `crowds` are sorted by start.
-void checkCrowds(const std::vector<FlashCrowd>& crowds, std::uint32_t cold) {
-  double end = 0;
-  for (const FlashCrowd& crowd : crowds) {
-    require(isTime(crowd.start), "a flash crowd's start must be a time in seconds");
-    require(crowd.duration > 0, "a flash crowd's duration must be over 0");
-    require(crowd.share >= 0 && crowd.share <= 1, "a flash crowd's share must be 0 to 1");
-    require(crowd.destinations > 0, "a flash crowd needs a destination");
-    require(crowd.destinations <= cold, "a flash crowd has more destinations than are cold");
-    require(crowd.start >= end, "flash crowds must not overlap");
-    end = crowd.start + crowd.duration;
-  }
 }
 
 // `count` of the values from `begin` on, each as likely as any other, in their order.
@@ -74,16 +76,23 @@ std::vector<std::uint32_t> drawSome(const std::vector<std::uint32_t>& values, st
 
 }  // namespace
 
+ZipfSettings checked(ZipfSettings settings) {
+  std::ranges::stable_sort(settings.crowds, {}, &FlashCrowd::start);
+  checkSettings(settings);
+  checkCrowds(settings.crowds);
+  return settings;
+}
+
 ZipfTraffic::ZipfTraffic(std::vector<Destination> destinations, const ZipfSettings& settings)
-    : settings_(settings),
+    : settings_(checked(settings)),
       destinations_(std::move(destinations)),
       law_(destinations_.size(), settings.exponent, settings.shift),
       popularity_(law_.ranks(), settings.seed),
       packetRandom_(settings.seed, 1),
       crowdRandom_(settings.seed, 2) {
-  checkSettings(settings_);
-  std::ranges::stable_sort(settings_.crowds, {}, &FlashCrowd::start);
-  checkCrowds(settings_.crowds, coldRanks());
+  for (const FlashCrowd& crowd : settings_.crowds) {
+    require(crowd.destinations <= coldRanks(), "a flash crowd has more destinations than are cold");
+  }
   tradesPerMinute_ = std::min(shareOf(settings_.drift / 2, law_.ranks()), law_.ranks() / 2);
   if (settings_.scan) {
     const ScanAttack& scan = *settings_.scan;

@@ -45,6 +45,10 @@ struct ZipfSettings {
   std::optional<ScanAttack> scan;
 };
 
+// The settings with their crowds in the order of time. Throws RangeError with one line for one outside its range, as
+// far as that can be told without the destinations, and for overlapping crowds.
+ZipfSettings checked(ZipfSettings settings);
+
 // Never ends. About 20 bytes per destination. Ranks, drift, crowds and packets have random numbers of their own: with a
 // scan or a crowd added, all other packets stay the same but for those that the crowd takes.
 class ZipfTraffic final : public TrafficSource {

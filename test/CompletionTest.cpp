@@ -145,8 +145,8 @@ class VrfCompletionTest : public testing::Test {
     return linesOf(text);
   }
 
-  const std::vector<std::string> names{"default", "red",  "re;ls", "blue one", "$HOME",
-                                       "`id`",    "it's", "q\"x",  "a:b",      "[x]y]"};
+  const std::vector<std::string> names{"default", "red",  "re;ls", "blue one", "$HOME", "`id`",
+                                       "it's",    "q\"x", "a:b",   "[x]y]",    "a[b",   "a\\b]"};
   const TemporaryDirectory directory;
   const std::string scenario = directory.path() + "/leaf.json";
   const std::string runDir = directory.path() + "/run";
@@ -159,7 +159,7 @@ TEST_F(VrfCompletionTest, NamesComeFromTheRunningAgentAndAreSafeInTheShell) {
   EXPECT_THAT(completed(show + " --vrf re").words, UnorderedElementsAre("red", "re;ls"));
   EXPECT_THAT(completed(show + " --vrf=re").words, UnorderedElementsAre("--vrf=red", "--vrf=re;ls"));
   EXPECT_THAT(completed("routecache show summary --run-dir=" + runDir + " --vrf a").words,
-              UnorderedElementsAre("a:b", "all"));
+              UnorderedElementsAre("a:b", "a[b", "a\\b]", "all"));
 
   EXPECT_THAT(wordsInBash(show + " --vrf "), UnorderedElementsAreArray(names));
   EXPECT_THAT(wordsInBash(show + " --vrf=re"), UnorderedElementsAre("red", "re;ls"));

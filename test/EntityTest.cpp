@@ -15,6 +15,7 @@ using RouteCache::VrfCachedRoute;
 using RouteCache::VrfIdMap;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace {
 
@@ -165,12 +166,16 @@ TEST(CliConfigTest, FaultNamesThresholdsThatCannotWork) {
   EXPECT_EQ(config.lowThresholdHwUtilPercentage(), 85);
 }
 
-TEST(CapabilityTest, ATableOfNoEntriesIsAFault) {
+TEST(CapabilityTest, ATableThatCannotBeIsAFault) {
   RouteCache::Capability capability("capability");
   EXPECT_EQ(capability.fault(), "");
   for (const auto& attribute : capability.entityType().attributes) {
-    attribute.set(capability, "0");
-    EXPECT_EQ(capability.fault(), attribute.name + " must be at least 1");
+    for (const char* size : {"0", "268435457", "4294967295"}) {
+      attribute.set(capability, size);
+      EXPECT_THAT(capability.fault(), StartsWith(attribute.name + " must be 1 to 2684")) << size;
+    }
+    attribute.set(capability, "268433409");
+    EXPECT_EQ(capability.fault().empty(), attribute.name != "hwRouteTableSize") << "the kernel's table is larger";
     attribute.set(capability, "7");
   }
   EXPECT_EQ(capability.hwRouteTableSize(), 7U);

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <set>
 
 #include "tools/NexthopSets.h"
@@ -56,7 +57,8 @@ TEST_F(PrefixListTest, ReadsEveryLineOrNone) {
       {"length too long", "\n::/129\n", ":2: '::/129' is not an IP prefix"},
       {"unprintable bytes are not quoted as they are", std::string("\x1b[2J\0/8\n", 8),
        ":1: '?[2J?/8' is not an IP prefix"},
-      {"one endless line", std::string(1 << 20, 'x'), ":1: '" + std::string(60, 'x') + "...' is not an IP prefix"},
+      {"a long line", std::string(61, 'x'), ":1: '" + std::string(60, 'x') + "...' is not an IP prefix"},
+      {"one endless line", std::string(1 << 20, 'x'), ":1: a line over 65536 bytes"},
       {"a long comment is no line of its own", "#" + std::string(10000, 'x') + "\n1.0.0.0/8", "1.0.0.0/8 -0"},
   };
   for (const auto& c : cases) {
@@ -127,9 +129,15 @@ TEST(GeneratePrefixesTest, MakesDifferentHostsInsideAPrefix) {
   }
   const auto all = Platform::fromText<IpGenPrefix>("0.0.0.0/0");
   EXPECT_NE(Tools::generateHosts(100, all, 7), Tools::generateHosts(100, all, 8));
-  // What a seed gives is the same everywhere, for ever.
-  const auto some = Tools::generateHosts(2, Platform::fromText<IpGenPrefix>("10.0.0.0/8"), 1);
-  EXPECT_EQ(Platform::toText(some[0]) + " " + Platform::toText(some[1]), "10.24.250.78/32 10.53.192.142/32");
+  // What a seed gives is the same everywhere: it follows from a generator whose numbers the language fixes.
+  std::mt19937_64 random(1);
+  std::set<IpGenPrefix> drawn;
+  while (drawn.size() < 100) {
+    random();  // the high half of an IPv6 address
+    drawn.emplace(Prefix(IpAddr(0x0a000000 | (static_cast<std::uint32_t>(random()) & 0x00ffffff)), 32));
+  }
+  EXPECT_THAT(Tools::generateHosts(100, Platform::fromText<IpGenPrefix>("10.0.0.0/8"), 1),
+              ::testing::ElementsAreArray(drawn));
   EXPECT_THROW(Tools::generateHosts(257, Platform::fromText<IpGenPrefix>("10.0.0.0/24"), 1), RangeError);
   EXPECT_THROW(Tools::generateHosts(3, Platform::fromText<IpGenPrefix>("::1/127"), 1), RangeError);
   EXPECT_THROW(Tools::generateHosts(Tools::maxGeneratedPrefixes + 1, Platform::fromText<IpGenPrefix>("::/0"), 1),

@@ -1,23 +1,30 @@
-// The commands `routecache rib`, `routecache fib` and `routecache table`, as a person meets them: real processes on a
-// run directory.
+// The commands `routecache rib`, `routecache fib` and `routecache table` as a person meets them, and what all commands
+// make of bad input: real processes on a run directory.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <set>
 
 #include "linux/SharedTable.h"
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
+#include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/RibWriter.h"
 
 namespace {
 
 using nlohmann::json;
+using std::string_literals::operator""s;
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -48,6 +55,15 @@ class ToolsTest : public ::testing::Test {
     return runJson("table show " + vias + " " + route["viaKey"].dump());
   }
 
+  // Of a load: routes that stood already, of these moved to another via, others written again; vias written, removed.
+  static std::vector<int> cameTo(const json& summary) {
+    std::vector<int> counts;
+    for (const char* name : {"routesStood", "routesMoved", "routesRewritten", "viasWritten", "viasRemoved"}) {
+      counts.push_back(summary[name].get<int>());
+    }
+    return counts;
+  }
+
   const std::string v4 = Tools::ipv4RoutePath;
   const std::string v6 = Tools::ipv6RoutePath;
   const std::string vias = Tools::viaPath;
@@ -55,40 +71,50 @@ class ToolsTest : public ::testing::Test {
   const std::string runDir = directory.path() + "/run";
 };
 
-TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
-  const std::string bad = directory.path() + "/bad.json";
-  std::ofstream(bad) << R"({"vrf/vrfNameStatus": {"nameToId": {"red": "two"}}})";
-  const std::string leaf = " --agent " ROUTECACHE_AGENT " --scenario " ROUTECACHE_EXAMPLES "/leaf.json";
-  const std::string caching = " --agent " ROUTECACHE_AGENT " --scenario " ROUTECACHE_EXAMPLES "/caching.json";
-  ::setenv("ROUTECACHE_RUN_DIR", runDir.c_str(), 1);
+// A sound scenario and some that are not; files that are none, and a pipe that nobody writes to.
+class BadInputTest : public ToolsTest {
+ protected:
+  BadInputTest() {
+    std::ifstream example(ROUTECACHE_EXAMPLES "/caching.json");
+    const json caching = json::parse(example);
+    scenario("sound", caching);
+    scenario("uncached", changed(caching, "/routing~1hardware~1status/hwRouteCachingEnabled", false));
+    scenario("huge", changed(caching, "/routecache~1capability/hwRouteTableSize", 268435456));
+    scenario("mistaken", changed(caching, "/vrf~1vrfNameStatus/type", "RouteCache::CliConfig"));
+    scenario("misspelt", changed(caching, "/vrf~1vrfNameStatus/nameToId/red", "two"));
+    EXPECT_EQ(::mkfifo((directory.path() + "/pipe").c_str(), 0600), 0);
+  }
+
+  static json changed(json scenario, const char* where, const json& value) {
+    scenario[json::json_pointer(where)] = value;
+    return scenario;
+  }
+  void scenario(const std::string& name, const json& content) const {
+    std::ofstream(directory.path() + "/" + name + ".json") << content;
+  }
+  // With $ for the test's directory.
+  Outcome runThere(std::string arguments, const std::string& input = "", const char* outFile = nullptr) const {
+    for (std::size_t at = 0; (at = arguments.find('$', at)) != std::string::npos; at += directory.path().size()) {
+      arguments.replace(at, 1, directory.path());
+    }
+    return Command(arguments, input, outFile).wait();
+  }
+};
+
+TEST_F(BadInputTest, IsOneLineAndExitCodeTwoAndLeavesNothing) {
+  const std::string inDir = " --run-dir $/run";
+  const std::string start = "run --agent " ROUTECACHE_AGENT + inDir + " --scenario $/";
+  const std::string inProcess = "simulate --in-process --routes 300 --agent " ROUTECACHE_AGENT " --scenario $/";
   const struct {
-    std::string arguments;
+    std::string arguments;  // without --run-dir, but for those that begin with "run" or "simulate"
     const char* input;
     std::string complaint;
   } cases[] = {
-      {"", "", "a subcommand is wanted"},
-      {"mow", "", "mow"},
-      {"run", "", "--scenario is required"},
-      {"run --scenario " + bad, "", bad + ": vrf/vrfNameStatus.nameToId[red]: 'two' is not a number"},
-      {"run --trace loud" + leaf, "", "'loud'"},
-      {"run --time-slice 0" + leaf, "", "--time-slice"},
-      {"simulate --in-process", "", "--scenario"},
-      {"simulate --in-process --run-dir /tmp/x", "", "--run-dir"},
-      {"simulate --scenario x.json", "", "--in-process"},
-      {"simulate --in-process" + leaf, "", "hwRouteCachingEnabled"},
-      {"simulate --in-process --routes 300 --within 10.0.0.0/24" + caching, "", "300"},
-      {"simulate --in-process --within ten" + caching, "", "--within"},
-      {"simulate --in-process --routes 10 --drift 2" + caching, "", "drift"},
-      {"simulate --out rows.txt", "", "--out"},
-      {"simulate --flash-crowd 1:2:0.5", "", "--flash-crowd"},
-      {"simulate --scan-attack soon:fast", "", "--scan-attack"},
-      {"simulate --flows x.csv --exponent 1", "", "--exponent"},
-      {"simulate --duration 0", "", "--duration"},
       {"rib load", "", "either a list of prefixes or --generate"},
       {"rib load - --generate 5", "", "either a list of prefixes or --generate"},
       {"rib load /nowhere/list", "", "/nowhere/list: No such file or directory"},
       {"rib load -", "10.0.0.0/8\nten/8\n", "standard input:2: 'ten/8' is not an IP prefix"},
-      {"rib load --generate 99999999", "", "at most 4000000 prefixes"},
+      {"rib load --generate 99999999", "", "--generate: '99999999' is not a whole number from 1 to 4000000"},
       {"rib load --generate 5 --within 10.0.0.0/30", "", "10.0.0.0/30 holds 4 addresses, not 5"},
       {"rib load --generate 5 --within 10.0.0.0", "", "--within: '10.0.0.0' is not an IP prefix"},
       {"rib load - --within 10.0.0.0/8", "10.0.0.0/8\n", "--within goes with --generate"},
@@ -103,7 +129,7 @@ TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
       {"rib load --generate 5 --capacity 0", "", "--capacity"},
       {"rib add 10.0.0.0/33 --vrf 1 --vtep 10.0.0.1", "", "'10.0.0.0/33' is not an IP prefix"},
       {"rib add 10.0.0.0/8 --vrf 1 --vtep 10.0.0.1,x", "", "--vtep: 'x' is not an IP address"},
-      {"rib add 10.0.0.0/8 --vrf 1 --vtep 10.0.0.1 --via 0", "", "--via: 0 names no via"},
+      {"rib add 10.0.0.0/8 --vrf 1 --vtep 10.0.0.1 --via 0", "", "--via: '0' is not a whole number from 1 "},
       {"rib add 10.0.0.0/8 --vrf 1", "", "--vtep is required"},
       {"rib del 10.0.0.0/8", "", "rib del takes --vrf or --all"},
       {"rib del 10.0.0.0/8 --all", "", "--all leaves nothing to choose"},
@@ -112,23 +138,156 @@ TEST_F(ToolsTest, MisuseIsOneLineAndExitCodeTwo) {
       {"fib load --generate 5 --vrf red --capacity 4", "", "a capacity of 4 does not hold 5 entries"},
       {"fib add 10.0.0.0/8", "", "--vrf is required"},
       {"fib add 10.0.0.0/8 1::/129 --vrf red", "", "'1::/129' is not an IP prefix"},
-      {"fib add 10.0.0.0/8 --vrf ''", "", "--vrf: no VRF name"},
+      {"fib add 10.0.0.0/8 --vrf ''", "", "--vrf: it is given no value"},
       {"fib add 10.0.0.0/8 --vrf red --type 256", "", "--type"},
       {"fib del 10.0.0.0/8", "", "fib del takes --vrf or --all"},
       {"fib del --vrf red --all", "", "--all leaves nothing to choose"},
       {"table show", "", "PATH is required"},
       {"table show x --limit 0", "", "--limit"},
+      {"rib load --generate 5 --via-base 18446744073709551615 --vteps 2", "", "--via-base: 2 keys"},
+      {"rib load --generate 5 --capacity 268435457", "", "--capacity: '268435457' is not a whole number"},
+      {"rib load $", "", ": Is a directory"},
+      {"rib load $/pipe", "", "pipe: a pipe that nobody writes to"},
+      {"rib load /dev/zero", "", "/dev/zero:1: a line over 65536 bytes"},
+      {"fib load $/pipe --vrf red", "", "pipe: a pipe that nobody writes to"},
+      {"fib add 10.0.0.0/8 --vrf \xff", "", "'?' is not a VRF name"},
+      {"mow", "", "mow"},
+      {"", "", "a subcommand is wanted"},
+      {"run" + inDir, "", "--scenario is required"},
+      {start + "misspelt.json", "", "misspelt.json: vrf/vrfNameStatus.nameToId[red]: 'two' is not a number"},
+      {start + "mistaken.json", "", "mistaken.json: vrf/vrfNameStatus.type: what stands here is always a "},
+      {start + "huge.json", "", "huge.json: routecache/capability: hwRouteTableSize must be 1 to 268433408"},
+      {start + "nowhere.json", "", "nowhere.json: No such file"},
+      {start, "", ": Is a directory"},
+      {start + "pipe", "", "pipe: a pipe that nobody writes to"},
+      {"run --agent " ROUTECACHE_AGENT + inDir + " --scenario /dev/zero", "", "/dev/zero: more than "},
+      {start + "sound.json --trace loud", "", "'loud'"},
+      {start + "sound.json --name a/b", "", "--name: a file's name has no '/'"},
+      {start + "sound.json --time-slice nan", "", "--time-slice: 'nan' is not a number from 0.01 to 1000"},
+      {"simulate --in-process", "", "--scenario"},
+      {"simulate --in-process --run-dir /tmp/x", "", "--run-dir"},
+      {"simulate --scenario x.json", "", "--in-process"},
+      {inProcess + "uncached.json", "", "hwRouteCachingEnabled"},
+      {inProcess + "pipe", "", "pipe: a pipe that nobody writes to"},
+      {inProcess + "sound.json --within 10.0.0.0/24", "", "300"},
+      {inProcess + "sound.json --within ten", "", "--within"},
+      {inProcess + "sound.json --drift 2", "", "--drift"},
+      {inProcess + "sound.json --flows $/pipe", "", "pipe: a pipe that nobody writes to"},
+      {"simulate --duration 0", "", "--duration"},
+      {"simulate --out rows.txt", "", "--out"},
+      {"simulate --flash-crowd 1:2:0.5", "", "--flash-crowd"},
+      {"simulate --flash-crowd 1:nan:0.5:3", "", "flash crowd's duration"},
+      {"simulate --flash-crowd 1:5:0.5:3 --flash-crowd 3:5:0.5:3", "", "must not overlap"},
+      {"simulate --scan-attack soon:fast", "", "--scan-attack"},
+      {"simulate --scan-attack 1:inf", "", "scan's rate"},
+      {"simulate --flows x.csv --exponent 1", "", "--exponent"},
+      {"simulate --flows /dev/zero" + inDir, "", "/dev/zero:1: a line over 65536 bytes"},
+      {"simulate --flows $" + inDir, "", ": Is a directory"},
+      {"simulate --rate 1e9 --tick 10" + inDir, "", "--rate: over 1e+08 packets"},
+      {"get vrf/vrfNameStatus nameToId[\xff]", "", "'nameToId[?]' is not UTF-8"},
+      {"show routes --vrf \xff", "", "'?' is not a VRF name"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
-    const Outcome result = Command(c.arguments, c.input).wait();
+    const bool complete = c.arguments.empty() || c.arguments.starts_with("run") ||
+                          c.arguments.starts_with("simulate") || c.arguments == "mow";
+    const Outcome result = runThere(c.arguments + (complete ? "" : inDir), c.input);
     EXPECT_EQ(result.exitCode, 2);
-    EXPECT_THAT(result.err, StartsWith("routecache: "));
-    EXPECT_THAT(result.err, HasSubstr(c.complaint));
+    EXPECT_THAT(result.err, AllOf(StartsWith("routecache: "), HasSubstr(c.complaint)));
     EXPECT_TRUE(result.isOneComplaint()) << result.out << result.err;
+    EXPECT_THAT(LinuxPlatform::tableFiles(runDir), IsEmpty()) << "it reached a table";
+    if (c.arguments.starts_with("run")) EXPECT_FALSE(std::filesystem::exists(runDir)) << "it left something behind";
+    std::filesystem::remove_all(runDir);
   }
-  ::unsetenv("ROUTECACHE_RUN_DIR");
-  EXPECT_THAT(runJson("table list"), IsEmpty()) << "nothing of all this reached a table";
+}
+
+// Every option of every command, so that the next one cannot be forgotten.
+TEST_F(BadInputTest, NoOptionTakesANumberThatIsNoneNorNothingAtAll) {
+  CLI::App app;
+  Tools::ToolContext context;
+  Tools::addCommands(app, context);
+  const auto takes = [](CLI::Option& option, const std::string& text) {
+    option.clear();
+    option.add_result(text);
+    try {
+      option.run_callback();
+      return true;
+    } catch (const CLI::Error&) {
+      return false;
+    }
+  };
+  int numbers = 0;
+  const std::function<void(const CLI::App&)> look = [&](const CLI::App& command) {
+    for (CLI::Option* option : const_cast<CLI::App&>(command).get_options()) {
+      if (option->get_positional() || option->get_items_expected_max() == 0) continue;
+      SCOPED_TRACE(command.get_name() + " " + option->get_name());
+      EXPECT_FALSE(takes(*option, ""));
+      if (takes(*option, "x")) continue;
+      ++numbers;
+      for (const char* text : {"nan", "-nan", "inf", "-inf", "-1", "1e308", "99999999999999999999", "0x", "1 "}) {
+        EXPECT_FALSE(takes(*option, text)) << text;
+      }
+    }
+    for (const CLI::App* next : command.get_subcommands([](const CLI::App*) { return true; })) {
+      if (!next->get_group().empty()) look(*next);
+    }
+  };
+  look(app);
+  EXPECT_GE(numbers, 30);
+}
+
+TEST_F(BadInputTest, WhatCannotBeOpenedOrPrintedIsExitCodeOne) {
+  Command agent("run --scenario " + directory.path() + "/sound.json --trace 5 --agent " ROUTECACHE_AGENT +
+                inRunDir(""));
+  ASSERT_TRUE(agent.says("ready: "));
+  std::string trace;
+  for (const auto& file : std::filesystem::directory_iterator(runDir)) {
+    if (file.path().extension() == ".zph") trace = file.path().string();
+  }
+  const std::string inProcess =
+      "simulate --in-process --routes 300 --duration 2 --agent " ROUTECACHE_AGENT " --scenario $/";
+  for (const char* file : {"$", "$/pipe", "/dev/zero"}) {
+    SCOPED_TRACE(file);
+    for (const std::string& arguments :
+         {std::string("trace ") + file, "run --run-dir $/other --scenario $/sound.json --agent " + std::string(file)}) {
+      const Outcome result = runThere(arguments);
+      EXPECT_EQ(result.exitCode, 1) << arguments;
+      EXPECT_TRUE(result.isOneComplaint()) << result.out << result.err;
+    }
+  }
+  EXPECT_EQ(runThere("table list --run-dir /dev/zero").exitCode, 1) << "an empty list would be no answer";
+  std::filesystem::create_symlink(directory.path() + "/pipe", directory.path() + "/pipe.csv");
+  std::filesystem::create_symlink("/dev/full", directory.path() + "/full.csv");
+  EXPECT_THAT(runThere(inProcess + "sound.json --out $/pipe.csv").err, HasSubstr("a pipe that nobody reads"));
+  EXPECT_THAT(runThere(inProcess + "sound.json --out $/full.csv").err, HasSubstr("No space left on device"));
+
+  run("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1");
+  for (const std::string& arguments : {"--help"s,
+                                       "show --help"s,
+                                       "completion bash"s,
+                                       inRunDir("rib add 11.0.0.0/8 --vrf 1 --vtep 10.255.0.1"),
+                                       inRunDir("fib add 11.0.0.0/8 --vrf red"),
+                                       inRunDir("table list"),
+                                       inRunDir("table list --json"),
+                                       inRunDir("table show " + v4),
+                                       inRunDir("table show " + v4 + " --json"),
+                                       inRunDir("table show " + v4 + " 10.0.0.0/8@1"),
+                                       inRunDir("table watch " + v4 + " --json"),
+                                       inRunDir("get"),
+                                       inRunDir("get --json"),
+                                       inRunDir("get vrf/vrfNameStatus"),
+                                       inRunDir("tasks"),
+                                       inRunDir("tasks --json"),
+                                       inRunDir("show summary"),
+                                       inRunDir("show threshold --json"),
+                                       "trace " + trace + " --agent " ROUTECACHE_AGENT,
+                                       inProcess + "sound.json",
+                                       "run --run-dir $/third --scenario $/sound.json --agent " ROUTECACHE_AGENT}) {
+    SCOPED_TRACE(arguments);
+    const Outcome result = runThere(arguments, "", "/dev/full");
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.err, "routecache: standard output: No space left on device\n");
+  }
 }
 
 TEST_F(ToolsTest, WhatCannotBeDoneIsExitCodeOne) {
@@ -172,14 +331,48 @@ TEST_F(ToolsTest, LoadSpreadsPrefixesOverVrfsAndNexthopSets) {
                                   "'routerMac': 02:00:0a:ff:00:01"));
   EXPECT_THAT(nexthops, HasSubstr("'remoteVtep': 10.255.0.2"));
 
-  // The same again needs no room and changes no via; another VLAN changes them all in place.
-  EXPECT_EQ(runJson("rib load - --vrfs 5,1-2 --vteps 3 --paths 2 --nexthop-sets 3 --vni 5000 --capacity 4", list)
-                .at("viasWritten"),
-            0);
-  EXPECT_EQ(runJson("rib load - --vrfs 1,2,5 --vteps 3 --paths 2 --nexthop-sets 3 --vlan 9", list).at("viasWritten"),
-            3);
-  EXPECT_EQ(keys(v4).size(), 4U);
   EXPECT_EQ(runJson("rib load --generate 2000 --vrfs 1")["routes"], 2000) << "the table grows";
+}
+
+TEST_F(ToolsTest, ALoadTakesNothingFromAnother) {
+  const std::string list = "10.0.0.0/8\n10.1.0.0/16\n10.2.0.0/16\n10.3.0.0/16\n";
+  const std::string load = "rib load - --vteps 3 --paths 2 --nexthop-sets 3 --vrfs ";
+  run("rib add 9.0.0.0/8 --vrf 1 --vtep 10.255.0.1,10.255.0.9 --via 2");
+  const json others = viaOf("9.0.0.0/8@1");
+  EXPECT_THAT(cameTo(runJson(load + "1-2 --vni 5000", list)), ElementsAre(0, 0, 0, 3, 0));
+  EXPECT_THAT(keys(vias), ElementsAre("1", "2", "3", "4")) << "the lowest that are free";
+  const json first = viaOf("10.0.0.0/8@1");
+  EXPECT_THAT(cameTo(runJson(load + "3 --vni 7000", list)), ElementsAre(0, 0, 0, 3, 0));
+  EXPECT_EQ(viaOf("9.0.0.0/8@1"), others);
+  EXPECT_EQ(viaOf("10.0.0.0/8@1"), first);
+
+  // The same again needs no room and no via.
+  EXPECT_THAT(cameTo(runJson(load + "1-2 --vni 5000 --capacity 9", list)), ElementsAre(4, 0, 0, 0, 0));
+  EXPECT_EQ(keys(vias).size(), 7U);
+  // Led elsewhere, the routes leave their vias behind.
+  EXPECT_THAT(cameTo(runJson(load + "1-2 --vlan 9", list)), ElementsAre(4, 4, 0, 3, 3));
+  EXPECT_EQ(keys(vias).size(), 7U);
+  // Under keys that are named, vias change in place, and the routes that others gave them are written again.
+  EXPECT_THAT(cameTo(runJson(load + "4 --vni 8000 --via-base 2", list)), ElementsAre(0, 0, 1, 3, 0));
+  EXPECT_THAT(viaOf("9.0.0.0/8@1")["nexthops"].get<std::string>(), HasSubstr("'vni': 8000"));
+  EXPECT_THAT(run(load + "1-2 --vlan 9", list).out, HasSubstr("4 of the routes stood already"));
+
+  // Vias that a load wrote before it was killed are taken by the next one like it, or go.
+  const Platform::TableTypes types = Tools::allTableTypes();
+  {
+    LinuxPlatform::SharedTableService tables(runDir, types);
+    Tools::RibWriter rib(tables, [] {});
+    Tools::RibChange change;
+    change.vias = {Routing::Rib::RouteCache::Evpn::Via(99, {})};
+    rib.apply(change);
+    EXPECT_EQ(rib.viaKeysFor(std::vector<Tools::RibWriter::Nexthops>(1)).front(), 99U);
+    change.vias = {Routing::Rib::RouteCache::Evpn::Via(2, {})};
+    change.changesVias = false;
+    EXPECT_THROW(rib.apply(change), std::runtime_error) << "somebody has taken the key meanwhile";
+  }
+  EXPECT_THAT(keys(vias), testing::Contains("99"));
+  run("rib del 9.0.0.0/8 --vrf 1");
+  EXPECT_THAT(keys(vias), testing::Not(testing::Contains("99")));
 }
 
 TEST_F(ToolsTest, ViasComeAndGoWithTheRoutesThatNameThem) {

@@ -246,7 +246,7 @@ class FlowFileTest : public ::testing::Test {
     if (name == "red") return 7;
     return std::nullopt;
   }
-  std::unique_ptr<Simulator::FlowList> read() { return Tools::readFlowFile(file_, hwVrfIdOf); }
+  std::unique_ptr<Simulator::FlowList> read() { return Tools::RecordedFlows(file_).on(hwVrfIdOf); }
   // What is sent, as text, or what is thrown, after the file's name.
   std::string flows(const std::string& text) {
     std::ofstream(file_, std::ios::binary) << text;
@@ -289,7 +289,7 @@ TEST_F(FlowFileTest, ReadsEveryLineOrNone) {
       {"no end of time", "inf,red,1.1.1.1,1", ":1: 'inf' is not a time in seconds"},
       {"unknown VRF", "\n0,blue,1.1.1.1,1", ":2: there is no VRF 'blue'"},
       {"a VRF name too long", "0," + std::string(101, 'x') + ",1.1.1.1,1",
-       ":1: there is no VRF '" + std::string(60, 'x') + "...'"},
+       ":1: '" + std::string(60, 'x') + "...' is not a VRF name (UTF-8, at most 100 bytes, none of them zero)"},
       {"other family", "0,red,::1,1", ":1: '::1' is not an IPv4 address"},
       {"no packet", "0,red,1.1.1.1,0", ":1: '0' is not a number of packets (1 to 4294967295)"},
       {"too many packets", "0,red,1.1.1.1,4294967296", ":1: '4294967296' is not a number of packets (1 to 4294967295)"},

@@ -6,6 +6,8 @@
 #include "linux/MonotonicClock.h"
 #include "linux/PlatformTypes.h"
 #include "linux/Scenario.h"
+#include "platform/Assert.h"
+#include "platform/Printable.h"
 #include "tools/AgentLibrary.h"
 
 namespace Tools {
@@ -27,14 +29,13 @@ std::string traceDirectory(const std::string& runDir) {
 
 }  // namespace
 
-AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler,
-                     std::function<void()> deliveryWanted)
+AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler)
     : scheduler_(scheduler),
+      runDir_(settings.runDir),
       agentName_(settings.agentName),
       traceFile_(settings.traceFile),
       trace_(traceDirectory(settings.runDir)),
       stateDb_(entityTypes_, scheduler),
-      tables_(settings.runDir, tableTypes_, std::move(deliveryWanted)),
       commands_(scheduler),
       agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
   if (!traceFile_) trace_.levels().defaultIs(-1);
@@ -44,11 +45,16 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
   loadScenario(settings.scenario);
 }
 
+LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> deliveryWanted) {
+  tables_.emplace(runDir_, tableTypes_, std::move(deliveryWanted));
+  return *tables_;
+}
+
 void AgentHost::loadScenario(const std::string& file) {
   stateDb_.entitiesAre(LinuxPlatform::readScenario(file, entityTypes_, allPathTypes()));
   const auto entity = [this]<class T>(const char* path, const char* typeName) {
     auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
-    if (!typed) throw LinuxPlatform::ScenarioError(std::string(path) + ": the resolver wants a " + typeName + " here");
+    PLATFORM_ASSERT(typed);
     return typed;
   };
   resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
@@ -61,7 +67,7 @@ void AgentHost::loadScenario(const std::string& file) {
 void AgentHost::start(std::function<void()> ready) {
   Platform::AgentServices services;
   services.stateDb = &stateDb_;
-  services.tables = &tables_;
+  services.tables = &*tables_;
   services.scheduler = &scheduler_;
   services.trace = &trace_;
   services.commands = &commands_;
@@ -80,7 +86,7 @@ void AgentHost::start(std::function<void()> ready) {
 
 void AgentHost::stop() {
   agent_.reset();
-  tables_.flush();
+  if (tables_) tables_->flush();
 }
 
 }  // namespace Tools

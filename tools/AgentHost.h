@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,24 +27,27 @@ struct AgentHostSettings {
   bool traceFile = true;           // false: the agent is told to do without
 };
 
-// One agent from its library. Its owner delivers the table changes (tables().deliverChanges) and flushes.
+// One agent from its library. Its owner opens its tables, delivers the table changes (tables().deliverChanges) and
+// flushes.
 class AgentHost {
  public:
-  // Loads the library and the scenario; the run directory exists. `deliveryWanted` is as SharedTableService has it. The
-  // scheduler outlives the host. Throws BadText for a bad scenario or trace option, std::runtime_error for a library
-  // that cannot be loaded.
-  AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler,
-            std::function<void()> deliveryWanted);
+  // Loads the library and the scenario, and makes nothing in the file system. The scheduler outlives the host. Throws
+  // BadText for a bad scenario or trace option, std::runtime_error for a library that cannot be loaded.
+  AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler& scheduler);
+  ~AgentHost() { stop(); }
   AgentHost(const AgentHost&) = delete;
   AgentHost& operator=(const AgentHost&) = delete;
 
+  // The shared tables of the run directory, which is made when it is missing. Once, before start(); `deliveryWanted` is
+  // as SharedTableService has it.
+  LinuxPlatform::SharedTableService& openTables(std::function<void()> deliveryWanted);
   // Starts the agent; the rest of its start-up is a matter of the scheduler. `ready` is called when that is over.
   void start(std::function<void()> ready);
   // Destroys the agent and wakes who follows its tables.
   void stop();
 
   LinuxPlatform::EmbeddedStateDb& stateDb() { return stateDb_; }
-  LinuxPlatform::SharedTableService& tables() { return tables_; }
+  LinuxPlatform::SharedTableService& tables() { return *tables_; }
   // What is asked of the agent; the replies it makes go before the host.
   LinuxPlatform::AgentCommands& commands() { return commands_; }
   const std::string& agentName() const { return agentName_; }
@@ -53,6 +57,7 @@ class AgentHost {
 
   // In the order of their making; the agent goes first.
   Platform::TaskScheduler& scheduler_;
+  std::string runDir_;
   std::string agentName_;
   bool traceFile_;
   LinuxPlatform::FileTraceFacility trace_;
@@ -60,7 +65,7 @@ class AgentHost {
   Platform::TableTypes tableTypes_;
   Platform::TraceVocabulary vocabulary_;
   LinuxPlatform::EmbeddedStateDb stateDb_;
-  LinuxPlatform::SharedTableService tables_;
+  std::optional<LinuxPlatform::SharedTableService> tables_;
   LinuxPlatform::AgentCommands commands_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;
   std::unique_ptr<Platform::AgentBase> agent_;

@@ -1,9 +1,9 @@
 // The subcommands of `routecache`. Each lives in a file of its own and adds itself to the command line; tools/Main.cpp
 // parses, runs and turns exceptions into one line on standard error and an exit code.
 //
-// Exit codes: 0 done; 1 a failure at run time (a table that cannot be mounted, an agent that does not answer); 2 misuse
-// or bad input. A subcommand throws Platform::BadText or RangeError (or a CLI11 error) for 2, and another
-// std::exception for 1.
+// Exit codes: 0 done; 1 a failure at run time (a table that cannot be mounted, an agent that does not answer, standard
+// output that cannot be written); 2 misuse or bad input. A subcommand throws Platform::BadText or RangeError (or a
+// CLI11 error) for 2, and another std::exception for 1.
 #pragma once
 
 #include <string>
@@ -18,6 +18,9 @@ namespace Tools {
 struct ToolContext {
   int exitCode = 0;  // of a subcommand that ended without an exception
 };
+
+// All of them.
+void addCommands(CLI::App& app, ToolContext& context);
 
 void addRunCommand(CLI::App& app, ToolContext& context);
 void addRibCommand(CLI::App& app, ToolContext& context);

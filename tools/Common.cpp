@@ -4,14 +4,20 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
 
 #include "RouteCache/RouteCacheTables.h"
 #include "linux/OwnFiles.h"
 #include "linux/PlatformTypes.h"
+#include "platform/Printable.h"
 
 namespace Tools {
 
@@ -76,8 +82,17 @@ std::string counted(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+void flushOutput() {
+  const int before = std::exchange(errno, 0);  // of the one who printed, when that went beyond the buffer
+  std::cout.flush();
+  const bool flushed = std::fflush(stdout) == 0;
+  if (std::cout && flushed && std::ferror(stdout) == 0) return;
+  const int reason = errno != 0 ? errno : before;
+  throw std::runtime_error(std::string("standard output: ") + (reason != 0 ? std::strerror(reason) : "it is closed"));
+}
+
 void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text) {
-  std::cout << (json ? summary.dump() : text) << std::endl;
+  std::cout << (json ? summary.dump() : Platform::printable(text)) << '\n';
 }
 
 }  // namespace Tools

@@ -46,6 +46,10 @@ std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts);
 // "1 route", "2 routes".
 std::string counted(std::size_t count, const std::string& what);
 
+// Hands over what was printed, through std::cout or stdio. Throws std::runtime_error when standard output has not taken
+// everything that was ever printed. Called at the end of every command, and by those that print for long as they go.
+void flushOutput();
+
 // What a command has done, on standard output: as one line of JSON or of text.
 void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text);
 

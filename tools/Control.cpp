@@ -6,6 +6,7 @@
 #include <string>
 
 #include "linux/EntityFields.h"
+#include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/ControlClient.h"
@@ -13,6 +14,8 @@
 namespace Tools {
 
 namespace {
+
+using Platform::printable;
 
 struct FieldOptions {
   std::string runDir;
@@ -43,7 +46,7 @@ void printPaths(const FieldOptions& options) {
     if (options.json) {
       all[path] = type;
     } else {
-      std::printf("%s  %s\n", path.c_str(), type.c_str());
+      std::printf("%s  %s\n", printable(path).c_str(), type.c_str());
     }
   });
   if (options.json) print(all);
@@ -71,11 +74,11 @@ void printFields(const FieldOptions& options) {
     if (options.json) {
       place(all, field, line);
     } else if (!line.contains("value")) {
-      std::printf("%s\n", field.c_str());
+      std::printf("%s\n", printable(field).c_str());
     } else if (field == options.field) {
-      std::printf("%s\n", value.c_str());  // just what was asked for
+      std::printf("%s\n", printable(value).c_str());  // just what was asked for
     } else {
-      std::printf("%s = %s\n", field.c_str(), value.c_str());
+      std::printf("%s = %s\n", printable(field).c_str(), printable(value).c_str());
     }
   });
   if (options.json) print(all);

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "linux/RunDirectory.h"
+#include "platform/Printable.h"
 #include "platform/Text.h"
 
 namespace Tools {
@@ -105,10 +106,18 @@ class Connection {
   std::size_t start_ = 0;  // of the first byte that has not been handed out
 };
 
+// What cannot be sent as it is must not become something else on its way.
+void checkUtf8(const Json& request) {
+  for (const auto& [name, text] : request.items()) {
+    if (Platform::isUtf8(text.get_ref<const std::string&>())) continue;
+    throw Platform::BadText("'" + text.get<std::string>() + "' is not UTF-8");
+  }
+}
+
 // Sends the request and goes through the lines of its reply's content.
 template <class Content>
 void ask(Connection& connection, const Json& request, Content&& content) {
-  connection.send(request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
+  connection.send(request.dump() + "\n");
   while (true) {
     const Json line = Json::parse(connection.line(), nullptr, false);
     if (!line.is_object()) connection.fail(makesNoSense);
@@ -121,12 +130,14 @@ void ask(Connection& connection, const Json& request, Content&& content) {
 }  // namespace
 
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+  checkUtf8(request);
   Connection connection(runDirectory);
   ask(connection, request, content);
 }
 
 void askAgentForBytes(const std::string& runDirectory, const Json& request,
                       const std::function<void(std::string_view)>& content) {
+  checkUtf8(request);
   Connection connection(runDirectory);
   ask(connection, request, [&](const Json& line) {
     const auto count = line.find("bytes");

@@ -11,8 +11,8 @@ namespace Tools {
 using Json = nlohmann::ordered_json;
 
 // Sends one request to the agent of this run directory and hands over each line of its reply's content, in order.
-// Throws Platform::BadText with the agent's words when it refuses the request, std::runtime_error with one line when no
-// agent answers.
+// Throws Platform::BadText with the agent's words when it refuses the request, and for one with a text that is not
+// UTF-8; std::runtime_error with one line when no agent answers.
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content);
 
 // The same for a request whose content is bytes: hands them over as they arrive.

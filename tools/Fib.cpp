@@ -10,6 +10,7 @@
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/FibWriter.h"
+#include "tools/OptionChecks.h"
 #include "tools/PrefixSource.h"
 #include "tools/Progress.h"
 
@@ -32,8 +33,7 @@ struct FibOptions {
 };
 
 L3::VrfName vrfOf(const FibOptions& options) {
-  if (options.vrf.value().empty()) throw BadText("--vrf: no VRF name");
-  return optionValue<L3::VrfName>("--vrf", *options.vrf);
+  return optionValue<L3::VrfName>("--vrf", options.vrf.value());
 }
 
 // The VRFs that have a FIB table in the run directory.
@@ -120,12 +120,12 @@ void addWriteOptions(CLI::App& command, FibOptions& options) {
   command
       .add_option("--type", options.type,
                   "Number of the routes' type (default: the route-cache type, 40 or for IPv6 27)")
-      ->check(CLI::Range(0, 255))
+      ->check(wholeNumber(0, 255))
       ->type_name("NUMBER");
   command
       .add_option("--capacity", options.capacity,
                   "Entries of the tables (default: what they have, or more where the routes need it)")
-      ->check(CLI::PositiveNumber);
+      ->check(wholeNumber(1, Pondra::maxCapacity));
 }
 
 void addLoad(CLI::App& fib, const std::shared_ptr<FibOptions>& shared) {

@@ -27,60 +27,51 @@ std::optional<Fields> fieldsOf(std::string_view entry) {
   return fields;
 }
 
-// Adds a file's entries to a list of flows, one after the other.
-class FlowFile {
- public:
-  FlowFile(const std::string& file, const HwVrfIdOf& hwVrfIdOf) : reader_(file), hwVrfIdOf_(hwVrfIdOf) {}
+double timeOf(const LineReader& reader, std::string_view text) {
+  const auto time = Platform::TextForm<double>::from(text);
+  if (time && *time >= 0 && *time < std::numeric_limits<double>::infinity()) return *time;
+  reader.refuse(quoted(text) + " is not a time in seconds");
+}
 
-  void read(Simulator::FlowList& flows) {
-    bool first = true;
-    for (std::string_view entry; reader_.next(entry); first = false) {
-      const auto fields = fieldsOf(entry);
-      if (!fields) reader_.refuse(quoted(entry) + " is not time,VRF,destination,packets");
-      if (first && (*fields)[timeField] == "time") continue;
-      const double time = timeOf((*fields)[timeField]);
-      const std::uint32_t hwVrfId = hwVrfIdFor((*fields)[vrfField]);
-      const auto addr = Platform::TextForm<IpAddr>::from((*fields)[destinationField]);
-      if (!addr) refuse((*fields)[destinationField], Platform::TextForm<IpAddr>::what);
-      flows.flowIs(time, {hwVrfId, *addr}, packetsOf((*fields)[packetsField]));
-    }
-  }
-
- private:
-  double timeOf(std::string_view text) const {
-    const auto time = Platform::TextForm<double>::from(text);
-    if (!time || *time < 0 || *time == std::numeric_limits<double>::infinity()) refuse(text, "a time in seconds");
-    return *time;
-  }
-  std::uint32_t packetsOf(std::string_view text) const {
-    const auto packets = Platform::TextForm<std::uint32_t>::from(text);
-    if (!packets || *packets == 0) refuse(text, "a number of packets (1 to 4294967295)");
-    return *packets;
-  }
-  // Asks for every name once.
-  std::uint32_t hwVrfIdFor(std::string_view name) {
-    const auto known = hwVrfIds_.find(std::string(name));
-    if (known != hwVrfIds_.end()) return known->second;
-    const auto vrfName = Platform::TextForm<L3::VrfName>::from(name);
-    const auto hwVrfId = vrfName ? hwVrfIdOf_(*vrfName) : std::nullopt;
-    if (!hwVrfId) reader_.refuse("there is no VRF " + quoted(name));
-    return hwVrfIds_[std::string(name)] = *hwVrfId;
-  }
-  [[noreturn]] void refuse(std::string_view text, const char* what) const {
-    reader_.refuse(quoted(text) + " is not " + what);
-  }
-
-  LineReader reader_;
-  const HwVrfIdOf& hwVrfIdOf_;
-  std::unordered_map<std::string, std::uint32_t> hwVrfIds_;
-};
+std::uint32_t packetsOf(const LineReader& reader, std::string_view text) {
+  const auto packets = Platform::TextForm<std::uint32_t>::from(text);
+  if (packets && *packets != 0) return *packets;
+  reader.refuse(quoted(text) + " is not a number of packets (1 to 4294967295)");
+}
 
 }  // namespace
 
-std::unique_ptr<Simulator::FlowList> readFlowFile(const std::string& file, const HwVrfIdOf& hwVrfIdOf) {
-  auto flows = std::make_unique<Simulator::FlowList>();
-  FlowFile(file, hwVrfIdOf).read(*flows);
-  return flows;
+RecordedFlows::RecordedFlows(const std::string& file) : flows_(std::make_unique<Simulator::FlowList>()) {
+  LineReader reader(file);
+  std::unordered_map<std::string, std::uint32_t> indexes;  // of vrfs_, by name
+  bool first = true;
+  for (std::string_view entry; reader.next(entry); first = false) {
+    const auto fields = fieldsOf(entry);
+    if (!fields) reader.refuse(quoted(entry) + " is not time,VRF,destination,packets");
+    if (first && (*fields)[timeField] == "time") continue;
+    const double time = timeOf(reader, (*fields)[timeField]);
+    const auto [vrf, isNew] =
+        indexes.try_emplace(std::string((*fields)[vrfField]), static_cast<std::uint32_t>(vrfs_.size()));
+    if (isNew) {
+      const auto name = Platform::TextForm<L3::VrfName>::from(vrf->first);
+      if (!name) reader.refuse(quoted(vrf->first) + " is not " + Platform::TextForm<L3::VrfName>::what);
+      vrfs_.push_back({*name, reader.place()});
+    }
+    const auto addr = Platform::TextForm<IpAddr>::from((*fields)[destinationField]);
+    if (!addr) reader.refuse(quoted((*fields)[destinationField]) + " is not " + Platform::TextForm<IpAddr>::what);
+    flows_->flowIs(time, {vrf->second, *addr}, packetsOf(reader, (*fields)[packetsField]));
+  }
+}
+
+std::unique_ptr<Simulator::FlowList> RecordedFlows::on(const HwVrfIdOf& hwVrfIdOf) {
+  std::vector<std::uint32_t> hwVrfIds;
+  for (const Vrf& vrf : vrfs_) {
+    const auto hwVrfId = hwVrfIdOf(vrf.name);
+    if (!hwVrfId) throw Platform::BadText(vrf.place + ": there is no VRF " + quoted(vrf.name.text()));
+    hwVrfIds.push_back(*hwVrfId);
+  }
+  flows_->hwVrfIdsAre(hwVrfIds);
+  return std::move(flows_);
 }
 
 }  // namespace Tools

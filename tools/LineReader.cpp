@@ -1,17 +1,20 @@
 #include "tools/LineReader.h"
 
+#include <unistd.h>
 #include <zlib.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "linux/InputFile.h"
+#include "platform/Printable.h"
 #include "platform/Text.h"
 
 namespace Tools {
 
 namespace {
 
-constexpr std::size_t maxLineLength = 4096;
+constexpr std::size_t maxLineLength = 65536;
 
 }  // namespace
 
@@ -19,8 +22,9 @@ void LineReader::Close::operator()(gzFile_s* file) const {
   gzclose(file);
 }
 
-LineReader::LineReader(const std::string& file)
-    : name_(file == "-" ? "standard input" : file), file_(file == "-" ? gzdopen(0, "rb") : gzopen(file.c_str(), "rb")) {
+LineReader::LineReader(const std::string& file) : name_(file == "-" ? "standard input" : file) {
+  const int fd = ::dup(file == "-" ? STDIN_FILENO : LinuxPlatform::openInput(file).get());
+  file_.reset(fd < 0 ? nullptr : gzdopen(fd, "rb"));
   if (file_ == nullptr) fail(std::strerror(errno));
   gzbuffer(file_.get(), 1 << 17);
 }
@@ -39,7 +43,11 @@ bool LineReader::nextLine() {
   int c = gzgetc(file);
   const bool more = c != -1;
   for (; c != -1 && c != '\n'; c = gzgetc(file)) {
-    if (line_.size() < maxLineLength) line_.push_back(static_cast<char>(c));
+    if (line_.size() == maxLineLength) {
+      ++lineNumber_;
+      refuse("a line over " + std::to_string(maxLineLength) + " bytes");
+    }
+    line_.push_back(static_cast<char>(c));
   }
   if (c == -1) checkEnd();  // before anybody takes a line that was cut for a bad one
   if (more) ++lineNumber_;
@@ -58,8 +66,12 @@ void LineReader::fail(const char* what) const {
   throw Platform::BadText(name_ + ": " + what);
 }
 
+std::string LineReader::place() const {
+  return name_ + ":" + std::to_string(lineNumber_);
+}
+
 void LineReader::refuse(const std::string& what) const {
-  throw Platform::BadText(name_ + ":" + std::to_string(lineNumber_) + ": " + what);
+  throw Platform::BadText(place() + ": " + what);
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -71,11 +83,7 @@ std::string_view trimmed(std::string_view text) {
 
 std::string quoted(std::string_view text) {
   constexpr std::size_t maxLength = 60;
-  std::string out(text.substr(0, maxLength));
-  for (char& c : out) {
-    if (c < ' ' || c > '~') c = '?';
-  }
-  return "'" + out + (text.size() > maxLength ? "...'" : "'");
+  return "'" + Platform::printable(text.substr(0, maxLength)) + (text.size() > maxLength ? "...'" : "'");
 }
 
 }  // namespace Tools

@@ -13,15 +13,17 @@ namespace Tools {
 // Reads a file's entries in their order. Every failure is a BadText of one line that names the file.
 class LineReader {
  public:
-  // "-" is standard input. Throws when the file cannot be opened.
+  // "-" is standard input, another name what openInput() has of it. Throws when the file cannot be opened.
   explicit LineReader(const std::string& file);
 
   // The next line that holds something besides blanks and a comment ('#' and all behind it), without these; valid until
-  // the next call. False behind the last one. A line longer than any sensible one arrives cut, so that a file without
-  // line ends does not fill the memory. Throws when the file cannot be read to its end.
+  // the next call. False behind the last one. Throws when the file cannot be read to its end, and for a line longer
+  // than any sensible one: a device may have no other end.
   bool next(std::string_view& entry);
 
-  // Throws BadText("FILE:LINE: <what>") for the entry read last.
+  // "FILE:LINE" of the entry read last.
+  std::string place() const;
+  // Throws BadText("FILE:LINE: <what>").
   [[noreturn]] void refuse(const std::string& what) const;
 
  private:
@@ -42,7 +44,7 @@ class LineReader {
 // The text without blanks around it.
 std::string_view trimmed(std::string_view text);
 
-// What somebody wrote, in single quotes and fit for one line of a terminal: no control bytes, cut when long.
+// What somebody wrote, in single quotes and fit for one line of a terminal: as printable() has it, cut when long.
 std::string quoted(std::string_view text);
 
 }  // namespace Tools

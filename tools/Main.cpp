@@ -10,8 +10,10 @@
 #include <string>
 
 #include "platform/Net.h"
+#include "platform/Printable.h"
 #include "platform/Text.h"
 #include "tools/Commands.h"
+#include "tools/Common.h"
 
 namespace {
 
@@ -28,7 +30,7 @@ void openStandardStreams() {
 
 int complain(std::string text, int exitCode) {
   std::replace(text.begin(), text.end(), '\n', ' ');
-  std::fprintf(stderr, "routecache: %s\n", text.c_str());
+  std::fprintf(stderr, "routecache: %s\n", Platform::printable(text).c_str());
   return exitCode;
 }
 
@@ -41,22 +43,16 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);  // so that a wrong one is named as what it is, not as a missing one
   app.get_formatter()->column_width(36);
   Tools::ToolContext context;
-  Tools::addRunCommand(app, context);
-  Tools::addRibCommand(app, context);
-  Tools::addFibCommand(app, context);
-  Tools::addSimulateCommand(app, context);
-  Tools::addTableCommand(app, context);
-  Tools::addControlCommands(app, context);
-  Tools::addShowCommand(app, context);
-  Tools::addTasksCommand(app, context);
-  Tools::addTraceCommand(app, context);
-  Tools::addCompletionCommands(app, context);
+  Tools::addCommands(app, context);
   try {
-    app.parse(argc, argv);
-    if (app.get_subcommands().empty()) return complain("a subcommand is wanted (--help tells more)", misused);
+    try {
+      app.parse(argc, argv);
+      if (app.get_subcommands().empty()) return complain("a subcommand is wanted (--help tells more)", misused);
+    } catch (const CLI::Success& help) {
+      app.exit(help);
+    }
+    Tools::flushOutput();
     return context.exitCode;
-  } catch (const CLI::Success& help) {
-    return app.exit(help);
   } catch (const CLI::ParseError& error) {
     return complain(std::string(error.what()) + " (--help tells more)", misused);
   } catch (const Platform::BadText& error) {

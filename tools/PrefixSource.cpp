@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include "tools/Common.h"
+#include "tools/OptionChecks.h"
 
 namespace Tools {
 
@@ -11,10 +12,12 @@ using Platform::BadText;
 void addPrefixSource(CLI::App& command, PrefixSource& source) {
   command.add_option("FILE", source.file, "Prefixes, one a line, plain or gzip; - is standard input");
   command.add_option("--generate", source.generate, "Make up this many IPv4 prefixes instead")
-      ->check(CLI::PositiveNumber);
+      ->check(wholeNumber(1, maxGeneratedPrefixes));
   command.add_option("--within", source.within, "With --generate: host routes inside this prefix, of either family")
       ->type_name("PREFIX");
-  command.add_option("--seed", source.seed, "Another seed, other prefixes")->capture_default_str();
+  command.add_option("--seed", source.seed, "Another seed, other prefixes")
+      ->check(wholeNumber(0))
+      ->capture_default_str();
 }
 
 void checkPrefixSource(const PrefixSource& source) {

@@ -1,6 +1,7 @@
 // routecache rib: the routing process's side. It writes the configured routes and their vias, and leaves.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/NexthopSets.h"
+#include "tools/OptionChecks.h"
 #include "tools/PrefixList.h"
 #include "tools/PrefixSource.h"
 #include "tools/Progress.h"
@@ -22,6 +24,7 @@ namespace {
 using Platform::BadText;
 using Routing::Rib::Route;
 using Routing::Rib::RouteKey;
+using Routing::Rib::RouteCache::Evpn::Via;
 using Routing::Rib::RouteCache::Evpn::ViaNexthop;
 
 // Options as they are written; they become values when the command runs, so that all bad ones are told alike.
@@ -42,6 +45,7 @@ struct RibOptions {
   std::uint32_t paths = 1;
   std::uint32_t sets = 0;
   std::uint32_t capacity = 0;
+  std::optional<std::uint64_t> viaBase;
   TunnelText tunnel;
   // add, del
   std::vector<std::string> prefixes;
@@ -51,9 +55,11 @@ struct RibOptions {
   bool all = false;
 };
 
+constexpr std::uint32_t maxVrfId = Routing::Rib::noVrfId - 1;
+
 std::uint32_t checkedVrfId(const char* option, std::uint32_t vrfId) {
-  if (vrfId < Routing::Rib::noVrfId) return vrfId;
-  throw BadText(std::string(option) + ": a VRF id is at most " + std::to_string(Routing::Rib::noVrfId - 1));
+  if (vrfId <= maxVrfId) return vrfId;
+  throw BadText(std::string(option) + ": a VRF id is at most " + std::to_string(maxVrfId));
 }
 
 // "1-64", "7", "1,5,10-12": ascending, each once.
@@ -100,6 +106,10 @@ RibCounts withRib(const RibOptions& options, Work&& work) {
 // What a change did beyond what was asked for, as the rest of a sentence.
 std::string sideEffects(const RibCounts& counts) {
   std::string text;
+  if (counts.routesStood != 0) {
+    text += "; " + std::to_string(counts.routesStood) + " of the routes stood already, " +
+            std::to_string(counts.routesMoved) + " of them with another via";
+  }
   if (counts.routesRewritten != 0) text += "; rewrote " + counted(counts.routesRewritten, "other route");
   if (counts.viasRemoved != 0) text += "; removed " + counted(counts.viasRemoved, "unused via");
   return text;
@@ -107,21 +117,39 @@ std::string sideEffects(const RibCounts& counts) {
 
 // --- load ------------------------------------------------------------------------------------------------------------
 
-// The n-th prefix goes to the n-th VRF and takes the n-th next-hop set, both in turn. The sets shift by one each time
-// the two turns come out even, so that every VRF meets every set.
-RibChange spread(const std::vector<IpGenPrefix>& prefixes, const std::vector<std::uint32_t>& vrfs,
-                 const NexthopSets& sets) {
-  RibChange change;
-  const std::size_t used = std::min<std::size_t>(sets.size(), prefixes.size());
-  for (std::uint32_t set = 0; set < used; ++set) change.vias.push_back(sets.via(set));
-  const std::size_t period = std::lcm(vrfs.size(), std::max<std::size_t>(used, 1));
-  change.routes.reserve(prefixes.size());
+// The n-th prefix goes to the n-th VRF and takes the n-th via, both in turn. The vias shift by one each time the two
+// turns come out even, so that every VRF meets every via.
+std::vector<Route> spread(const std::vector<IpGenPrefix>& prefixes, const std::vector<std::uint32_t>& vrfs,
+                          const std::vector<Via>& vias) {
+  std::vector<Route> routes;
+  const std::size_t period = std::lcm(vrfs.size(), std::max<std::size_t>(vias.size(), 1));
+  routes.reserve(prefixes.size());
   for (std::size_t i = 0; i < prefixes.size(); ++i) {
-    const std::size_t set = (i + i / period) % used;
-    change.routes.emplace_back(RouteKey(vrfs[i % vrfs.size()], prefixes[i]), change.vias[set].key());
+    const std::size_t via = (i + i / period) % vias.size();
+    routes.emplace_back(RouteKey(vrfs[i % vrfs.size()], prefixes[i]), vias[via].key());
   }
-  std::ranges::sort(change.routes, {}, &Route::key);
-  return change;
+  std::ranges::sort(routes, {}, &Route::key);
+  return routes;
+}
+
+// The first sets, as many as are needed, as vias: under the keys that --via-base names, whatever stands there; else
+// under keys that change no via that other routes name.
+std::vector<Via> viasFor(const NexthopSets& sets, std::size_t needed, const std::optional<std::uint64_t>& base,
+                         const RibWriter& rib) {
+  std::vector<RibWriter::Nexthops> nexthops;
+  for (std::uint32_t set = 0; set < std::min<std::size_t>(sets.size(), needed); ++set) {
+    nexthops.push_back(sets.via(set).nexthops());
+  }
+  const auto keys = base ? std::vector<std::uint64_t>() : rib.viaKeysFor(nexthops);
+  std::vector<Via> vias;
+  for (std::size_t i = 0; i < nexthops.size(); ++i) vias.emplace_back(base ? *base + i : keys[i], nexthops[i]);
+  return vias;
+}
+
+void checkViaBase(const std::optional<std::uint64_t>& base, const NexthopSets& sets) {
+  if (base && *base > std::numeric_limits<std::uint64_t>::max() - sets.size()) {
+    throw BadText("--via-base: " + counted(sets.size(), "key") + " from " + std::to_string(*base) + " are too many");
+  }
 }
 
 void load(const RibOptions& options) {
@@ -129,11 +157,16 @@ void load(const RibOptions& options) {
   const auto vrfs = vrfIds(options.vrfs);
   const NexthopSets sets({optionValue<IpGenAddr>("--vtep-base", options.vtepBase), options.vteps, options.paths,
                           options.sets, tunnelOptions(options.tunnel)});
+  checkViaBase(options.viaBase, sets);
   const PrefixList list = prefixesFrom(options.source);
-  const RibChange change = spread(list.prefixes, vrfs, sets);
+  RibChange change;
+  const auto counts = withRib(options, [&](RibWriter& rib) {
+    change.changesVias = options.viaBase.has_value();
+    change.vias = viasFor(sets, list.prefixes.size(), options.viaBase, rib);
+    change.routes = spread(list.prefixes, vrfs, change.vias);
+    rib.apply(change, options.capacity);
+  });
   const auto ipv4 = static_cast<std::size_t>(std::ranges::count_if(list.prefixes, &IpGenPrefix::isV4));
-  const auto counts = withRib(options, [&](RibWriter& rib) { rib.apply(change, options.capacity); });
-
   std::string text = "loaded " + counted(counts.routesWritten, "route") + " (" + std::to_string(ipv4) + " IPv4, " +
                      std::to_string(list.prefixes.size() - ipv4) + " IPv6) over " +
                      counted(std::min(vrfs.size(), list.prefixes.size()), "VRF") + " and " +
@@ -142,6 +175,8 @@ void load(const RibOptions& options) {
   if (list.duplicates != 0) text += "; " + counted(list.duplicates, "duplicate prefix line") + ", the last one counts";
   tell(options.json,
        {{"routes", counts.routesWritten},
+        {"routesStood", counts.routesStood},
+        {"routesMoved", counts.routesMoved},
         {"ipv4Routes", ipv4},
         {"ipv6Routes", list.prefixes.size() - ipv4},
         {"vias", change.vias.size()},
@@ -155,7 +190,7 @@ void load(const RibOptions& options) {
 // --- add -------------------------------------------------------------------------------------------------------------
 
 void add(const RibOptions& options) {
-  const std::uint32_t vrfId = checkedVrfId("--vrf", options.vrf.value());
+  const std::uint32_t vrfId = options.vrf.value();
   const auto prefixes = prefixesOf(options.prefixes);
   const TunnelOptions tunnel = tunnelOptions(options.tunnel);
   std::vector<ViaNexthop> nexthops;
@@ -163,14 +198,13 @@ void add(const RibOptions& options) {
     nexthops.push_back(nexthopTo(optionValue<IpGenAddr>("--vtep", vtep), tunnel));
     if (nexthops.back().remoteVtep.isEmpty()) throw BadText("--vtep: no address");
   }
-  if (nexthops.size() > Routing::Rib::RouteCache::Evpn::Via::maxNexthops) {
+  if (nexthops.size() > Via::maxNexthops) {
     throw BadText("--vtep: a via has at most 32 next hops");
   }
-  if (options.viaKey == 0U) throw BadText("--via: 0 names no via");
-
   const auto counts = withRib(options, [&](RibWriter& rib) {
     RibChange change;
-    const auto viaKey = options.viaKey ? *options.viaKey : rib.viaKeyFor(nexthops);
+    change.changesVias = options.viaKey.has_value();
+    const auto viaKey = options.viaKey ? *options.viaKey : rib.viaKeysFor({nexthops}).front();
     change.vias.emplace_back(viaKey, nexthops);
     for (const IpGenPrefix& prefix : prefixes) change.routes.emplace_back(RouteKey(vrfId, prefix), viaKey);
     std::ranges::sort(change.routes, {}, &Route::key);
@@ -180,6 +214,8 @@ void add(const RibOptions& options) {
   });
   tell(options.json,
        {{"routes", counts.routesWritten},
+        {"routesStood", counts.routesStood},
+        {"routesMoved", counts.routesMoved},
         {"viasWritten", counts.viasWritten},
         {"viasRemoved", counts.viasRemoved},
         {"routesRewritten", counts.routesRewritten}},
@@ -191,7 +227,6 @@ void add(const RibOptions& options) {
 void del(const RibOptions& options) {
   if (options.all && (options.vrf || !options.prefixes.empty())) throw BadText("--all leaves nothing to choose");
   if (!options.all && !options.vrf) throw BadText("rib del takes --vrf or --all");
-  if (options.vrf) checkedVrfId("--vrf", *options.vrf);
   std::set<RouteKey> named;
   for (const IpGenPrefix& prefix : prefixesOf(options.prefixes)) named.insert(RouteKey(*options.vrf, prefix));
 
@@ -222,7 +257,7 @@ void addWriteOptions(CLI::App& command, RibOptions& options) {
   command
       .add_option("--capacity", options.capacity,
                   "Entries of the route tables (default: what they have, or more where the routes need it)")
-      ->check(CLI::PositiveNumber);
+      ->check(wholeNumber(1, Pondra::maxCapacity));
 }
 
 void addLoad(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
@@ -231,10 +266,19 @@ void addLoad(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   addPrefixSource(*command, options.source);
   command->add_option("--vrfs", options.vrfs, "VRF ids to take in turn, such as 1-64 or 1,5,7")->capture_default_str();
   command->add_option("--vtep-base", options.vtepBase, "Address of the first VTEP")->capture_default_str();
-  command->add_option("--vteps", options.vteps, "Number of VTEPs, address by address")->capture_default_str();
-  command->add_option("--paths", options.paths, "Next hops of each via")->capture_default_str();
+  command->add_option("--vteps", options.vteps, "Number of VTEPs, address by address")
+      ->check(wholeNumber(1, std::numeric_limits<std::uint32_t>::max()))
+      ->capture_default_str();
+  command->add_option("--paths", options.paths, "Next hops of each via")
+      ->check(wholeNumber(1, Via::maxNexthops))
+      ->capture_default_str();
   command->add_option("--nexthop-sets", options.sets, "Different vias (default: one for each VTEP)")
-      ->check(CLI::PositiveNumber);
+      ->check(wholeNumber(1, std::numeric_limits<std::uint32_t>::max()));
+  command
+      ->add_option("--via-base", options.viaBase,
+                   "Key of the first via, the others follow it; vias that stand there change under their routes "
+                   "(default: vias that are equal, or new ones)")
+      ->check(wholeNumber(1));
   addWriteOptions(*command, options);
   addCommonOptions(*command, options);
   command->footer("Example: routecache rib load prefixes.txt.gz --vrfs 1-4 --vteps 200 --paths 2 --vni 10010");
@@ -245,9 +289,10 @@ void addAdd(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   RibOptions& options = *shared;
   CLI::App* command = rib.add_subcommand("add", "Write routes that share one via");
   command->add_option("PREFIX", options.prefixes, "Prefixes of either family")->required();
-  command->add_option("--vrf", options.vrf, "VRF id")->required();
+  command->add_option("--vrf", options.vrf, "VRF id")->required()->check(wholeNumber(0, maxVrfId));
   command->add_option("--vtep", options.vtepList, "VTEP addresses, A or A,B,...")->delimiter(',')->required();
-  command->add_option("--via", options.viaKey, "Key of the via (default: one that is equal, or a new one)");
+  command->add_option("--via", options.viaKey, "Key of the via (default: one that is equal, or a new one)")
+      ->check(wholeNumber(1));
   addWriteOptions(*command, options);
   addCommonOptions(*command, options);
   command->footer("Example: routecache rib add 10.1.0.0/16 --vrf 2 --vtep 10.255.0.1,10.255.0.2 --vni 10010");
@@ -258,7 +303,7 @@ void addDel(CLI::App& rib, const std::shared_ptr<RibOptions>& shared) {
   RibOptions& options = *shared;
   CLI::App* command = rib.add_subcommand("del", "Remove routes, and the vias that nothing names any more");
   command->add_option("PREFIX", options.prefixes, "Prefixes; none: all of the VRF");
-  command->add_option("--vrf", options.vrf, "VRF id");
+  command->add_option("--vrf", options.vrf, "VRF id")->check(wholeNumber(0, maxVrfId));
   command->add_flag("--all", options.all, "All routes of all VRFs");
   addCommonOptions(*command, options);
   command->footer("Example: routecache rib del 10.1.0.0/16 --vrf 2");

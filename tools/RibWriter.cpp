@@ -1,10 +1,24 @@
 #include "tools/RibWriter.h"
 
 #include <algorithm>
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
 
 #include "tools/TableWriting.h"
 
 namespace Tools {
+
+namespace {
+
+std::string bytesOf(const RibWriter::Via& via) {
+  std::array<std::byte, Pondra::TableTraits<RibWriter::Via>::maxValueSize> bytes;  // NOLINT: filled by encode
+  const std::size_t size = Pondra::TableTraits<RibWriter::Via>::encode(via, bytes.data());
+  return {reinterpret_cast<const char*>(bytes.data()), size};
+}
+
+}  // namespace
 
 RibWriter::RibWriter(Pondra::TableService& tables, Progress progress)
     : tables_(tables),
@@ -13,13 +27,24 @@ RibWriter::RibWriter(Pondra::TableService& tables, Progress progress)
       routes6_(mountToRead<RouteConfig>(tables, ipv6RoutePath)),
       vias_(mountToRead<ViaConfig>(tables, viaPath)) {}
 
-RibWriter::ViaKey RibWriter::viaKeyFor(const std::vector<ViaNexthop>& nexthops) const {
-  ViaKey free = 1;  // 0 names no via
+std::vector<RibWriter::ViaKey> RibWriter::viaKeysFor(const std::vector<Nexthops>& sets) const {
+  std::unordered_map<std::string, std::size_t> wanted;  // next hops as the table has them -> index of the set
+  for (std::size_t i = 0; i < sets.size(); ++i) wanted.emplace(bytesOf(Via(0, sets[i])), i);
+  std::vector<ViaKey> keys(sets.size(), 0);  // 0 names no via
+  std::vector<ViaKey> taken;
   for (const Via& via : *vias_) {
-    if (via.nexthops() == nexthops) return via.key();
-    if (via.key() == free) ++free;
+    taken.push_back(via.key());
+    const auto found = wanted.find(bytesOf(via));
+    if (found != wanted.end() && keys[found->second] == 0) keys[found->second] = via.key();
   }
-  return free;
+  ViaKey free = 1;
+  auto next = taken.begin();
+  for (ViaKey& key : keys) {
+    if (key != 0) continue;
+    for (; next != taken.end() && *next <= free; ++next) free = *next + 1;
+    key = free++;
+  }
+  return keys;
 }
 
 void RibWriter::writerIs(const RibChange& change, std::uint32_t capacity) {
@@ -37,8 +62,19 @@ void RibWriter::writerIs(const RibChange& change, std::uint32_t capacity) {
   mountToWrite(tables_, ipv6RoutePath, routes6_, capacity6);
 }
 
+// The keys were chosen while another process could still write.
+void RibWriter::checkViasKept(const std::vector<Via>& vias) const {
+  for (const Via& via : vias) {
+    const auto standing = vias_->via(via.key());
+    if (!standing || *standing == via) continue;
+    throw std::runtime_error(std::string(viaPath) + ": another process has taken the via " + std::to_string(via.key()) +
+                             " meanwhile; nothing is written, try again");
+  }
+}
+
 void RibWriter::apply(const RibChange& change, std::uint32_t capacity) {
   writerIs(change, capacity);
+  if (!change.changesVias) checkViasKept(change.vias);
   std::set<ViaKey> changedVias;
   for (const Via& via : change.vias) {
     progress_();
@@ -57,7 +93,11 @@ void RibWriter::apply(const RibChange& change, std::uint32_t capacity) {
     const auto before = routes.route(route.key());
     routes.routeIs(route);
     ++counts_.routesWritten;
-    if (before && before->viaKey() != route.viaKey()) releasedVias_.insert(before->viaKey());
+    if (!before) continue;
+    ++counts_.routesStood;
+    if (before->viaKey() == route.viaKey()) continue;
+    ++counts_.routesMoved;
+    releasedVias_.insert(before->viaKey());
   }
   removeReleasedVias();
 }
@@ -78,11 +118,11 @@ void RibWriter::remove(const std::function<bool(const RouteKey&)>& doomed) {
     for (const Route& route : *routes) {
       if (!doomed(route.key())) continue;
       progress_();
-      releasedVias_.insert(route.viaKey());
       routes->routeDel(route.key());
       ++counts_.routesRemoved;
     }
   }
+  for (const Via& via : *vias_) releasedVias_.insert(via.key());
   removeReleasedVias();
 }
 

@@ -1,8 +1,9 @@
 // `routecache run`: the launcher. It owns everything that the agent works with and drives the agent from its event
 // loop.
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 
 #include "linux/ControlOperations.h"
@@ -14,6 +15,7 @@
 #include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
+#include "tools/OptionChecks.h"
 #include "tools/TableDelivery.h"
 
 namespace Tools {
@@ -39,27 +41,26 @@ class Launcher {
  private:
   void serveOperators();
 
-  RunDirectory directory_;
+  std::optional<RunDirectory> directory_;  // once options and scenario are known to be good; held until the end
   EventLoop loop_;
   AgentHost host_;
-  TableDelivery delivery_;
+  std::optional<TableDelivery> delivery_;
   std::unique_ptr<ControlSocket> control_;
 };
 
 Launcher::Launcher(const RunOptions& options)
-    : directory_(options.agent.runDir),
-      loop_(options.timeSliceMilliseconds / 1000),
-      host_(options.agent, loop_, [this] { delivery_.wanted(); }),
-      delivery_(loop_, host_.tables()) {
+    : loop_(options.timeSliceMilliseconds / 1000), host_(options.agent, loop_) {
+  directory_.emplace(options.agent.runDir);
+  delivery_.emplace(loop_, host_.openTables([this] { delivery_->wanted(); }));
   serveOperators();
   host_.start([this] {
-    std::printf("ready: agent %s in %s\n", host_.agentName().c_str(), directory_.path().c_str());
-    std::fflush(stdout);
+    tell(false, {}, "ready: agent " + host_.agentName() + " in " + directory_->path());
+    flushOutput();  // who waits for the line waits for ever without it: an agent that cannot tell it ends
   });
 }
 
 void Launcher::serveOperators() {
-  control_ = std::make_unique<ControlSocket>(loop_, RunDirectory::controlPath(directory_.path()));
+  control_ = std::make_unique<ControlSocket>(loop_, RunDirectory::controlPath(directory_->path()));
   LinuxPlatform::addEntityOperations(*control_, host_.stateDb());
   LinuxPlatform::addTaskOperation(*control_, loop_);
   LinuxPlatform::addCommandOperation(*control_, host_.commands());
@@ -86,6 +87,9 @@ void addRunCommand(CLI::App& app, ToolContext&) {
       ->type_name("LIB")
       ->capture_default_str();
   command->add_option("--name", options->agent.agentName, "The agent's name, which its trace file is called after")
+      ->check(
+          [](const std::string& name) { return name.find('/') == std::string::npos ? "" : "a file's name has no '/'"; },
+          "")
       ->capture_default_str();
   command
       ->add_option("--trace", options->agent.trace,
@@ -94,7 +98,7 @@ void addRunCommand(CLI::App& app, ToolContext&) {
       ->take_all();
   command->add_option("--time-slice", options->timeSliceMilliseconds, "Longest run of a task")
       ->type_name("MS")
-      ->check(CLI::Range(0.01, 1000.0))
+      ->check(realNumber(0.01, 1000))
       ->capture_default_str();
   command->callback([options] {
     LinuxPlatform::raiseDescriptorLimit();

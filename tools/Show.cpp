@@ -1,10 +1,8 @@
 // `routecache show`: the show commands of a running agent. They are the texts that the switch's command line sends;
 // what the agent answers goes to standard output as it comes, however long it is.
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -38,8 +36,7 @@ struct ShowOptions {
 
 // The agent finds commands and marks anywhere in the text: a name that holds one cannot be asked for.
 const std::string& speakableVrf(const std::string& name) {
-  if (name.empty()) throw BadText("--vrf: a VRF has a name");
-  const L3::VrfName fits(name);
+  optionValue<L3::VrfName>("--vrf", name);
   for (const std::string_view word : {vrfMark, prefixMark, thresholdCommand, summaryCommand, routesCommand}) {
     if (name.find(word) != std::string::npos) {
       throw BadText("--vrf: a show command cannot carry '" + std::string(word) + "' in the name of a VRF");
@@ -65,8 +62,8 @@ std::string routesText(const ShowOptions& options) {
 }
 
 void writeOut(std::string_view bytes) {
-  if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() && std::fflush(stdout) == 0) return;
-  throw std::runtime_error(std::string("standard output: ") + std::strerror(errno));
+  std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+  flushOutput();
 }
 
 void show(const ShowOptions& options, const std::string& command) {

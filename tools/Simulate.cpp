@@ -14,6 +14,8 @@
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/ControlClient.h"
+#include "tools/OptionChecks.h"
+#include "tools/PrefixList.h"
 #include "tools/Simulation.h"
 #include "tools/TableDelivery.h"
 #include "tools/TrafficOptions.h"
@@ -39,7 +41,7 @@ struct SimulateOptions {
 // Waits until the agent, its tables and configured routes are there; then forwards until it is stopped.
 class ForwardingProcess {
  public:
-  explicit ForwardingProcess(const SimulateOptions& options);
+  ForwardingProcess(const SimulateOptions& options, TrafficPlan& plan);
   void run();
 
  private:
@@ -48,6 +50,7 @@ class ForwardingProcess {
   SwitchVrfs vrfs() const;
 
   const SimulateOptions& options_;
+  TrafficPlan& plan_;
   LinuxPlatform::EventLoop loop_;
   Platform::TableTypes types_;
   LinuxPlatform::SharedTableService tables_;
@@ -60,8 +63,9 @@ class ForwardingProcess {
 
 constexpr double startInterval = 0.5;  // seconds between two looks
 
-ForwardingProcess::ForwardingProcess(const SimulateOptions& options)
+ForwardingProcess::ForwardingProcess(const SimulateOptions& options, TrafficPlan& plan)
     : options_(options),
+      plan_(plan),
       types_(allTableTypes()),
       tables_(options.runDir, types_, [this] { delivery_.wanted(); }),
       delivery_(loop_, tables_),
@@ -83,7 +87,7 @@ std::string ForwardingProcess::whatIsMissing() {
   } catch (const std::exception& error) {
     return std::string("the agent: ") + error.what();
   }
-  return inputs_.destinations.empty() && options_.traffic.flows.empty() ? "configured host routes" : "";
+  return inputs_.destinations.empty() && !plan_.flows ? "configured host routes" : "";
 }
 
 void ForwardingProcess::handleStart() {
@@ -94,7 +98,7 @@ void ForwardingProcess::handleStart() {
     startTask_->scheduleWithin(startInterval);
     return;
   }
-  simulation_.emplace(tables_, loop_, trafficFrom(options_.traffic, std::move(inputs_)), options_.simulation);
+  simulation_.emplace(tables_, loop_, trafficFrom(plan_, std::move(inputs_)), options_.simulation);
   simulation_->whenOverIs([this] { loop_.stop(); });
 }
 
@@ -113,13 +117,14 @@ void interrupt(int /*signal*/) {
   interrupted = 1;
 }
 
-void simulateInProcess(const SimulateOptions& options) {
+void simulateInProcess(const SimulateOptions& options, TrafficPlan& plan) {
   constexpr double stride = 1;  // virtual seconds between two looks at the end
   std::signal(SIGINT, interrupt);
   std::signal(SIGTERM, interrupt);
   if (!hangupIsIgnored()) std::signal(SIGHUP, interrupt);
+  std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away must not leave the switch's directory behind
   VirtualSwitch virtualSwitch(options.virtualSwitch);
-  auto traffic = trafficFrom(options.traffic, trafficInputs(virtualSwitch.planeTables(), virtualSwitch.vrfs()));
+  auto traffic = trafficFrom(plan, trafficInputs(virtualSwitch.planeTables(), virtualSwitch.vrfs()));
   if (!Simulator::ForwardingPlane::tablesExist(virtualSwitch.planeTables())) {
     throw std::runtime_error("the agent made no tables");
   }
@@ -134,47 +139,51 @@ void simulateInProcess(const SimulateOptions& options) {
 // --- The command line ------------------------------------------------------------------------------------------------
 
 void simulate(const SimulateOptions& given) {
-  constexpr double defaultDuration = 3600;  // seconds of virtual time
+  constexpr double defaultDuration = 3600;    // seconds of virtual time
+  constexpr double mostPacketsPerTick = 1e8;  // they lie in memory together
   SimulateOptions options = given;
   rowFormatOf(options.simulation.out);
-  zipfSettings(options.traffic);
+  if (options.inProcess && options.virtualSwitch.scenario.empty()) throw BadText("--in-process takes a --scenario");
   options.simulation.forwarding.tick = options.tick.value_or(options.inProcess ? 0.1 : 0.02);
+  if (options.traffic.zipf.rate * options.simulation.forwarding.tick > mostPacketsPerTick) {
+    throw BadText("--rate: over " + Platform::toText(mostPacketsPerTick) + " packets in one --tick");
+  }
+  TrafficPlan plan = trafficPlan(options.traffic);
   if (!options.inProcess) {
-    ForwardingProcess(options).run();
+    ForwardingProcess(options, plan).run();
     return;
   }
-  if (options.virtualSwitch.scenario.empty()) throw BadText("--in-process takes a --scenario");
   if (!options.simulation.duration && options.traffic.flows.empty()) options.simulation.duration = defaultDuration;
   options.virtualSwitch.seed = options.traffic.zipf.seed;
-  simulateInProcess(options);
+  simulateInProcess(options, plan);
 }
 
 void addPlaneOptions(CLI::App& command, SimulateOptions& options) {
   auto& forwarding = options.simulation.forwarding;
   command
       .add_option("--hw-capacity", forwarding.hardware.capacity, "Routes in hardware (default: its table's capacity)")
-      ->check(CLI::PositiveNumber);
+      ->check(wholeNumber(1, Pondra::maxCapacity));
   command
       .add_option("--hw-rate", forwarding.hardware.routesPerSecond, "Routes per second that hardware programs; 0: all")
-      ->check(CLI::NonNegativeNumber)
+      ->check(realNumber(0, mostPerSecond))
       ->capture_default_str();
   command.add_option("--sfe-rate", forwarding.sfe.routesPerSecond, "Routes per second that the SFE programs; 0: all")
-      ->check(CLI::NonNegativeNumber)
+      ->check(realNumber(0, mostPerSecond))
       ->capture_default_str();
   command.add_option("--sfe-idle", forwarding.sfe.idleTime, "Seconds without a hit until the SFE forgets it")
-      ->check(CLI::PositiveNumber)
+      ->check(realNumber(leastSeconds, mostSeconds))
       ->capture_default_str();
   command.add_option("--tick", options.tick, "Seconds of traffic in one go (default 0.02, in process 0.1)")
-      ->check(CLI::Range(0.001, 10.0));
+      ->check(realNumber(leastSeconds, 10));
 }
 
 void addReportOptions(CLI::App& command, SimulateOptions& options) {
   command
       .add_option("--duration", options.simulation.duration,
                   "Seconds (default: until stopped or the flows end; in process 3600)")
-      ->check(CLI::PositiveNumber);
+      ->check(realNumber(leastSeconds, mostSeconds));
   command.add_option("--interval", options.simulation.interval, "Seconds between two lines")
-      ->check(CLI::PositiveNumber)
+      ->check(realNumber(leastSeconds, mostSeconds))
       ->capture_default_str();
   command.add_option("--out", options.simulation.out, "Also to this file, .csv or .json")->type_name("FILE");
   command.add_flag("--yardsticks", options.simulation.yardsticks,
@@ -188,7 +197,7 @@ void addInProcessOptions(CLI::App& command, SimulateOptions& options) {
   auto& virtualSwitch = options.virtualSwitch;
   command.add_option("--scenario", virtualSwitch.scenario, "The agent's scenario")->type_name("FILE")->needs(inProcess);
   command.add_option("--routes", virtualSwitch.routes, "Host routes to configure")
-      ->check(CLI::PositiveNumber)
+      ->check(wholeNumber(1, maxGeneratedPrefixes))
       ->needs(inProcess)
       ->capture_default_str();
   command.add_option("--within", virtualSwitch.within, "Where they lie: the cached prefix of every VRF")

@@ -98,7 +98,9 @@ Simulation::Simulation(Pondra::TableService& tables, Platform::TaskScheduler& sc
     const auto destinations = static_cast<std::uint32_t>(traffic_->destinations().size());
     yardsticks_ = std::make_unique<Yardsticks>(plane_.hardware().capacity(), destinations);
   }
+  errno = 0;
   report_.emplace(plane_, settings.interval, std::cout, &file_, format);
+  checkOutput();
   plane_.afterTickIs([this] { handleTick(); });
 }
 
@@ -108,6 +110,7 @@ void Simulation::handleTick() {
     yardsticks_->lfu.requests(plane_.time(), plane_.bursts());
     yardsticks_->optimum.requests(plane_.time(), plane_.bursts());
   }
+  errno = 0;
   report_->handleTick();
   checkOutput();
   if (!over()) return;

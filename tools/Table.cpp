@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <iomanip>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -15,14 +16,17 @@
 #include <set>
 
 #include "linux/SharedTable.h"
+#include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
+#include "tools/OptionChecks.h"
 
 namespace Tools {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+using Platform::printable;
 using Pondra::TableEntity;
 
 struct TableOptions {
@@ -54,7 +58,7 @@ Json entryJson(const TableEntity::TextEntry& entry) {
 // One array, written element by element, each on a line of its own.
 class JsonArray {
  public:
-  JsonArray() { std::cout << '[' << std::flush; }
+  JsonArray() { std::cout << '['; }
   void add(const Json& element) {
     std::cout << (empty_ ? "\n" : ",\n") << element.dump(-1, ' ', false, Json::error_handler_t::replace);
     empty_ = false;
@@ -68,6 +72,11 @@ class JsonArray {
 // --- list ------------------------------------------------------------------------------------------------------------
 
 void list(const TableOptions& options) {
+  std::error_code error;
+  if (const auto kind = std::filesystem::status(options.runDir, error).type();
+      kind != std::filesystem::file_type::directory && kind != std::filesystem::file_type::not_found) {
+    throw std::runtime_error(options.runDir + ": " + std::strerror(ENOTDIR));
+  }
   const auto tables = LinuxPlatform::tableFiles(options.runDir);
   if (options.json) {
     JsonArray array;
@@ -93,14 +102,14 @@ void list(const TableOptions& options) {
   }
   const auto row = [&](const std::string& path, const std::string& type, const std::string& entries,
                        const std::string& capacity, const std::string& writer) {
-    std::cout << std::left << std::setw(static_cast<int>(width) + 2) << path
+    std::cout << std::left << std::setw(static_cast<int>(width) + 2) << printable(path)
               << std::setw(static_cast<int>(typeWidth) + 2) << type << std::right << std::setw(10) << entries
               << std::setw(10) << capacity << "  " << writer << '\n';
   };
   row("PATH", "TYPE", "ENTRIES", "CAPACITY", "WRITER");
   for (const auto& table : tables) {
     if (!table.fault.empty()) {
-      std::cout << table.path << "  " << table.fault << '\n';
+      std::cout << printable(table.path) << "  " << printable(table.fault) << '\n';
       continue;
     }
     row(table.path, table.typeName, std::to_string(table.size), std::to_string(table.capacity),
@@ -129,7 +138,7 @@ class OpenTable {
   OpenTable(const TableOptions& options, Pondra::MountKind kind)
       : typeName_(tableTypeOf(options)), types_(allTableTypes()), service_(options.runDir, types_) {
     service_.corruptionHandlerIs([this](const std::string& path, const std::string& what) {
-      if (told_.insert(what).second) std::cerr << path << ": " << what << std::endl;
+      if (told_.insert(what).second) std::cerr << printable(path + ": " + what) << std::endl;
     });
     service_.mount(options.path, typeName_, kind);
     table_ = service_.entity(options.path);
@@ -148,7 +157,8 @@ class OpenTable {
 void showOne(TableEntity& table, const TableOptions& options) {
   const auto entry = table.findText(options.key);
   if (!entry) throw std::runtime_error(options.path + ": there is no entry " + options.key);
-  std::cout << (options.json ? entryJson(*entry).dump(-1, ' ', false, Json::error_handler_t::replace) : entry->text)
+  std::cout << (options.json ? entryJson(*entry).dump(-1, ' ', false, Json::error_handler_t::replace)
+                             : printable(entry->text))
             << '\n';
 }
 
@@ -163,9 +173,9 @@ void show(const TableOptions& options) {
     if (array) {
       array->add(entryJson(entry));
     } else {
-      std::cout << entry.text << '\n';
+      std::cout << printable(entry.text) << '\n';
     }
-    return ++shown != options.limit;
+    return std::cout && ++shown != options.limit;
   });
   if (array) array->close();
 }
@@ -216,7 +226,7 @@ class ChangeWriter {
     if (array_) {
       array_->add(entry ? Json{{"key", key}, {"value", entryJson(*entry)}} : Json{{"key", key}, {"removed", true}});
     } else {
-      std::cout << key << ' ' << (entry ? entry->text : "removed") << '\n';
+      std::cout << printable(key) << ' ' << (entry ? printable(entry->text) : "removed") << '\n';
     }
   }
   void close() {
@@ -242,7 +252,7 @@ void watch(const TableOptions& options) {
   for (;;) {
     unsigned delivered = 0;  // an interrupt must get through a flood of changes
     const bool idle = service.deliverChanges([&] { return changes->done() || ++delivered == 1024; });
-    std::cout.flush();
+    flushOutput();
     if (changes->done()) break;
     if (::poll(events, std::size(events), idle ? lookAfter : 0) < 0 && errno != EINTR) {
       throw std::runtime_error(std::string("poll: ") + std::strerror(errno));
@@ -275,14 +285,14 @@ void addTableCommand(CLI::App& app, ToolContext& /*context*/) {
   showing->add_option("PATH", options->path, "The table's mount path")->required();
   showing->add_option("KEY", options->key, "Show only this entry");
   showing->add_option("--from", options->from, "Begin with the first key that is not below this one");
-  showing->add_option("--limit", options->limit, "Show at most this many entries")->check(CLI::PositiveNumber);
+  showing->add_option("--limit", options->limit, "Show at most this many entries")->check(wholeNumber(1));
   addCommonOptions(*showing, *options);
   showing->footer("Example: routecache table show routecache/adj/ipv4 1 --json");
   showing->callback([options] { show(*options); });
 
   CLI::App* watching = table->add_subcommand("watch", "The changes of a table as they come, until interrupted");
   watching->add_option("PATH", options->path, "The table's mount path")->required();
-  watching->add_option("--count", options->count, "End after this many changes")->check(CLI::PositiveNumber);
+  watching->add_option("--count", options->count, "End after this many changes")->check(wholeNumber(1));
   addCommonOptions(*watching, *options);
   watching->footer("Example: routecache table watch routecache/route/hw/ipv4 --count 10");
   watching->callback([options] { watch(*options); });

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/Printable.h"
 #include "platform/Text.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
@@ -23,7 +24,7 @@ double milliseconds(const Json& task, const char* name) {
 }
 
 void printTask(const Json& task) {
-  const auto text = [&](const char* name) { return task.value(name, ""); };
+  const auto text = [&](const char* name) { return Platform::printable(task.value(name, "")); };
   std::printf("%-34s %8s %10s %12s %12s %12.3f %12.1f %12.3f\n", text("name").c_str(), text("priority").c_str(),
               text("runs").c_str(), text("workDone").c_str(), text("workPending").c_str(),
               milliseconds(task, "longestRun"), milliseconds(task, "totalRun"), milliseconds(task, "longestWait"));

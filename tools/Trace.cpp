@@ -7,8 +7,10 @@
 
 #include "linux/TraceFile.h"
 #include "platform/AgentBase.h"
+#include "platform/Printable.h"
 #include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
+#include "tools/OptionChecks.h"
 
 namespace Tools {
 
@@ -41,7 +43,7 @@ void printLine(const LinuxPlatform::TraceLine& line) {
   gmtime_r(&seconds, &utc);
   std::printf("%04d-%02d-%02dT%02d:%02d:%02d.%06uZ %u %s: %s\n", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
               utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<unsigned>(line.time % second / 1000), line.level,
-              line.handle.c_str(), line.text.c_str());
+              Platform::printable(line.handle).c_str(), Platform::printable(line.text).c_str());
 }
 
 void printTrace(const TraceOptions& options) {
@@ -61,7 +63,7 @@ void addTraceCommand(CLI::App& app, ToolContext&) {
   command->add_option("FILE", options->file, "The trace file")->required();
   command->add_option("--level", options->level, "The highest level to print")
       ->type_name("N")
-      ->check(CLI::Range(0, 9))
+      ->check(wholeNumber(0, 9))
       ->capture_default_str();
   command->add_option("--handle", options->handle, "The one handle to print");
   command->add_option("--agent", options->agentLibrary, "The library of the agent that traced")

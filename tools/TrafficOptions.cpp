@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "platform/Text.h"
+#include "tools/OptionChecks.h"
 
 namespace Tools {
 
@@ -56,22 +57,25 @@ Simulator::ScanAttack scanFrom(const std::string& text) {
 
 void addTrafficOptions(CLI::App& command, TrafficOptions& options) {
   auto& zipf = options.zipf;
-  const auto number = [&command]<class T>(const char* name, T& value, const char* what) {
-    return command.add_option(name, value, what)->capture_default_str();
+  const auto number = [&command]<class T>(const char* name, T& value, const CLI::Validator& range, const char* what) {
+    return command.add_option(name, value, what)->check(range)->capture_default_str();
   };
   const std::vector<CLI::Option*> made{
-      number("--exponent", zipf.exponent, "Of the Zipf-Mandelbrot law that draws destinations; 0: all alike"),
-      number("--shift", zipf.shift, "Of the law; larger: the first ranks more alike"),
-      number("--rate", zipf.rate, "Packets per second"),
-      number("--drift", zipf.drift, "Share of the ranks that are reshuffled in every minute, 0 to 1"),
-      number("--hot-share", zipf.hotShare, "Share of the ranks that crowds and scans leave out, 0 to 1"),
+      number("--exponent", zipf.exponent, realNumber(0, Simulator::ZipfMandelbrot::maxExponent),
+             "Of the Zipf-Mandelbrot law that draws destinations; 0: all alike"),
+      number("--shift", zipf.shift, realNumber(0, Simulator::ZipfMandelbrot::maxShift),
+             "Of the law; larger: the first ranks more alike"),
+      number("--rate", zipf.rate, realNumber(0.001, mostPerSecond), "Packets per second"),
+      number("--drift", zipf.drift, realNumber(0, 1), "Share of the ranks that are reshuffled in every minute, 0 to 1"),
+      number("--hot-share", zipf.hotShare, realNumber(0, 1),
+             "Share of the ranks that crowds and scans leave out, 0 to 1"),
       command
           .add_option("--flash-crowd", options.crowds,
                       "START:DURATION:SHARE:DESTINATIONS, a share of the packets to so many cold destinations")
           ->type_name("CROWD"),
       command.add_option("--scan-attack", options.scan, "START:RATE[:DURATION], a packet to each cold destination")
           ->type_name("SCAN")};
-  number("--seed", zipf.seed, "Another seed, other traffic");
+  number("--seed", zipf.seed, wholeNumber(0), "Another seed, other traffic");
   auto* flows = command
                     .add_option("--flows", options.flows,
                                 "Replay flows instead, \"time,VRF,destination,packets\" a line, plain or gzip")
@@ -79,16 +83,18 @@ void addTrafficOptions(CLI::App& command, TrafficOptions& options) {
   for (auto* option : made) flows->excludes(option);
 }
 
-Simulator::ZipfSettings zipfSettings(const TrafficOptions& options) {
-  Simulator::ZipfSettings settings = options.zipf;
-  for (const auto& crowd : options.crowds) settings.crowds.push_back(crowdFrom(crowd));
-  if (!options.scan.empty()) settings.scan = scanFrom(options.scan);
-  return settings;
+TrafficPlan trafficPlan(const TrafficOptions& options) {
+  TrafficPlan plan{options.zipf, std::nullopt};
+  for (const auto& crowd : options.crowds) plan.zipf.crowds.push_back(crowdFrom(crowd));
+  if (!options.scan.empty()) plan.zipf.scan = scanFrom(options.scan);
+  plan.zipf = Simulator::checked(std::move(plan.zipf));
+  if (!options.flows.empty()) plan.flows.emplace(options.flows);
+  return plan;
 }
 
-std::unique_ptr<Simulator::TrafficSource> trafficFrom(const TrafficOptions& options, TrafficInputs inputs) {
-  if (!options.flows.empty()) return readFlowFile(options.flows, inputs.hwVrfIdOf);
-  return std::make_unique<Simulator::ZipfTraffic>(std::move(inputs.destinations), zipfSettings(options));
+std::unique_ptr<Simulator::TrafficSource> trafficFrom(TrafficPlan& plan, TrafficInputs inputs) {
+  if (plan.flows) return plan.flows->on(inputs.hwVrfIdOf);
+  return std::make_unique<Simulator::ZipfTraffic>(std::move(inputs.destinations), plan.zipf);
 }
 
 }  // namespace Tools

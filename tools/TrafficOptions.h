@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -28,15 +29,20 @@ struct TrafficOptions {
 // Adds --exponent, --shift, --seed, --rate, --drift, --hot-share, --flash-crowd, --scan-attack and --flows.
 void addTrafficOptions(CLI::App& command, TrafficOptions& options);
 
-// The settings with the crowds and the scan put in. Throws BadText for texts that are none.
-Simulator::ZipfSettings zipfSettings(const TrafficOptions& options);
+// What the options come to, as far as that can be told without a switch.
+struct TrafficPlan {
+  Simulator::ZipfSettings zipf;        // with the crowds and the scan put in
+  std::optional<RecordedFlows> flows;  // instead
+};
+// Reads the flows. Throws BadText or RangeError for options that make no traffic on any switch.
+TrafficPlan trafficPlan(const TrafficOptions& options);
 
 // What a traffic source has to know of the switch.
 struct TrafficInputs {
   std::vector<Simulator::Destination> destinations;  // for made-up traffic, in order
   HwVrfIdOf hwVrfIdOf;                               // for flows
 };
-// Throws BadText or RangeError for options that make no traffic.
-std::unique_ptr<Simulator::TrafficSource> trafficFrom(const TrafficOptions& options, TrafficInputs inputs);
+// Once. Throws BadText or RangeError for a plan that makes no traffic on this switch.
+std::unique_ptr<Simulator::TrafficSource> trafficFrom(TrafficPlan& plan, TrafficInputs inputs);
 
 }  // namespace Tools

@@ -99,12 +99,13 @@ VirtualSwitch::Directory::~Directory() {
 
 VirtualSwitch::VirtualSwitch(const VirtualSwitchSettings& settings)
     : types_(allTableTypes()),
-      host_(hostSettings(settings, directory_.path()), scheduler_, {}),
+      host_(hostSettings(settings, directory_.path()), scheduler_),
       planeTables_(directory_.path(), types_) {
   const auto status = entityAt<Routing::Hardware::Status>(host_.stateDb(), "routing/hardware/status");
   if (!status || !status->hwRouteCachingEnabled()) {
     throw BadText("--scenario: hardware route caching is off in it (hwRouteCachingEnabled)");
   }
+  host_.openTables({});
   writeInputs(settings);
   scheduler_.yieldAfterEntriesIs(entriesPerSlice);
   scheduler_.afterRunIs([this] {

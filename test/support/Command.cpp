@@ -47,6 +47,10 @@ std::vector<std::string> words(const std::string& text) {
 // In the new process.
 [[noreturn]] void become(std::vector<char*> argv, int in, int out, int err) {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  for (int signal = 1; signal < NSIG; ++signal) ::signal(signal, SIG_DFL);  // those of the C library's own stay
+  sigset_t none;
+  ::sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
   ::dup2(in, STDIN_FILENO);
   ::dup2(out, STDOUT_FILENO);
   ::dup2(err, STDERR_FILENO);
@@ -63,7 +67,7 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-Command::Command(const std::string& arguments, const std::string& input) {
+Command::Command(const std::string& arguments, const std::string& input, const char* outFile) {
   std::vector<std::string> all = words(arguments);
   all.insert(all.begin(), ROUTECACHE_COMMAND);
   std::vector<char*> argv;
@@ -73,6 +77,7 @@ Command::Command(const std::string& arguments, const std::string& input) {
   std::array<int, 2> out{};
   std::array<int, 2> err{};
   PLATFORM_ASSERT(::pipe2(out.data(), O_CLOEXEC) == 0 && ::pipe2(err.data(), O_CLOEXEC) == 0);
+  if (outFile != nullptr) PLATFORM_ASSERT(::dup3(::open(outFile, O_WRONLY), out[1], O_CLOEXEC) >= 0);
   const int in = readable(input);
   process_ = ::fork();
   PLATFORM_ASSERT(process_ >= 0);

@@ -21,12 +21,13 @@ struct Outcome {
 };
 
 // One process, from its start until wait() or stop(). It outlives neither the object nor the test's own process: both
-// kill it. What takes minutes fails the test and is not waited for any longer.
+// kill it. Signals have their default dispositions, whatever the test's own process was started
+// with. What takes minutes fails the test and is not waited for any longer.
 class Command {
  public:
   // `arguments` as one text, parted by blanks; 'quotes' hold an argument with blanks, or an empty one. `input` is its
-  // standard input.
-  explicit Command(const std::string& arguments, const std::string& input = "");
+  // standard input. Its standard output goes to a file that `outFile` names, if any.
+  explicit Command(const std::string& arguments, const std::string& input = "", const char* outFile = nullptr);
   ~Command();
   Command(const Command&) = delete;
   Command& operator=(const Command&) = delete;

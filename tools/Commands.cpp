@@ -1,0 +1,21 @@
+#include "tools/Commands.h"
+
+#include "tools/OptionChecks.h"
+
+namespace Tools {
+
+void addCommands(CLI::App& app, ToolContext& context) {
+  addRunCommand(app, context);
+  addRibCommand(app, context);
+  addFibCommand(app, context);
+  addSimulateCommand(app, context);
+  addTableCommand(app, context);
+  addControlCommands(app, context);
+  addShowCommand(app, context);
+  addTasksCommand(app, context);
+  addTraceCommand(app, context);
+  addCompletionCommands(app, context);
+  refuseEmptyValues(app);
+}
+
+}  // namespace Tools
