@@ -157,9 +157,9 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const s
   if (sizeOf(fd.get()) < geometry.fileSize) refuse(path, "the file is shorter than its header says");
   std::byte* base = map(fd.get(), geometry.fileSize, writable);
   if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
-  std::unique_ptr<TableFile> file(new TableFile(name, std::move(fd), geometry, header.capacity, base));
-  if (!writable) file->fd_ = FileDescriptor();  // thousands of tables may be read at a time
-  return file;
+  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, header.capacity, base));
+  if (!writable) table->fd_ = FileDescriptor();  // thousands of tables may be read at a time
+  return table;
 }
 
 std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const std::string& path,
