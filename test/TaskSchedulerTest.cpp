@@ -169,6 +169,23 @@ TYPED_TEST(TaskSchedulerTest, BackgroundTasksHaveAFloor) {
   EXPECT_GE(this->order.size(), 4U) << "and all of it when nobody else wants it";
 }
 
+TYPED_TEST(TaskSchedulerTest, TheFloorOwesAndIsOwedNothingFromBefore) {
+  auto changes = this->busy("changes", TaskPriority::delivery);
+  std::unique_ptr<Task> scan;
+  scan = this->driver.scheduler.taskIs("scan", TaskPriority::background, [&] {
+    this->order.push_back("scan");
+    for (int i = 0; i < 3 * entriesInASlice; ++i) this->driver.workOneEntry(*scan);
+  });
+  changes->scheduleWithin(0);
+  for (int i = 0; i < 3; ++i) {
+    this->order.clear();
+    scan->scheduleWithin(0);
+    while (this->order.empty() || this->order.back() != "scan") this->driver.elapse(entryCost);
+    EXPECT_NEAR(static_cast<double>(this->order.size()), 8, 1) << "the overrun before is forgotten";
+    this->driver.elapse(3 * entriesInASlice * entryCost);
+  }
+}
+
 TYPED_TEST(TaskSchedulerTest, TasksMayBeDestroyedFromInsideARun) {
   auto victim = this->noting("victim", TaskPriority::background);
   std::unique_ptr<Task> self;
