@@ -249,7 +249,8 @@ void SwRouteSm::handleHwRoute(const Ipv4RouteVrfKey& key) {
   if (!published) return;
   const auto hardware = in_.ipv4HwRouteStatus->route(key);
   const bool programmed = hardware && hardware->inHw();
-  if (programmed && !published->inHw() && isInHw<V4>(key, published->adjId())) {
+  if (programmed && hardware->adjId() == published->adjId() && !published->inHw() &&
+      adjacencyStands(published->adjId())) {
     trace_(6, "setting inHw to true", routeKey);
     in_.ipv4RouteStatus->routeIs({key, published->adjId(), true});
     unprogrammedRouteDel(routeKey);
