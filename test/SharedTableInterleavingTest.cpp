@@ -27,9 +27,9 @@
 namespace {
 // The load at which the change is made, counted down; 0: it has been made, or is not to be.
 std::size_t loadsLeft = 0;
-std::function<void()> change;
+std::function<void()> atLoad;
 void beforeLoad() {
-  if (loadsLeft != 0 && --loadsLeft == 0) change();
+  if (loadsLeft != 0 && --loadsLeft == 0) atLoad();
 }
 }  // namespace
 
@@ -114,7 +114,7 @@ class SteppedTable {
   // same bytes; then `judge`.
   void forEachLoad(const std::function<void()>& read, const std::function<void()>& write,
                    const std::function<void()>& judge) {
-    change = write;
+    atLoad = write;
     bool reached = true;
     for (std::size_t load = 1; reached && !testing::Test::HasFailure(); ++load) {
       SCOPED_TRACE("before load " + std::to_string(load));
@@ -337,7 +337,7 @@ TEST_F(SharedTableInterleavingTest, AChainThatGoesRoundInACircleIsLeft) {
   ASSERT_TRUE(table.has(there));
   const std::uint32_t slot = table.foundSlot();
   store(table.image.chainNext(slot), slot + 1);
-  change = [] { throw std::runtime_error("it never ends"); };
+  atLoad = [] { throw std::runtime_error("it never ends"); };
   loadsLeft = 10000000;
   std::string reported;
   const DamageReport report = [&](std::string_view what) { reported = what; };
