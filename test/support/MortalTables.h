@@ -21,6 +21,9 @@ class MortalTables final : public Pondra::TableService {
 
   void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
              const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
+  void mountWhenReadable(const std::string& path, const std::string& typeName) override {
+    tables_.mountWhenReadable(path, typeName);
+  }
   void unmount(const std::string& path) override { tables_.unmount(path); }
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
   void corruptionHandlerIs(std::function<void(const std::string&, const std::string&)> handler) override {
