@@ -241,21 +241,19 @@ void VrfSm::removeVrf(const L3::VrfName& name) {
   restoreClaims(ids);
 }
 
-// Each claimant of either id, in the order of their names, unless the other id that it claims is another's.
+// The first claimant by name has each id, unless the other id that it claims is another's.
 void VrfSm::restoreClaims(const Ids& freed) {
-  std::set<L3::VrfName> claimants;
-  const auto add = [&](const Claims& claims, std::uint32_t id) {
-    for (auto at = claims.lower_bound({id, L3::VrfName("")}); at != claims.end() && at->first == id; ++at) {
-      claimants.insert(at->second);
+  const auto give = [this](const Claims& claims, const NamesById& taken, std::uint32_t id) {
+    for (auto at = claims.lower_bound({id, L3::VrfName("")}); at != claims.end() && at->first == id;) {
+      if (taken.contains(id)) return;
+      const L3::VrfName name = at->second;
+      ++at;  // before the claim may go
+      const Ids& claim = claims_.at(name);
+      if (isComplete(name) && !nameOfPi_.contains(claim.piVrfId) && !nameOfHw_.contains(claim.hwVrfId)) addVrf(name);
     }
   };
-  add(claimsOnPi_, freed.piVrfId);
-  add(claimsOnHw_, freed.hwVrfId);
-  for (const L3::VrfName& name : claimants) {
-    const auto claim = claims_.find(name);
-    if (claim == claims_.end() || !isComplete(name)) continue;
-    if (!nameOfPi_.contains(claim->second.piVrfId) && !nameOfHw_.contains(claim->second.hwVrfId)) addVrf(name);
-  }
+  give(claimsOnPi_, nameOfPi_, freed.piVrfId);
+  give(claimsOnHw_, nameOfHw_, freed.hwVrfId);
 }
 
 // --- FIB tables and tries --------------------------------------------------------------------------------------------

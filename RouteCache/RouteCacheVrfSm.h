@@ -81,6 +81,7 @@ class VrfSm {
     bool operator==(const Ids&) const = default;
   };
   using Claims = std::set<std::pair<std::uint32_t, L3::VrfName>>;
+  using NamesById = std::unordered_map<std::uint32_t, L3::VrfName>;
 
   bool isComplete(const L3::VrfName& name) const;
   void applyRule(const L3::VrfName& name);
@@ -106,7 +107,7 @@ class VrfSm {
   Platform::TraceFacility& traceFacility_;
   Platform::TraceHandle trace_;
   std::map<L3::VrfName, Ids> mapped_;  // the pairs in VrfIdMap by the name they belong to
-  std::unordered_map<std::uint32_t, L3::VrfName> nameOfPi_, nameOfHw_;  // the same by their ids
+  NamesById nameOfPi_, nameOfHw_;      // the same by their ids
   std::map<L3::VrfName, Ids> claims_;  // names that lost their pair to another, and the ids that they wait for
   Claims claimsOnPi_, claimsOnHw_;     // the same by their ids
   std::map<std::uint32_t, std::shared_ptr<VrfCachedRouteSm>> vrfCachedRouteSm_;

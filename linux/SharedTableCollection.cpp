@@ -171,7 +171,7 @@ std::uint64_t TableCollection::follow(Sink* sink) {
   sink_ = nullptr;
   follower_.reset();
   streaming_ = false;
-  if (sink != nullptr && kind_ != MountKind::keyedReader) {
+  if (sink != nullptr) {
     sink_ = sink;
     follower_ = std::make_shared<ChangeFollower>(report_);
     if (view_) follower_->start(*view_);

@@ -216,7 +216,10 @@ TEST_F(OperatorFuzzTest, EveryRequestIsAnsweredOrCostsTheConnection) {
   }
   EXPECT_EQ(control.statistics()->dropped(), dropped);
   EXPECT_GT(dropped, 100U);
-  EXPECT_EQ(reply(R"({"op": "get", "path": "vrf/vrfNameStatus", "field": "none[0]"})" "\n").find("{\"error\":"), 0U);
+  EXPECT_EQ(reply(R"({"op": "get", "path": "vrf/vrfNameStatus", "field": "none[0]"})"
+                  "\n")
+                .find("{\"error\":"),
+            0U);
 }
 
 }  // namespace
