@@ -1048,6 +1048,13 @@ TEST_P(HwRouteSmTest, HardwareCachingMayBeTurnedOnAndOffBetweenTwoLives) {
   sw.advance(400);
   EXPECT_EQ(sw.hardware().size(), 40u);
   EXPECT_EQ(sw.reader<Ipv4RouteStatus>(path)->size(), 0u);
+  sw.stop();
+  sw.hwRouteCaching(true);
+  sw.capability(40, 30, 1000);  // the SFE's table holds less than hardware has
+  sw.startUp();
+  sw.advance(30);
+  EXPECT_EQ(sw.published().size(), 30u);
+  EXPECT_EQ(sw.hardware().size(), 30u);
 }
 
 // --- Walks, restarts and slow neighbours -----------------------------------------------------------------------------
