@@ -17,6 +17,8 @@
 #include <system_error>
 #include <vector>
 
+#include "platform/Printable.h"
+
 namespace LinuxPlatform {
 
 using Json = nlohmann::ordered_json;
@@ -34,10 +36,8 @@ std::string line(const Json& object) {
 std::string doneLine() {
   return line({{"done", true}});
 }
-std::string errorLine(std::string text) {
-  std::ranges::replace_if(
-      text, [](char c) { return c >= 0 && c < ' '; }, '?');
-  return line({{"error", std::move(text)}});
+std::string errorLine(std::string_view text) {
+  return line({{"error", Platform::printable(text)}});
 }
 
 // The request on this line, or nothing.

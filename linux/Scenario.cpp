@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "linux/InputFile.h"
+#include "platform/Printable.h"
 
 namespace LinuxPlatform {
 
@@ -18,10 +19,7 @@ using Json = nlohmann::ordered_json;  // fields are set in the order in which th
 namespace {
 
 [[noreturn]] void refuse(const std::string& place, const std::string& reason) {
-  std::string line = place + ": " + reason;
-  std::ranges::replace_if(
-      line, [](char c) { return c >= 0 && c < ' '; }, '?');
-  throw ScenarioError(line);
+  throw ScenarioError(Platform::printable(place + ": " + reason));
 }
 
 // Parses, and refuses a key that stands twice in one object: the parser by itself would keep the last one.

@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/Printable.h"
+
 namespace Platform {
 
 // Specialised next to each type that has a text form:
@@ -34,7 +36,7 @@ std::string toText(const T& value) {
 template <class T>
 T fromText(std::string_view text) {
   if (auto value = TextForm<T>::from(text)) return *std::move(value);
-  throw BadText("'" + std::string(text) + "' is not " + TextForm<T>::what);
+  throw BadText("'" + printable(text) + "' is not " + TextForm<T>::what);
 }
 
 template <std::integral T>

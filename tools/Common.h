@@ -37,7 +37,8 @@ Platform::TableTypes allTableTypes();
 template <class T>
 T optionValue(const char* option, std::string_view text) {
   if (auto value = Platform::TextForm<T>::from(text)) return *std::move(value);
-  throw Platform::BadText(std::string(option) + ": '" + std::string(text) + "' is not " + Platform::TextForm<T>::what);
+  throw Platform::BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not " +
+                          Platform::TextForm<T>::what);
 }
 
 // Texts to prefixes, in their order. Throws BadText for one that is none.
