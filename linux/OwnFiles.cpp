@@ -49,6 +49,18 @@ std::string octal(mode_t mode) {
   return text;
 }
 
+// What speaks against a file that has been opened: a kind that is none, or, for a writer, another's file. One of ours
+// that permits more than it should is cut down.
+std::string faultOf(int fd, const std::string& name, int flags, mode_t mode) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) return failure(name, errno);
+  if (!S_ISREG(status.st_mode)) return name + ": it is " + kindOf(status.st_mode) + ", not a file";
+  if ((flags & O_ACCMODE) == O_RDONLY) return {};
+  if (status.st_uid != geteuid()) return foreign(name, status.st_uid);
+  const bool lax = (status.st_mode & permissions & ~mode) != 0;
+  return lax && fchmod(fd, status.st_mode & mode) != 0 ? failure(name, errno) : std::string();
+}
+
 // Looked at before it is opened, for opening a device may set it off; and again afterwards, for it may be another by
 // then.
 OpenFile opened(const std::string& name, int flags, mode_t mode) {
@@ -64,16 +76,7 @@ OpenFile opened(const std::string& name, int flags, mode_t mode) {
     if (errno != ENOENT || (flags & O_CREAT) != 0) file.fault = failure(name, file.error);
     return file;
   }
-  if (fstat(file.fd.get(), &status) != 0) {
-    file.fault = failure(name, errno);
-  } else if (!S_ISREG(status.st_mode)) {
-    file.fault = name + ": it is " + kindOf(status.st_mode) + ", not a file";
-  } else if ((flags & O_ACCMODE) != O_RDONLY && status.st_uid != geteuid()) {
-    file.fault = foreign(name, status.st_uid);
-  } else if ((flags & O_ACCMODE) != O_RDONLY && (status.st_mode & permissions & ~mode) != 0 &&
-             fchmod(file.fd.get(), status.st_mode & mode) != 0) {
-    file.fault = failure(name, errno);
-  }
+  file.fault = faultOf(file.fd.get(), name, flags, mode);
   if (!file.fault.empty()) file.fd = FileDescriptor();
   return file;
 }
