@@ -29,6 +29,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
   std::vector<std::string> words{program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
   for (auto& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   posix_spawn_file_actions_t actions;

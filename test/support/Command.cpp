@@ -71,6 +71,7 @@ Command::Command(const std::string& arguments, const std::string& input, const c
   std::vector<std::string> all = words(arguments);
   all.insert(all.begin(), ROUTECACHE_COMMAND);
   std::vector<char*> argv;
+  argv.reserve(all.size() + 1);
   for (auto& word : all) argv.push_back(word.data());
   argv.push_back(nullptr);
 
