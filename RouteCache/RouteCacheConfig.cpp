@@ -16,7 +16,6 @@ namespace {
 Lattis::CollectionField readOnly(Lattis::CollectionField field) {
   field.set = nullptr;
   field.del = nullptr;
-  field.childIs = nullptr;
   return field;
 }
 
@@ -40,6 +39,40 @@ bool insertOrReplace(Map& map, const typename Map::key_type& key, typename Map::
 template <class Map>
 auto inOrder(const Map& map) {
   return std::map<typename Map::key_type, typename Map::mapped_type>(map.begin(), map.end());
+}
+
+// Fields over hashed maps, read only: `all` puts the entries in order, for their keys; what is asked of one entry is
+// looked up.
+template <class E, auto all>
+Lattis::CollectionField hashedField(std::string name) {
+  Lattis::CollectionField field;
+  field.name = std::move(name);
+  field.keys = [](const Lattis::Entity& e) {
+    std::vector<std::string> keys;
+    for (const auto& entry : (static_cast<const E&>(e).*all)()) keys.push_back(Platform::toText(entry.first));
+    return keys;
+  };
+  return field;
+}
+
+template <class E, auto all, auto has, auto value>
+Lattis::CollectionField hashedMapField(std::string name) {
+  Lattis::CollectionField field = hashedField<E, all>(std::move(name));
+  field.get = [](const Lattis::Entity& e, std::string_view key) -> std::optional<std::string> {
+    const E& entity = static_cast<const E&>(e);
+    const auto id = Platform::fromText<std::uint32_t>(key);
+    return (entity.*has)(id) ? std::optional(Platform::toText((entity.*value)(id))) : std::nullopt;
+  };
+  return field;
+}
+
+template <class E, auto all, auto child>
+Lattis::CollectionField hashedChildField(std::string name) {
+  Lattis::CollectionField field = hashedField<E, all>(std::move(name));
+  field.child = [](Lattis::Entity& e, std::string_view key) -> std::shared_ptr<Lattis::Entity> {
+    return (static_cast<const E&>(e).*child)(Platform::fromText<std::uint32_t>(key));
+  };
+  return field;
 }
 
 }  // namespace
@@ -230,10 +263,10 @@ const Lattis::EntityType& VrfIdMap::entityType() const {
   static const Lattis::EntityType type{
       typeName,
       {},
-      {readOnly(Lattis::mapField<This, &This::hwVrfIdToGlobalVrfIds, &This::hwVrfIdToGlobalVrfIdIs,
-                                 &This::hwVrfIdToGlobalVrfIdDel>("hwVrfIdToGlobalVrfId")),
-       readOnly(Lattis::mapField<This, &This::globalVrfIdToHwVrfIds, &This::globalVrfIdToHwVrfIdIs,
-                                 &This::globalVrfIdToHwVrfIdDel>("globalVrfIdToHwVrfId"))}};
+      {hashedMapField<This, &This::hwVrfIdToGlobalVrfIds, &This::hwVrfIdToGlobalVrfIdHas, &This::hwVrfIdToGlobalVrfId>(
+           "hwVrfIdToGlobalVrfId"),
+       hashedMapField<This, &This::globalVrfIdToHwVrfIds, &This::globalVrfIdToHwVrfIdHas, &This::globalVrfIdToHwVrfId>(
+           "globalVrfIdToHwVrfId")}};
   return type;
 }
 
@@ -296,11 +329,10 @@ std::map<std::uint32_t, std::shared_ptr<Routing6::Trie>> VrfCachedRoute::vrfTrie
 
 const Lattis::EntityType& VrfCachedRoute::entityType() const {
   using This = VrfCachedRoute;
-  static const Lattis::EntityType type{
-      typeName,
-      {},
-      {readOnly(Lattis::childField<This, &This::vrfTries, &This::vrfTrie, &This::vrfTrieDel>("vrfTrie")),
-       readOnly(Lattis::childField<This, &This::vrfTries6, &This::vrfTrie6, &This::vrfTrie6Del>("vrfTrie6"))}};
+  static const Lattis::EntityType type{typeName,
+                                       {},
+                                       {hashedChildField<This, &This::vrfTries, &This::vrfTrie>("vrfTrie"),
+                                        hashedChildField<This, &This::vrfTries6, &This::vrfTrie6>("vrfTrie6")}};
   return type;
 }
 

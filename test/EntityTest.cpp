@@ -236,6 +236,27 @@ class TrieMapReactor final : public VrfCachedRoute::Reactor {
   Log& log_;
 };
 
+// What is asked of one entry is looked up: a copy of all for each would take hours here.
+TEST(VrfCachedRouteTest, EveryVrfIsShownAtACostThatDoesNotGrowWithTheirSquare) {
+  constexpr std::uint32_t vrfs = 100'000;
+  const auto map = RouteCache::vrfIdMapFactory("vrfIdMap");
+  const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
+  const auto trie = std::make_shared<Routing::Trie>();
+  for (std::uint32_t id = 0; id < vrfs; ++id) {
+    map->hwVrfIdToGlobalVrfIdIs(id, id + 1);
+    tries->vrfTrieIs(id, trie);
+  }
+  const auto* ids = map->entityType().collection("hwVrfIdToGlobalVrfId");
+  const auto* children = tries->entityType().collection("vrfTrie");
+  for (const std::string& key : ids->keys(*map)) {
+    ASSERT_EQ(ids->get(*map, key), std::to_string(std::stoul(key) + 1));
+    ASSERT_EQ(children->child(*tries, key), trie);
+  }
+  EXPECT_EQ(children->keys(*tries).size(), vrfs);
+  EXPECT_EQ(ids->get(*map, "100000"), std::nullopt);
+  EXPECT_EQ(children->child(*tries, "100000"), nullptr);
+}
+
 TEST(VrfCachedRouteTest, TellsOfTriesThatComeGoAndAreReplaced) {
   const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
   Log log;
