@@ -1,6 +1,8 @@
 // `routecache simulate` as a person meets it.
 #include <gmock/gmock.h>
 
+#include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -77,6 +79,19 @@ TEST_F(SimulateTest, FlowsAreReplayedAndEndTheRun) {
             "20.0,3,0.00,850,85.0,850,0,0,3,0\n"
             "30.0,4,0.00,850,85.0,0,0,0,4,0\n")
       << run.out;
+}
+
+TEST_F(SimulateTest, WaitsForAnAgentWithoutMakingItsDirectory) {
+  const std::string runDir = directory + "/run";
+  Command plane("simulate --duration 0.1 --interval 0.1 --run-dir " + runDir);
+  ASSERT_TRUE(plane.complains("waiting for the agent's tables"));
+  EXPECT_FALSE(std::filesystem::exists(runDir));
+  Command agent("run --agent " ROUTECACHE_AGENT " --scenario " + directory + "/small.json --run-dir " + runDir);
+  ASSERT_TRUE(agent.says("ready: "));
+  EXPECT_TRUE(plane.complains("waiting for configured host routes"));
+  Command("rib add 10.0.0.1/32 --vrf 1 --vtep 10.255.0.1 --run-dir " + runDir).wait();
+  EXPECT_EQ(plane.wait().exitCode, 0);
+  EXPECT_EQ(agent.stop(SIGTERM).exitCode, 0);
 }
 
 }  // namespace

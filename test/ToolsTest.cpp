@@ -255,7 +255,12 @@ TEST_F(BadInputTest, WhatCannotBeOpenedOrPrintedIsExitCodeOne) {
       EXPECT_TRUE(result.isOneComplaint()) << result.out << result.err;
     }
   }
-  EXPECT_EQ(runThere("table list --run-dir /dev/zero").exitCode, 1) << "an empty list would be no answer";
+  for (const char* arguments : {"table list --run-dir /dev/zero", "table list --run-dir $/nowhere",
+                                "table list --json --run-dir $/nowhere", "tasks --run-dir $/nowhere"}) {
+    const Outcome result = runThere(arguments);
+    EXPECT_EQ(result.exitCode, 1) << arguments << ": an empty list would be no answer";
+    EXPECT_TRUE(result.isOneComplaint()) << result.out << result.err;
+  }
   std::filesystem::create_symlink(directory.path() + "/pipe", directory.path() + "/pipe.csv");
   std::filesystem::create_symlink("/dev/full", directory.path() + "/full.csv");
   EXPECT_THAT(runThere(inProcess + "sound.json --out $/pipe.csv").err, HasSubstr("a pipe that nobody reads"));

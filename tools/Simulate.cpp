@@ -2,6 +2,7 @@
 // time.
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -46,6 +47,7 @@ class ForwardingProcess {
 
  private:
   void handleStart();
+  void openTables();
   std::string whatIsMissing();
   SwitchVrfs vrfs() const;
 
@@ -53,8 +55,8 @@ class ForwardingProcess {
   TrafficPlan& plan_;
   LinuxPlatform::EventLoop loop_;
   Platform::TableTypes types_;
-  LinuxPlatform::SharedTableService tables_;
-  TableDelivery delivery_;
+  std::optional<LinuxPlatform::SharedTableService> tables_;  // once there is a run directory: the agent makes it
+  std::optional<TableDelivery> delivery_;
   std::unique_ptr<Platform::Task> startTask_;
   std::string waitsFor_;
   TrafficInputs inputs_;
@@ -67,8 +69,6 @@ ForwardingProcess::ForwardingProcess(const SimulateOptions& options, TrafficPlan
     : options_(options),
       plan_(plan),
       types_(allTableTypes()),
-      tables_(options.runDir, types_, [this] { delivery_.wanted(); }),
-      delivery_(loop_, tables_),
       startTask_(loop_.taskIs("simulationStartTask", Platform::TaskPriority::processing, [this] { handleStart(); })) {}
 
 SwitchVrfs ForwardingProcess::vrfs() const {
@@ -79,11 +79,20 @@ SwitchVrfs ForwardingProcess::vrfs() const {
   });
 }
 
+void ForwardingProcess::openTables() {
+  std::error_code error;
+  const auto kind = std::filesystem::status(options_.runDir, error).type();
+  if (tables_ || kind == std::filesystem::file_type::not_found) return;
+  tables_.emplace(options_.runDir, types_, [this] { delivery_->wanted(); });
+  delivery_.emplace(loop_, *tables_);
+}
+
 // Empty: nothing; then inputs_ is complete.
 std::string ForwardingProcess::whatIsMissing() {
-  if (!Simulator::ForwardingPlane::tablesExist(tables_)) return "the agent's tables";
+  openTables();
+  if (!tables_ || !Simulator::ForwardingPlane::tablesExist(*tables_)) return "the agent's tables";
   try {
-    inputs_ = trafficInputs(tables_, vrfs());
+    inputs_ = trafficInputs(*tables_, vrfs());
   } catch (const std::exception& error) {
     return std::string("the agent: ") + error.what();
   }
@@ -98,7 +107,7 @@ void ForwardingProcess::handleStart() {
     startTask_->scheduleWithin(startInterval);
     return;
   }
-  simulation_.emplace(tables_, loop_, trafficFrom(plan_, std::move(inputs_)), options_.simulation);
+  simulation_.emplace(*tables_, loop_, trafficFrom(plan_, std::move(inputs_)), options_.simulation);
   simulation_->whenOverIs([this] { loop_.stop(); });
 }
 

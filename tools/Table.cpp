@@ -73,9 +73,8 @@ class JsonArray {
 
 void list(const TableOptions& options) {
   std::error_code error;
-  if (const auto kind = std::filesystem::status(options.runDir, error).type();
-      kind != std::filesystem::file_type::directory && kind != std::filesystem::file_type::not_found) {
-    throw std::runtime_error(options.runDir + ": " + std::strerror(ENOTDIR));
+  if (!std::filesystem::is_directory(options.runDir, error)) {
+    throw std::runtime_error(options.runDir + ": " + (error ? error.message() : std::strerror(ENOTDIR)));
   }
   const auto tables = LinuxPlatform::tableFiles(options.runDir);
   if (options.json) {

@@ -32,18 +32,14 @@ void printTask(const Json& task) {
 
 void printTasks(const TasksOptions& options) {
   Json all = Json::array();
-  if (!options.json) {
-    std::printf("%-34s %8s %10s %12s %12s %12s %12s %12s\n", "task", "priority", "runs", "work done", "pending",
-                "longest ms", "total ms", "waited ms");
+  askAgent(options.runDir, {{"op", "tasks"}}, [&all](const Json& task) { all.push_back(task); });
+  if (options.json) {
+    std::printf("%s\n", all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    return;
   }
-  askAgent(options.runDir, {{"op", "tasks"}}, [&](const Json& task) {
-    if (options.json) {
-      all.push_back(task);
-    } else {
-      printTask(task);
-    }
-  });
-  if (options.json) std::printf("%s\n", all.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+  std::printf("%-34s %8s %10s %12s %12s %12s %12s %12s\n", "task", "priority", "runs", "work done", "pending",
+              "longest ms", "total ms", "waited ms");
+  for (const Json& task : all) printTask(task);
 }
 
 }  // namespace

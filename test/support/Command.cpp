@@ -122,9 +122,9 @@ bool Command::listen(Clock::time_point deadline) {
   return true;
 }
 
-bool Command::says(const std::string& text) {
+bool Command::holds(const Stream& stream, const std::string& text) {
   const auto deadline = Clock::now() + patience;
-  while (out_.text.find(text) == std::string::npos) {
+  while (stream.text.find(text) == std::string::npos) {
     if (!listen(deadline)) return false;
   }
   return true;

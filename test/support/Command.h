@@ -33,7 +33,9 @@ class Command {
   Command& operator=(const Command&) = delete;
 
   // Waits until its standard output, from the start, holds this text. False: it has ended without, or takes minutes.
-  bool says(const std::string& text);
+  bool says(const std::string& text) { return holds(out_, text); }
+  // The same of its standard error.
+  bool complains(const std::string& text) { return holds(err_, text); }
   // Waits for its own end. Nothing else may be called after this or stop().
   Outcome wait();
   void signal(int signal) const { kill(process_, signal); }
@@ -49,6 +51,7 @@ class Command {
   };
 
   bool listen(std::chrono::steady_clock::time_point deadline);
+  bool holds(const Stream& stream, const std::string& text);
 
   pid_t process_ = -1;
   Stream out_;
