@@ -14,6 +14,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -122,7 +123,10 @@ void ControlSocket::listenAt(const std::string& path) {
   }
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   struct stat status {};
-  if (lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) unlink(path.c_str());
+  if (lstat(path.c_str(), &status) == 0) {
+    if (!S_ISSOCK(status.st_mode)) throw std::runtime_error(path + ": what stands there is not a socket");
+    unlink(path.c_str());
+  }
   listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   // The file is made with the mode that it keeps, 0660: to connect takes the right to write, which most umasks take
   // from the group. A stricter one has kept the group out of the directory already.

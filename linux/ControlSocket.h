@@ -81,8 +81,8 @@ class ControlSocket {
     double longestTurn_ = 0;
   };
 
-  // Listens at this path; a socket that stands there is removed. `clientPatience` is for tests. Throws
-  // std::system_error.
+  // Listens at this path; a socket that stands there is removed, anything else refused. `clientPatience` is for tests.
+  // Throws std::runtime_error.
   ControlSocket(EventLoop& loop, const std::string& path, double clientPatience = patience);
   ~ControlSocket();
   ControlSocket(const ControlSocket&) = delete;

@@ -344,6 +344,13 @@ TEST_F(ControlSocketTest, WithoutADescriptorForThemClientsWait) {
   }));
 }
 
+TEST_F(ControlSocketTest, WhatIsNoSocketInItsPlaceIsToldForWhatItIs) {
+  const std::string file = directory.path() + "/file";
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  EXPECT_THAT([&] { ControlSocket(loop, file); },
+              testing::ThrowsMessage<std::runtime_error>(file + ": what stands there is not a socket"));
+}
+
 TEST_F(ControlSocketTest, TheOwnerSetsTheGroupLooksAndOthersDoNothing) {
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
