@@ -79,6 +79,12 @@ TEST_F(SimulateTest, FlowsAreReplayedAndEndTheRun) {
             "20.0,3,0.00,850,85.0,850,0,0,3,0\n"
             "30.0,4,0.00,850,85.0,0,0,0,4,0\n")
       << run.out;
+
+  const Outcome other = inProcess("--flows " + directory +
+                                  "/flows.csv --set routecache/cliconfig lowThresholdHwUtilPercentage 50 "
+                                  "--set agent/routecache/hwRouteSm hwHitbitScanInterval 20");
+  EXPECT_THAT(other.out, testing::HasSubstr(" 500         50.0 "))
+      << "set before the first route was decided" << other.err;
 }
 
 TEST_F(SimulateTest, WaitsForAnAgentWithoutMakingItsDirectory) {

@@ -213,6 +213,9 @@ void addInProcessOptions(CLI::App& command, SimulateOptions& options) {
       ->type_name("PREFIX")
       ->needs(inProcess)
       ->capture_default_str();
+  command.add_option("--set", virtualSwitch.sets, "A field that gets another value first, as `set` does; repeatable")
+      ->type_name("PATH FIELD VALUE")
+      ->needs(inProcess);
   command.add_option("--agent", virtualSwitch.agentLibrary, "The agent's library")
       ->type_name("LIB")
       ->needs(inProcess)

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include "linux/EntityFields.h"
 #include "platform/Hardware.h"
@@ -113,7 +114,10 @@ VirtualSwitch::VirtualSwitch(const VirtualSwitchSettings& settings)
     deliver(host_.tables());
     deliver(planeTables_);
   });
-  host_.start([this] { ready_ = true; });
+  host_.start([this, sets = settings.sets] {
+    if (std::exchange(ready_, true)) return;
+    for (const auto& what : sets) set(what);
+  });
   scheduler_.runDue();
 }
 
@@ -137,6 +141,17 @@ void VirtualSwitch::writeInputs(const VirtualSwitchSettings& settings) {
   names.reserve(vrfs.size());
   for (const auto& vrf : vrfs) names.push_back(vrf.name);
   FibWriter(tables, names, step).apply({within}, std::nullopt);
+}
+
+void VirtualSwitch::set(const VirtualSwitchSettings::Set& what) {
+  const auto& [path, field, value] = what;
+  try {
+    const auto entity = host_.stateDb().entity(path);
+    if (!entity) throw BadText("nothing is at this path");
+    LinuxPlatform::setField(entity, field, value);
+  } catch (const std::exception& error) {
+    throw BadText("--set " + path + " " + field + ": " + error.what());
+  }
 }
 
 void VirtualSwitch::deliver(LinuxPlatform::SharedTableService& tables) const {

@@ -6,6 +6,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "linux/TaskScheduler.h"
 #include "tools/AgentHost.h"
@@ -14,11 +16,14 @@
 namespace Tools {
 
 struct VirtualSwitchSettings {
+  using Set = std::tuple<std::string, std::string, std::string>;  // path, field, value, as `routecache set` takes them
+
   std::string scenario;
   std::string agentLibrary;
   std::uint64_t routes = 200'000;     // host routes, over the scenario's VRFs in turn
   std::string within = "10.0.0.0/8";  // drawn from inside this prefix, which is a cached FIB route of every VRF
   std::uint64_t seed = 1;
+  std::vector<Set> sets;  // done in their order, before the agent has decided any route
 };
 
 class VirtualSwitch {
@@ -52,6 +57,7 @@ class VirtualSwitch {
   };
 
   void writeInputs(const VirtualSwitchSettings& settings);
+  void set(const VirtualSwitchSettings::Set& what);
   void deliver(LinuxPlatform::SharedTableService& tables) const;
 
   Directory directory_;
