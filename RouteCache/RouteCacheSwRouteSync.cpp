@@ -228,9 +228,14 @@ void SwRouteSm::handleAdjCleanup() {
   if (adjCleanupBookmark_ != AdjId()) scheduleAdjCleanupTask(adjCleanupInterval_);
 }
 
+// A request that nobody in this life has made may be that of an inherited route, which forwards by the answer.
 void SwRouteSm::handleVtepResolutionCleanup() {
   trace_(9, __PRETTY_FUNCTION__);
   if (!enableRouteProcessing_) return;
+  if (retainingAdjIds()) {
+    scheduleVtepResolutionCleanupTask(adjCleanupInterval_);
+    return;
+  }
   const auto& requests = nexthopVrfConfig_->nexthop();
   auto next = requests.lower_bound(std::exchange(vtepCleanupBookmark_, IpGenAddr()));
   std::uint64_t handled = 0;

@@ -310,6 +310,9 @@ TEST_P(SwRouteSmTest, ARestartTakesUpWhatChangedMeanwhile) {
   sw.via(4, {sw.nexthop("10.255.0.4"), sw.nexthop("10.255.0.5")});
   sw.route("10.5.0.0/16", 1, 1);
   sw.start();
+  sw.advance(1);
+  EXPECT_TRUE(sw.publishedKeys().contains("10.2.0.0/16@101") && sw.requests().contains("10.255.0.2"))
+      << "nobody withdraws what a route still forwards by";
   sw.advance(400);
   EXPECT_EQ(sw.trace.count("RouteSync rescheduled with Bookmark ") > 0, GetParam() != 0);
   EXPECT_EQ(sw.adjIdOf("10.1.0.0/16", 101), kept);
