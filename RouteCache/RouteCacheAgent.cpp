@@ -362,10 +362,11 @@ void Agent::hwRouteSmIs() {
   hwRouteSmDel();
   PLATFORM_ASSERT_TEXT(ipv4HwHitBitStatus_, hwHitBitPath);
   PLATFORM_ASSERT_TEXT(ipv4SfeHitBitStatus_, sfeHitBitPath);
-  hwRouteSm_ = RouteCache::HwRouteSmIs(
-      {ipv4HwRouteStatus_, routeCacheConfig_, routeCacheCliConfig_, ipv4SfeRouteStatus_, ipv4HwHitBitStatus_,
-       ipv4SfeHitBitStatus_, routeCacheCapability_, vrfCachedRoute_, ipv4SfeProgrammedRouteStatus_},
-      *services().scheduler, *services().trace);
+  hwRouteSm_ =
+      RouteCache::HwRouteSmIs({ipv4HwRouteStatus_, routeCacheConfig_, routeCacheCliConfig_, ipv4SfeRouteStatus_,
+                               ipv4HwHitBitStatus_, ipv4SfeHitBitStatus_, routeCacheCapability_, vrfCachedRoute_,
+                               ipv4SfeProgrammedRouteStatus_, ipv4AdjStatus_, ipv6AdjStatus_},
+                              *services().scheduler, *services().trace);
   if (inputsReady_) hwRouteSm_->handleInitialized();
   services().localEntityIs(hwRouteSmPath, hwRouteSm_);
 }

@@ -232,6 +232,7 @@ void HwRouteSm::checkInvariants() const {
   if (!initialized_) return;
   checkSpace();
   checkSlices();
+  checkAdjacencies();
   sfeRouteHitToProcess_.checkInvariants();
   released_.forEach([this](const Key& key, std::uint16_t) {
     const auto route = in_.ipv4HwRouteStatus->route(key);
@@ -264,10 +265,26 @@ void HwRouteSm::checkSlices() const {
     const Key& key = route.key();
     const bool decided = slices_->sliceOf(key) != timeSliceInvalid;
     if (decided) ++inTable;
-    PLATFORM_ASSERT_TEXT(decided || routeToProcess_.has(key) || hwWalk_.willMeet(key) || sfeWalk_.willMeet(key),
-                         "a hardware route is in a slice or still to be decided");
+    PLATFORM_ASSERT_TEXT(decided || isDecisionToCome(key), "a hardware route is in a slice or still to be decided");
   }
   PLATFORM_ASSERT_TEXT(inTable == slices_->size(), "what is in a slice is in the hardware table");
+}
+
+bool HwRouteSm::isDecisionToCome(const Key& key) const {
+  return routeToProcess_.has(key) || hwWalk_.willMeet(key) || sfeWalk_.willMeet(key);
+}
+
+void HwRouteSm::checkAdjacencies() const {
+  for (const Ipv4Route& route : *in_.ipv4HwRouteStatus) {
+    PLATFORM_ASSERT_TEXT(adjacencyStands(route.adjId()) || isDecisionToCome(route.key()),
+                         "a hardware route's adjacency stands, or it is still to be decided");
+  }
+  for (const Ipv4Route& route : *in_.ipv4SfeRouteStatus) {
+    const Key& key = route.key();
+    if (isDecisionToCome(key) || sfeRouteHitToProcess_.has(key) || hitWalk_.willMeet(key)) continue;
+    PLATFORM_ASSERT_TEXT(adjacencyStands(route.adjId()) || withoutAdjacency_.has(key),
+                         "a route without its adjacency waits for it");
+  }
 }
 
 }  // namespace RouteCache

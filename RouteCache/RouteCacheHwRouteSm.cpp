@@ -15,13 +15,14 @@ using Platform::TaskPriority;
 template <class Table>
 class HwRouteSm::TableReactor final : public Table::Reactor {
  public:
-  TableReactor(HwRouteSm& sm, std::shared_ptr<const Table> table, KeyHandler handler)
+  using Handler = void (HwRouteSm::*)(const typename Table::Key&);
+  TableReactor(HwRouteSm& sm, std::shared_ptr<const Table> table, Handler handler)
       : Table::Reactor(std::move(table)), sm_(sm), handler_(handler) {}
-  void handleEntry(const Key& key) override { (sm_.*handler_)(key); }
+  void handleEntry(const typename Table::Key& key) override { (sm_.*handler_)(key); }
 
  private:
   HwRouteSm& sm_;
-  KeyHandler handler_;
+  Handler handler_;
 };
 
 class HwRouteSm::ThresholdReactor final : public CliConfig::Reactor {
@@ -167,14 +168,18 @@ void HwRouteSm::handleInitialized() {
 
   thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
   configReactor_ = std::make_unique<ConfigReactor>(*this, in_.routeCacheConfig);
-  swRouteReactor_ = std::make_unique<TableReactor<Ipv4RouteStatus>>(*this, in_.ipv4SfeRouteStatus,
-                                                                    KeyHandler{&HwRouteSm::handleSwRoute});
-  sfeHitReactor_ = std::make_unique<TableReactor<Ipv4HitBitStatus>>(*this, in_.ipv4SfeHitBitStatus,
-                                                                    KeyHandler{&HwRouteSm::handleSfeRouteHit});
+  const auto follow = [this]<class Table>(std::unique_ptr<TableReactor<Table>>& reactor,
+                                          std::shared_ptr<const Table> table,
+                                          typename TableReactor<Table>::Handler handler) {
+    reactor = std::make_unique<TableReactor<Table>>(*this, std::move(table), handler);
+  };
+  follow(swRouteReactor_, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute);
+  follow(sfeHitReactor_, in_.ipv4SfeHitBitStatus, &HwRouteSm::handleSfeRouteHit);
   if (in_.ipv4SfeProgrammedRouteStatus) {
-    programmedReactor_ = std::make_unique<TableReactor<Ipv4ProgrammedRouteStatus>>(
-        *this, in_.ipv4SfeProgrammedRouteStatus, KeyHandler{&HwRouteSm::handleSwProgrammedRoute});
+    follow(programmedReactor_, in_.ipv4SfeProgrammedRouteStatus, &HwRouteSm::handleSwProgrammedRoute);
   }
+  follow(adjReactor_, in_.ipv4AdjStatus, &HwRouteSm::handleAdjacency);
+  follow(adj6Reactor_, in_.ipv6AdjStatus, &HwRouteSm::handleAdjacency);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
   evaluateCachingEnabled(false);
@@ -267,6 +272,13 @@ void HwRouteSm::handleSwRoute() {
   trace_(9, __PRETTY_FUNCTION__);
   sfeWalk_.allIs();
   scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleAdjacency(const AdjId& adjId) {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (withoutAdjacency_.empty() || !adjacencyStands(adjId)) return;
+  withoutAdjacency_.adjacencyIs(adjId);
+  if (withoutAdjacency_.readyKey()) scheduleRouteProcessingTask(routeProcessingInterval_);
 }
 
 void HwRouteSm::handleHwRoute() {
@@ -380,6 +392,12 @@ void HwRouteSm::publishSpace() {
 
 // --- Admission -------------------------------------------------------------------------------------------------------
 
+bool HwRouteSm::adjacencyStands(AdjId adjId) const {
+  if ((adjId.value() & AdjId::adjacencyIdMask) == AdjId::adjacencyInvalid) return false;
+  return (!adjId.isAdjacencyV4() || in_.ipv4AdjStatus->has(adjId)) &&
+         (!adjId.isAdjacencyV6() || in_.ipv6AdjStatus->has(adjId));
+}
+
 bool HwRouteSm::isRouteCacheable(const Key& key) const {
   return isCacheable(key, in_.ipv4SfeRouteStatus->route(key).value_or(Ipv4Route()));
 }
@@ -436,7 +454,9 @@ void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, bool cacheable) {
 
 void HwRouteSm::processRoute(const Key& key) {
   trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
-  if (const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key)) {
+  withoutAdjacency_.keyDel(key);
+  const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key);
+  if (sfeRoute && adjacencyStands(sfeRoute->adjId())) {
     const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
     const bool cacheable = !hwRoute && isCacheable(key, *sfeRoute);
     if (!hwRoute && !isEligible(key, *sfeRoute, cacheable)) {
@@ -451,6 +471,7 @@ void HwRouteSm::processRoute(const Key& key) {
       removeHwRoute(key);
     }
     agedOut_.noteDel(key);
+    if (sfeRoute) withoutAdjacency_.keyIs(key, sfeRoute->adjId());
   }
   routeToProcess_.keyDel(key);
   sfeRouteHitToProcess_.keyDel(key);
@@ -499,10 +520,14 @@ void HwRouteSm::handleRouteProcessing() {
   }
 }
 
-// Fresh routes, then one entry of a walk, then those that wait for room while there is some.
+// Fresh routes and those whose adjacency has come, then one entry of a walk, then those that wait for room while there
+// is some.
 bool HwRouteSm::processNextRoute() {
   if (const auto fresh = routeToProcess_.freshKey()) {
     processRoute(*fresh);
+  } else if (const auto ready = withoutAdjacency_.readyKey()) {
+    withoutAdjacency_.keyDel(*ready);
+    processSfeWalked(ready);
   } else if (hwWalk_.pending()) {
     processWalked(hwWalk_.step());
   } else if (sfeWalk_.pending()) {

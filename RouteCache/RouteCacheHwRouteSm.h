@@ -12,18 +12,24 @@
 // does not count again when the run meets it. When the flag is cleared, what is released leaves at once, as an idle
 // route does without the flag.
 //
+// A route whose adjacency is not written, for want of room or of an identifier, is forwarded by nobody: it is not
+// admitted, and leaves if that happens to it while it is in hardware. Its adjacency's coming brings it again.
+//
 // What ageing has taken out is remembered, the capacity's number of keys at most, the oldest forgotten first. Such a
 // route is not admitted unasked: without a hit it would come and go with every scan, for its SFE entry changes when it
-// goes. It is forgotten when traffic hits it in software, when it gets another adjacency identifier, when the SFE does
-// not have it any more, and when it is found not to be cacheable. With admitAgedUnhit nothing is remembered.
+// goes. It is forgotten when traffic hits it in software, when it gets another adjacency identifier or loses its
+// adjacency, when the SFE does not have it any more, and when it is found not to be cacheable. With admitAgedUnhit
+// nothing is remembered.
 //
 // Restart. What stands in the hardware table is kept: start-up decides every route of the table and of the SFE's
-// again, and only one that the SFE does not have is removed.
+// again, and only one that the SFE does not have, or that has no adjacency, is removed.
 //
 // Invariants, between any two callbacks (checkInvariants):
 //   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
 //   - the published figure is the space left plus hwSpaceBuffer;
 //   - every entry of the hardware table is in one time slice or has its first decision still to come; nothing else is;
+//   - the adjacency of every entry stands, or a decision about it is still to come;
+//   - a route of the SFE's whose adjacency does not stand waits for it, or is still to be decided;
 //   - what is released is in the hardware table without inHw;
 //   - what ageing has taken out is not in the hardware table, and no more of it is remembered than the capacity.
 #pragma once
@@ -34,6 +40,7 @@
 #include <set>
 #include <string>
 
+#include "RouteCache/RouteCacheAdjacencyWait.h"
 #include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHitQueue.h"
 #include "RouteCache/RouteCacheKeyNotes.h"
@@ -56,6 +63,8 @@ struct HwRouteSmInputs {
   std::shared_ptr<const Capability> routeCacheCapability;
   std::shared_ptr<const VrfCachedRoute> vrfCachedRoute;
   std::shared_ptr<const Ipv4ProgrammedRouteStatus> ipv4SfeProgrammedRouteStatus;  // null: nobody programs routes
+  std::shared_ptr<const Ipv4AdjacencyStatus> ipv4AdjStatus;
+  std::shared_ptr<const Ipv6AdjacencyStatus> ipv6AdjStatus;
 };
 
 class HwRouteSm final : public Lattis::Entity {
@@ -81,6 +90,8 @@ class HwRouteSm final : public Lattis::Entity {
   // Counts only while Config::ageingKeepsRoute is set.
   void handleSwProgrammedRoute(const Key& key);
   void handleSwProgrammedRoute();  // every programmed route
+  // One of the adjacency tables has it now, or has it no more.
+  void handleAdjacency(const AdjId& adjId);
   // Every SFE route of the VRF is to be decided again; a walk that the route-processing task does in slices.
   void scheduleSwRouteWalk(std::uint32_t hwVrfId);
 
@@ -188,7 +199,6 @@ class HwRouteSm final : public Lattis::Entity {
   void checkInvariants() const;
 
  private:
-  using KeyHandler = void (HwRouteSm::*)(const Key&);
   template <class Table>
   class TableReactor;
   class ThresholdReactor;
@@ -208,6 +218,8 @@ class HwRouteSm final : public Lattis::Entity {
 
   // Whether the VRF's trie holds prefixes now.
   void notePrefixes(std::uint32_t hwVrfId, bool any);
+  // Readers find all of the adjacency.
+  bool adjacencyStands(AdjId adjId) const;
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
   bool isBelowLowLevel() const;
   std::uint32_t sfeHitbit(const Key& key) const;
@@ -237,6 +249,8 @@ class HwRouteSm final : public Lattis::Entity {
   bool ageRoute(const Key& key, std::uint16_t slice);  // true: it counts as removed
   void checkSpace() const;
   void checkSlices() const;
+  void checkAdjacencies() const;
+  bool isDecisionToCome(const Key& key) const;
 
   const HwRouteSmInputs in_;
   const std::uint32_t capacity_;
@@ -259,6 +273,7 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
+  AdjacencyWait withoutAdjacency_;
   HitQueue sfeRouteHitToProcess_;
   KeyQueue<Key> sfeProgrammedRouteToProcess_;
   // Owed to whole tables or VRFs; each is done by the task of the queue that its keys would otherwise stand in.
@@ -290,6 +305,8 @@ class HwRouteSm final : public Lattis::Entity {
   std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
   std::unique_ptr<TableReactor<Ipv4HitBitStatus>> sfeHitReactor_;
   std::unique_ptr<TableReactor<Ipv4ProgrammedRouteStatus>> programmedReactor_;
+  std::unique_ptr<TableReactor<Ipv4AdjacencyStatus>> adjReactor_;
+  std::unique_ptr<TableReactor<Ipv6AdjacencyStatus>> adj6Reactor_;
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
   std::map<std::uint32_t, std::unique_ptr<TrieReactor>> trie_;
 };

@@ -10,7 +10,7 @@
 // time of its own, a time slice each routeProcessingIntervalDefer: a fresh change never drags it along.
 //
 // A route for whose adjacency there is no room, or no identifier, is published without one, stays queued, and counts
-// as not in hardware: nobody forwards by it.
+// as not in hardware: nobody forwards by it. HwRouteSm keeps it out of the hardware's table until its adjacency stands.
 //
 // Restart. The tables outlive the agent. A route that a predecessor published and that this life has not processed yet
 // is *inherited*: it holds no reference and no registration. Its first processing makes it an ordinary one.
@@ -304,7 +304,8 @@ class SwRouteSm final : public Lattis::Entity {
   void syncRoute(const typename F::Key& key);
   template <class F>
   void vrfGone(RouteSync<typename F::Key>& sync);
-  // While true, identifiers that nobody holds stay: unprocessed routes of a predecessor may name them.
+  // While true, identifiers that nobody holds stay, and requests that nobody has made: unprocessed routes of a
+  // predecessor may name the ones and forward by the answers to the others.
   bool retainingAdjIds() const;
   void updateRetention();
 

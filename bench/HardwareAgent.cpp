@@ -21,8 +21,10 @@ namespace {
 using nlohmann::json;
 using Pondra::MountKind;
 using RouteCache::HwRouteSm;
+using RouteCache::Ipv4AdjacencyStatus;
 using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4RouteStatus;
+using RouteCache::Ipv6AdjacencyStatus;
 
 // The members stand in the order of their making.
 class HardwareAgent {
@@ -64,6 +66,11 @@ RouteCache::HwRouteSmInputs HardwareAgent::inputs() {
   trie_->routeIs(HardwareWorkload::cachedPrefix(), true);
   const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
   tries->vrfTrieIs(HardwareWorkload::hwVrfId, trie_);
+  const auto adjacencies =
+      mounted<Ipv4AdjacencyStatus>(loop_.tables(), adjPath, MountKind::writer, HardwareWorkload::adjacencies);
+  for (std::uint32_t id = 1; id <= HardwareWorkload::adjacencies; ++id) {
+    adjacencies->adjIs(RouteCache::Ipv4Via(RouteCache::AdjId(id)));
+  }
   return {mounted<Ipv4RouteStatus>(loop_.tables(), hwRoutePath, MountKind::writer, workload_.capacity()),
           std::make_shared<RouteCache::Config>("config"),
           levels_,
@@ -72,7 +79,9 @@ RouteCache::HwRouteSmInputs HardwareAgent::inputs() {
           mounted<Ipv4HitBitStatus>(loop_.tables(), sfeHitBitPath, MountKind::reader),
           capability,
           tries,
-          nullptr};
+          nullptr,
+          adjacencies,
+          mounted<Ipv6AdjacencyStatus>(loop_.tables(), adj6Path, MountKind::writer, 1)};
 }
 
 void HardwareAgent::levelsAre(std::uint8_t low, std::uint16_t idleTime) {

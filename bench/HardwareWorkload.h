@@ -23,8 +23,9 @@ struct HardwareWorkload {
   static Prefix cachedPrefix() { return {IpAddr(10U << 24), 8}; }
   // In the order of the tables' keys.
   static Key key(std::uint32_t index) { return {Prefix(IpAddr((10U << 24) + 8 * index), 32), hwVrfId}; }
+  static constexpr std::uint32_t adjacencies = 20'000;  // numbered from 1
   static RouteCache::Ipv4Route route(std::uint32_t index) {
-    return {key(index), RouteCache::AdjId(1 + index % 20'000), false};
+    return {key(index), RouteCache::AdjId(1 + index % adjacencies), false};
   }
   // More cached prefixes of the VRF, which cover none of the routes.
   std::uint32_t otherPrefixes() const { return routes / 10; }

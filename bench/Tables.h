@@ -13,6 +13,7 @@ inline constexpr const char* hwRoutePath = "routecache/route/hw/ipv4";
 inline constexpr const char* hwRoute6Path = "routecache/route/hw/ipv6";
 inline constexpr const char* sfeRoutePath = "routecache/route/sfe/ipv4";
 inline constexpr const char* adjPath = "routecache/adj/ipv4";
+inline constexpr const char* adj6Path = "routecache/adj/ipv6";
 inline constexpr const char* kernelRoutePath = "routecache/route/kernel";
 inline constexpr const char* hwHitBitPath = "hardware/routecache/status/ipv4";
 inline constexpr const char* sfeHitBitPath = "sfe/routecache/status/ipv4";

@@ -457,6 +457,7 @@ std::vector<std::string> decisions(unsigned seed, int yieldAfter, bool visitors)
   sw.startUp();
   sw.agent().swRouteSmDel();
   const auto sfe = sw.agent().ipv4SfeRouteStatus();
+  for (std::uint32_t id = 1; id <= 10; ++id) sw.agent().ipv4AdjStatus()->adjIs(RouteCache::Ipv4Via(AdjId(id)));
   const auto add = [&](const std::string& prefix, std::uint32_t adjId) {
     sfe->routeIs({keyOf(prefix), AdjId(adjId), false});
   };
@@ -466,7 +467,7 @@ std::vector<std::string> decisions(unsigned seed, int yieldAfter, bool visitors)
   int visits = 0;
   std::unique_ptr<Platform::Task> visitor;
   visitor = sw.scheduler.taskIs("visitor", Platform::TaskPriority::background, [&] {
-    add(plain(0), static_cast<std::uint32_t>(++visits));
+    add(plain(0), 1 + static_cast<std::uint32_t>(++visits % 10));
     visits % 2 == 0 ? add(plain(1), 1) : sfe->routeDel(keyOf(plain(1)));
     sw.hwHit(plain(0), red, visits % 256);
     if (visits % 300 != 0) visitor->scheduleWithin(0);

@@ -1,6 +1,7 @@
 // Random sequences of everything that can happen to routes, against a plain model that says what must be published in
 // the end, as far as the tables have room. The invariants are checked after every task run; agents come and go in
-// between, with hardware route caching and without. In the end a stream of changes runs beside all that waits.
+// between, with hardware route caching and without. In the end a stream of changes runs beside all that waits, and then
+// more of them than there is time for.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -98,7 +99,8 @@ bool isIpv6(const std::string& prefix) {
 class RandomSwitch {
  public:
   // `overflows`: how often each thing was found too small.
-  RandomSwitch(unsigned seed, std::map<std::string, int>& overflows) : overflows_(overflows), random_(seed) {
+  RandomSwitch(unsigned seed, std::map<std::string, int>& overflows)
+      : overflows_(overflows), random_(seed), yieldAfter_(pick(3)) {
     const auto room = [this](unsigned least, unsigned most) { return pick(2) ? 64 : least + pick(most - least + 1); };
     hwRoutes_ = room(2, 6);
     sfeRoutes_ = room(2, 10);
@@ -106,7 +108,7 @@ class RandomSwitch {
     identifiers_ = room(1, 4);
     record_ = room(1, 6);
     caching_ = pick(3) == 0;
-    sw.scheduler.yieldAfterEntriesIs(pick(3));
+    sw.scheduler.yieldAfterEntriesIs(yieldAfter_);
     sw.capability(hwRoutes_, sfeRoutes_, adjacencies_);
     sw.identifiers(identifiers_);
     sw.recordCapacity(record_);
@@ -175,10 +177,13 @@ class RandomSwitch {
       ASSERT_TRUE(expected.contains(key));
       const auto [adjId, inHw] = stateOf(key);
       if (nexthops == expected.at(key)) {
-        ASSERT_EQ(inHw, isIpv6(key) || !caching_ || isInHardware(key, adjId));
+        const auto hardware = hwRoute(key);
+        ASSERT_EQ(inHw, !hardware || (*hardware && (*hardware)->inHw() && (*hardware)->adjId() == adjId));
+        ASSERT_TRUE(!hardware || *hardware || !sw.agent().ipv4HwRouteStatus()->hasRoom());
         continue;
       }
       ASSERT_FALSE(inHw) << "without its adjacency: " << nexthops;
+      ASSERT_FALSE(hwRoute(key).value_or(std::nullopt)) << "without its adjacency: " << nexthops;
       const bool numbered = (adjId.value() & AdjId::adjacencyIdMask) != 0;
       const bool full4 = adjId.isAdjacencyV4() && !sm.ipv4AdjStatus()->has(adjId) && !sm.ipv4AdjStatus()->hasRoom();
       const bool full6 = adjId.isAdjacencyV6() && !sm.ipv6AdjStatus()->has(adjId) && !sm.ipv6AdjStatus()->hasRoom();
@@ -189,6 +194,7 @@ class RandomSwitch {
     checkRecord();
     overflows_["IPv4 routes"] += !caching_ && found[0] < wanted[0];
     overflows_["SFE routes"] += caching_ && found[0] < wanted[0];
+    overflows_["kernel routes"] += sw.agent().kernelRouteStatus()->size() >= hwRoutes_;
     overflows_["IPv6 routes"] += found[1] < wanted[1];
     overflows_["IPv4 adjacencies"] += !sm.ipv4AdjStatus()->hasRoom();
     overflows_["IPv6 adjacencies"] += !sm.ipv6AdjStatus()->hasRoom();
@@ -237,6 +243,37 @@ class RandomSwitch {
     }
   }
 
+  // Changes without a pause, an entry of anything takes 4 ms: the lowest priority has its share of the time.
+  void overload() {
+    if (model.routes.empty()) return;
+    sw.scheduler.yieldAfterEntriesIs(2);
+    sw.scheduler.entryCostIs(0.004);
+    std::unique_ptr<Platform::Task> changes, background;
+    changes = sw.scheduler.taskIs("changes", Platform::TaskPriority::processing, [&] {
+      do {
+        const auto& [key, viaKey] = *std::next(model.routes.begin(), pick(static_cast<unsigned>(model.routes.size())));
+        sw.route(key.second, key.first, viaKey);
+      } while (!changes->shouldYield());
+      changes->scheduleWithin(0);
+    });
+    int turns = 0;
+    background = sw.scheduler.taskIs("background", Platform::TaskPriority::background, [&] {
+      ++turns;
+      while (!background->shouldYield()) continue;
+      background->scheduleWithin(0);
+    });
+    changes->scheduleWithin(0);
+    background->scheduleWithin(0);
+    const auto visited = sw.workDone("leftoverProcessingTask");
+    const bool leftovers = sw.sm().routeToProcess().leftoverCount() > 0;
+    sw.advance(2);
+    EXPECT_GE(turns, 10);
+    EXPECT_LE(sw.longestBackgroundWait(), 0.2) << "seven slices of 8 ms, for each of those that wait";
+    EXPECT_TRUE(!leftovers || sw.workDone("leftoverProcessingTask") > visited);
+    sw.scheduler.entryCostIs(0);
+    sw.scheduler.yieldAfterEntriesIs(yieldAfter_);
+  }
+
   std::uint32_t identifiers() const { return identifiers_; }
 
   SimulatedSwitch sw;
@@ -251,9 +288,10 @@ class RandomSwitch {
     }
     return of(sw.sm().ipv4RouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key)));
   }
-  bool isInHardware(const std::string& key, AdjId adjId) {
-    const auto route = sw.agent().ipv4HwRouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key));
-    return route && route->inHw() && route->adjId() == adjId;
+  // What the hardware's table has of it; nothing where no such table follows what is published.
+  std::optional<std::optional<RouteCache::Ipv4Route>> hwRoute(const std::string& key) {
+    if (!caching_ || isIpv6(key)) return std::nullopt;
+    return sw.agent().ipv4HwRouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key));
   }
   // Every configured route that is not in hardware is recorded, as far as there is room.
   void checkRecord() {
@@ -435,6 +473,7 @@ class RandomSwitch {
 
   std::map<std::string, int>& overflows_;
   std::mt19937 random_;
+  const unsigned yieldAfter_;
   std::uint32_t hwRoutes_, sfeRoutes_, adjacencies_, identifiers_, record_;
   bool caching_;
 };
@@ -454,6 +493,7 @@ TEST_P(SwRouteModelTest, EndsWithWhatIsConfigured) {
       random.finish();
       ASSERT_NO_FATAL_FAILURE(random.check());
       ASSERT_NO_FATAL_FAILURE(random.stream());
+      random.overload();
       random.thinOut();
       ASSERT_NO_FATAL_FAILURE(random.check());
     }
