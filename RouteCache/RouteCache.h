@@ -1,5 +1,5 @@
 // The route cache's values and tables, which it shares with other processes.
 #pragma once
 
-#include "RouteCache/RouteCacheTables.h"
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/model/Values.h"

@@ -14,7 +14,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "RouteCache/RouteCacheNexthop.h"
+#include "RouteCache/model/NexthopRef.h"
 #include "platform/Trace.h"
 
 namespace RouteCache {

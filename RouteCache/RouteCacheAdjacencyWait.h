@@ -9,7 +9,7 @@
 #include <unordered_map>
 
 #include "RouteCache/RouteCacheKeyRings.h"
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 namespace RouteCache {
 

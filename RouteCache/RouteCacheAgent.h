@@ -9,12 +9,12 @@
 #include <string>
 
 #include "RouteCache/RouteCacheAgentCli.h"
-#include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHwRouteSm.h"
 #include "RouteCache/RouteCacheKernelRouteSm.h"
 #include "RouteCache/RouteCacheSwRouteSm.h"
-#include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/model/Config.h"
+#include "RouteCache/model/StatusTables.h"
 #include "platform/AgentBase.h"
 #include "platform/Hardware.h"
 #include "platform/Nexthop.h"

@@ -19,9 +19,9 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHwRouteSm.h"
 #include "RouteCache/RouteCacheSwRouteSm.h"
+#include "RouteCache/model/Config.h"
 #include "platform/AgentCommand.h"
 #include "platform/Trace.h"
 #include "platform/Vrf.h"

@@ -19,7 +19,7 @@
 #include <optional>
 
 #include "RouteCache/RouteCacheKeyRings.h"
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 namespace RouteCache {
 

@@ -41,14 +41,14 @@
 #include <string>
 
 #include "RouteCache/RouteCacheAdjacencyWait.h"
-#include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheHitQueue.h"
 #include "RouteCache/RouteCacheKeyNotes.h"
 #include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheTask.h"
 #include "RouteCache/RouteCacheTimeSlices.h"
 #include "RouteCache/RouteStatusWalk.h"
+#include "RouteCache/model/Config.h"
+#include "RouteCache/model/StatusTables.h"
 
 namespace RouteCache {
 

@@ -31,10 +31,10 @@
 #include <string>
 
 #include "RouteCache/CoveredRoutesWalk.h"
-#include "RouteCache/RouteCacheConfig.h"
 #include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteCacheTables.h"
 #include "RouteCache/RouteCacheTask.h"
+#include "RouteCache/model/Config.h"
+#include "RouteCache/model/StatusTables.h"
 #include "platform/Rib.h"
 #include "platform/Trie.h"
 

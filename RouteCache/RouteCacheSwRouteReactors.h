@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 #include "platform/Nexthop.h"
 #include "platform/Vxlan.h"
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "RouteCache/RouteCacheKeyRings.h"
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 namespace RouteCache {
 

@@ -10,7 +10,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 #include "platform/Assert.h"
 #include "platform/Nexthop.h"
 

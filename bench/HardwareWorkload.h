@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 
 namespace Bench {
 

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
 #include "bench/LmdbStore.h"
 #include "platform/Trie.h"

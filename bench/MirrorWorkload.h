@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 #include "bench/PipelineWorkload.h"
 #include "platform/Rib.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/BenchProgram.h"
 #include "bench/ChildProcess.h"
 #include "bench/PipelineAgent.h"

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
 #include "bench/EncodedValue.h"
 #include "bench/LmdbStore.h"

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/ShowSwitch.h"
 #include "bench/Tables.h"
 #include "linux/SharedTable.h"

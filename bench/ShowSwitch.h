@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
 #include "bench/PipelineWorkload.h"

@@ -12,7 +12,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
 #include "linux/SharedTable.h"
 #include "tools/Common.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 #include "linux/ControlOperations.h"
 #include "linux/ControlSocket.h"
 #include "linux/PlatformTypes.h"

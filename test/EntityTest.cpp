@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 #include "platform/Entity.h"
 #include "platform/Trie.h"
 

@@ -5,7 +5,7 @@
 #include <random>
 
 #include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 namespace {
 

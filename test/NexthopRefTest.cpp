@@ -4,7 +4,7 @@
 #include <sstream>
 #include <unordered_map>
 
-#include "RouteCache/RouteCacheNexthop.h"
+#include "RouteCache/model/NexthopRef.h"
 
 using namespace RouteCache;
 using Platform::fromText;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 #include "linux/EntityFields.h"
 #include "linux/PlatformTypes.h"
 #include "linux/Scenario.h"

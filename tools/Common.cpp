@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 #include "linux/OwnFiles.h"
 #include "linux/PlatformTypes.h"
 #include "platform/Printable.h"

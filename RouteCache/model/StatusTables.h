@@ -11,7 +11,7 @@
 // "Last address" is the highest address inside the prefix. Keys compare with memcmp as the typed keys order.
 #pragma once
 
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 #include "platform/AgentBase.h"
 #include "platform/SharedTable.h"
 

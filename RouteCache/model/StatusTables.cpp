@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheTables.h"
+#include "RouteCache/model/StatusTables.h"
 
 #include "platform/WireBytes.h"
 

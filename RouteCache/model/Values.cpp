@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 #include "platform/Assert.h"
 

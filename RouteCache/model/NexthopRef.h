@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 
 namespace RouteCache {
 

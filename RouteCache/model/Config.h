@@ -12,7 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "RouteCache/RouteCacheValues.h"
+#include "RouteCache/model/Values.h"
 #include "platform/Entity.h"
 
 namespace Platform {

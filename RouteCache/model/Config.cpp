@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheConfig.h"
+#include "RouteCache/model/Config.h"
 
 #include <utility>
 

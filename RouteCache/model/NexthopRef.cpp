@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheNexthop.h"
+#include "RouteCache/model/NexthopRef.h"
 
 #include <algorithm>
 #include <charconv>
