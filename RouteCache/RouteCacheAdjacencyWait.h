@@ -8,8 +8,8 @@
 #include <optional>
 #include <unordered_map>
 
-#include "RouteCache/RouteCacheKeyRings.h"
 #include "RouteCache/model/Values.h"
+#include "RouteCache/work/KeyRings.h"
 
 namespace RouteCache {
 

@@ -18,8 +18,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "RouteCache/RouteCacheKeyRings.h"
 #include "RouteCache/model/Values.h"
+#include "RouteCache/work/KeyRings.h"
 
 namespace RouteCache {
 

@@ -42,13 +42,13 @@
 
 #include "RouteCache/RouteCacheAdjacencyWait.h"
 #include "RouteCache/RouteCacheHitQueue.h"
-#include "RouteCache/RouteCacheKeyNotes.h"
-#include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteCacheTask.h"
 #include "RouteCache/RouteCacheTimeSlices.h"
-#include "RouteCache/RouteStatusWalk.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
+#include "RouteCache/work/DeferredTask.h"
+#include "RouteCache/work/KeyNotes.h"
+#include "RouteCache/work/KeyQueue.h"
+#include "RouteCache/work/RouteStatusWalk.h"
 
 namespace RouteCache {
 

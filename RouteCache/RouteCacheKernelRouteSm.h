@@ -30,11 +30,11 @@
 #include <set>
 #include <string>
 
-#include "RouteCache/CoveredRoutesWalk.h"
-#include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteCacheTask.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
+#include "RouteCache/work/CoveredRoutesWalk.h"
+#include "RouteCache/work/DeferredTask.h"
+#include "RouteCache/work/KeyQueue.h"
 #include "platform/Rib.h"
 #include "platform/Trie.h"
 

@@ -16,7 +16,7 @@
 #include <optional>
 #include <unordered_map>
 
-#include "RouteCache/RouteCacheKeyRings.h"
+#include "RouteCache/work/KeyRings.h"
 #include "platform/Rib.h"
 
 namespace RouteCache {

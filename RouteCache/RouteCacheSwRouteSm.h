@@ -33,14 +33,14 @@
 #include <string>
 
 #include "RouteCache/RouteCacheAdjIds.h"
-#include "RouteCache/RouteCacheFlatMap.h"
 #include "RouteCache/RouteCacheRouteQueue.h"
-#include "RouteCache/RouteCacheTask.h"
 #include "RouteCache/RouteCacheUnprogrammedRecord.h"
 #include "RouteCache/RouteCacheVteps.h"
 #include "RouteCache/RouteConfigWalk.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
+#include "RouteCache/work/DeferredTask.h"
+#include "RouteCache/work/FlatTable.h"
 #include "platform/Nexthop.h"
 #include "platform/Rib.h"
 #include "platform/Vxlan.h"

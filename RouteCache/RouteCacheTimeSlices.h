@@ -10,8 +10,8 @@
 #include <optional>
 #include <vector>
 
-#include "RouteCache/RouteCacheKeyRings.h"
 #include "RouteCache/model/Values.h"
+#include "RouteCache/work/KeyRings.h"
 
 namespace RouteCache {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <optional>
 
-#include "RouteCache/RouteStatusWalk.h"
+#include "RouteCache/work/RouteStatusWalk.h"
 #include "platform/Rib.h"
 #include "platform/Trace.h"
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <optional>
 
-#include "RouteCache/RouteCacheTask.h"
+#include "RouteCache/work/DeferredTask.h"
 #include "platform/Fib.h"
 #include "platform/TaskScheduler.h"
 #include "platform/Trace.h"

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "RouteCache/RouteCache.h"
-#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/work/FlatTable.h"
 #include "platform/Trie.h"
 #include "simulator/Traffic.h"
 

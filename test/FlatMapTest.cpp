@@ -4,7 +4,7 @@
 #include <random>
 #include <string>
 
-#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/work/FlatTable.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <map>
 #include <random>
 
-#include "RouteCache/RouteCacheKeyQueue.h"
 #include "RouteCache/model/Values.h"
+#include "RouteCache/work/KeyQueue.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 #include <random>
 #include <set>
 
-#include "RouteCache/RouteStatusWalk.h"
 #include "RouteCache/model/StatusTables.h"
+#include "RouteCache/work/RouteStatusWalk.h"
 #include "linux/SharedTable.h"
 #include "test/support/SimulatedSwitch.h"
 

@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "RouteCache/RouteCacheKeyRings.h"
+#include "RouteCache/work/KeyRings.h"
 
 namespace RouteCache {
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "RouteCache/RouteCacheFlatMap.h"
+#include "RouteCache/work/FlatTable.h"
 
 namespace RouteCache {
 

@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "RouteCache/RouteCacheKeyQueue.h"
-#include "RouteCache/RouteStatusWalk.h"
+#include "RouteCache/work/KeyQueue.h"
+#include "RouteCache/work/RouteStatusWalk.h"
 
 namespace RouteCache {
 

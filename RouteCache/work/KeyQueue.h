@@ -7,7 +7,7 @@
 #include <array>
 #include <optional>
 
-#include "RouteCache/RouteCacheKeyRings.h"
+#include "RouteCache/work/KeyRings.h"
 
 namespace RouteCache {
 

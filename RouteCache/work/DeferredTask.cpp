@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheTask.h"
+#include "RouteCache/work/DeferredTask.h"
 
 #include <cmath>
 
