@@ -20,8 +20,8 @@
 #include <string>
 
 #include "RouteCache/RouteCacheHwRouteSm.h"
-#include "RouteCache/RouteCacheSwRouteSm.h"
 #include "RouteCache/model/Config.h"
+#include "RouteCache/sw/SwRouteSm.h"
 #include "platform/AgentCommand.h"
 #include "platform/Trace.h"
 #include "platform/Vrf.h"

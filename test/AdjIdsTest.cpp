@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/RouteCacheAdjIds.h"
+#include "RouteCache/sw/AdjacencyIds.h"
 #include "linux/TextTrace.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <list>
 #include <random>
 
-#include "RouteCache/RouteCacheRouteQueue.h"
-#include "RouteCache/RouteConfigWalk.h"
+#include "RouteCache/sw/RouteConfigWalk.h"
+#include "RouteCache/sw/RouteQueue.h"
 #include "linux/PlatformTypes.h"
 #include "linux/SharedTable.h"
 #include "test/support/SimulatedSwitch.h"

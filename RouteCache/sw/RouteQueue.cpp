@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheRouteQueue.h"
+#include "RouteCache/sw/RouteQueue.h"
 
 #include "platform/Assert.h"
 

@@ -1,5 +1,5 @@
 // SwRouteSm's next hops and adjacencies: from vias to references, from references to adjacency table entries.
-#include "RouteCache/RouteCacheSwRouteFamilies.h"
+#include "RouteCache/sw/Families.h"
 #include "platform/Assert.h"
 
 namespace RouteCache {

@@ -1,11 +1,11 @@
-// Life, reactions and the decision about one route. Adjacencies are in RouteCacheSwRouteAdjacency.cpp, syncs and
-// clean-ups in RouteCacheSwRouteSync.cpp.
-#include "RouteCache/RouteCacheSwRouteSm.h"
+// Life, reactions and the decision about one route. Adjacencies are in sw/Adjacencies.cpp, syncs and
+// clean-ups in sw/RouteSync.cpp.
+#include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
 
-#include "RouteCache/RouteCacheSwRouteFamilies.h"
-#include "RouteCache/RouteCacheSwRouteReactors.h"
+#include "RouteCache/sw/Families.h"
+#include "RouteCache/sw/UnderlayReactors.h"
 #include "platform/Assert.h"
 
 namespace RouteCache {

@@ -32,13 +32,13 @@
 #include <set>
 #include <string>
 
-#include "RouteCache/RouteCacheAdjIds.h"
-#include "RouteCache/RouteCacheRouteQueue.h"
-#include "RouteCache/RouteCacheUnprogrammedRecord.h"
-#include "RouteCache/RouteCacheVteps.h"
-#include "RouteCache/RouteConfigWalk.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
+#include "RouteCache/sw/AdjacencyIds.h"
+#include "RouteCache/sw/RouteConfigWalk.h"
+#include "RouteCache/sw/RouteQueue.h"
+#include "RouteCache/sw/UnprogrammedRecord.h"
+#include "RouteCache/sw/VtepMonitor.h"
 #include "RouteCache/work/DeferredTask.h"
 #include "RouteCache/work/FlatTable.h"
 #include "platform/Nexthop.h"

@@ -1,6 +1,6 @@
 // SwRouteSm's start-up syncs, withdrawal of what is no longer configured, clean-ups after a restart, and the check of
 // its invariants.
-#include "RouteCache/RouteCacheSwRouteFamilies.h"
+#include "RouteCache/sw/Families.h"
 #include "platform/Assert.h"
 
 namespace RouteCache {

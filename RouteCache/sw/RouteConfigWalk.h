@@ -5,7 +5,7 @@
 #include <optional>
 #include <set>
 
-#include "RouteCache/RouteCacheRouteQueue.h"
+#include "RouteCache/sw/RouteQueue.h"
 #include "platform/Rib.h"
 
 namespace RouteCache {

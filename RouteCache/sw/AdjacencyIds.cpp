@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheAdjIds.h"
+#include "RouteCache/sw/AdjacencyIds.h"
 
 #include <bit>
 

@@ -1,4 +1,4 @@
-#include "RouteCache/RouteConfigWalk.h"
+#include "RouteCache/sw/RouteConfigWalk.h"
 
 namespace RouteCache {
 

@@ -1,7 +1,7 @@
 // The types and members of SwRouteSm that serve each address family: private to its sources.
 #pragma once
 
-#include "RouteCache/RouteCacheSwRouteSm.h"
+#include "RouteCache/sw/SwRouteSm.h"
 
 namespace RouteCache {
 

@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheUnprogrammedRecord.h"
+#include "RouteCache/sw/UnprogrammedRecord.h"
 
 namespace RouteCache {
 

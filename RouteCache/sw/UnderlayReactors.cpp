@@ -1,6 +1,6 @@
-#include "RouteCache/RouteCacheSwRouteReactors.h"
+#include "RouteCache/sw/UnderlayReactors.h"
 
-#include "RouteCache/RouteCacheSwRouteSm.h"
+#include "RouteCache/sw/SwRouteSm.h"
 
 namespace RouteCache {
 
