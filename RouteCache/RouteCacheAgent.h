@@ -9,12 +9,12 @@
 #include <string>
 
 #include "RouteCache/RouteCacheAgentCli.h"
-#include "RouteCache/RouteCacheHwRouteSm.h"
-#include "RouteCache/RouteCacheKernelRouteSm.h"
-#include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/hw/HwRouteSm.h"
+#include "RouteCache/kernel/KernelRouteSm.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
 #include "RouteCache/sw/SwRouteSm.h"
+#include "RouteCache/vrf/VrfSm.h"
 #include "platform/AgentBase.h"
 #include "platform/Hardware.h"
 #include "platform/Nexthop.h"

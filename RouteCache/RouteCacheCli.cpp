@@ -1,6 +1,6 @@
 #include "RouteCache/RouteCacheCli.h"
 
-#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/hw/HitBitTimeSlices.h"
 
 namespace RouteCache {
 

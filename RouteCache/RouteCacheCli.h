@@ -19,7 +19,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/RouteCacheHwRouteSm.h"
+#include "RouteCache/hw/HwRouteSm.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/sw/SwRouteSm.h"
 #include "platform/AgentCommand.h"

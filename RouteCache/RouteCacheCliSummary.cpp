@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "RouteCache/RouteCacheCli.h"
-#include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/vrf/VrfSm.h"
 
 namespace RouteCache {
 

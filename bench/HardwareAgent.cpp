@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "RouteCache/RouteCacheHwRouteSm.h"
+#include "RouteCache/hw/HwRouteSm.h"
 #include "bench/HardwareRival.h"
 #include "bench/MeasuredLoop.h"
 #include "bench/Tables.h"

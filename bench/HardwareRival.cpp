@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/hw/HitBitTimeSlices.h"
 #include "bench/BenchDirectory.h"
 #include "platform/Trie.h"
 #ifdef ROUTECACHE_LMDB

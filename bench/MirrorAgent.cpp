@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "RouteCache/RouteCacheKernelRouteSm.h"
+#include "RouteCache/kernel/KernelRouteSm.h"
 #include "bench/MeasuredLoop.h"
 #include "bench/Tables.h"
 #include "platform/Trie.h"

@@ -5,7 +5,7 @@
 #include <random>
 #include <tuple>
 
-#include "RouteCache/RouteCacheHitQueue.h"
+#include "RouteCache/hw/HitQueue.h"
 
 namespace {
 

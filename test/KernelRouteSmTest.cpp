@@ -6,7 +6,7 @@
 #include <random>
 #include <set>
 
-#include "RouteCache/RouteCacheKernelRouteSm.h"
+#include "RouteCache/kernel/KernelRouteSm.h"
 #include "linux/PlatformTypes.h"
 #include "linux/SharedTable.h"
 #include "linux/TaskScheduler.h"

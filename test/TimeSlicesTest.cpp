@@ -5,7 +5,7 @@
 #include <random>
 #include <set>
 
-#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/hw/HitBitTimeSlices.h"
 
 namespace {
 

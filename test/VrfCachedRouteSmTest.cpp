@@ -9,7 +9,7 @@
 #include <random>
 #include <sstream>
 
-#include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/vrf/VrfSm.h"
 #include "linux/SharedTable.h"
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"

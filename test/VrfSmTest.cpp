@@ -8,7 +8,7 @@
 #include <sstream>
 #include <utility>
 
-#include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/vrf/VrfSm.h"
 #include "linux/TaskScheduler.h"
 #include "linux/TextTrace.h"
 

@@ -1,7 +1,7 @@
 // HwRouteSm: the scan of the time slices and the ageing that follows it.
 #include <algorithm>
 
-#include "RouteCache/RouteCacheHwRouteSm.h"
+#include "RouteCache/hw/HwRouteSm.h"
 #include "platform/Assert.h"
 
 namespace RouteCache {

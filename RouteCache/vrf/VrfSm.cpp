@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheVrfSm.h"
+#include "RouteCache/vrf/VrfSm.h"
 
 #include <vector>
 

@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/hw/HitBitTimeSlices.h"
 
 #include "platform/Assert.h"
 

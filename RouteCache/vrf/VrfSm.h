@@ -17,8 +17,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "RouteCache/RouteCacheVrfCachedRouteSm.h"
 #include "RouteCache/model/Config.h"
+#include "RouteCache/vrf/VrfCachedRouteSm.h"
 #include "platform/Fib.h"
 #include "platform/Hardware.h"
 #include "platform/Trace.h"

@@ -1,11 +1,11 @@
 // The hardware route state machine: decides which of the SFE's IPv4 routes the hardware holds.
 //
-// Admission (RouteCacheHwRouteSm.cpp). A reaction queues the route's key; the route-processing task decides it. A host
+// Admission (hw/HwRouteSm.cpp). A reaction queues the route's key; the route-processing task decides it. A host
 // route under a cached FIB prefix of its VRF is *cacheable*: it is admitted unasked while utilisation is below the low
 // level, and above that only once traffic has hit it in software. Any other route is admitted while there is room, and
 // stays. Of the routes hit in software those hit last come first (HitQueue).
 //
-// Ageing (RouteCacheHwRouteAgeing.cpp). The scan goes through the time slices of the hardware routes, refiles each by
+// Ageing (hw/Ageing.cpp). The scan goes through the time slices of the hardware routes, refiles each by
 // the hit-bit value that hardware reports, and then, at or above the low level, removes cacheable routes from the
 // idlest slices. With Config::ageingKeepsRoute an idle route is *released*: it loses its inHw, so that the SFE programs
 // it, and leaves the table when the SFE has. A released route counts among those that an ageing run is to remove, and
@@ -40,9 +40,9 @@
 #include <set>
 #include <string>
 
-#include "RouteCache/RouteCacheAdjacencyWait.h"
-#include "RouteCache/RouteCacheHitQueue.h"
-#include "RouteCache/RouteCacheTimeSlices.h"
+#include "RouteCache/hw/AdjacencyWait.h"
+#include "RouteCache/hw/HitBitTimeSlices.h"
+#include "RouteCache/hw/HitQueue.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
 #include "RouteCache/work/DeferredTask.h"

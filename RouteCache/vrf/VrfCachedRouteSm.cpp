@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheVrfCachedRouteSm.h"
+#include "RouteCache/vrf/VrfCachedRouteSm.h"
 
 #include <algorithm>
 #include <type_traits>

@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheHitQueue.h"
+#include "RouteCache/hw/HitQueue.h"
 
 #include <algorithm>
 #include <bit>

@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheKernelRouteSm.h"
+#include "RouteCache/kernel/KernelRouteSm.h"
 
 #include <algorithm>
 #include <limits>

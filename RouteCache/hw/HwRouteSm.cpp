@@ -1,5 +1,5 @@
-// The life of HwRouteSm, its reactions, and the admission of routes. Scan and ageing: RouteCacheHwRouteAgeing.cpp.
-#include "RouteCache/RouteCacheHwRouteSm.h"
+// The life of HwRouteSm, its reactions, and the admission of routes. Scan and ageing: hw/Ageing.cpp.
+#include "RouteCache/hw/HwRouteSm.h"
 
 #include <algorithm>
 
