@@ -7,7 +7,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "RouteCache/RouteCacheAgent.h"
+#include "RouteCache/agent/Agent.h"
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
 #include "linux/PlatformTypes.h"

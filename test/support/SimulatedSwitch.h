@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/RouteCacheAgent.h"
+#include "RouteCache/agent/Agent.h"
 #include "linux/AgentCommands.h"
 #include "linux/SharedTable.h"
 #include "linux/StateDb.h"

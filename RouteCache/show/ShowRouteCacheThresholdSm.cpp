@@ -1,6 +1,5 @@
-#include "RouteCache/RouteCacheCli.h"
-
 #include "RouteCache/hw/HitBitTimeSlices.h"
+#include "RouteCache/show/ShowRouteCacheSm.h"
 
 namespace RouteCache {
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/RouteCacheAgentCli.h"
+#include "RouteCache/agent/CliCallback.h"
 #include "RouteCache/hw/HwRouteSm.h"
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "RouteCache/model/Config.h"

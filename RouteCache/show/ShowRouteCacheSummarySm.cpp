@@ -1,7 +1,7 @@
 // The summary command.
 #include <algorithm>
 
-#include "RouteCache/RouteCacheCli.h"
+#include "RouteCache/show/ShowRouteCacheSm.h"
 #include "RouteCache/vrf/VrfSm.h"
 
 namespace RouteCache {

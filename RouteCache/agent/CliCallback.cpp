@@ -1,10 +1,10 @@
-#include "RouteCache/RouteCacheAgentCli.h"
+#include "RouteCache/agent/CliCallback.h"
 
 #include <stdexcept>
 #include <string_view>
 
-#include "RouteCache/RouteCacheAgent.h"
-#include "RouteCache/RouteCacheCli.h"
+#include "RouteCache/agent/Agent.h"
+#include "RouteCache/show/ShowRouteCacheSm.h"
 
 namespace RouteCacheAgent {
 

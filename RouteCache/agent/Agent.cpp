@@ -1,4 +1,4 @@
-#include "RouteCache/RouteCacheAgent.h"
+#include "RouteCache/agent/Agent.h"
 
 #include <utility>
 

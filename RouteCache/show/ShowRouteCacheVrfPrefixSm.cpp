@@ -1,7 +1,7 @@
 // The command that lists routes.
 #include <algorithm>
 
-#include "RouteCache/RouteCacheCli.h"
+#include "RouteCache/show/ShowRouteCacheSm.h"
 
 namespace RouteCache {
 
