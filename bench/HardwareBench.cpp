@@ -18,7 +18,7 @@
 #include "bench/HardwareRival.h"
 #include "bench/Tables.h"
 #include "bench/WorkFigures.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 
 namespace Bench {

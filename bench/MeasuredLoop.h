@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "bench/BenchDirectory.h"
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TraceFile.h"
+#include "linux/files/TraceFile.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 
 namespace Bench {

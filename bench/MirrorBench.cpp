@@ -15,7 +15,7 @@
 #include "bench/MirrorAgent.h"
 #include "bench/Tables.h"
 #include "bench/WorkFigures.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 #include "tools/RibWriter.h"
 #ifdef ROUTECACHE_LMDB

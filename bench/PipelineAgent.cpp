@@ -10,13 +10,13 @@
 #include "RouteCache/agent/Agent.h"
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
-#include "linux/PlatformTypes.h"
-#include "linux/Scenario.h"
-#include "linux/SharedTable.h"
-#include "linux/StateDb.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TraceFile.h"
-#include "linux/UnderlayResolver.h"
+#include "lib/resolver/UnderlayResolver.h"
+#include "lib/statedb/EmbeddedStateDb.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "lib/statedb/Scenario.h"
+#include "linux/files/TraceFile.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 
 namespace Bench {
 

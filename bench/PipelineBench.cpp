@@ -15,7 +15,7 @@
 #include "bench/PipelineAgent.h"
 #include "bench/PipelineWorkload.h"
 #include "bench/Tables.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 #include "tools/RibWriter.h"
 #ifdef ROUTECACHE_LMDB

@@ -9,7 +9,7 @@
 #include "RouteCache/model/StatusTables.h"
 #include "bench/ShowSwitch.h"
 #include "bench/Tables.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 
 namespace Bench {

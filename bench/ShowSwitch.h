@@ -11,7 +11,7 @@
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
 #include "bench/PipelineWorkload.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/ControlClient.h"
 #include "tools/RibWriter.h"
 

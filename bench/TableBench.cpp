@@ -14,7 +14,7 @@
 
 #include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Common.h"
 #include "tools/PrefixList.h"
 #ifdef ROUTECACHE_LMDB

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "RouteCache/sw/AdjacencyIds.h"
-#include "linux/TextTrace.h"
+#include "lib/trace/TextTrace.h"
 
 namespace {
 

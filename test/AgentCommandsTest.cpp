@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "linux/AgentCommands.h"
-#include "linux/ControlOperations.h"
-#include "linux/RunDirectory.h"
+#include "lib/control/AgentCommands.h"
+#include "linux/control/ControlOperations.h"
+#include "linux/files/RunDirectory.h"
 #include "platform/Text.h"
 #include "test/support/Peer.h"
 #include "test/support/TemporaryDirectory.h"

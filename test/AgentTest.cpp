@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <sstream>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "test/support/SimulatedSwitch.h"
 #include "tools/AgentLibrary.h"
 

@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "RouteCache/model/Config.h"
-#include "linux/ControlOperations.h"
-#include "linux/ControlSocket.h"
-#include "linux/PlatformTypes.h"
-#include "linux/RunDirectory.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "linux/control/ControlOperations.h"
+#include "linux/control/ControlSocket.h"
+#include "linux/files/RunDirectory.h"
 #include "platform/Nexthop.h"
 #include "platform/Vxlan.h"
 #include "test/support/Eventually.h"

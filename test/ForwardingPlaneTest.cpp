@@ -3,8 +3,8 @@
 
 #include <random>
 
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "simulator/ForwardingPlane.h"
 #include "test/support/SimulatedSwitch.h"
 

@@ -8,10 +8,10 @@
 #include <random>
 #include <sstream>
 
-#include "linux/ControlOperations.h"
-#include "linux/EntityFields.h"
-#include "linux/PlatformTypes.h"
-#include "linux/Scenario.h"
+#include "lib/statedb/EntityFields.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "lib/statedb/Scenario.h"
+#include "linux/control/ControlOperations.h"
 #include "test/support/Peer.h"
 #include "test/support/SimulatedSwitch.h"
 

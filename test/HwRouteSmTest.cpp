@@ -9,7 +9,7 @@
 #include <functional>
 #include <random>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "platform/Trie.h"
 #include "test/support/SimulatedSwitch.h"
 

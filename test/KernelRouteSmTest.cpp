@@ -7,10 +7,10 @@
 #include <set>
 
 #include "RouteCache/kernel/KernelRouteSm.h"
-#include "linux/PlatformTypes.h"
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TextTrace.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "lib/trace/TextTrace.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-#include "linux/OwnFiles.h"
-#include "linux/RunDirectory.h"
-#include "linux/SharedTable.h"
+#include "linux/files/OwnFiles.h"
+#include "linux/files/RunDirectory.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/OtherUser.h"
 #include "test/support/TemporaryDirectory.h"
 #include "test/support/TestTables.h"

@@ -4,7 +4,7 @@
 #include <limits>
 #include <nlohmann/json.hpp>
 
-#include "linux/Renderer.h"
+#include "lib/control/CommandRenderer.h"
 #include "platform/Printable.h"
 
 using LinuxPlatform::JsonRenderer;

@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "linux/PlatformTypes.h"
+#include "lib/statedb/PlatformTypes.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

@@ -8,8 +8,8 @@
 
 #include "RouteCache/sw/RouteConfigWalk.h"
 #include "RouteCache/sw/RouteQueue.h"
-#include "linux/PlatformTypes.h"
-#include "linux/SharedTable.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "RouteCache/model/StatusTables.h"
 #include "RouteCache/work/RouteStatusWalk.h"
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "RouteCache/model/Config.h"
-#include "linux/EntityFields.h"
-#include "linux/PlatformTypes.h"
-#include "linux/Scenario.h"
+#include "lib/statedb/EntityFields.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "lib/statedb/Scenario.h"
 #include "platform/Hardware.h"
 #include "platform/Nexthop.h"
 #include "platform/Vrf.h"

@@ -36,11 +36,11 @@ void beforeLoad() {
 // NOLINTBEGIN(bugprone-suspicious-include)
 #define SHARED_TABLE_BEFORE_LOAD() beforeLoad()
 #define LinuxPlatform SteppedLinuxPlatform
-#include "linux/SharedTableFollower.cpp"
-#include "linux/SharedTableFormat.cpp"
-#include "linux/SharedTableHeap.cpp"
-#include "linux/SharedTableView.cpp"
-#include "linux/SharedTableWriter.cpp"
+#include "lib/tables/ChangeFollower.cpp"
+#include "lib/tables/HeapSpace.cpp"
+#include "lib/tables/TableFormat.cpp"
+#include "lib/tables/TableView.cpp"
+#include "lib/tables/TableWriter.cpp"
 // NOLINTEND(bugprone-suspicious-include)
 
 namespace {

@@ -22,10 +22,10 @@
 #include <random>
 #include <thread>
 
-#include "linux/SharedTable.h"
-#include "linux/SharedTableFormat.h"
-#include "linux/SharedTableView.h"
-#include "linux/SharedTableWriter.h"
+#include "lib/tables/TableFormat.h"
+#include "lib/tables/TableView.h"
+#include "lib/tables/TableWriter.h"
+#include "linux/tables/SharedTableService.h"
 #include "platform/Hash.h"
 #include "test/support/TestTables.h"
 

@@ -11,7 +11,7 @@
 #include <random>
 #include <set>
 
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "platform/SharedTable.h"
 #include "test/support/TestTables.h"
 

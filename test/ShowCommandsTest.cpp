@@ -12,7 +12,7 @@
 #include <random>
 #include <sstream>
 
-#include "linux/Renderer.h"
+#include "lib/control/CommandRenderer.h"
 #include "test/support/SimulatedSwitch.h"
 
 using Agent::OutputFormat;

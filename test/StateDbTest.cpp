@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "linux/PlatformTypes.h"
-#include "linux/StateDb.h"
-#include "linux/TaskScheduler.h"
+#include "lib/statedb/EmbeddedStateDb.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "linux/loop/EventLoop.h"
 #include "platform/Hardware.h"
 #include "platform/Vrf.h"
 

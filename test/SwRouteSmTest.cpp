@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "linux/PlatformTypes.h"
+#include "lib/statedb/PlatformTypes.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

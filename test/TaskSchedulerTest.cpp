@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "linux/TaskScheduler.h"
+#include "linux/loop/EventLoop.h"
 #include "test/support/SimulatedClock.h"
 
 using LinuxPlatform::EventLoop;

@@ -13,7 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
 #include "tools/Commands.h"

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "linux/TextTrace.h"
-#include "linux/TraceFile.h"
+#include "lib/trace/TextTrace.h"
+#include "linux/files/TraceFile.h"
 #include "test/support/Eventually.h"
 
 using LinuxPlatform::FileTraceFacility;

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "linux/TaskScheduler.h"
-#include "linux/UnderlayResolver.h"
+#include "lib/resolver/UnderlayResolver.h"
+#include "linux/loop/EventLoop.h"
 
 namespace {
 

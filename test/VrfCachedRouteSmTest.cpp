@@ -10,9 +10,9 @@
 #include <sstream>
 
 #include "RouteCache/vrf/VrfSm.h"
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TextTrace.h"
+#include "lib/trace/TextTrace.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {

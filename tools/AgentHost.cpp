@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "linux/MonotonicClock.h"
-#include "linux/PlatformTypes.h"
-#include "linux/Scenario.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "lib/statedb/Scenario.h"
+#include "linux/loop/MonotonicClock.h"
 #include "platform/Assert.h"
 #include "platform/Printable.h"
 #include "tools/AgentLibrary.h"

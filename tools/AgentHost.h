@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "linux/AgentCommands.h"
-#include "linux/SharedTable.h"
-#include "linux/StateDb.h"
-#include "linux/TraceFile.h"
-#include "linux/UnderlayResolver.h"
+#include "lib/control/AgentCommands.h"
+#include "lib/resolver/UnderlayResolver.h"
+#include "lib/statedb/EmbeddedStateDb.h"
+#include "linux/files/TraceFile.h"
+#include "linux/tables/SharedTableService.h"
 #include "platform/AgentBase.h"
 #include "platform/TaskScheduler.h"
 

@@ -15,8 +15,8 @@
 #include <utility>
 
 #include "RouteCache/model/StatusTables.h"
-#include "linux/OwnFiles.h"
-#include "linux/PlatformTypes.h"
+#include "lib/statedb/PlatformTypes.h"
+#include "linux/files/OwnFiles.h"
 #include "platform/Printable.h"
 
 namespace Tools {

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "linux/RunDirectory.h"
+#include "linux/files/RunDirectory.h"
 #include "platform/Printable.h"
 #include "platform/Text.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "linux/InputFile.h"
+#include "linux/files/InputFile.h"
 #include "platform/Printable.h"
 #include "platform/Text.h"
 

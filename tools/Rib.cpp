@@ -7,7 +7,7 @@
 #include <optional>
 #include <set>
 
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/NexthopSets.h"

@@ -6,11 +6,11 @@
 #include <optional>
 #include <string>
 
-#include "linux/ControlOperations.h"
-#include "linux/ControlSocket.h"
-#include "linux/ProcessLimits.h"
-#include "linux/RunDirectory.h"
-#include "linux/TaskScheduler.h"
+#include "linux/control/ControlOperations.h"
+#include "linux/control/ControlSocket.h"
+#include "linux/files/ProcessLimits.h"
+#include "linux/files/RunDirectory.h"
+#include "linux/loop/EventLoop.h"
 #include "tools/AgentHost.h"
 #include "tools/AgentLibrary.h"
 #include "tools/Commands.h"

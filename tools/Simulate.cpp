@@ -8,9 +8,9 @@
 #include <optional>
 #include <string>
 
-#include "linux/ProcessLimits.h"
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
+#include "linux/files/ProcessLimits.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <iostream>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "platform/Rib.h"
 #include "tools/Common.h"
 #include "tools/Progress.h"

@@ -15,7 +15,7 @@
 #include <optional>
 #include <set>
 
-#include "linux/SharedTable.h"
+#include "linux/tables/SharedTableService.h"
 #include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"

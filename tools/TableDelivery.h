@@ -4,8 +4,8 @@
 
 #include <memory>
 
-#include "linux/SharedTable.h"
-#include "linux/TaskScheduler.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 
 namespace Tools {
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <string>
 
-#include "linux/TraceFile.h"
+#include "linux/files/TraceFile.h"
 #include "platform/AgentBase.h"
 #include "platform/Printable.h"
 #include "tools/AgentLibrary.h"

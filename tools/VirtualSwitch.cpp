@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "linux/EntityFields.h"
+#include "lib/statedb/EntityFields.h"
 #include "platform/Hardware.h"
 #include "platform/Vrf.h"
 #include "platform/Vxlan.h"

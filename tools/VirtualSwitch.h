@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "linux/TaskScheduler.h"
+#include "linux/loop/EventLoop.h"
 #include "tools/AgentHost.h"
 #include "tools/Simulation.h"
 

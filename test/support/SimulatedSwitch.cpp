@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "linux/PlatformTypes.h"
+#include "lib/statedb/PlatformTypes.h"
 
 using Routing::Rib::RouteConfig;
 using Routing::Rib::RouteKey;

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "RouteCache/agent/Agent.h"
-#include "linux/AgentCommands.h"
-#include "linux/SharedTable.h"
-#include "linux/StateDb.h"
-#include "linux/TaskScheduler.h"
-#include "linux/TextTrace.h"
-#include "linux/UnderlayResolver.h"
+#include "lib/control/AgentCommands.h"
+#include "lib/resolver/UnderlayResolver.h"
+#include "lib/statedb/EmbeddedStateDb.h"
+#include "lib/trace/TextTrace.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
 #include "test/support/MortalTables.h"
 #include "test/support/SimulatedClock.h"
 #include "test/support/TemporaryDirectory.h"

@@ -1,0 +1,37 @@
+#include "lib/statedb/PlatformTypes.h"
+
+#include "platform/Fib.h"
+#include "platform/Hardware.h"
+#include "platform/Nexthop.h"
+#include "platform/Rib.h"
+#include "platform/Vrf.h"
+#include "platform/Vxlan.h"
+
+namespace LinuxPlatform {
+
+void addPlatformTypes(Lattis::EntityTypes& entities, Platform::TableTypes& tables) {
+  entities.typeIs<Routing::Hardware::Status>("Routing::Hardware::Status");
+  entities.typeIs<Routing::Hardware::RouteStatus>("Routing::Hardware::RouteStatus");
+  entities.typeIs<Vrf::VrfIdMap::NameToIdMapWrapper>("Vrf::VrfIdMap::NameToIdMapWrapper");
+  entities.typeIs<Routing::NexthopConfig>("Routing::NexthopConfig");
+  entities.typeIs<Routing::NexthopStatus>("Routing::NexthopStatus");
+  entities.typeIs<Routing::UnderlayRouteConfig>("Routing::UnderlayRouteConfig");
+  entities.typeIs<Vxlan::VtiStatusDir>("Vxlan::VtiStatusDir");
+
+  tables.typeIs<Routing::Rib::RouteConfig>();
+  tables.typeIs<Routing::Rib::RouteCache::Evpn::ViaConfig>();
+  tables.typeIs<Pondra::Fib::RouteStatus>();
+  tables.typeIs<Pondra::Fib6::RouteStatus>();
+}
+
+PathTypes platformPathTypes() {
+  return {{"routing/hardware/route/status", "Routing::Hardware::RouteStatus"},
+          {"routing/hardware/status", "Routing::Hardware::Status"},
+          {"vrf/vrfNameStatus", "Vrf::VrfIdMap::NameToIdMapWrapper"},
+          {nexthopConfigPath, "Routing::NexthopConfig"},
+          {nexthopStatusPath, "Routing::NexthopStatus"},
+          {underlayRoutePath, "Routing::UnderlayRouteConfig"},
+          {"interface/status/eth/vxlan", "Vxlan::VtiStatusDir"}};
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,145 @@
+#include "linux/control/ControlOperations.h"
+
+#include <stdexcept>
+
+#include "lib/statedb/EntityFields.h"
+
+namespace LinuxPlatform {
+
+namespace {
+
+using Platform::toText;
+
+// A reply that has all its lines from the start: for what is small.
+class LinesReply final : public ControlReply {
+ public:
+  explicit LinesReply(std::string lines) : lines_(std::move(lines)) {}
+  bool produce(std::string& lines) override {
+    lines += lines_;
+    return false;
+  }
+
+ private:
+  std::string lines_;
+};
+
+class FieldsReply final : public ControlReply {
+ public:
+  FieldsReply(std::shared_ptr<Lattis::Entity> entity, std::string_view field) : walk_(std::move(entity), field) {}
+  bool produce(std::string& lines) override {
+    constexpr int itemsPerPiece = 32;
+    for (int i = 0; i < itemsPerPiece; ++i) {
+      const auto item = walk_.next();
+      if (!item) return false;
+      lines += item->value ? controlLine({{"field", item->field}, {"value", *item->value}})
+                           : controlLine({{"field", item->field}});
+    }
+    return true;
+  }
+
+ private:
+  FieldWalk walk_;
+};
+
+std::optional<std::string> optionalOf(const ControlSocket::Request& request, std::string_view name) {
+  const auto found = request.find(name);
+  return found == request.end() ? std::nullopt : std::optional(found->second);
+}
+
+std::string requiredOf(const ControlSocket::Request& request, std::string_view name) {
+  auto value = optionalOf(request, name);
+  if (!value) throw std::invalid_argument(request.at("op") + " wants a " + std::string(name));
+  return *std::move(value);
+}
+
+std::shared_ptr<Lattis::Entity> entityAt(const EmbeddedStateDb& stateDb, const std::string& path) {
+  auto entity = stateDb.entity(path);
+  if (!entity) throw std::invalid_argument("nothing is at the path '" + path + "'");
+  return entity;
+}
+
+std::string pathLines(const EmbeddedStateDb& stateDb) {
+  std::string lines;
+  for (const auto& path : stateDb.paths()) {
+    lines += controlLine({{"path", path}, {"type", stateDb.entity(path)->entityType().name}});
+  }
+  return lines;
+}
+
+Platform::OutputFormat outputFormatOf(const std::string& name) {
+  if (name == "text") return Platform::OutputFormat::text;
+  if (name == "json") return Platform::OutputFormat::json;
+  throw std::invalid_argument("'" + name + "' is not an output format: text or json");
+}
+
+// Carries out what is asked of one field; its errors name the place.
+template <class Action>
+void atField(const std::string& path, const std::string& field, Action&& action) {
+  try {
+    action();
+  } catch (const std::exception& error) {
+    throw std::invalid_argument(path + (field.empty() ? "" : " " + field) + ": " + error.what());
+  }
+}
+
+}  // namespace
+
+void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
+  using Request = ControlSocket::Request;
+  using Reply = std::unique_ptr<ControlReply>;
+  using Access = ControlSocket::Access;
+
+  socket.opIs("get", Access::ask, [&stateDb](const Request& request) -> Reply {
+    const auto path = optionalOf(request, "path");
+    if (!path) return std::make_unique<LinesReply>(pathLines(stateDb));
+    const auto entity = entityAt(stateDb, *path);
+    const std::string field = optionalOf(request, "field").value_or("");
+    Reply reply;
+    atField(*path, field, [&] { reply = std::make_unique<FieldsReply>(entity, field); });
+    return reply;
+  });
+
+  socket.opIs("set", Access::change, [&stateDb](const Request& request) -> Reply {
+    const std::string path = requiredOf(request, "path");
+    const std::string field = requiredOf(request, "field");
+    const auto entity = entityAt(stateDb, path);
+    atField(path, field, [&] { setField(entity, field, optionalOf(request, "value")); });
+    return nullptr;
+  });
+
+  socket.opIs("del", Access::change, [&stateDb](const Request& request) -> Reply {
+    const std::string path = requiredOf(request, "path");
+    const std::string field = requiredOf(request, "field");
+    const auto entity = entityAt(stateDb, path);
+    atField(path, field, [&] { delField(entity, field); });
+    return nullptr;
+  });
+}
+
+void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& scheduler) {
+  using Reply = std::unique_ptr<ControlReply>;
+  socket.opIs("tasks", ControlSocket::Access::ask, [&scheduler](const ControlSocket::Request&) -> Reply {
+    std::string lines;
+    for (const auto& task : scheduler.statistics()) {
+      lines += controlLine({{"name", task.name},
+                            {"priority", toText(static_cast<unsigned>(task.priority))},
+                            {"runs", toText(task.runs)},
+                            {"workDone", toText(task.workDone)},
+                            {"workPending", toText(task.workPending)},
+                            {"longestRun", toText(task.longestRun)},
+                            {"totalRun", toText(task.totalRun)},
+                            {"longestWait", toText(task.longestWait)}});
+    }
+    return std::make_unique<LinesReply>(std::move(lines));
+  });
+}
+
+void addCommandOperation(ControlSocket& socket, AgentCommands& commands) {
+  socket.opIs("command", ControlSocket::Access::ask, [&commands](const ControlSocket::Request& request) {
+    const std::string type = requiredOf(request, "type");
+    const std::string command = requiredOf(request, "command");
+    return commands.commandReply(type, command, outputFormatOf(requiredOf(request, "format")));
+  });
+}
+
+}  // namespace LinuxPlatform

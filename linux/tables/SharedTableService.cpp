@@ -1,0 +1,296 @@
+#include "linux/tables/SharedTableService.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+#include "linux/tables/TableCollection.h"
+
+namespace LinuxPlatform {
+
+using Pondra::CollectionInfo;
+using Pondra::MountKind;
+using Pondra::TableEntity;
+using Pondra::TableError;
+
+namespace {
+
+std::string tableDirectory(const std::string& runDirectory) {
+  return runDirectory + "/tables";
+}
+
+[[noreturn]] void refuseMount(const std::string& path, const std::string& what) {
+  throw TableError(path + " mount: " + what);
+}
+
+std::string leafOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// The capacity that a writer asks for.
+std::uint32_t capacityFrom(const std::string& path, const Pondra::TableLayout& layout,
+                           const std::optional<CollectionInfo>& info) {
+  if (!info) refuseMount(path, "a writer has to name its collection and capacity");
+  if (info->collection != layout.collection) {
+    refuseMount(path, layout.typeName + " has no collection " + info->collection);
+  }
+  if (info->capacity == 0 || info->capacity > Pondra::maxCapacity) {
+    refuseMount(path, "a capacity of " + std::to_string(info->capacity) + " entries is impossible");
+  }
+  return info->capacity;
+}
+
+}  // namespace
+
+SharedTableService::SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
+                                       std::function<void()> deliveryWanted)
+    : types_(types),
+      runDirectory_(runDirectory),
+      context_(std::make_shared<TableServiceContext>()),
+      wakeup_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+  context_->directory = tableDirectory(runDirectory);
+  context_->deliveryWanted = std::move(deliveryWanted);
+  try {
+    makeDirectory(runDirectory_);
+    makeDirectory(context_->directory);
+  } catch (const std::runtime_error& error) {
+    throw TableError(error.what());
+  }
+}
+
+SharedTableService::~SharedTableService() {
+  for (auto& [path, mount] : mounts_) {
+    mount.collection->flush();
+    mount.collection->close();
+  }
+  context_->deliveryWanted = nullptr;
+  context_->corruptionHandler = nullptr;
+}
+
+void SharedTableService::mount(const std::string& path, const std::string& typeName, MountKind kind,
+                               const std::optional<CollectionInfo>& info) {
+  addMount(path, typeName, kind, info, Unreadable::error);
+}
+
+void SharedTableService::mountWhenReadable(const std::string& path, const std::string& typeName) {
+  addMount(path, typeName, MountKind::reader, std::nullopt, Unreadable::waits);
+}
+
+void SharedTableService::addMount(const std::string& path, const std::string& typeName, MountKind kind,
+                                  const std::optional<CollectionInfo>& info, Unreadable unreadable) {
+  if (const auto found = mounts_.find(path); found != mounts_.end()) {
+    if (found->second.typeName == typeName && found->second.collection->kind() == kind) return;
+    refuseMount(path, "it is mounted here already, with another type or kind");
+  }
+  const std::shared_ptr<TableEntity> table = types_.make(typeName, leafOf(path));
+  if (!table) refuseMount(path, "no table type is called " + typeName);
+  const Pondra::TableLayout layout = table->layout();
+  if (path.empty() || path.size() >= sizeof TableHeader::path) refuseMount(path, "the path is empty or too long");
+  const std::uint32_t capacity = kind == MountKind::writer ? capacityFrom(path, layout, info) : 0;
+  if (kind == MountKind::writer) {
+    checkOwner(path);
+  } else {
+    watchDirectory();
+  }
+  auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity, unreadable);
+  table->handleParent(directoryOf(path));
+  table->controlIs(collection);
+  if (kind != MountKind::writer) readers_[tableFileName(path)] = collection;
+  mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
+}
+
+// In a directory that others may write into, a writer's files could become theirs.
+void SharedTableService::checkOwner(const std::string& path) {
+  if (ownerChecked_) return;
+  try {
+    checkOwnDirectory(runDirectory_);
+    checkOwnDirectory(context_->directory);
+  } catch (const std::runtime_error& error) {
+    refuseMount(path, error.what());
+  }
+  ownerChecked_ = true;
+}
+
+std::shared_ptr<Lattis::Entity> SharedTableService::directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string name = slash == std::string::npos ? std::string() : path.substr(0, slash);
+  std::weak_ptr<Lattis::Entity>& known = directories_[name];
+  auto directory = known.lock();
+  if (!directory) known = directory = std::make_shared<Pondra::TableDirectory>(name);
+  return directory;
+}
+
+// Before the first reader's table is looked for, so that it cannot appear unseen. Not for writers alone: nobody else
+// changes their tables, and to give a watch up takes the kernel milliseconds.
+void SharedTableService::watchDirectory() {
+  if (watching_ || !wakeup_) return;
+  watchWanted_ = true;
+  watching_ = inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO) >= 0;
+}
+
+void SharedTableService::unmount(const std::string& path) {
+  const auto found = mounts_.find(path);
+  if (found == mounts_.end()) return;
+  const Mount mount = std::move(found->second);
+  mounts_.erase(found);
+  if (mount.collection->kind() != MountKind::writer) readers_.erase(tableFileName(path));
+  mount.collection->flush();
+  mount.collection->close();
+  mount.table->handleParent(nullptr);
+}
+
+std::shared_ptr<TableEntity> SharedTableService::entity(std::string_view path) const {
+  const auto found = mounts_.find(path);
+  return found == mounts_.end() ? nullptr : found->second.table;
+}
+
+void SharedTableService::corruptionHandlerIs(
+    std::function<void(const std::string& path, const std::string& what)> handler) {
+  context_->corruptionHandler = std::move(handler);
+}
+
+// --- Changes ---------------------------------------------------------------------------------------------------------
+
+// Work goes by the tables that something is known of: there may be tens of thousands that nothing happens to.
+std::vector<std::shared_ptr<TableCollection>> SharedTableService::takeDue() {
+  std::vector<std::shared_ptr<TableCollection>> round;
+  for (const auto& entry : std::exchange(context_->due, {})) {
+    if (auto collection = entry.lock()) {
+      collection->dueTaken();
+      round.push_back(std::move(collection));
+    }
+  }
+  const auto byPath = [](const auto& a, const auto& b) { return a->path() < b->path(); };
+  std::sort(round.begin(), round.end(), byPath);
+  const auto first = std::find_if(round.begin(), round.end(), [&](const auto& c) { return c->path() >= firstServed_; });
+  std::rotate(round.begin(), first, round.end());
+  return round;
+}
+
+bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield) {
+  if (!std::exchange(context_->deliveryAsked, false) && context_->due.empty()) findPending();
+  // A reactor may mount and unmount tables.
+  const std::vector<std::shared_ptr<TableCollection>> round = takeDue();
+  for (const auto& collection : round) collection->adoptReplacement();
+
+  bool yielded = false;
+  const std::function<bool()> stop = [&] { return yielded = yielded || shouldYield(); };
+  for (const auto& collection : round) {
+    if (!yielded) {
+      collection->deliver(stop);
+      if (yielded) firstServed_ = collection->path() + '\0';  // the path after this one
+    }
+    if (collection->pending()) collection->dueIs();
+  }
+  return context_->due.empty();
+}
+
+void SharedTableService::findPending() {
+  for (const auto& [path, mount] : mounts_) {
+    if (mount.collection->pending()) mount.collection->dueIs();
+  }
+}
+
+// A name that changes while its directory is looked at may leave the directory's time as it was: only a time that has
+// passed counts for what was seen.
+bool SharedTableService::namesChanged() {
+  constexpr std::int64_t clockSteps = 1;  // seconds; far more than the file system's clock takes for a step
+  const FileIdentity now = fileIdentity(context_->directory);
+  if (now == directoryState_ && now != FileIdentity()) return false;
+  timespec time{};
+  clock_gettime(CLOCK_REALTIME, &time);
+  directoryState_ = now.changeSeconds + clockSteps < time.tv_sec ? now : FileIdentity();
+  return true;
+}
+
+void SharedTableService::checkFiles(bool all, bool retry) {
+  for (const auto& [path, mount] : mounts_) {
+    TableCollection& collection = *mount.collection;
+    if (all || collection.refused() || collection.kind() == MountKind::writer) collection.checkReplacement(retry);
+  }
+}
+
+bool SharedTableService::pendingChanges() {
+  constexpr unsigned pollsPerRetry = 10;
+  if (watchWanted_) watchDirectory();
+  const bool changed = namesChanged();
+  checkFiles(changed, ++polls_ % pollsPerRetry == 0);
+  findPending();
+  return !context_->due.empty();
+}
+
+void SharedTableService::handleFileEvent(std::string_view fileName, bool written) {
+  constexpr std::string_view suffix = ".table";
+  if (!fileName.ends_with(suffix)) return;
+  const auto found = readers_.find(fileName.substr(0, fileName.size() - suffix.size()));
+  if (found == readers_.end()) return;
+  // What has been written is seen in the table itself; who it is matters only when it may be another file.
+  TableCollection& collection = *found->second;
+  if (!written || !collection.mounted() || collection.refused()) collection.checkReplacement();
+  if (collection.pending()) collection.dueIs();
+}
+
+void SharedTableService::handleWakeup() {
+  alignas(inotify_event) std::array<char, 4096> events;
+  bool lost = false;
+  ssize_t size = 0;
+  while ((size = read(wakeup_.get(), events.data(), events.size())) > 0) {
+    for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(size);) {
+      inotify_event event;
+      std::memcpy(&event, events.data() + at, sizeof event);
+      const char* const name = events.data() + at + sizeof event;
+      if ((event.mask & IN_IGNORED) != 0) watching_ = false;  // the directory was removed
+      if ((event.mask & IN_Q_OVERFLOW) != 0) {
+        lost = true;
+      } else if (event.len > 0) {
+        handleFileEvent(std::string_view(name, strnlen(name, event.len)), (event.mask & IN_MODIFY) != 0);
+      }
+      at += sizeof event + event.len;
+    }
+  }
+  if (lost) {
+    checkFiles(true, false);
+    findPending();
+  }
+  if (!context_->due.empty()) context_->wantDelivery();
+}
+
+void SharedTableService::flush() {
+  for (const auto& [path, mount] : mounts_) mount.collection->flush();
+}
+
+void SharedTableService::checkInvariants() const {
+  for (const auto& [path, mount] : mounts_) mount.collection->checkInvariants();
+}
+
+std::vector<TableFileInfo> tableFiles(const std::string& runDirectory) {
+  std::vector<TableFileInfo> tables;
+  std::error_code error;
+  const std::filesystem::directory_iterator files(tableDirectory(runDirectory), error);
+  if (error && error != std::errc::no_such_file_or_directory) {
+    throw TableError(tableDirectory(runDirectory) + ": " + error.message());
+  }
+  for (const auto& file : files) {
+    if (file.path().extension() != ".table") continue;
+    const TableFileHeader read = readTableHeader(file.path().string());
+    if (!read.fault.empty()) {
+      tables.push_back({file.path().filename().string(), {}, {}, 0, 0, std::nullopt, read.fault});
+      continue;
+    }
+    const TableHeader& header = read.header;
+    const auto writerAlive = tableLocked(tableDirectory(runDirectory), header.path);
+    tables.push_back(
+        {header.path, header.typeName, header.collection, read.liveCount, header.capacity, writerAlive, {}});
+  }
+  std::sort(tables.begin(), tables.end(), [](const auto& a, const auto& b) { return a.path < b.path; });
+  return tables;
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,113 @@
+// Shared tables as files that processes map: one file per table under <run directory>/tables (SharedTableFormat.h draws
+// its bytes, SharedTableFile.h names the files).
+//
+// Everything here runs on one thread. Changes reach the tables' reactors from deliverChanges() alone: the owner's event
+// loop calls it when it was asked to, when wakeupFd() has become readable, and when pendingChanges(), asked about once
+// a second, finds something; tests call it by hand.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "linux/tables/TableFile.h"
+#include "platform/AgentBase.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+struct TableServiceContext;
+class TableCollection;
+
+class SharedTableService final : public Pondra::TableService {
+ public:
+  // Makes the directory when it is missing; throws TableError when it cannot. `types` outlives the service. Readers may
+  // be another user's, if the modes let them; a writer's mount throws when the directory is not its own user's alone.
+  // `deliveryWanted` is called when there is something to deliver, from inside a write or handleWakeup() and at most
+  // once between two deliveries: it schedules a call of deliverChanges().
+  SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
+                     std::function<void()> deliveryWanted = {});
+  ~SharedTableService() override;
+
+  void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+             const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
+  void mountWhenReadable(const std::string& path, const std::string& typeName) override;
+  void unmount(const std::string& path) override;
+  std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
+  void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) override;
+
+  // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
+  // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
+  // turns at being first. Looks at the tables that something is known of, or at all when there are none. Not called
+  // from inside a reactor.
+  bool deliverChanges(const std::function<bool()>& shouldYield);
+  // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
+  // Reads a word per table, and asks who the files are: those of written tables, those that were refused, and all when
+  // names have changed in the directory. Finds also what a writer changed that died before it flushed. Every tenth call
+  // tries the files that were refused again.
+  bool pendingChanges();
+
+  // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has
+  // no more of its kind; changes are then found by pendingChanges() alone.
+  int wakeupFd() const { return wakeup_.get(); }
+  void handleWakeup();
+  // Wakes the other processes that follow what was written here. For the end of a batch of writes; a table does it by
+  // itself every few thousand writes.
+  void flush();
+
+  // Asserts every written table's invariants. Slow: for tests and debugging.
+  void checkInvariants() const;
+
+ private:
+  struct Mount {
+    std::string typeName;
+    std::shared_ptr<Pondra::TableEntity> table;
+    std::shared_ptr<TableCollection> collection;
+  };
+
+  void addMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+                const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable);
+  std::shared_ptr<Lattis::Entity> directoryOf(const std::string& path);
+  void watchDirectory();
+  void checkOwner(const std::string& path);
+  bool namesChanged();
+  void checkFiles(bool all, bool retry);
+  void handleFileEvent(std::string_view fileName, bool written);
+  // Puts every table that has something to deliver among those that are due.
+  void findPending();
+  std::vector<std::shared_ptr<TableCollection>> takeDue();
+
+  const Platform::TableTypes& types_;
+  std::string runDirectory_;
+  bool ownerChecked_ = false;
+  std::shared_ptr<TableServiceContext> context_;
+  FileDescriptor wakeup_;
+  bool watchWanted_ = false;
+  bool watching_ = false;
+  std::map<std::string, Mount, std::less<>> mounts_;
+  std::map<std::string, std::shared_ptr<TableCollection>, std::less<>> readers_;   // by file name
+  std::map<std::string, std::weak_ptr<Lattis::Entity>, std::less<>> directories_;  // by path
+  unsigned polls_ = 0;
+  FileIdentity directoryState_;  // when all files were last asked
+  std::string firstServed_;      // path at which the next delivery begins
+};
+
+// A table file as its header describes it, for tools that list tables.
+struct TableFileInfo {
+  std::string path;  // mount path; of a file with a fault: the file's name
+  std::string typeName;
+  std::string collection;
+  std::size_t size = 0;
+  std::size_t capacity = 0;
+  std::optional<bool> writerAlive;  // nothing: this user cannot tell
+  std::string fault;                // why the file is no table; empty: it is one
+};
+// All tables under a run directory, by path; none when the directory does not exist. Throws TableError when it cannot
+// be read.
+std::vector<TableFileInfo> tableFiles(const std::string& runDirectory);
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,298 @@
+#include "linux/tables/TableCollection.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <filesystem>
+
+#include "platform/Assert.h"
+
+namespace LinuxPlatform {
+
+using Pondra::MountKind;
+using Pondra::TableError;
+using Pondra::WriteResult;
+
+namespace {
+// A writer that forgets to flush is noticed after so many writes.
+constexpr std::uint32_t writesPerFlush = 4096;
+}  // namespace
+
+void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
+  if (corruptionHandler) {
+    corruptionHandler(path, what);
+    return;
+  }
+  constexpr std::size_t mostLines = 1000;
+  if (printed.size() >= mostLines || !printed.emplace(path, what).second) return;
+  std::fprintf(stderr, "routecache: table %s: %s\n", path.c_str(), what.c_str());
+}
+
+void TableServiceContext::reportShortage(const std::string& path, const std::string& remedy) {
+  if (shortages.insert(remedy).second) reportDamage(path, remedy);
+}
+
+TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, MountKind kind,
+                                 Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable)
+    : context_(std::move(context)),
+      path_(std::move(path)),
+      kind_(kind),
+      layout_(std::move(layout)),
+      report_([this](std::string_view what) { reportCorruption(what); }) {
+  if (kind_ == MountKind::writer) {
+    openForWriting(capacity);
+  } else {
+    const FileIdentity identity = fileIdentity(fileName());
+    try {
+      file_ = TableFile::open(context_->directory, path_, layout_, false);
+    } catch (const TableError& error) {
+      if (unreadable == Unreadable::error) throw;
+      found_ = true;
+      refuseFile(identity, error);
+    }
+  }
+  if (file_) view_.emplace(file_->image(), report_);
+}
+
+void TableCollection::openForWriting(std::uint32_t capacity) {
+  lock_ = lockTable(context_->directory, path_);
+  file_ = TableFile::open(context_->directory, path_, layout_, true);
+  if (file_ && file_->capacity() != capacity) {
+    const TableWriter oldEntries(file_->image(), file_->capacity(), report_);
+    copyToNewFile(capacity, oldEntries.size());
+  } else {
+    const bool isNew = !file_;
+    if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
+    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
+    if (isNew) file_->publish();
+  }
+}
+
+// Copies the entries into a file of this capacity and puts it in the place of the old one, which its readers go on
+// reading until they notice.
+void TableCollection::copyToNewFile(std::uint32_t capacity, std::size_t entries) {
+  const auto slots = std::max(capacity, static_cast<std::uint32_t>(entries));
+  std::shared_ptr<TableFile> next = TableFile::create(context_->directory, path_, layout_, capacity, slots);
+  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_);
+  writer->copyFrom(TableView(file_->image(), report_));
+  next->publish();
+  writer_ = std::move(writer);
+  file_ = std::move(next);
+}
+
+void TableCollection::close() {
+  Sink* const sink = mounted() ? sink_ : nullptr;
+  follow(nullptr);
+  writer_.reset();
+  view_.reset();
+  file_.reset();
+  lock_ = FileDescriptor();
+  if (sink != nullptr) sink->mountStatusChanged();
+}
+
+std::size_t TableCollection::size() const {
+  if (!view_) return 0;
+  const TableImage& image = view_->image();
+  return static_cast<std::size_t>(std::min<std::uint64_t>(load(image.state().liveCount), image.geometry().slots));
+}
+
+std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize && value.size() >= layout_.maxValueSize);
+  Entry found;
+  if (!view_ || !view_->find(keyWords(key), value, found)) return std::nullopt;
+  if (follower_) follower_->seen(found);
+  return found.size;
+}
+
+bool TableCollection::has(Bytes key) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  Entry found;
+  if (!view_ || !view_->has(keyWords(key), found)) return false;
+  if (follower_) follower_->seen(found);
+  return true;
+}
+
+std::optional<std::size_t> TableCollection::seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
+                                                 std::uint64_t& hint) const {
+  PLATFORM_ASSERT(key.size() == layout_.keySize && keyOut.size() >= layout_.keySize);
+  PLATFORM_ASSERT(value.size() >= layout_.maxValueSize);
+  Entry found;
+  if (!view_ || !view_->seek(keyWords(key), inclusive, value, hint, found)) return std::nullopt;
+  if (follower_) follower_->seen(found);
+  keyBytes(found.contents.key, keyOut.first(layout_.keySize));
+  return found.size;
+}
+
+TableWriter& TableCollection::writerFor(std::string_view operation) {
+  if (!writer_) refuse(operation, Pondra::notAllowedText(mounted(), follower_ != nullptr));
+  return *writer_;
+}
+
+void TableCollection::refuse(std::string_view operation, const std::string& text) const {
+  throw TableError(path_ + " " + layout_.collection + std::string(operation) + ": " + text);
+}
+
+WriteResult TableCollection::write(Bytes key, Bytes value) {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  TableWriter& writer = writerFor("Is");
+  if (value.size() > layout_.maxValueSize) {
+    refuse("Is", Pondra::payloadText(layout_.typeName, value.size(), layout_.maxValueSize));
+  }
+  const WriteResult result = writer.write(keyWords(key), value);
+  if (result == WriteResult::ok) written();
+  return result;
+}
+
+bool TableCollection::erase(Bytes key) {
+  PLATFORM_ASSERT(key.size() == layout_.keySize);
+  const bool erased = writerFor("Del").erase(keyWords(key));
+  if (erased) written();
+  return erased;
+}
+
+void TableCollection::written() {
+  if (++unflushed_ >= writesPerFlush) flush();
+  if (follower_ && dueIs()) context_->wantDelivery();
+}
+
+bool TableCollection::dueIs() {
+  if (std::exchange(due_, true)) return false;
+  context_->due.push_back(weak_from_this());
+  return true;
+}
+
+void TableCollection::flush() {
+  if (unflushed_ == 0) return;
+  unflushed_ = 0;
+  file_->ringDoorbell();
+}
+
+std::uint64_t TableCollection::follow(Sink* sink) {
+  sink_ = nullptr;
+  follower_.reset();
+  streaming_ = false;
+  if (sink != nullptr) {
+    sink_ = sink;
+    follower_ = std::make_shared<ChangeFollower>(report_);
+    if (view_) follower_->start(*view_);
+  }
+  return lastSequence();
+}
+
+bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
+  const std::shared_ptr<ChangeFollower> follower = follower_;
+  const std::shared_ptr<TableFile> file = file_;  // the sink may unmount the table
+  if (!follower || !(streaming_ || follower->pending())) return true;
+  // The sink may stop following, or start again, from inside any of its calls.
+  const auto followed = [&] { return follower_ == follower; };
+  if (!streaming_) {
+    streaming_ = true;
+    sink_->quiescedChanged(false);
+  }
+  std::array<std::byte, Pondra::maxKeySize> bytes;
+  const MutableBytes key(bytes.data(), layout_.keySize);
+  follower->deliver([&](const KeyWords& words, std::uint64_t sequence) {
+    if (!followed()) return false;
+    keyBytes(words, key);
+    sink_->keyChanged(key, sequenceBase_ + sequence);
+    return followed() && !shouldYield();
+  });
+  if (!followed()) return true;
+  if (follower->pending()) return false;
+  streaming_ = false;
+  sink_->quiescedChanged(true);
+  return !pending();
+}
+
+void TableCollection::checkReplacement(bool retry) {
+  if (kind_ == MountKind::writer) {
+    replacementDue_ = !ownFilesStand();
+    return;
+  }
+  const FileIdentity now = fileIdentity(fileName());
+  if (now == FileIdentity{} || (now == refused_ && !retry)) return;
+  if (!file_ || !now.isSameFile(file_->identity())) replacementDue_ = true;
+}
+
+void TableCollection::adoptReplacement() {
+  if (!std::exchange(replacementDue_, false)) return;
+  if (kind_ == MountKind::writer) {
+    putBack();
+    return;
+  }
+  std::unique_ptr<TableFile> next;
+  const FileIdentity identity = fileIdentity(fileName());
+  try {
+    next = TableFile::open(context_->directory, path_, layout_, false);
+  } catch (const TableError& error) {
+    refuseFile(identity, error);
+  }
+  if (!next) return;
+  refused_ = {};
+  if (file_ && next->identity().isSameFile(file_->identity())) return;
+  const bool appeared = !file_;
+  if (!appeared) sequenceBase_ = lastSequence() + 1;
+  const auto old = std::exchange(file_, std::move(next));
+  const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
+  if (!follower_) return;
+  if (!appeared) {
+    follower_->restart(*view_, *oldView, old);
+  } else if (found_) {
+    follower_->start(*view_);  // nobody can say which of its entries are new
+  } else {
+    follower_->restart(*view_);
+  }
+  if (appeared) sink_->mountStatusChanged();
+}
+
+bool TableCollection::ownFilesStand() const {
+  return file_->stands() && lockStands(context_->directory, path_, lock_);
+}
+
+// Somebody has removed the table, its lock or the whole directory, or put something else there. The kernel does not
+// give a removed file its name back, so the entries are copied, all in one go: that this takes a moment is the least of
+// the troubles of a switch where it happens. What fails is tried again when the files are looked at next.
+void TableCollection::putBack() {
+  try {
+    for (const auto& directory :
+         {std::filesystem::path(context_->directory).parent_path().string(), context_->directory}) {
+      makeDirectory(directory);
+      checkOwnDirectory(directory);
+    }
+    if (!lockStands(context_->directory, path_, lock_)) lock_ = lockTable(context_->directory, path_);
+    if (!file_->stands()) {
+      const auto old = file_;  // the follower's until it has gone over
+      const std::uint64_t base = lastSequence() + 1;
+      copyToNewFile(old->capacity(), writer_->size());
+      sequenceBase_ = base;
+      const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
+      if (follower_) follower_->restart(*view_, *oldView, old);
+    }
+    reportCorruption("its file was removed; it is put back");
+  } catch (const std::exception& error) {
+    reportCorruption(std::string("its file was removed and cannot be put back: ") + error.what());
+  }
+}
+
+// Told once for a state of the file, however often it is tried.
+void TableCollection::refuseFile(const FileIdentity& identity, const TableError& error) {
+  const auto* shortage = dynamic_cast<const TableShortage*>(&error);
+  const bool isNew = refused_ != identity || refusedText_ != error.what();
+  refused_ = identity;
+  refusedText_ = error.what();
+  if (shortage != nullptr) {
+    context_->reportShortage(path_, shortage->remedy());
+  } else if (isNew) {
+    context_->reportDamage(path_, error.what());
+  }
+}
+
+void TableCollection::reportCorruption(std::string_view what) const {
+  context_->reportDamage(path_, std::string(what));
+}
+
+void TableCollection::checkInvariants() const {
+  if (writer_) writer_->checkInvariants();
+}
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,120 @@
+// One mounted table: the file, its reader, and its writer or follower, behind the platform's interface.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "lib/tables/ChangeFollower.h"
+#include "lib/tables/TableView.h"
+#include "lib/tables/TableWriter.h"
+#include "linux/tables/TableFile.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+class TableCollection;
+
+// What the mounts of one service share; lives as long as the last of them.
+struct TableServiceContext {
+  std::string directory;  // of the table files
+  std::function<void(const std::string& path, const std::string& what)>
+      corruptionHandler;  // empty: reportDamage prints
+  std::function<void()> deliveryWanted;
+  bool deliveryAsked = false;                       // since the last delivery
+  std::vector<std::weak_ptr<TableCollection>> due;  // tables that the next delivery has to look at
+  std::set<std::pair<std::string, std::string>> printed;
+  std::set<std::string> shortages;
+
+  // To the handler; without one a line on standard error, for each fault of each table once.
+  void reportDamage(const std::string& path, const std::string& what);
+  // The same once for all tables: the first one that met the shortage stands for the others.
+  void reportShortage(const std::string& path, const std::string& remedy);
+
+  void wantDelivery() {
+    if (deliveryAsked) return;
+    deliveryAsked = true;
+    if (deliveryWanted) deliveryWanted();
+  }
+};
+
+class TableCollection final : public Pondra::SharedCollection, public std::enable_shared_from_this<TableCollection> {
+ public:
+  // Opens the table: a reader's may be missing. Throws TableError.
+  TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, Pondra::MountKind kind,
+                  Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable = Unreadable::error);
+
+  const std::string& path() const override { return path_; }
+  Pondra::MountKind kind() const override { return kind_; }
+  bool mounted() const override { return file_ != nullptr; }
+  std::size_t size() const override;
+  std::size_t capacity() const override { return file_ ? file_->capacity() : 0; }
+  std::optional<std::size_t> find(Bytes key, MutableBytes value) const override;
+  bool has(Bytes key) const override;
+  std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
+                                  std::uint64_t& hint) const override;
+  Pondra::WriteResult write(Bytes key, Bytes value) override;
+  bool erase(Bytes key) override;
+  std::uint64_t follow(Sink* sink) override;
+  std::uint64_t lastSequence() const override { return view_ ? sequenceBase_ + view_->headSequence() : 0; }
+  void reportCorruption(std::string_view what) const override;
+
+  // Lets go of file and lock; whoever still holds the collection finds it empty. Tells the sink.
+  void close();
+  // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
+  bool deliver(const std::function<bool()>& shouldYield);
+  bool pending() const { return replacementDue_ || streaming_ || (follower_ && follower_->pending()); }
+  // Puts the table among those that the next delivery looks at; false: it is one already.
+  bool dueIs();
+  void dueTaken() { due_ = false; }
+  // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A file
+  // that was refused is tried again when it has changed, or when `retry` says so. A writer, whose files nobody else may
+  // touch, puts its own in the place again, and tells so.
+  void checkReplacement(bool retry = false);
+  void adoptReplacement();
+  // The file under the name has been refused, and nothing is known to have changed since.
+  bool refused() const { return refused_ != FileIdentity(); }
+  // Makes those who watch the file look, if anything was written.
+  void flush();
+  void checkInvariants() const;
+
+ private:
+  std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
+  void openForWriting(std::uint32_t capacity);
+  void copyToNewFile(std::uint32_t capacity, std::size_t entries);
+  bool ownFilesStand() const;
+  void putBack();
+  void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
+  void written();
+  TableWriter& writerFor(std::string_view operation);
+  [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
+
+  std::shared_ptr<TableServiceContext> context_;
+  std::string path_;
+  Pondra::MountKind kind_;
+  Pondra::TableLayout layout_;
+  DamageReport report_;
+  FileDescriptor lock_;
+  std::shared_ptr<TableFile> file_;
+  std::optional<TableView> view_;
+  std::unique_ptr<TableWriter> writer_;
+  std::uint32_t unflushed_ = 0;  // writes since the last flush
+
+  Sink* sink_ = nullptr;
+  std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
+  bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
+  std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
+  bool due_ = false;
+  bool replacementDue_ = false;
+  bool found_ = false;       // a file was there when the table was mounted, but could not be used
+  FileIdentity refused_;     // a file that cannot be used
+  std::string refusedText_;  // why
+};
+
+}  // namespace LinuxPlatform

@@ -1,0 +1,218 @@
+#include "linux/tables/TableFile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "platform/Hash.h"
+
+namespace LinuxPlatform {
+
+using Pondra::TableError;
+
+namespace {
+
+// File names end at 255 bytes; suffixes and hash need some of them.
+constexpr std::size_t longestName = 200;
+
+[[noreturn]] void refuse(const std::string& path, const std::string& what) {
+  throw TableError(path + " mount: " + what);
+}
+// What the system refused, for this reason.
+[[noreturn]] void refuseErrno(const std::string& path, const std::string& what, int reason) {
+  const std::string text = path + " mount: " + what;
+  if (reason == EMFILE) throw TableShortage(text, "this process may open no more files: raise its limit (ulimit -n)");
+  if (reason == ENFILE) throw TableShortage(text, "the machine may open no more files: raise fs.file-max");
+  if (reason == ENOMEM)
+    throw TableShortage(text, "no more tables can be mapped: raise vm.max_map_count, or add memory");
+  throw TableError(text);
+}
+[[noreturn]] void refuseErrno(const std::string& path, const std::string& what) {
+  const int reason = errno;
+  refuseErrno(path, what + ": " + std::strerror(reason), reason);
+}
+
+std::uint64_t sizeOf(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+bool readAt(int fd, void* to, std::size_t size, std::size_t offset) {
+  return pread(fd, to, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
+}
+
+std::byte* map(int fd, std::size_t size, bool writable) {
+  void* base = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  return base == MAP_FAILED ? nullptr : static_cast<std::byte*>(base);
+}
+
+}  // namespace
+
+std::string tableFileName(std::string_view path) {
+  std::string name;
+  for (const char c : path) {
+    const bool plain =
+        (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_';
+    if (plain) {
+      name += c;
+    } else if (c == '/') {
+      name += '.';
+    } else {
+      char escaped[4];
+      std::snprintf(escaped, sizeof escaped, "%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
+      name += escaped;
+    }
+  }
+  if (name.size() <= longestName) return name;
+  const std::uint64_t hash = Platform::hashBytes(reinterpret_cast<const unsigned char*>(path.data()), path.size());
+  char tail[20];
+  std::snprintf(tail, sizeof tail, "~%016" PRIx64, hash);  // no other name holds a '~'
+  return name.substr(0, longestName - 17) + tail;
+}
+
+namespace {
+std::string lockName(const std::string& directory, const std::string& path) {
+  return directory + "/" + tableFileName(path) + ".lock";
+}
+}  // namespace
+
+FileDescriptor lockTable(const std::string& directory, const std::string& path) {
+  const std::string fileName = lockName(directory, path);
+  for (;;) {
+    OpenFile file = openOrCreate(fileName, lockMode);
+    if (!file.fd) refuse(path, file.fault);
+    // A lock of the open file: gone with its last descriptor like any flock, but one can ask for it without taking it.
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(file.fd.get(), F_OFD_SETLK, &lock) != 0) {
+      if (errno == EAGAIN || errno == EACCES) refuse(path, "another process is the table's writer");
+      refuseErrno(path, fileName);
+    }
+    // Who cleans up the directory at this moment leaves us with the lock of a file that nobody else will ask for.
+    if (leadsTo(fileName, file.fd)) return std::move(file.fd);
+  }
+}
+
+bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock) {
+  return leadsTo(lockName(directory, path), lock);
+}
+
+std::optional<bool> tableLocked(const std::string& directory, const std::string& path) {
+  const OpenFile file = openToRead(lockName(directory, path));
+  if (!file.fault.empty()) return std::nullopt;
+  if (!file.fd) return false;
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  return fcntl(file.fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+namespace {
+FileIdentity identityOf(const struct stat& status) {
+  return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
+}
+}  // namespace
+
+FileIdentity fileIdentity(const std::string& fileName) {
+  struct stat status {};
+  return stat(fileName.c_str(), &status) == 0 ? identityOf(status) : FileIdentity();
+}
+
+TableFile::TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
+                     std::byte* base)
+    : name_(std::move(name)),
+      fd_(std::move(fd)),
+      geometry_(geometry),
+      capacity_(capacity),
+      base_(base),
+      image_(base_, geometry_) {
+  struct stat status {};
+  if (fstat(fd_.get(), &status) == 0) identity_ = identityOf(status);
+}
+
+TableFile::~TableFile() {
+  munmap(base_, geometry_.fileSize);
+}
+
+std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const std::string& path,
+                                           const Pondra::TableLayout& layout, bool writable) {
+  const std::string name = directory + "/" + tableFileName(path);
+  OpenFile file = writable ? openToWrite(name + ".table", readableMode) : openToRead(name + ".table");
+  if (!file.fault.empty()) refuseErrno(path, file.fault, file.error);
+  if (!file.fd) return nullptr;
+  FileDescriptor fd = std::move(file.fd);
+  TableHeader header{};
+  if (!readAt(fd.get(), &header, sizeof header, 0)) refuse(path, "the file is too short for a table");
+  if (const auto fault = headerFault(header, path, layout); !fault.empty()) refuse(path, fault);
+  // Mapped bytes beyond the end of the file would be deadly to touch.
+  const TableGeometry geometry(layout, header.slots);
+  if (sizeOf(fd.get()) < geometry.fileSize) refuse(path, "the file is shorter than its header says");
+  std::byte* base = map(fd.get(), geometry.fileSize, writable);
+  if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
+  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, header.capacity, base));
+  if (!writable) table->fd_ = FileDescriptor();  // thousands of tables may be read at a time
+  return table;
+}
+
+std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const std::string& path,
+                                             const Pondra::TableLayout& layout, std::uint32_t capacity,
+                                             std::uint32_t slots) {
+  const std::string name = directory + "/" + tableFileName(path);
+  const std::string temporary = name + ".new";
+  OpenFile file = createAfresh(temporary, readableMode);
+  if (!file.fd) refuse(path, file.fault);
+  FileDescriptor fd = std::move(file.fd);
+  const TableGeometry geometry(layout, slots);
+  if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) {
+    const int error = errno;
+    unlink(temporary.c_str());
+    errno = error;
+    refuseErrno(path, temporary);
+  }
+  std::byte* base = map(fd.get(), geometry.fileSize, true);
+  if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
+  // A new file is all zero bytes: no slot was ever used and every list is empty.
+  const TableHeader header = tableHeader(path, layout, capacity, slots);
+  std::memcpy(base, &header, sizeof header);
+  return std::unique_ptr<TableFile>(new TableFile(name, std::move(fd), geometry, capacity, base));
+}
+
+void TableFile::publish() {
+  if (rename((name_ + ".new").c_str(), (name_ + ".table").c_str()) != 0) refuseErrno(name_, "the file cannot be named");
+}
+
+bool TableFile::stands() const {
+  return leadsTo(name_ + ".table", fd_);
+}
+
+void TableFile::ringDoorbell() const {
+  const char ring = 1;
+  // Nothing depends on it but the speed of notification.
+  [[maybe_unused]] const auto written =
+      pwrite(fd_.get(), &ring, 1, static_cast<off_t>(tableStateOffset + offsetof(TableState, doorbell)));
+}
+
+TableFileHeader readTableHeader(const std::string& fileName) {
+  TableFileHeader result;
+  const OpenFile file = openToRead(fileName);
+  if (!file.fd) {
+    result.fault = file.fault.empty() ? std::strerror(ENOENT) : file.fault;
+  } else if (!readAt(file.fd.get(), &result.header, sizeof result.header, 0) ||
+             !readAt(file.fd.get(), &result.liveCount, sizeof result.liveCount,
+                     tableStateOffset + offsetof(TableState, liveCount))) {
+    result.fault = "the file is too short for a table";
+  } else {
+    result.fault = headerFault(result.header);
+  }
+  return result;
+}
+
+}  // namespace LinuxPlatform

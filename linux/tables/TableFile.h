@@ -1,0 +1,111 @@
+// Table files: their names, the lock of their writer, creating and mapping them.
+//
+//   <run directory>/tables/<name>.table   the table (SharedTableFormat.h)
+//   <run directory>/tables/<name>.lock    locked by the writer; stays when the table is replaced
+//   <run directory>/tables/<name>.new     a table being made; gets its name when it is complete
+//
+// All of them belong to one user, who writes every table of the directory; others may be allowed to read the tables.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "lib/tables/TableFormat.h"
+#include "linux/files/OwnFiles.h"
+#include "platform/SharedTable.h"
+
+namespace LinuxPlatform {
+
+// The name for a mount path, without its suffix: letters, digits, '-' and '_' stand for themselves, '/' becomes '.',
+// anything else %XX, so that no path leads out of the directory and no two share a name. A name that would be longer
+// than a file name may be ends in a hash of the path instead; the header tells whose file it is.
+std::string tableFileName(std::string_view path);
+
+// The writer's lock, held while the descriptor lives and let go by the kernel when its process ends. Throws TableError
+// when another holds it.
+FileDescriptor lockTable(const std::string& directory, const std::string& path);
+// Whether the lock is still the one that the next writer would ask for.
+bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock);
+// Whether somebody holds it; nothing when it is not for this user to ask.
+std::optional<bool> tableLocked(const std::string& directory, const std::string& path);
+
+// Which file a name leads to, and in which state it is; all 0: none. Another file may get the number of one that is
+// gone, and a file may be changed in place: that a refused one is still the same takes size and time of the last change
+// as well. A file that is mapped keeps its number, and every write changes its time.
+struct FileIdentity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  std::int64_t changeSeconds = 0;
+  std::int64_t changeNanoseconds = 0;
+  bool operator==(const FileIdentity&) const = default;
+  bool isSameFile(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
+};
+FileIdentity fileIdentity(const std::string& fileName);
+
+// What becomes of a file that a reader cannot use: a TableError, or the reader waits for one that it can.
+enum class Unreadable : std::uint8_t { error, waits };
+
+// The process has come to the end of its descriptors or mappings: no fault of the table. remedy() says what to raise.
+class TableShortage : public Pondra::TableError {
+ public:
+  TableShortage(const std::string& what, const char* remedy) : TableError(what), remedy_(remedy) {}
+  const char* remedy() const { return remedy_; }
+
+ private:
+  const char* remedy_;
+};
+
+// A mapped table file whose header has been checked against its layout. A reader's costs one mapping and no descriptor.
+// Not moved: images refer to its geometry.
+class TableFile {
+ public:
+  // Maps an existing table; null when there is none. Throws TableError when the file is no table of this path and
+  // layout, or shorter than it says.
+  static std::unique_ptr<TableFile> open(const std::string& directory, const std::string& path,
+                                         const Pondra::TableLayout& layout, bool writable);
+  // Makes an empty table under its temporary name; publish() gives it its own, replacing an older file. Takes the
+  // writer's lock for granted. Throws TableError when the system refuses.
+  static std::unique_ptr<TableFile> create(const std::string& directory, const std::string& path,
+                                           const Pondra::TableLayout& layout, std::uint32_t capacity,
+                                           std::uint32_t slots);
+  void publish();
+  // Whether the table's name leads to this file. Writable files only.
+  bool stands() const;
+
+  TableFile(const TableFile&) = delete;
+  TableFile& operator=(const TableFile&) = delete;
+  ~TableFile();
+
+  const TableImage& image() const { return image_; }
+  std::uint32_t capacity() const { return capacity_; }
+  const FileIdentity& identity() const { return identity_; }
+  // Makes the file's watchers look. Writable files only.
+  void ringDoorbell() const;
+
+ private:
+  TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
+            std::byte* base);
+
+  std::string name_;   // without suffix, with its directory
+  FileDescriptor fd_;  // a writer's, for the doorbell
+  TableGeometry geometry_;
+  std::uint32_t capacity_;
+  std::byte* base_;
+  TableImage image_;
+  FileIdentity identity_;
+};
+
+// The header of a file in a table directory, or why it has none.
+struct TableFileHeader {
+  TableHeader header{};
+  std::uint64_t liveCount = 0;
+  std::string fault;  // empty: the header is good
+};
+TableFileHeader readTableHeader(const std::string& fileName);
+
+}  // namespace LinuxPlatform
