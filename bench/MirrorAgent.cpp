@@ -7,7 +7,7 @@
 #include "bench/MeasuredLoop.h"
 #include "bench/Tables.h"
 #include "platform/Trie.h"
-#include "tools/RibWriter.h"
+#include "simulator/routing/RibWriter.h"
 
 namespace Bench {
 

@@ -16,8 +16,8 @@
 #include "bench/Tables.h"
 #include "bench/WorkFigures.h"
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/RibWriter.h"
 #include "tools/Common.h"
-#include "tools/RibWriter.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/MirrorRival.h"
 #endif

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/RibWriter.h"
+#include "simulator/routing/RibWriter.h"
 
 namespace Bench {
 

@@ -12,8 +12,8 @@
 #include "bench/ChildProcess.h"
 #include "bench/PipelineWorkload.h"
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/RibWriter.h"
 #include "tools/ControlClient.h"
-#include "tools/RibWriter.h"
 
 namespace Bench {
 

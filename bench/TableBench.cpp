@@ -15,8 +15,8 @@
 #include "RouteCache/model/StatusTables.h"
 #include "bench/BenchDirectory.h"
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/PrefixList.h"
 #include "tools/Common.h"
-#include "tools/PrefixList.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/EncodedValue.h"
 #include "bench/LmdbStore.h"

@@ -5,7 +5,7 @@
 
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
-#include "simulator/ForwardingPlane.h"
+#include "simulator/forwarding/ForwardingPlane.h"
 #include "test/support/SimulatedSwitch.h"
 
 using RouteCache::AdjId;

@@ -10,8 +10,8 @@
 #include <random>
 #include <set>
 
-#include "tools/NexthopSets.h"
-#include "tools/PrefixList.h"
+#include "simulator/routing/NexthopSets.h"
+#include "simulator/routing/PrefixList.h"
 
 namespace {
 

@@ -14,11 +14,11 @@
 #include <set>
 
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/RibWriter.h"
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/RibWriter.h"
 
 namespace {
 

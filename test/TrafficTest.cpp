@@ -11,8 +11,8 @@
 #include <numeric>
 #include <set>
 
-#include "simulator/ZipfTraffic.h"
-#include "tools/FlowFile.h"
+#include "simulator/traffic/FlowFile.h"
+#include "simulator/traffic/ZipfTraffic.h"
 
 namespace {
 

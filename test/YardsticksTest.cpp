@@ -7,8 +7,8 @@
 #include <memory>
 #include <optional>
 
-#include "simulator/Random.h"
-#include "simulator/Yardsticks.h"
+#include "simulator/report/Yardsticks.h"
+#include "simulator/traffic/Random.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <set>
 
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/FibWriter.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/FibWriter.h"
 #include "tools/OptionChecks.h"
 #include "tools/PrefixSource.h"
 #include "tools/Progress.h"

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "tools/PrefixList.h"
+#include "simulator/routing/PrefixList.h"
 
 namespace CLI {
 class App;

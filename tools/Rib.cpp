@@ -8,14 +8,14 @@
 #include <set>
 
 #include "linux/tables/SharedTableService.h"
+#include "simulator/routing/NexthopSets.h"
+#include "simulator/routing/PrefixList.h"
+#include "simulator/routing/RibWriter.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/NexthopSets.h"
 #include "tools/OptionChecks.h"
-#include "tools/PrefixList.h"
 #include "tools/PrefixSource.h"
 #include "tools/Progress.h"
-#include "tools/RibWriter.h"
 
 namespace Tools {
 

@@ -10,9 +10,9 @@
 
 #include "lib/statedb/EntityFields.h"
 #include "platform/Rib.h"
+#include "simulator/routing/RibWriter.h"
 #include "tools/Common.h"
 #include "tools/Progress.h"
-#include "tools/RibWriter.h"
 
 namespace Tools {
 

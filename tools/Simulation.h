@@ -11,10 +11,10 @@
 
 #include "platform/SharedTable.h"
 #include "platform/TaskScheduler.h"
-#include "simulator/ForwardingPlane.h"
-#include "simulator/Report.h"
-#include "simulator/Traffic.h"
-#include "simulator/Yardsticks.h"
+#include "simulator/forwarding/ForwardingPlane.h"
+#include "simulator/report/Report.h"
+#include "simulator/report/Yardsticks.h"
+#include "simulator/traffic/Traffic.h"
 #include "tools/TrafficOptions.h"
 
 namespace Tools {

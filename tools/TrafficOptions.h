@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "simulator/Traffic.h"
-#include "simulator/ZipfTraffic.h"
-#include "tools/FlowFile.h"
+#include "simulator/traffic/FlowFile.h"
+#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/ZipfTraffic.h"
 
 namespace CLI {
 class App;

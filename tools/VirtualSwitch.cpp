@@ -10,12 +10,12 @@
 #include "platform/Hardware.h"
 #include "platform/Vrf.h"
 #include "platform/Vxlan.h"
+#include "simulator/routing/FibWriter.h"
+#include "simulator/routing/NexthopSets.h"
+#include "simulator/routing/PrefixList.h"
+#include "simulator/routing/RibWriter.h"
 #include "tools/Common.h"
-#include "tools/FibWriter.h"
-#include "tools/NexthopSets.h"
-#include "tools/PrefixList.h"
 #include "tools/Progress.h"
-#include "tools/RibWriter.h"
 
 namespace Tools {
 
