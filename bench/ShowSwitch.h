@@ -11,9 +11,9 @@
 #include "bench/BenchDirectory.h"
 #include "bench/ChildProcess.h"
 #include "bench/PipelineWorkload.h"
+#include "linux/control/ControlClient.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/ControlClient.h"
 
 namespace Bench {
 

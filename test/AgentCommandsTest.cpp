@@ -7,12 +7,12 @@
 #include <string>
 
 #include "lib/control/AgentCommands.h"
+#include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/files/RunDirectory.h"
 #include "platform/Text.h"
 #include "test/support/Peer.h"
 #include "test/support/TemporaryDirectory.h"
-#include "tools/ControlClient.h"
 
 using Agent::AgentAsyncCommandRequestSm;
 using Agent::AgentCommandRequest;

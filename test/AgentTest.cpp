@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <sstream>
 
+#include "host/AgentLibrary.h"
 #include "lib/statedb/EntityFields.h"
 #include "test/support/SimulatedSwitch.h"
-#include "tools/AgentLibrary.h"
 
 namespace {
 

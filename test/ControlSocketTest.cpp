@@ -9,6 +9,7 @@
 
 #include "RouteCache/model/Config.h"
 #include "lib/statedb/PlatformTypes.h"
+#include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/control/ControlSocket.h"
 #include "linux/files/RunDirectory.h"
@@ -18,7 +19,6 @@
 #include "test/support/OtherUser.h"
 #include "test/support/Peer.h"
 #include "test/support/TemporaryDirectory.h"
-#include "tools/ControlClient.h"
 
 using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;

@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "lib/statedb/EntityFields.h"
+#include "linux/control/ControlClient.h"
 #include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/ControlClient.h"
 #include "tools/TypedLine.h"
 
 namespace Tools {

@@ -6,10 +6,10 @@
 #include <string>
 
 #include "lib/statedb/EntityFields.h"
+#include "linux/control/ControlClient.h"
 #include "platform/Printable.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/ControlClient.h"
 
 namespace Tools {
 

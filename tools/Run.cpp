@@ -6,17 +6,17 @@
 #include <optional>
 #include <string>
 
+#include "host/AgentHost.h"
+#include "host/AgentLibrary.h"
+#include "host/TableDelivery.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/control/ControlSocket.h"
 #include "linux/files/ProcessLimits.h"
 #include "linux/files/RunDirectory.h"
 #include "linux/loop/EventLoop.h"
-#include "tools/AgentHost.h"
-#include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
 #include "tools/OptionChecks.h"
-#include "tools/TableDelivery.h"
 
 namespace Tools {
 

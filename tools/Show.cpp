@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
+#include "linux/control/ControlClient.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/ControlClient.h"
 
 namespace Tools {
 

@@ -8,19 +8,19 @@
 #include <optional>
 #include <string>
 
+#include "host/AgentLibrary.h"
+#include "host/Simulation.h"
+#include "host/TableDelivery.h"
+#include "host/VirtualSwitch.h"
+#include "linux/control/ControlClient.h"
 #include "linux/files/ProcessLimits.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/PrefixList.h"
-#include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/ControlClient.h"
 #include "tools/OptionChecks.h"
-#include "tools/Simulation.h"
-#include "tools/TableDelivery.h"
 #include "tools/TrafficOptions.h"
-#include "tools/VirtualSwitch.h"
 
 namespace Tools {
 

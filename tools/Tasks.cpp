@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
+#include "linux/control/ControlClient.h"
 #include "platform/Printable.h"
 #include "platform/Text.h"
 #include "tools/Commands.h"
 #include "tools/Common.h"
-#include "tools/ControlClient.h"
 
 namespace Tools {
 

@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 
+#include "host/AgentLibrary.h"
 #include "linux/files/TraceFile.h"
 #include "platform/AgentBase.h"
 #include "platform/Printable.h"
-#include "tools/AgentLibrary.h"
 #include "tools/Commands.h"
 #include "tools/OptionChecks.h"
 

@@ -1,14 +1,14 @@
-#include "tools/AgentHost.h"
+#include "host/AgentHost.h"
 
 #include <cstdlib>
 #include <string_view>
 
+#include "host/AgentLibrary.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/loop/MonotonicClock.h"
 #include "platform/Assert.h"
 #include "platform/Printable.h"
-#include "tools/AgentLibrary.h"
 
 namespace Tools {
 

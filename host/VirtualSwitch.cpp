@@ -1,4 +1,4 @@
-#include "tools/VirtualSwitch.h"
+#include "host/VirtualSwitch.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "tools/Simulation.h"
+#include "host/Simulation.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "tools/ControlClient.h"
+#include "linux/control/ControlClient.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -9,9 +9,9 @@
 #include <tuple>
 #include <vector>
 
+#include "host/AgentHost.h"
+#include "host/Simulation.h"
 #include "linux/loop/EventLoop.h"
-#include "tools/AgentHost.h"
-#include "tools/Simulation.h"
 
 namespace Tools {
 

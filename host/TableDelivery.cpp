@@ -1,4 +1,4 @@
-#include "tools/TableDelivery.h"
+#include "host/TableDelivery.h"
 
 #include <sys/epoll.h>
 

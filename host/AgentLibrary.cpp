@@ -1,4 +1,4 @@
-#include "tools/AgentLibrary.h"
+#include "host/AgentLibrary.h"
 
 #include <dlfcn.h>
 
