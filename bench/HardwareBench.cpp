@@ -19,7 +19,7 @@
 #include "bench/Tables.h"
 #include "bench/WorkFigures.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 
 namespace Bench {
 

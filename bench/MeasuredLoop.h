@@ -16,7 +16,7 @@
 #include "linux/files/TraceFile.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 
 namespace Bench {
 

@@ -17,7 +17,7 @@
 #include "bench/Tables.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/PipelineRival.h"
 #endif

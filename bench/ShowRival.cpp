@@ -10,7 +10,7 @@
 #include "bench/ShowSwitch.h"
 #include "bench/Tables.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 
 namespace Bench {
 

@@ -8,7 +8,7 @@
 
 #include "bench/Tables.h"
 #include "platform/Text.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 
 namespace Bench {
 

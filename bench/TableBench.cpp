@@ -16,7 +16,7 @@
 #include "bench/BenchDirectory.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/PrefixList.h"
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/EncodedValue.h"
 #include "bench/LmdbStore.h"

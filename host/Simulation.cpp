@@ -11,8 +11,8 @@
 #include "lib/statedb/EntityFields.h"
 #include "platform/Rib.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/Common.h"
-#include "tools/Progress.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

@@ -15,7 +15,7 @@
 #include "simulator/report/Report.h"
 #include "simulator/report/Yardsticks.h"
 #include "simulator/traffic/Traffic.h"
-#include "tools/TrafficOptions.h"
+#include "tools/commandline/TrafficOptions.h"
 
 namespace Tools {
 

@@ -14,8 +14,8 @@
 #include "simulator/routing/NexthopSets.h"
 #include "simulator/routing/PrefixList.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/Common.h"
-#include "tools/Progress.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

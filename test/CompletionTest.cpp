@@ -12,7 +12,7 @@
 
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
-#include "tools/TypedLine.h"
+#include "tools/commandline/TypedLine.h"
 
 using nlohmann::json;
 using testing::ElementsAre;

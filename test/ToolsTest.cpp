@@ -17,8 +17,8 @@
 #include "simulator/routing/RibWriter.h"
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
 
 namespace {
 

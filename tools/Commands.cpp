@@ -1,6 +1,6 @@
-#include "tools/Commands.h"
+#include "tools/commandline/Commands.h"
 
-#include "tools/OptionChecks.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 

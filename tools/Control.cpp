@@ -8,8 +8,8 @@
 #include "lib/statedb/EntityFields.h"
 #include "linux/control/ControlClient.h"
 #include "platform/Printable.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
 
 namespace Tools {
 

@@ -8,11 +8,11 @@
 
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/FibWriter.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
-#include "tools/PrefixSource.h"
-#include "tools/Progress.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/PrefixSource.h"
+#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

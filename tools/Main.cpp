@@ -12,8 +12,8 @@
 #include "platform/Net.h"
 #include "platform/Printable.h"
 #include "platform/Text.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
 
 namespace {
 

@@ -11,11 +11,11 @@
 #include "simulator/routing/NexthopSets.h"
 #include "simulator/routing/PrefixList.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
-#include "tools/PrefixSource.h"
-#include "tools/Progress.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/PrefixSource.h"
+#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

@@ -14,9 +14,9 @@
 #include "linux/files/ProcessLimits.h"
 #include "linux/files/RunDirectory.h"
 #include "linux/loop/EventLoop.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 

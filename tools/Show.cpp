@@ -10,8 +10,8 @@
 #include <string_view>
 
 #include "linux/control/ControlClient.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
 
 namespace Tools {
 

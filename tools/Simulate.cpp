@@ -17,10 +17,10 @@
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/PrefixList.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
-#include "tools/TrafficOptions.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/TrafficOptions.h"
 
 namespace Tools {
 

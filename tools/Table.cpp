@@ -17,9 +17,9 @@
 
 #include "linux/tables/SharedTableService.h"
 #include "platform/Printable.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 

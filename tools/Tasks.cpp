@@ -7,8 +7,8 @@
 #include "linux/control/ControlClient.h"
 #include "platform/Printable.h"
 #include "platform/Text.h"
-#include "tools/Commands.h"
-#include "tools/Common.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
 
 namespace Tools {
 

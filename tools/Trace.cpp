@@ -9,8 +9,8 @@
 #include "linux/files/TraceFile.h"
 #include "platform/AgentBase.h"
 #include "platform/Printable.h"
-#include "tools/Commands.h"
-#include "tools/OptionChecks.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 

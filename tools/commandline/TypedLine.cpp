@@ -1,4 +1,4 @@
-#include "tools/TypedLine.h"
+#include "tools/commandline/TypedLine.h"
 
 #include <cctype>
 #include <cstdlib>

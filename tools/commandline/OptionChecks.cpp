@@ -1,4 +1,4 @@
-#include "tools/OptionChecks.h"
+#include "tools/commandline/OptionChecks.h"
 
 #include <string>
 

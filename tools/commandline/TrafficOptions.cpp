@@ -1,11 +1,11 @@
-#include "tools/TrafficOptions.h"
+#include "tools/commandline/TrafficOptions.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <optional>
 
 #include "platform/Text.h"
-#include "tools/OptionChecks.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 

@@ -1,4 +1,4 @@
-#include "tools/Progress.h"
+#include "tools/commandline/Progress.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "tools/Common.h"
+#include "tools/commandline/Common.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

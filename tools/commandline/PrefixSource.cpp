@@ -1,9 +1,9 @@
-#include "tools/PrefixSource.h"
+#include "tools/commandline/PrefixSource.h"
 
 #include <CLI/CLI.hpp>
 
-#include "tools/Common.h"
-#include "tools/OptionChecks.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
 
