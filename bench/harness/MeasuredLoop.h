@@ -1,0 +1,89 @@
+// What the measured processes have in common: one state machine and nothing else of the agent, on real tables, event
+// loop and trace, in a process that works only when it is told to.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <istream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bench/harness/BenchDirectory.h"
+#include "linux/files/TraceFile.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
+#include "tools/commandline/Common.h"
+
+namespace Bench {
+
+// Obeys lines of the standard input until that ends, and answers each with one line of JSON.
+void obey(const std::function<nlohmann::json(std::istream& command)>& obeyed);
+
+// This process's private memory, in bytes.
+double privateBytes();
+
+// What a process reports of one command: the seconds and processor seconds that it took, the process's memory and by
+// how many bytes its private part has grown since it was that large.
+nlohmann::json workReport(const Stopwatch& stopwatch, double privateBytesBefore);
+
+// Passes tasks on to the event loop and keeps the times of the longest runs.
+class RunTimer final : public Platform::TaskScheduler {
+ public:
+  explicit RunTimer(LinuxPlatform::EventLoop& loop) : loop_(loop) {}
+  std::unique_ptr<Platform::Task> taskIs(std::string_view name, Platform::TaskPriority priority,
+                                         std::function<void()> body) override;
+  double now() const override { return loop_.now(); }
+  std::vector<Platform::TaskStatistics> statistics() const override { return loop_.statistics(); }
+
+  double held = 0;  // seconds
+  double heldCpu = 0;
+
+ private:
+  LinuxPlatform::EventLoop& loop_;
+};
+
+// The members stand in the order of their making.
+class MeasuredLoop {
+ public:
+  // What is due this many seconds from now is nothing that is left to do.
+  static constexpr double never = 1e9;
+
+  explicit MeasuredLoop(const std::string& directory);
+  MeasuredLoop(const MeasuredLoop&) = delete;
+  MeasuredLoop& operator=(const MeasuredLoop&) = delete;
+
+  LinuxPlatform::EventLoop& loop() { return loop_; }
+  RunTimer& tasks() { return tasks_; }
+  Platform::TraceFacility& trace() { return trace_; }
+  LinuxPlatform::SharedTableService& tables() { return tables_; }
+
+  // The state machine is started and has done nothing: from here on private memory is counted.
+  void started() { privateBytesBefore_ = privateBytes(); }
+  // Works until it is over, which is asked before every batch of callbacks. The report also has the longest that a task
+  // or a delivery of changes held the thread, in seconds and in processor seconds.
+  nlohmann::json work(const std::function<bool()>& isOver);
+  // Works until nothing is left to do: no change to deliver, no task due.
+  nlohmann::json settle();
+  bool isSettled();
+  // No task is due: where tables do not change, nothing is left to do, and that is known without a look at them.
+  bool isIdle() const { return loop_.nextDue() > loop_.now() + never / 2; }
+  // Entries that the task of this name has handled.
+  std::uint64_t workDone(std::string_view task) const;
+
+ private:
+  void deliver();
+
+  LinuxPlatform::EventLoop loop_;
+  RunTimer tasks_{loop_};
+  LinuxPlatform::FileTraceFacility trace_;
+  Platform::TableTypes types_ = Tools::allTableTypes();
+  LinuxPlatform::SharedTableService tables_;
+  std::unique_ptr<Platform::Task> deliveryTask_;
+  double privateBytesBefore_ = 0;
+};
+
+}  // namespace Bench
