@@ -7,8 +7,8 @@
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/loop/MonotonicClock.h"
-#include "platform/Assert.h"
-#include "platform/Printable.h"
+#include "platform/values/Assert.h"
+#include "platform/values/Printable.h"
 
 namespace Tools {
 

@@ -13,8 +13,8 @@
 #include "lib/statedb/EmbeddedStateDb.h"
 #include "linux/files/TraceFile.h"
 #include "linux/tables/SharedTableService.h"
-#include "platform/AgentBase.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/AgentBase.h"
+#include "platform/services/TaskScheduler.h"
 
 namespace Tools {
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/AgentBase.h"
+#include "platform/services/AgentBase.h"
 
 namespace Tools {
 

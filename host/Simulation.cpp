@@ -9,7 +9,7 @@
 #include <iostream>
 
 #include "lib/statedb/EntityFields.h"
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 #include "simulator/routing/RibWriter.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/Progress.h"

@@ -9,8 +9,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/SharedTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/tables/SharedTable.h"
 #include "simulator/forwarding/ForwardingPlane.h"
 #include "simulator/report/Report.h"
 #include "simulator/report/Yardsticks.h"

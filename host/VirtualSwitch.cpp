@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "lib/statedb/EntityFields.h"
-#include "platform/Hardware.h"
-#include "platform/Vrf.h"
-#include "platform/Vxlan.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Vrf.h"
+#include "platform/state/Vxlan.h"
 #include "simulator/routing/FibWriter.h"
 #include "simulator/routing/NexthopSets.h"
 #include "simulator/routing/PrefixList.h"

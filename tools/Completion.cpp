@@ -16,7 +16,7 @@
 
 #include "lib/statedb/EntityFields.h"
 #include "linux/control/ControlClient.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/TypedLine.h"

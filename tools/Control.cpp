@@ -7,7 +7,7 @@
 
 #include "lib/statedb/EntityFields.h"
 #include "linux/control/ControlClient.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 

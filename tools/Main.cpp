@@ -9,9 +9,9 @@
 #include <exception>
 #include <string>
 
-#include "platform/Net.h"
-#include "platform/Printable.h"
-#include "platform/Text.h"
+#include "platform/values/Net.h"
+#include "platform/values/Printable.h"
+#include "platform/values/Text.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 

@@ -16,7 +16,7 @@
 #include <set>
 
 #include "linux/tables/SharedTableService.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"

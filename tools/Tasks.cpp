@@ -5,8 +5,8 @@
 #include <string>
 
 #include "linux/control/ControlClient.h"
-#include "platform/Printable.h"
-#include "platform/Text.h"
+#include "platform/values/Printable.h"
+#include "platform/values/Text.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 

@@ -7,8 +7,8 @@
 
 #include "host/AgentLibrary.h"
 #include "linux/files/TraceFile.h"
-#include "platform/AgentBase.h"
-#include "platform/Printable.h"
+#include "platform/services/AgentBase.h"
+#include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/OptionChecks.h"
 

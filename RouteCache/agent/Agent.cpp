@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCacheAgent {
 

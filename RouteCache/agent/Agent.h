@@ -15,12 +15,12 @@
 #include "RouteCache/model/StatusTables.h"
 #include "RouteCache/sw/SwRouteSm.h"
 #include "RouteCache/vrf/VrfSm.h"
-#include "platform/AgentBase.h"
-#include "platform/Hardware.h"
-#include "platform/Nexthop.h"
-#include "platform/Rib.h"
-#include "platform/Vrf.h"
-#include "platform/Vxlan.h"
+#include "platform/services/AgentBase.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Nexthop.h"
+#include "platform/state/Vrf.h"
+#include "platform/state/Vxlan.h"
+#include "platform/tables/Rib.h"
 
 namespace RouteCacheAgent {
 

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/AgentCommand.h"
-#include "platform/Trace.h"
+#include "platform/services/AgentCommand.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 class SwRouteSm;

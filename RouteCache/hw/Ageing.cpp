@@ -2,7 +2,7 @@
 #include <algorithm>
 
 #include "RouteCache/hw/HwRouteSm.h"
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

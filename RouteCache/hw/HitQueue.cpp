@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <bit>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "platform/Assert.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

@@ -4,7 +4,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

@@ -35,8 +35,8 @@
 #include "RouteCache/work/CoveredRoutesWalk.h"
 #include "RouteCache/work/DeferredTask.h"
 #include "RouteCache/work/KeyQueue.h"
-#include "platform/Rib.h"
-#include "platform/Trie.h"
+#include "platform/tables/Rib.h"
+#include "platform/tables/Trie.h"
 
 namespace RouteCache {
 

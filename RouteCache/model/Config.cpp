@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "platform/SharedTable.h"
-#include "platform/Trie.h"
+#include "platform/tables/SharedTable.h"
+#include "platform/tables/Trie.h"
 
 namespace RouteCache {
 

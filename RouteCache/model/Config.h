@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "RouteCache/model/Values.h"
-#include "platform/Entity.h"
+#include "platform/state/Entity.h"
 
 namespace Platform {
 template <class P>

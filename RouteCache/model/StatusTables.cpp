@@ -1,6 +1,6 @@
 #include "RouteCache/model/StatusTables.h"
 
-#include "platform/WireBytes.h"
+#include "platform/values/WireBytes.h"
 
 using Platform::toText;
 using Platform::WireReader;

@@ -12,8 +12,8 @@
 #pragma once
 
 #include "RouteCache/model/Values.h"
-#include "platform/AgentBase.h"
-#include "platform/SharedTable.h"
+#include "platform/services/AgentBase.h"
+#include "platform/tables/SharedTable.h"
 
 namespace RouteCache {
 

@@ -1,6 +1,6 @@
 #include "RouteCache/model/Values.h"
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

@@ -15,9 +15,9 @@
 #include <string>
 #include <type_traits>
 
-#include "platform/Net.h"
-#include "platform/Trace.h"
-#include "platform/ValueText.h"
+#include "platform/trace/Trace.h"
+#include "platform/values/Net.h"
+#include "platform/values/ValueText.h"
 
 namespace RouteCache {
 

@@ -22,9 +22,9 @@
 #include "RouteCache/hw/HwRouteSm.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/sw/SwRouteSm.h"
-#include "platform/AgentCommand.h"
-#include "platform/Trace.h"
-#include "platform/Vrf.h"
+#include "platform/services/AgentCommand.h"
+#include "platform/state/Vrf.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

@@ -1,6 +1,6 @@
 // SwRouteSm's next hops and adjacencies: from vias to references, from references to adjacency table entries.
 #include "RouteCache/sw/Families.h"
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

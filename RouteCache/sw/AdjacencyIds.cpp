@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "RouteCache/model/NexthopRef.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

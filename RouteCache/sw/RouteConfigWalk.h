@@ -6,7 +6,7 @@
 #include <set>
 
 #include "RouteCache/sw/RouteQueue.h"
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace RouteCache {
 

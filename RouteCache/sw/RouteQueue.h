@@ -17,7 +17,7 @@
 #include <unordered_map>
 
 #include "RouteCache/work/KeyRings.h"
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace RouteCache {
 

@@ -1,7 +1,7 @@
 // SwRouteSm's start-up syncs, withdrawal of what is no longer configured, clean-ups after a restart, and the check of
 // its invariants.
 #include "RouteCache/sw/Families.h"
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

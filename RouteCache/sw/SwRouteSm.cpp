@@ -6,7 +6,7 @@
 
 #include "RouteCache/sw/Families.h"
 #include "RouteCache/sw/UnderlayReactors.h"
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

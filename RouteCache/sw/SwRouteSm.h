@@ -41,9 +41,9 @@
 #include "RouteCache/sw/VtepMonitor.h"
 #include "RouteCache/work/DeferredTask.h"
 #include "RouteCache/work/FlatTable.h"
-#include "platform/Nexthop.h"
-#include "platform/Rib.h"
-#include "platform/Vxlan.h"
+#include "platform/state/Nexthop.h"
+#include "platform/state/Vxlan.h"
+#include "platform/tables/Rib.h"
 
 namespace RouteCache {
 

@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "RouteCache/model/Config.h"
-#include "platform/Nexthop.h"
-#include "platform/Vxlan.h"
+#include "platform/state/Nexthop.h"
+#include "platform/state/Vxlan.h"
 
 namespace RouteCache {
 

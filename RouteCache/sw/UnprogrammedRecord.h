@@ -9,8 +9,8 @@
 #include <optional>
 
 #include "RouteCache/work/RouteStatusWalk.h"
-#include "platform/Rib.h"
-#include "platform/Trace.h"
+#include "platform/tables/Rib.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

@@ -11,8 +11,8 @@
 #include <unordered_map>
 
 #include "RouteCache/model/Config.h"
-#include "platform/Assert.h"
-#include "platform/Nexthop.h"
+#include "platform/state/Nexthop.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 

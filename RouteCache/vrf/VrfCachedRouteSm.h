@@ -13,10 +13,10 @@
 #include <optional>
 
 #include "RouteCache/work/DeferredTask.h"
-#include "platform/Fib.h"
-#include "platform/TaskScheduler.h"
-#include "platform/Trace.h"
-#include "platform/Trie.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/tables/Fib.h"
+#include "platform/tables/Trie.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

@@ -19,11 +19,11 @@
 
 #include "RouteCache/model/Config.h"
 #include "RouteCache/vrf/VrfCachedRouteSm.h"
-#include "platform/Fib.h"
-#include "platform/Hardware.h"
-#include "platform/Trace.h"
-#include "platform/Trie.h"
-#include "platform/Vrf.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Vrf.h"
+#include "platform/tables/Fib.h"
+#include "platform/tables/Trie.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

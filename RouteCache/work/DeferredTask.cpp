@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 
 namespace RouteCache {
 

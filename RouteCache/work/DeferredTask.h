@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/TaskScheduler.h"
-#include "platform/Trace.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/trace/Trace.h"
 
 namespace RouteCache {
 

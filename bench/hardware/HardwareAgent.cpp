@@ -12,7 +12,7 @@
 #include "bench/hardware/HardwareRival.h"
 #include "bench/harness/MeasuredLoop.h"
 #include "bench/harness/Tables.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 
 namespace Bench {
 

@@ -6,7 +6,7 @@
 
 #include "RouteCache/hw/HitBitTimeSlices.h"
 #include "bench/harness/BenchDirectory.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/harness/LmdbStore.h"
 #endif

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <span>
 
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace Bench {
 

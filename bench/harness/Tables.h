@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace Bench {
 

@@ -6,7 +6,7 @@
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "bench/harness/MeasuredLoop.h"
 #include "bench/harness/Tables.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 #include "simulator/routing/RibWriter.h"
 
 namespace Bench {

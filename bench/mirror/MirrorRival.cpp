@@ -7,7 +7,7 @@
 #include "RouteCache/model/StatusTables.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/LmdbStore.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 
 namespace Bench {
 

@@ -7,7 +7,7 @@
 
 #include "RouteCache/model/Values.h"
 #include "bench/pipeline/PipelineWorkload.h"
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace Bench {
 

@@ -8,7 +8,7 @@
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/EncodedValue.h"
 #include "bench/harness/LmdbStore.h"
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace Bench {
 

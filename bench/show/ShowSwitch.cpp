@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "bench/harness/Tables.h"
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 #include "tools/commandline/Common.h"
 
 namespace Bench {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "lib/control/CommandRenderer.h"
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace LinuxPlatform {
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "linux/control/ControlSocket.h"
-#include "platform/AgentCommand.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/AgentCommand.h"
+#include "platform/services/TaskScheduler.h"
 
 namespace LinuxPlatform {
 

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <cstdint>
 
-#include "platform/Assert.h"
-#include "platform/Printable.h"
+#include "platform/values/Assert.h"
+#include "platform/values/Printable.h"
 
 namespace LinuxPlatform {
 

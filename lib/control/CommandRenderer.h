@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Renderer.h"
+#include "platform/services/Renderer.h"
 
 namespace LinuxPlatform {
 

@@ -6,8 +6,8 @@
 #include <set>
 #include <utility>
 
-#include "platform/Nexthop.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/state/Nexthop.h"
 
 namespace LinuxPlatform {
 

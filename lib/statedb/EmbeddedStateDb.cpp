@@ -3,7 +3,7 @@
 #include <set>
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace LinuxPlatform {
 

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/StateDb.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/state/StateDb.h"
 
 namespace LinuxPlatform {
 

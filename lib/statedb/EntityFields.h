@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Entity.h"
+#include "platform/state/Entity.h"
 
 namespace LinuxPlatform {
 

@@ -1,11 +1,11 @@
 #include "lib/statedb/PlatformTypes.h"
 
-#include "platform/Fib.h"
-#include "platform/Hardware.h"
-#include "platform/Nexthop.h"
-#include "platform/Rib.h"
-#include "platform/Vrf.h"
-#include "platform/Vxlan.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Nexthop.h"
+#include "platform/state/Vrf.h"
+#include "platform/state/Vxlan.h"
+#include "platform/tables/Fib.h"
+#include "platform/tables/Rib.h"
 
 namespace LinuxPlatform {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "lib/statedb/Scenario.h"
-#include "platform/AgentBase.h"
+#include "platform/services/AgentBase.h"
 
 namespace LinuxPlatform {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "linux/files/InputFile.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 
 namespace LinuxPlatform {
 

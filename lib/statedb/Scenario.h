@@ -17,7 +17,7 @@
 #include <string_view>
 
 #include "lib/statedb/EmbeddedStateDb.h"
-#include "platform/StateDb.h"
+#include "platform/state/StateDb.h"
 
 namespace LinuxPlatform {
 

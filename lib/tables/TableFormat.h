@@ -36,8 +36,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/Hash.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
+#include "platform/values/Hash.h"
 
 namespace LinuxPlatform {
 

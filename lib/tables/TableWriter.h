@@ -17,7 +17,7 @@
 #include "lib/tables/HeapSpace.h"
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "lib/trace/TraceLevels.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace LinuxPlatform {
 

@@ -1,6 +1,6 @@
 #include "lib/trace/TraceLevels.h"
 
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 
 namespace LinuxPlatform {
 

@@ -13,8 +13,8 @@
 #include <utility>
 
 #include "linux/files/RunDirectory.h"
-#include "platform/Printable.h"
-#include "platform/Text.h"
+#include "platform/values/Printable.h"
+#include "platform/values/Text.h"
 
 namespace Tools {
 

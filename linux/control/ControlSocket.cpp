@@ -18,7 +18,7 @@
 #include <system_error>
 #include <vector>
 
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 
 namespace LinuxPlatform {
 

@@ -27,7 +27,7 @@
 #include <utility>
 
 #include "linux/loop/EventLoop.h"
-#include "platform/Entity.h"
+#include "platform/state/Entity.h"
 
 namespace LinuxPlatform {
 

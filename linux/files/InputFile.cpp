@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 
 namespace LinuxPlatform {
 

@@ -13,7 +13,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 
 namespace LinuxPlatform {
 

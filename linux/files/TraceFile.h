@@ -15,7 +15,7 @@
 //        8     8  sequence number over all levels
 //       16     8  monotonic time, nanoseconds; the header says what to add for the wall clock's
 //       24     4  definition number of the handle's name
-//       28     n  items (platform/Trace.h); a fixed text's 8 bytes hold its definition number
+//       28     n  items (platform/trace/Trace.h); a fixed text's 8 bytes hold its definition number
 //        …     4  the length again, as the record's last bytes: a reader walks a ring backwards from its end, which is
 //                 where the newest record ends
 //
@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "lib/trace/TraceLevels.h"
-#include "platform/Trace.h"
+#include "platform/trace/Trace.h"
 
 namespace LinuxPlatform {
 

@@ -11,7 +11,7 @@
 #include <csignal>
 #include <system_error>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace LinuxPlatform {
 

@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "linux/loop/MonotonicClock.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
 
 namespace LinuxPlatform {
 

@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "platform/AgentCommand.h"
+#include "platform/services/AgentCommand.h"
 
 namespace LinuxPlatform {
 

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "linux/tables/TableFile.h"
-#include "platform/AgentBase.h"
-#include "platform/SharedTable.h"
+#include "platform/services/AgentBase.h"
+#include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
 

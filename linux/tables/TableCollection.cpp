@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace LinuxPlatform {
 

@@ -15,7 +15,7 @@
 #include "lib/tables/TableView.h"
 #include "lib/tables/TableWriter.h"
 #include "linux/tables/TableFile.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform/Hash.h"
+#include "platform/values/Hash.h"
 
 namespace LinuxPlatform {
 

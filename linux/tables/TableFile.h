@@ -16,7 +16,7 @@
 
 #include "lib/tables/TableFormat.h"
 #include "linux/files/OwnFiles.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
 

@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include "platform/SharedTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/tables/SharedTable.h"
 #include "simulator/forwarding/HardwarePlane.h"
 #include "simulator/forwarding/RouteIndex.h"
 #include "simulator/forwarding/SfePlane.h"

@@ -9,8 +9,8 @@
 #include <unordered_map>
 
 #include "RouteCache/RouteCache.h"
-#include "platform/SharedTable.h"
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
+#include "platform/tables/SharedTable.h"
 #include "simulator/forwarding/HitBits.h"
 #include "simulator/forwarding/ProgrammingQueue.h"
 #include "simulator/forwarding/RouteIndex.h"

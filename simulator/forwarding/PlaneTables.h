@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace Simulator {
 

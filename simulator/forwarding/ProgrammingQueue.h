@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/TaskScheduler.h"
+#include "platform/services/TaskScheduler.h"
 #include "simulator/forwarding/RouteIndex.h"
 
 namespace Simulator {

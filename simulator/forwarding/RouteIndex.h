@@ -10,7 +10,7 @@
 
 #include "RouteCache/RouteCache.h"
 #include "RouteCache/work/FlatTable.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 #include "simulator/traffic/Traffic.h"
 
 namespace Simulator {

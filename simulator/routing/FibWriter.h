@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Fib.h"
+#include "platform/tables/Fib.h"
 
 namespace Tools {
 

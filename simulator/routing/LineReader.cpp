@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "linux/files/InputFile.h"
-#include "platform/Printable.h"
-#include "platform/Text.h"
+#include "platform/values/Printable.h"
+#include "platform/values/Text.h"
 
 namespace Tools {
 

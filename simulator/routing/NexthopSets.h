@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace Tools {
 

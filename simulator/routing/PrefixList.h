@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Net.h"
+#include "platform/values/Net.h"
 
 namespace Tools {
 

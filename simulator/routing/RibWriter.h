@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "platform/Rib.h"
+#include "platform/tables/Rib.h"
 
 namespace Tools {
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 
 namespace Tools {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Net.h"
+#include "platform/values/Net.h"
 #include "simulator/traffic/FlowList.h"
 
 namespace Tools {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace Simulator {
 

@@ -3,7 +3,7 @@
 #include <numeric>
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace Simulator {
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "platform/Hash.h"
+#include "platform/values/Hash.h"
 
 namespace Simulator {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/Net.h"
+#include "platform/values/Net.h"
 
 namespace Simulator {
 

@@ -3,8 +3,8 @@
 #include <cmath>
 #include <numeric>
 
-#include "platform/Assert.h"
-#include "platform/Net.h"
+#include "platform/values/Assert.h"
+#include "platform/values/Net.h"
 
 namespace Simulator {
 

@@ -4,7 +4,7 @@
 #include <cmath>
 #include <utility>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace Simulator {
 

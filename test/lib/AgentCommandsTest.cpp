@@ -10,7 +10,7 @@
 #include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/files/RunDirectory.h"
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 #include "test/support/Peer.h"
 #include "test/support/TemporaryDirectory.h"
 

@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "lib/control/CommandRenderer.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 
 using LinuxPlatform::JsonRenderer;
 using LinuxPlatform::TextRenderer;

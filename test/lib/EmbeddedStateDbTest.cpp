@@ -8,8 +8,8 @@
 #include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "linux/loop/EventLoop.h"
-#include "platform/Hardware.h"
-#include "platform/Vrf.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Vrf.h"
 
 using Lattis::EntityManager;
 using Lattis::MountStatus;

@@ -9,10 +9,10 @@
 #include "lib/statedb/EntityFields.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
-#include "platform/Hardware.h"
-#include "platform/Nexthop.h"
-#include "platform/Vrf.h"
-#include "platform/Vxlan.h"
+#include "platform/state/Hardware.h"
+#include "platform/state/Nexthop.h"
+#include "platform/state/Vrf.h"
+#include "platform/state/Vxlan.h"
 
 using LinuxPlatform::EmbeddedStateDb;
 using LinuxPlatform::ScenarioError;

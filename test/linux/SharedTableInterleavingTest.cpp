@@ -19,9 +19,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Assert.h"
-#include "platform/Hash.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
+#include "platform/values/Assert.h"
+#include "platform/values/Hash.h"
 #include "test/support/TestTables.h"
 
 namespace {

@@ -26,7 +26,7 @@
 #include "lib/tables/TableView.h"
 #include "lib/tables/TableWriter.h"
 #include "linux/tables/SharedTableService.h"
-#include "platform/Hash.h"
+#include "platform/values/Hash.h"
 #include "test/support/TestTables.h"
 
 namespace {

@@ -12,7 +12,7 @@
 #include <set>
 
 #include "linux/tables/SharedTableService.h"
-#include "platform/SharedTable.h"
+#include "platform/tables/SharedTable.h"
 #include "test/support/TestTables.h"
 
 namespace {

@@ -5,8 +5,8 @@
 #include <functional>
 
 #include "RouteCache/model/Config.h"
-#include "platform/Entity.h"
-#include "platform/Trie.h"
+#include "platform/state/Entity.h"
+#include "platform/tables/Trie.h"
 
 using Platform::BadText;
 using RouteCache::CliConfig;

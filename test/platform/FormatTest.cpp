@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "platform/Format.h"
+#include "platform/values/Format.h"
 
 using Platform::formatted;
 using Platform::FormatValue;

@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include "platform/Net.h"
+#include "platform/values/Net.h"
 
 using Platform::fromText;
 using Platform::TextForm;

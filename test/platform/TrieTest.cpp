@@ -6,7 +6,7 @@
 #include <random>
 #include <tuple>
 
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 
 namespace {
 

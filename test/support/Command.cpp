@@ -15,7 +15,7 @@
 #include <sstream>
 #include <vector>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/AgentBase.h"
-#include "platform/SharedTable.h"
+#include "platform/services/AgentBase.h"
+#include "platform/tables/SharedTable.h"
 
 struct Killed {};
 

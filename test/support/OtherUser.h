@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "platform/Assert.h"
+#include "platform/values/Assert.h"
 
 // While it lives this process acts as that user, with this one group.
 class OtherUser {

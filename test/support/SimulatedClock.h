@@ -1,7 +1,7 @@
 // A clock that a test moves: for the budgets of commands, and for an event loop that is not to depend on the machine.
 #pragma once
 
-#include "platform/AgentCommand.h"
+#include "platform/services/AgentCommand.h"
 
 class SimulatedClock final : public Platform::Clock {
  public:

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/AgentBase.h"
-#include "platform/SharedTable.h"
+#include "platform/services/AgentBase.h"
+#include "platform/tables/SharedTable.h"
 
 namespace TestTables {
 

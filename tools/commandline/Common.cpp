@@ -17,7 +17,7 @@
 #include "RouteCache/model/StatusTables.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "linux/files/OwnFiles.h"
-#include "platform/Printable.h"
+#include "platform/values/Printable.h"
 
 namespace Tools {
 

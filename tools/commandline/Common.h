@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/AgentBase.h"
-#include "platform/Net.h"
-#include "platform/Text.h"
+#include "platform/services/AgentBase.h"
+#include "platform/values/Net.h"
+#include "platform/values/Text.h"
 
 namespace CLI {
 class App;

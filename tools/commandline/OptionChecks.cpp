@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "platform/Printable.h"
-#include "platform/Text.h"
+#include "platform/values/Printable.h"
+#include "platform/values/Text.h"
 
 namespace Tools {
 

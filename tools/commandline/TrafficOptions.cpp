@@ -4,7 +4,7 @@
 #include <charconv>
 #include <optional>
 
-#include "platform/Text.h"
+#include "platform/values/Text.h"
 #include "tools/commandline/OptionChecks.h"
 
 namespace Tools {

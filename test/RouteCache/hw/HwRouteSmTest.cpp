@@ -10,7 +10,7 @@
 #include <random>
 
 #include "lib/statedb/EntityFields.h"
-#include "platform/Trie.h"
+#include "platform/tables/Trie.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
