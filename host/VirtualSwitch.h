@@ -11,7 +11,7 @@
 
 #include "host/AgentHost.h"
 #include "host/Simulation.h"
-#include "linux/loop/EventLoop.h"
+#include "lib/tasks/SimulatedScheduler.h"
 
 namespace Tools {
 

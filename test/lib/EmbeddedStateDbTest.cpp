@@ -7,7 +7,7 @@
 
 #include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
-#include "linux/loop/EventLoop.h"
+#include "lib/tasks/SimulatedScheduler.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
 

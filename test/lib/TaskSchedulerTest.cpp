@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "lib/tasks/SimulatedScheduler.h"
 #include "linux/loop/EventLoop.h"
 #include "test/support/SimulatedClock.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "lib/resolver/UnderlayResolver.h"
-#include "linux/loop/EventLoop.h"
+#include "lib/tasks/SimulatedScheduler.h"
 
 namespace {
 

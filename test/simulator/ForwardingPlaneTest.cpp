@@ -3,7 +3,7 @@
 
 #include <random>
 
-#include "linux/loop/EventLoop.h"
+#include "lib/tasks/SimulatedScheduler.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/forwarding/ForwardingPlane.h"
 #include "test/support/SimulatedSwitch.h"

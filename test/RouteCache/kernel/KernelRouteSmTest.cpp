@@ -8,8 +8,8 @@
 
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "lib/statedb/PlatformTypes.h"
+#include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTrace.h"
-#include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 

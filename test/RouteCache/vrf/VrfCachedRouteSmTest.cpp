@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "RouteCache/vrf/VrfSm.h"
+#include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTrace.h"
-#include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 

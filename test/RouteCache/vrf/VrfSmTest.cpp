@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "RouteCache/vrf/VrfSm.h"
+#include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTrace.h"
-#include "linux/loop/EventLoop.h"
 
 namespace {
 
