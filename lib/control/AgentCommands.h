@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "linux/control/ControlSocket.h"
+#include "lib/control/ControlReply.h"
 #include "platform/services/AgentCommand.h"
 #include "platform/services/TaskScheduler.h"
 

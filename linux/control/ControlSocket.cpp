@@ -22,8 +22,6 @@
 
 namespace LinuxPlatform {
 
-using Json = nlohmann::ordered_json;
-
 namespace {
 
 // A reply waits for its reader once this much of it is ready.
@@ -31,19 +29,16 @@ constexpr std::size_t outgoingMark = 64 * 1024;
 // Seconds until newcomers are looked for again that found no place or no descriptor.
 constexpr double acceptInterval = 0.25;
 
-std::string line(const Json& object) {
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
 std::string doneLine() {
-  return line({{"done", true}});
+  return "{\"done\":true}\n";
 }
 std::string errorLine(std::string_view text) {
-  return line({{"error", Platform::printable(text)}});
+  return controlLine({{"error", Platform::printable(text)}});
 }
 
 // The request on this line, or nothing.
 std::optional<ControlSocket::Request> parsedRequest(std::string_view text) {
-  const Json json = Json::parse(text, nullptr, false);
+  const auto json = nlohmann::ordered_json::parse(text, nullptr, false);
   if (!json.is_object() || !json.contains("op")) return std::nullopt;
   ControlSocket::Request request;
   for (const auto& [name, value] : json.items()) {
@@ -68,18 +63,6 @@ bool isMember(int peer, gid_t group, gid_t own) {
 }
 
 }  // namespace
-
-std::string controlLine(std::initializer_list<std::pair<std::string_view, std::string_view>> fields) {
-  Json object = Json::object();
-  for (const auto& [name, value] : fields) object[std::string(name)] = value;
-  return line(object);
-}
-
-void appendControlBytes(std::string& content, std::string_view bytes) {
-  if (bytes.empty()) return;
-  content += line({{"bytes", bytes.size()}});
-  content += bytes;
-}
 
 const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
   static const Lattis::EntityType type{"LinuxPlatform::ControlSocket::Statistics",
