@@ -6,16 +6,16 @@
 #include <system_error>
 #include <utility>
 
+#include "host/Progress.h"
 #include "lib/statedb/EntityFields.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
 #include "platform/state/Vxlan.h"
+#include "simulator/input/PrefixList.h"
 #include "simulator/routing/FibWriter.h"
 #include "simulator/routing/NexthopSets.h"
-#include "simulator/routing/PrefixList.h"
 #include "simulator/routing/RibWriter.h"
 #include "tools/commandline/Common.h"
-#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

@@ -6,13 +6,13 @@
 #include <optional>
 #include <set>
 
+#include "host/Progress.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/FibWriter.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
 #include "tools/commandline/PrefixSource.h"
-#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

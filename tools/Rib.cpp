@@ -7,15 +7,15 @@
 #include <optional>
 #include <set>
 
+#include "host/Progress.h"
 #include "linux/tables/SharedTableService.h"
+#include "simulator/input/PrefixList.h"
 #include "simulator/routing/NexthopSets.h"
-#include "simulator/routing/PrefixList.h"
 #include "simulator/routing/RibWriter.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
 #include "tools/commandline/PrefixSource.h"
-#include "tools/commandline/Progress.h"
 
 namespace Tools {
 

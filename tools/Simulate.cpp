@@ -16,7 +16,7 @@
 #include "linux/files/ProcessLimits.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
-#include "simulator/routing/PrefixList.h"
+#include "simulator/input/PrefixList.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "simulator/input/PrefixList.h"
 #include "simulator/routing/NexthopSets.h"
-#include "simulator/routing/PrefixList.h"
 
 namespace Bench {
 

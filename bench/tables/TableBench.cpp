@@ -15,7 +15,7 @@
 #include "RouteCache/model/StatusTables.h"
 #include "bench/harness/BenchDirectory.h"
 #include "linux/tables/SharedTableService.h"
-#include "simulator/routing/PrefixList.h"
+#include "simulator/input/PrefixList.h"
 #include "tools/commandline/Common.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/harness/EncodedValue.h"

@@ -10,8 +10,8 @@
 #include <random>
 #include <set>
 
+#include "simulator/input/PrefixList.h"
 #include "simulator/routing/NexthopSets.h"
-#include "simulator/routing/PrefixList.h"
 
 namespace {
 

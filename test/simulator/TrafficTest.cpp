@@ -11,7 +11,7 @@
 #include <numeric>
 #include <set>
 
-#include "simulator/traffic/FlowFile.h"
+#include "simulator/input/RecordedFlows.h"
 #include "simulator/traffic/ZipfTraffic.h"
 
 namespace {

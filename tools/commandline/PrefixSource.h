@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "simulator/routing/PrefixList.h"
+#include "simulator/input/PrefixList.h"
 
 namespace CLI {
 class App;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "simulator/traffic/FlowFile.h"
+#include "simulator/input/RecordedFlows.h"
 #include "simulator/traffic/Traffic.h"
 #include "simulator/traffic/ZipfTraffic.h"
 

@@ -1,4 +1,4 @@
-#include "tools/commandline/Progress.h"
+#include "host/Progress.h"
 
 #include <unistd.h>
 

@@ -1,11 +1,11 @@
-#include "simulator/traffic/FlowFile.h"
+#include "simulator/input/RecordedFlows.h"
 
 #include <array>
 #include <limits>
 #include <string_view>
 #include <unordered_map>
 
-#include "simulator/routing/LineReader.h"
+#include "simulator/input/LineReader.h"
 
 namespace Tools {
 

@@ -1,11 +1,11 @@
-#include "simulator/routing/PrefixList.h"
+#include "simulator/input/PrefixList.h"
 
 #include <algorithm>
 #include <array>
 #include <random>
 #include <unordered_set>
 
-#include "simulator/routing/LineReader.h"
+#include "simulator/input/LineReader.h"
 
 namespace Tools {
 

@@ -1,4 +1,4 @@
-#include "simulator/routing/LineReader.h"
+#include "simulator/input/LineReader.h"
 
 #include <unistd.h>
 #include <zlib.h>
