@@ -6,6 +6,7 @@
 #include "host/AgentLibrary.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
+#include "linux/files/InputFile.h"
 #include "linux/loop/MonotonicClock.h"
 #include "platform/values/Assert.h"
 #include "platform/values/Printable.h"
@@ -13,6 +14,8 @@
 namespace Tools {
 
 namespace {
+
+constexpr std::size_t mostScenarioBytes = 256 * 1024 * 1024;  // some millions of entries
 
 LinuxPlatform::PathTypes allPathTypes() {
   LinuxPlatform::PathTypes types = LinuxPlatform::platformPathTypes();
@@ -51,7 +54,8 @@ LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> d
 }
 
 void AgentHost::loadScenario(const std::string& file) {
-  stateDb_.entitiesAre(LinuxPlatform::readScenario(file, entityTypes_, allPathTypes()));
+  const std::string text = LinuxPlatform::readInput(file, mostScenarioBytes);
+  stateDb_.entitiesAre(LinuxPlatform::parseScenario(text, file, entityTypes_, allPathTypes()));
   const auto entity = [this]<class T>(const char* path, const char* typeName) {
     auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
     PLATFORM_ASSERT(typed);

@@ -6,7 +6,6 @@
 #include <set>
 #include <vector>
 
-#include "linux/files/InputFile.h"
 #include "platform/values/Printable.h"
 
 namespace LinuxPlatform {
@@ -147,18 +146,6 @@ EmbeddedStateDb::Entities parseScenario(std::string_view text, const std::string
     entities[path] = entity;
   }
   return entities;
-}
-
-EmbeddedStateDb::Entities readScenario(const std::string& fileName, const Lattis::EntityTypes& types,
-                                       const PathTypes& pathTypes) {
-  constexpr std::size_t mostBytes = 256 * 1024 * 1024;  // some millions of entries
-  std::string text;
-  try {
-    text = readInput(fileName, mostBytes);
-  } catch (const Platform::BadText& error) {
-    throw ScenarioError(error.what());
-  }
-  return parseScenario(text, fileName, types, pathTypes);
 }
 
 }  // namespace LinuxPlatform

@@ -31,12 +31,8 @@ class ScenarioError : public Platform::BadText {
   using Platform::BadText::BadText;
 };
 
-// Builds the scenario's entities, by path. Everything has been checked when it returns, faults of whole entities
-// included. Throws ScenarioError.
-EmbeddedStateDb::Entities readScenario(const std::string& fileName, const Lattis::EntityTypes& types,
-                                       const PathTypes& pathTypes);
-
-// The same from a text; `fileName` is what errors call it.
+// Builds the entities of a scenario's text, by path; `fileName` is what errors call it. Everything has been checked
+// when it returns, faults of whole entities included. Throws ScenarioError.
 EmbeddedStateDb::Entities parseScenario(std::string_view text, const std::string& fileName,
                                         const Lattis::EntityTypes& types, const PathTypes& pathTypes);
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-#include "linux/tables/TableFile.h"
+#include "linux/files/FileDescriptor.h"
 
 namespace LinuxPlatform {
 

@@ -98,10 +98,6 @@ struct stat statusOfDirectory(const std::string& path) {
 
 }  // namespace
 
-FileDescriptor::~FileDescriptor() {
-  if (fd_ >= 0) close(fd_);
-}
-
 OpenFile openToRead(const std::string& name) {
   return opened(name, O_RDONLY, 0);
 }

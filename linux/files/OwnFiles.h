@@ -13,30 +13,14 @@
 #include <sys/types.h>
 
 #include <string>
-#include <utility>
+
+#include "linux/files/FileDescriptor.h"
 
 namespace LinuxPlatform {
 
 inline constexpr mode_t directoryMode = 0750;
 inline constexpr mode_t readableMode = 0640;
 inline constexpr mode_t lockMode = 0600;
-
-// An open file descriptor.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd = -1) : fd_(fd) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~FileDescriptor();
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
 
 // A regular file, or why it could not be opened in one line that names it. Neither: there is none.
 struct OpenFile {
