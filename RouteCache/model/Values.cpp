@@ -1,5 +1,6 @@
 #include "RouteCache/model/Values.h"
 
+#include "platform/tables/Rib.h"
 #include "platform/values/Assert.h"
 
 namespace RouteCache {
@@ -35,6 +36,7 @@ std::uint16_t ViaIndex::checked(std::uint64_t value) {
 }
 
 void registerTraceWords(Platform::TraceVocabulary& vocabulary) {
+  vocabulary.valueTypeIs<Routing::Rib::RouteKey>();
   vocabulary.valueTypeIs<AdjId>();
   vocabulary.valueTypeIs<Ipv4RouteVrfKey>();
   vocabulary.valueTypeIs<Ipv6RouteVrfKey>();

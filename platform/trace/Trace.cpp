@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "platform/tables/Rib.h"
-
 namespace Platform {
 
 void TraceRecord::add(std::string_view text) {
@@ -24,7 +22,6 @@ TraceVocabulary::TraceVocabulary() {
   valueTypeIs<IntfId>();
   valueTypeIs<Vxlan::Vni>();
   valueTypeIs<Fib::FecId>();
-  valueTypeIs<Routing::Rib::RouteKey>();
 }
 
 namespace {
