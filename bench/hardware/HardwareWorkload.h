@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 
 namespace Bench {
 

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <unordered_map>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/LmdbStore.h"
 #include "platform/tables/Trie.h"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "RouteCache/model/Values.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/pipeline/PipelineWorkload.h"
 #include "platform/tables/Rib.h"
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/EncodedValue.h"
 #include "bench/harness/LmdbStore.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/ChildProcess.h"
 #include "bench/pipeline/PipelineWorkload.h"

@@ -8,8 +8,8 @@
 #include <memory>
 #include <vector>
 
+#include "RouteCache/FlatTable.h"
 #include "RouteCache/RouteCache.h"
-#include "RouteCache/work/FlatTable.h"
 #include "platform/tables/Trie.h"
 #include "simulator/traffic/Traffic.h"
 
