@@ -8,11 +8,11 @@
 #include <filesystem>
 #include <iostream>
 
+#include "host/Output.h"
 #include "host/Progress.h"
 #include "lib/statedb/EntityFields.h"
 #include "platform/tables/Rib.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/commandline/Common.h"
 
 namespace Tools {
 

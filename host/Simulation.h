@@ -12,10 +12,10 @@
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/SharedTable.h"
 #include "simulator/forwarding/ForwardingPlane.h"
+#include "simulator/input/TrafficPlan.h"
 #include "simulator/report/Report.h"
 #include "simulator/report/Yardsticks.h"
 #include "simulator/traffic/Traffic.h"
-#include "tools/commandline/TrafficOptions.h"
 
 namespace Tools {
 

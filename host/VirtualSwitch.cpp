@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/Progress.h"
+#include "host/TableTypes.h"
 #include "lib/statedb/EntityFields.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
@@ -15,7 +16,6 @@
 #include "simulator/routing/FibWriter.h"
 #include "simulator/routing/NexthopSets.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/commandline/Common.h"
 
 namespace Tools {
 
@@ -126,8 +126,8 @@ VirtualSwitch::~VirtualSwitch() {
 }
 
 void VirtualSwitch::writeInputs(const VirtualSwitchSettings& settings) {
-  const auto within = optionValue<IpGenPrefix>("--within", settings.within);
-  if (!within.isV4()) throw BadText("--within: '" + settings.within + "' is not an IPv4 prefix");
+  const IpGenPrefix& within = settings.within;
+  if (!within.isV4()) throw BadText("--within: '" + Platform::toText(within) + "' is not an IPv4 prefix");
   const auto vrfs = completeVrfs(host_.stateDb());
   if (vrfs.empty()) throw BadText("--scenario: it has no complete VRF");
   const RibChange change =

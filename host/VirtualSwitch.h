@@ -20,8 +20,8 @@ struct VirtualSwitchSettings {
 
   std::string scenario;
   std::string agentLibrary;
-  std::uint64_t routes = 200'000;     // host routes, over the scenario's VRFs in turn
-  std::string within = "10.0.0.0/8";  // drawn from inside this prefix, which is a cached FIB route of every VRF
+  std::uint64_t routes = 200'000;  // host routes, over the scenario's VRFs in turn
+  IpGenPrefix within;              // drawn from inside this prefix, which is a cached FIB route of every VRF
   std::uint64_t seed = 1;
   std::vector<Set> sets;  // done in their order, before the agent has decided any route
 };

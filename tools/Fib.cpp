@@ -7,6 +7,7 @@
 #include <set>
 
 #include "host/Progress.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/FibWriter.h"
 #include "tools/commandline/Commands.h"

@@ -9,6 +9,7 @@
 #include <exception>
 #include <string>
 
+#include "host/Output.h"
 #include "platform/values/Net.h"
 #include "platform/values/Printable.h"
 #include "platform/values/Text.h"

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "host/Progress.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/input/PrefixList.h"
 #include "simulator/routing/NexthopSets.h"

@@ -8,6 +8,7 @@
 
 #include "host/AgentHost.h"
 #include "host/AgentLibrary.h"
+#include "host/Output.h"
 #include "host/TableDelivery.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/control/ControlSocket.h"

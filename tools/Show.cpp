@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/Output.h"
 #include "linux/control/ControlClient.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"

@@ -11,6 +11,7 @@
 #include "host/AgentLibrary.h"
 #include "host/Simulation.h"
 #include "host/TableDelivery.h"
+#include "host/TableTypes.h"
 #include "host/VirtualSwitch.h"
 #include "linux/control/ControlClient.h"
 #include "linux/files/ProcessLimits.h"
@@ -35,6 +36,7 @@ struct SimulateOptions {
   std::string runDir;
   bool inProcess = false;
   VirtualSwitchSettings virtualSwitch;
+  std::string within = "10.0.0.0/8";
 };
 
 // --- Beside a running agent ------------------------------------------------------------------------------------------
@@ -164,6 +166,7 @@ void simulate(const SimulateOptions& given) {
   }
   if (!options.simulation.duration && options.traffic.flows.empty()) options.simulation.duration = defaultDuration;
   options.virtualSwitch.seed = options.traffic.zipf.seed;
+  options.virtualSwitch.within = optionValue<IpGenPrefix>("--within", options.within);
   simulateInProcess(options, plan);
 }
 
@@ -209,7 +212,7 @@ void addInProcessOptions(CLI::App& command, SimulateOptions& options) {
       ->check(wholeNumber(1, maxGeneratedPrefixes))
       ->needs(inProcess)
       ->capture_default_str();
-  command.add_option("--within", virtualSwitch.within, "Where they lie: the cached prefix of every VRF")
+  command.add_option("--within", options.within, "Where they lie: the cached prefix of every VRF")
       ->type_name("PREFIX")
       ->needs(inProcess)
       ->capture_default_str();

@@ -15,6 +15,8 @@
 #include <optional>
 #include <set>
 
+#include "host/Output.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"

@@ -12,6 +12,7 @@
 #include "bench/hardware/HardwareRival.h"
 #include "bench/harness/MeasuredLoop.h"
 #include "bench/harness/Tables.h"
+#include "host/TableTypes.h"
 #include "platform/tables/Trie.h"
 
 namespace Bench {

@@ -18,8 +18,8 @@
 #include "bench/harness/ChildProcess.h"
 #include "bench/harness/Tables.h"
 #include "bench/harness/WorkFigures.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/commandline/Common.h"
 
 namespace Bench {
 

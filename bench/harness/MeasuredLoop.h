@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "bench/harness/BenchDirectory.h"
+#include "host/TableTypes.h"
 #include "linux/files/TraceFile.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/commandline/Common.h"
 
 namespace Bench {
 

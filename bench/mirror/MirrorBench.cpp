@@ -9,15 +9,15 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchProgram.h"
 #include "bench/harness/ChildProcess.h"
 #include "bench/harness/Tables.h"
 #include "bench/harness/WorkFigures.h"
 #include "bench/mirror/MirrorAgent.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/RibWriter.h"
-#include "tools/commandline/Common.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/mirror/MirrorRival.h"
 #endif

@@ -6,11 +6,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/Tables.h"
 #include "bench/show/ShowSwitch.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
-#include "tools/commandline/Common.h"
 
 namespace Bench {
 

@@ -7,8 +7,8 @@
 #include <thread>
 
 #include "bench/harness/Tables.h"
+#include "host/TableTypes.h"
 #include "platform/values/Text.h"
-#include "tools/commandline/Common.h"
 
 namespace Bench {
 

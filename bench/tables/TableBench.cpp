@@ -12,11 +12,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/input/PrefixList.h"
-#include "tools/commandline/Common.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/harness/EncodedValue.h"
 #include "bench/harness/LmdbStore.h"

@@ -5,8 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
-#include "linux/files/InputFile.h"
 #include "platform/values/Printable.h"
 #include "platform/values/Text.h"
 
@@ -22,8 +22,8 @@ void LineReader::Close::operator()(gzFile_s* file) const {
   gzclose(file);
 }
 
-LineReader::LineReader(const std::string& file) : name_(file == "-" ? "standard input" : file) {
-  const int fd = ::dup(file == "-" ? STDIN_FILENO : LinuxPlatform::openInput(file).get());
+LineReader::LineReader(std::string name, int descriptor) : name_(std::move(name)) {
+  const int fd = ::dup(descriptor);
   file_.reset(fd < 0 ? nullptr : gzdopen(fd, "rb"));
   if (file_ == nullptr) fail(std::strerror(errno));
   gzbuffer(file_.get(), 1 << 17);

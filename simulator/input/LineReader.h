@@ -13,8 +13,8 @@ namespace Tools {
 // Reads a file's entries in their order. Every failure is a BadText of one line that names the file.
 class LineReader {
  public:
-  // "-" is standard input, another name what openInput() has of it. Throws when the file cannot be opened.
-  explicit LineReader(const std::string& file);
+  // Of an open descriptor, which stays the caller's and may be closed at once; `name` is what errors call the file.
+  LineReader(std::string name, int descriptor);
 
   // The next line that holds something besides blanks and a comment ('#' and all behind it), without these; valid until
   // the next call. False behind the last one. Throws when the file cannot be read to its end, and for a line longer

@@ -5,8 +5,6 @@
 #include <random>
 #include <unordered_set>
 
-#include "simulator/input/LineReader.h"
-
 namespace Tools {
 
 namespace {
@@ -130,12 +128,11 @@ std::vector<IpGenPrefix> hostsWithin(const P& within, std::uint64_t count, std::
 
 }  // namespace
 
-PrefixList readPrefixList(const std::string& file) {
-  LineReader reader(file);
+PrefixList readPrefixList(LineReader& lines) {
   PrefixList list;
-  for (std::string_view text; reader.next(text);) {
+  for (std::string_view text; lines.next(text);) {
     const auto prefix = Platform::TextForm<IpGenPrefix>::from(text);
-    if (!prefix || prefix->isEmpty()) reader.refuse(quoted(text) + " is not " + Platform::TextForm<IpGenPrefix>::what);
+    if (!prefix || prefix->isEmpty()) lines.refuse(quoted(text) + " is not " + Platform::TextForm<IpGenPrefix>::what);
     list.prefixes.push_back(*prefix);
   }
   list.duplicates = dropDuplicates(list.prefixes);

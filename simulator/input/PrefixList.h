@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/values/Net.h"
+#include "simulator/input/LineReader.h"
 
 namespace Tools {
 
@@ -17,10 +18,10 @@ struct PrefixList {
 };
 
 // Reads a list, plain or gzip: one prefix a line, either family, host bits cleared; blank lines and what follows a '#'
-// are skipped. "-" is standard input. The list keeps the order of the file; of a prefix that stands there twice the
+// are skipped. The list keeps the order of the file; of a prefix that stands there twice the
 // last place counts. Throws BadText for the first bad line ("FILE:LINE: 'x' is not an IP prefix") and when the file
 // cannot be read to its end.
-PrefixList readPrefixList(const std::string& file);
+PrefixList readPrefixList(LineReader& lines);
 
 inline constexpr std::uint64_t maxGeneratedPrefixes = 4'000'000;
 

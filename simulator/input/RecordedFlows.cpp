@@ -5,8 +5,6 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "simulator/input/LineReader.h"
-
 namespace Tools {
 
 namespace {
@@ -27,39 +25,38 @@ std::optional<Fields> fieldsOf(std::string_view entry) {
   return fields;
 }
 
-double timeOf(const LineReader& reader, std::string_view text) {
+double timeOf(const LineReader& lines, std::string_view text) {
   const auto time = Platform::TextForm<double>::from(text);
   if (time && *time >= 0 && *time < std::numeric_limits<double>::infinity()) return *time;
-  reader.refuse(quoted(text) + " is not a time in seconds");
+  lines.refuse(quoted(text) + " is not a time in seconds");
 }
 
-std::uint32_t packetsOf(const LineReader& reader, std::string_view text) {
+std::uint32_t packetsOf(const LineReader& lines, std::string_view text) {
   const auto packets = Platform::TextForm<std::uint32_t>::from(text);
   if (packets && *packets != 0) return *packets;
-  reader.refuse(quoted(text) + " is not a number of packets (1 to 4294967295)");
+  lines.refuse(quoted(text) + " is not a number of packets (1 to 4294967295)");
 }
 
 }  // namespace
 
-RecordedFlows::RecordedFlows(const std::string& file) : flows_(std::make_unique<Simulator::FlowList>()) {
-  LineReader reader(file);
+RecordedFlows::RecordedFlows(LineReader& lines) : flows_(std::make_unique<Simulator::FlowList>()) {
   std::unordered_map<std::string, std::uint32_t> indexes;  // of vrfs_, by name
   bool first = true;
-  for (std::string_view entry; reader.next(entry); first = false) {
+  for (std::string_view entry; lines.next(entry); first = false) {
     const auto fields = fieldsOf(entry);
-    if (!fields) reader.refuse(quoted(entry) + " is not time,VRF,destination,packets");
+    if (!fields) lines.refuse(quoted(entry) + " is not time,VRF,destination,packets");
     if (first && (*fields)[timeField] == "time") continue;
-    const double time = timeOf(reader, (*fields)[timeField]);
+    const double time = timeOf(lines, (*fields)[timeField]);
     const auto [vrf, isNew] =
         indexes.try_emplace(std::string((*fields)[vrfField]), static_cast<std::uint32_t>(vrfs_.size()));
     if (isNew) {
       const auto name = Platform::TextForm<L3::VrfName>::from(vrf->first);
-      if (!name) reader.refuse(quoted(vrf->first) + " is not " + Platform::TextForm<L3::VrfName>::what);
-      vrfs_.push_back({*name, reader.place()});
+      if (!name) lines.refuse(quoted(vrf->first) + " is not " + Platform::TextForm<L3::VrfName>::what);
+      vrfs_.push_back({*name, lines.place()});
     }
     const auto addr = Platform::TextForm<IpAddr>::from((*fields)[destinationField]);
-    if (!addr) reader.refuse(quoted((*fields)[destinationField]) + " is not " + Platform::TextForm<IpAddr>::what);
-    flows_->flowIs(time, {vrf->second, *addr}, packetsOf(reader, (*fields)[packetsField]));
+    if (!addr) lines.refuse(quoted((*fields)[destinationField]) + " is not " + Platform::TextForm<IpAddr>::what);
+    flows_->flowIs(time, {vrf->second, *addr}, packetsOf(lines, (*fields)[packetsField]));
   }
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/values/Net.h"
+#include "simulator/input/LineReader.h"
 #include "simulator/traffic/FlowList.h"
 
 namespace Tools {
@@ -21,10 +22,10 @@ class RecordedFlows {
  public:
   // Reads flows, plain or gzip: "time,VRF,destination,packets" a line, in any order of time. The time is in seconds
   // from the start, the destination an IPv4 address, the packets are 1 to 4294967295. Blanks around the fields are left
-  // out, blank lines and what follows a '#' are skipped, as is a first line that begins with the word "time". "-" is
-  // standard input. Throws BadText for the first bad line ("FILE:LINE: 'x' is not an IPv4 address"), and when the file
-  // cannot be read to its end.
-  explicit RecordedFlows(const std::string& file);
+  // out, blank lines and what follows a '#' are skipped, as is a first line that begins with the word "time". Throws
+  // BadText for the first bad line ("FILE:LINE: 'x' is not an IPv4 address"), and when the file cannot be read to its
+  // end.
+  explicit RecordedFlows(LineReader& lines);
 
   // The flows on a switch with these VRFs. Once. Throws BadText for a VRF without an id, with the line that it stands
   // in first.

@@ -12,6 +12,7 @@
 
 #include "simulator/input/PrefixList.h"
 #include "simulator/routing/NexthopSets.h"
+#include "tools/commandline/Common.h"
 
 namespace {
 
@@ -30,7 +31,8 @@ class PrefixListTest : public ::testing::Test {
   }
   std::string readFile() {
     try {
-      const Tools::PrefixList list = Tools::readPrefixList(file_);
+      Tools::LineReader lines = Tools::linesOf(file_);
+      const Tools::PrefixList list = Tools::readPrefixList(lines);
       std::string out;
       for (const IpGenPrefix& prefix : list.prefixes) out += Platform::toText(prefix) + " ";
       return out + "-" + std::to_string(list.duplicates);
@@ -75,7 +77,8 @@ TEST_F(PrefixListTest, ReadsGzipAndTellsWhenItIsCutShort) {
   gzFile out = gzopen(file_.c_str(), "wb");
   gzwrite(out, lines.data(), static_cast<unsigned>(lines.size()));
   gzclose(out);
-  EXPECT_EQ(Tools::readPrefixList(file_).prefixes.size(), 50'000U);
+  Tools::LineReader plain = Tools::linesOf(file_);
+  EXPECT_EQ(Tools::readPrefixList(plain).prefixes.size(), 50'000U);
   std::filesystem::resize_file(file_, std::filesystem::file_size(file_) / 2);
   EXPECT_EQ(readFile(), ": the compressed data end too early");
 }

@@ -13,6 +13,7 @@
 
 #include "simulator/input/RecordedFlows.h"
 #include "simulator/traffic/ZipfTraffic.h"
+#include "tools/commandline/Common.h"
 
 namespace {
 
@@ -246,7 +247,10 @@ class FlowFileTest : public ::testing::Test {
     if (name == "red") return 7;
     return std::nullopt;
   }
-  std::unique_ptr<Simulator::FlowList> read() { return Tools::RecordedFlows(file_).on(hwVrfIdOf); }
+  std::unique_ptr<Simulator::FlowList> read() {
+    Tools::LineReader lines = Tools::linesOf(file_);
+    return Tools::RecordedFlows(lines).on(hwVrfIdOf);
+  }
   // What is sent, as text, or what is thrown, after the file's name.
   std::string flows(const std::string& text) {
     std::ofstream(file_, std::ios::binary) << text;

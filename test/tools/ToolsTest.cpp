@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
 #include "simulator/routing/RibWriter.h"
 #include "test/support/Command.h"

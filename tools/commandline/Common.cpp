@@ -4,18 +4,13 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <utility>
 
-#include "RouteCache/model/StatusTables.h"
-#include "lib/statedb/PlatformTypes.h"
+#include "linux/files/InputFile.h"
 #include "linux/files/OwnFiles.h"
 #include "platform/values/Printable.h"
 
@@ -61,12 +56,9 @@ bool hangupIsIgnored() {
   return sigaction(SIGHUP, nullptr, &hangup) == 0 && hangup.sa_handler == SIG_IGN;
 }
 
-Platform::TableTypes allTableTypes() {
-  Lattis::EntityTypes entities;
-  Platform::TableTypes tables;
-  LinuxPlatform::addPlatformTypes(entities, tables);
-  RouteCache::addTableTypes(tables);
-  return tables;
+LineReader linesOf(const std::string& file) {
+  if (file == "-") return {"standard input", STDIN_FILENO};
+  return {file, LinuxPlatform::openInput(file).get()};
 }
 
 std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
@@ -80,15 +72,6 @@ std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
 
 std::string counted(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
-void flushOutput() {
-  const int before = std::exchange(errno, 0);  // of the one who printed, when that went beyond the buffer
-  std::cout.flush();
-  const bool flushed = std::fflush(stdout) == 0;
-  if (std::cout && flushed && std::ferror(stdout) == 0) return;
-  const int reason = errno != 0 ? errno : before;
-  throw std::runtime_error(std::string("standard output: ") + (reason != 0 ? std::strerror(reason) : "it is closed"));
 }
 
 void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text) {

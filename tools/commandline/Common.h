@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "platform/services/AgentBase.h"
 #include "platform/values/Net.h"
 #include "platform/values/Text.h"
+#include "simulator/input/LineReader.h"
 
 namespace CLI {
 class App;
@@ -30,8 +30,9 @@ void addRunDirOption(CLI::App& command, std::string& runDir);
 // Whether this process was started to outlive its terminal.
 bool hangupIsIgnored();
 
-// Every table type that the tools know: the platform's and the agent's.
-Platform::TableTypes allTableTypes();
+// The lines of a file that a person has named; "-" is standard input. Throws BadText for one that cannot be opened, as
+// openInput() has it.
+LineReader linesOf(const std::string& file);
 
 // Text to value; the option is named in what is thrown (BadText).
 template <class T>
@@ -46,10 +47,6 @@ std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts);
 
 // "1 route", "2 routes".
 std::string counted(std::size_t count, const std::string& what);
-
-// Hands over what was printed, through std::cout or stdio. Throws std::runtime_error when standard output has not taken
-// everything that was ever printed. Called at the end of every command, and by those that print for long as they go.
-void flushOutput();
 
 // What a command has done, on standard output: as one line of JSON or of text.
 void tell(bool json, const nlohmann::ordered_json& summary, const std::string& text);

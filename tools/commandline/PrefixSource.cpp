@@ -28,7 +28,10 @@ void checkPrefixSource(const PrefixSource& source) {
 }
 
 PrefixList prefixesFrom(const PrefixSource& source) {
-  if (source.generate == 0) return readPrefixList(source.file);
+  if (source.generate == 0) {
+    LineReader lines = linesOf(source.file);
+    return readPrefixList(lines);
+  }
   if (source.within.empty()) return {generatePrefixes(source.generate, source.seed), 0};
   const auto within = optionValue<IpGenPrefix>("--within", source.within);
   return {generateHosts(source.generate, within, source.seed), 0};

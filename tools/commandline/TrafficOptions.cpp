@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "platform/values/Text.h"
+#include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
 
 namespace Tools {
@@ -88,13 +89,11 @@ TrafficPlan trafficPlan(const TrafficOptions& options) {
   for (const auto& crowd : options.crowds) plan.zipf.crowds.push_back(crowdFrom(crowd));
   if (!options.scan.empty()) plan.zipf.scan = scanFrom(options.scan);
   plan.zipf = Simulator::checked(std::move(plan.zipf));
-  if (!options.flows.empty()) plan.flows.emplace(options.flows);
+  if (!options.flows.empty()) {
+    LineReader lines = linesOf(options.flows);
+    plan.flows.emplace(lines);
+  }
   return plan;
-}
-
-std::unique_ptr<Simulator::TrafficSource> trafficFrom(TrafficPlan& plan, TrafficInputs inputs) {
-  if (plan.flows) return plan.flows->on(inputs.hwVrfIdOf);
-  return std::make_unique<Simulator::ZipfTraffic>(std::move(inputs.destinations), plan.zipf);
 }
 
 }  // namespace Tools
