@@ -25,6 +25,7 @@
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
 #include "lib/tables/TableWriter.h"
+#include "linux/files/ProcessLimits.h"
 #include "linux/tables/SharedTableService.h"
 #include "platform/values/Hash.h"
 #include "test/support/TestTables.h"
@@ -245,27 +246,6 @@ void readEverything(const TableType& table) {
     EXPECT_TRUE(found.entries.contains(key)) << "a walk missed " << key;
     EXPECT_TRUE(table.route(key)) << "a lookup missed " << key;
   }
-}
-
-TEST_F(SharedTableProcessTest, ReadersBesideABusyWriterSeeWholeEntries) {
-  SharedProgress progress;
-  const auto writer = historian(progress);
-  ASSERT_TRUE(progress.reaches(lastingStep, *writer));
-  const auto reading = service();
-  const auto fixed = mount<FixedTable>(*reading, MountKind::reader);
-  const auto sized = mount<SizedTable>(*reading, MountKind::reader);
-  Believer<FixedTable> believer(fixed);
-  while (progress->done < 100000 && !HasFailure()) {
-    ASSERT_TRUE(writer->runs());
-    readEverything(*fixed);
-    readEverything(*sized);
-    reading->deliverChanges(never);
-  }
-  writer->kill();
-  while (!reading->deliverChanges(never)) {
-  }
-  EXPECT_EQ(believer.believed, contents(*fixed));
-  EXPECT_THAT(damage, IsEmpty());  // a torn value would not be one that can be decoded
 }
 
 TEST_F(SharedTableProcessTest, StoppedWriterHoldsNobodyUp) {
@@ -683,6 +663,14 @@ TEST_F(SharedTableProcessTest, HundredsOfTablesAreReadWithFewDescriptors) {
     reading->deliverChanges(never);
     for (unsigned i = 0; i < count; ++i) EXPECT_EQ(reading->entity(pathOfTable(i))->size(), 1U) << i;
     EXPECT_THAT(damage, testing::SizeIs(1));
+    LinuxPlatform::raiseDescriptorLimit();
+    getrlimit(RLIMIT_NOFILE, &few);
+    EXPECT_EQ(few.rlim_cur, few.rlim_max);
+#ifndef __SANITIZE_ADDRESS__
+    const rlimit noMemory{1 << 20, RLIM_INFINITY};
+    setrlimit(RLIMIT_AS, &noMemory);
+    EXPECT_THROW(service()->mount(pathOfTable(0), FixedTable::typeName, MountKind::reader), TableError);
+#endif
   });
   EXPECT_EQ(reader.waited(), 0);
 }

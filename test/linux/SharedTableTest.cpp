@@ -173,21 +173,6 @@ TYPED_TEST(SharedTableTest, EveryProcessSeesWhatOneWrote) {
   EXPECT_THAT(this->keys(*read), IsEmpty());
 }
 
-TYPED_TEST(SharedTableTest, WalkSurvivesChangesUnderIt) {
-  const auto table = this->writer();
-  for (std::uint64_t key = 0; key < 50; ++key) table->routeIs({key, key});
-  std::vector<std::uint64_t> seen;
-  for (auto at = table->begin(); at != table->end(); ++at) {
-    seen.push_back(at->number);
-    table->routeDel(at->number);                // the entry that the walk stands on
-    table->routeIs({at->number + 1000, 1});     // may get its slot
-    if (at->number == 10) table->routeDel(11);  // the next one
-    if (at->number > 1020) break;
-  }
-  EXPECT_EQ(seen.size(), 49U + 21U);
-  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
-}
-
 TYPED_TEST(SharedTableTest, FullTableRefusesOneWriteAndKeepsTheRest) {
   const auto table = this->writer(3);
   for (const std::uint64_t key : {1, 2, 3}) table->routeIs({key, key});
@@ -236,25 +221,6 @@ TYPED_TEST(SharedTableTest, ReactorsHearOfChangesAfterTheyCame) {
   EXPECT_THAT(here.take(), ElementsAre(3));
   EXPECT_THAT(there.take(), ElementsAre(3));
   EXPECT_THAT(late.take(), ElementsAre(3));
-}
-
-// Slots are used again: the key that went and the key that came in its place are both changes.
-TYPED_TEST(SharedTableTest, KeyWhoseSlotWasGivenAwayIsToldOf) {
-  const auto written = this->writer(2);
-  written->routeIs({1, 1});
-  written->routeIs({2, 2});
-  Follower<FixedTable> there(this->reader());
-  written->routeDel(1);
-  written->routeIs({10, 10});
-  written->routeDel(10);
-  written->routeIs({11, 11});
-  this->settle();
-  const auto heard = there.take();
-  EXPECT_THAT(std::set(heard.begin(), heard.end()), ElementsAre(1, 10, 11)) << "10 was never there for anybody to see";
-  written->routeDelAll();
-  this->settle();
-  EXPECT_THAT(there.take(), UnorderedElementsAre(2, 11));
-  EXPECT_THAT(there.believed, IsEmpty());
 }
 
 TYPED_TEST(SharedTableTest, LateReaderCatchesUpOverAnyNumberOfChanges) {

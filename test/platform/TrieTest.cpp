@@ -132,21 +132,6 @@ TYPED_TEST(TrieTest, AgreesWithAnOrderedMapUnderRandomOperations) {
   }
 }
 
-TYPED_TEST(TrieTest, DefaultAndHostRoutesMatchLikeAnyOther) {
-  auto& trie = *this->shared;
-  EXPECT_EQ(trie.longestMatch(this->host), std::nullopt);
-  trie.routeIs(this->host, true);
-  EXPECT_EQ(trie.longestMatch(this->host), this->host);
-  EXPECT_EQ(trie.longestMatch(this->narrow), std::nullopt) << "a longer prefix covers nothing above it";
-  trie.routeIs(this->all, false);
-  trie.routeIs(this->narrow, true);
-  EXPECT_EQ(trie.longestMatch(this->sibling), this->all);
-  EXPECT_EQ(trie.longestMatch(this->all), this->all);
-  trie.routeDel(this->host);
-  EXPECT_EQ(trie.longestMatch(this->host), this->narrow);
-  EXPECT_THAT(this->walk(), ElementsAre(this->all, this->narrow));
-}
-
 TYPED_TEST(TrieTest, AWalkGoesOnAfterItsPrefixAndOthersAreGone) {
   auto& trie = *this->shared;
   for (const auto& prefix : {this->wide, this->narrow, this->host, this->sibling}) trie.routeIs(prefix, true);

@@ -248,27 +248,6 @@ TEST_F(ForwardingPlaneTest, SoftwareHitsGoWithTheHardwaresProgrammingOrIdleTime)
   EXPECT_THAT(wayOf(second), ElementsAre(0, 0, 1));
 }
 
-TEST_F(ForwardingPlaneTest, PacketsGoByTheLongestPublishedRoute) {
-  const auto host = destination("10.1.2.3");
-  const auto neighbour = destination("10.1.2.4");
-  traffic.list.push_back({vrf + 1, Platform::fromText<IpAddr>("10.1.2.3")});
-  bothRoute("10.0.0.0/8");
-  start();
-  scheduler.advance(1);
-  EXPECT_THAT(wayOf(host), ElementsAre(1, 0, 0));
-  EXPECT_THAT(wayOf(2), ElementsAre(0, 0, 1)) << "another VRF";
-
-  sfeRoute("10.1.2.3/32");  // longer, and the hardware does not hold it
-  EXPECT_THAT(wayOf(host), ElementsAre(0, 1, 0));
-  EXPECT_THAT(wayOf(neighbour), ElementsAre(1, 0, 0));
-  EXPECT_THAT(sfeHits(), ElementsAre(Pair("10.1.2.3/32", 255U)));
-  sfe->routeDel(key("10.1.2.3/32"));
-  EXPECT_THAT(wayOf(host), ElementsAre(1, 0, 0));
-  hw->routeDelAll();
-  sfe->routeDelAll();
-  EXPECT_THAT(wayOf(host), ElementsAre(0, 0, 1));
-}
-
 TEST_F(ForwardingPlaneTest, HardwareProgramsAtItsRateWhatItHasRoomFor) {
   settings.hardware = {10, 4};
   for (int i = 1; i <= 16; ++i) bothRoute("10.0.0." + std::to_string(i) + "/32");

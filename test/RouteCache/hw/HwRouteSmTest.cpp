@@ -274,31 +274,6 @@ TEST(HwRouteSmThresholdTest, IdleTimesBecomeSlicesAndNonsenseIsRefusedAndChanges
   EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 4294967295u);
 }
 
-// --- Space -----------------------------------------------------------------------------------------------------------
-
-TEST_P(HwRouteSmTest, MoreEntriesThanTheCapacityAreADebtThatTheFirstRemovalsPay) {
-  CachingSwitch sw(GetParam(), 30);
-  sw.startUp();
-  sw.addMany(plain, 0, 20);
-  sw.stop();
-  sw.capability(10, 10000, 1000);
-  sw.startUp();
-  EXPECT_EQ(sw.hardware().size(), 20u);
-  EXPECT_EQ(sw.hwSm().spaceDebt(), 10u);
-  EXPECT_EQ(sw.hwSm().getHwPercentageSpaceUsed(), 100u);
-  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 1024u);
-  sw.add(plain(100));
-  for (int i = 0; i < 10; ++i) sw.gone(plain(i));
-  sw.settle();
-  EXPECT_EQ(sw.hwSm().spaceDebt(), 0u);
-  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 1024u);
-  EXPECT_FALSE(sw.inTable(plain(100)));
-  sw.gone(plain(10));
-  sw.settle();
-  EXPECT_TRUE(sw.inTable(plain(100)));
-  EXPECT_EQ(sw.hardware().size(), 10u);
-}
-
 // --- The scan --------------------------------------------------------------------------------------------------------
 
 TEST_P(HwRouteSmTest, TheScanFilesByWhatHardwareReportsAndConfirmsWhatItHit) {
@@ -346,73 +321,6 @@ TEST_P(HwRouteSmTest, TheScanFilesByWhatHardwareReportsAndConfirmsWhatItHit) {
 }
 
 // --- Ageing ----------------------------------------------------------------------------------------------------------
-
-// Cacheable routes 0 to 15 by idleness, as they stand in the slices; 16 and 17 are new additions that are to go.
-constexpr int slicesOfIdle[] = {10, 10, 200, 200, 200, 200, 201, 201, 240, 240, 241, 241, 250, 250, 251, 251};
-constexpr int idleRoutes = std::size(slicesOfIdle);
-
-void fillForAgeing(CachingSwitch& sw, int used) {
-  sw.thresholds(100, 100, 100);
-  sw.startUp();
-  sw.addMany(cached, 0, idleRoutes + 2);
-  sw.addMany(plain, 0, used - idleRoutes - 2);
-  for (int i = 0; i < idleRoutes; ++i) sw.hwHit(cached(i), red, slicesOfIdle[i]);
-  sw.scan();
-  // At the level, with none too many: nothing is aged, and the unreported new additions are marked.
-  const auto percent = static_cast<std::uint8_t>(used);
-  sw.thresholds(percent, percent, percent);
-  sw.scan();
-  sw.thresholds(85, 90, 95);
-}
-
-TEST_P(HwRouteSmTest, AgeingTakesTheIdlestRoutesAsManyAsTheLevelAndTheWaitingOnesCallFor) {
-  // Idle times of 1100, 300 and 100 s are slices 200, 240 and 250. Of 100 entries each is one percent.
-  const struct {
-    const char* what;
-    int used, pending;
-    std::map<int, int> aged;  // by slice; 257: the new additions
-  } rows[] = {
-      {"below the level nothing, whoever waits", 84, 30, {}},
-      {"at the level, none too many", 85, 0, {{257, 2}}},
-      {"low", 88, 0, {{10, 2}, {200, 1}, {257, 2}}},
-      {"low, more wait", 88, 6, {{10, 2}, {200, 4}, {257, 2}}},
-      {"low, a slice in part", 88, 5, {{10, 2}, {200, 3}, {257, 2}}},
-      {"low, more wait than are idle", 88, 30, {{10, 2}, {200, 4}, {257, 2}}},
-      {"medium, nobody waits", 92, 0, {{10, 2}, {200, 4}, {257, 2}}},
-      {"medium, somebody waits", 92, 1, {{10, 2}, {200, 4}, {201, 1}, {257, 2}}},
-      {"medium, many wait", 92, 30, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {257, 2}}},
-      {"just below medium, many wait", 89, 30, {{10, 2}, {200, 4}, {257, 2}}},
-      {"high, nobody waits", 96, 0, {{10, 2}, {200, 4}, {257, 2}}},
-      {"high, somebody waits", 95, 1, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {257, 2}}},
-      {"high, many wait", 96, 30, {{10, 2}, {200, 4}, {201, 2}, {240, 2}, {241, 2}, {250, 2}, {257, 2}}},
-  };
-  for (const bool keeps : {false, true}) {
-    for (const auto& row : rows) {
-      SCOPED_TRACE(std::string(row.what) + (keeps ? ", keeping routes" : ", deleting routes"));
-      CachingSwitch sw(GetParam(), 100, 6);
-      sw.checkEveryRunIs(false);
-      sw.config()->ageingKeepsRouteIs(keeps);
-      fillForAgeing(sw, row.used);
-      ASSERT_EQ(sw.hardware().size(), static_cast<std::size_t>(row.used));
-      for (int i = 0; i < row.pending; ++i) sw.sfeHit(unknown(i), red, 1);
-      sw.settle();
-      sw.trace.clear();
-      sw.checkEveryRunIs(true);
-      const auto agedBefore = sw.hwSm().aged();
-      sw.scan();
-      EXPECT_EQ(sw.hwSm().aged() - agedBefore, sw.agedPrefixes().size());
-      std::map<int, int> aged;
-      for (int i = 0; i < idleRoutes + 2; ++i) {
-        const auto times = sw.agedPrefixes().count(cached(i));
-        if (times > 0) aged[i < idleRoutes ? slicesOfIdle[i] : 257] += static_cast<int>(times);
-        if (keeps) {
-          EXPECT_EQ(sw.inHw(cached(i)), times == 0) << cached(i);
-        }
-      }
-      EXPECT_EQ(aged, row.aged);
-    }
-  }
-}
 
 TEST_P(HwRouteSmTest, AgeingPassesOverWhatIsQueuedUncacheableOrHitInSoftware) {
   CachingSwitch sw(GetParam(), 100, 6);
@@ -640,27 +548,6 @@ TEST_P(KeptRouteTest, LeavesAsAnIdleRouteDoesWhenRoutesAreNotKeptAnyMore) {
   EXPECT_FALSE(sw.inTable(cached(1)));
 }
 
-TEST_P(HwRouteSmTest, AReleasedRouteCountsOnceAmongThoseThatAreToGo) {
-  CachingSwitch sw(GetParam(), 20);
-  sw.config()->ageingKeepsRouteIs(true);
-  sw.thresholds(100, 100, 100);
-  sw.startUp();
-  sw.addMany(cached, 0, 20);
-  for (int i = 0; i < 20; ++i) sw.hwHit(cached(i), red, i < 5 ? 5 : 10);
-  sw.scan();
-  sw.thresholds(85, 90, 95);
-  const auto released = [&] {
-    const auto hardware = sw.hardware();
-    return std::count_if(hardware.begin(), hardware.end(), [](const auto& route) { return !route.second; });
-  };
-  for (int waiting = 5; waiting <= 15; waiting += 5) {
-    for (int i = 0; i < waiting; ++i) sw.sfeHit(cached(100 + i), red, 1);
-    sw.addMany(cached, 100, 100 + waiting);
-    sw.scan();
-    EXPECT_EQ(released(), waiting) << "the SFE has not programmed any of them, and those that wait grow more";
-  }
-}
-
 // --- What ageing has taken out ---------------------------------------------------------------------------------------
 
 // Three idle routes have just been taken out, which has brought utilisation below the level.
@@ -760,56 +647,6 @@ TEST_P(AgedRouteTest, IsForgottenWhenAsManyOthersFollowAsThereArePlaces) {
 
 // --- Queues ----------------------------------------------------------------------------------------------------------
 
-TEST_P(HwRouteSmTest, RoutesThatWaitForRoomCostNothingAndDelayNobody) {
-  CachingSwitch sw(GetParam(), 20);
-  sw.checkEveryRunIs(false);
-  sw.startUp();
-  sw.addMany(plain, 0, 20);
-  for (int i = 0; i < 300; ++i) sw.sfeHit(cached(i), red, 1);
-  for (int i = 0; i < 300; ++i) sw.add(cached(i));
-  sw.addMany(plain, 20, 3000);
-  EXPECT_EQ(sw.hwSm().routeToProcessCount(), 2980u);
-  EXPECT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), 300u);
-  for (const char* name : {"hwRouteProcessingTask", "sfeRouteHitProcessingTask"}) {
-    SCOPED_TRACE(name);
-    const auto before = sw.task(name);
-    sw.advance(30);
-    EXPECT_EQ(sw.task(name).workDone, before.workDone);
-    EXPECT_LE(sw.task(name).runs, before.runs + 11);
-    EXPECT_GT(sw.task(name).workPending, 0u);
-  }
-  const auto adjId = sw.adjIdOf(plain(3), red);
-  sw.add(plain(3), overIpv4Too);
-  sw.settle();
-  EXPECT_NE(sw.adjIdOf(plain(3), red), adjId);
-  sw.gone(plain(4));
-  sw.gone(plain(2999));  // waits
-  for (int i = 0; i < 10; ++i) sw.sfeHit(cached(i), red, -1);
-  sw.settle();
-  EXPECT_EQ(sw.hardware().size(), 20u);
-  EXPECT_EQ(sw.hwSm().routeToProcessCount() + sw.hwSm().sfeRouteHitToProcessCount(), 2978u + 290u);
-  sw.agent().checkInvariants();
-}
-
-TEST_P(HwRouteSmTest, RoomThatAgeingMakesGoesToRoutesHitInSoftwareNotBackToTheEvicted) {
-  for (const int waiting : {1, 5, 10}) {
-    SCOPED_TRACE(std::to_string(waiting) + " wait");
-    CachingSwitch sw(GetParam(), 20);
-    sw.thresholds(100, 100, 100);
-    sw.startUp();
-    sw.addMany(cached, 0, 10);
-    sw.addMany(plain, 0, 10);
-    for (int i = 0; i < 10; ++i) sw.hwHit(cached(i), red, 10);
-    for (int i = 100; i < 100 + waiting; ++i) sw.sfeHit(cached(i), red, 1);
-    sw.addMany(cached, 100, 100 + waiting);
-    ASSERT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), static_cast<std::uint64_t>(waiting));
-    sw.scan();
-    EXPECT_EQ(sw.hwSm().sfeRouteHitToProcessCount(), 0u);
-    for (int i = 100; i < 100 + waiting; ++i) EXPECT_TRUE(sw.inTable(cached(i))) << i;
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(sw.inTable(cached(i)), i >= waiting) << i;
-  }
-}
-
 TEST_P(HwRouteSmTest, WhoWasHitLastIsLetInFirst) {
   CachingSwitch sw(GetParam(), 20);
   sw.startUp();
@@ -894,13 +731,6 @@ TEST_P(HwRouteSmTest, TriesThatComeAndGoDecideWhatIsCacheable) {
   EXPECT_TRUE(caching());
   sw.settle();
   EXPECT_FALSE(sw.inTable(cached(0)));
-  // A longer prefix comes and goes: the shorter one still covers.
-  sw.cachedPrefix("10.1.0.0/16", "red");
-  sw.settle();
-  sw.cachedPrefixGone("10.1.0.0/16", "red");
-  sw.settle();
-  EXPECT_TRUE(caching());
-  EXPECT_FALSE(sw.inTable(cached(0)));
   // Under another type the FIB's route is not cached any more: the VRF's routes are decided again.
   sw.cachedPrefix("10.0.0.0/8", "red", 1);
   sw.settle();
@@ -950,24 +780,6 @@ TEST_P(HwRouteSmTest, ManyPrefixesThatGoAreOneWalkOfTheirVrf) {
   EXPECT_LE(sw.task("hwRouteProcessingTask").workDone - before, 2u * 400u + 2u);
   EXPECT_FALSE(sw.config()->cachingEnabled());
   sw.agent().checkInvariants();
-}
-
-TEST_P(HwRouteSmTest, TheRoutesOfAVrfGoWithIt) {
-  CachingSwitch sw(GetParam(), 20);
-  sw.vrf("blue", 2, blue);
-  sw.startUp();
-  sw.addMany(cached, 0, 10);
-  for (int i = 0; i < 5; ++i) sw.route(plain(i), 2, overIpv4);
-  sw.settle();
-  sw.vrfGone("red");
-  sw.settle();
-  EXPECT_EQ(sw.hardware().size(), 5u);
-  EXPECT_FALSE(sw.config()->cachingEnabled());
-  EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 15u + 1024u);
-  sw.vrf("red", 1, red);
-  sw.settle();
-  EXPECT_EQ(sw.hardware().size(), 15u);
-  EXPECT_TRUE(sw.config()->cachingEnabled());
 }
 
 // --- Restart ---------------------------------------------------------------------------------------------------------
@@ -1059,20 +871,6 @@ TEST_P(HwRouteSmTest, HardwareCachingMayBeTurnedOnAndOffBetweenTwoLives) {
 }
 
 // --- Walks, restarts and slow neighbours -----------------------------------------------------------------------------
-
-TEST_P(HwRouteSmTest, APrefixThatComesAndGoesDoesNotPutOffAgeing) {
-  CachingSwitch sw(GetParam(), 20);
-  sw.startUp();
-  sw.addMany(cached, 0, 30);  // 17 of them get in unasked
-  for (int i = 20; i < 30; ++i) sw.sfeHit(cached(i), red, 255);
-  for (int i = 0; i < 12; ++i) {
-    sw.cachedPrefix("77.0.0.0/8", "red");
-    sw.advance(10);
-    sw.cachedPrefixGone("77.0.0.0/8", "red");
-    sw.advance(10);
-  }
-  for (int i = 20; i < 30; ++i) EXPECT_TRUE(sw.inTable(cached(i))) << cached(i);
-}
 
 // Changes without end, a route and a cached prefix at a time: the queues never empty, and a walk over all routes is
 // always owed. An entry takes 4 ms here, a slice 40.

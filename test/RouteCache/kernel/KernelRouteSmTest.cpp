@@ -4,14 +4,13 @@
 
 #include <map>
 #include <random>
-#include <set>
 
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTrace.h"
 #include "linux/tables/SharedTableService.h"
-#include "test/support/SimulatedSwitch.h"
+#include "test/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -31,7 +30,7 @@ class KernelMirror {
  public:
   static constexpr std::uint32_t buffer = 2;  // room for cached prefixes above the capacity
 
-  explicit KernelMirror(std::uint32_t capacity = 1000, int traceLevel = -1) : trace(traceLevel) {
+  explicit KernelMirror(std::uint32_t capacity = 1000) {
     RouteCache::registerTraceWords(trace.vocabulary());
     Lattis::EntityTypes entities;
     LinuxPlatform::addPlatformTypes(entities, types_);
@@ -134,7 +133,7 @@ class KernelMirror {
   }
 
   LinuxPlatform::SimulatedScheduler scheduler;
-  LinuxPlatform::TextTraceFacility trace;
+  LinuxPlatform::TextTraceFacility trace{-1};
   std::shared_ptr<Ipv4RouteStatus> sw4;
   std::shared_ptr<Ipv6RouteStatus> sw6;
   std::shared_ptr<RouteConfig> config4, config6, kernelTable;
@@ -159,51 +158,6 @@ class KernelMirror {
 };
 
 // --- The decision ----------------------------------------------------------------------------------------------------
-
-TEST(KernelRouteSmTest, DecisionTable) {
-  const struct {
-    const char* what;
-    bool published, exact, covering, room, there;
-    bool stays;
-  } cases[] = {
-      {"published, nothing cached", true, false, false, true, false, true},
-      {"published, and there already", true, false, false, true, true, true},
-      {"published, but a cached prefix covers it", true, false, true, true, false, false},
-      {"covered: an old kernel route goes", true, false, true, true, true, false},
-      {"published, and itself a cached prefix: that covers it, too", true, true, false, true, true, false},
-      {"published, no room: it waits", true, false, false, false, false, false},
-      {"published, no room, but there already: it needs none", true, false, false, false, true, true},
-      {"covered, no room, there: it goes all the same", true, false, true, false, true, false},
-      {"not published", false, false, false, true, false, false},
-      {"withdrawn: its kernel route goes", false, false, false, true, true, false},
-      {"withdrawn, covered by a cached prefix: it goes", false, false, true, true, true, false},
-      {"withdrawn, but itself a cached prefix: it stays", false, true, false, true, true, true},
-      {"a cached prefix that was never published", false, true, false, true, false, true},
-      {"a cached prefix under another one", false, true, true, true, false, true},
-      {"a cached prefix has the buffer above the capacity", false, true, false, false, false, true},
-  };
-  const struct {
-    const char *prefix, *cover, *filler;
-  } families[] = {{"10.1.2.0/24", "10.0.0.0/8", "172.16.0.0/16"}, {"2001:db8:1::/48", "2001:db8::/32", "fd00::/16"}};
-  for (const auto& family : families) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(std::string(family.prefix) + ": " + c.what);
-      const std::uint32_t capacity = c.room ? 10 : (c.there ? 2 : 1);
-      KernelMirror mirror(capacity);
-      mirror.vrf(2, 7);
-      if (c.there) mirror.standing(family.prefix, 2);
-      mirror.published(family.filler, 7);
-      mirror.start();
-      mirror.settle();
-      if (c.exact) mirror.cached(family.prefix, 7);
-      if (c.covering) mirror.cached(family.cover, 7);
-      if (c.published) mirror.published(family.prefix, 7);
-      mirror.scheduler.advance(10);  // past the walk over what was found at the start
-      EXPECT_EQ(mirror.kernel().contains(std::string(family.prefix) + "@2"), c.stays);
-      EXPECT_EQ(mirror.kernel().contains(std::string(family.filler) + "@2"), true);
-    }
-  }
-}
 
 TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenTheyDiffer) {
   KernelMirror mirror;
@@ -232,37 +186,6 @@ TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenT
 
 // --- Cached prefixes -------------------------------------------------------------------------------------------------
 
-TEST(KernelRouteSmTest, CachedPrefixesTakeWhatTheyCoverOutAndGiveItBack) {
-  for (const std::uint64_t yieldAfter : {0, 1}) {
-    SCOPED_TRACE(yieldAfter);
-    KernelMirror mirror;
-    mirror.scheduler.yieldAfterEntriesIs(yieldAfter);
-    mirror.vrf(2, 7);
-    mirror.vrf(3, 8);
-    mirror.start();
-    for (const std::uint32_t hwVrfId : {7, 8}) {
-      for (const char* prefix : {"10.0.0.0/8", "10.1.0.0/16", "10.1.1.1/32", "11.0.0.0/8", "2001:db8::/32",
-                                 "2001:db8:1::/48", "2001:db9::/32"}) {
-        mirror.published(prefix, hwVrfId);
-      }
-    }
-    mirror.scheduler.advance(1);
-    EXPECT_EQ(mirror.kernel().size(), 14U);
-
-    mirror.cached("10.1.0.0/16", 7);
-    mirror.cached("2001:db8::/32", 8);
-    mirror.scheduler.advance(1);
-    EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("10.0.0.0/8@3", 0), Pair("10.1.0.0/16@3", 0),
-                                             Pair("10.1.1.1/32@3", 0), Pair("11.0.0.0/8@2", 0), Pair("11.0.0.0/8@3", 0),
-                                             Pair("2001:db8:1::/48@2", 0), Pair("2001:db8::/32@2", 0),
-                                             Pair("2001:db9::/32@2", 0), Pair("2001:db9::/32@3", 0)));
-    mirror.cachedGone("10.1.0.0/16", 7);
-    mirror.cachedGone("2001:db8::/32", 8);
-    mirror.scheduler.advance(1);
-    EXPECT_EQ(mirror.kernel().size(), 14U);
-  }
-}
-
 TEST(KernelRouteSmTest, APrefixThatCoversLittleIsLookedAfterWithoutAWalkOverTheTable) {
   KernelMirror mirror;
   mirror.vrf(2, 7);
@@ -277,41 +200,6 @@ TEST(KernelRouteSmTest, APrefixThatCoversLittleIsLookedAfterWithoutAWalkOverTheT
   mirror.cached("10.0.0.0/23", 7);  // more than is looked after one by one
   mirror.scheduler.advance(1);
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/23@2", 0)));
-}
-
-TEST(KernelRouteSmTest, WhatATrieHoldsCountsHoweverItComesAndGoes) {
-  KernelMirror mirror;
-  mirror.vrf(2, 7);
-  for (const char* prefix : {"10.1.0.0/16", "20.0.0.0/8", "2001:db8:1::/48"}) mirror.published(prefix, 7);
-  mirror.start();
-  mirror.settle();
-  EXPECT_EQ(mirror.kernel().size(), 3U);
-
-  const auto filled = std::make_shared<Routing::Trie>();
-  filled->routeIs(fromText<Prefix>("10.0.0.0/8"), true);
-  filled->routeIs(fromText<Prefix>("30.0.0.0/8"), true);
-  mirror.cachedRoutes->vrfTrieIs(7, filled);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("20.0.0.0/8@2", 0),
-                                           Pair("2001:db8:1::/48@2", 0), Pair("30.0.0.0/8@2", 0)));
-  const auto filled6 = std::make_shared<Routing6::Trie>();
-  filled6->routeIs(fromText<Ip6Prefix>("2001:db8::/32"), true);
-  mirror.cachedRoutes->vrfTrie6Is(7, filled6);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.0.0/8@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8::/32@2", 0),
-                                           Pair("30.0.0.0/8@2", 0)));
-  mirror.cachedRoutes->vrfTrie6Del(7);
-  filled->trieDelete();
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(),
-              ElementsAre(Pair("10.1.0.0/16@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8:1::/48@2", 0)));
-  filled->routeIs(fromText<Prefix>("0.0.0.0/0"), true);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@2", 0), Pair("2001:db8:1::/48@2", 0)));
-  mirror.cachedRoutes->vrfTrieDel(7);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(),
-              ElementsAre(Pair("10.1.0.0/16@2", 0), Pair("20.0.0.0/8@2", 0), Pair("2001:db8:1::/48@2", 0)));
 }
 
 // --- Room ------------------------------------------------------------------------------------------------------------
@@ -400,31 +288,6 @@ TEST(KernelRouteSmTest, NothingWaitsForAVrfOrATrieThatHasGone) {
 
 // --- VRFs ------------------------------------------------------------------------------------------------------------
 
-TEST(KernelRouteSmTest, VrfsGoAndComeWithAllTheirRoutes) {
-  KernelMirror mirror;
-  mirror.start();
-  mirror.published("10.0.0.0/24", 7);
-  mirror.published("2001:db8::/32", 7);
-  mirror.published("0.0.0.0/0", 0);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), IsEmpty()) << "no VRF is mapped";
-  mirror.vrf(1, 0);
-  mirror.vrf(2, 7);
-  mirror.cached("20.0.0.0/8", 7);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0), Pair("10.0.0.0/24@2", 0), Pair("20.0.0.0/8@2", 0),
-                                           Pair("2001:db8::/32@2", 0)));
-  // The same VRF under another platform id, its trie as it was.
-  mirror.unmapVrf(2);
-  mirror.mapVrf(5, 7);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0), Pair("10.0.0.0/24@5", 0), Pair("20.0.0.0/8@5", 0),
-                                           Pair("2001:db8::/32@5", 0)));
-  mirror.vrfGone(5);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("0.0.0.0/0@1", 0)));
-}
-
 TEST(KernelRouteSmTest, AVrfThatChangesItsHardwareIdInPlaceLeavesNothingBehind) {
   KernelMirror mirror;
   mirror.vrf(2, 7);
@@ -436,27 +299,6 @@ TEST(KernelRouteSmTest, AVrfThatChangesItsHardwareIdInPlaceLeavesNothingBehind) 
   mirror.mapVrf(2, 8);
   mirror.settle();
   EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.0.1.0/24@2", 0)));
-}
-
-TEST(KernelRouteSmTest, AVrfThatVanishesDuringAKernelWalkHasTheNextOne) {
-  KernelMirror mirror(1000, 9);
-  for (const std::uint32_t id : {2, 3, 4}) mirror.vrf(id, id);
-  mirror.start();
-  for (const std::uint32_t id : {2, 3, 4}) {
-    for (const char* prefix : {"10.0.0.0/24", "10.0.1.0/24"}) mirror.published(prefix, id);
-  }
-  mirror.settle();
-  mirror.scheduler.yieldAfterEntriesIs(1);
-  mirror.vrfGone(3);
-  mirror.scheduler.runDue();
-  mirror.vrfGone(2);  // the walk has passed it
-  mirror.vrfGone(4);
-  mirror.settle();
-  EXPECT_THAT(mirror.kernel(), IsEmpty());
-  for (const char* text : {"deleted piVrfId: 3", "adding into current coll vrfId 3", "adding into next coll vrfId 2",
-                           "adding into next coll vrfId 4"}) {
-    EXPECT_EQ(mirror.trace.count(text), 1U) << text;
-  }
 }
 
 // --- Restart ---------------------------------------------------------------------------------------------------------
@@ -482,40 +324,6 @@ TEST(KernelRouteSmTest, ARestartKeepsWhatIsRightDropsWhatIsStaleAndWaitsForVrfs)
               ElementsAre(Pair("10.0.0.0/24@2", 0), Pair("10.0.0.0/24@3", 0), Pair("20.0.0.0/8@2", 0)));
   EXPECT_EQ(mirror.sm->written(), 0U);
   EXPECT_EQ(mirror.sm->deleted(), 4U);
-}
-
-TEST(KernelRouteSmTest, AnAgentThatStartsAgainLeavesTheKernelTableAsItIs) {
-  for (const bool caching : {false, true}) {
-    SCOPED_TRACE(caching);
-    SimulatedSwitch sw;
-    sw.hwRouteCaching(caching);
-    sw.vrf("default", 1, 0);
-    sw.vrf("red", 2, 7);
-    sw.vti("Vxlan1", "192.0.2.1");
-    sw.underlay("10.255.0.0/16", 5);
-    sw.via(1, {sw.nexthop("10.255.0.1")});
-    for (const char* prefix : {"10.0.0.0/24", "20.0.0.1/32", "20.0.0.2/32", "0.0.0.0/0"}) {
-      sw.route(prefix, 1, 1);
-      sw.route(prefix, 2, 1);
-    }
-    sw.cachedPrefix("20.0.0.0/8", "red");
-    sw.start();
-    sw.advance(10);
-    const auto kernel = sw.reader<RouteConfig>("routecache/route/kernel");
-    const auto keys = [&] {
-      std::set<std::string> all;
-      for (const auto& route : *kernel) all.insert(toText(route.key()));
-      return all;
-    };
-    const auto before = keys();
-    EXPECT_THAT(before, ElementsAre("0.0.0.0/0@1", "0.0.0.0/0@2", "10.0.0.0/24@1", "10.0.0.0/24@2", "20.0.0.0/8@2",
-                                    "20.0.0.1/32@1", "20.0.0.2/32@1"));
-    sw.stop();
-    sw.start();
-    sw.advance(20);
-    EXPECT_EQ(keys(), before);
-    EXPECT_EQ(sw.agent().kernelRouteSm()->written() + sw.agent().kernelRouteSm()->deleted(), 0U);
-  }
 }
 
 // --- Random sequences ------------------------------------------------------------------------------------------------

@@ -191,6 +191,7 @@ class RandomSwitch {
     }
     ASSERT_EQ(found[0], std::min<std::size_t>(wanted[0], caching_ ? sfeRoutes_ : hwRoutes_));
     ASSERT_EQ(found[1], std::min<std::size_t>(wanted[1], hwRoutes_));
+    checkShared(expected, published);
     checkRecord();
     overflows_["IPv4 routes"] += !caching_ && found[0] < wanted[0];
     overflows_["SFE routes"] += caching_ && found[0] < wanted[0];
@@ -292,6 +293,18 @@ class RandomSwitch {
   std::optional<std::optional<RouteCache::Ipv4Route>> hwRoute(const std::string& key) {
     if (!caching_ || isIpv6(key)) return std::nullopt;
     return sw.agent().ipv4HwRouteStatus()->route(Platform::fromText<RouteCache::Ipv4RouteVrfKey>(key));
+  }
+  // Routes over one via that are published as they should be have one adjacency.
+  void checkShared(const std::map<std::string, std::string>& expected,
+                   const std::map<std::string, std::string>& published) {
+    std::map<std::uint64_t, AdjId> shared;
+    for (const auto& [route, viaKey] : model.routes) {
+      const std::string key = route.second + "@" + std::to_string(model.hwVrfOf(route.first).value_or(0));
+      const auto found = published.find(key);
+      if (found == published.end() || !model.hwVrfOf(route.first) || found->second != expected.at(key)) continue;
+      const AdjId adjId = stateOf(key).first;
+      ASSERT_EQ(shared.try_emplace(viaKey, adjId).first->second, adjId) << key;
+    }
   }
   // Every configured route that is not in hardware is recorded, as far as there is room.
   void checkRecord() {
@@ -427,7 +440,7 @@ class RandomSwitch {
       sw.viaGone(key);
       model.vias.erase(key);
     } else {
-      viaIs(key, pick(5) == 0 ? 33 : 1 + pick(4));
+      viaIs(key, pick(5) == 0 ? 32 + pick(2) : 1 + pick(4));
     }
     for (const auto& [route, viaKey] : model.routes) {
       if (viaKey == key) sw.route(route.second, route.first, viaKey);

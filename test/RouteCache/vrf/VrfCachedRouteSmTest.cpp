@@ -98,8 +98,6 @@ class FibAndVrf {
         fibBreaks();
       } else if (verb == "grows") {
         fibGrows();
-      } else if (verb == "restarts") {
-        fibRestarts();
       } else if (verb == "settle") {
         scheduler.advance(0);
       } else if (type == "gone") {
@@ -172,11 +170,6 @@ TEST(VrfCachedRouteSmTest, TriesHoldTheRoutesOfTheRouteCacheType) {
   } cases[] = {
       {"each family has its own number", "vrf; 1.0.0.0/8 40; 2.0.0.0/8 27; 1::/16 27; 2::/16 40; settle",
        "1.0.0.0/8 1::/16"},
-      {"another type takes it out", "vrf; 1.0.0.0/8 40; 1::/16 27; settle; 1.0.0.0/8 39; 1::/16 0; settle", ""},
-      {"and back", "vrf; 1.0.0.0/8 40; settle; 1.0.0.0/8 0; settle; 1.0.0.0/8 40; 1::/16 0; settle; 1::/16 27; settle",
-       "1.0.0.0/8 1::/16"},
-      {"a route that goes", "vrf; 1.0.0.0/8 40; 2.0.0.0/8 40; 1::/16 27; settle; 1.0.0.0/8 gone; 1::/16 gone; settle",
-       "2.0.0.0/8"},
       {"two prefixes of one address", "vrf; 0.0.0.0/0 40; 0.0.0.0/8 40; 0.0.0.0/32 40; settle; 0.0.0.0/8 gone; settle",
        "0.0.0.0/0 0.0.0.0/32"},
       {"of what stands before the VRF comes only IPv4 is brought",
@@ -187,15 +180,7 @@ TEST(VrfCachedRouteSmTest, TriesHoldTheRoutesOfTheRouteCacheType) {
       {"tables that are bad when the VRF comes are read when they are good, but IPv6 gets what changes",
        "1.0.0.0/8 40; 1::/16 27; 2::/16 27; breaks; vrf; settle; grows; settle; 2.0.0.0/8 40; 2::/16 27; settle",
        "1.0.0.0/8 2.0.0.0/8 2::/16"},
-      {"and so it is when they are made anew for another capacity",
-       "1.0.0.0/8 40; 1::/16 27; 2::/16 27; vrf; settle; 2::/16 27; restarts; settle; 3::/16 27; settle",
-       "1.0.0.0/8 2::/16 3::/16"},
       {"what the VRF leaves behind: IPv6", "vrf; 1.0.0.0/8 40; 1::/16 27; settle; vrfGone; settle", "1::/16"},
-      {"which nobody keeps up", "vrf; 1::/16 27; settle; vrfGone; 1::/16 gone; 2::/16 27; settle", "1::/16"},
-      {"the VRF comes back", "vrf; 1.0.0.0/8 40; 1::/16 27; settle; vrfGone; 2.0.0.0/8 40; vrf; settle",
-       "1.0.0.0/8 2.0.0.0/8"},
-      {"and is followed again", "vrf; settle; vrfGone; settle; vrf; 1.0.0.0/8 40; 1::/16 27; settle",
-       "1.0.0.0/8 1::/16"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -198,38 +198,6 @@ TEST(VrfSmTest, TriesStayWithTheNameThatFillsThem) {
   }
 }
 
-TEST(VrfSmTest, TracesWhatComesAndGoesWithAPairOrWithout) {
-  const std::string both = "pi red 1; hw red 101; start; ";
-  const struct {
-    const char* what;
-    std::string story;
-    std::vector<std::string> lines;
-  } cases[] = {
-      {"complete", "pi red 1; hw red 101; start", {"add hwVrfId: 101 piVrfId: 1", "add hwVrfId: 101 piVrfId: 1"}},
-      {"gone from hardware", both + "hwGone red", {"del piVrfId: 1", "del hwVrfId: 101"}},
-      {"gone from the platform", both + "piGone red", {"del hwVrfId: 101", "del piVrfId: 1"}},
-      {"gone from both", both + "hwGone red; piGone red", {"del piVrfId: 1", "del hwVrfId: 101"}},
-      {"no pair: not in hardware", "start; pi red 1", {"del piVrfId: 1"}},
-      {"no pair: not of the platform", "start; hw red 101", {"del hwVrfId: 0", "del hwVrfId: 101"}},
-      {"no pair: hardware id 0",
-       "pi red 1; start; appears red; piGone red",
-       {"add hwVrfId: 0 piVrfId: 1", "del hwVrfId: 0"}},
-      {"another has the pair", both + "pi blue 2; hw blue 101; hwGone red", {"del piVrfId: 1"}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    Vrfs vrfs(6);
-    vrfs.play(c.story);
-    std::vector<std::string> lines;
-    for (const auto& line : vrfs.trace.lines()) {
-      if (line.text.starts_with("add hw") || line.text.starts_with("del ")) lines.push_back(line.text);
-    }
-    ASSERT_GE(lines.size(), c.lines.size());
-    lines.erase(lines.begin(), lines.end() - static_cast<std::ptrdiff_t>(c.lines.size()));
-    EXPECT_EQ(lines, c.lines);
-  }
-}
-
 TEST(VrfSmTest, IgnoresNamesThatHardwareCannotHave) {
   const std::string longest(100, 'x');
   Vrfs vrfs(9);
