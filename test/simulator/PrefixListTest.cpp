@@ -98,8 +98,10 @@ TEST(GeneratePrefixesTest, MakesDifferentPublicPrefixesInTheMixOfTheInternet) {
     EXPECT_NEAR(lengths[24], 0.61 * static_cast<double>(count), 1.0 + 0.01 * static_cast<double>(count));
   }
   EXPECT_NE(Tools::generatePrefixes(100, 7), Tools::generatePrefixes(100, 8));
+#ifndef _GLIBCXX_DEBUG  // containers that check take minutes for it
   // More than the address space of the short lengths has to give: the surplus becomes longer prefixes.
   EXPECT_EQ(Tools::generatePrefixes(Tools::maxGeneratedPrefixes, 1).size(), Tools::maxGeneratedPrefixes);
+#endif
   EXPECT_THROW(Tools::generatePrefixes(Tools::maxGeneratedPrefixes + 1, 1), RangeError);
 }
 
