@@ -9,6 +9,7 @@
 #include "linux/files/InputFile.h"
 #include "linux/loop/MonotonicClock.h"
 #include "platform/values/Assert.h"
+#include "platform/values/Paths.h"
 #include "platform/values/Printable.h"
 
 namespace Tools {
@@ -19,9 +20,9 @@ constexpr std::size_t mostScenarioBytes = 256 * 1024 * 1024;  // some millions o
 
 LinuxPlatform::PathTypes allPathTypes() {
   LinuxPlatform::PathTypes types = LinuxPlatform::platformPathTypes();
-  types["routecache/config"] = "RouteCache::Config";
-  types["routecache/cliconfig"] = "RouteCache::CliConfig";
-  types["routecache/capability"] = "RouteCache::Capability";
+  types[Paths::config] = "RouteCache::Config";
+  types[Paths::cliConfig] = "RouteCache::CliConfig";
+  types[Paths::capability] = "RouteCache::Capability";
   return types;
 }
 
@@ -62,9 +63,9 @@ void AgentHost::loadScenario(const std::string& file) {
     return typed;
   };
   resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
-      entity.operator()<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
-      entity.operator()<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
-      entity.operator()<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
+      entity.operator()<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig"),
+      entity.operator()<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus"),
+      entity.operator()<Routing::UnderlayRouteConfig>(Paths::underlayRoutes, "Routing::UnderlayRouteConfig"),
       scheduler_);
 }
 

@@ -12,6 +12,7 @@
 #include "host/Progress.h"
 #include "lib/statedb/EntityFields.h"
 #include "platform/tables/Rib.h"
+#include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 
 namespace Tools {
@@ -39,11 +40,11 @@ std::optional<std::string> keyIn(const std::string& field, const std::string& co
 }  // namespace
 
 SwitchVrfs::SwitchVrfs(const Ask& ask) {
-  ask("agent/routecache/vrfIdMap", [this](const std::string& field, const std::string& value) {
+  ask(Paths::vrfIdMap, [this](const std::string& field, const std::string& value) {
     const auto key = keyIn(field, "globalVrfIdToHwVrfId");
     if (key) hwOfPi_[Platform::fromText<std::uint32_t>(*key)] = Platform::fromText<std::uint32_t>(value);
   });
-  ask("vrf/vrfNameStatus", [this](const std::string& field, const std::string& value) {
+  ask(Paths::vrfNames, [this](const std::string& field, const std::string& value) {
     if (const auto key = keyIn(field, "nameToId")) piOfName_[*key] = Platform::fromText<std::uint32_t>(value);
   });
 }
@@ -62,8 +63,8 @@ TrafficInputs trafficInputs(Pondra::TableService& tables, const SwitchVrfs& vrfs
   using Routing::Rib::RouteConfig;
   TrafficInputs inputs;
   inputs.hwVrfIdOf = [vrfs](const L3::VrfName& name) { return vrfs.hwVrfIdOfName(name); };
-  tables.mount(ipv4RoutePath, RouteConfig::typeName, Pondra::MountKind::keyedReader);
-  for (const auto& route : *tables.get<RouteConfig>(ipv4RoutePath)) {
+  tables.mount(Paths::ribRoutes, RouteConfig::typeName, Pondra::MountKind::keyedReader);
+  for (const auto& route : *tables.get<RouteConfig>(Paths::ribRoutes)) {
     const auto& prefix = route.key().prefix();
     const auto hwVrfId = vrfs.hwVrfIdOfPi(route.key().vrfId());
     if (hwVrfId && prefix.isV4() && prefix.v4().isHost()) inputs.destinations.push_back({*hwVrfId, prefix.addr().v4()});

@@ -12,6 +12,7 @@
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
 #include "platform/state/Vxlan.h"
+#include "platform/values/Paths.h"
 #include "simulator/input/PrefixList.h"
 #include "simulator/routing/FibWriter.h"
 #include "simulator/routing/NexthopSets.h"
@@ -49,8 +50,8 @@ struct CompleteVrf {
 // The VRFs that the platform and the hardware know, in the order of their names.
 std::vector<CompleteVrf> completeVrfs(LinuxPlatform::EmbeddedStateDb& stateDb) {
   std::vector<CompleteVrf> vrfs;
-  const auto names = entityAt<Vrf::VrfIdMap::NameToIdMap>(stateDb, "vrf/vrfNameStatus");
-  const auto hardware = entityAt<Routing::Hardware::RouteStatus>(stateDb, "routing/hardware/route/status");
+  const auto names = entityAt<Vrf::VrfIdMap::NameToIdMap>(stateDb, Paths::vrfNames);
+  const auto hardware = entityAt<Routing::Hardware::RouteStatus>(stateDb, Paths::hwRouteStatus);
   if (!names || !hardware) return vrfs;
   for (const auto& [text, piVrfId] : names->nameToId()) {
     const L3::VrfName name(text);
@@ -62,7 +63,7 @@ std::vector<CompleteVrf> completeVrfs(LinuxPlatform::EmbeddedStateDb& stateDb) {
 
 // Through the first tunnel interface that is up, into its first VLAN.
 TunnelOptions tunnelOf(LinuxPlatform::EmbeddedStateDb& stateDb) {
-  if (const auto directory = entityAt<Vxlan::VtiStatusDir>(stateDb, "interface/status/eth/vxlan")) {
+  if (const auto directory = entityAt<Vxlan::VtiStatusDir>(stateDb, Paths::vtiStatusDir)) {
     for (const auto& [intfId, status] : directory->vtiStatus()) {
       if (status->operStatus() != Vxlan::OperStatus::up || status->extendedVlanToVniMap().empty()) continue;
       return {intfId, status->extendedVlanToVniMap().begin()->first, Vxlan::Vni()};
@@ -102,7 +103,7 @@ VirtualSwitch::VirtualSwitch(const VirtualSwitchSettings& settings)
     : types_(allTableTypes()),
       host_(hostSettings(settings, directory_.path()), scheduler_),
       planeTables_(directory_.path(), types_) {
-  const auto status = entityAt<Routing::Hardware::Status>(host_.stateDb(), "routing/hardware/status");
+  const auto status = entityAt<Routing::Hardware::Status>(host_.stateDb(), Paths::hwStatus);
   if (!status || !status->hwRouteCachingEnabled()) {
     throw BadText("--scenario: hardware route caching is off in it (hwRouteCachingEnabled)");
   }

@@ -16,6 +16,7 @@
 
 #include "lib/statedb/EntityFields.h"
 #include "linux/control/ControlClient.h"
+#include "platform/values/Paths.h"
 #include "platform/values/Printable.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
@@ -76,7 +77,7 @@ bool isFile(const std::string& typeName) {
 std::vector<std::string> vrfNames(const std::string& runDir) {
   constexpr std::string_view collection = "nameToId";
   std::vector<std::string> names;
-  askAgent(runDir, {{"op", "get"}, {"path", "vrf/vrfNameStatus"}, {"field", collection}}, [&](const Json& line) {
+  askAgent(runDir, {{"op", "get"}, {"path", Paths::vrfNames}, {"field", collection}}, [&](const Json& line) {
     const std::string field = line.value("field", "");  // nameToId[NAME]
     const auto steps = LinuxPlatform::parseField(field);
     if (steps.back().key) names.push_back(*steps.back().key);

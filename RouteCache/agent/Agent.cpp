@@ -3,46 +3,9 @@
 #include <utility>
 
 #include "platform/values/Assert.h"
+#include "platform/values/Paths.h"
 
 namespace RouteCacheAgent {
-
-namespace {
-
-// Paths in the state database.
-constexpr const char* hwRouteStatusPath = "routing/hardware/route/status";
-constexpr const char* routingHwStatusPath = "routing/hardware/status";
-constexpr const char* piVrfIdMapPath = "vrf/vrfNameStatus";
-constexpr const char* configPath = "routecache/config";
-constexpr const char* cliConfigPath = "routecache/cliconfig";
-constexpr const char* capabilityPath = "routecache/capability";
-constexpr const char* nextHopConfigPath = "l3/nexthop-resolver/config/routeCache";
-constexpr const char* nextHopStatusPath = "l3/nexthop-resolver/status/routeCache";
-constexpr const char* vtiStatusDirPath = "interface/status/eth/vxlan";
-
-// Paths of shared tables.
-constexpr const char* routeConfigPath = "routing/rib/routeConfig/ipv4/staticRouteCacheConfig";
-constexpr const char* route6ConfigPath = "routing/rib/routeConfig/ipv6/staticRouteCacheConfig";
-constexpr const char* viaConfigPath = "routing/rib/viaConfig/evpn/staticRouteCacheConfig";
-constexpr const char* hwHitBitPath = "hardware/routecache/status/ipv4";
-constexpr const char* sfeHitBitPath = "sfe/routecache/status/ipv4";
-constexpr const char* sfeProgrammedPath = "sfe/routecache/programmed/ipv4";
-constexpr const char* unprogrammedPath = "routing/rib/routeConfig/ipv4/unprogrammedStaticRouteCacheConfig";
-constexpr const char* sfeRoutePath = "routecache/route/sfe/ipv4";
-constexpr const char* hwRoutePath = "routecache/route/hw/ipv4";
-constexpr const char* hwRoute6Path = "routecache/route/hw/ipv6";
-constexpr const char* adjPath = "routecache/adj/ipv4";
-constexpr const char* adj6Path = "routecache/adj/ipv6";
-constexpr const char* kernelRoutePath = "routecache/route/kernel";
-
-// Where operators find the agent's own entities.
-constexpr const char* swRouteSmPath = "agent/routecache/swRouteSm";
-constexpr const char* hwRouteSmPath = "agent/routecache/hwRouteSm";
-constexpr const char* kernelRouteSmPath = "agent/routecache/kernelRouteSm";
-constexpr const char* vrfIdMapPath = "agent/routecache/vrfIdMap";
-constexpr const char* vrfCachedRoutePath = "agent/routecache/vrfCachedRoute";
-constexpr const char* cliCallbackWithFormatPath = "agent/routecache/cliCallbackWithFormat";
-
-}  // namespace
 
 extern "C" Platform::AgentBase* agentFactory(const char* name) {
   auto agent = std::make_unique<Agent>(name);
@@ -80,15 +43,15 @@ void Agent::doInit() {
   if (services().environment("ZEPHLOG_DISABLE") == nullptr) traceFileIs();
 
   const auto mounts = services().stateDb->mountGroup();
-  mounts->mount(hwRouteStatusPath, "Routing::Hardware::RouteStatus", "r");
-  mounts->mount(routingHwStatusPath, "Routing::Hardware::Status", "r");
-  mounts->mount(piVrfIdMapPath, "Vrf::VrfIdMap::NameToIdMapWrapper", "r");
-  mounts->mount(configPath, "RouteCache::Config", "w");
-  mounts->mount(cliConfigPath, "RouteCache::CliConfig", "r");
-  mounts->mount(capabilityPath, "RouteCache::Capability", "r");
-  mounts->mount(nextHopConfigPath, "Routing::NexthopConfig", "wS");
-  mounts->mount(nextHopStatusPath, "Routing::NexthopStatus", "rS");
-  mounts->mount(vtiStatusDirPath, "Vxlan::VtiStatusDir", "r");
+  mounts->mount(Paths::hwRouteStatus, "Routing::Hardware::RouteStatus", "r");
+  mounts->mount(Paths::hwStatus, "Routing::Hardware::Status", "r");
+  mounts->mount(Paths::vrfNames, "Vrf::VrfIdMap::NameToIdMapWrapper", "r");
+  mounts->mount(Paths::config, "RouteCache::Config", "w");
+  mounts->mount(Paths::cliConfig, "RouteCache::CliConfig", "r");
+  mounts->mount(Paths::capability, "RouteCache::Capability", "r");
+  mounts->mount(Paths::nexthopConfig, "Routing::NexthopConfig", "wS");
+  mounts->mount(Paths::nexthopStatus, "Routing::NexthopStatus", "rS");
+  mounts->mount(Paths::vtiStatusDir, "Vxlan::VtiStatusDir", "r");
   // An agent may be stopped before its mounts are done.
   mounts->close([this, alive = std::weak_ptr<bool>(alive_)](Lattis::MountStatus status,
                                                             const std::shared_ptr<Lattis::EntityManager>& em) {
@@ -121,15 +84,15 @@ void Agent::doMountsComplete(Lattis::MountStatus status, const std::shared_ptr<L
   PLATFORM_ASSERT(em);
   PLATFORM_ASSERT(status == Lattis::mountSuccess_);
   entityManager_ = em;
-  hwRouteStatus_ = em->get<Routing::Hardware::RouteStatus>(hwRouteStatusPath);
-  routingHwStatus_ = em->get<Routing::Hardware::Status>(routingHwStatusPath);
-  piVrfIdMap_ = em->get<Vrf::VrfIdMap::NameToIdMapWrapper>(piVrfIdMapPath);
-  routeCacheConfig_ = em->get<RouteCache::Config>(configPath);
-  routeCacheCliConfig_ = em->get<RouteCache::CliConfig>(cliConfigPath);
-  routeCacheCapability_ = em->get<RouteCache::Capability>(capabilityPath);
-  nextHopConfig_ = em->get<Routing::NexthopConfig>(nextHopConfigPath);
-  nextHopStatus_ = em->get<Routing::NexthopStatus>(nextHopStatusPath);
-  vtiStatusDir_ = em->get<Vxlan::VtiStatusDir>(vtiStatusDirPath);
+  hwRouteStatus_ = em->get<Routing::Hardware::RouteStatus>(Paths::hwRouteStatus);
+  routingHwStatus_ = em->get<Routing::Hardware::Status>(Paths::hwStatus);
+  piVrfIdMap_ = em->get<Vrf::VrfIdMap::NameToIdMapWrapper>(Paths::vrfNames);
+  routeCacheConfig_ = em->get<RouteCache::Config>(Paths::config);
+  routeCacheCliConfig_ = em->get<RouteCache::CliConfig>(Paths::cliConfig);
+  routeCacheCapability_ = em->get<RouteCache::Capability>(Paths::capability);
+  nextHopConfig_ = em->get<Routing::NexthopConfig>(Paths::nexthopConfig);
+  nextHopStatus_ = em->get<Routing::NexthopStatus>(Paths::nexthopStatus);
+  vtiStatusDir_ = em->get<Vxlan::VtiStatusDir>(Paths::vtiStatusDir);
   mountTables();
   startStateMachines();
 }
@@ -151,21 +114,22 @@ void Agent::mountTables() {
   const std::uint32_t sfeSize = routeCacheCapability_->sfeRouteTableSize();
   const std::uint32_t adjSize = routeCacheCapability_->adjacencyTableSize();
 
-  routeConfig_ = mounted<Routing::Rib::RouteConfig>(routeConfigPath, MountKind::reader);
-  route6Config_ = mounted<Routing::Rib::RouteConfig>(route6ConfigPath, MountKind::reader);
-  viaConfig_ = mounted<Routing::Rib::RouteCache::Evpn::ViaConfig>(viaConfigPath, MountKind::keyedReader);
-  ipv4HwHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(hwHitBitPath, MountKind::reader);
-  ipv4SfeHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(sfeHitBitPath, MountKind::reader);
-  ipv4SfeProgrammedRouteStatus_ = mounted<RouteCache::Ipv4ProgrammedRouteStatus>(sfeProgrammedPath, MountKind::reader);
+  routeConfig_ = mounted<Routing::Rib::RouteConfig>(Paths::ribRoutes, MountKind::reader);
+  route6Config_ = mounted<Routing::Rib::RouteConfig>(Paths::rib6Routes, MountKind::reader);
+  viaConfig_ = mounted<Routing::Rib::RouteCache::Evpn::ViaConfig>(Paths::ribVias, MountKind::keyedReader);
+  ipv4HwHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(Paths::hwHitBits, MountKind::reader);
+  ipv4SfeHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(Paths::sfeHitBits, MountKind::reader);
+  ipv4SfeProgrammedRouteStatus_ =
+      mounted<RouteCache::Ipv4ProgrammedRouteStatus>(Paths::sfeProgrammed, MountKind::reader);
   unprogrammedRouteConfig_ =
-      mounted<Routing::Rib::RouteConfig>(unprogrammedPath, MountKind::writer, unprogrammedRouteTableSize());
-  ipv4SfeRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(sfeRoutePath, MountKind::writer, sfeSize);
-  ipv4HwRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(hwRoutePath, MountKind::writer, hwSize);
-  ipv6HwRouteStatus_ = mounted<RouteCache::Ipv6RouteStatus>(hwRoute6Path, MountKind::writer, hwSize);
-  ipv4AdjStatus_ = mounted<RouteCache::Ipv4AdjacencyStatus>(adjPath, MountKind::writer, adjSize);
-  ipv6AdjStatus_ = mounted<RouteCache::Ipv6AdjacencyStatus>(adj6Path, MountKind::writer, adjSize);
+      mounted<Routing::Rib::RouteConfig>(Paths::unprogrammed, MountKind::writer, unprogrammedRouteTableSize());
+  ipv4SfeRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(Paths::sfeRoutes, MountKind::writer, sfeSize);
+  ipv4HwRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes, MountKind::writer, hwSize);
+  ipv6HwRouteStatus_ = mounted<RouteCache::Ipv6RouteStatus>(Paths::hw6Routes, MountKind::writer, hwSize);
+  ipv4AdjStatus_ = mounted<RouteCache::Ipv4AdjacencyStatus>(Paths::adjacencies, MountKind::writer, adjSize);
+  ipv6AdjStatus_ = mounted<RouteCache::Ipv6AdjacencyStatus>(Paths::adjacencies6, MountKind::writer, adjSize);
   kernelRouteStatus_ =
-      mounted<Routing::Rib::RouteConfig>(kernelRoutePath, MountKind::writer, hwSize + kernelRouteBuffer());
+      mounted<Routing::Rib::RouteConfig>(Paths::kernelRoutes, MountKind::writer, hwSize + kernelRouteBuffer());
 }
 
 // Everything but the hardware's caching flag, which counts as false when it is missing.
@@ -173,23 +137,23 @@ void Agent::requireInputs() const {
   const struct {
     const void* input;
     const char* path;
-  } inputs[] = {{hwRouteStatus_.get(), hwRouteStatusPath},
-                {piVrfIdMap_.get(), piVrfIdMapPath},
-                {routeCacheConfig_.get(), configPath},
-                {routeCacheCliConfig_.get(), cliConfigPath},
-                {nextHopConfig_.get(), nextHopConfigPath},
-                {nextHopStatus_.get(), nextHopStatusPath},
-                {vtiStatusDir_.get(), vtiStatusDirPath},
-                {routeConfig_.get(), routeConfigPath},
-                {route6Config_.get(), route6ConfigPath},
-                {viaConfig_.get(), viaConfigPath},
-                {unprogrammedRouteConfig_.get(), unprogrammedPath},
-                {ipv4SfeRouteStatus_.get(), sfeRoutePath},
-                {ipv4HwRouteStatus_.get(), hwRoutePath},
-                {ipv6HwRouteStatus_.get(), hwRoute6Path},
-                {ipv4AdjStatus_.get(), adjPath},
-                {ipv6AdjStatus_.get(), adj6Path},
-                {kernelRouteStatus_.get(), kernelRoutePath}};
+  } inputs[] = {{hwRouteStatus_.get(), Paths::hwRouteStatus},
+                {piVrfIdMap_.get(), Paths::vrfNames},
+                {routeCacheConfig_.get(), Paths::config},
+                {routeCacheCliConfig_.get(), Paths::cliConfig},
+                {nextHopConfig_.get(), Paths::nexthopConfig},
+                {nextHopStatus_.get(), Paths::nexthopStatus},
+                {vtiStatusDir_.get(), Paths::vtiStatusDir},
+                {routeConfig_.get(), Paths::ribRoutes},
+                {route6Config_.get(), Paths::rib6Routes},
+                {viaConfig_.get(), Paths::ribVias},
+                {unprogrammedRouteConfig_.get(), Paths::unprogrammed},
+                {ipv4SfeRouteStatus_.get(), Paths::sfeRoutes},
+                {ipv4HwRouteStatus_.get(), Paths::hwRoutes},
+                {ipv6HwRouteStatus_.get(), Paths::hw6Routes},
+                {ipv4AdjStatus_.get(), Paths::adjacencies},
+                {ipv6AdjStatus_.get(), Paths::adjacencies6},
+                {kernelRouteStatus_.get(), Paths::kernelRoutes}};
   for (const auto& required : inputs) {
     PLATFORM_ASSERT_TEXT(required.input != nullptr, required.path);
   }
@@ -293,12 +257,12 @@ void Agent::cliCallbackWithFormatIs(const std::string& name, const std::string& 
   cliCallbackWithFormatDel();
   cliCallbackWithFormat_ = std::make_shared<CliCallbackWithFormat>(name, commandType, agent);
   services().commands->commandCallbackWithFormatIs(cliCallbackWithFormat_);
-  services().localEntityIs(cliCallbackWithFormatPath, cliCallbackWithFormat_);
+  services().localEntityIs(Paths::cliCallback, cliCallbackWithFormat_);
 }
 
 void Agent::cliCallbackWithFormatDel() {
   if (!cliCallbackWithFormat_) return;
-  services().localEntityIs(cliCallbackWithFormatPath, nullptr);
+  services().localEntityIs(Paths::cliCallback, nullptr);
   services().commands->commandCallbackWithFormatDel(cliCallbackWithFormat_->commandType());
   cliCallbackWithFormat_.reset();
 }
@@ -312,23 +276,23 @@ void Agent::endCommands() {
 
 void Agent::vrfIdMapIs() {
   vrfIdMap_ = RouteCache::vrfIdMapFactory("vrfIdMap");
-  services().localEntityIs(vrfIdMapPath, vrfIdMap_);
+  services().localEntityIs(Paths::vrfIdMap, vrfIdMap_);
 }
 
 void Agent::vrfIdMapDel() {
   if (!vrfIdMap_) return;
-  services().localEntityIs(vrfIdMapPath, nullptr);
+  services().localEntityIs(Paths::vrfIdMap, nullptr);
   vrfIdMap_.reset();
 }
 
 void Agent::vrfCachedRouteIs() {
   vrfCachedRoute_ = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
-  services().localEntityIs(vrfCachedRoutePath, vrfCachedRoute_);
+  services().localEntityIs(Paths::vrfCachedRoute, vrfCachedRoute_);
 }
 
 void Agent::vrfCachedRouteDel() {
   if (!vrfCachedRoute_) return;
-  services().localEntityIs(vrfCachedRoutePath, nullptr);
+  services().localEntityIs(Paths::vrfCachedRoute, nullptr);
   vrfCachedRoute_.reset();
 }
 
@@ -348,33 +312,33 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
        route6Config_, unprogrammedRouteConfig_, viaConfig_, vrfIdMap_, nextHopConfig_, nextHopStatus_, vtiStatusDir_},
       *services().scheduler, *services().trace, restart);
   if (inputsReady_) swRouteSm_->handleInitialized();
-  services().localEntityIs(swRouteSmPath, swRouteSm_);
+  services().localEntityIs(Paths::swRouteSm, swRouteSm_);
 }
 
 void Agent::swRouteSmDel() {
   if (!swRouteSm_) return;
   endCommands();
-  services().localEntityIs(swRouteSmPath, nullptr);
+  services().localEntityIs(Paths::swRouteSm, nullptr);
   swRouteSm_.reset();
 }
 
 void Agent::hwRouteSmIs() {
   hwRouteSmDel();
-  PLATFORM_ASSERT_TEXT(ipv4HwHitBitStatus_, hwHitBitPath);
-  PLATFORM_ASSERT_TEXT(ipv4SfeHitBitStatus_, sfeHitBitPath);
+  PLATFORM_ASSERT_TEXT(ipv4HwHitBitStatus_, Paths::hwHitBits);
+  PLATFORM_ASSERT_TEXT(ipv4SfeHitBitStatus_, Paths::sfeHitBits);
   hwRouteSm_ =
       RouteCache::HwRouteSmIs({ipv4HwRouteStatus_, routeCacheConfig_, routeCacheCliConfig_, ipv4SfeRouteStatus_,
                                ipv4HwHitBitStatus_, ipv4SfeHitBitStatus_, routeCacheCapability_, vrfCachedRoute_,
                                ipv4SfeProgrammedRouteStatus_, ipv4AdjStatus_, ipv6AdjStatus_},
                               *services().scheduler, *services().trace);
   if (inputsReady_) hwRouteSm_->handleInitialized();
-  services().localEntityIs(hwRouteSmPath, hwRouteSm_);
+  services().localEntityIs(Paths::hwRouteSm, hwRouteSm_);
 }
 
 void Agent::hwRouteSmDel() {
   if (!hwRouteSm_) return;
   endCommands();
-  services().localEntityIs(hwRouteSmPath, nullptr);
+  services().localEntityIs(Paths::hwRouteSm, nullptr);
   hwRouteSm_.reset();
 }
 
@@ -386,12 +350,12 @@ void Agent::kernelRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> s
                                    vrfIdMap_, vrfCachedRoute_, routeConfig_, route6Config_},
                                   *services().scheduler, *services().trace);
   if (inputsReady_) kernelRouteSm_->handleInitialized();
-  services().localEntityIs(kernelRouteSmPath, kernelRouteSm_);
+  services().localEntityIs(Paths::kernelRouteSm, kernelRouteSm_);
 }
 
 void Agent::kernelRouteSmDel() {
   if (!kernelRouteSm_) return;
-  services().localEntityIs(kernelRouteSmPath, nullptr);
+  services().localEntityIs(Paths::kernelRouteSm, nullptr);
   kernelRouteSm_.reset();
 }
 

@@ -7,6 +7,7 @@
 #include "bench/harness/MeasuredLoop.h"
 #include "bench/harness/Tables.h"
 #include "platform/tables/Trie.h"
+#include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 
 namespace Bench {
@@ -56,8 +57,8 @@ RouteCache::KernelRouteSmInputs MirrorAgent::inputs() {
           capability,
           ids,
           tries,
-          mounted<RouteConfig>(tables, Tools::ipv4RoutePath, MountKind::reader),
-          mounted<RouteConfig>(tables, Tools::ipv6RoutePath, MountKind::reader)};
+          mounted<RouteConfig>(tables, Paths::ribRoutes, MountKind::reader),
+          mounted<RouteConfig>(tables, Paths::rib6Routes, MountKind::reader)};
 }
 
 void MirrorAgent::vrfsAre(RouteCache::VrfIdMap& ids, RouteCache::VrfCachedRoute& tries) {

@@ -20,6 +20,7 @@
 #include "simulator/routing/RibWriter.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/mirror/MirrorRival.h"
+#include "platform/values/Paths.h"
 #endif
 
 namespace Bench {
@@ -45,7 +46,7 @@ class Outside {
       : routes_(routes),
         types_(Tools::allTableTypes()),
         tables_(directory, types_),
-        configured_(mounted<RouteConfig>(tables_, Tools::ipv4RoutePath, MountKind::writer, workload.routes)),
+        configured_(mounted<RouteConfig>(tables_, Paths::ribRoutes, MountKind::writer, workload.routes)),
         published_(mounted<RouteCache::Ipv4RouteStatus>(tables_, hwRoutePath, MountKind::writer, workload.capacity())) {
     for (const Route& route : routes_) configured_->routeIs(route);
   }

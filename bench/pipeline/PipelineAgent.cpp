@@ -17,6 +17,7 @@
 #include "linux/files/TraceFile.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 
 namespace Bench {
 
@@ -82,9 +83,9 @@ void AgentProcess::loadScenario(const Workload& workload) {
   types["routecache/capability"] = "RouteCache::Capability";
   stateDb_.entitiesAre(LinuxPlatform::parseScenario(workload.scenario(), "workload", entityTypes_, types));
   resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
-      entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
-      entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
-      entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"), loop_);
+      entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig"),
+      entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus"),
+      entity<Routing::UnderlayRouteConfig>(Paths::underlayRoutes, "Routing::UnderlayRouteConfig"), loop_);
 }
 
 void AgentProcess::serveTables() {

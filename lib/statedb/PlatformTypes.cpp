@@ -6,6 +6,7 @@
 #include "platform/state/Vxlan.h"
 #include "platform/tables/Fib.h"
 #include "platform/tables/Rib.h"
+#include "platform/values/Paths.h"
 
 namespace LinuxPlatform {
 
@@ -25,13 +26,13 @@ void addPlatformTypes(Lattis::EntityTypes& entities, Platform::TableTypes& table
 }
 
 PathTypes platformPathTypes() {
-  return {{"routing/hardware/route/status", "Routing::Hardware::RouteStatus"},
-          {"routing/hardware/status", "Routing::Hardware::Status"},
-          {"vrf/vrfNameStatus", "Vrf::VrfIdMap::NameToIdMapWrapper"},
-          {nexthopConfigPath, "Routing::NexthopConfig"},
-          {nexthopStatusPath, "Routing::NexthopStatus"},
-          {underlayRoutePath, "Routing::UnderlayRouteConfig"},
-          {"interface/status/eth/vxlan", "Vxlan::VtiStatusDir"}};
+  return {{Paths::hwRouteStatus, "Routing::Hardware::RouteStatus"},
+          {Paths::hwStatus, "Routing::Hardware::Status"},
+          {Paths::vrfNames, "Vrf::VrfIdMap::NameToIdMapWrapper"},
+          {Paths::nexthopConfig, "Routing::NexthopConfig"},
+          {Paths::nexthopStatus, "Routing::NexthopStatus"},
+          {Paths::underlayRoutes, "Routing::UnderlayRouteConfig"},
+          {Paths::vtiStatusDir, "Vxlan::VtiStatusDir"}};
 }
 
 }  // namespace LinuxPlatform

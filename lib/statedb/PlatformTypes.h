@@ -11,9 +11,4 @@ void addPlatformTypes(Lattis::EntityTypes& entities, Platform::TableTypes& table
 // The platform's own mount paths and what a scenario may put there without naming a type.
 PathTypes platformPathTypes();
 
-// Where the launcher's own parts find their entities.
-inline constexpr const char* nexthopConfigPath = "l3/nexthop-resolver/config/routeCache";
-inline constexpr const char* nexthopStatusPath = "l3/nexthop-resolver/status/routeCache";
-inline constexpr const char* underlayRoutePath = "routing/underlay/route";
-
 }  // namespace LinuxPlatform

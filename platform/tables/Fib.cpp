@@ -1,5 +1,6 @@
 #include "platform/tables/Fib.h"
 
+#include "platform/values/Paths.h"
 #include "platform/values/WireBytes.h"
 
 namespace Pondra {
@@ -22,8 +23,8 @@ void read(Platform::WireReader& reader, Ip6Addr& addr) {
 }  // namespace
 
 FibTablePaths fibTablePaths(const L3::VrfName& name) {
-  if (name.isDefault()) return {"routing/status", "routing6/status"};
-  return {"routing/vrf/status/" + name.text(), "routing6/vrf/status/" + name.text()};
+  if (name.isDefault()) return {Paths::fib, Paths::fib6};
+  return {Paths::fibOfVrf + name.text(), Paths::fib6OfVrf + name.text()};
 }
 
 template <class P, class T>

@@ -11,6 +11,7 @@
 #include "RouteCache/RouteCache.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/SharedTable.h"
+#include "platform/values/Paths.h"
 #include "simulator/forwarding/HitBits.h"
 #include "simulator/forwarding/ProgrammingQueue.h"
 #include "simulator/forwarding/RouteIndex.h"
@@ -40,8 +41,8 @@ struct HardwareCounters {
 // Invariants: at most capacity() routes are programmed; every entry of the hit-bit table is that of a programmed route.
 class HardwarePlane {
  public:
-  static constexpr const char* routePath = "routecache/route/hw/ipv4";
-  static constexpr const char* hitBitPath = "hardware/routecache/status/ipv4";
+  static constexpr const char* routePath = Paths::hwRoutes;
+  static constexpr const char* hitBitPath = Paths::hwHitBits;
   static constexpr double readmissionTime = 300;  // seconds
 
   // Mounts both tables; the route table must exist. All arguments outlive the plane. Throws TableError when another

@@ -10,6 +10,7 @@
 #include "RouteCache/RouteCache.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/SharedTable.h"
+#include "platform/values/Paths.h"
 #include "simulator/forwarding/HitBits.h"
 #include "simulator/forwarding/ProgrammingQueue.h"
 #include "simulator/forwarding/RouteIndex.h"
@@ -34,9 +35,9 @@ struct SfeSettings {
 // every entry of the hit-bit table is that of a route in the table.
 class SfePlane {
  public:
-  static constexpr const char* routePath = "routecache/route/sfe/ipv4";
-  static constexpr const char* hitBitPath = "sfe/routecache/status/ipv4";
-  static constexpr const char* programmedPath = "sfe/routecache/programmed/ipv4";
+  static constexpr const char* routePath = Paths::sfeRoutes;
+  static constexpr const char* hitBitPath = Paths::sfeHitBits;
+  static constexpr const char* programmedPath = Paths::sfeProgrammed;
 
   // Mounts the three tables; the route table must exist. `inHardware` tells whether the hardware has programmed a
   // route. All arguments outlive the plane. Throws TableError when another process writes one of the two.

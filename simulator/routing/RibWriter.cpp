@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "platform/values/Paths.h"
 #include "simulator/routing/TableWriting.h"
 
 namespace Tools {
@@ -23,9 +24,9 @@ std::string bytesOf(const RibWriter::Via& via) {
 RibWriter::RibWriter(Pondra::TableService& tables, Progress progress)
     : tables_(tables),
       progress_(std::move(progress)),
-      routes4_(mountToRead<RouteConfig>(tables, ipv4RoutePath)),
-      routes6_(mountToRead<RouteConfig>(tables, ipv6RoutePath)),
-      vias_(mountToRead<ViaConfig>(tables, viaPath)) {}
+      routes4_(mountToRead<RouteConfig>(tables, Paths::ribRoutes)),
+      routes6_(mountToRead<RouteConfig>(tables, Paths::rib6Routes)),
+      vias_(mountToRead<ViaConfig>(tables, Paths::ribVias)) {}
 
 std::vector<RibWriter::ViaKey> RibWriter::viaKeysFor(const std::vector<Nexthops>& sets) const {
   std::unordered_map<std::string, std::size_t> wanted;  // next hops as the table has them -> index of the set
@@ -54,12 +55,12 @@ void RibWriter::writerIs(const RibChange& change, std::uint32_t capacity) {
   std::vector<ViaKey> viaKeys;
   for (const Via& via : change.vias) viaKeys.push_back(via.key());
   // All three before the first is touched: a change that does not fit must leave everything as it is.
-  const std::uint32_t capacity4 = capacityFor(*routes4_, keys4, capacity, ipv4RoutePath);
-  const std::uint32_t capacity6 = capacityFor(*routes6_, keys6, capacity, ipv6RoutePath);
-  const std::uint32_t viaCapacity = capacityFor(*vias_, viaKeys, 0, viaPath);
-  mountToWrite(tables_, viaPath, vias_, viaCapacity);
-  mountToWrite(tables_, ipv4RoutePath, routes4_, capacity4);
-  mountToWrite(tables_, ipv6RoutePath, routes6_, capacity6);
+  const std::uint32_t capacity4 = capacityFor(*routes4_, keys4, capacity, Paths::ribRoutes);
+  const std::uint32_t capacity6 = capacityFor(*routes6_, keys6, capacity, Paths::rib6Routes);
+  const std::uint32_t viaCapacity = capacityFor(*vias_, viaKeys, 0, Paths::ribVias);
+  mountToWrite(tables_, Paths::ribVias, vias_, viaCapacity);
+  mountToWrite(tables_, Paths::ribRoutes, routes4_, capacity4);
+  mountToWrite(tables_, Paths::rib6Routes, routes6_, capacity6);
 }
 
 // The keys were chosen while another process could still write.
@@ -67,8 +68,8 @@ void RibWriter::checkViasKept(const std::vector<Via>& vias) const {
   for (const Via& via : vias) {
     const auto standing = vias_->via(via.key());
     if (!standing || *standing == via) continue;
-    throw std::runtime_error(std::string(viaPath) + ": another process has taken the via " + std::to_string(via.key()) +
-                             " meanwhile; nothing is written, try again");
+    throw std::runtime_error(std::string(Paths::ribVias) + ": another process has taken the via " +
+                             std::to_string(via.key()) + " meanwhile; nothing is written, try again");
   }
 }
 

@@ -13,10 +13,6 @@
 
 namespace Tools {
 
-inline constexpr const char* ipv4RoutePath = "routing/rib/routeConfig/ipv4/staticRouteCacheConfig";
-inline constexpr const char* ipv6RoutePath = "routing/rib/routeConfig/ipv6/staticRouteCacheConfig";
-inline constexpr const char* viaPath = "routing/rib/viaConfig/evpn/staticRouteCacheConfig";
-
 // What is to be written: vias, and routes that name them or vias that stand already.
 struct RibChange {
   std::vector<Routing::Rib::RouteCache::Evpn::Via> vias;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "lib/statedb/PlatformTypes.h"
+#include "platform/values/Paths.h"
 
 using Routing::Rib::RouteConfig;
 using Routing::Rib::RouteKey;
@@ -147,26 +148,25 @@ void SimulatedSwitch::vlanGone(const std::string& vti, Bridging::ExtendedVlanId 
 }
 
 void SimulatedSwitch::underlay(const std::string& prefix, std::uint32_t fec) {
-  entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig")
+  entity<Routing::UnderlayRouteConfig>(Paths::underlayRoutes, "Routing::UnderlayRouteConfig")
       ->routeIs(Platform::fromText<IpGenPrefix>(prefix), Fib::FecId(fec));
 }
 
 void SimulatedSwitch::underlayGone(const std::string& prefix) {
-  entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig")
+  entity<Routing::UnderlayRouteConfig>(Paths::underlayRoutes, "Routing::UnderlayRouteConfig")
       ->routeDel(Platform::fromText<IpGenPrefix>(prefix));
 }
 
 void SimulatedSwitch::resolverGone() {
   resolver_.reset();
-  entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus")->vrfDel(L3::VrfName());
+  entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus")->vrfDel(L3::VrfName());
 }
 
 void SimulatedSwitch::resolverBack() {
   resolver_ = std::make_unique<LinuxPlatform::UnderlayResolver>(
-      entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig"),
-      entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus"),
-      entity<Routing::UnderlayRouteConfig>(LinuxPlatform::underlayRoutePath, "Routing::UnderlayRouteConfig"),
-      scheduler);
+      entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig"),
+      entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus"),
+      entity<Routing::UnderlayRouteConfig>(Paths::underlayRoutes, "Routing::UnderlayRouteConfig"), scheduler);
 }
 
 SimulatedSwitch::ViaNexthop SimulatedSwitch::nexthop(const std::string& vtep, const std::string& vti, std::uint32_t vni,
@@ -348,7 +348,7 @@ std::set<std::string> SimulatedSwitch::unprogrammed() const {
 
 std::set<std::string> SimulatedSwitch::requests() const {
   std::set<std::string> addresses;
-  const auto config = entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig");
+  const auto config = entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig");
   if (const auto vrf = config->vrf(L3::VrfName())) {
     for (const auto& request : vrf->nexthop()) addresses.insert(Platform::toText(request.first));
   }

@@ -15,6 +15,7 @@
 
 #include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
@@ -65,9 +66,9 @@ class ToolsTest : public ::testing::Test {
     return counts;
   }
 
-  const std::string v4 = Tools::ipv4RoutePath;
-  const std::string v6 = Tools::ipv6RoutePath;
-  const std::string vias = Tools::viaPath;
+  const std::string v4 = Paths::ribRoutes;
+  const std::string v6 = Paths::rib6Routes;
+  const std::string vias = Paths::ribVias;
   const TemporaryDirectory directory;
   const std::string runDir = directory.path() + "/run";
 };

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "lib/statedb/PlatformTypes.h"
+#include "platform/values/Paths.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
@@ -30,7 +31,7 @@ class ComingAndGoing {
     });
     sw.start();
     sw.advance(0);
-    const auto requests = sw.entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig");
+    const auto requests = sw.entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig");
     withdrawals_ = std::make_unique<Withdrawals>(*this, requests->vrf(L3::VrfName()));
   }
 
@@ -160,8 +161,8 @@ class ComingAndGoing {
     std::map<std::string, std::set<std::uint64_t>> fecs;
     collect<RouteCache::Ipv4AdjacencyStatus>("routecache/adj/ipv4", fecs);
     collect<RouteCache::Ipv6AdjacencyStatus>("routecache/adj/ipv6", fecs);
-    const auto answers = sw.entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus")
-                             ->vrf(L3::VrfName());
+    const auto answers =
+        sw.entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus")->vrf(L3::VrfName());
     for (const char* vtep : vteps) {
       const auto answer = answers ? answers->nexthop(Platform::fromText<IpGenAddr>(vtep)) : std::nullopt;
       if (answer) lastWord_[vtep] = answer->value();

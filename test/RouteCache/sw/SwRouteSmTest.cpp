@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "lib/statedb/PlatformTypes.h"
+#include "platform/values/Paths.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
@@ -240,7 +241,7 @@ TEST_P(SwRouteSmTest, WhatWasResolvedForwardsUntilTheResolverSaysOtherwise) {
   settle();
   sw.stop();
   sw.resolverGone();
-  const auto status = sw.entity<Routing::NexthopStatus>(LinuxPlatform::nexthopStatusPath, "Routing::NexthopStatus");
+  const auto status = sw.entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus");
   Answering resolver(status);
   const auto answer = [&](const char* vtep, std::uint32_t fec) {
     status->vrfIs(L3::VrfName())->nexthopIs(Platform::fromText<IpGenAddr>(vtep), Fib::FecId(fec));
@@ -313,7 +314,7 @@ TEST_P(SwRouteSmTest, AnAdjacencyThatNoAgentMadeIsDropped) {
 }
 
 TEST_P(SwRouteSmTest, RequestsAloneAreAPredecessorsToo) {
-  sw.entity<Routing::NexthopConfig>(LinuxPlatform::nexthopConfigPath, "Routing::NexthopConfig")
+  sw.entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig")
       ->vrfIs(L3::VrfName())
       ->nexthopIs(Platform::fromText<IpGenAddr>("10.255.0.9"));
   sw.start();
