@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "linux/files/FileDescriptor.h"
 #include "linux/files/RunDirectory.h"
 #include "platform/values/Printable.h"
 #include "platform/values/Text.h"
@@ -33,17 +34,15 @@ class Connection {
     if (path.size() >= sizeof address.sun_path) fail("its path is too long for a socket");
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const timeval timeout{answerSeconds, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);  // of connect, too, while many others wait
-    if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) failed();
+    setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout,
+               sizeof timeout);  // of connect, too, while many others wait
+    if (connect(fd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) failed();
   }
-  ~Connection() { close(fd_); }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
 
   void send(std::string_view bytes) {
     while (!bytes.empty()) {
-      const ssize_t count = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      const ssize_t count = ::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
       if (count < 0 && errno == EINTR) continue;
       if (count < 0) failed();
       bytes.remove_prefix(static_cast<std::size_t>(count));
@@ -93,7 +92,7 @@ class Connection {
     std::array<char, 64 * 1024> buffer;  // NOLINT: filled by recv
     ssize_t count = -1;
     do {
-      count = recv(fd_, buffer.data(), buffer.size(), 0);
+      count = recv(fd_.get(), buffer.data(), buffer.size(), 0);
     } while (count < 0 && errno == EINTR);
     if (count < 0) failed();
     if (count == 0) fail("it closed the connection");
@@ -101,7 +100,7 @@ class Connection {
   }
 
   std::string runDirectory_;
-  int fd_;
+  LinuxPlatform::FileDescriptor fd_;
   std::string received_;
   std::size_t start_ = 0;  // of the first byte that has not been handed out
 };

@@ -77,7 +77,7 @@ const Lattis::EntityType& ControlSocket::Statistics::entityType() const {
 }
 
 struct ControlSocket::Client {
-  int fd = -1;
+  FileDescriptor fd;
   Access access = Access::none;
   std::uint32_t watched = 0;  // the events that the loop looks for
   std::string incoming;       // at most one unfinished request and what came with it
@@ -110,28 +110,23 @@ void ControlSocket::listenAt(const std::string& path) {
     if (!S_ISSOCK(status.st_mode)) throw std::runtime_error(path + ": what stands there is not a socket");
     unlink(path.c_str());
   }
-  listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  listenFd_ = FileDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   // The file is made with the mode that it keeps, 0660: to connect takes the right to write, which most umasks take
   // from the group. A stricter one has kept the group out of the directory already.
   const mode_t before = umask(0117);
-  const bool listening = listenFd_ >= 0 &&
-                         bind(listenFd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-                         lstat(path.c_str(), &status) == 0 && listen(listenFd_, SOMAXCONN) == 0;
+  const bool listening = listenFd_ &&
+                         bind(listenFd_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+                         lstat(path.c_str(), &status) == 0 && listen(listenFd_.get(), SOMAXCONN) == 0;
   const int error = errno;
   umask(before);
   group_ = status.st_gid;
   if (listening) return;
-  if (listenFd_ >= 0) close(listenFd_);
   throw std::system_error(error, std::generic_category(), path);
 }
 
 ControlSocket::~ControlSocket() {
-  for (const auto& [fd, client] : clients_) {
-    loop_.fdDel(fd);
-    close(fd);
-  }
-  loop_.fdDel(listenFd_);
-  close(listenFd_);
+  for (const auto& [fd, client] : clients_) loop_.fdDel(fd);
+  loop_.fdDel(listenFd_.get());
   unlink(path_.c_str());
 }
 
@@ -141,11 +136,12 @@ void ControlSocket::acceptClients() {
   if (clients_.size() >= maxClients) makeRoom();
   errno = 0;
   while (clients_.size() < maxClients) {
-    const int fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0 && (errno == EINTR || errno == ECONNABORTED)) continue;
-    if (fd < 0) break;
+    FileDescriptor accepted(accept4(listenFd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!accepted && (errno == EINTR || errno == ECONNABORTED)) continue;
+    if (!accepted) break;
     auto client = std::make_unique<Client>();
-    client->fd = fd;
+    const int fd = accepted.get();
+    client->fd = std::move(accepted);
     client->access = accessOf(fd);
     client->lastSign = loop_.now();
     ++statistics_->clients_;
@@ -153,17 +149,17 @@ void ControlSocket::acceptClients() {
     clients_[fd] = std::move(client);
   }
   const bool all = clients_.size() < maxClients && errno == EAGAIN;
-  if (all && !listening_) loop_.fdIs(listenFd_, EPOLLIN, [this](std::uint32_t) { acceptClients(); });
+  if (all && !listening_) loop_.fdIs(listenFd_.get(), EPOLLIN, [this](std::uint32_t) { acceptClients(); });
   // No place, descriptor or memory is left: whoever waits goes on waiting, and the loop must not be woken for it for
   // ever.
-  if (!all && listening_) loop_.fdDel(listenFd_);
+  if (!all && listening_) loop_.fdDel(listenFd_.get());
   if (!all) acceptTask_->scheduleWithin(acceptInterval);
   listening_ = all;
 }
 
 // If anybody wants to come in.
 void ControlSocket::makeRoom() {
-  pollfd newcomers{listenFd_, POLLIN, 0};
+  pollfd newcomers{listenFd_.get(), POLLIN, 0};
   if (poll(&newcomers, 1, 0) <= 0) return;
   const Client* silent = nullptr;
   for (const auto& [fd, client] : clients_) {
@@ -171,7 +167,7 @@ void ControlSocket::makeRoom() {
   }
   if (silent == nullptr || loop_.now() - silent->lastSign < patience_) return;
   ++statistics_->evicted_;
-  end(silent->fd, Fate::close);
+  end(silent->fd.get(), Fate::close);
 }
 
 ControlSocket::Access ControlSocket::accessOf(int fd) const {
@@ -185,7 +181,6 @@ ControlSocket::Access ControlSocket::accessOf(int fd) const {
 void ControlSocket::end(int fd, Fate fate) {
   if (fate == Fate::drop) ++statistics_->dropped_;
   loop_.fdDel(fd);
-  close(fd);
   clients_.erase(fd);
   if (!listening_) acceptTask_->scheduleWithin(0);
 }
@@ -193,7 +188,7 @@ void ControlSocket::end(int fd, Fate fate) {
 void ControlSocket::watch(Client& client, std::uint32_t events) {
   if (client.watched == events) return;
   client.watched = events;
-  loop_.fdIs(client.fd, events, [this, fd = client.fd](std::uint32_t ready) { handleClient(fd, ready); });
+  loop_.fdIs(client.fd.get(), events, [this, fd = client.fd.get()](std::uint32_t ready) { handleClient(fd, ready); });
 }
 
 void ControlSocket::handleClient(int fd, std::uint32_t events) {
@@ -209,7 +204,7 @@ void ControlSocket::handleClient(int fd, std::uint32_t events) {
 
 ControlSocket::Fate ControlSocket::receive(Client& client) {
   std::array<char, 16 * 1024> buffer;  // NOLINT: filled by recv
-  const ssize_t count = recv(client.fd, buffer.data(), buffer.size(), 0);
+  const ssize_t count = recv(client.fd.get(), buffer.data(), buffer.size(), 0);
   if (count < 0) return errno == EAGAIN || errno == EINTR ? Fate::keep : Fate::close;
   if (count == 0) client.hungUp = true;
   client.incoming.append(buffer.data(), static_cast<std::size_t>(count));
@@ -244,7 +239,7 @@ ControlSocket::Fate ControlSocket::serve(Client& client) {
 ControlSocket::Fate ControlSocket::send(Client& client) {
   while (client.sent < client.outgoing.size()) {
     const std::string_view unsent = std::string_view(client.outgoing).substr(client.sent);
-    const ssize_t count = ::send(client.fd, unsent.data(), unsent.size(), MSG_NOSIGNAL);
+    const ssize_t count = ::send(client.fd.get(), unsent.data(), unsent.size(), MSG_NOSIGNAL);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return errno == EAGAIN ? Fate::keep : Fate::close;
     client.sent += static_cast<std::size_t>(count);

@@ -25,6 +25,7 @@
 #include <utility>
 
 #include "lib/control/ControlReply.h"
+#include "linux/files/FileDescriptor.h"
 #include "linux/loop/EventLoop.h"
 #include "platform/state/Entity.h"
 
@@ -102,7 +103,7 @@ class ControlSocket {
   std::string path_;
   double patience_;
   gid_t group_ = 0;  // of the socket's file
-  int listenFd_ = -1;
+  FileDescriptor listenFd_;
   bool listening_ = false;  // the loop tells of newcomers; else acceptTask_ looks for them
   std::map<std::string, Operation, std::less<>> operations_;
   std::map<int, std::unique_ptr<Client>> clients_;

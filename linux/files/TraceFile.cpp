@@ -103,17 +103,16 @@ TraceFile::TraceFile(const std::string& fileName, const FastTraceSettings& setti
   for (const auto kibibytes : settings.bufferSize) size_ += std::size_t{kibibytes} * 1024;
 
   std::rename(fileName.c_str(), (fileName + ".old").c_str());
-  fd_ = open(fileName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, readableMode);
-  if (fd_ < 0) throw std::system_error(errno, std::generic_category(), fileName);
+  fd_ = FileDescriptor(open(fileName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, readableMode));
+  if (!fd_) throw std::system_error(errno, std::generic_category(), fileName);
   // All of it now: a disk that fills up later must not kill whoever writes into the mapping.
-  int error = posix_fallocate(fd_, 0, static_cast<off_t>(size_));
+  int error = posix_fallocate(fd_.get(), 0, static_cast<off_t>(size_));
   void* mapping = MAP_FAILED;
   if (error == 0) {
-    mapping = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    mapping = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_.get(), 0);
     if (mapping == MAP_FAILED) error = errno;
   }
   if (error != 0) {
-    close(fd_);
     unlink(fileName.c_str());
     throw std::system_error(error, std::generic_category(), fileName);
   }
@@ -136,7 +135,6 @@ TraceFile::TraceFile(const std::string& fileName, const FastTraceSettings& setti
 
 TraceFile::~TraceFile() {
   munmap(base_, size_);
-  close(fd_);
 }
 
 void TraceFile::record(std::uint64_t time, std::string_view handle, unsigned level,
@@ -244,7 +242,7 @@ std::uint32_t TraceFile::numberOfHandle(std::string_view handle) {
 void TraceFile::syncSometimes(std::uint64_t time) {
   if (time - lastSync_ < settings_.syncInterval * secondNs) return;
   lastSync_ = time;
-  sync_file_range(fd_, 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, does not wait for it
+  sync_file_range(fd_.get(), 0, 0, SYNC_FILE_RANGE_WRITE);  // starts the writing, does not wait for it
 }
 
 void TraceFile::checkEpoch(std::uint64_t time) {
@@ -294,14 +292,13 @@ namespace {
 class TraceImage {
  public:
   explicit TraceImage(const std::string& fileName) : fileName_(fileName) {
-    const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) refuse(std::strerror(errno));
+    const FileDescriptor fd(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd) refuse(std::strerror(errno));
     struct stat status {};
-    fstat(fd, &status);
+    fstat(fd.get(), &status);
     const bool regular = S_ISREG(status.st_mode);
-    if (regular) bytes_ = readAll(fd, 0, static_cast<std::size_t>(status.st_size));
-    const auto after = regular ? readAll(fd, 0, sizeof header_) : std::vector<std::uint8_t>();
-    close(fd);
+    if (regular) bytes_ = readAll(fd.get(), 0, static_cast<std::size_t>(status.st_size));
+    const auto after = regular ? readAll(fd.get(), 0, sizeof header_) : std::vector<std::uint8_t>();
     if (bytes_.size() < headerSize || after.size() < sizeof header_) refuse("not a trace file");
     std::memcpy(&header_, bytes_.data(), sizeof header_);
     std::memcpy(&headerAfter_, after.data(), sizeof headerAfter_);

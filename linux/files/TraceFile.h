@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "lib/trace/TraceLevels.h"
+#include "linux/files/FileDescriptor.h"
 #include "platform/trace/Trace.h"
 
 namespace LinuxPlatform {
@@ -99,7 +100,7 @@ class TraceFile {
 
   TraceClocks clocks_;
   Platform::FastTraceSettings settings_;
-  int fd_ = -1;
+  FileDescriptor fd_;
   std::uint8_t* base_ = nullptr;
   std::size_t size_ = 0;
   TraceFileHeader* header_ = nullptr;

@@ -42,25 +42,22 @@ struct EventLoop::Watch {
 
 EventLoop::EventLoop(double timeSlice, std::shared_ptr<const Platform::Clock> clock)
     : clock_(std::move(clock)), timeSlice_(timeSlice) {
-  epollFd_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
-  timerFd_ = checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create");
-  fdIs(timerFd_, EPOLLIN, [this](std::uint32_t) {
+  epollFd_ = FileDescriptor(checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1"));
+  timerFd_ = FileDescriptor(checked(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC), "timerfd_create"));
+  fdIs(timerFd_.get(), EPOLLIN, [this](std::uint32_t) {
     std::uint64_t expirations = 0;
-    [[maybe_unused]] const auto count = read(timerFd_, &expirations, sizeof expirations);
+    [[maybe_unused]] const auto count = read(timerFd_.get(), &expirations, sizeof expirations);
     armedFor_ = Task::never;
   });
   nowIs(clock_->now());
 }
 
 EventLoop::~EventLoop() {
-  if (signalFd_ >= 0) {
-    close(signalFd_);
+  if (signalFd_) {
     const sigset_t set = stopSignals();
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
     std::signal(SIGPIPE, SIG_DFL);
   }
-  close(timerFd_);
-  close(epollFd_);
 }
 
 void EventLoop::fdIs(int fd, std::uint32_t events, std::function<void(std::uint32_t)> ready) {
@@ -70,7 +67,7 @@ void EventLoop::fdIs(int fd, std::uint32_t events, std::function<void(std::uint3
   epoll_event event{};
   event.events = events;
   event.data.u64 = id;
-  checked(epoll_ctl(epollFd_, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
+  checked(epoll_ctl(epollFd_.get(), known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, fd, &event), "epoll_ctl");
   if (known) watches_.erase(old->second);
   watchOfFd_[fd] = id;
   watches_[id] = std::make_shared<Watch>(Watch{std::move(ready)});
@@ -79,20 +76,20 @@ void EventLoop::fdIs(int fd, std::uint32_t events, std::function<void(std::uint3
 void EventLoop::fdDel(int fd) {
   const auto found = watchOfFd_.find(fd);
   if (found == watchOfFd_.end()) return;
-  epoll_ctl(epollFd_, EPOLL_CTL_DEL, fd, nullptr);
+  epoll_ctl(epollFd_.get(), EPOLL_CTL_DEL, fd, nullptr);
   watches_.erase(found->second);
   watchOfFd_.erase(found);
 }
 
 void EventLoop::stopOnSignals() {
-  if (signalFd_ >= 0) return;
+  if (signalFd_) return;
   const sigset_t set = stopSignals();
   std::signal(SIGPIPE, SIG_IGN);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signalFd_ = checked(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd");
-  fdIs(signalFd_, EPOLLIN, [this](std::uint32_t) {
+  signalFd_ = FileDescriptor(checked(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC), "signalfd"));
+  fdIs(signalFd_.get(), EPOLLIN, [this](std::uint32_t) {
     signalfd_siginfo info{};
-    if (read(signalFd_, &info, sizeof info) > 0) stop();
+    if (read(signalFd_.get(), &info, sizeof info) > 0) stop();
   });
 }
 
@@ -116,7 +113,7 @@ void EventLoop::armTimer(double due) {
   spec.it_value.tv_sec = static_cast<time_t>(due);
   // Rounded up, and never the 0 that would disarm it: a timer that fires early costs a turn of the loop.
   spec.it_value.tv_nsec = std::min(999'999'999L, static_cast<long>((due - std::floor(due)) * 1e9) + 1);
-  checked(timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr), "timerfd_settime");
+  checked(timerfd_settime(timerFd_.get(), TFD_TIMER_ABSTIME, &spec, nullptr), "timerfd_settime");
 }
 
 // One event at a look: the kernel puts its descriptor behind the others that are ready. So each has one turn before any
@@ -125,7 +122,7 @@ void EventLoop::runDescriptors(int timeoutMilliseconds) {
   double start = Task::never;  // of the first callback
   for (std::size_t turns = watches_.size(); turns > 0 && !stopped_; --turns) {
     epoll_event event{};
-    const int count = epoll_wait(epollFd_, &event, 1, timeoutMilliseconds);
+    const int count = epoll_wait(epollFd_.get(), &event, 1, timeoutMilliseconds);
     if (count < 0 && errno != EINTR) throw std::system_error(errno, std::generic_category(), "epoll_wait");
     if (count <= 0) return;
     timeoutMilliseconds = 0;

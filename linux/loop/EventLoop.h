@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "lib/tasks/TaskQueue.h"
+#include "linux/files/FileDescriptor.h"
 #include "linux/loop/MonotonicClock.h"
 
 namespace LinuxPlatform {
@@ -62,9 +63,9 @@ class EventLoop final : public TaskQueue {
   std::uint32_t lookInterval_ = 1;
   bool spent_ = false;
 
-  int epollFd_ = -1;
-  int timerFd_ = -1;
-  int signalFd_ = -1;
+  FileDescriptor epollFd_;
+  FileDescriptor timerFd_;
+  FileDescriptor signalFd_;
   double armedFor_ = Platform::Task::never;
   std::uint64_t nextWatch_ = 0;
   std::map<int, std::uint64_t> watchOfFd_;
