@@ -530,6 +530,18 @@ TEST_P(KeptRouteTest, StaysWhenItIsANewAdditionAgainOrNobodyAsksTheSfe) {
   EXPECT_TRUE(sw.inTable(cached(3)));
 }
 
+TEST_P(KeptRouteTest, LeavesWhenTheSfeProgrammedItWhileNobodyListened) {
+  sw.hwSm().routeProcessingIntervalIs(1);  // the flag is back before anything is done about its having gone
+  sw.config()->ageingKeepsRouteIs(false);
+  sw.sfeProgrammed(cached(0), red, true);
+  sw.advance(0.1);
+  ASSERT_EQ(sw.hardware().size(), 6u);
+  sw.config()->ageingKeepsRouteIs(true);
+  sw.advance(2);
+  EXPECT_FALSE(sw.inTable(cached(0)));
+  EXPECT_EQ(sw.hardware().size(), 5u);
+}
+
 TEST_P(KeptRouteTest, LeavesAsAnIdleRouteDoesWhenRoutesAreNotKeptAnyMore) {
   sw.sfeHit(cached(1), red, 3);
   sw.settle();
