@@ -200,7 +200,12 @@ void AdjacencyIds::checkInvariants() const {
     PLATFORM_ASSERT_TEXT((entry.count == 0) == unreferenced_.contains(adjId), "count 0 is what unreferenced lists");
     PLATFORM_ASSERT_TEXT(numberInUse(adjId), "an identifier's number is in use");
     if (numberOf(adjId) == AdjId::adjacencyInvalid || entry.count == 0) continue;
-    PLATFORM_ASSERT_TEXT(nexthop(adjId) != nullptr, "an identifier that is held has a next hop");
+    const auto ref = nexthop(adjId);
+    PLATFORM_ASSERT_TEXT(ref != nullptr, "an identifier that is held has a next hop");
+    const bool known = ref->isV4() == (ref->v4nh() != nullptr) && ref->isV6() == (ref->v6nh() != nullptr) &&
+                       (!ref->v4nh() || (ref->v4nh()->isV4() && !ref->v4nh()->isV6())) &&
+                       (!ref->v6nh() || (ref->v6nh()->isV6() && !ref->v6nh()->isV4()));
+    PLATFORM_ASSERT_TEXT(known, "a reference says of itself which families its end points are of");
   }
 }
 

@@ -3,7 +3,7 @@
 //
 // Invariants:
 //   - an identifier is in adjIdRefCount from its allocation (count 1) or its adoption (count 0) until it is freed;
-//   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref;
+//   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref, which knows its families;
 //   - no number is in the free list while an identifier of that number is in use.
 #pragma once
 
