@@ -3,6 +3,7 @@
 #include <functional>
 #include <random>
 #include <sstream>
+#include <vector>
 
 #include "RouteCache/RouteCache.h"
 
@@ -215,6 +216,34 @@ TEST(RouteCacheTextTest, TracesSayTheSameAsTheTexts) {
   record.add(key6("::/0@1"));
   record.add(AdjId(9));
   EXPECT_EQ(vocabulary.text(record.bytes()), toText(key4("10.0.0.0/8@7")) + " " + toText(key6("::/0@1")) + "9");
+}
+
+// --- Equality --------------------------------------------------------------------------------------------------------
+
+template <class T>
+void expectAllDiffer(const std::vector<T>& values) {
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    for (std::size_t j = 0; j < values.size(); ++j) {
+      EXPECT_EQ(values[i] == values[j], i == j) << values[i] << " " << values[j];
+      EXPECT_EQ(values[i].hash() == values[j].hash(), i == j) << values[i] << " " << values[j];
+    }
+  }
+}
+
+TEST(EqualityTest, EachFieldTellsTwoValuesApart) {
+  std::vector<Ipv4Adjacency> adjacencies(6, adjacency4);
+  adjacencies[1].underlayFecIdIs(Fib::FecId());
+  adjacencies[2].extendedVlanIdIs(7);
+  adjacencies[3].routerMacIs(EthAddr());
+  adjacencies[4].vtiIs(IntfId("Vxlan2"));
+  adjacencies[5].remoteVtepIpIs(IpAddr(2));
+  expectAllDiffer(adjacencies);
+  const auto key = key4("10.0.0.0/8@7");
+  expectAllDiffer<Ipv4Route>({{key, AdjId(5), true},
+                              {key, AdjId(5), false},
+                              {key, AdjId(6), true},
+                              {key4("10.0.0.0/9@7"), AdjId(5), true},
+                              {key4("10.0.0.0/8@8"), AdjId(5), true}});
 }
 
 // --- Vias ------------------------------------------------------------------------------------------------------------
