@@ -6,6 +6,7 @@
 
 #include "RouteCache/model/Config.h"
 #include "platform/state/Entity.h"
+#include "platform/state/Nexthop.h"
 #include "platform/tables/Trie.h"
 
 using Platform::BadText;
@@ -94,6 +95,31 @@ class VtiReactor final : public SwRouteVtiStatus::Reactor {
   Log& log_;
 };
 
+// Requests and answers alike: the VRFs of the whole, and the addresses of one VRF.
+template <class Whole>
+class VrfReactor final : public Whole::Reactor {
+ public:
+  VrfReactor(std::shared_ptr<const Whole> whole, Log& log) : Whole::Reactor(std::move(whole)), log_(log) {}
+  void handleVrf(const L3::VrfName& name) override {
+    log_.add((this->watched().vrf(name) ? "vrf " : "no vrf ") + std::string(name.text()));
+  }
+
+ private:
+  Log& log_;
+};
+
+template <class Vrf>
+class NexthopReactor final : public Vrf::Reactor {
+ public:
+  NexthopReactor(std::shared_ptr<const Vrf> vrf, Log& log) : Vrf::Reactor(std::move(vrf)), log_(log) {}
+  void handleNexthop(const IpGenAddr& addr) override {
+    log_.add((this->watched().nexthop().contains(addr) ? "" : "no ") + Platform::toText(addr));
+  }
+
+ private:
+  Log& log_;
+};
+
 TEST(ReactorTest, MayBeDestroyedByItsOwnNotificationTogetherWithTheEntity) {
   auto config = std::make_shared<CliConfig>("cli");
   CliConfig* const entity = config.get();
@@ -132,6 +158,21 @@ TEST(ReactorTest, HearsOfRealChangesOnlyAndSeesThem) {
   vti->extendedVlanToVniMapDelAll();
   vti->vniToExtendedVlanMapDelAll();
   EXPECT_THAT(log.take(), ElementsAre("vlan 11", "vni 10010"));
+
+  const auto twice = [&log](auto whole, auto is) {
+    const L3::VrfName red("red");
+    const auto addr = Platform::fromText<IpGenAddr>("10.0.0.1");
+    const VrfReactor vrfs(std::shared_ptr<const std::remove_cvref_t<decltype(*whole)>>(whole), log);
+    const auto vrf = whole->vrfIs(red);
+    const NexthopReactor nexthops(std::shared_ptr<const std::remove_cvref_t<decltype(*vrf)>>(vrf), log);
+    for (int i = 0; i < 2; ++i) is(*whole->vrfIs(red), addr);
+    for (int i = 0; i < 2; ++i) vrf->nexthopDel(addr);
+    for (int i = 0; i < 2; ++i) whole->vrfDel(red);
+    EXPECT_THAT(log.take(), ElementsAre("vrf red", "10.0.0.1", "no 10.0.0.1", "no vrf red"));
+  };
+  twice(std::make_shared<Routing::NexthopConfig>("requests"), [](auto& vrf, const auto& addr) { vrf.nexthopIs(addr); });
+  twice(std::make_shared<Routing::NexthopStatus>("answers"),
+        [](auto& vrf, const auto& addr) { vrf.nexthopIs(addr, Fib::FecId(7)); });
 }
 
 // --- Configuration ---------------------------------------------------------------------------------------------------
