@@ -41,7 +41,10 @@ class Vrfs {
  public:
   explicit Vrfs(int traceLevel = -1) : trace(traceLevel) {}
 
-  void start() { sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, scheduler, trace); }
+  void start() {
+    sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, scheduler, trace);
+    EXPECT_TRUE(sm->initialized());
+  }
   void pi(const std::string& name, std::uint32_t piVrfId) { names->nameToIdIs(name, piVrfId); }
   void piGone(const std::string& name) { names->nameToIdDel(name); }
   void appears(const std::string& name) { hardware->vrfStatusIs(name); }
