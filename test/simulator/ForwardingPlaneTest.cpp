@@ -339,6 +339,18 @@ TEST_F(ForwardingPlaneTest, ARestartKeepsWhatStandsAndDropsTheRest) {
   EXPECT_THAT(sfeHits(), ElementsAre(Pair("10.0.0.2/32", 254U))) << "40 s and 20 s make up the idle time";
 }
 
+TEST_F(ForwardingPlaneTest, ARouteThatHasGoneBeforeItWasHeardOfLeavesNothing) {
+  sfeRoute("10.0.0.1/32");
+  start();
+  hwRoute("10.0.0.1/32");
+  bothRoute("10.0.0.2/32");
+  hw->routeDelAll();
+  sfe->routeDel(key("10.0.0.2/32"));
+  scheduler.advance(1);
+  EXPECT_EQ(plane->hardware().programmedRoutes(), 0U);
+  EXPECT_THAT(sfeProgrammed(), ElementsAre("10.0.0.1/32"));
+}
+
 // Whatever comes, restarts included, the planes' tables are what follows from the agent's.
 TEST_F(ForwardingPlaneTest, RandomChangesAgainstAModel) {
   std::mt19937 random(319);
