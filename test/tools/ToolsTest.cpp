@@ -25,7 +25,7 @@
 namespace {
 
 using nlohmann::json;
-using std::string_literals::operator""s;
+using std::string_literals::operator""s;  // NOLINT(misc-unused-using-decls): it does not see literals
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
