@@ -1,4 +1,4 @@
 // The hash table that the agent keeps its routes in, for others with as many.
 #pragma once
 
-#include "RouteCache/work/FlatTable.h"
+#include "RouteCache/queues/FlatTable.h"

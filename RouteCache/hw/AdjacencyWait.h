@@ -9,7 +9,7 @@
 #include <unordered_map>
 
 #include "RouteCache/model/Values.h"
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 
 namespace RouteCache {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "RouteCache/model/Values.h"
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 
 namespace RouteCache {
 

@@ -19,7 +19,7 @@
 #include <optional>
 
 #include "RouteCache/model/Values.h"
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 
 namespace RouteCache {
 

@@ -45,10 +45,10 @@
 #include "RouteCache/hw/HitQueue.h"
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
-#include "RouteCache/work/DeferredTask.h"
-#include "RouteCache/work/KeyNotes.h"
-#include "RouteCache/work/KeyQueue.h"
-#include "RouteCache/work/RouteStatusWalk.h"
+#include "RouteCache/queues/DeferredTask.h"
+#include "RouteCache/queues/KeyNotes.h"
+#include "RouteCache/queues/KeyQueue.h"
+#include "RouteCache/queues/RouteStatusWalk.h"
 
 namespace RouteCache {
 

@@ -32,9 +32,9 @@
 
 #include "RouteCache/model/Config.h"
 #include "RouteCache/model/StatusTables.h"
-#include "RouteCache/work/CoveredRoutesWalk.h"
-#include "RouteCache/work/DeferredTask.h"
-#include "RouteCache/work/KeyQueue.h"
+#include "RouteCache/queues/CoveredRoutesWalk.h"
+#include "RouteCache/queues/DeferredTask.h"
+#include "RouteCache/queues/KeyQueue.h"
 #include "platform/tables/Rib.h"
 #include "platform/tables/Trie.h"
 

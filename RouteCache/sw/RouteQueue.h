@@ -16,7 +16,7 @@
 #include <optional>
 #include <unordered_map>
 
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 #include "platform/tables/Rib.h"
 
 namespace RouteCache {

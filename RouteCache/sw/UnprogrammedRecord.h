@@ -8,7 +8,7 @@
 #include <memory>
 #include <optional>
 
-#include "RouteCache/work/RouteStatusWalk.h"
+#include "RouteCache/queues/RouteStatusWalk.h"
 #include "platform/tables/Rib.h"
 #include "platform/trace/Trace.h"
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <optional>
 
-#include "RouteCache/work/DeferredTask.h"
+#include "RouteCache/queues/DeferredTask.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/Fib.h"
 #include "platform/tables/Trie.h"

@@ -5,7 +5,7 @@
 #include <random>
 
 #include "RouteCache/model/Values.h"
-#include "RouteCache/work/KeyQueue.h"
+#include "RouteCache/queues/KeyQueue.h"
 
 namespace {
 

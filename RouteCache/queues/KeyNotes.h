@@ -3,7 +3,7 @@
 
 #include <optional>
 
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 
 namespace RouteCache {
 

@@ -5,7 +5,7 @@
 #include <set>
 
 #include "RouteCache/model/StatusTables.h"
-#include "RouteCache/work/RouteStatusWalk.h"
+#include "RouteCache/queues/RouteStatusWalk.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 

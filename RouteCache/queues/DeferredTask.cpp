@@ -1,4 +1,4 @@
-#include "RouteCache/work/DeferredTask.h"
+#include "RouteCache/queues/DeferredTask.h"
 
 #include <cmath>
 

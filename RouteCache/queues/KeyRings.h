@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "RouteCache/work/FlatTable.h"
+#include "RouteCache/queues/FlatTable.h"
 
 namespace RouteCache {
 

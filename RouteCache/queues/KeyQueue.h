@@ -7,7 +7,7 @@
 #include <array>
 #include <optional>
 
-#include "RouteCache/work/KeyRings.h"
+#include "RouteCache/queues/KeyRings.h"
 
 namespace RouteCache {
 

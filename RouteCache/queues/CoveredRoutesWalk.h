@@ -11,8 +11,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "RouteCache/work/KeyQueue.h"
-#include "RouteCache/work/RouteStatusWalk.h"
+#include "RouteCache/queues/KeyQueue.h"
+#include "RouteCache/queues/RouteStatusWalk.h"
 
 namespace RouteCache {
 

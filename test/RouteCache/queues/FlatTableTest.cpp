@@ -4,7 +4,7 @@
 #include <random>
 #include <string>
 
-#include "RouteCache/work/FlatTable.h"
+#include "RouteCache/queues/FlatTable.h"
 
 namespace {
 
