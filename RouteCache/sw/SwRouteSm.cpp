@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "RouteCache/sw/Families.h"
-#include "RouteCache/sw/UnderlayReactors.h"
+#include "RouteCache/sw/Underlay.h"
 #include "platform/values/Assert.h"
 
 namespace RouteCache {

@@ -1,4 +1,4 @@
-#include "RouteCache/sw/UnderlayReactors.h"
+#include "RouteCache/sw/Underlay.h"
 
 #include "RouteCache/sw/SwRouteSm.h"
 
