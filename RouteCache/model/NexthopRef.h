@@ -164,6 +164,14 @@ class IpMixedNexthopRef final : public NexthopRef {
   static constexpr const char* adjRefTypeName = "RouteCache::IpMixedAdjRef";
   using NexthopRef::NexthopRef;
 
+  template <class Family>
+  const std::shared_ptr<BasicNexthopRef<Family>>& part() const {
+    if constexpr (std::is_same_v<Family, Ipv4Family>) {
+      return v4nh_;
+    } else {
+      return v6nh_;
+    }
+  }
   const std::shared_ptr<Ipv4NexthopRef>& v4nh() const { return v4nh_; }
   void v4nhIs(std::shared_ptr<Ipv4NexthopRef> v4nh) { v4nh_ = std::move(v4nh); }
   const std::shared_ptr<Ipv6NexthopRef>& v6nh() const { return v6nh_; }

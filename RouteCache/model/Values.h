@@ -26,6 +26,8 @@ namespace RouteCache {
 struct Ipv4Family {
   using Addr = ::IpAddr;
   using Prefix = ::Prefix;
+  static constexpr AddressFamily family = AddressFamily::ipv4;
+  static Prefix prefix(const IpGenPrefix& prefix) { return prefix.v4(); }
   static constexpr const char* keyTypeName = "RouteCache::Ipv4RouteVrfKey";
   static constexpr const char* keyWhat = "an IPv4 route key (prefix@vrfId)";
   static constexpr const char* routeTypeName = "RouteCache::Ipv4Route";
@@ -58,6 +60,8 @@ struct Ipv4Family {
 struct Ipv6Family {
   using Addr = ::Ip6Addr;
   using Prefix = ::Ip6Prefix;
+  static constexpr AddressFamily family = AddressFamily::ipv6;
+  static Prefix prefix(const IpGenPrefix& prefix) { return prefix.v6(); }
   static constexpr const char* keyTypeName = "RouteCache::Ipv6RouteVrfKey";
   static constexpr const char* keyWhat = "an IPv6 route key (prefix@vrfId)";
   static constexpr const char* routeTypeName = "RouteCache::Ipv6Route";

@@ -54,6 +54,20 @@ bool workOff(DeferredTask& task, std::uint64_t& handled, Next&& next) {
   return false;
 }
 
+// Visits what stands between two iterators until the task should yield, and returns where to go on. Each entry is
+// copied and passed before its visit, which may take it away.
+template <class Iterator, class End, class Visit>
+Iterator visitUntilYield(DeferredTask& task, Iterator at, const End& end, std::uint64_t& handled, Visit&& visit) {
+  while (at != end) {
+    const auto entry = *at;
+    ++at;
+    visit(entry);
+    ++handled;
+    if (at != end && task.shouldYield()) break;
+  }
+  return at;
+}
+
 // Seconds between two runs of a task that has nothing but walks left to do. Whoever asks for walks may go on asking for
 // ever; tasks of lower priority get their turns meanwhile.
 inline constexpr double walkPause = 0.001;
@@ -68,6 +82,12 @@ struct Interval {
 };
 // What is wrong with the first interval that is no finite number or below its least, in one line; empty when none is.
 std::string intervalFault(std::initializer_list<Interval> intervals);
+
+// Where such a walk resumes that was left at an entry; nothing at the end.
+template <class Iterator>
+auto bookmarkOf(const Iterator& at, const Iterator& end) {
+  return at == end ? std::nullopt : std::optional(at->key());
+}
 
 // Continues a walk over an ordered table at the bookmarked key, or at the beginning when that key has gone.
 template <class Table>
