@@ -1,11 +1,7 @@
-// Life, reactions and the decision about one route. Adjacencies are in sw/Adjacencies.cpp, syncs and
-// clean-ups in sw/RouteSync.cpp.
 #include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
 
-#include "RouteCache/sw/Families.h"
-#include "RouteCache/sw/Underlay.h"
 #include "platform/values/Assert.h"
 
 namespace RouteCache {
@@ -16,24 +12,6 @@ using Routing::Rib::RouteConfig;
 
 // --- What is watched -------------------------------------------------------------------------------------------------
 
-class SwRouteSm::RouteConfigReactor final : public RouteConfig::Reactor {
- public:
-  RouteConfigReactor(SwRouteSm& sm, std::shared_ptr<const RouteConfig> config) : Reactor(std::move(config)), sm_(sm) {}
-  void handleEntry(const RouteKey& key) override { sm_.handleRoute(key); }
-
- private:
-  SwRouteSm& sm_;
-};
-
-class SwRouteSm::HwRouteReactor final : public Ipv4RouteStatus::Reactor {
- public:
-  HwRouteReactor(SwRouteSm& sm, std::shared_ptr<const Ipv4RouteStatus> table) : Reactor(std::move(table)), sm_(sm) {}
-  void handleEntry(const Ipv4RouteVrfKey& key) override { sm_.handleHwRoute(key); }
-
- private:
-  SwRouteSm& sm_;
-};
-
 class SwRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
  public:
   VrfIdReactor(SwRouteSm& sm, std::shared_ptr<const VrfIdMap> map) : Reactor(std::move(map)), sm_(sm) {}
@@ -43,89 +21,6 @@ class SwRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
   SwRouteSm& sm_;
 };
 
-class SwRouteSm::NexthopConfigReactor final : public Routing::NexthopConfig::Reactor {
- public:
-  NexthopConfigReactor(SwRouteSm& sm, std::shared_ptr<const Routing::NexthopConfig> config)
-      : Reactor(std::move(config)), sm_(sm) {}
-  void handleVrf(const L3::VrfName& name) override {
-    if (name.isDefault()) sm_.nexthopVrfConfigIs();
-  }
-
- private:
-  SwRouteSm& sm_;
-};
-
-class SwRouteSm::NexthopStatusReactor final : public Routing::NexthopStatus::Reactor {
- public:
-  NexthopStatusReactor(SwRouteSm& sm, std::shared_ptr<const Routing::NexthopStatus> status)
-      : Reactor(std::move(status)), sm_(sm) {}
-  void handleVrf(const L3::VrfName& name) override {
-    sm_.nexthopVrfStatusDel(name);
-    if (watched().vrf(name)) sm_.nexthopVrfStatusIs(name);
-  }
-
- private:
-  SwRouteSm& sm_;
-};
-
-class SwRouteSm::VtiStatusDirReactor final : public Vxlan::VtiStatusDir::Reactor {
- public:
-  VtiStatusDirReactor(SwRouteSm& sm, std::shared_ptr<const Vxlan::VtiStatusDir> dir)
-      : Reactor(std::move(dir)), sm_(sm) {}
-  void handleVtiStatus(IntfId intfId) override {
-    sm_.vtiStatusDel(intfId);
-    if (watched().vtiStatus(intfId)) sm_.vtiStatusIs(intfId);
-  }
-
- private:
-  SwRouteSm& sm_;
-};
-
-void SwRouteSm::nexthopVrfConfigIs() {
-  const auto registered = in_.nexthopConfig->vrfIs(L3::VrfName());
-  if (registered == nexthopVrfConfig_) return;
-  nexthopVrfConfig_ = registered;
-  for (const auto& vtep : vteps4_.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
-  for (const auto& vtep : vteps6_.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
-}
-
-void SwRouteSm::nexthopVrfStatusIs(const L3::VrfName& name) {
-  const auto status = in_.nexthopStatus->vrf(name);
-  if (name.isDefault()) nexthopVrfStatus_ = status;
-  auto& reactor = nexthopVrfStatusReactors_[name];
-  reactor = std::make_unique<NexthopVrfStatusReactor>(*this, status);
-  reactor->handleInitialized();
-}
-
-void SwRouteSm::nexthopVrfStatusDel(const L3::VrfName& name) {
-  const auto found = nexthopVrfStatusReactors_.find(name);
-  if (found == nexthopVrfStatusReactors_.end()) return;
-  if (name.isDefault()) nexthopVrfStatus_ = nullptr;
-  found->second->cleanup();
-  nexthopVrfStatusReactors_.erase(found);
-}
-
-void SwRouteSm::nexthopVrfStatusDelAll() {
-  while (!nexthopVrfStatusReactors_.empty()) nexthopVrfStatusDel(L3::VrfName(nexthopVrfStatusReactors_.begin()->first));
-}
-
-void SwRouteSm::vtiStatusIs(IntfId intfId) {
-  auto& reactor = vtiStatusReactors_[intfId];
-  reactor = std::make_unique<VtiStatusReactor>(*this, in_.vtiStatusDir->vtiStatus(intfId));
-  reactor->handleInitialized();
-}
-
-void SwRouteSm::vtiStatusDel(IntfId intfId) {
-  const auto found = vtiStatusReactors_.find(intfId);
-  if (found == vtiStatusReactors_.end()) return;
-  found->second->cleanup();
-  vtiStatusReactors_.erase(found);
-}
-
-void SwRouteSm::vtiStatusDelAll() {
-  while (!vtiStatusReactors_.empty()) vtiStatusDel(vtiStatusReactors_.begin()->first);
-}
-
 // --- Life ------------------------------------------------------------------------------------------------------------
 
 SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace,
@@ -134,7 +29,8 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
       in_(inputs),
       trace_(trace, "RouteCacheSwRouteSm"),
       configWalk_(*inputs.routeConfig, *inputs.route6Config),
-      adjIds_(trace_),
+      underlay_(*this, inputs.nexthopConfig, inputs.nexthopStatus, inputs.vtiStatusDir, trace_),
+      adjacencies_(inputs.ipv4AdjStatus, inputs.ipv6AdjStatus, underlay_, trace_),
       unprogrammed_(inputs.unprogrammedRouteConfig, *inputs.routeConfig, *inputs.route6Config, trace_),
       restarted_(restart),
       restart_(restart),
@@ -153,31 +49,30 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
       leftoverProcessingTask_(scheduler, trace_, "leftoverProcessingTask", TaskPriority::processing,
                               [this] { handleLeftoverProcessing(); }),
       unprogrammedRecordTask_(scheduler, trace_, "unprogrammedRecordTask", TaskPriority::background,
-                              [this] { handleUnprogrammedRecord(); }) {
-  adjIds_.retainUnreferencedIs(restart);
+                              [this] { handleUnprogrammedRecord(); }),
+      sides_({inputs.ipv4RouteStatus, *inputs.routeConfig, in_, trace_, routeSyncTask_, ipv4AdjSyncTask_},
+             {inputs.ipv6RouteStatus, *inputs.route6Config, in_, trace_, route6SyncTask_, ipv6AdjSyncTask_}) {
+  adjacencies_.ids().retainUnreferencedIs(restart);
 }
 
 SwRouteSm::~SwRouteSm() {
   // First, so that what the reactors' clean-ups would queue comes to nothing: an orderly stop changes no table and
   // withdraws no request.
   enableRouteProcessing_ = false;
-  nexthopVrfStatusDelAll();
-  vtiStatusDelAll();
+  underlay_.nexthopVrfStatusDelAll();
+  underlay_.vtiStatusDelAll();
 }
 
 void SwRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
-  nexthopVrfConfigIs();
-  nexthopConfigReactor_ = std::make_unique<NexthopConfigReactor>(*this, in_.nexthopConfig);
-  routeReactor_ = std::make_unique<RouteConfigReactor>(*this, in_.routeConfig);
-  route6Reactor_ = std::make_unique<RouteConfigReactor>(*this, in_.route6Config);
-  if (in_.ipv4HwRouteStatus) hwRouteReactor_ = std::make_unique<HwRouteReactor>(*this, in_.ipv4HwRouteStatus);
+  Pondra::follow(routeReactor_, *this, in_.routeConfig, &SwRouteSm::handleRoute);
+  Pondra::follow(route6Reactor_, *this, in_.route6Config, &SwRouteSm::handleRoute);
+  if (in_.ipv4HwRouteStatus) {
+    Pondra::follow(hwRouteReactor_, *this, in_.ipv4HwRouteStatus, &SwRouteSm::handleHwRoute);
+  }
   vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
   for (const auto& [piVrfId, hwVrfId] : in_.vrfIdMap->globalVrfIdToHwVrfIds()) knownHwVrfId_[piVrfId] = hwVrfId;
-  nexthopStatusReactor_ = std::make_unique<NexthopStatusReactor>(*this, in_.nexthopStatus);
-  for (const auto& vrf : in_.nexthopStatus->vrf()) nexthopVrfStatusIs(vrf.first);
-  vtiStatusDirReactor_ = std::make_unique<VtiStatusDirReactor>(*this, in_.vtiStatusDir);
-  for (const auto& vti : in_.vtiStatusDir->vtiStatus()) vtiStatusIs(vti.first);
+  underlay_.handleInitialized();
   initialized_ = true;
   scheduleRouteCacheIpv4AdjSyncTask(adjSyncInterval_);
   scheduleRouteCacheIpv6AdjSyncTask(adjSyncInterval_);
@@ -250,7 +145,7 @@ void SwRouteSm::handleHwRoute(const Ipv4RouteVrfKey& key) {
   const auto hardware = in_.ipv4HwRouteStatus->route(key);
   const bool programmed = hardware && hardware->inHw();
   if (programmed && hardware->adjId() == published->adjId() && !published->inHw() &&
-      adjacencyStands(published->adjId())) {
+      adjacencies_.stands(published->adjId())) {
     trace_(6, "setting inHw to true", routeKey);
     in_.ipv4RouteStatus->routeIs({key, published->adjId(), true});
     unprogrammedRouteDel(routeKey);
@@ -276,12 +171,30 @@ void SwRouteSm::handleVrfId(std::uint32_t piVrfId) {
     left = knownHwVrfId_.erase(piVrfId) != 0;
   }
   if (left) {
-    vrfGone<V4>(ipv4Sync_);
-    vrfGone<V6>(ipv6Sync_);
+    vrfGone<Ipv4Family>();
+    vrfGone<Ipv6Family>();
     // The syncs know tables only; this brings the VRF's configured routes to where they belong now.
     if (enableRouteProcessing_) configWalk_.vrfIs(piVrfId);
   }
   if (enableRouteProcessing_) scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+// A VRF has left its hardware id: the routes under it go at once, those that a walk has passed already included.
+template <class Family>
+void SwRouteSm::vrfGone() {
+  sides_.of<Family>().sync.againIs();
+  sides_.of<Family>().syncTask.schedule(0);
+}
+
+// What rests on answers is decided again.
+void SwRouteSm::handleAnswers() {
+  adjacencies_.currentDelAll();
+  scheduleAllRoutesForProcessing(true, false);
+}
+
+void SwRouteSm::handleAnswer(const AdjIdColl& adjIds) {
+  adjacencies_.handleAnswer(adjIds);
+  scheduleAdjProcessingTask(adjProcessingInterval_);
 }
 
 // --- The route-processing task ---------------------------------------------------------------------------------------
@@ -290,9 +203,11 @@ void SwRouteSm::handleRouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
   if (!enableRouteProcessing_) return;
   std::uint64_t handled = 0;
-  if (processFreshRoutes(handled) && processRoutesThatFindRoom<V4>(handled)) processRoutesThatFindRoom<V6>(handled);
+  if (processFreshRoutes(handled) && processRoutesThatFindRoom<Ipv4Family>(handled))
+    processRoutesThatFindRoom<Ipv6Family>(handled);
   routeProcessingTask_.report(handled, routeToProcess_.size());
-  if (routeToProcess_.hasFresh() || configWalk_.pending() || hasRoomForWaiting<V4>() || hasRoomForWaiting<V6>()) {
+  if (routeToProcess_.hasFresh() || configWalk_.pending() || hasRoomForWaiting<Ipv4Family>() ||
+      hasRoomForWaiting<Ipv6Family>()) {
     scheduleRouteProcessingTask(routeProcessingInterval_);
   }
   routesProcessed();
@@ -351,16 +266,16 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
   }
 }
 
-template <class F>
+template <class Family>
 bool SwRouteSm::hasRoomForWaiting() const {
-  return routeToProcess_.isWaitingForRoom(F::family) && F::routes(*this)->hasRoom();
+  return routeToProcess_.isWaitingForRoom(Family::family) && sides_.of<Family>().routes->hasRoom();
 }
 
 // Routes that wait for room, while there is some. False: it is time to yield.
-template <class F>
+template <class Family>
 bool SwRouteSm::processRoutesThatFindRoom(std::uint64_t& handled) {
-  while (hasRoomForWaiting<F>()) {
-    processVisited(*routeToProcess_.visitWaitingForRoom(F::family));
+  while (hasRoomForWaiting<Family>()) {
+    processVisited(*routeToProcess_.visitWaitingForRoom(Family::family));
     ++handled;
     if (routeProcessingTask_.shouldYield()) return false;
   }
@@ -393,9 +308,9 @@ void SwRouteSm::processRoute(const RouteKey& key, bool vtep, bool init) {
     return;
   }
   if (key.prefix().isV4()) {
-    decideRoute<V4>(*route, ref, vtep, init);
+    decideRoute<Ipv4Family>(*route, ref, vtep, init);
   } else {
-    decideRoute<V6>(*route, ref, vtep, init);
+    decideRoute<Ipv6Family>(*route, ref, vtep, init);
   }
 }
 
@@ -421,7 +336,7 @@ std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const Route& route) {
     return nullptr;
   }
   try {
-    auto ref = createNexthopRefFromViaConfig(*via);
+    auto ref = underlay_.createNexthopRefFromViaConfig(*via);
     if (!ref) trace_(6, "nexthop isnt ready, returning");
     return ref;
   } catch (const RangeError& error) {
@@ -430,80 +345,57 @@ std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const Route& route) {
   }
 }
 
-template <class F>
+template <class Family>
 void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep, bool init) {
   const RouteKey& key = route.key();
-  const auto statusKey = *tableKey<F>(key);
-  const auto published = F::routes(*this)->route(statusKey);
+  const auto statusKey = *tableKey<Family>(key);
+  const auto published = sides_.of<Family>().routes->route(statusKey);
   // Asked before anything is taken: what stands stays, and a new route waits for room.
-  if (!published && !F::routes(*this)->hasRoom()) {
-    F::routeRoom(*this).refused(trace_, "route table full, parked: ", key);
+  if (!published && !sides_.of<Family>().routes->hasRoom()) {
+    sides_.of<Family>().room.refused(trace_, "route table full, parked: ", key);
     unprogrammed_.routeIs(route);
     routeToProcessIs(key, RouteQueue::vtepFlag);
     routeToProcess_.waitForRoom(key.prefix().family());
     return;
   }
-  const AdjId adjId = takeAdjId(ref);
+  const AdjId adjId = adjacencies_.take(ref);
   // A published route holds one registration for each of its VTEPs. One that is not published, was published by a
   // predecessor or changes its next hops holds none of these yet, whatever the flags say.
-  const bool held = published && published->adjId() == adjId && !F::inherited(*this).has(statusKey);
+  const bool held = published && published->adjId() == adjId && !sides_.of<Family>().inherited.has(statusKey);
   vtep = isAdjacency(adjId) && (vtep || !held);
-  if (vtep) addMonitoring(ref->v4nh().get(), ref->v6nh().get());
+  if (vtep) underlay_.addMonitoring(ref->v4nh().get(), ref->v6nh().get());
 
-  vtepResolutionNeeded_ = !adjIds_.current(adjId) && resolutionNeeded(*ref);
-  ref->vtepResolutionNeededIs(vtepResolutionNeeded_);
-  if (!vtepResolutionNeeded_) routeToProcessIs(key, 0);
+  const bool unresolved = !adjacencies_.current(adjId) && underlay_.resolutionNeeded(*ref);
+  underlay_.vtepResolutionNeededIs(unresolved);
+  ref->vtepResolutionNeededIs(unresolved);
+  if (!unresolved) routeToProcessIs(key, 0);
   const bool written = createViaFromNexthopRef(adjId, ref);
-  if (written && !vtepResolutionNeeded_) routeToProcessDel(key);
-  addRoute<F>(key, adjId, ref->v4nh(), ref->v6nh(), vtep, init);
+  if (written && !unresolved) routeToProcessDel(key);
+  addRoute<Family>(key, adjId, ref->v4nh(), ref->v6nh(), vtep, init);
 }
 
-// Finds or allocates the identifier for the next hops, with one more reference.
-AdjId SwRouteSm::takeAdjId(const std::shared_ptr<IpMixedNexthopRef>& ref) {
-  AdjId adjId = adjIds_.adjId(ref);
-  if (isAdjacency(adjId)) {
-    adjIds_.adjIdRefCountIs(adjId, adjIds_.adjIdRefCount(adjId) + 1);
-    return adjId;
-  }
-  adjId = adjIds_.allocateAdjId(ref->v6nh() != nullptr, ref->v4nh() != nullptr);
-  // With the free list empty the route is published without an adjacency, and tried again.
-  if (isAdjacency(adjId)) adjIds_.nexthopIs(ref, adjId);
-  return adjId;
-}
-
-bool SwRouteSm::resolutionNeeded(const IpMixedNexthopRef& ref) const {
-  const auto unanswered = [this](const auto& nexthopRef) {
-    if (!nexthopRef) return false;
-    for (const auto& nexthop : nexthopRef->via()) {
-      if (answerOf(nexthop.remoteVtepIp()).value_or(Fib::FecId()).isEmpty()) return true;
-    }
-    return false;
-  };
-  return unanswered(ref.v4nh()) || unanswered(ref.v6nh());
+template <class Family>
+std::optional<BasicRouteVrfKey<Family>> SwRouteSm::tableKey(const RouteKey& key) const {
+  if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return std::nullopt;
+  return BasicRouteVrfKey<Family>(Family::prefix(key.prefix()), in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId()));
 }
 
 // --- Publishing ------------------------------------------------------------------------------------------------------
 
 void SwRouteSm::addIpv4Route(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                              const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init) {
-  addRoute<V4>(key, adjId, v4nh, v6nh, vtep, init);
+  addRoute<Ipv4Family>(key, adjId, v4nh, v6nh, vtep, init);
 }
 
 void SwRouteSm::addIpv6Route(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                              const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init) {
-  addRoute<V6>(key, adjId, v4nh, v6nh, vtep, init);
+  addRoute<Ipv6Family>(key, adjId, v4nh, v6nh, vtep, init);
 }
 
-bool SwRouteSm::adjacencyStands(AdjId adjId) const {
-  if (!isAdjacency(adjId)) return false;
-  return adjIds_.current(adjId) || ((!adjId.isAdjacencyV4() || in_.ipv4AdjStatus->has(adjId)) &&
-                                    (!adjId.isAdjacencyV6() || in_.ipv6AdjStatus->has(adjId)));
-}
-
-template <class F>
-bool SwRouteSm::isInHw(const typename F::Key& key, AdjId adjId) const {
-  if (!adjacencyStands(adjId)) return false;
-  if constexpr (std::is_same_v<F, V4>) {
+template <class Family>
+bool SwRouteSm::isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId) const {
+  if (!adjacencies_.stands(adjId)) return false;
+  if constexpr (std::is_same_v<Family, Ipv4Family>) {
     if (in_.ipv4HwRouteStatus) {
       const auto hardware = in_.ipv4HwRouteStatus->route(key);
       return hardware && hardware->inHw() && hardware->adjId() == adjId;
@@ -512,21 +404,21 @@ bool SwRouteSm::isInHw(const typename F::Key& key, AdjId adjId) const {
   return true;  // nothing more to check: what is published is what the hardware takes
 }
 
-template <class F>
+template <class Family>
 void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                          const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init) {
-  const auto statusKey = tableKey<F>(key);
+  const auto statusKey = tableKey<Family>(key);
   if (!statusKey) return;
-  auto& routes = *F::routes(*this);
-  const bool inHw = isInHw<F>(*statusKey, adjId);
+  auto& routes = *sides_.of<Family>().routes;
+  const bool inHw = isInHw<Family>(*statusKey, adjId);
   const auto published = routes.route(*statusKey);
-  const bool inherited = F::inherited(*this).erase(*statusKey);
+  const bool inherited = sides_.of<Family>().inherited.erase(*statusKey);
   if (published && published->adjId() == adjId) {
     trace_(7, " adjId equal ", adjId, " init: ", init);
     // An inherited route keeps what was just taken for it; any other one has it already.
     if (!inherited && isAdjacency(adjId)) {
-      if (vtep) removeMonitoring(v4nh.get(), v6nh.get());
-      adjIds_.deallocateAdjId(adjId);
+      if (vtep) underlay_.removeMonitoring(v4nh.get(), v6nh.get());
+      adjacencies_.ids().deallocateAdjId(adjId);
     }
     if (published->inHw() != inHw) routes.routeIs({*statusKey, adjId, inHw});
   } else {
@@ -534,7 +426,7 @@ void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr
     trace_(6, "adding route: ", key);
     // The new identifier stands before the old one may go: no reader finds a route without its adjacency.
     routes.routeIs({*statusKey, adjId, inHw});
-    F::routeRoom(*this).written(routes.hasRoom());
+    sides_.of<Family>().room.written(routes.hasRoom());
     if (published && !inherited && isAdjacency(published->adjId())) deleteAdjFromAdjStatus(published->adjId());
   }
   if (inherited) updateRetention();
@@ -547,26 +439,24 @@ void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr
 
 void SwRouteSm::deleteRouteFromRouteCacheStatus(const RouteKey& key) {
   if (key.prefix().isV4()) {
-    if (const auto statusKey = tableKey<V4>(key)) deleteRoute<V4>(*statusKey);
-  } else if (const auto statusKey = tableKey<V6>(key)) {
-    deleteRoute<V6>(*statusKey);
+    if (const auto statusKey = tableKey<Ipv4Family>(key)) deleteRoute<Ipv4Family>(*statusKey);
+  } else if (const auto statusKey = tableKey<Ipv6Family>(key)) {
+    deleteRoute<Ipv6Family>(*statusKey);
   }
 }
 
-template <class F>
-void SwRouteSm::deleteRoute(const typename F::Key& key) {
-  const auto published = F::routes(*this)->route(key);
+template <class Family>
+void SwRouteSm::deleteRoute(const BasicRouteVrfKey<Family>& key) {
+  const auto published = sides_.of<Family>().routes->route(key);
   if (!published) return;
-  F::routes(*this)->routeDel(key);
-  if (hasRoomForWaiting<F>()) scheduleRouteProcessingTask(routeProcessingInterval_);
-  if (F::inherited(*this).erase(key)) {
+  sides_.of<Family>().routes->routeDel(key);
+  if (hasRoomForWaiting<Family>()) scheduleRouteProcessingTask(routeProcessingInterval_);
+  if (sides_.of<Family>().inherited.erase(key)) {
     updateRetention();
   } else if (isAdjacency(published->adjId())) {
     deleteAdjFromAdjStatus(published->adjId());
   }
 }
-template void SwRouteSm::deleteRoute<SwRouteSm::V4>(const Ipv4RouteVrfKey& key);
-template void SwRouteSm::deleteRoute<SwRouteSm::V6>(const Ipv6RouteVrfKey& key);
 
 // --- The record of unprogrammed routes -------------------------------------------------------------------------------
 
@@ -590,18 +480,171 @@ void SwRouteSm::handleUnprogrammedRecord() {
 bool SwRouteSm::recordNext() {
   if (!unprogrammed_.walkOwed()) return false;
   const auto key = unprogrammed_.walkStep();
-  if (!key || (key->prefix().isV4() ? isPublishedInHw<V4>(*key) : isPublishedInHw<V6>(*key))) return true;
+  if (!key || (key->prefix().isV4() ? isPublishedInHw<Ipv4Family>(*key) : isPublishedInHw<Ipv6Family>(*key)))
+    return true;
   if (const auto route = configOf(*key).route(*key)) unprogrammed_.routeIs(*route);
   return true;
 }
 
-template <class F>
+template <class Family>
 bool SwRouteSm::isPublishedInHw(const RouteKey& key) const {
-  const auto statusKey = tableKey<F>(key);
-  const auto published = statusKey ? F::routes(*this)->route(*statusKey) : std::nullopt;
+  const auto statusKey = tableKey<Family>(key);
+  const auto published = statusKey ? sides_.of<Family>().routes->route(*statusKey) : std::nullopt;
   return published && published->inHw();
 }
-template bool SwRouteSm::isPublishedInHw<SwRouteSm::V4>(const RouteKey& key) const;
-template bool SwRouteSm::isPublishedInHw<SwRouteSm::V6>(const RouteKey& key) const;
+
+// --- Adjacency processing --------------------------------------------------------------------------------------------
+
+void SwRouteSm::handleAdjProcessing() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (enableRouteProcessing_ && !adjacencies_.process(adjProcessingTask_)) {
+    scheduleAdjProcessingTask(adjProcessingInterval_);
+  }
+}
+
+// --- Start: what a predecessor left ----------------------------------------------------------------------------------
+
+void SwRouteSm::handleIpv4AdjSync() {
+  trace_(9, __PRETTY_FUNCTION__);
+  adjSync<Ipv4Family>();
+}
+
+void SwRouteSm::handleIpv6AdjSync() {
+  trace_(9, __PRETTY_FUNCTION__);
+  adjSync<Ipv6Family>();
+}
+
+template <class Family>
+void SwRouteSm::adjSync() {
+  if (!initialized_) return;
+  auto& side = sides_.of<Family>();
+  if (side.adjSync.run(side.adjSyncTask, adjacencies_, *side.routes, side.inherited)) {
+    initRouteProcessing();
+  } else {
+    side.adjSyncTask.schedule(0);
+  }
+}
+
+void SwRouteSm::initRouteProcessing() {
+  trace_(5, "ipv4AdjSync: ", ipv4AdjSyncDone(), " ipv6AdjSync: ", ipv6AdjSyncDone());
+  if (!ipv4AdjSyncDone() || !ipv6AdjSyncDone()) return;
+  enableRouteProcessing_ = true;
+  adjacencies_.ids().freeAdjIdFill();
+  handleRoute();
+  // Records of routes that are gone, or published by now, go when their keys are decided.
+  if (restarted_) {
+    for (auto route = in_.unprogrammedRouteConfig->begin(); route != in_.unprogrammedRouteConfig->end(); ++route) {
+      routeToProcessIs(route->key(), RouteQueue::vtepFlag);
+    }
+  }
+  scheduleRouteSyncTask(routeSyncInterval_);
+  scheduleRoute6SyncTask(routeSyncInterval_);
+  scheduleInitTask(initInterval_);
+}
+
+void SwRouteSm::handleInitComplete() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (enableRouteProcessing_ && restart_) {
+    scheduleAdjCleanupTask(0);
+    scheduleVtepResolutionCleanupTask(0);
+  }
+  restart_ = false;
+}
+
+// --- Route syncs -----------------------------------------------------------------------------------------------------
+
+void SwRouteSm::handleRouteSync() {
+  trace_(9, __PRETTY_FUNCTION__);
+  routeSync<Ipv4Family>("RouteSync");
+}
+
+void SwRouteSm::handleRoute6Sync() {
+  trace_(9, __PRETTY_FUNCTION__);
+  routeSync<Ipv6Family>("Route6Sync");
+}
+
+template <class Family>
+void SwRouteSm::routeSync(std::string_view name) {
+  if (!enableRouteProcessing_) return;
+  auto& side = sides_.of<Family>();
+  const bool ended = side.sync.run(side.syncTask, name, [this](const auto& key) { deleteRoute<Family>(key); });
+  updateRetention();
+  if (!ended) side.syncTask.schedule(0);
+}
+
+// --- Clean-ups after a restart ---------------------------------------------------------------------------------------
+
+bool SwRouteSm::retainingAdjIds() const {
+  const auto accountedFor = [](const auto& side) { return side.sync.endedOnce() && side.inherited.empty(); };
+  return restarted_ && !(accountedFor(sides_.v4) && accountedFor(sides_.v6));
+}
+
+void SwRouteSm::updateRetention() {
+  if (adjIds().retainUnreferenced() && !retainingAdjIds()) adjacencies_.ids().retainUnreferencedIs(false);
+}
+
+void SwRouteSm::handleAdjCleanup() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!enableRouteProcessing_) return;
+  if (retainingAdjIds() || !adjacencies_.cleanUp(adjCleanupTask_)) scheduleAdjCleanupTask(adjCleanupInterval_);
+}
+
+// A request that nobody in this life has made may be that of an inherited route, which forwards by the answer.
+void SwRouteSm::handleVtepResolutionCleanup() {
+  trace_(9, __PRETTY_FUNCTION__);
+  if (!enableRouteProcessing_) return;
+  if (retainingAdjIds()) {
+    scheduleVtepResolutionCleanupTask(adjCleanupInterval_);
+  } else if (!underlay_.cleanUpRequests(vtepResolutionCleanupTask_)) {
+    scheduleVtepResolutionCleanupTask(0);
+  }
+}
+
+// --- Invariants ------------------------------------------------------------------------------------------------------
+
+template <class Family>
+void SwRouteSm::countHeldRoutes(std::map<AdjId, std::uint32_t>& held) const {
+  const auto& side = sides_.of<Family>();
+  for (const auto& route : *side.routes) {
+    const AdjId adjId = route.adjId();
+    const bool inherited = side.inherited.has(route.key());
+    const bool stands = adjacencies_.stands(adjId);
+    PLATFORM_ASSERT_TEXT(stands || !route.inHw() || inherited,
+                         "a published route without an adjacency is not in hardware");
+    if (!isAdjacency(adjId)) continue;
+    if (!inherited) ++held[adjId];
+    PLATFORM_ASSERT_TEXT(adjIds().adjIdRefCountHas(adjId) || inherited, "a published route names an identifier in use");
+    const RouteKey key(in_.vrfIdMap->hwVrfIdToGlobalVrfId(route.key().vrfId()), route.key().prefix());
+    const bool followsHw = Family::family == AddressFamily::ipv4 && in_.ipv4HwRouteStatus;
+    PLATFORM_ASSERT_TEXT((stands && (route.inHw() || followsHw)) || routeToProcess_.flags(key) ||
+                             configWalk_.willMeet(key) || inherited || !side.config.has(key),
+                         "a published route's adjacency stands and it is in hardware, or it is queued for that");
+  }
+}
+
+// Apart from those that are still to be visited as something has changed.
+void SwRouteSm::checkConfiguredRoutes(const Routing::Rib::RouteConfig& config) const {
+  std::set<RouteKey> fresh;
+  routeToProcess_.forEachFresh([&](const RouteKey& key) { fresh.insert(key); });
+  for (const auto& route : config) {
+    const RouteKey& key = route.key();
+    if (&configOf(key) != &config || fresh.contains(key) || configWalk_.willMeet(key)) continue;
+    const bool inHw = key.prefix().isV4() ? isPublishedInHw<Ipv4Family>(key) : isPublishedInHw<Ipv6Family>(key);
+    const bool recorded = unprogrammed_.table().has(key);
+    PLATFORM_ASSERT_TEXT(!recorded || !inHw, "a route that is in hardware is not recorded as unprogrammed");
+    PLATFORM_ASSERT_TEXT(recorded || inHw || unprogrammed_.willMeet(key),
+                         "a configured route that is not in hardware is recorded, or left out for want of room");
+  }
+}
+
+void SwRouteSm::checkInvariants() const {
+  if (!enableRouteProcessing_) return;
+  std::map<AdjId, std::uint32_t> held;
+  countHeldRoutes<Ipv4Family>(held);
+  countHeldRoutes<Ipv6Family>(held);
+  adjacencies_.checkInvariants(held, restarted_);
+  checkConfiguredRoutes(*in_.routeConfig);
+  checkConfiguredRoutes(*in_.route6Config);
+}
 
 }  // namespace RouteCache

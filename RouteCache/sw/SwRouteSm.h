@@ -15,11 +15,9 @@
 // Restart. The tables outlive the agent. A route that a predecessor published and that this life has not processed yet
 // is *inherited*: it holds no reference and no registration. Its first processing makes it an ordinary one.
 //
-// Invariants, between any two callbacks (checkInvariants):
+// Invariants, between any two callbacks (checkInvariants), beside those of Adjacencies and Underlay:
 //   - for each identifier: references = published, not inherited routes that name it;
 //   - for each VTEP: registrations = those routes whose next-hop set names it, each counted once;
-//   - a VTEP's adjacencies are the identifiers in use whose next-hop set names it;
-//   - forward and reverse maps agree;
 //   - every published route names an adjacency that stands, or is queued for one;
 //   - every configured route is published, parked or queued;
 //   - every configured route that is not in hardware is recorded as unprogrammed, unless the record is full.
@@ -29,21 +27,21 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 
 #include "RouteCache/model/Config.h"
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/model/Sides.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/FlatTable.h"
-#include "RouteCache/sw/AdjacencyIds.h"
+#include "RouteCache/sw/Adjacencies.h"
+#include "RouteCache/sw/AdjacencySync.h"
 #include "RouteCache/sw/RouteConfigWalk.h"
 #include "RouteCache/sw/RouteQueue.h"
+#include "RouteCache/sw/RouteSync.h"
+#include "RouteCache/sw/Underlay.h"
 #include "RouteCache/sw/UnprogrammedRecord.h"
-#include "RouteCache/sw/VtepMonitor.h"
-#include "platform/state/Nexthop.h"
-#include "platform/state/Vxlan.h"
 #include "platform/tables/Rib.h"
+#include "platform/tables/TableFollower.h"
 
 namespace RouteCache {
 
@@ -64,7 +62,7 @@ struct SwRouteSmInputs {
   std::shared_ptr<const Vxlan::VtiStatusDir> vtiStatusDir;
 };
 
-class SwRouteSm final : public Lattis::Entity {
+class SwRouteSm final : public Lattis::Entity, private Underlay::User {
  public:
   using RouteKey = Routing::Rib::RouteKey;
   using Via = Routing::Rib::RouteCache::Evpn::Via;
@@ -102,39 +100,52 @@ class SwRouteSm final : public Lattis::Entity {
   void deleteRouteFromRouteCacheStatus(const RouteKey& key);
 
   // --- Adjacencies -----------------------------------------------------------------------------------------------
-  // Writes the adjacency for the identifier where it differs from the table. False: there was no room.
-  bool createViaFromNexthopRef(AdjId adjId, const std::shared_ptr<IpMixedNexthopRef>& ref);
-  bool createIpv4ViaFromNexthopRef(AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh);
-  bool createIpv6ViaFromNexthopRef(AdjId adjId, const std::shared_ptr<Ipv6NexthopRef>& v6nh);
-  // Releases one route's hold on the identifier, registrations included; with the last one the adjacency goes.
-  void deleteAdjFromAdjStatus(AdjId adjId);
-  void adjToProcessIs(AdjId adjId) { adjToProcess_.insert(adjId); }
-  void adjToProcessDel(AdjId adjId) { adjToProcess_.erase(adjId); }
-  bool adjToProcessHas(AdjId adjId) const { return adjToProcess_.contains(adjId); }
-  const std::set<AdjId>& adjToProcess() const { return adjToProcess_; }
-  const AdjacencyIds& adjIds() const { return adjIds_; }
-  void freeAdjIdEnq(AdjId adjId) { adjIds_.freeAdjIdEnq(adjId); }
-  void freeAdjIdDelAll() { adjIds_.freeAdjIdDelAll(); }
+  bool createViaFromNexthopRef(AdjId adjId, const std::shared_ptr<IpMixedNexthopRef>& ref) {
+    return adjacencies_.createViaFromNexthopRef(adjId, ref);
+  }
+  bool createIpv4ViaFromNexthopRef(AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh) {
+    return adjacencies_.createVia(adjId, *v4nh);
+  }
+  bool createIpv6ViaFromNexthopRef(AdjId adjId, const std::shared_ptr<Ipv6NexthopRef>& v6nh) {
+    return adjacencies_.createVia(adjId, *v6nh);
+  }
+  void deleteAdjFromAdjStatus(AdjId adjId) { adjacencies_.deleteAdjFromAdjStatus(adjId); }
+  void adjToProcessIs(AdjId adjId) { adjacencies_.adjToProcessIs(adjId); }
+  void adjToProcessDel(AdjId adjId) { adjacencies_.adjToProcessDel(adjId); }
+  bool adjToProcessHas(AdjId adjId) const { return adjToProcess().contains(adjId); }
+  const std::set<AdjId>& adjToProcess() const { return adjacencies_.adjToProcess(); }
+  const AdjacencyIds& adjIds() const { return adjacencies_.ids(); }
+  void freeAdjIdEnq(AdjId adjId) { adjacencies_.ids().freeAdjIdEnq(adjId); }
+  void freeAdjIdDelAll() { adjacencies_.ids().freeAdjIdDelAll(); }
 
   // --- Next hops and VTEPs ---------------------------------------------------------------------------------------
-  void addUnderlayVtepIpv4Monitoring(IpAddr ip);
-  void removeUnderlayVtepIpv4Monitoring(IpAddr ip);
-  void addUnderlayVtepIpv6Monitoring(const Ip6Addr& ip);
-  void removeUnderlayVtepIpv6Monitoring(const Ip6Addr& ip);
-  std::uint32_t ipv4RemoteVtepRefCount(IpAddr ip) const { return vteps4_.refCount(ip); }
-  std::uint32_t ipv6RemoteVtepRefCount(const Ip6Addr& ip) const { return vteps6_.refCount(ip); }
-  std::shared_ptr<AdjIdColl> remoteVtepIpv4ToAdjId(IpAddr ip) const { return vteps4_.adjIds(ip); }
-  std::shared_ptr<AdjIdColl> remoteVtepIpv6ToAdjId(const Ip6Addr& ip) const { return vteps6_.adjIds(ip); }
-  // What the via's next hops come to with the tunnel interfaces as they are: null when none is usable yet (unknown
-  // interface, VNI without a VLAN), neither part when the interfaces are down. Throws RangeError over 32 next hops.
-  std::shared_ptr<IpMixedNexthopRef> createNexthopRefFromViaConfig(const Via& via) const;
-  static std::shared_ptr<Ipv4NexthopRef> createIpv4NexthopRefFromIpv4Via(const Ipv4Via& via);
-  static std::shared_ptr<Ipv6NexthopRef> createIpv6NexthopRefFromIpv6Via(const Ipv6Via& via);
-  std::shared_ptr<SwRouteVtiStatus> swRouteVtiStatusColl(IntfId intfId) const;  // null: unknown interface
-  const std::shared_ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig() const { return nexthopVrfConfig_; }
-  const std::shared_ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus() const { return nexthopVrfStatus_; }
-  // As the last route processed had it, for traces.
-  bool vtepResolutionNeeded() const { return vtepResolutionNeeded_; }
+  void addUnderlayVtepIpv4Monitoring(IpAddr ip) { underlay_.addMonitoring(ip); }
+  void removeUnderlayVtepIpv4Monitoring(IpAddr ip) { underlay_.removeMonitoring(ip); }
+  void addUnderlayVtepIpv6Monitoring(const Ip6Addr& ip) { underlay_.addMonitoring(ip); }
+  void removeUnderlayVtepIpv6Monitoring(const Ip6Addr& ip) { underlay_.removeMonitoring(ip); }
+  std::uint32_t ipv4RemoteVtepRefCount(IpAddr ip) const { return underlay_.refCount(ip); }
+  std::uint32_t ipv6RemoteVtepRefCount(const Ip6Addr& ip) const { return underlay_.refCount(ip); }
+  std::shared_ptr<AdjIdColl> remoteVtepIpv4ToAdjId(IpAddr ip) const { return underlay_.vteps<Ipv4Family>().adjIds(ip); }
+  std::shared_ptr<AdjIdColl> remoteVtepIpv6ToAdjId(const Ip6Addr& ip) const {
+    return underlay_.vteps<Ipv6Family>().adjIds(ip);
+  }
+  std::shared_ptr<IpMixedNexthopRef> createNexthopRefFromViaConfig(const Via& via) const {
+    return underlay_.createNexthopRefFromViaConfig(via);
+  }
+  static std::shared_ptr<Ipv4NexthopRef> createIpv4NexthopRefFromIpv4Via(const Ipv4Via& via) {
+    return nexthopRefFrom(via);
+  }
+  static std::shared_ptr<Ipv6NexthopRef> createIpv6NexthopRefFromIpv6Via(const Ipv6Via& via) {
+    return nexthopRefFrom(via);
+  }
+  std::shared_ptr<SwRouteVtiStatus> swRouteVtiStatusColl(IntfId intfId) const {
+    return underlay_.swRouteVtiStatusColl(intfId);
+  }
+  const std::shared_ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig() const { return underlay_.nexthopVrfConfig(); }
+  const std::shared_ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus() const {
+    return underlay_.nexthopVrfStatus();
+  }
+  bool vtepResolutionNeeded() const { return underlay_.vtepResolutionNeeded(); }
 
   // --- The tables, for reading ------------------------------------------------------------------------------------
   std::shared_ptr<const Ipv4RouteStatus> ipv4RouteStatus() const { return in_.ipv4RouteStatus; }
@@ -175,10 +186,9 @@ class SwRouteSm final : public Lattis::Entity {
   // looked after, at least 0.001.
   bool initialized() const { return initialized_; }
   bool restart() const { return restart_; }
-  bool ipv4AdjSyncDone() const { return ipv4AdjSync_.done; }
-  bool ipv6AdjSyncDone() const { return ipv6AdjSync_.done; }
+  bool ipv4AdjSyncDone() const { return sides_.v4.adjSync.done(); }
+  bool ipv6AdjSyncDone() const { return sides_.v6.adjSync.done(); }
   bool enableRouteProcessing() const { return enableRouteProcessing_; }
-  void enableRouteProcessingIs(bool enable) { enableRouteProcessing_ = enable; }
   double routeProcessingInterval() const { return routeProcessingInterval_; }
   void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
@@ -196,12 +206,12 @@ class SwRouteSm final : public Lattis::Entity {
   std::uint64_t routeToProcessCount() const { return routeToProcess_.size(); }
   // How often the record of an unprogrammed route was left out because its table was full.
   std::uint64_t unprogrammedSkipped() const { return unprogrammed_.refusals(); }
-  std::optional<Ipv4RouteVrfKey> routeSyncBookmark() const { return ipv4Sync_.bookmark; }
-  std::optional<Ipv6RouteVrfKey> route6SyncBookmark() const { return ipv6Sync_.bookmark; }
-  std::optional<AdjId> ipv4AdjSyncBookmark() const { return ipv4AdjSync_.bookmark; }
-  std::optional<AdjId> ipv6AdjSyncBookmark() const { return ipv6AdjSync_.bookmark; }
-  AdjId adjCleanupBookmark() const { return adjCleanupBookmark_; }
-  IpGenAddr vtepCleanupBookmark() const { return vtepCleanupBookmark_; }
+  std::optional<Ipv4RouteVrfKey> routeSyncBookmark() const { return sides_.v4.sync.bookmark(); }
+  std::optional<Ipv6RouteVrfKey> route6SyncBookmark() const { return sides_.v6.sync.bookmark(); }
+  std::optional<AdjId> ipv4AdjSyncBookmark() const { return sides_.v4.adjSync.bookmark(); }
+  std::optional<AdjId> ipv6AdjSyncBookmark() const { return sides_.v6.adjSync.bookmark(); }
+  AdjId adjCleanupBookmark() const { return adjacencies_.adjCleanupBookmark(); }
+  IpGenAddr vtepCleanupBookmark() const { return underlay_.vtepCleanupBookmark(); }
 
   const Lattis::EntityType& entityType() const override;
   // An interval out of its range.
@@ -210,126 +220,84 @@ class SwRouteSm final : public Lattis::Entity {
   void checkInvariants() const;
 
  private:
-  friend class VtiStatusReactor;
-  friend class NexthopVrfStatusReactor;
-  class RouteConfigReactor;
-  class HwRouteReactor;
   class VrfIdReactor;
-  class NexthopConfigReactor;
-  class NexthopStatusReactor;
-  class VtiStatusDirReactor;
+  template <class Table>
+  using Follower = Pondra::TableFollower<Table, SwRouteSm>;
 
-  // The twins' types, and which members serve each.
-  struct V4;
-  struct V6;
+  // What there is of the routes of each family. Their next hops are independent of it: an IPv4 route may leave over
+  // IPv6 tunnels.
+  template <class Family>
+  struct Side {
+    using Key = BasicRouteVrfKey<Family>;
+    Side(std::shared_ptr<RouteStatus<Family>> table, const Routing::Rib::RouteConfig& configured,
+         const SwRouteSmInputs& in, const Platform::TraceHandle& trace, DeferredTask& routeTask, DeferredTask& adjTask)
+        : routes(std::move(table)),
+          config(configured),
+          sync(*routes, config, *in.vrfIdMap, trace),
+          syncTask(routeTask),
+          adjSyncTask(adjTask) {}
+    std::shared_ptr<RouteStatus<Family>> routes;
+    const Routing::Rib::RouteConfig& config;
+    FlatSet<Key> inherited;  // published by a predecessor, not processed in this life
+    RoomEpisode room;
+    RouteSync<Family> sync;
+    AdjacencySync<Family> adjSync;
+    DeferredTask& syncTask;
+    DeferredTask& adjSyncTask;
+  };
 
-  // Walk of one published route table that withdraws what is no longer configured or no longer its VRF's. Once begun it
-  // goes on without a pause, taking turns with route processing.
-  template <class Key>
-  struct RouteSync {
-    std::optional<Key> bookmark;  // set: a walk is under way
-    bool again = false;           // a VRF went during the walk: start over after its end
-    bool endedOnce = false;
-  };
-  // Walk of one adjacency table at start, followed by the collection of the inherited routes of the family.
-  template <class Key>
-  struct AdjSync {
-    std::optional<AdjId> bookmark;
-    bool adjacenciesDone = false;
-    std::optional<Key> routeBookmark;
-    bool done = false;
-  };
-  // A table that was found full: traced once until there is room again.
-  struct RoomEpisode {
-    bool full = false;
-    template <class Text, class Key>
-    void refused(const Platform::TraceHandle& trace, const Text& text, const Key& key) {
-      if (!full) trace(2, text, key);
-      full = true;
-    }
-    void written(bool hasRoom) { full = full && !hasRoom; }
-  };
+  void handleUnderlay() override { scheduleAllRoutesForProcessing(true, false); }
+  void handleAnswers() override;
+  void handleAnswer(const AdjIdColl& adjIds) override;
 
   const Routing::Rib::RouteConfig& configOf(const RouteKey& key) const {
     return key.prefix().isV4() ? *in_.routeConfig : *in_.route6Config;
   }
   // The key in the route status tables, or nothing while the VRF has no hardware id.
-  template <class F>
-  std::optional<typename F::Key> tableKey(const RouteKey& key) const;
+  template <class Family>
+  std::optional<BasicRouteVrfKey<Family>> tableKey(const RouteKey& key) const;
 
   // Steps of processRoute.
   void forgetRoute(const RouteKey& key);
   void parkRoute(const Routing::Rib::Route& route);
   std::shared_ptr<IpMixedNexthopRef> nexthopRefOf(const Routing::Rib::Route& route);
-  template <class F>
+  template <class Family>
   void decideRoute(const Routing::Rib::Route& route, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep,
                    bool init);
-  AdjId takeAdjId(const std::shared_ptr<IpMixedNexthopRef>& ref);
-  bool resolutionNeeded(const IpMixedNexthopRef& ref) const;
-
-  template <class F>
+  template <class Family>
   void addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                 const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init);
-  template <class F>
-  bool isInHw(const typename F::Key& key, AdjId adjId) const;
-  // Readers find all of the adjacency.
-  bool adjacencyStands(AdjId adjId) const;
-  template <class F>
-  void deleteRoute(const typename F::Key& key);
+  template <class Family>
+  bool isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId) const;
+  template <class Family>
+  void deleteRoute(const BasicRouteVrfKey<Family>& key);
   // Takes the route out of the record; what was left out of it may come in.
   void unprogrammedRouteDel(const RouteKey& key);
   bool recordNext();
-  template <class F>
+  template <class Family>
   bool isPublishedInHw(const RouteKey& key) const;
 
-  void addMonitoring(const Ipv4NexthopRef* v4nh, const Ipv6NexthopRef* v6nh);
-  void removeMonitoring(const Ipv4NexthopRef* v4nh, const Ipv6NexthopRef* v6nh);
-  template <class F>
-  bool createVia(AdjId adjId, const typename F::NexthopRef& ref);
-  template <class F>
-  void deleteVia(AdjId adjId);
-  std::optional<Fib::FecId> answerOf(const IpGenAddr& vtep) const;
-
-  template <class F>
+  template <class Family>
   void adjSync();
-  template <class F>
-  bool syncAdjacencies();
-  template <class F>
-  void adoptAdjacency(const typename F::Via& via);
-  template <class F>
-  bool collectInheritedRoutes();
-  template <class F>
-  void routeSync(void (SwRouteSm::*scheduleSync)(double), const char* rescheduled, const char* ended);
-  template <class F>
-  void syncRoute(const typename F::Key& key);
-  template <class F>
-  void vrfGone(RouteSync<typename F::Key>& sync);
+  template <class Family>
+  void routeSync(std::string_view name);
+  template <class Family>
+  void vrfGone();
   // While true, identifiers that nobody holds stay, and requests that nobody has made: unprocessed routes of a
   // predecessor may name the ones and forward by the answers to the others.
   bool retainingAdjIds() const;
   void updateRetention();
 
   bool processFreshRoutes(std::uint64_t& handled);
-  template <class F>
+  template <class Family>
   bool processRoutesThatFindRoom(std::uint64_t& handled);
-  template <class F>
+  template <class Family>
   bool hasRoomForWaiting() const;
   void routesProcessed();
   void processVisited(const RouteQueue::Visit& visit);
 
-  // Registers the underlay's VRF with the resolver, and again if somebody else has withdrawn it.
-  void nexthopVrfConfigIs();
-  void nexthopVrfStatusIs(const L3::VrfName& name);
-  void nexthopVrfStatusDel(const L3::VrfName& name);
-  void nexthopVrfStatusDelAll();
-  void vtiStatusIs(IntfId intfId);
-  void vtiStatusDel(IntfId intfId);
-  void vtiStatusDelAll();
-
-  template <class F>
-  std::map<AdjId, std::uint32_t> countHeldRoutes() const;
-  void checkHeldRoutes(const std::map<AdjId, std::uint32_t>& held) const;
-  void checkVtepUses() const;
+  template <class Family>
+  void countHeldRoutes(std::map<AdjId, std::uint32_t>& held) const;
   void checkConfiguredRoutes(const Routing::Rib::RouteConfig& config) const;
 
   const SwRouteSmInputs in_;
@@ -338,35 +306,15 @@ class SwRouteSm final : public Lattis::Entity {
   RouteQueue routeToProcess_;
   std::size_t leftoverRound_ = 0;  // leftovers still to visit in the round that goes on
   RouteConfigWalk configWalk_;
-  AdjacencyIds adjIds_;
-  std::set<AdjId> adjToProcess_;
-  VtepMonitor<IpAddr> vteps4_;
-  VtepMonitor<Ip6Addr> vteps6_;
-  std::map<IntfId, std::shared_ptr<SwRouteVtiStatus>> swRouteVtiStatusColl_;
+  Underlay underlay_;
+  Adjacencies adjacencies_;
   // The VRFs as they were when last heard of, to tell a new VRF from one that moved.
   std::map<std::uint32_t, std::uint32_t> knownHwVrfId_;
-  // Published by a predecessor, not processed in this life.
-  FlatSet<Ipv4RouteVrfKey> inherited4_;
-  FlatSet<Ipv6RouteVrfKey> inherited6_;
-  std::shared_ptr<Routing::NexthopVrfConfig> nexthopVrfConfig_;
-  std::shared_ptr<const Routing::NexthopVrfStatus> nexthopVrfStatus_;  // of the VRF "default"; null: no answers yet
   UnprogrammedRecord unprogrammed_;
-  RoomEpisode routeRoom4_;
-  RoomEpisode routeRoom6_;
-  RoomEpisode adjRoom4_;
-  RoomEpisode adjRoom6_;
-
-  RouteSync<Ipv4RouteVrfKey> ipv4Sync_;
-  RouteSync<Ipv6RouteVrfKey> ipv6Sync_;
-  AdjSync<Ipv4RouteVrfKey> ipv4AdjSync_;
-  AdjSync<Ipv6RouteVrfKey> ipv6AdjSync_;
-  AdjId adjCleanupBookmark_;
-  IpGenAddr vtepCleanupBookmark_;
   bool initialized_ = false;
   bool enableRouteProcessing_ = false;
   const bool restarted_;  // what restart_ was at first
   bool restart_;
-  bool vtepResolutionNeeded_ = false;
   double routeProcessingInterval_ = 0;
   double routeProcessingIntervalDefer_ = 1.0;
   double adjProcessingInterval_ = 0;
@@ -386,17 +334,13 @@ class SwRouteSm final : public Lattis::Entity {
   DeferredTask adjProcessingTask_;
   DeferredTask leftoverProcessingTask_;
   DeferredTask unprogrammedRecordTask_;
+  Sides<Side> sides_;
 
   // Last: they call back into all of the above.
-  std::unique_ptr<RouteConfigReactor> routeReactor_;
-  std::unique_ptr<RouteConfigReactor> route6Reactor_;
-  std::unique_ptr<HwRouteReactor> hwRouteReactor_;
+  std::unique_ptr<Follower<Routing::Rib::RouteConfig>> routeReactor_;
+  std::unique_ptr<Follower<Routing::Rib::RouteConfig>> route6Reactor_;
+  std::unique_ptr<Follower<Ipv4RouteStatus>> hwRouteReactor_;
   std::unique_ptr<VrfIdReactor> vrfIdReactor_;
-  std::unique_ptr<NexthopConfigReactor> nexthopConfigReactor_;
-  std::unique_ptr<NexthopStatusReactor> nexthopStatusReactor_;
-  std::unique_ptr<VtiStatusDirReactor> vtiStatusDirReactor_;
-  std::map<L3::VrfName, std::unique_ptr<class NexthopVrfStatusReactor>> nexthopVrfStatusReactors_;
-  std::map<IntfId, std::unique_ptr<class VtiStatusReactor>> vtiStatusReactors_;
 };
 
 // Makes the state machine; handleInitialized() starts it.
