@@ -10,54 +10,7 @@ namespace RouteCache {
 
 using Platform::TaskPriority;
 
-// --- Families --------------------------------------------------------------------------------------------------------
-
-struct KernelRouteSm::V4 {
-  using Key = Ipv4RouteVrfKey;
-  using Trie = Routing::Trie;
-  using Reactor = KernelRouteSm::TrieReactor;
-  static constexpr std::string_view walkText = "scheduleSwIpv4RouteStatusWalk for hwVrfId: ";
-  static auto& side(KernelRouteSm& sm) { return sm.v4_; }
-  static const auto& side(const KernelRouteSm& sm) { return sm.v4_; }
-  static const Ipv4RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv4RouteStatus; }
-  static const Routing::Rib::RouteConfig& config(const KernelRouteSm& sm) { return *sm.in_.routeConfig; }
-  static std::shared_ptr<Trie> trie(const KernelRouteSm& sm, std::uint32_t hwVrfId) {
-    return sm.in_.vrfCachedRoute->vrfTrie(hwVrfId);
-  }
-  static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries(); }
-  static void handleCachedRoute(KernelRouteSm& sm, const Key& key) { sm.handleIpv4CachedRoute(key); }
-};
-
-struct KernelRouteSm::V6 {
-  using Key = Ipv6RouteVrfKey;
-  using Trie = Routing6::Trie;
-  using Reactor = KernelRouteSm::Trie6Reactor;
-  static constexpr std::string_view walkText = "scheduleSwIpv6RouteStatusWalk for hwVrfId: ";
-  static auto& side(KernelRouteSm& sm) { return sm.v6_; }
-  static const auto& side(const KernelRouteSm& sm) { return sm.v6_; }
-  static const Ipv6RouteStatus& routes(const KernelRouteSm& sm) { return *sm.in_.swIpv6RouteStatus; }
-  static const Routing::Rib::RouteConfig& config(const KernelRouteSm& sm) { return *sm.in_.route6Config; }
-  static std::shared_ptr<Trie> trie(const KernelRouteSm& sm, std::uint32_t hwVrfId) {
-    return sm.in_.vrfCachedRoute->vrfTrie6(hwVrfId);
-  }
-  static auto tries(const KernelRouteSm& sm) { return sm.in_.vrfCachedRoute->vrfTries6(); }
-  static void handleCachedRoute(KernelRouteSm& sm, const Key& key) { sm.handleIpv6CachedRoute(key); }
-};
-
 // --- Reactors --------------------------------------------------------------------------------------------------------
-
-template <class Table>
-class KernelRouteSm::TableReactor final : public Table::Reactor {
- public:
-  using Handler = void (KernelRouteSm::*)(const typename Table::Key&);
-  TableReactor(KernelRouteSm& sm, std::shared_ptr<const Table> table, Handler handler)
-      : Table::Reactor(std::move(table)), sm_(sm), handler_(handler) {}
-  void handleEntry(const typename Table::Key& key) override { (sm_.*handler_)(key); }
-
- private:
-  KernelRouteSm& sm_;
-  Handler handler_;
-};
 
 class KernelRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
  public:
@@ -73,80 +26,74 @@ class KernelRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reacto
  public:
   VrfCachedRouteReactor(KernelRouteSm& sm, std::shared_ptr<const VrfCachedRoute> tries)
       : Reactor(std::move(tries)), sm_(sm) {}
-  void handleVrfTrie(std::uint32_t hwVrfId) override { follow<V4>(hwVrfId); }
-  void handleVrfTrie6(std::uint32_t hwVrfId) override { follow<V6>(hwVrfId); }
+  void handleVrfTrie(std::uint32_t hwVrfId) override { follow<Ipv4Family>(hwVrfId); }
+  void handleVrfTrie6(std::uint32_t hwVrfId) override { follow<Ipv6Family>(hwVrfId); }
 
  private:
-  template <class F>
+  template <class Family>
   void follow(std::uint32_t hwVrfId) {
     sm_.trace_(9, __PRETTY_FUNCTION__);
-    const bool hadTrie = F::side(sm_).tries.contains(hwVrfId);
-    sm_.trieReactorDel<F>(hwVrfId);
-    sm_.trieReactorIs<F>(hwVrfId);
+    const bool hadTrie = sm_.sides_.of<Family>().tries.contains(hwVrfId);
+    sm_.trieReactorDel<Family>(hwVrfId);
+    sm_.trieReactorIs<Family>(hwVrfId);
     // A trie that nobody else holds has told this itself, at its end.
-    if (hadTrie) sm_.trieChanged<F>(hwVrfId);
+    if (hadTrie) sm_.trieChanged<Family>(hwVrfId);
   }
   KernelRouteSm& sm_;
 };
 
 // Hears of the cached prefixes of one VRF.
-template <class F>
-class KernelRouteSm::CachedPrefixReactor : public F::Trie::Reactor {
+template <class Family>
+class KernelRouteSm::TrieReactor final : public CachedTrie<Family>::Reactor {
  public:
-  CachedPrefixReactor(KernelRouteSm& sm, const std::shared_ptr<const typename F::Trie>& trie, std::uint32_t hwVrfId)
-      : F::Trie::Reactor(trie), sm_(sm), hwVrfId_(hwVrfId) {}
-  void handleTrieDelete() override { sm_.trieChanged<F>(hwVrfId_); }
-
- protected:
-  void prefixChanged(std::uint32_t id) {
+  TrieReactor(KernelRouteSm& sm, const std::shared_ptr<const CachedTrie<Family>>& trie, std::uint32_t hwVrfId)
+      : CachedTrie<Family>::Reactor(trie), sm_(sm), hwVrfId_(hwVrfId) {}
+  void handleRouteCachePrefix(std::uint32_t id) override {
     sm_.trace_(9, __PRETTY_FUNCTION__);
     const auto prefix = this->trie()->prefix(id);
-    if (prefix) sm_.cachedPrefixChanged<F>(typename F::Key(*prefix, hwVrfId_));
+    if (prefix) sm_.cachedPrefixChanged<Family>({*prefix, hwVrfId_});
   }
+  void handleTrieDelete() override { sm_.trieChanged<Family>(hwVrfId_); }
 
  private:
   KernelRouteSm& sm_;
   std::uint32_t hwVrfId_;
 };
 
-class KernelRouteSm::TrieReactor final : public CachedPrefixReactor<V4> {
- public:
-  using CachedPrefixReactor::CachedPrefixReactor;
-  void handleRouteCachePrefix(std::uint32_t id) override { prefixChanged(id); }
-};
-
-class KernelRouteSm::Trie6Reactor final : public CachedPrefixReactor<V6> {
- public:
-  using CachedPrefixReactor::CachedPrefixReactor;
-  void handleRouteCachePrefix(std::uint32_t id) override { handleRouteCachePrefix6(id); }
-  void handleRouteCachePrefix6(std::uint32_t id) { prefixChanged(id); }
-};
-
-template <class F>
-void KernelRouteSm::trieReactorIs(std::uint32_t hwVrfId) {
-  const auto trie = F::trie(*this, hwVrfId);
-  if (!trie) return;
-  F::side(*this).tries[hwVrfId] = std::make_unique<typename F::Reactor>(*this, trie, hwVrfId);
-  if (!trie->empty()) trieSweepIs<F>(hwVrfId);
+template <class Family>
+auto KernelRouteSm::trie(std::uint32_t hwVrfId) const {
+  if constexpr (std::is_same_v<Family, Ipv4Family>) {
+    return in_.vrfCachedRoute->vrfTrie(hwVrfId);
+  } else {
+    return in_.vrfCachedRoute->vrfTrie6(hwVrfId);
+  }
 }
 
-template <class F>
+template <class Family>
+void KernelRouteSm::trieReactorIs(std::uint32_t hwVrfId) {
+  const auto found = trie<Family>(hwVrfId);
+  if (!found) return;
+  sides_.of<Family>().tries[hwVrfId] = std::make_unique<TrieReactor<Family>>(*this, found, hwVrfId);
+  if (!found->empty()) trieSweepIs<Family>(hwVrfId);
+}
+
+template <class Family>
 void KernelRouteSm::trieReactorDel(std::uint32_t hwVrfId) {
-  F::side(*this).tries.erase(hwVrfId);
-  F::side(*this).trieSweep.erase(hwVrfId);
+  sides_.of<Family>().tries.erase(hwVrfId);
+  sides_.of<Family>().trieSweep.erase(hwVrfId);
 }
 
 void KernelRouteSm::trieIs(std::uint32_t hwVrfId) {
-  trieReactorIs<V4>(hwVrfId);
+  trieReactorIs<Ipv4Family>(hwVrfId);
 }
 void KernelRouteSm::trieDel(std::uint32_t hwVrfId) {
-  trieReactorDel<V4>(hwVrfId);
+  trieReactorDel<Ipv4Family>(hwVrfId);
 }
 void KernelRouteSm::trie6Is(std::uint32_t hwVrfId) {
-  trieReactorIs<V6>(hwVrfId);
+  trieReactorIs<Ipv6Family>(hwVrfId);
 }
 void KernelRouteSm::trie6Del(std::uint32_t hwVrfId) {
-  trieReactorDel<V6>(hwVrfId);
+  trieReactorDel<Ipv6Family>(hwVrfId);
 }
 
 // --- Life ------------------------------------------------------------------------------------------------------------
@@ -157,10 +104,12 @@ KernelRouteSm::KernelRouteSm(const KernelRouteSmInputs& inputs, Platform::TaskSc
       in_(inputs),
       capacity_(inputs.routeCacheCapability->hwRouteTableSize()),
       trace_(trace, "RouteCacheKernelRouteSm"),
-      v4_(*inputs.swIpv4RouteStatus, DeferredTask(scheduler, trace_, "ipv4RouteProcessingTask",
-                                                  TaskPriority::processing, [this] { handleIpv4RouteProcessing(); })),
-      v6_(*inputs.swIpv6RouteStatus, DeferredTask(scheduler, trace_, "ipv6RouteProcessingTask",
-                                                  TaskPriority::processing, [this] { handleIpv6RouteProcessing(); })),
+      sides_{{*inputs.swIpv4RouteStatus, *inputs.routeConfig,
+              DeferredTask(scheduler, trace_, "ipv4RouteProcessingTask", TaskPriority::processing,
+                           [this] { handleIpv4RouteProcessing(); })},
+             {*inputs.swIpv6RouteStatus, *inputs.route6Config,
+              DeferredTask(scheduler, trace_, "ipv6RouteProcessingTask", TaskPriority::processing,
+                           [this] { handleIpv6RouteProcessing(); })}},
       kernelRouteProcessingTask_(scheduler, trace_, "kernelRouteProcessingTask", TaskPriority::processing,
                                  [this] { handleKernelRouteProcessing(); }),
       kernelRouteSyncTask_(scheduler, trace_, "kernelRouteSyncTask", TaskPriority::processing,
@@ -178,15 +127,10 @@ std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs
 void KernelRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
-  const auto follow = [this]<class Table>(std::unique_ptr<TableReactor<Table>>& reactor,
-                                          std::shared_ptr<const Table> table,
-                                          typename TableReactor<Table>::Handler handler) {
-    reactor = std::make_unique<TableReactor<Table>>(*this, std::move(table), handler);
-  };
-  follow(swRouteReactor_, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute);
-  follow(swRoute6Reactor_, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute);
-  follow(routeReactor_, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
-  follow(route6Reactor_, in_.route6Config, &KernelRouteSm::handleRouteConfig);
+  Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute);
+  Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute);
+  Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
+  Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
   vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
@@ -221,64 +165,66 @@ std::string KernelRouteSm::fault() const {
 
 // --- Reactions -------------------------------------------------------------------------------------------------------
 
-template <class F>
-void KernelRouteSm::queueKey(const typename F::Key& key) {
+template <class Family>
+void KernelRouteSm::queueKey(const BasicRouteVrfKey<Family>& key) {
   trace_(7, "prefix: ", key.prefix(), " vrfId: ", key.vrfId());
-  F::side(*this).toProcess.keyIs(key);
-  F::side(*this).task.schedule(routeProcessingInterval_);
+  sides_.of<Family>().toProcess.keyIs(key);
+  sides_.of<Family>().task.schedule(routeProcessingInterval_);
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::vrfWalkIs(std::uint32_t hwVrfId) {
-  trace_(6, F::walkText, hwVrfId);
-  F::side(*this).walk.vrfIs(hwVrfId);
-  F::side(*this).task.schedule(routeProcessingInterval_);
+  constexpr std::string_view text = std::is_same_v<Family, Ipv4Family> ? "scheduleSwIpv4RouteStatusWalk for hwVrfId: "
+                                                                       : "scheduleSwIpv6RouteStatusWalk for hwVrfId: ";
+  trace_(6, text, hwVrfId);
+  sides_.of<Family>().walk.vrfIs(hwVrfId);
+  sides_.of<Family>().task.schedule(routeProcessingInterval_);
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::trieSweepIs(std::uint32_t hwVrfId) {
-  F::side(*this).trieSweep[hwVrfId] = {};
-  vrfWalkIs<F>(hwVrfId);
+  sides_.of<Family>().trieSweep[hwVrfId] = {};
+  vrfWalkIs<Family>(hwVrfId);
 }
 
 void KernelRouteSm::handleIpv4SwRoute(const Ipv4RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<V4>(key);
+  queueKey<Ipv4Family>(key);
 }
 
 void KernelRouteSm::handleIpv6SwRoute(const Ipv6RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<V6>(key);
+  queueKey<Ipv6Family>(key);
 }
 
 void KernelRouteSm::handleIpv4SwRoute() {
   trace_(9, __PRETTY_FUNCTION__);
-  v4_.walk.allIs();
+  sides_.v4.walk.allIs();
   scheduleIpv4RouteProcessingTask(routeProcessingInterval_);
 }
 
 void KernelRouteSm::handleIpv6SwRoute() {
   trace_(9, __PRETTY_FUNCTION__);
-  v6_.walk.allIs();
+  sides_.v6.walk.allIs();
   scheduleIpv6RouteProcessingTask(routeProcessingInterval_);
 }
 
 void KernelRouteSm::handleIpv4CachedRoute(const Ipv4RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<V4>(key);
+  queueKey<Ipv4Family>(key);
 }
 
 void KernelRouteSm::handleIpv6CachedRoute(const Ipv6RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<V6>(key);
+  queueKey<Ipv6Family>(key);
 }
 
 void KernelRouteSm::scheduleSwIpv4RouteStatusWalk(std::uint32_t hwVrfId) {
-  vrfWalkIs<V4>(hwVrfId);
+  vrfWalkIs<Ipv4Family>(hwVrfId);
 }
 
 void KernelRouteSm::scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId) {
-  vrfWalkIs<V6>(hwVrfId);
+  vrfWalkIs<Ipv6Family>(hwVrfId);
 }
 
 void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
@@ -286,9 +232,9 @@ void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
   if (!in_.kernelRouteStatus->has(key) || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return;
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
   if (key.prefix().isV4()) {
-    queueKey<V4>({key.prefix().v4(), hwVrfId});
+    queueKey<Ipv4Family>({key.prefix().v4(), hwVrfId});
   } else {
-    queueKey<V6>({key.prefix().v6(), hwVrfId});
+    queueKey<Ipv6Family>({key.prefix().v6(), hwVrfId});
   }
 }
 
@@ -308,19 +254,23 @@ void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
   const auto standing = in_.kernelRouteStatus->lowerBound(RouteKey(piVrfId, IpGenPrefix()));
   if (standing != in_.kernelRouteStatus->end() && standing->key().vrfId() == piVrfId) addKernelRouteVrfIdColl(piVrfId);
   // A trie that outlived the old id has told its prefixes while they could not be written.
-  if (v4_.tries.contains(hwVrfId)) trieSweepIs<V4>(hwVrfId);
-  if (v6_.tries.contains(hwVrfId)) trieSweepIs<V6>(hwVrfId);
+  if (sides_.v4.tries.contains(hwVrfId)) trieSweepIs<Ipv4Family>(hwVrfId);
+  if (sides_.v6.tries.contains(hwVrfId)) trieSweepIs<Ipv6Family>(hwVrfId);
 }
 
-template <class F>
-void KernelRouteSm::cachedPrefixChanged(const typename F::Key& key) {
+template <class Family>
+void KernelRouteSm::cachedPrefixChanged(const BasicRouteVrfKey<Family>& key) {
   if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(key.vrfId())) return;
-  F::side(*this).walk.coveredIs(key);
-  F::handleCachedRoute(*this, key);
+  sides_.of<Family>().walk.coveredIs(key);
+  if constexpr (std::is_same_v<Family, Ipv4Family>) {
+    handleIpv4CachedRoute(key);
+  } else {
+    handleIpv6CachedRoute(key);
+  }
 }
 
 void KernelRouteSm::reviewWaiting() {
-  if (!v4_.toProcess.hasWaiting(cachedRoom) && !v6_.toProcess.hasWaiting(cachedRoom)) return;
+  if (!sides_.v4.toProcess.hasWaiting(cachedRoom) && !sides_.v6.toProcess.hasWaiting(cachedRoom)) return;
   reviewOwed_ = true;
   scheduleWaitingReviewTask(routeProcessingIntervalDefer_);
 }
@@ -328,23 +278,23 @@ void KernelRouteSm::reviewWaiting() {
 void KernelRouteSm::handleWaitingReview() {
   trace_(9, __PRETTY_FUNCTION__);
   reviewOwed_ = false;
-  beginReview<V4>();
-  beginReview<V6>();
+  beginReview<Ipv4Family>();
+  beginReview<Ipv6Family>();
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::beginReview() {
-  auto& side = F::side(*this);
+  auto& side = sides_.of<Family>();
   side.toProcess.waitingKindIs(cachedRoom, review);
   if (side.toProcess.hasWaiting(review)) side.task.schedule(routeProcessingInterval_);
 }
 
 // Nothing of a VRF that is not mapped has to be decided: its arrival brings all of it.
-template <class F>
+template <class Family>
 void KernelRouteSm::trieChanged(std::uint32_t hwVrfId) {
   if (!in_.vrfIdMap->hwVrfIdToGlobalVrfIdHas(hwVrfId)) return;
   reviewWaiting();
-  vrfWalkIs<F>(hwVrfId);
+  vrfWalkIs<Family>(hwVrfId);
   addKernelRouteVrfIdColl(in_.vrfIdMap->hwVrfIdToGlobalVrfId(hwVrfId));
 }
 
@@ -356,15 +306,15 @@ std::optional<Routing::Rib::RouteKey> KernelRouteSm::kernelKey(const Key& key) c
   return RouteKey(in_.vrfIdMap->hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
 }
 
-template <class F>
-KernelRouteSm::Decision KernelRouteSm::decide(const typename F::Key& key) const {
+template <class Family>
+KernelRouteSm::Decision KernelRouteSm::decide(const BasicRouteVrfKey<Family>& key) const {
   Decision decision;
-  decision.published = F::routes(*this).has(key);
-  const auto trie = F::trie(*this, key.vrfId());
+  decision.published = sides_.of<Family>().routes.has(key);
+  const auto cached = trie<Family>(key.vrfId());
   if (decision.published) {
-    decision.wanted = !trie || !trie->longestMatch(key.prefix());
+    decision.wanted = !cached || !cached->longestMatch(key.prefix());
   } else {
-    decision.wanted = trie && trie->has(key.prefix());
+    decision.wanted = cached && cached->has(key.prefix());
   }
   return decision;
 }
@@ -373,9 +323,9 @@ bool KernelRouteSm::hasRoom(Room room) const {
   return in_.kernelRouteStatus->hasRoom() && (room == cachedRoom || in_.kernelRouteStatus->size() < capacity_);
 }
 
-template <class F>
-bool KernelRouteSm::isRouteAdded(const typename F::Key& key, const Decision& decision) {
-  auto& side = F::side(*this);
+template <class Family>
+bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key, const Decision& decision) {
+  auto& side = sides_.of<Family>();
   if (!side.toProcess.has(key)) {
     trace_(6, "Not in RouteToProcess");
     return false;
@@ -394,24 +344,24 @@ bool KernelRouteSm::isRouteAdded(const typename F::Key& key, const Decision& dec
 }
 
 bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
-  return isRouteAdded<V4>(key, decide<V4>(key));
+  return isRouteAdded<Ipv4Family>(key, decide<Ipv4Family>(key));
 }
 
 bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
-  return isRouteAdded<V6>(key, decide<V6>(key));
+  return isRouteAdded<Ipv6Family>(key, decide<Ipv6Family>(key));
 }
 
-template <class F>
-void KernelRouteSm::processRoute(const typename F::Key& key) {
+template <class Family>
+void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
   const auto kernel = kernelKey(key);
   if (!kernel) {
-    F::side(*this).toProcess.keyDel(key);
+    sides_.of<Family>().toProcess.keyDel(key);
     return;
   }
-  const Decision decision = decide<F>(key);
-  if (isRouteAdded<F>(key, decision)) {
+  const Decision decision = decide<Family>(key);
+  if (isRouteAdded<Family>(key, decision)) {
     trace_(7, "adding", " ", *kernel);
-    writeKernelRoute<F>(*kernel, decision.published);
+    writeKernelRoute<Family>(*kernel, decision.published);
   } else if (!decision.wanted) {
     trace_(7, "deleting", " ", *kernel);
     deleteKernelRoute(*kernel);
@@ -419,17 +369,17 @@ void KernelRouteSm::processRoute(const typename F::Key& key) {
 }
 
 void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {
-  processRoute<V4>(key);
+  processRoute<Ipv4Family>(key);
 }
 
 void KernelRouteSm::ipv6ProcessRoute(const Ipv6RouteVrfKey& key) {
-  processRoute<V6>(key);
+  processRoute<Ipv6Family>(key);
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::writeKernelRoute(const RouteKey& key, bool published) {
   const auto standing = in_.kernelRouteStatus->route(key);
-  const auto configured = published ? F::config(*this).route(key) : std::nullopt;
+  const auto configured = published ? sides_.of<Family>().config.route(key) : std::nullopt;
   // A published route that is configured no more is about to be withdrawn: no reason to touch it before.
   if (published && !configured && standing) return;
   const Routing::Rib::Route wanted = configured.value_or(Routing::Rib::Route(key));
@@ -443,14 +393,14 @@ void KernelRouteSm::deleteKernelRoute(const RouteKey& key) {
   in_.kernelRouteStatus->routeDel(key);
   if (in_.kernelRouteStatus->size() == before) return;
   ++deleted_;
-  wakeWaiting<V4>();
-  wakeWaiting<V6>();
+  wakeWaiting<Ipv4Family>();
+  wakeWaiting<Ipv6Family>();
 }
 
 // Room has come that somebody may wait for.
-template <class F>
+template <class Family>
 void KernelRouteSm::wakeWaiting() {
-  auto& side = F::side(*this);
+  auto& side = sides_.of<Family>();
   const bool waits = (side.toProcess.hasWaiting(mirrorRoom) && hasRoom(mirrorRoom)) ||
                      (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom));
   if (waits) side.task.schedule(routeProcessingInterval_);
@@ -460,19 +410,19 @@ void KernelRouteSm::wakeWaiting() {
 
 void KernelRouteSm::handleIpv4RouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
-  handleRouteProcessing<V4>();
+  handleRouteProcessing<Ipv4Family>();
 }
 
 void KernelRouteSm::handleIpv6RouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
-  handleRouteProcessing<V6>();
+  handleRouteProcessing<Ipv6Family>();
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::handleRouteProcessing() {
-  auto& side = F::side(*this);
+  auto& side = sides_.of<Family>();
   std::uint64_t handled = 0;
-  const bool more = workOff(side.task, handled, [this] { return processNext<F>(); });
+  const bool more = workOff(side.task, handled, [this] { return processNext<Family>(); });
   side.task.report(handled, side.toProcess.size());
   if (more && !side.toProcess.hasFresh()) {
     side.task.schedule(std::max(routeProcessingInterval_, walkPause));
@@ -485,24 +435,24 @@ void KernelRouteSm::handleRouteProcessing() {
 
 // Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them, then
 // those under review.
-template <class F>
+template <class Family>
 bool KernelRouteSm::processNext() {
-  auto& side = F::side(*this);
+  auto& side = sides_.of<Family>();
   if (const auto fresh = side.toProcess.freshKey()) {
-    processRoute<F>(*fresh);
+    processRoute<Family>(*fresh);
   } else if (!side.trieSweep.empty()) {
-    queueTriePrefix<F>();
+    queueTriePrefix<Family>();
   } else if (side.walk.pending()) {
     if (const auto key = side.walk.step()) {
       side.toProcess.keyIs(*key);
-      processRoute<F>(*key);
+      processRoute<Family>(*key);
     }
   } else if (side.toProcess.hasWaiting(mirrorRoom) && hasRoom(mirrorRoom)) {
-    processRoute<F>(*side.toProcess.waitingKey(mirrorRoom));
+    processRoute<Family>(*side.toProcess.waitingKey(mirrorRoom));
   } else if (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom)) {
-    processRoute<F>(*side.toProcess.waitingKey(cachedRoom));
+    processRoute<Family>(*side.toProcess.waitingKey(cachedRoom));
   } else if (side.toProcess.hasWaiting(review)) {
-    processRoute<F>(*side.toProcess.waitingKey(review));
+    processRoute<Family>(*side.toProcess.waitingKey(review));
   } else {
     return false;
   }
@@ -510,17 +460,17 @@ bool KernelRouteSm::processNext() {
 }
 
 // The next prefix of the first trie that is to be swept; the sweep ends with the trie.
-template <class F>
+template <class Family>
 void KernelRouteSm::queueTriePrefix() {
-  auto& side = F::side(*this);
+  auto& side = sides_.of<Family>();
   const auto sweep = side.trieSweep.begin();
-  const auto trie = F::trie(*this, sweep->first);
-  auto route = trie->lowerBound(sweep->second);
-  if (route != trie->end()) {
+  const auto swept = trie<Family>(sweep->first);
+  auto route = swept->lowerBound(sweep->second);
+  if (route != swept->end()) {
     side.toProcess.keyIs({route->prefix, sweep->first});
     ++route;
   }
-  if (route == trie->end()) {
+  if (route == swept->end()) {
     side.trieSweep.erase(sweep);
   } else {
     sweep->second = route->prefix;
@@ -601,34 +551,34 @@ void KernelRouteSm::processKernelRoute(const RouteKey& key) {
 
 // --- Invariants ------------------------------------------------------------------------------------------------------
 
-template <class F>
-bool KernelRouteSm::isAwaited(const typename F::Key& key) const {
-  return F::side(*this).toProcess.has(key) || F::side(*this).walk.willMeet(key);
+template <class Family>
+bool KernelRouteSm::isAwaited(const BasicRouteVrfKey<Family>& key) const {
+  return sides_.of<Family>().toProcess.has(key) || sides_.of<Family>().walk.willMeet(key);
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::checkPublished() const {
-  for (const auto& route : F::routes(*this)) {
+  for (const auto& route : sides_.of<Family>().routes) {
     const auto kernel = kernelKey(route.key());
-    if (!kernel || isAwaited<F>(route.key())) continue;
+    if (!kernel || isAwaited<Family>(route.key())) continue;
     const auto standing = in_.kernelRouteStatus->route(*kernel);
-    PLATFORM_ASSERT_TEXT(decide<F>(route.key()).wanted == standing.has_value(),
+    PLATFORM_ASSERT_TEXT(decide<Family>(route.key()).wanted == standing.has_value(),
                          "a published route has a kernel route exactly if no cached prefix covers it");
-    const auto configured = F::config(*this).route(*kernel);
+    const auto configured = sides_.of<Family>().config.route(*kernel);
     PLATFORM_ASSERT_TEXT(!standing || !configured || *standing == *configured,
                          "a kernel route is like the configured route that it mirrors");
   }
 }
 
-template <class F>
+template <class Family>
 void KernelRouteSm::checkCachedPrefixes() const {
-  for (const auto& [hwVrfId, trie] : F::tries(*this)) {
-    const auto sweep = F::side(*this).trieSweep.find(hwVrfId);
-    for (const auto& route : *trie) {
-      const typename F::Key key(route.prefix, hwVrfId);
+  for (const auto& [hwVrfId, reactor] : sides_.of<Family>().tries) {
+    const auto sweep = sides_.of<Family>().trieSweep.find(hwVrfId);
+    for (const auto& route : *reactor->trie()) {
+      const BasicRouteVrfKey<Family> key(route.prefix, hwVrfId);
       const auto kernel = kernelKey(key);
-      const bool swept = sweep != F::side(*this).trieSweep.end() && !(route.prefix < sweep->second);
-      if (!kernel || swept || isAwaited<F>(key) || F::routes(*this).has(key)) continue;
+      const bool swept = sweep != sides_.of<Family>().trieSweep.end() && !(route.prefix < sweep->second);
+      if (!kernel || swept || isAwaited<Family>(key) || sides_.of<Family>().routes.has(key)) continue;
       PLATFORM_ASSERT_TEXT(in_.kernelRouteStatus->route(*kernel) == Routing::Rib::Route(*kernel),
                            "a cached prefix that is not published has a kernel route of its key alone");
     }
@@ -637,11 +587,11 @@ void KernelRouteSm::checkCachedPrefixes() const {
 
 // The one that waits longest stands for the others. Published routes that wait may be left by their VRF: they are about
 // to be withdrawn.
-template <class F>
+template <class Family>
 void KernelRouteSm::checkWaiting() const {
-  const auto key = F::side(*this).toProcess.waitingKey(cachedRoom);
-  if (!key || reviewOwed_ || F::side(*this).walk.willMeet(*key)) return;
-  PLATFORM_ASSERT_TEXT(kernelKey(*key) && decide<F>(*key).wanted,
+  const auto key = sides_.of<Family>().toProcess.waitingKey(cachedRoom);
+  if (!key || reviewOwed_ || sides_.of<Family>().walk.willMeet(*key)) return;
+  PLATFORM_ASSERT_TEXT(kernelKey(*key) && decide<Family>(*key).wanted,
                        "a cached prefix that waits for room is of a mapped VRF and wanted");
 }
 
@@ -658,23 +608,23 @@ void KernelRouteSm::checkKernelRoutes() const {
     PLATFORM_ASSERT_TEXT(in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId()),
                          "a kernel route's VRF is mapped, or ahead of a kernel walk");
     const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
-    const auto isRight = [this]<class F>(const typename F::Key& tableKey) {
-      return isAwaited<F>(tableKey) || decide<F>(tableKey).wanted;
+    const auto isRight = [this]<class Family>(const BasicRouteVrfKey<Family>& tableKey) {
+      return isAwaited<Family>(tableKey) || decide<Family>(tableKey).wanted;
     };
-    PLATFORM_ASSERT_TEXT(key.prefix().isV4() ? isRight.operator()<V4>({key.prefix().v4(), hwVrfId})
-                                             : isRight.operator()<V6>({key.prefix().v6(), hwVrfId}),
+    PLATFORM_ASSERT_TEXT(key.prefix().isV4() ? isRight.operator()<Ipv4Family>({key.prefix().v4(), hwVrfId})
+                                             : isRight.operator()<Ipv6Family>({key.prefix().v6(), hwVrfId}),
                          "a kernel route is wanted, or queued");
   }
 }
 
 void KernelRouteSm::checkInvariants() const {
   if (!initialized_) return;
-  checkPublished<V4>();
-  checkPublished<V6>();
-  checkCachedPrefixes<V4>();
-  checkCachedPrefixes<V6>();
-  checkWaiting<V4>();
-  checkWaiting<V6>();
+  checkPublished<Ipv4Family>();
+  checkPublished<Ipv6Family>();
+  checkCachedPrefixes<Ipv4Family>();
+  checkCachedPrefixes<Ipv6Family>();
+  checkWaiting<Ipv4Family>();
+  checkWaiting<Ipv6Family>();
   checkKernelRoutes();
 }
 

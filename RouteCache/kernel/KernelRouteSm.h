@@ -31,12 +31,12 @@
 #include <string>
 
 #include "RouteCache/model/Config.h"
-#include "RouteCache/model/StatusTables.h"
+#include "RouteCache/model/Sides.h"
 #include "RouteCache/queues/CoveredRoutesWalk.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/KeyQueue.h"
 #include "platform/tables/Rib.h"
-#include "platform/tables/Trie.h"
+#include "platform/tables/TableFollower.h"
 
 namespace RouteCache {
 
@@ -99,12 +99,12 @@ class KernelRouteSm final : public Lattis::Entity {
   // One step of the kernel walk.
   void processKernelRoute(const RouteKey& key);
 
-  void ipv4RouteToProcessIs(const Ipv4RouteVrfKey& key) { v4_.toProcess.keyIs(key); }
-  void ipv6RouteToProcessIs(const Ipv6RouteVrfKey& key) { v6_.toProcess.keyIs(key); }
-  const Queue<Ipv4RouteVrfKey>& ipv4RouteToProcess() const { return v4_.toProcess; }
-  const Queue<Ipv6RouteVrfKey>& ipv6RouteToProcess() const { return v6_.toProcess; }
-  Ipv4RouteVrfKey ipv4RouteToProcessBookmark() const { return v4_.toProcess.bookmark(); }
-  Ipv6RouteVrfKey ipv6RouteToProcessBookmark() const { return v6_.toProcess.bookmark(); }
+  void ipv4RouteToProcessIs(const Ipv4RouteVrfKey& key) { sides_.v4.toProcess.keyIs(key); }
+  void ipv6RouteToProcessIs(const Ipv6RouteVrfKey& key) { sides_.v6.toProcess.keyIs(key); }
+  const Queue<Ipv4RouteVrfKey>& ipv4RouteToProcess() const { return sides_.v4.toProcess; }
+  const Queue<Ipv6RouteVrfKey>& ipv6RouteToProcess() const { return sides_.v6.toProcess; }
+  Ipv4RouteVrfKey ipv4RouteToProcessBookmark() const { return sides_.v4.toProcess.bookmark(); }
+  Ipv6RouteVrfKey ipv6RouteToProcessBookmark() const { return sides_.v6.toProcess.bookmark(); }
   // The empty key: no kernel walk is under way.
   RouteKey kernelRouteBookmark() const { return kernelRouteBookmark_; }
   const std::set<std::uint32_t>& currentKernelRouteVrfIdColl() const { return currentKernelRouteVrfIdColl_; }
@@ -125,8 +125,8 @@ class KernelRouteSm final : public Lattis::Entity {
   void handleKernelRouteSync();
   // Begins the review of the cached prefixes that wait for room.
   void handleWaitingReview();
-  void scheduleIpv4RouteProcessingTask(double seconds) { v4_.task.schedule(seconds); }
-  void scheduleIpv6RouteProcessingTask(double seconds) { v6_.task.schedule(seconds); }
+  void scheduleIpv4RouteProcessingTask(double seconds) { sides_.v4.task.schedule(seconds); }
+  void scheduleIpv6RouteProcessingTask(double seconds) { sides_.v6.task.schedule(seconds); }
   void scheduleKernelRouteProcessingTask(double seconds) { kernelRouteProcessingTask_.schedule(seconds); }
   void scheduleKernelRouteSyncTask(double seconds) { kernelRouteSyncTask_.schedule(seconds); }
   void scheduleWaitingReviewTask(double seconds) { waitingReviewTask_.schedule(seconds); }
@@ -139,8 +139,8 @@ class KernelRouteSm final : public Lattis::Entity {
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
   void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
   std::uint32_t capacity() const { return capacity_; }  // of mirrored routes, in entries
-  std::uint64_t ipv4RouteToProcessCount() const { return v4_.toProcess.size(); }
-  std::uint64_t ipv6RouteToProcessCount() const { return v6_.toProcess.size(); }
+  std::uint64_t ipv4RouteToProcessCount() const { return sides_.v4.toProcess.size(); }
+  std::uint64_t ipv6RouteToProcessCount() const { return sides_.v6.toProcess.size(); }
   std::uint64_t written() const { return written_; }  // kernel routes written or replaced since the start
   std::uint64_t deleted() const { return deleted_; }
 
@@ -151,31 +151,27 @@ class KernelRouteSm final : public Lattis::Entity {
   void checkInvariants() const;
 
  private:
-  template <class Table>
-  class TableReactor;
   class VrfIdReactor;
   class VrfCachedRouteReactor;
-  template <class F>
-  class CachedPrefixReactor;
+  template <class Family>
   class TrieReactor;
-  class Trie6Reactor;
-
-  // The twins' types, and which members serve each.
-  struct V4;
-  struct V6;
+  template <class Table>
+  using Follower = Pondra::TableFollower<Table, KernelRouteSm>;
 
   // What there is of each family.
-  template <class Table, class TrieReactorType>
+  template <class Family>
   struct Side {
-    using Key = typename Table::Key;
-    using Prefix = typename Key::Prefix;
-    Side(const Table& table, DeferredTask processingTask) : walk(table), task(std::move(processingTask)) {}
+    using Key = BasicRouteVrfKey<Family>;
+    Side(const RouteStatus<Family>& published, const Routing::Rib::RouteConfig& configured, DeferredTask processingTask)
+        : routes(published), config(configured), walk(published), task(std::move(processingTask)) {}
+    const RouteStatus<Family>& routes;
+    const Routing::Rib::RouteConfig& config;
     Queue<Key> toProcess;
-    CoveredRoutesWalk<Table> walk;
+    CoveredRoutesWalk<RouteStatus<Family>> walk;
     // Tries by hardware VRF id whose prefixes are to be queued, from this one on.
-    std::map<std::uint32_t, Prefix> trieSweep;
+    std::map<std::uint32_t, typename Family::Prefix> trieSweep;
     DeferredTask task;
-    std::map<std::uint32_t, std::unique_ptr<TrieReactorType>> tries;
+    std::map<std::uint32_t, std::unique_ptr<TrieReactor<Family>>> tries;
   };
 
   // What the tables say of a route, room aside.
@@ -183,55 +179,57 @@ class KernelRouteSm final : public Lattis::Entity {
     bool published = false;
     bool wanted = false;
   };
-  template <class F>
-  Decision decide(const typename F::Key& key) const;
+  template <class Family>
+  auto trie(std::uint32_t hwVrfId) const;  // null when there is none
+  template <class Family>
+  Decision decide(const BasicRouteVrfKey<Family>& key) const;
   bool hasRoom(Room room) const;
   // Nothing while the VRF is not mapped.
   template <class Key>
   std::optional<RouteKey> kernelKey(const Key& key) const;
-  template <class F>
-  bool isRouteAdded(const typename F::Key& key, const Decision& decision);
-  template <class F>
+  template <class Family>
+  bool isRouteAdded(const BasicRouteVrfKey<Family>& key, const Decision& decision);
+  template <class Family>
   void wakeWaiting();
-  template <class F>
-  void processRoute(const typename F::Key& key);
-  template <class F>
+  template <class Family>
+  void processRoute(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
   void writeKernelRoute(const RouteKey& key, bool published);
   void deleteKernelRoute(const RouteKey& key);
-  template <class F>
+  template <class Family>
   void handleRouteProcessing();
-  template <class F>
+  template <class Family>
   bool processNext();
-  template <class F>
+  template <class Family>
   void queueTriePrefix();
-  template <class F>
-  void queueKey(const typename F::Key& key);
-  template <class F>
+  template <class Family>
+  void queueKey(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
   void vrfWalkIs(std::uint32_t hwVrfId);
-  template <class F>
+  template <class Family>
   void trieSweepIs(std::uint32_t hwVrfId);
   // The trie of a VRF is another one, or empty, and nobody has told its prefixes one by one.
-  template <class F>
+  template <class Family>
   void trieChanged(std::uint32_t hwVrfId);
-  template <class F>
+  template <class Family>
   void trieReactorIs(std::uint32_t hwVrfId);
-  template <class F>
+  template <class Family>
   void trieReactorDel(std::uint32_t hwVrfId);
   // Cached prefixes have gone untold: those that wait for room may not be wanted any more.
   void reviewWaiting();
-  template <class F>
+  template <class Family>
   void beginReview();
   // A prefix came to the VRF's trie or left it.
-  template <class F>
-  void cachedPrefixChanged(const typename F::Key& key);
-  template <class F>
+  template <class Family>
+  void cachedPrefixChanged(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
   void checkPublished() const;
-  template <class F>
+  template <class Family>
   void checkCachedPrefixes() const;
-  template <class F>
+  template <class Family>
   void checkWaiting() const;
-  template <class F>
-  bool isAwaited(const typename F::Key& key) const;
+  template <class Family>
+  bool isAwaited(const BasicRouteVrfKey<Family>& key) const;
   bool isAheadOfKernelWalk(const RouteKey& key) const;
   void checkKernelRoutes() const;
 
@@ -246,8 +244,7 @@ class KernelRouteSm final : public Lattis::Entity {
   std::uint64_t written_ = 0;
   std::uint64_t deleted_ = 0;
 
-  Side<Ipv4RouteStatus, TrieReactor> v4_;
-  Side<Ipv6RouteStatus, Trie6Reactor> v6_;
+  Sides<Side> sides_;
   std::set<std::uint32_t> currentKernelRouteVrfIdColl_;
   std::set<std::uint32_t> nextKernelRouteVrfIdColl_;
   RouteKey kernelRouteBookmark_;
@@ -256,10 +253,10 @@ class KernelRouteSm final : public Lattis::Entity {
   DeferredTask waitingReviewTask_;
 
   // Last: they call back into all of the above.
-  std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
-  std::unique_ptr<TableReactor<Ipv6RouteStatus>> swRoute6Reactor_;
-  std::unique_ptr<TableReactor<Routing::Rib::RouteConfig>> routeReactor_;
-  std::unique_ptr<TableReactor<Routing::Rib::RouteConfig>> route6Reactor_;
+  std::unique_ptr<Follower<Ipv4RouteStatus>> swRouteReactor_;
+  std::unique_ptr<Follower<Ipv6RouteStatus>> swRoute6Reactor_;
+  std::unique_ptr<Follower<Routing::Rib::RouteConfig>> routeReactor_;
+  std::unique_ptr<Follower<Routing::Rib::RouteConfig>> route6Reactor_;
   std::unique_ptr<VrfIdReactor> vrfIdReactor_;
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
 };

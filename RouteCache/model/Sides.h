@@ -22,10 +22,9 @@ template <class Family>
 using CachedTrie = ByFamily<Family, Routing::Trie, Routing6::Trie>;
 
 template <template <class Family> class Side>
-class Sides {
- public:
-  Sides() = default;
-  Sides(Side<Ipv4Family> ipv4, Side<Ipv6Family> ipv6) : v4(std::move(ipv4)), v6(std::move(ipv6)) {}
+struct Sides {
+  Side<Ipv4Family> v4;
+  Side<Ipv6Family> v6;
 
   template <class Family>
   auto& of() {
@@ -39,9 +38,6 @@ class Sides {
   const auto& of() const {
     return const_cast<Sides*>(this)->of<Family>();
   }
-
-  Side<Ipv4Family> v4;
-  Side<Ipv6Family> v6;
 };
 
 }  // namespace RouteCache

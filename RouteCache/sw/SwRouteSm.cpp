@@ -50,8 +50,8 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
                               [this] { handleLeftoverProcessing(); }),
       unprogrammedRecordTask_(scheduler, trace_, "unprogrammedRecordTask", TaskPriority::background,
                               [this] { handleUnprogrammedRecord(); }),
-      sides_({inputs.ipv4RouteStatus, *inputs.routeConfig, in_, trace_, routeSyncTask_, ipv4AdjSyncTask_},
-             {inputs.ipv6RouteStatus, *inputs.route6Config, in_, trace_, route6SyncTask_, ipv6AdjSyncTask_}) {
+      sides_{{inputs.ipv4RouteStatus, *inputs.routeConfig, in_, trace_, routeSyncTask_, ipv4AdjSyncTask_},
+             {inputs.ipv6RouteStatus, *inputs.route6Config, in_, trace_, route6SyncTask_, ipv6AdjSyncTask_}} {
   adjacencies_.ids().retainUnreferencedIs(restart);
 }
 

@@ -7,15 +7,15 @@
 namespace RouteCache {
 
 // Follows one FIB table.
-template <class FibTable>
-class VrfCachedRouteSm::FibReactor final : public FibTable::Reactor {
+template <class Family>
+class VrfCachedRouteSm::FibReactor final : public FibTable<Family>::Reactor {
  public:
-  FibReactor(VrfCachedRouteSm& sm, std::shared_ptr<const FibTable> table)
-      : FibTable::Reactor(std::move(table)), sm_(sm) {}
-  void handleEntry(const typename FibTable::Key& prefix) override { sm_.handlePrefix(prefix); }
+  FibReactor(VrfCachedRouteSm& sm, std::shared_ptr<const FibTable<Family>> table)
+      : FibTable<Family>::Reactor(std::move(table)), sm_(sm) {}
+  void handleEntry(const typename Family::Prefix& prefix) override { sm_.handlePrefix(prefix); }
   // What a table holds that has become readable is not told. The IPv6 trie gets what changes only.
   void handleMountStatus() override {
-    if constexpr (std::is_same_v<FibTable, Pondra::Fib::RouteStatus>) sm_.handleFibRoute();
+    if constexpr (std::is_same_v<Family, Ipv4Family>) sm_.handleFibRoute();
   }
 
  private:
@@ -27,14 +27,13 @@ VrfCachedRouteSm::VrfCachedRouteSm(std::shared_ptr<const Pondra::Fib::RouteStatu
                                    std::shared_ptr<Routing::Trie> vrfTrie, std::shared_ptr<Routing6::Trie> vrfTrie6,
                                    Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace)
     : scheduler_(scheduler), trace_(trace, "RouteCacheVrfSm"), hwVrfId_(hwVrfId) {
-  const auto familyIs = [this](auto& family, auto table, auto trie) {
-    family.routeStatus = std::move(table);
-    family.vrfTrie = std::move(trie);
-    using Reactor = typename decltype(family.reactor)::element_type;
-    if (family.routeStatus) family.reactor = std::make_unique<Reactor>(*this, family.routeStatus);
+  const auto sideIs = [this]<class Family>(Side<Family>& side, auto table, auto trie) {
+    side.routeStatus = std::move(table);
+    side.vrfTrie = std::move(trie);
+    if (side.routeStatus) side.reactor = std::make_unique<FibReactor<Family>>(*this, side.routeStatus);
   };
-  familyIs(ipv4_, std::move(routeStatus), std::move(vrfTrie));
-  familyIs(ipv6_, std::move(route6Status), std::move(vrfTrie6));
+  sideIs.operator()<Ipv4Family>(sides_.v4, std::move(routeStatus), std::move(vrfTrie));
+  sideIs.operator()<Ipv6Family>(sides_.v6, std::move(route6Status), std::move(vrfTrie6));
   handleInitialized();
 }
 
@@ -60,25 +59,26 @@ void VrfCachedRouteSm::handleInitialized() {
 
 void VrfCachedRouteSm::handleFibRoute(const Prefix& prefix) {
   trace_(9, __PRETTY_FUNCTION__, " ", prefix);
-  bringInLine(ipv4_, prefix);
+  bringInLine<Ipv4Family>(prefix);
 }
 
 void VrfCachedRouteSm::handleFibRoute6(const Ip6Prefix& prefix) {
   trace_(9, __PRETTY_FUNCTION__, " ", prefix);
-  bringInLine(ipv6_, prefix);
+  bringInLine<Ipv6Family>(prefix);
 }
 
-template <class FamilyType, class PrefixType>
-void VrfCachedRouteSm::bringInLine(FamilyType& family, const PrefixType& prefix) {
-  if (!family.routeStatus) return;
-  const auto route = family.routeStatus->route(prefix);
+template <class Family>
+void VrfCachedRouteSm::bringInLine(const typename Family::Prefix& prefix) {
+  auto& side = sides_.of<Family>();
+  if (!side.routeStatus) return;
+  const auto route = side.routeStatus->route(prefix);
   using RouteType = decltype(route->routeType());  // each family numbers its own
   if (route && route->routeType() == RouteType::routeCache_) {
     trace_(7, "adding prefix: ", prefix);
-    family.vrfTrie->routeIs(prefix, true);
-  } else if (family.vrfTrie->has(prefix)) {
+    side.vrfTrie->routeIs(prefix, true);
+  } else if (side.vrfTrie->has(prefix)) {
     trace_(7, "deleting prefix: ", prefix);
-    family.vrfTrie->routeDel(prefix);
+    side.vrfTrie->routeDel(prefix);
   }
 }
 
@@ -86,46 +86,48 @@ void VrfCachedRouteSm::bringInLine(FamilyType& family, const PrefixType& prefix)
 
 void VrfCachedRouteSm::handleFibRoute() {
   trace_(9, __PRETTY_FUNCTION__);
-  startSweep(ipv4_, "fibSweepTask");
+  startSweep<Ipv4Family>("fibSweepTask");
 }
 
 void VrfCachedRouteSm::handleFibRoute6() {
   trace_(9, __PRETTY_FUNCTION__);
-  startSweep(ipv6_, "fib6SweepTask");
+  startSweep<Ipv6Family>("fib6SweepTask");
 }
 
-template <class FamilyType>
-void VrfCachedRouteSm::startSweep(FamilyType& family, const char* taskName) {
-  if (!family.routeStatus) return;
-  family.sweepBookmark.reset();
-  family.swept = 0;
+template <class Family>
+void VrfCachedRouteSm::startSweep(const char* taskName) {
+  auto& side = sides_.of<Family>();
+  if (!side.routeStatus) return;
+  side.sweepBookmark.reset();
+  side.swept = 0;
   // Ahead of the tasks that decide routes: until its prefix is in the trie, a route passes for one that is not cached.
-  family.sweepTask = std::make_unique<DeferredTask>(scheduler_, trace_, taskName, Platform::TaskPriority::delivery,
-                                                    [this, &family] { handleFibSweep(family); });
-  handleFibSweep(family);
+  side.sweepTask = std::make_unique<DeferredTask>(scheduler_, trace_, taskName, Platform::TaskPriority::delivery,
+                                                  [this] { handleFibSweep<Family>(); });
+  handleFibSweep<Family>();
 }
 
 // Where an entry is damaged the table tells the corruption handler and the walk goes to the next key that can be read;
 // keys only ever rise, so a table in whatever state comes to its end.
-template <class FamilyType>
-void VrfCachedRouteSm::handleFibSweep(FamilyType& family) {
-  const auto& table = *family.routeStatus;
-  auto route = family.sweepBookmark ? table.lowerBound(*family.sweepBookmark) : table.begin();
+template <class Family>
+void VrfCachedRouteSm::handleFibSweep() {
+  auto& side = sides_.of<Family>();
+  const auto& table = *side.routeStatus;
+  auto route = side.sweepBookmark ? table.lowerBound(*side.sweepBookmark) : table.begin();
   std::uint64_t handled = 0;
   while (route != table.end()) {
     handlePrefix(route->key());
     ++route;
     ++handled;
-    if (family.sweepTask->shouldYield()) break;
+    if (side.sweepTask->shouldYield()) break;
   }
   if (route == table.end()) {
-    family.sweepTask.reset();
+    side.sweepTask.reset();
     return;
   }
-  family.sweepBookmark = route->key();
-  family.swept += handled;
-  family.sweepTask->report(handled, std::max<std::uint64_t>(table.size(), family.swept) - family.swept);
-  family.sweepTask->schedule(0);
+  side.sweepBookmark = route->key();
+  side.swept += handled;
+  side.sweepTask->report(handled, std::max<std::uint64_t>(table.size(), side.swept) - side.swept);
+  side.sweepTask->schedule(0);
 }
 
 }  // namespace RouteCache

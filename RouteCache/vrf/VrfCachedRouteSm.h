@@ -12,10 +12,10 @@
 #include <memory>
 #include <optional>
 
+#include "RouteCache/model/Sides.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/Fib.h"
-#include "platform/tables/Trie.h"
 #include "platform/trace/Trace.h"
 
 namespace RouteCache {
@@ -33,11 +33,11 @@ class VrfCachedRouteSm {
   VrfCachedRouteSm& operator=(const VrfCachedRouteSm&) = delete;
   ~VrfCachedRouteSm();
 
-  const auto& routeStatus() const { return ipv4_.routeStatus; }
-  const auto& route6Status() const { return ipv6_.routeStatus; }
+  const auto& routeStatus() const { return sides_.v4.routeStatus; }
+  const auto& route6Status() const { return sides_.v6.routeStatus; }
   std::uint32_t hwVrfId() const { return hwVrfId_; }
-  const auto& vrfTrie() const { return ipv4_.vrfTrie; }
-  const auto& vrfTrie6() const { return ipv6_.vrfTrie; }
+  const auto& vrfTrie() const { return sides_.v4.vrfTrie; }
+  const auto& vrfTrie6() const { return sides_.v6.vrfTrie; }
 
   // Starts the IPv4 sweep.
   void handleInitialized();
@@ -50,27 +50,29 @@ class VrfCachedRouteSm {
   void handleFibRoute6(const Ip6Prefix& prefix);
 
  private:
-  template <class FibTable>
+  template <class Family>
+  using FibTable = ByFamily<Family, Pondra::Fib::RouteStatus, Pondra::Fib6::RouteStatus>;
+  template <class Family>
   class FibReactor;
 
   // What one family works with.
-  template <class FibTable, class TrieType>
-  struct Family {
-    std::shared_ptr<const FibTable> routeStatus;
-    std::shared_ptr<TrieType> vrfTrie;
-    std::unique_ptr<FibReactor<FibTable>> reactor;
+  template <class Family>
+  struct Side {
+    std::shared_ptr<const FibTable<Family>> routeStatus;
+    std::shared_ptr<CachedTrie<Family>> vrfTrie;
+    std::unique_ptr<FibReactor<Family>> reactor;
     std::unique_ptr<DeferredTask> sweepTask;  // null: no sweep under way
     // Where the sweep goes on, or at the next key if that has gone; nothing: at the beginning.
-    std::optional<typename FibTable::Key> sweepBookmark;
+    std::optional<typename Family::Prefix> sweepBookmark;
     std::uint64_t swept = 0;  // entries, by the sweep under way
   };
 
-  template <class FamilyType>
-  void startSweep(FamilyType& family, const char* taskName);
-  template <class FamilyType>
-  void handleFibSweep(FamilyType& family);
-  template <class FamilyType, class PrefixType>
-  void bringInLine(FamilyType& family, const PrefixType& prefix);
+  template <class Family>
+  void startSweep(const char* taskName);
+  template <class Family>
+  void handleFibSweep();
+  template <class Family>
+  void bringInLine(const typename Family::Prefix& prefix);
   // The reaction of the prefix's family, by overload.
   void handlePrefix(const Prefix& prefix) { handleFibRoute(prefix); }
   void handlePrefix(const Ip6Prefix& prefix) { handleFibRoute6(prefix); }
@@ -78,8 +80,7 @@ class VrfCachedRouteSm {
   Platform::TaskScheduler& scheduler_;
   Platform::TraceHandle trace_;
   std::uint32_t hwVrfId_;
-  Family<Pondra::Fib::RouteStatus, Routing::Trie> ipv4_;
-  Family<Pondra::Fib6::RouteStatus, Routing6::Trie> ipv6_;
+  Sides<Side> sides_;
 };
 
 // Makes the state machine; its first time slice of the IPv4 sweep is done when this returns.
