@@ -30,8 +30,10 @@
 #include <set>
 #include <string>
 
-#include "RouteCache/model/Config.h"
+#include "RouteCache/model/Capability.h"
 #include "RouteCache/model/Sides.h"
+#include "RouteCache/model/VrfCachedRoute.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/queues/CoveredRoutesWalk.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/KeyQueue.h"

@@ -20,7 +20,8 @@
 #include <string>
 
 #include "RouteCache/hw/HwRouteSm.h"
-#include "RouteCache/model/Config.h"
+#include "RouteCache/model/CliConfig.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/sw/SwRouteSm.h"
 #include "platform/services/AgentCommand.h"
 #include "platform/state/Vrf.h"
@@ -105,6 +106,20 @@ std::shared_ptr<ShowRouteCacheThresholdSm> showRouteCacheThresholdSmFactory(cons
 
 // Stands for each VRF by itself, as a name; and for all of them together, as the key of a row.
 inline constexpr const char* allVrfs = "all";
+
+// One VRF's counters for the summary display.
+struct VrfSummary {
+  explicit VrfSummary(std::uint32_t id) : vrfId(id) {}
+  std::uint32_t vrfId;  // the platform's
+  std::uint32_t ipv4ConfigRoutes = 0;
+  std::uint32_t ipv4SfeRoutes = 0;
+  std::uint32_t ipv4HwRoutes = 0;
+  std::uint32_t ipv4Unprogrammed = 0;
+  std::uint32_t ipv6ConfigRoutes = 0;
+  std::uint32_t ipv6SfeRoutes = 0;
+  std::uint32_t ipv6HwRoutes = 0;
+  std::uint32_t ipv6Unprogrammed = 0;
+};
 
 // By VRF: counts the routes configured for each VRF asked for, one by one, IPv4 first, then prints a row for each VRF.
 // Altogether: takes the sizes of the tables.

@@ -9,8 +9,8 @@
 #include <optional>
 #include <utility>
 
-#include "RouteCache/model/Config.h"
 #include "RouteCache/model/Sides.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "platform/tables/Rib.h"
 

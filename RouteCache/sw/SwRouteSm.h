@@ -29,8 +29,8 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/model/Config.h"
 #include "RouteCache/model/Sides.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/FlatTable.h"
 #include "RouteCache/sw/Adjacencies.h"

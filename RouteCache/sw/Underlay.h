@@ -12,9 +12,9 @@
 #include <memory>
 #include <optional>
 
-#include "RouteCache/model/Config.h"
 #include "RouteCache/model/NexthopRef.h"
 #include "RouteCache/model/Sides.h"
+#include "RouteCache/model/SwRouteVtiStatus.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/sw/VtepMonitor.h"
 #include "platform/state/Nexthop.h"

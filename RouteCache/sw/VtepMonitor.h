@@ -10,7 +10,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "RouteCache/model/Config.h"
+#include "RouteCache/model/AdjIdColl.h"
 #include "platform/state/Nexthop.h"
 #include "platform/values/Assert.h"
 

@@ -17,7 +17,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "RouteCache/model/Config.h"
+#include "RouteCache/model/VrfCachedRoute.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/vrf/VrfCachedRouteSm.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "RouteCache/model/Capability.h"
+#include "RouteCache/model/CliConfig.h"
 #include "RouteCache/model/Config.h"
 #include "lib/statedb/EntityFields.h"
 #include "lib/statedb/PlatformTypes.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "RouteCache/model/Config.h"
+#include "RouteCache/model/CliConfig.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"

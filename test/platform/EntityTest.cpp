@@ -4,7 +4,12 @@
 
 #include <functional>
 
+#include "RouteCache/model/Capability.h"
+#include "RouteCache/model/CliConfig.h"
 #include "RouteCache/model/Config.h"
+#include "RouteCache/model/SwRouteVtiStatus.h"
+#include "RouteCache/model/VrfCachedRoute.h"
+#include "RouteCache/model/VrfIdMap.h"
 #include "platform/state/Entity.h"
 #include "platform/state/Nexthop.h"
 #include "platform/tables/Trie.h"
