@@ -421,16 +421,8 @@ void KernelRouteSm::handleIpv6RouteProcessing() {
 template <class Family>
 void KernelRouteSm::handleRouteProcessing() {
   auto& side = sides_.of<Family>();
-  std::uint64_t handled = 0;
-  const bool more = workOff(side.task, handled, [this] { return processNext<Family>(); });
-  side.task.report(handled, side.toProcess.size());
-  if (more && !side.toProcess.hasFresh()) {
-    side.task.schedule(std::max(routeProcessingInterval_, walkPause));
-  } else if (more) {
-    side.task.schedule(routeProcessingInterval_);
-  } else if (!side.toProcess.empty()) {
-    side.task.schedule(routeProcessingIntervalDefer_);
-  }
+  runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
+           [this] { return processNext<Family>(); });
 }
 
 // Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them, then

@@ -2,6 +2,7 @@
 // for its next run itself.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -71,6 +72,20 @@ Iterator visitUntilYield(DeferredTask& task, Iterator at, const End& end, std::u
 // Seconds between two runs of a task that has nothing but walks left to do. Whoever asks for walks may go on asking for
 // ever; tasks of lower priority get their turns meanwhile.
 inline constexpr double walkPause = 0.001;
+
+// A run of a task that works off a queue and the walks that put keys into it. Fresh keys and walks go on at once, walks
+// by themselves with a pause; what waits in the queue is looked after again `defer` seconds later.
+template <class Queue, class Next>
+void runQueue(DeferredTask& task, const Queue& queue, double interval, double defer, Next&& next) {
+  std::uint64_t handled = 0;
+  const bool more = workOff(task, handled, next);
+  task.report(handled, queue.size());
+  if (more) {
+    task.schedule(queue.hasFresh() ? interval : std::max(interval, walkPause));
+  } else if (!queue.empty()) {
+    task.schedule(defer);
+  }
+}
 
 // A setting of a state machine, in seconds.
 struct Interval {
