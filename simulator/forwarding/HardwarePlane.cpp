@@ -11,16 +11,6 @@ namespace Simulator {
 using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4RouteStatus;
 
-class HardwarePlane::RouteReactor final : public Ipv4RouteStatus::Reactor {
- public:
-  RouteReactor(HardwarePlane& plane, std::shared_ptr<const Ipv4RouteStatus> routes)
-      : Reactor(std::move(routes)), plane_(plane) {}
-  void handleEntry(const RouteIndex::Key& key) override { plane_.handleRoute(key); }
-
- private:
-  HardwarePlane& plane_;
-};
-
 HardwarePlane::HardwarePlane(Pondra::TableService& tables, Platform::TaskScheduler& scheduler, RouteIndex& index,
                              const HardwareSettings& settings)
     : scheduler_(scheduler), index_(index), routes_(mountedToFollow<Ipv4RouteStatus>(tables, routePath)) {
@@ -32,7 +22,7 @@ HardwarePlane::HardwarePlane(Pondra::TableService& tables, Platform::TaskSchedul
   queue_ = std::make_unique<ProgrammingQueue>(
       scheduler, "hwProgrammingTask", settings.routesPerSecond, [this] { return programmedRoutes_ < capacity_; },
       [this](RouteHandle route) { program(route); });
-  reactor_ = std::make_unique<RouteReactor>(*this, routes_);
+  Pondra::follow(reactor_, *this, routes_, &HardwarePlane::handleRoute);
   takeOver();
 }
 

@@ -11,6 +11,7 @@
 #include "RouteCache/RouteCache.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/SharedTable.h"
+#include "platform/tables/TableFollower.h"
 #include "platform/values/Paths.h"
 #include "simulator/forwarding/HitBits.h"
 #include "simulator/forwarding/ProgrammingQueue.h"
@@ -66,7 +67,6 @@ class HardwarePlane {
   const HardwareCounters& counters() const { return counters_; }
 
  private:
-  class RouteReactor;
   struct State {
     bool programmed = false;
   };
@@ -94,7 +94,7 @@ class HardwarePlane {
   std::deque<Eviction> recentEvictions_;
   std::unordered_map<RouteIndex::Key, double, Platform::Hasher> evictedAt_;
   std::function<void(RouteHandle)> programmedHook_;
-  std::unique_ptr<RouteReactor> reactor_;
+  std::unique_ptr<Pondra::TableFollower<RouteCache::Ipv4RouteStatus, HardwarePlane>> reactor_;
 };
 
 }  // namespace Simulator

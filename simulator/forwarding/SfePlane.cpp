@@ -10,16 +10,6 @@ using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4ProgrammedRouteStatus;
 using RouteCache::Ipv4RouteStatus;
 
-class SfePlane::RouteReactor final : public Ipv4RouteStatus::Reactor {
- public:
-  RouteReactor(SfePlane& plane, std::shared_ptr<const Ipv4RouteStatus> routes)
-      : Reactor(std::move(routes)), plane_(plane) {}
-  void handleEntry(const RouteIndex::Key& key) override { plane_.handleRoute(key); }
-
- private:
-  SfePlane& plane_;
-};
-
 SfePlane::SfePlane(Pondra::TableService& tables, Platform::TaskScheduler& scheduler, RouteIndex& index,
                    const SfeSettings& settings, const std::function<bool(RouteHandle)>& inHardware)
     : scheduler_(scheduler), index_(index), routes_(mountedToFollow<Ipv4RouteStatus>(tables, routePath)) {
@@ -30,7 +20,7 @@ SfePlane::SfePlane(Pondra::TableService& tables, Platform::TaskScheduler& schedu
   queue_ = std::make_unique<ProgrammingQueue>(
       scheduler, "sfeProgrammingTask", settings.routesPerSecond, [this] { return programmed_->hasRoom(); },
       [this](RouteHandle route) { program(route); });
-  reactor_ = std::make_unique<RouteReactor>(*this, routes_);
+  Pondra::follow(reactor_, *this, routes_, &SfePlane::handleRoute);
   takeOver(inHardware);
 }
 

@@ -10,6 +10,7 @@
 #include "RouteCache/RouteCache.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/SharedTable.h"
+#include "platform/tables/TableFollower.h"
 #include "platform/values/Paths.h"
 #include "simulator/forwarding/HitBits.h"
 #include "simulator/forwarding/ProgrammingQueue.h"
@@ -57,7 +58,6 @@ class SfePlane {
   std::size_t hitRoutes() const { return hitBits_->size(); }
 
  private:
-  class RouteReactor;
   struct State {
     bool programmed = false;
   };
@@ -74,7 +74,7 @@ class SfePlane {
   std::unique_ptr<HitBits> hitBits_;
   std::unique_ptr<ProgrammingQueue> queue_;
   PerRoute<State> states_;
-  std::unique_ptr<RouteReactor> reactor_;
+  std::unique_ptr<Pondra::TableFollower<RouteCache::Ipv4RouteStatus, SfePlane>> reactor_;
 };
 
 }  // namespace Simulator
