@@ -5,28 +5,6 @@
 
 namespace RouteCache {
 
-namespace {
-// Head of the list of living references. All of them live on the agent's one thread.
-NexthopRef* firstRef = nullptr;
-}  // namespace
-
-NexthopRef::NexthopRef(bool isV4, bool isV6) : isV4_(isV4), isV6_(isV6), next_(firstRef) {
-  if (next_ != nullptr) next_->previous_ = this;
-  firstRef = this;
-}
-
-NexthopRef::~NexthopRef() {
-  (previous_ != nullptr ? previous_->next_ : firstRef) = next_;
-  if (next_ != nullptr) next_->previous_ = previous_;
-}
-
-std::shared_ptr<NexthopRef> NexthopRef::livingAt(std::uintptr_t address) {
-  for (NexthopRef* ref = firstRef; ref != nullptr; ref = ref->next_) {
-    if (reinterpret_cast<std::uintptr_t>(ref) == address) return ref->weak_from_this().lock();
-  }
-  return nullptr;
-}
-
 template <class Family>
 bool BasicNexthopRef<Family>::viaHas(const Nexthop& nexthop) const {
   return std::binary_search(via_.begin(), via_.end(), nexthop);
@@ -100,28 +78,13 @@ std::shared_ptr<IpMixedNexthopRef> ipMixedNexthopRefFactory(bool isV4, bool isV6
 namespace Platform {
 
 using RouteCache::BasicAdjRef;
-using RouteCache::NexthopRef;
 
 template <class Ref>
 std::string TextForm<BasicAdjRef<Ref>>::to(const BasicAdjRef<Ref>& value) {
-  const NexthopRef* ref = value.ref().get();
   std::array<char, 2 * sizeof(std::uintptr_t)> digits;
-  const auto end =
-      std::to_chars(digits.data(), digits.data() + digits.size(), reinterpret_cast<std::uintptr_t>(ref), 16);
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(),
+                                 reinterpret_cast<std::uintptr_t>(value.ref().get()), 16);
   return "0x" + std::string(digits.data(), end.ptr);
-}
-
-template <class Ref>
-std::optional<BasicAdjRef<Ref>> TextForm<BasicAdjRef<Ref>>::from(std::string_view text) {
-  if (!text.starts_with("0x")) return std::nullopt;
-  std::uintptr_t address = 0;
-  const char* const last = text.data() + text.size();
-  const auto [end, error] = std::from_chars(text.data() + 2, last, address, 16);
-  if (error != std::errc() || end != last) return std::nullopt;
-  if (address == 0) return BasicAdjRef<Ref>();
-  auto ref = std::dynamic_pointer_cast<Ref>(NexthopRef::livingAt(address));
-  if (!ref) return std::nullopt;
-  return BasicAdjRef<Ref>(std::move(ref));
 }
 
 template struct TextForm<RouteCache::Ipv4AdjRef>;

@@ -97,15 +97,11 @@ using Ipv6Nexthop = BasicNexthop<Ipv6Family>;
 
 // The next hops behind one adjacency. Held by shared pointers, shared by the routes that use it. Filled by its maker,
 // then left as it is: maps are keyed by what it holds.
-class NexthopRef : public std::enable_shared_from_this<NexthopRef> {
+class NexthopRef {
  public:
-  NexthopRef(bool isV4, bool isV6);
+  NexthopRef(bool isV4, bool isV6) : isV4_(isV4), isV6_(isV6) {}
   NexthopRef(const NexthopRef&) = delete;
   NexthopRef& operator=(const NexthopRef&) = delete;
-  virtual ~NexthopRef();
-  // The reference that lives at this address, or null: an address that came as text is looked up before it is followed.
-  // Walks all references.
-  static std::shared_ptr<NexthopRef> livingAt(std::uintptr_t address);
 
   bool isV4() const { return isV4_; }  // has IPv4 tunnel end points
   bool isV6() const { return isV6_; }  // has IPv6 tunnel end points
@@ -117,8 +113,6 @@ class NexthopRef : public std::enable_shared_from_this<NexthopRef> {
   bool isV4_;
   bool isV6_;
   bool partial_ = false;
-  NexthopRef* previous_ = nullptr;  // all living references are linked to each other
-  NexthopRef* next_ = nullptr;
 };
 
 // A set of next hops of one family. It holds one to a few as a rule, so it is a sorted array: one allocation, and its
@@ -222,16 +216,25 @@ using Ipv4AdjRef = BasicAdjRef<Ipv4NexthopRef>;
 using Ipv6AdjRef = BasicAdjRef<Ipv6NexthopRef>;
 using IpMixedAdjRef = BasicAdjRef<IpMixedNexthopRef>;
 
+// Reads the text of a pointer. An address that came as text is not followed: it is looked up among `living`, a range of
+// shared pointers to references. Nothing: the text is none of theirs, nor that of null.
+template <class Ref, class Living>
+std::optional<BasicAdjRef<Ref>> adjRefFromText(std::string_view text, const Living& living) {
+  if (text == Platform::toText(BasicAdjRef<Ref>())) return BasicAdjRef<Ref>();
+  for (const std::shared_ptr<Ref>& ref : living) {
+    if (ref && text == Platform::toText(BasicAdjRef<Ref>(ref))) return BasicAdjRef<Ref>(ref);
+  }
+  return std::nullopt;
+}
+
 }  // namespace RouteCache
 
 namespace Platform {
 
-// The text of the pointer: "0x55d0c0de1230", "0x0" for null. Reads the address of a living reference of that class.
+// The text of the pointer: "0x55d0c0de1230", "0x0" for null. RouteCache::adjRefFromText() reads it back.
 template <class Ref>
 struct TextForm<RouteCache::BasicAdjRef<Ref>> {
-  static constexpr const char* what = "the address of a next-hop reference";
   static std::string to(const RouteCache::BasicAdjRef<Ref>& value);
-  static std::optional<RouteCache::BasicAdjRef<Ref>> from(std::string_view text);
 };
 extern template struct TextForm<RouteCache::Ipv4AdjRef>;
 extern template struct TextForm<RouteCache::Ipv6AdjRef>;
