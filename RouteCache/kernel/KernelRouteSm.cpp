@@ -174,9 +174,10 @@ void KernelRouteSm::queueKey(const BasicRouteVrfKey<Family>& key) {
 
 template <class Family>
 void KernelRouteSm::vrfWalkIs(std::uint32_t hwVrfId) {
-  constexpr std::string_view text = std::is_same_v<Family, Ipv4Family> ? "scheduleSwIpv4RouteStatusWalk for hwVrfId: "
-                                                                       : "scheduleSwIpv6RouteStatusWalk for hwVrfId: ";
-  trace_(6, text, hwVrfId);
+  trace_(6,
+         std::string_view(byFamily<Family>("scheduleSwIpv4RouteStatusWalk for hwVrfId: ",
+                                           "scheduleSwIpv6RouteStatusWalk for hwVrfId: ")),
+         hwVrfId);
   sides_.of<Family>().walk.vrfIs(hwVrfId);
   sides_.of<Family>().task.schedule(routeProcessingInterval_);
 }

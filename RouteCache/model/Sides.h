@@ -11,8 +11,19 @@
 
 namespace RouteCache {
 
+// The one of two types that is the family's.
 template <class Family, class OfIpv4, class OfIpv6>
 using ByFamily = std::conditional_t<std::is_same_v<Family, Ipv4Family>, OfIpv4, OfIpv6>;
+
+// The same for values.
+template <class Family, class OfIpv4, class OfIpv6>
+constexpr auto byFamily(OfIpv4 ofIpv4, OfIpv6 ofIpv6) {
+  if constexpr (std::is_same_v<Family, Ipv4Family>) {
+    return ofIpv4;
+  } else {
+    return ofIpv6;
+  }
+}
 
 template <class Family>
 using RouteStatus = ByFamily<Family, Ipv4RouteStatus, Ipv6RouteStatus>;

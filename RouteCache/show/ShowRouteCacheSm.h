@@ -21,6 +21,7 @@
 
 #include "RouteCache/hw/HwRouteSm.h"
 #include "RouteCache/model/CliConfig.h"
+#include "RouteCache/model/Sides.h"
 #include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/sw/SwRouteSm.h"
 #include "platform/services/AgentCommand.h"
@@ -134,12 +135,14 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
 
   const std::string& vrfName() const { return vrfName_; }
   bool vrfNameSpecified() const { return !vrfName_.empty(); }
-  const RouteKey& bookmark() const { return bookmark_; }
-  const RouteKey& bookmark6() const { return bookmark6_; }
+  const RouteKey& bookmark() const { return bookmarks_.v4; }
+  const RouteKey& bookmark6() const { return bookmarks_.v6; }
 
  private:
-  struct V4;
-  struct V6;
+  // How far the counting of one family has come.
+  template <class Family>
+  using Bookmark = RouteKey;
+
   // One row's figures.
   struct Counts {
     std::uint64_t configured = 0;
@@ -161,13 +164,13 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
   void doPrintRouteCacheVrfSummary();
   void printRouteCacheAllSummary();
 
-  template <class F>
+  template <class Family>
   bool countRoutes();  // true: all are counted
-  template <class F>
+  template <class Family>
   void countRoute(const RouteKey& key, VrfSummary& summary) const;
-  template <class F>
+  template <class Family>
   bool printVrfRows();  // true: all are printed
-  template <class F>
+  template <class Family>
   void printAllRow();
   void printRow(const std::string& name, const char* addressFamily, const Counts& counts);
   void printTotal();
@@ -178,8 +181,7 @@ class ShowRouteCacheSummarySm final : public ShowRouteCacheSm {
   const std::string vrfName_;
   std::map<std::string, std::uint32_t> vrfNameToId_;  // pi ids, in the order of the rows
   std::map<std::uint32_t, VrfSummary> vrfSummary_;    // by pi id, the order of the configured routes
-  RouteKey bookmark_;
-  RouteKey bookmark6_;
+  Sides<Bookmark> bookmarks_;
   bool ipv4RouteConfigDone_ = false;
   bool ipv6RouteConfigDone_ = false;
   // The row that is printed next; nothing: no dictionary of rows is open.
@@ -210,31 +212,28 @@ class ShowRouteCacheVrfPrefixSm final : public ShowRouteCacheSm {
   const IpGenPrefix& prefix() const { return prefix_; }
   // The keys that are collected and not printed yet, ascending, each once. True puts a key among them, false takes it
   // away.
-  void routeIs(const Ipv4RouteVrfKey& key, bool collected) { listing_.routeIs(key, collected); }
-  void routeDel(const Ipv4RouteVrfKey& key) { listing_.routeIs(key, false); }
-  const std::deque<Ipv4RouteVrfKey>& route() const { return listing_.route; }
-  void route6Is(const Ipv6RouteVrfKey& key, bool collected) { listing6_.routeIs(key, collected); }
-  void route6Del(const Ipv6RouteVrfKey& key) { listing6_.routeIs(key, false); }
-  const std::deque<Ipv6RouteVrfKey>& route6() const { return listing6_.route; }
-  const Ipv4RouteVrfKey& bookmark() const { return listing_.bookmark; }
-  const Ipv6RouteVrfKey& bookmark6() const { return listing6_.bookmark; }
+  void routeIs(const Ipv4RouteVrfKey& key, bool collected) { listings_.v4.routeIs(key, collected); }
+  void routeDel(const Ipv4RouteVrfKey& key) { listings_.v4.routeIs(key, false); }
+  const std::deque<Ipv4RouteVrfKey>& route() const { return listings_.v4.route; }
+  void route6Is(const Ipv6RouteVrfKey& key, bool collected) { listings_.v6.routeIs(key, collected); }
+  void route6Del(const Ipv6RouteVrfKey& key) { listings_.v6.routeIs(key, false); }
+  const std::deque<Ipv6RouteVrfKey>& route6() const { return listings_.v6.route; }
+  const Ipv4RouteVrfKey& bookmark() const { return listings_.v4.bookmark; }
+  const Ipv6RouteVrfKey& bookmark6() const { return listings_.v6.bookmark; }
   // Collected keys are being printed; else keys are being collected.
   bool printState() const { return printState_; }
 
  private:
-  struct V4;
-  struct V6;
-
   // How far the listing of one family has come.
-  template <class FamilyType>
+  template <class Family>
   struct Listing {
-    using Key = BasicRouteVrfKey<FamilyType>;
+    using Key = BasicRouteVrfKey<Family>;
     void routeIs(const Key& key, bool collected);
 
     std::deque<Key> route;
     Key bookmark;
     // Where the table is looked at next; nothing: all of it has been.
-    std::optional<Key> next = Key(FamilyType::firstCovered({}), 0);
+    std::optional<Key> next = Key(Family::firstCovered({}), 0);
   };
 
   bool print() override;
@@ -248,14 +247,14 @@ class ShowRouteCacheVrfPrefixSm final : public ShowRouteCacheSm {
 
   // Every open dictionary of the reply may be closed.
   bool isPrinted() const { return bookmark() == Ipv4RouteVrfKey() && bookmark6() == Ipv6RouteVrfKey(); }
-  template <class F>
+  template <class Family>
   void printAllPrefix();
-  template <class F>
+  template <class Family>
   bool collectRoutes();  // false: the call ends
-  template <class F>
-  bool yieldAt(const std::optional<typename F::Key>& next);
-  template <class F>
-  void printRoute(const typename F::Key& key);
+  template <class Family>
+  bool yieldAt(const std::optional<BasicRouteVrfKey<Family>>& next);
+  template <class Family>
+  void printRoute(const BasicRouteVrfKey<Family>& key);
   template <class Adjacency>
   void printVia(const Adjacency& adjacency, unsigned index);
   std::uint32_t vniOf(IntfId vti, Bridging::ExtendedVlanId vlan) const;
@@ -267,8 +266,7 @@ class ShowRouteCacheVrfPrefixSm final : public ShowRouteCacheSm {
   const bool isIpv6_;
   bool printState_ = false;
   std::optional<std::uint32_t> hwVrfId_;  // the VRF's, as it was at the first call; nothing: it has no routes
-  Listing<Ipv4Family> listing_;
-  Listing<Ipv6Family> listing6_;
+  Sides<Listing> listings_;
 };
 std::shared_ptr<ShowRouteCacheVrfPrefixSm> showRouteCacheVrfPrefixSmFactory(
     const ShowRouteCacheInputs& inputs, std::shared_ptr<const SwRouteSm> swRouteSm, std::string vrfName,

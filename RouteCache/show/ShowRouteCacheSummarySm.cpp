@@ -15,40 +15,22 @@ void ShowRouteCacheSummarySm::Counts::add(const Counts& other) {
   unprogrammed += other.unprogrammed;
 }
 
-struct ShowRouteCacheSummarySm::V4 {
-  using Key = Ipv4RouteVrfKey;
-  static constexpr const char* dict = "summary";
-  static constexpr const char* name = "IPv4";
-  static constexpr auto configRoutes = &VrfSummary::ipv4ConfigRoutes;
-  static constexpr auto sfeRoutes = &VrfSummary::ipv4SfeRoutes;
-  static constexpr auto hwRoutes = &VrfSummary::ipv4HwRoutes;
-  static constexpr auto unprogrammed = &VrfSummary::ipv4Unprogrammed;
-  static constexpr auto bookmark = &ShowRouteCacheSummarySm::bookmark_;
-  static bool isOfFamily(const RouteKey& key) { return key.prefix().isV4(); }
-  static Prefix prefix(const RouteKey& key) { return key.prefix().v4(); }
-  static auto config(const SwRouteSm& sm) { return sm.routeConfig(); }
-  static auto published(const SwRouteSm& sm) { return sm.ipv4RouteStatus(); }
-  static std::size_t inHw(const ShowRouteCacheSummarySm& sm) {
-    return sm.hwRouteSm_ ? sm.hwRouteSm_->ipv4HwRouteStatus()->size() : published(*sm.swRouteSm_)->size();
-  }
-};
+namespace {
 
-struct ShowRouteCacheSummarySm::V6 {
-  using Key = Ipv6RouteVrfKey;
-  static constexpr const char* dict = "summaryIPv6";
-  static constexpr const char* name = "IPv6";
-  static constexpr auto configRoutes = &VrfSummary::ipv6ConfigRoutes;
-  static constexpr auto sfeRoutes = &VrfSummary::ipv6SfeRoutes;
-  static constexpr auto hwRoutes = &VrfSummary::ipv6HwRoutes;
-  static constexpr auto unprogrammed = &VrfSummary::ipv6Unprogrammed;
-  static constexpr auto bookmark = &ShowRouteCacheSummarySm::bookmark6_;
-  static bool isOfFamily(const RouteKey& key) { return key.prefix().isV6(); }
-  static Ip6Prefix prefix(const RouteKey& key) { return key.prefix().v6(); }
-  static auto config(const SwRouteSm& sm) { return sm.route6Config(); }
-  static auto published(const SwRouteSm& sm) { return sm.ipv6RouteStatus(); }
-  // What is published goes to the hardware, in either arrangement.
-  static std::size_t inHw(const ShowRouteCacheSummarySm& sm) { return published(*sm.swRouteSm_)->size(); }
+// Where a VRF's counts of one family stand.
+template <class Family>
+struct Fields {
+  static constexpr auto configRoutes = byFamily<Family>(&VrfSummary::ipv4ConfigRoutes, &VrfSummary::ipv6ConfigRoutes);
+  static constexpr auto sfeRoutes = byFamily<Family>(&VrfSummary::ipv4SfeRoutes, &VrfSummary::ipv6SfeRoutes);
+  static constexpr auto hwRoutes = byFamily<Family>(&VrfSummary::ipv4HwRoutes, &VrfSummary::ipv6HwRoutes);
+  static constexpr auto unprogrammed = byFamily<Family>(&VrfSummary::ipv4Unprogrammed, &VrfSummary::ipv6Unprogrammed);
 };
+template <class Family>
+constexpr const char* dictName = byFamily<Family>("summary", "summaryIPv6");
+template <class Family>
+constexpr const char* familyName = byFamily<Family>("IPv4", "IPv6");
+
+}  // namespace
 
 ShowRouteCacheSummarySm::ShowRouteCacheSummarySm(const ShowRouteCacheInputs& inputs,
                                                  std::shared_ptr<const SwRouteSm> swRouteSm,
@@ -117,34 +99,34 @@ void ShowRouteCacheSummarySm::printRouteCacheVrfSummary() {
 }
 
 void ShowRouteCacheSummarySm::getIpv4RouteCacheVrfSummary() {
-  ipv4RouteConfigDone_ = countRoutes<V4>();
+  ipv4RouteConfigDone_ = countRoutes<Ipv4Family>();
   if (ipv4RouteConfigDone_) getIpv6RouteCacheVrfSummary();
 }
 
 void ShowRouteCacheSummarySm::getIpv6RouteCacheVrfSummary() {
-  ipv6RouteConfigDone_ = countRoutes<V6>();
+  ipv6RouteConfigDone_ = countRoutes<Ipv6Family>();
   if (ipv6RouteConfigDone_) doPrintRouteCacheVrfSummary();
 }
 
 // The configuration is ordered by VRF: what belongs to others is passed over without a look.
-template <class F>
+template <class Family>
 bool ShowRouteCacheSummarySm::countRoutes() {
-  const auto config = F::config(*swRouteSm_);
-  RouteKey& bookmark = this->*F::bookmark;
+  const auto& config = swRouteSm_->configured<Family>();
+  RouteKey& bookmark = bookmarks_.of<Family>();
   if (vrfSummary_.empty()) return true;
   const auto firstOf = [](const auto& vrf) { return RouteKey(vrf.first, IpGenPrefix()); };
-  auto route = config->lowerBound(bookmark.isEmpty() ? firstOf(*vrfSummary_.begin()) : bookmark);
+  auto route = config.lowerBound(bookmark.isEmpty() ? firstOf(*vrfSummary_.begin()) : bookmark);
   bookmark = RouteKey();
-  while (route != config->end()) {
+  while (route != config.end()) {
     const auto vrf = vrfSummary_.lower_bound(route->key().vrfId());
     if (vrf == vrfSummary_.end()) break;
     if (vrf->first == route->key().vrfId()) {
-      countRoute<F>(route->key(), vrf->second);
+      countRoute<Family>(route->key(), vrf->second);
       ++route;
     } else {
-      route = config->lowerBound(firstOf(*vrf));
+      route = config.lowerBound(firstOf(*vrf));
     }
-    if (route != config->end() && shouldYield()) {
+    if (route != config.end() && shouldYield()) {
       bookmark = route->key();
       return false;
     }
@@ -152,44 +134,45 @@ bool ShowRouteCacheSummarySm::countRoutes() {
   return true;
 }
 
-template <class F>
+template <class Family>
 void ShowRouteCacheSummarySm::countRoute(const RouteKey& key, VrfSummary& summary) const {
   const VrfIdMap& ids = *swRouteSm_->vrfIdMap();
-  ++(summary.*F::configRoutes);
+  ++(summary.*Fields<Family>::configRoutes);
   // Whoever configures routes may put one into the other family's table: it is never published from there.
-  if (F::isOfFamily(key) && ids.globalVrfIdToHwVrfIdHas(key.vrfId())) {
-    const typename F::Key tableKey(F::prefix(key), ids.globalVrfIdToHwVrfId(key.vrfId()));
-    if (const auto route = F::published(*swRouteSm_)->route(tableKey)) {
-      ++(summary.*(route->inHw() ? F::hwRoutes : F::sfeRoutes));
+  if (key.prefix().family() == Family::family && ids.globalVrfIdToHwVrfIdHas(key.vrfId())) {
+    const BasicRouteVrfKey<Family> tableKey(Family::prefix(key.prefix()), ids.globalVrfIdToHwVrfId(key.vrfId()));
+    if (const auto route = swRouteSm_->routeStatus<Family>()->route(tableKey)) {
+      ++(summary.*(route->inHw() ? Fields<Family>::hwRoutes : Fields<Family>::sfeRoutes));
       return;
     }
   }
-  ++(summary.*F::unprogrammed);
+  ++(summary.*Fields<Family>::unprogrammed);
 }
 
 // --- Printing --------------------------------------------------------------------------------------------------------
 
 void ShowRouteCacheSummarySm::doPrintRouteCacheVrfSummary() {
-  if (!ipv4RowsPrinted_ && !printVrfRows<V4>()) return;
+  if (!ipv4RowsPrinted_ && !printVrfRows<Ipv4Family>()) return;
   ipv4RowsPrinted_ = true;
-  if (!printVrfRows<V6>()) return;
+  if (!printVrfRows<Ipv6Family>()) return;
   renderer().startDict("total");
   printTotal();
   renderer().endDict();
   printed_ = true;
 }
 
-template <class F>
+template <class Family>
 bool ShowRouteCacheSummarySm::printVrfRows() {
   if (!nextRow_) {
-    renderer().startDict(F::dict);
+    renderer().startDict(dictName<Family>);
     nextRow_ = vrfNameToId_.begin();
   }
   auto& row = *nextRow_;
   while (row != vrfNameToId_.end()) {
     const VrfSummary& vrf = vrfSummary_.at(row->second);
-    const Counts counts{vrf.*F::configRoutes, vrf.*F::sfeRoutes, vrf.*F::hwRoutes, vrf.*F::unprogrammed};
-    printRow(row->first, F::name, counts);
+    const Counts counts{vrf.*Fields<Family>::configRoutes, vrf.*Fields<Family>::sfeRoutes,
+                        vrf.*Fields<Family>::hwRoutes, vrf.*Fields<Family>::unprogrammed};
+    printRow(row->first, familyName<Family>, counts);
     total_.add(counts);
     ++row;
     if (row != vrfNameToId_.end() && shouldYield()) return false;
@@ -200,8 +183,8 @@ bool ShowRouteCacheSummarySm::printVrfRows() {
 }
 
 void ShowRouteCacheSummarySm::printRouteCacheAllSummary() {
-  printAllRow<V4>();
-  printAllRow<V6>();
+  printAllRow<Ipv4Family>();
+  printAllRow<Ipv6Family>();
   renderer().startDict("total");
   renderer().startDictEntry(allVrfs);
   printTotal();
@@ -211,17 +194,19 @@ void ShowRouteCacheSummarySm::printRouteCacheAllSummary() {
 }
 
 // The tables are not written at one instant: what one of them is ahead of another counts as nothing.
-template <class F>
+template <class Family>
 void ShowRouteCacheSummarySm::printAllRow() {
   const auto less = [](std::uint64_t a, std::uint64_t b) { return a - std::min(a, b); };
-  const std::uint64_t published = F::published(*swRouteSm_)->size();
+  const std::uint64_t published = swRouteSm_->routeStatus<Family>()->size();
   Counts counts;
-  counts.configured = F::config(*swRouteSm_)->size();
-  counts.inHw = F::inHw(*this);
+  counts.configured = swRouteSm_->configured<Family>().size();
+  // Without caching in hardware what is published goes there; IPv6 routes do so in any case.
+  const bool isCached = std::is_same_v<Family, Ipv4Family> && hwRouteSm_;
+  counts.inHw = isCached ? hwRouteSm_->ipv4HwRouteStatus()->size() : published;
   counts.inSfe = less(published, counts.inHw);
   counts.unprogrammed = less(counts.configured, published);
-  renderer().startDict(F::dict);
-  printRow(allVrfs, F::name, counts);
+  renderer().startDict(dictName<Family>);
+  printRow(allVrfs, familyName<Family>, counts);
   renderer().endDict();
   total_.add(counts);
 }

@@ -5,18 +5,6 @@
 
 namespace RouteCache {
 
-struct ShowRouteCacheVrfPrefixSm::V4 {
-  using Key = Ipv4RouteVrfKey;
-  static constexpr auto listing = &ShowRouteCacheVrfPrefixSm::listing_;
-  static auto routes(const SwRouteSm& sm) { return sm.ipv4RouteStatus(); }
-};
-
-struct ShowRouteCacheVrfPrefixSm::V6 {
-  using Key = Ipv6RouteVrfKey;
-  static constexpr auto listing = &ShowRouteCacheVrfPrefixSm::listing6_;
-  static auto routes(const SwRouteSm& sm) { return sm.ipv6RouteStatus(); }
-};
-
 ShowRouteCacheVrfPrefixSm::ShowRouteCacheVrfPrefixSm(const ShowRouteCacheInputs& inputs,
                                                      std::shared_ptr<const SwRouteSm> swRouteSm, std::string vrfName,
                                                      const IpGenPrefix& prefix,
@@ -36,8 +24,8 @@ std::shared_ptr<ShowRouteCacheVrfPrefixSm> showRouteCacheVrfPrefixSmFactory(
                                                      std::move(piVrfIdMap), isIpv6);
 }
 
-template <class FamilyType>
-void ShowRouteCacheVrfPrefixSm::Listing<FamilyType>::routeIs(const Key& key, bool collected) {
+template <class Family>
+void ShowRouteCacheVrfPrefixSm::Listing<Family>::routeIs(const Key& key, bool collected) {
   const auto at = std::lower_bound(route.begin(), route.end(), key);
   const bool has = at != route.end() && *at == key;
   if (collected && !has) route.insert(at, key);
@@ -86,35 +74,35 @@ void ShowRouteCacheVrfPrefixSm::printHeader() {
 }
 
 void ShowRouteCacheVrfPrefixSm::printRouteCachePrefix() {
-  printRoute<V4>(Ipv4RouteVrfKey(prefix_.v4(), *hwVrfId_));
+  printRoute<Ipv4Family>(Ipv4RouteVrfKey(prefix_.v4(), *hwVrfId_));
 }
 
 void ShowRouteCacheVrfPrefixSm::printRouteCacheV6Prefix() {
-  printRoute<V6>(Ipv6RouteVrfKey(prefix_.v6(), *hwVrfId_));
+  printRoute<Ipv6Family>(Ipv6RouteVrfKey(prefix_.v6(), *hwVrfId_));
 }
 
 // --- Walking the table -----------------------------------------------------------------------------------------------
 
 void ShowRouteCacheVrfPrefixSm::printRouteCacheAllPrefix() {
-  printAllPrefix<V4>();
+  printAllPrefix<Ipv4Family>();
 }
 
 void ShowRouteCacheVrfPrefixSm::printRouteCacheV6AllPrefix() {
-  printAllPrefix<V6>();
+  printAllPrefix<Ipv6Family>();
 }
 
 // Collects a windowful and prints it, by turns.
-template <class F>
+template <class Family>
 void ShowRouteCacheVrfPrefixSm::printAllPrefix() {
-  auto& listing = this->*F::listing;
+  auto& listing = listings_.of<Family>();
   for (;;) {
-    if (!printState_ && !collectRoutes<F>()) return;
+    if (!printState_ && !collectRoutes<Family>()) return;
     printState_ = true;
     while (!listing.route.empty()) {
-      const typename F::Key key = listing.route.front();
+      const BasicRouteVrfKey<Family> key = listing.route.front();
       listing.routeIs(key, false);
-      printRoute<F>(key);
-      if (yieldAt<F>(listing.route.empty() ? listing.next : listing.route.front())) return;
+      printRoute<Family>(key);
+      if (yieldAt<Family>(listing.route.empty() ? listing.next : listing.route.front())) return;
     }
     if (!listing.next) break;
     printState_ = false;
@@ -122,16 +110,16 @@ void ShowRouteCacheVrfPrefixSm::printAllPrefix() {
   listing.bookmark = {};
 }
 
-template <class F>
+template <class Family>
 bool ShowRouteCacheVrfPrefixSm::collectRoutes() {
-  auto& listing = this->*F::listing;
-  const auto table = F::routes(*swRouteSm_);
+  auto& listing = listings_.of<Family>();
+  const auto table = swRouteSm_->routeStatus<Family>();
   auto at = table->lowerBound(*listing.next);
   while (at != table->end() && listing.route.size() < windowSize) {
     if (at->key().vrfId() == *hwVrfId_) listing.routeIs(at->key(), true);
     ++at;
     listing.next = at == table->end() ? std::nullopt : std::optional(at->key());
-    if (yieldAt<F>(listing.next)) return false;
+    if (yieldAt<Family>(listing.next)) return false;
   }
   if (at == table->end()) listing.next = std::nullopt;
   return true;
@@ -139,18 +127,18 @@ bool ShowRouteCacheVrfPrefixSm::collectRoutes() {
 
 // Ends the call at this key, the next one to handle, if it should end. The empty key is no bookmark: the call takes one
 // more entry then. Nothing more to handle needs no other call.
-template <class F>
-bool ShowRouteCacheVrfPrefixSm::yieldAt(const std::optional<typename F::Key>& next) {
-  if (!next || *next == typename F::Key() || !shouldYield()) return false;
-  (this->*F::listing).bookmark = *next;
+template <class Family>
+bool ShowRouteCacheVrfPrefixSm::yieldAt(const std::optional<BasicRouteVrfKey<Family>>& next) {
+  if (!next || *next == BasicRouteVrfKey<Family>() || !shouldYield()) return false;
+  listings_.of<Family>().bookmark = *next;
   return true;
 }
 
 // --- One route -------------------------------------------------------------------------------------------------------
 
-template <class F>
-void ShowRouteCacheVrfPrefixSm::printRoute(const typename F::Key& key) {
-  const auto route = F::routes(*swRouteSm_)->route(key);
+template <class Family>
+void ShowRouteCacheVrfPrefixSm::printRoute(const BasicRouteVrfKey<Family>& key) {
+  const auto route = swRouteSm_->routeStatus<Family>()->route(key);
   if (!route) return;
   const std::string prefix = Platform::toText(key.prefix());
   const std::uint32_t id = route->adjId().value();

@@ -150,10 +150,18 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   // --- The tables, for reading ------------------------------------------------------------------------------------
   std::shared_ptr<const Ipv4RouteStatus> ipv4RouteStatus() const { return in_.ipv4RouteStatus; }
   std::shared_ptr<const Ipv6RouteStatus> ipv6RouteStatus() const { return in_.ipv6RouteStatus; }
+  template <class Family>
+  std::shared_ptr<const RouteStatus<Family>> routeStatus() const {
+    return sides_.of<Family>().routes;
+  }
   std::shared_ptr<const Ipv4AdjacencyStatus> ipv4AdjStatus() const { return in_.ipv4AdjStatus; }
   std::shared_ptr<const Ipv6AdjacencyStatus> ipv6AdjStatus() const { return in_.ipv6AdjStatus; }
   std::shared_ptr<const Routing::Rib::RouteConfig> routeConfig() const { return in_.routeConfig; }
   std::shared_ptr<const Routing::Rib::RouteConfig> route6Config() const { return in_.route6Config; }
+  template <class Family>
+  const Routing::Rib::RouteConfig& configured() const {
+    return sides_.of<Family>().config;
+  }
   std::shared_ptr<const VrfIdMap> vrfIdMap() const { return in_.vrfIdMap; }
 
   // --- Task bodies and requests ----------------------------------------------------------------------------------
