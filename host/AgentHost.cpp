@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "host/AgentLibrary.h"
+#include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/files/InputFile.h"
@@ -39,7 +40,7 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
       agentName_(settings.agentName),
       traceFile_(settings.traceFile),
       trace_(traceDirectory(settings.runDir)),
-      stateDb_(entityTypes_, scheduler),
+      stateDb_(std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes_, scheduler)),
       commands_(scheduler),
       agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
   if (!traceFile_) trace_.levels().defaultIs(-1);
@@ -56,9 +57,9 @@ LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> d
 
 void AgentHost::loadScenario(const std::string& file) {
   const std::string text = LinuxPlatform::readInput(file, mostScenarioBytes);
-  stateDb_.entitiesAre(LinuxPlatform::parseScenario(text, file, entityTypes_, allPathTypes()));
+  stateDb_->entitiesAre(LinuxPlatform::parseScenario(text, file, entityTypes_, allPathTypes()));
   const auto entity = [this]<class T>(const char* path, const char* typeName) {
-    auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
+    auto typed = std::dynamic_pointer_cast<T>(stateDb_->entityOrNew(path, typeName));
     PLATFORM_ASSERT(typed);
     return typed;
   };
@@ -71,21 +72,18 @@ void AgentHost::loadScenario(const std::string& file) {
 
 void AgentHost::start(std::function<void()> ready) {
   Platform::AgentServices services;
-  services.stateDb = &stateDb_;
+  services.stateDb = stateDb_.get();
   services.tables = &*tables_;
   services.scheduler = &scheduler_;
   services.trace = &trace_;
   services.commands = &commands_;
   services.clock = std::make_shared<LinuxPlatform::MonotonicClock>();
-  services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
-    stateDb_.localEntityIs(path, std::move(entity));
-  };
   services.environment = [this](const char* name) {
     if (!traceFile_ && std::string_view(name) == "ZEPHLOG_DISABLE") return "1";
     return static_cast<const char*>(std::getenv(name));
   };
   agent_->servicesIs(services);
-  stateDb_.afterMountsIs(std::move(ready));
+  stateDb_->afterMountsIs(std::move(ready));
   agent_->doInit();
 }
 

@@ -10,11 +10,11 @@
 
 #include "lib/control/AgentCommands.h"
 #include "lib/resolver/UnderlayResolver.h"
-#include "lib/statedb/EmbeddedStateDb.h"
 #include "linux/files/TraceFile.h"
 #include "linux/tables/SharedTableService.h"
 #include "platform/services/AgentBase.h"
 #include "platform/services/TaskScheduler.h"
+#include "platform/state/StateDb.h"
 
 namespace Tools {
 
@@ -46,7 +46,7 @@ class AgentHost {
   // Destroys the agent and wakes who follows its tables.
   void stop();
 
-  LinuxPlatform::EmbeddedStateDb& stateDb() { return stateDb_; }
+  Lattis::StateDb& stateDb() { return *stateDb_; }
   LinuxPlatform::SharedTableService& tables() { return *tables_; }
   // What is asked of the agent; the replies it makes go before the host.
   LinuxPlatform::AgentCommands& commands() { return commands_; }
@@ -64,7 +64,7 @@ class AgentHost {
   Lattis::EntityTypes entityTypes_;
   Platform::TableTypes tableTypes_;
   Platform::TraceVocabulary vocabulary_;
-  LinuxPlatform::EmbeddedStateDb stateDb_;
+  std::unique_ptr<Lattis::StateDb> stateDb_;
   std::optional<LinuxPlatform::SharedTableService> tables_;
   LinuxPlatform::AgentCommands commands_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;

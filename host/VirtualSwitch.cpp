@@ -38,7 +38,7 @@ AgentHostSettings hostSettings(const VirtualSwitchSettings& settings, const std:
 }
 
 template <class T>
-std::shared_ptr<T> entityAt(LinuxPlatform::EmbeddedStateDb& stateDb, const char* path) {
+std::shared_ptr<T> entityAt(const Lattis::StateDb& stateDb, const char* path) {
   return std::dynamic_pointer_cast<T>(stateDb.entity(path));
 }
 
@@ -48,7 +48,7 @@ struct CompleteVrf {
 };
 
 // The VRFs that the platform and the hardware know, in the order of their names.
-std::vector<CompleteVrf> completeVrfs(LinuxPlatform::EmbeddedStateDb& stateDb) {
+std::vector<CompleteVrf> completeVrfs(const Lattis::StateDb& stateDb) {
   std::vector<CompleteVrf> vrfs;
   const auto names = entityAt<Vrf::VrfIdMap::NameToIdMap>(stateDb, Paths::vrfNames);
   const auto hardware = entityAt<Routing::Hardware::RouteStatus>(stateDb, Paths::hwRouteStatus);
@@ -62,7 +62,7 @@ std::vector<CompleteVrf> completeVrfs(LinuxPlatform::EmbeddedStateDb& stateDb) {
 }
 
 // Through the first tunnel interface that is up, into its first VLAN.
-TunnelOptions tunnelOf(LinuxPlatform::EmbeddedStateDb& stateDb) {
+TunnelOptions tunnelOf(const Lattis::StateDb& stateDb) {
   if (const auto directory = entityAt<Vxlan::VtiStatusDir>(stateDb, Paths::vtiStatusDir)) {
     for (const auto& [intfId, status] : directory->vtiStatus()) {
       if (status->operStatus() != Vxlan::OperStatus::up || status->extendedVlanToVniMap().empty()) continue;
@@ -147,9 +147,7 @@ void VirtualSwitch::writeInputs(const VirtualSwitchSettings& settings) {
 void VirtualSwitch::set(const VirtualSwitchSettings::Set& what) {
   const auto& [path, field, value] = what;
   try {
-    const auto entity = host_.stateDb().entity(path);
-    if (!entity) throw BadText("nothing is at this path");
-    LinuxPlatform::setField(entity, field, value);
+    host_.stateDb().fieldIs(path, field, value);
   } catch (const std::exception& error) {
     throw BadText("--set " + path + " " + field + ": " + error.what());
   }

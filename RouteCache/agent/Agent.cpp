@@ -257,12 +257,12 @@ void Agent::cliCallbackWithFormatIs(const std::string& name, const std::string& 
   cliCallbackWithFormatDel();
   cliCallbackWithFormat_ = std::make_shared<CliCallbackWithFormat>(name, commandType, agent);
   services().commands->commandCallbackWithFormatIs(cliCallbackWithFormat_);
-  services().localEntityIs(Paths::cliCallback, cliCallbackWithFormat_);
+  services().stateDb->localEntityIs(Paths::cliCallback, cliCallbackWithFormat_);
 }
 
 void Agent::cliCallbackWithFormatDel() {
   if (!cliCallbackWithFormat_) return;
-  services().localEntityIs(Paths::cliCallback, nullptr);
+  services().stateDb->localEntityIs(Paths::cliCallback, nullptr);
   services().commands->commandCallbackWithFormatDel(cliCallbackWithFormat_->commandType());
   cliCallbackWithFormat_.reset();
 }
@@ -276,23 +276,23 @@ void Agent::endCommands() {
 
 void Agent::vrfIdMapIs() {
   vrfIdMap_ = RouteCache::vrfIdMapFactory("vrfIdMap");
-  services().localEntityIs(Paths::vrfIdMap, vrfIdMap_);
+  services().stateDb->localEntityIs(Paths::vrfIdMap, vrfIdMap_);
 }
 
 void Agent::vrfIdMapDel() {
   if (!vrfIdMap_) return;
-  services().localEntityIs(Paths::vrfIdMap, nullptr);
+  services().stateDb->localEntityIs(Paths::vrfIdMap, nullptr);
   vrfIdMap_.reset();
 }
 
 void Agent::vrfCachedRouteIs() {
   vrfCachedRoute_ = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
-  services().localEntityIs(Paths::vrfCachedRoute, vrfCachedRoute_);
+  services().stateDb->localEntityIs(Paths::vrfCachedRoute, vrfCachedRoute_);
 }
 
 void Agent::vrfCachedRouteDel() {
   if (!vrfCachedRoute_) return;
-  services().localEntityIs(Paths::vrfCachedRoute, nullptr);
+  services().stateDb->localEntityIs(Paths::vrfCachedRoute, nullptr);
   vrfCachedRoute_.reset();
 }
 
@@ -312,13 +312,13 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
        route6Config_, unprogrammedRouteConfig_, viaConfig_, vrfIdMap_, nextHopConfig_, nextHopStatus_, vtiStatusDir_},
       *services().scheduler, *services().trace, restart);
   if (inputsReady_) swRouteSm_->handleInitialized();
-  services().localEntityIs(Paths::swRouteSm, swRouteSm_);
+  services().stateDb->localEntityIs(Paths::swRouteSm, swRouteSm_);
 }
 
 void Agent::swRouteSmDel() {
   if (!swRouteSm_) return;
   endCommands();
-  services().localEntityIs(Paths::swRouteSm, nullptr);
+  services().stateDb->localEntityIs(Paths::swRouteSm, nullptr);
   swRouteSm_.reset();
 }
 
@@ -332,13 +332,13 @@ void Agent::hwRouteSmIs() {
                                ipv4SfeProgrammedRouteStatus_, ipv4AdjStatus_, ipv6AdjStatus_},
                               *services().scheduler, *services().trace);
   if (inputsReady_) hwRouteSm_->handleInitialized();
-  services().localEntityIs(Paths::hwRouteSm, hwRouteSm_);
+  services().stateDb->localEntityIs(Paths::hwRouteSm, hwRouteSm_);
 }
 
 void Agent::hwRouteSmDel() {
   if (!hwRouteSm_) return;
   endCommands();
-  services().localEntityIs(Paths::hwRouteSm, nullptr);
+  services().stateDb->localEntityIs(Paths::hwRouteSm, nullptr);
   hwRouteSm_.reset();
 }
 
@@ -350,12 +350,12 @@ void Agent::kernelRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> s
                                    vrfIdMap_, vrfCachedRoute_, routeConfig_, route6Config_},
                                   *services().scheduler, *services().trace);
   if (inputsReady_) kernelRouteSm_->handleInitialized();
-  services().localEntityIs(Paths::kernelRouteSm, kernelRouteSm_);
+  services().stateDb->localEntityIs(Paths::kernelRouteSm, kernelRouteSm_);
 }
 
 void Agent::kernelRouteSmDel() {
   if (!kernelRouteSm_) return;
-  services().localEntityIs(Paths::kernelRouteSm, nullptr);
+  services().stateDb->localEntityIs(Paths::kernelRouteSm, nullptr);
   kernelRouteSm_.reset();
 }
 

@@ -107,9 +107,6 @@ void AgentProcess::startAgent() {
   services.tables = &tables_;
   services.scheduler = &loop_;
   services.trace = &trace_;
-  services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> local) {
-    stateDb_.localEntityIs(path, std::move(local));
-  };
   services.environment = [](const char* name) { return static_cast<const char*>(std::getenv(name)); };
   agent_->servicesIs(services);
   agent_->doInit();

@@ -1,12 +1,15 @@
 #include "lib/statedb/EmbeddedStateDb.h"
 
 #include <set>
+#include <stdexcept>
 #include <utility>
 
+#include "lib/statedb/EntityFields.h"
 #include "platform/values/Assert.h"
 
 namespace LinuxPlatform {
 
+using Lattis::Entities;
 using Lattis::Entity;
 
 namespace {
@@ -21,7 +24,7 @@ class MountedEntities final : public Lattis::EntityManager {
   }
 
  private:
-  EmbeddedStateDb::Entities entities_;
+  Entities entities_;
 };
 
 }  // namespace
@@ -120,6 +123,20 @@ std::vector<std::string> EmbeddedStateDb::paths() const {
   for (const auto& [path, entity] : entities_) paths.insert(path);
   for (const auto& [path, entity] : localEntities_) paths.insert(path);
   return {paths.begin(), paths.end()};
+}
+
+std::shared_ptr<Entity> EmbeddedStateDb::changeable(std::string_view path) const {
+  auto found = entity(path);
+  if (!found) throw std::invalid_argument("nothing is at this path");
+  return found;
+}
+
+void EmbeddedStateDb::fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) {
+  setField(changeable(path), field, value);
+}
+
+void EmbeddedStateDb::fieldDel(std::string_view path, std::string_view field) {
+  delField(changeable(path), field);
 }
 
 }  // namespace LinuxPlatform

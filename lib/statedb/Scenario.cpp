@@ -132,11 +132,11 @@ std::string typeNameFor(const std::string& place, const std::string& path, const
 
 }  // namespace
 
-EmbeddedStateDb::Entities parseScenario(std::string_view text, const std::string& fileName,
-                                        const Lattis::EntityTypes& types, const PathTypes& pathTypes) {
+Lattis::Entities parseScenario(std::string_view text, const std::string& fileName, const Lattis::EntityTypes& types,
+                               const PathTypes& pathTypes) {
   const Json scenario = parsed(text, fileName);
   if (!scenario.is_object()) refuse(fileName, "an object of mount paths is wanted");
-  EmbeddedStateDb::Entities entities;
+  Lattis::Entities entities;
   for (const auto& [path, object] : scenario.items()) {
     const std::string place = fileName + ": " + path;
     const std::string typeName = typeNameFor(place, path, object, pathTypes);

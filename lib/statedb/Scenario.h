@@ -16,7 +16,6 @@
 #include <string>
 #include <string_view>
 
-#include "lib/statedb/EmbeddedStateDb.h"
 #include "platform/state/StateDb.h"
 
 namespace LinuxPlatform {
@@ -33,7 +32,7 @@ class ScenarioError : public Platform::BadText {
 
 // Builds the entities of a scenario's text, by path; `fileName` is what errors call it. Everything has been checked
 // when it returns, faults of whole entities included. Throws ScenarioError.
-EmbeddedStateDb::Entities parseScenario(std::string_view text, const std::string& fileName,
-                                        const Lattis::EntityTypes& types, const PathTypes& pathTypes);
+Lattis::Entities parseScenario(std::string_view text, const std::string& fileName, const Lattis::EntityTypes& types,
+                               const PathTypes& pathTypes);
 
 }  // namespace LinuxPlatform

@@ -52,13 +52,13 @@ std::string requiredOf(const ControlSocket::Request& request, std::string_view n
   return *std::move(value);
 }
 
-std::shared_ptr<Lattis::Entity> entityAt(const EmbeddedStateDb& stateDb, const std::string& path) {
+std::shared_ptr<Lattis::Entity> entityAt(const Lattis::StateDb& stateDb, const std::string& path) {
   auto entity = stateDb.entity(path);
   if (!entity) throw std::invalid_argument("nothing is at the path '" + path + "'");
   return entity;
 }
 
-std::string pathLines(const EmbeddedStateDb& stateDb) {
+std::string pathLines(const Lattis::StateDb& stateDb) {
   std::string lines;
   for (const auto& path : stateDb.paths()) {
     lines += controlLine({{"path", path}, {"type", stateDb.entity(path)->entityType().name}});
@@ -84,7 +84,7 @@ void atField(const std::string& path, const std::string& field, Action&& action)
 
 }  // namespace
 
-void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
+void addEntityOperations(ControlSocket& socket, Lattis::StateDb& stateDb) {
   using Request = ControlSocket::Request;
   using Reply = std::unique_ptr<ControlReply>;
   using Access = ControlSocket::Access;
@@ -102,16 +102,16 @@ void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb) {
   socket.opIs("set", Access::change, [&stateDb](const Request& request) -> Reply {
     const std::string path = requiredOf(request, "path");
     const std::string field = requiredOf(request, "field");
-    const auto entity = entityAt(stateDb, path);
-    atField(path, field, [&] { setField(entity, field, optionalOf(request, "value")); });
+    entityAt(stateDb, path);
+    atField(path, field, [&] { stateDb.fieldIs(path, field, optionalOf(request, "value")); });
     return nullptr;
   });
 
   socket.opIs("del", Access::change, [&stateDb](const Request& request) -> Reply {
     const std::string path = requiredOf(request, "path");
     const std::string field = requiredOf(request, "field");
-    const auto entity = entityAt(stateDb, path);
-    atField(path, field, [&] { delField(entity, field); });
+    entityAt(stateDb, path);
+    atField(path, field, [&] { stateDb.fieldDel(path, field); });
     return nullptr;
   });
 }

@@ -11,13 +11,13 @@
 #pragma once
 
 #include "lib/control/AgentCommands.h"
-#include "lib/statedb/EmbeddedStateDb.h"
 #include "linux/control/ControlSocket.h"
+#include "platform/state/StateDb.h"
 
 namespace LinuxPlatform {
 
 // What these work on outlives the socket.
-void addEntityOperations(ControlSocket& socket, EmbeddedStateDb& stateDb);
+void addEntityOperations(ControlSocket& socket, Lattis::StateDb& stateDb);
 void addTaskOperation(ControlSocket& socket, const Platform::TaskScheduler& scheduler);
 void addCommandOperation(ControlSocket& socket, AgentCommands& commands);
 

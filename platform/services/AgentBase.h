@@ -48,8 +48,6 @@ struct AgentServices {
   TraceFacility* trace = nullptr;
   ::Agent::AgentCommandRequestDir* commands = nullptr;  // null: nobody sends commands
   std::shared_ptr<const Clock> clock;  // for the run-time budgets of commands; there whenever commands is
-  // Offers an entity of the agent's own (a state machine) to operators under a path; null takes it away.
-  std::function<void(const std::string& path, std::shared_ptr<Lattis::Entity>)> localEntityIs;
   // Reads an environment variable; null when it is not set.
   std::function<const char*(const char* name)> environment;
 };

@@ -1,11 +1,12 @@
-// The state database as the agent sees it: entities by path, mounted in groups with a mode, complete when all of a
-// group have been delivered. A backend may live in this process or in another; so completion is asynchronous, and a
-// mounted entity may change at any time between two callbacks.
+// The state database: entities by path. Agents mount them in groups with a mode, complete when all of a group have been
+// delivered; the launcher fills it, and operators look and change. A backend may live in this process or in another; so
+// completion is asynchronous, and a mounted entity may change at any time between two callbacks.
 #pragma once
 
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -66,10 +67,48 @@ class MountGroup {
   virtual void close(MountsComplete complete) = 0;
 };
 
+// Entities by path.
+using Entities = std::map<std::string, std::shared_ptr<Entity>, std::less<>>;
+
+// Two kinds of entities stand side by side: those of the database, which agents mount, and local ones, which this
+// process offers to operators (an agent's state machines); operators reach both. A local entity hides one of the
+// database under the same path from operators, never from mounts.
+//
+// Whoever reaches an entity by its path has the one object that everybody has, until another is put there; what is
+// changed through it or by text, here or elsewhere, its reactors are told. A backend whose database has gone out of
+// reach keeps the entities as it last heard of them and refuses changes by text; when it is back, whatever differs is
+// set as any change is.
+//
+// Outlives its mount groups' users.
 class StateDb {
  public:
   virtual ~StateDb() = default;
+
+  // --- For agents ---
   virtual std::shared_ptr<MountGroup> mountGroup() = 0;
+  virtual void localEntityIs(const std::string& path, std::shared_ptr<Entity> entity) = 0;  // null takes it away
+
+  // --- For launchers ---
+  // Called each time a mount group's completion has been called.
+  virtual void afterMountsIs(std::function<void()> hook) = 0;
+  // Puts entities in, all together; one that stands at such a path is replaced for later mounts only.
+  virtual void entitiesAre(const Entities& entities) = 0;
+  // Of the database only: the one there is, or a new one as a mount makes it; null for a type that nobody registered.
+  virtual std::shared_ptr<Entity> entityOrNew(const std::string& path, const std::string& typeName) = 0;
+
+  // --- For operators ---
+  // What an operator finds under the path, or null.
+  virtual std::shared_ptr<Entity> entity(std::string_view path) const = 0;
+  // All paths an operator can reach, in order.
+  virtual std::vector<std::string> paths() const = 0;
+  // Changes what an operator finds under the path through the generic value interface: `field` is ATTRIBUTE,
+  // COLLECTION[KEY], or COLLECTION[KEY].FIELD for a field of a child entity, with a backslash before brackets of a key
+  // that do not match each other. fieldIs() makes the children on the way, and the child entity itself when there is
+  // no value. A change that cannot be made, or after which an entity on the way has a fault(), throws
+  // std::invalid_argument or what the value interface throws, in one line that says what is wrong; nothing has changed
+  // then.
+  virtual void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) = 0;
+  virtual void fieldDel(std::string_view path, std::string_view field) = 0;
 };
 
 }  // namespace Lattis

@@ -16,7 +16,6 @@
 #include "platform/state/Vrf.h"
 #include "platform/state/Vxlan.h"
 
-using LinuxPlatform::EmbeddedStateDb;
 using LinuxPlatform::ScenarioError;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -31,7 +30,7 @@ class ScenarioTest : public testing::Test {
     types.typeIs<RouteCache::CliConfig>("RouteCache::CliConfig");
     paths["routecache/cliconfig"] = "RouteCache::CliConfig";
   }
-  EmbeddedStateDb::Entities parse(const std::string& text) const {
+  Lattis::Entities parse(const std::string& text) const {
     return LinuxPlatform::parseScenario(text, "leaf.json", types, paths);
   }
   std::string complaint(const std::string& text) const {

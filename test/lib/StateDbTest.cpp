@@ -11,91 +11,229 @@
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
 
+using Lattis::Entity;
 using Lattis::EntityManager;
 using Lattis::MountStatus;
-using LinuxPlatform::EmbeddedStateDb;
+using Routing::Hardware::RouteStatus;
 using testing::ElementsAre;
+using testing::IsEmpty;
+using NameToIdMap = Vrf::VrfIdMap::NameToIdMapWrapper;
 
 namespace {
 
+// The promises of the state database's interface, put to every implementation. A driver makes one over these types and
+// lets it finish what it is at.
+struct Embedded {
+  explicit Embedded(const Lattis::EntityTypes& types) : db(types, scheduler) {}
+  void settle() { scheduler.advance(0); }
+  LinuxPlatform::SimulatedScheduler scheduler;
+  LinuxPlatform::EmbeddedStateDb db;
+};
+
+// Whose fault() is the only one to say what its value must not be.
+class Limits final : public Entity {
+ public:
+  using Entity::Entity;
+  std::uint32_t low() const { return low_; }
+  void lowIs(std::uint32_t low) { low_ = low; }
+  std::string fault() const override { return low_ > 10 ? "low is above 10" : ""; }
+  const Lattis::EntityType& entityType() const override {
+    static const Lattis::EntityType type{"Limits",
+                                         {Lattis::attributeField<Limits, &Limits::low, &Limits::lowIs>("low"),
+                                          Lattis::readOnlyField<Limits, &Limits::low>("twin")},
+                                         {}};
+    return type;
+  }
+
+ private:
+  std::uint32_t low_ = 1;
+};
+
+template <class Driver>
 class StateDbTest : public testing::Test {
  protected:
-  StateDbTest() { LinuxPlatform::addPlatformTypes(types, tables); }
-
-  // Closes a group with these (path, type) mounts; the outcome lies in `status` and `manager` once it is called.
-  void mount(const std::vector<std::pair<std::string, std::string>>& requests) {
+  StateDbTest() {
+    Platform::TableTypes tables;
+    LinuxPlatform::addPlatformTypes(types, tables);
+    types.typeIs<Limits>("Limits");
+  }
+  struct Request {
+    std::string path, type, mode = "r";
+  };
+  // What comes of a group with these mounts; `completions` counts the answers.
+  std::shared_ptr<EntityManager> mounted(const std::vector<Request>& requests) {
     const auto group = db.mountGroup();
-    for (const auto& [path, type] : requests) group->mount(path, type, "r");
-    group->close([this](MountStatus newStatus, std::shared_ptr<EntityManager> newManager) {
+    for (const auto& [path, type, mode] : requests) group->mount(path, type, mode);
+    std::shared_ptr<EntityManager> manager;
+    group->close([&](MountStatus newStatus, std::shared_ptr<EntityManager> newManager) {
       ++completions;
       status = newStatus;
       manager = std::move(newManager);
     });
+    EXPECT_EQ(manager, nullptr) << "never from inside close()";
+    driver.settle();
+    return manager;
   }
 
   Lattis::EntityTypes types;
-  Platform::TableTypes tables;
-  LinuxPlatform::SimulatedScheduler scheduler;
-  EmbeddedStateDb db{types, scheduler};
+  Driver driver{types};
+  Lattis::StateDb& db = driver.db;
   int completions = 0;
   MountStatus status = MountStatus::mountFailed;
-  std::shared_ptr<EntityManager> manager;
 };
+template <class Driver>
+using StateDbDeathTest = StateDbTest<Driver>;
 
-TEST_F(StateDbTest, GroupCompletesLaterWithWhatStandsAndWhatIsMadeForIt) {
-  const auto hardware = std::make_shared<Routing::Hardware::Status>("placed");
-  db.entitiesAre({{"hardware", hardware}});
-  mount({{"hardware", "Routing::Hardware::Status"}, {"vrf", "Vrf::VrfIdMap::NameToIdMapWrapper"}});
-  EXPECT_EQ(completions, 0) << "never from inside close()";
-  scheduler.advance(0);
-  ASSERT_EQ(completions, 1);
-  EXPECT_EQ(status, Lattis::mountSuccess_);
-  EXPECT_EQ(manager->entity("hardware"), hardware);
-  EXPECT_NE(manager->get<Vrf::VrfIdMap::NameToIdMap>("vrf"), nullptr);
-  EXPECT_EQ(manager->entity("vrf"), db.entity("vrf")) << "one object, whoever looks";
+using Databases = testing::Types<Embedded>;
+TYPED_TEST_SUITE(StateDbTest, Databases);
+TYPED_TEST_SUITE(StateDbDeathTest, Databases);
+
+TYPED_TEST(StateDbTest, GroupCompletesLaterWithWhatStandsAndWhatIsMadeForIt) {
+  const auto placed = std::make_shared<Limits>("placed");
+  this->db.entitiesAre({{"limits", placed}});
+  int afterMounts = 0;
+  this->db.afterMountsIs([&] { afterMounts = afterMounts * 10 + this->completions; });
+  const auto manager = this->mounted({{"limits", "Limits"},
+                                      {"names", "Vrf::VrfIdMap::NameToIdMapWrapper", "rS"},
+                                      {"vrfs", "Routing::Hardware::RouteStatus", "w"},
+                                      {"more", "Limits", "wS"}});
+  ASSERT_EQ(this->completions, 1);
+  EXPECT_EQ(this->status, Lattis::mountSuccess_);
+  EXPECT_EQ(manager->entity("limits"), placed);
+  EXPECT_NE(manager->template get<NameToIdMap>("names"), nullptr);
+  EXPECT_NE(manager->template get<RouteStatus>("vrfs"), nullptr);
+  EXPECT_NE(manager->template get<Limits>("more"), nullptr);
   EXPECT_EQ(manager->entity("elsewhere"), nullptr);
+  for (const std::string path : {"limits", "more", "names", "vrfs"}) {
+    EXPECT_EQ(manager->entity(path), this->db.entity(path)) << "one object, whoever looks";
+  }
+  EXPECT_THAT(this->db.paths(), ElementsAre("limits", "more", "names", "vrfs"));
+  EXPECT_EQ(this->mounted({{"vrfs", "Routing::Hardware::RouteStatus"}})->entity("vrfs"), manager->entity("vrfs"));
+  EXPECT_NE(this->mounted({}), nullptr);
+  EXPECT_EQ(afterMounts, 123) << "each time, when the completion has been called";
 }
 
-TEST_F(StateDbTest, AnotherTypeIsDeliveredAndAnUnknownOneFailsTheGroup) {
-  db.entitiesAre({{"hardware", std::make_shared<Routing::Hardware::Status>("placed")}});
-  mount({{"hardware", "Vrf::VrfIdMap::NameToIdMapWrapper"}});
-  scheduler.advance(0);
-  EXPECT_EQ(status, Lattis::mountSuccess_);
-  EXPECT_NE(manager->entity("hardware"), nullptr);
-  EXPECT_EQ(manager->get<Vrf::VrfIdMap::NameToIdMap>("hardware"), nullptr);
+TYPED_TEST(StateDbTest, AnotherTypeIsDeliveredAndAnUnknownOneFailsTheGroup) {
+  this->db.entitiesAre({{"limits", std::make_shared<Limits>("placed")}});
+  auto manager = this->mounted({{"limits", "Vrf::VrfIdMap::NameToIdMapWrapper"}});
+  EXPECT_EQ(this->status, Lattis::mountSuccess_);
+  EXPECT_NE(manager->entity("limits"), nullptr);
+  EXPECT_EQ(manager->template get<NameToIdMap>("limits"), nullptr);
 
-  mount({{"vrf", "Vrf::VrfIdMap::NameToIdMapWrapper"}, {"nothing", "No::Such::Type"}});
-  scheduler.advance(0);
-  EXPECT_EQ(completions, 2);
-  EXPECT_EQ(status, Lattis::mountFailed_);
+  this->mounted({{"names", "Vrf::VrfIdMap::NameToIdMapWrapper"}, {"nothing", "No::Such::Type"}});
+  EXPECT_EQ(this->completions, 2);
+  EXPECT_EQ(this->status, Lattis::mountFailed_);
+  EXPECT_EQ(this->db.entityOrNew("nothing", "No::Such::Type"), nullptr);
+  EXPECT_EQ(this->db.entity("nothing"), nullptr);
 }
 
-TEST_F(StateDbTest, GroupsCompleteInTheOrderOfTheirClosingEvenFromInsideOne) {
+TYPED_TEST(StateDbTest, WhatIsPutInReplacesForLaterMountsOnly) {
+  const auto first = this->db.entityOrNew("limits", "Limits");
+  EXPECT_EQ(this->db.entityOrNew("limits", "Limits"), first);
+  const auto manager = this->mounted({{"limits", "Limits"}});
+  const auto second = std::make_shared<Limits>("second");
+  this->db.entitiesAre({{"limits", second}, {"names", std::make_shared<NameToIdMap>("names")}});
+  EXPECT_EQ(manager->entity("limits"), first);
+  EXPECT_EQ(this->mounted({{"limits", "Limits"}})->entity("limits"), second);
+  EXPECT_THAT(this->db.paths(), ElementsAre("limits", "names"));
+}
+
+TYPED_TEST(StateDbTest, LocalEntitiesAreForOperatorsOnly) {
+  const auto machine = std::make_shared<Limits>("machine");
+  this->db.localEntityIs("agent/Sm", machine);
+  this->db.entitiesAre({{"limits", std::make_shared<Limits>("placed")}});
+  EXPECT_THAT(this->db.paths(), ElementsAre("agent/Sm", "limits"));
+  EXPECT_EQ(this->db.entity("agent/Sm"), machine);
+  const auto manager = this->mounted({{"agent/Sm", "Limits"}});
+  const auto mounted = manager->template get<Limits>("agent/Sm");
+  EXPECT_NE(mounted, machine);
+  EXPECT_EQ(this->db.entity("agent/Sm"), machine) << "before one that was mounted there";
+  this->db.fieldIs("agent/Sm", "low", "7");
+  EXPECT_EQ(machine->low(), 7U);
+  EXPECT_EQ(mounted->low(), 1U);
+  this->db.localEntityIs("agent/Sm", nullptr);
+  EXPECT_EQ(this->db.entity("agent/Sm"), mounted);
+}
+
+TYPED_TEST(StateDbTest, ChangesByTextReachWhoHasMounted) {
+  struct Names final : NameToIdMap::Reactor {
+    using NameToIdMap::Reactor::Reactor;
+    void handleNameToId(const std::string& name) override { told.push_back(name); }
+    std::vector<std::string> told;
+  };
+  struct Vrfs final : RouteStatus::Reactor {
+    using RouteStatus::Reactor::Reactor;
+    void handleVrfStatus(const L3::VrfName& name) override { told.push_back(Platform::toText(name)); }
+    std::vector<std::string> told;
+  };
+  const auto manager =
+      this->mounted({{"names", "Vrf::VrfIdMap::NameToIdMapWrapper"}, {"vrfs", "Routing::Hardware::RouteStatus"}});
+  const auto vrfs = manager->template get<RouteStatus>("vrfs");
+  const auto names = manager->template get<NameToIdMap>("names");
+  const Vrfs vrfReactor(vrfs);
+  const Names nameReactor(names);
+  this->db.fieldIs("names", "nameToId[red]", "2");
+  this->db.fieldIs("names", "nameToId[red]", "2");
+  this->db.fieldIs("vrfs", "vrfStatus[red]", std::nullopt);
+  this->db.fieldIs("vrfs", "vrfStatus[blue].hwVrfId", "7");  // made on the way
+  this->driver.settle();
+  EXPECT_EQ(names->nameToId("red"), 2U);
+  EXPECT_EQ(vrfs->vrfStatus("red")->hwVrfId(), 0U);
+  EXPECT_EQ(vrfs->vrfStatus("blue")->hwVrfId(), 7U);
+  this->db.fieldDel("names", "nameToId[red]");
+  this->db.fieldDel("vrfs", "vrfStatus[red]");
+  this->driver.settle();
+  EXPECT_EQ(vrfs->vrfStatus("red"), nullptr);
+  EXPECT_THAT(nameReactor.told, ElementsAre("red", "red")) << "nobody is told of a value that stands already";
+  EXPECT_THAT(vrfReactor.told, ElementsAre("red", "blue", "red"));
+}
+
+TYPED_TEST(StateDbTest, WhatIsRefusedChangesNothing) {
+  const auto manager = this->mounted({{"limits", "Limits"}, {"vrfs", "Routing::Hardware::RouteStatus"}});
+  const struct {
+    const char *what, *path, *field, *value;
+  } cases[] = {
+      {"no such path", "nowhere", "low", "2"},
+      {"no such field", "limits", "high", "2"},
+      {"a bad value", "limits", "low", "two"},
+      {"values that do not go together", "limits", "low", "11"},
+      {"for reading only", "limits", "twin", "2"},
+      {"no field", "vrfs", "vrfStatus[red", "2"},
+      {"a child is no value", "vrfs", "vrfStatus[red]", "2"},
+      {"the child on the way goes again", "vrfs", "vrfStatus[red].hwVrfId", "two"},
+  };
+  for (const auto& c : cases) EXPECT_ANY_THROW(this->db.fieldIs(c.path, c.field, c.value)) << c.what;
+  EXPECT_ANY_THROW(this->db.fieldDel("nowhere", "low"));
+  EXPECT_ANY_THROW(this->db.fieldDel("limits", "low")) << "attributes stay";
+  EXPECT_ANY_THROW(this->db.fieldDel("vrfs", "vrfStatus[red]")) << "there is none";
+  this->driver.settle();
+  EXPECT_EQ(manager->template get<Limits>("limits")->low(), 1U);
+  EXPECT_THAT(manager->template get<RouteStatus>("vrfs")->vrfStatus(), IsEmpty());
+  EXPECT_THAT(this->db.paths(), ElementsAre("limits", "vrfs"));
+}
+
+TYPED_TEST(StateDbDeathTest, MisuseOfAGroup) {
+  const auto group = this->db.mountGroup();
+  EXPECT_DEATH(group->mount("limits", "Limits", "rw"), "assertion failed");
+  group->close([](MountStatus, const auto&) {});
+  EXPECT_DEATH(group->mount("limits", "Limits", "r"), "assertion failed");
+}
+
+// Who starts two agents here may count on more than the interface says.
+TEST(EmbeddedStateDbTest, GroupsCompleteInTheOrderOfTheirClosingEvenFromInsideOne) {
+  const Lattis::EntityTypes types;
+  Embedded embedded(types);
   std::vector<std::string> order;
   const auto close = [&](const std::string& name, std::function<void()> then) {
-    db.mountGroup()->close([&order, name, then](MountStatus, const std::shared_ptr<EntityManager>&) {
+    embedded.db.mountGroup()->close([&order, name, then](MountStatus, const std::shared_ptr<EntityManager>&) {
       order.push_back(name);
       if (then) then();
     });
   };
   close("first", [&] { close("third", nullptr); });
   close("second", nullptr);
-  scheduler.advance(0);
+  embedded.settle();
   EXPECT_THAT(order, ElementsAre("first", "second", "third"));
-}
-
-TEST_F(StateDbTest, LocalEntitiesAreForOperatorsOnly) {
-  const auto machine = std::make_shared<Routing::Hardware::Status>("machine");
-  db.localEntityIs("agent/Sm", machine);
-  db.entitiesAre({{"hardware", std::make_shared<Routing::Hardware::Status>("placed")}});
-  EXPECT_THAT(db.paths(), ElementsAre("agent/Sm", "hardware"));
-  EXPECT_EQ(db.entity("agent/Sm"), machine);
-  mount({{"agent/Sm", "Routing::Hardware::Status"}});
-  scheduler.advance(0);
-  EXPECT_NE(manager->entity("agent/Sm"), machine);
-  EXPECT_EQ(db.entity("agent/Sm"), machine) << "before one that was mounted there";
-  db.localEntityIs("agent/Sm", nullptr);
-  EXPECT_EQ(db.entity("agent/Sm"), manager->entity("agent/Sm"));
 }
 
 }  // namespace

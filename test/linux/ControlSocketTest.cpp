@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "RouteCache/model/CliConfig.h"
+#include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "platform/values/Paths.h"
 
@@ -269,9 +270,6 @@ void SimulatedSwitch::start(std::uint64_t writesToLive) {
   services.trace = &trace;
   services.commands = &commands;
   services.clock = clock;
-  services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
-    stateDb->localEntityIs(path, std::move(entity));
-  };
   services.environment = [this](const char* name) -> const char* {
     const auto found = environment.find(name);
     return found == environment.end() ? nullptr : found->second.c_str();

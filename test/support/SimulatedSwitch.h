@@ -11,7 +11,6 @@
 #include "RouteCache/agent/Agent.h"
 #include "lib/control/AgentCommands.h"
 #include "lib/resolver/UnderlayResolver.h"
-#include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTrace.h"
 #include "linux/tables/SharedTableService.h"
@@ -106,7 +105,7 @@ class SimulatedSwitch {
   Platform::TableTypes tableTypes;
   std::map<std::string, std::string> environment;
   TemporaryDirectory directory;
-  std::unique_ptr<LinuxPlatform::EmbeddedStateDb> stateDb;
+  std::unique_ptr<Lattis::StateDb> stateDb;
   // The routing process's tables, and everybody else's view of the agent's.
   std::unique_ptr<LinuxPlatform::SharedTableService> outside;
   std::unique_ptr<LinuxPlatform::SharedTableService> agentTables;

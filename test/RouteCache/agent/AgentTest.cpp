@@ -36,6 +36,18 @@ class RecordingStateDb final : public Lattis::StateDb {
   std::shared_ptr<Lattis::MountGroup> mountGroup() override {
     return std::make_shared<Group>(real_.mountGroup(), log_);
   }
+  void localEntityIs(const std::string& path, std::shared_ptr<Lattis::Entity> entity) override {
+    log_.push_back((entity ? "offered " : "withdrawn ") + path);
+    real_.localEntityIs(path, std::move(entity));
+  }
+  // An agent asks for no more.
+  void afterMountsIs(std::function<void()>) override { ADD_FAILURE(); }
+  void entitiesAre(const Lattis::Entities&) override { ADD_FAILURE(); }
+  std::shared_ptr<Lattis::Entity> entityOrNew(const std::string&, const std::string&) override { return nullptr; }
+  std::shared_ptr<Lattis::Entity> entity(std::string_view) const override { return nullptr; }
+  std::vector<std::string> paths() const override { return {}; }
+  void fieldIs(std::string_view, std::string_view, const std::optional<std::string>&) override { ADD_FAILURE(); }
+  void fieldDel(std::string_view, std::string_view) override { ADD_FAILURE(); }
 
  private:
   class Manager final : public Lattis::EntityManager {
@@ -131,10 +143,6 @@ class AgentTest : public testing::Test {
     services.trace = &sw.trace;
     services.commands = &sw.commands;
     services.clock = sw.clock;
-    services.localEntityIs = [this](const std::string& path, std::shared_ptr<Lattis::Entity> entity) {
-      log.push_back((entity ? "offered " : "withdrawn ") + path);
-      sw.stateDb->localEntityIs(path, std::move(entity));
-    };
     services.environment = [this](const char* name) -> const char* {
       const auto found = sw.environment.find(name);
       return found == sw.environment.end() ? nullptr : found->second.c_str();
