@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "RouteCache/CommandTexts.h"
 #include "host/Output.h"
 #include "linux/control/ControlClient.h"
 #include "tools/commandline/Commands.h"
@@ -18,14 +19,8 @@ namespace Tools {
 
 namespace {
 
+namespace Texts = RouteCache::CommandTexts;
 using Platform::BadText;
-
-constexpr std::string_view thresholdCommand = "showRouteCacheThreshold";
-constexpr std::string_view summaryCommand = "showRouteCacheSummary";
-constexpr std::string_view routesCommand = "showRouteCacheVrf";
-constexpr std::string_view routes6Command = "showRouteCacheVrfV6";  // the agent takes it for routesCommand and more
-constexpr std::string_view vrfMark = "#V";
-constexpr std::string_view prefixMark = "#P";
 
 struct ShowOptions {
   std::string runDir;
@@ -38,7 +33,9 @@ struct ShowOptions {
 // The agent finds commands and marks anywhere in the text: a name that holds one cannot be asked for.
 const std::string& speakableVrf(const std::string& name) {
   optionValue<L3::VrfName>("--vrf", name);
-  for (const std::string_view word : {vrfMark, prefixMark, thresholdCommand, summaryCommand, routesCommand}) {
+  const std::initializer_list<std::string_view> words{Texts::vrfMark, Texts::prefixMark, Texts::threshold,
+                                                      Texts::summary, Texts::routes};
+  for (const std::string_view word : words) {
     if (name.find(word) != std::string::npos) {
       throw BadText("--vrf: a show command cannot carry '" + std::string(word) + "' in the name of a VRF");
     }
@@ -48,17 +45,17 @@ const std::string& speakableVrf(const std::string& name) {
 
 // No name: the empty one asks for all VRFs in one row.
 std::string summaryText(const ShowOptions& options) {
-  return std::string(summaryCommand).append(vrfMark).append(options.vrf ? speakableVrf(*options.vrf) : "");
+  return std::string(Texts::summary).append(Texts::vrfMark).append(options.vrf ? speakableVrf(*options.vrf) : "");
 }
 
 std::string routesText(const ShowOptions& options) {
-  const std::string tail = std::string(vrfMark).append(speakableVrf(options.vrf.value()));
-  if (!options.prefix) return std::string(options.ipv6 ? routes6Command : routesCommand).append(tail);
+  const std::string tail = std::string(Texts::vrfMark).append(speakableVrf(options.vrf.value()));
+  if (!options.prefix) return std::string(options.ipv6 ? Texts::routes6 : Texts::routes).append(tail);
   const auto prefix = prefixesOf({*options.prefix}).front();
   if (options.ipv6 && prefix.isV4()) throw BadText("--ipv6: " + *options.prefix + " is an IPv4 prefix");
-  return std::string(prefix.isV4() ? routesCommand : routes6Command)
+  return std::string(prefix.isV4() ? Texts::routes : Texts::routes6)
       .append(tail)
-      .append(prefixMark)
+      .append(Texts::prefixMark)
       .append(Platform::toText(prefix));
 }
 
@@ -69,10 +66,8 @@ void writeOut(std::string_view bytes) {
 
 void show(const ShowOptions& options, const std::string& command) {
   std::signal(SIGPIPE, SIG_DFL);  // when who reads goes away, so does this, also where a parent has the signal ignored
-  const Json request{{"op", "command"},
-                     {"type", "RouteCacheWithFormat"},
-                     {"command", command},
-                     {"format", options.json ? "json" : "text"}};
+  const Json request{
+      {"op", "command"}, {"type", Texts::type}, {"command", command}, {"format", options.json ? "json" : "text"}};
   try {
     askAgentForBytes(options.runDir, request, writeOut);
   } catch (const BadText& error) {
@@ -96,7 +91,7 @@ void addShowCommand(CLI::App& app, ToolContext& /*context*/) {
   CLI::App* threshold = command->add_subcommand("threshold", "The levels of hardware route caching");
   addCommonOptions(*threshold, *options);
   threshold->footer("Example: routecache show threshold --json");
-  threshold->callback([options] { show(*options, std::string(thresholdCommand)); });
+  threshold->callback([options] { show(*options, Texts::threshold); });
 
   CLI::App* summary = command->add_subcommand("summary", "How many routes are configured, in software, in hardware");
   summary->add_option("--vrf", options->vrf, "This VRF, or each of all (default: all in one row)")

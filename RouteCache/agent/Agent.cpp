@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "RouteCache/model/CommandTexts.h"
 #include "platform/values/Assert.h"
 #include "platform/values/Paths.h"
 
@@ -164,7 +165,7 @@ void Agent::requireInputs() const {
 void Agent::startStateMachines() {
   (*trace_)(9, "void RouteCacheAgent::Agent::startStateMachines()");
   requireInputs();
-  if (services().commands != nullptr) cliCallbackWithFormatIs("RouteCacheCli", "RouteCacheWithFormat", this);
+  if (services().commands != nullptr) cliCallbackWithFormatIs("RouteCacheCli", RouteCache::CommandTexts::type, this);
   vrfIdMapIs();
   vrfCachedRouteIs();
   vrfSmIs();

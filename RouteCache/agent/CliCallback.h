@@ -15,15 +15,7 @@ namespace RouteCacheAgent {
 
 class Agent;
 
-// Finds the state machine for a command's text. The text holds one of these names, looked for in this order:
-//
-//   showRouteCacheThreshold
-//   showRouteCacheSummary     then "#V" and a VRF's name, "all" (each VRF by itself) or nothing (all together); without
-//                             "#V" the VRF is "default"
-//   showRouteCacheVrfV6       then "#V" and a VRF's name; then, if one prefix is asked for, "#P" and the prefix
-//   showRouteCacheVrf         the same for IPv4
-//
-// The last "#V" and the last "#P" count. Made by the agent, which outlives it.
+// Finds the state machine for a command's text (RouteCache/model/CommandTexts.h). Made by the agent, which outlives it.
 class CliCallbackWithFormat final : public ::Agent::AsyncCommandCallbackWithFormat {
  public:
   CliCallbackWithFormat(const std::string& name, const std::string& commandType, Agent* agent);
