@@ -321,9 +321,9 @@ class RatioReporter final : public benchmark::ConsoleReporter {
     std::printf("\n%-38s %9s %9s %9s %15s %15s\n", "nanoseconds per entry", "shared", "LMDB", "std::map",
                 "shared / LMDB", "shared / map");
     for (const auto& [name, times] : medians_) {
-      const auto time = [&times](const char* store) {
-        const auto found = times.find(store);
-        return found == times.end() ? std::nan("") : found->second;
+      const auto time = [&of = times](const char* store) {
+        const auto found = of.find(store);
+        return found == of.end() ? std::nan("") : found->second;
       };
       std::printf("%-38s %9.0f %9.0f %9.0f %15.2f %15.2f\n", name.c_str(), time("shared"), time("LMDB"),
                   time("std::map"), time("shared") / time("LMDB"), time("shared") / time("std::map"));

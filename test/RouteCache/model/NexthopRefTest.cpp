@@ -23,13 +23,13 @@ Ipv6Nexthop nexthop6(std::string_view vtep) {
 }
 
 std::shared_ptr<Ipv4NexthopRef> ref4(std::initializer_list<const char*> vteps) {
-  const auto ref = ipv4NexthopRefFactory(true, false);
+  auto ref = ipv4NexthopRefFactory(true, false);
   for (const char* vtep : vteps) ref->viaIs(nexthop4(vtep));
   return ref;
 }
 
 std::shared_ptr<IpMixedNexthopRef> mixed(std::shared_ptr<Ipv4NexthopRef> v4nh, std::shared_ptr<Ipv6NexthopRef> v6nh) {
-  const auto ref = ipMixedNexthopRefFactory(true, true);
+  auto ref = ipMixedNexthopRefFactory(true, true);
   ref->v4nhIs(std::move(v4nh));
   ref->v6nhIs(std::move(v6nh));
   return ref;

@@ -22,7 +22,7 @@ class AdjIdsTest : public testing::Test {
   std::uint32_t release(std::uint32_t adjId) { return ids.deallocateAdjId(AdjId(adjId)); }
   // A new reference to these next hops ("": no part of that family).
   static std::shared_ptr<IpMixedNexthopRef> ref(const std::string& v4, const std::string& v6 = "") {
-    const auto mixed = RouteCache::ipMixedNexthopRefFactory(!v4.empty(), !v6.empty());
+    auto mixed = RouteCache::ipMixedNexthopRefFactory(!v4.empty(), !v6.empty());
     const EthAddr mac = Platform::fromText<EthAddr>("00:1c:73:00:00:01");
     if (!v4.empty()) {
       mixed->v4nhIs(RouteCache::ipv4NexthopRefFactory(true, false));
@@ -61,7 +61,7 @@ TEST_F(AdjIdsTest, WhatIsInUseWhenTheListIsFilledComesOnceWhenItIsFree) {
   release(0xC0000005);
   release(4);
   EXPECT_EQ(ids.freeAdjIdBack(), AdjId(4));
-  for (const std::uint32_t expected : {2, 3, 6, 7}) EXPECT_EQ(allocate(), expected);
+  for (const std::uint32_t expected : {2u, 3u, 6u, 7u}) EXPECT_EQ(allocate(), expected);
   // The rest of the sequence, then what became free, in that order, each once.
   FreeAdjIds rest = ids.freeAdjId();
   for (std::uint32_t number = 8; number < 0x1FFFFF; ++number) ASSERT_EQ(rest.freeAdjIdDeq().value(), number);
@@ -80,7 +80,7 @@ TEST_F(AdjIdsTest, BehindTheSequenceTheOldestFreedComesFirst) {
   EXPECT_EQ(ids.freeAdjIdBack(), AdjId(9));
   EXPECT_EQ(ids.allocateAdjId(true, true), AdjId(0xC0000007));  // a number changes its class
   EXPECT_EQ(release(0xC0000007), 0u);
-  for (const std::uint32_t expected : {3, 9, 7}) EXPECT_EQ(allocate(), expected);
+  for (const std::uint32_t expected : {3u, 9u, 7u}) EXPECT_EQ(allocate(), expected);
 }
 
 TEST_F(AdjIdsTest, AnEmptyListGivesNumberZeroThatNeverGetsIntoIt) {
