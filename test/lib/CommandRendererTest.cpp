@@ -8,7 +8,6 @@
 #include "platform/values/Printable.h"
 
 using LinuxPlatform::JsonRenderer;
-using LinuxPlatform::TextRenderer;
 using Platform::OutputFormat;
 using Platform::Renderer;
 using Json = nlohmann::ordered_json;

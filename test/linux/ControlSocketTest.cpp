@@ -23,7 +23,6 @@
 
 using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {

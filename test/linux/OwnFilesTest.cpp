@@ -130,7 +130,7 @@ TEST_F(OwnFilesTest, ADirectoryThatOthersControlIsRefused) {
   EXPECT_TRUE(fs::is_empty(directory.path() + "/victim"));
   const auto file = std::ofstream(runDir);
   bothRefuse(": it is a file, not a directory");
-  for (const mode_t mode : {01777, 0770}) {
+  for (const mode_t mode : {01777u, 0770u}) {
     fs::create_directory(runDir);
     chmod(runDir.c_str(), mode);
     bothRefuse(": others may write into it");

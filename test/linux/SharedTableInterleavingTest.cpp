@@ -313,7 +313,7 @@ TEST_F(SharedTableInterleavingTest, FollowersMissNothing) {
 TEST_F(SharedTableInterleavingTest, AChangeThatIsOnlyBeingAnnouncedIsNotTheOldest) {
   SteppedTable table(1);
   for (std::uint64_t number = 0; number < 7; ++number) table.apply({number, 0});  // there is room
-  for (const std::uint64_t number : {7, 9}) table.apply({number, 1});
+  for (const std::uint64_t number : {7u, 9u}) table.apply({number, 1});
   ASSERT_TRUE(table.has(9));
   const std::uint64_t slot = table.foundSlot();
   ChangeFollower follower(table.report);

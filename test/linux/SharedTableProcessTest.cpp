@@ -329,7 +329,7 @@ TEST_F(SharedTableProcessTest, AnyInstructionMayBeTheWritersLast) {
   // neighbours on the two levels are not the same.
   constexpr std::uint32_t room = 16;
   const auto prepare = [](auto& table, auto sampleOf) {
-    for (const std::uint64_t key : {30, 10, 20, 40, 50, 60}) table.routeIs(sampleOf(key, key));
+    for (const std::uint64_t key : {30u, 10u, 20u, 40u, 50u, 60u}) table.routeIs(sampleOf(key, key));
     table.routeDel(50);
   };
   const auto apply = [](Change change, auto& table, auto sampleOf) {
@@ -376,7 +376,8 @@ TEST_F(SharedTableProcessTest, AnyInstructionMayBeTheWritersLast) {
       const auto found = contents(*table);
       changed = changed || found == after;  // once it is there it stays
       EXPECT_EQ(found, changed ? after : before);
-      for (const std::uint64_t key : {33, 34}) table->routeIs(sample<Value>(key, key));  // nothing is left to trip over
+      for (const std::uint64_t key : {33u, 34u})
+        table->routeIs(sample<Value>(key, key));  // nothing is left to trip over
       for (std::uint64_t key = 0; key < 70; ++key) table->routeDel(key);
       copies.checkInvariants();
       copies.unmount(pathOf<TableType>());
@@ -439,7 +440,7 @@ TEST_F(SharedTableProcessTest, OtherProcessesChangesWakeTheLoop) {
     }).waited();
   };
   EXPECT_FALSE(readable(0));
-  for (const std::uint64_t key : {1, 2}) {  // the table appears; it changes
+  for (const std::uint64_t key : {1u, 2u}) {  // the table appears; it changes
     write(key, true);
     ASSERT_TRUE(readable(10000));
     reading->handleWakeup();
@@ -589,7 +590,7 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
 TEST_F(SharedTableProcessTest, AFileThatIsNoTableIsToldOnceAndTriedAgain) {
   {
     const auto writing = service();
-    for (const std::uint64_t key : {1, 2}) mount(*writing, MountKind::writer)->routeIs({key, key});
+    for (const std::uint64_t key : {1u, 2u}) mount(*writing, MountKind::writer)->routeIs({key, key});
   }
   std::ifstream stream(fileOf("fixed"), std::ios::binary);
   const std::string good(std::istreambuf_iterator<char>(stream), {});

@@ -153,7 +153,7 @@ TYPED_TEST_SUITE(SharedTableTest, Backends);
 TYPED_TEST(SharedTableTest, EveryProcessSeesWhatOneWrote) {
   const auto written = this->writer();
   const auto read = this->reader();
-  for (const std::uint64_t key : {30, 10, 20, 17, 16}) written->routeIs({key, key});
+  for (const std::uint64_t key : {30u, 10u, 20u, 17u, 16u}) written->routeIs({key, key});
   written->routeIs({20, 5});
   written->routeDel(10);
   written->routeDel(99);  // was never there
@@ -175,7 +175,7 @@ TYPED_TEST(SharedTableTest, EveryProcessSeesWhatOneWrote) {
 
 TYPED_TEST(SharedTableTest, FullTableRefusesOneWriteAndKeepsTheRest) {
   const auto table = this->writer(3);
-  for (const std::uint64_t key : {1, 2, 3}) table->routeIs({key, key});
+  for (const std::uint64_t key : {1u, 2u, 3u}) table->routeIs({key, key});
   EXPECT_FALSE(table->hasRoom());
   EXPECT_EQ(this->errorOf([&] { table->routeIs({4, 4}); }), "routecache/route routeIs: out-of-range, index:3 max:3");
   table->routeIs({3, 33});  // no new key: no room needed
@@ -242,7 +242,7 @@ TYPED_TEST(SharedTableTest, KeySeenAheadOfItsTurnIsToldOfWhenItGoes) {
   const auto written = this->writer(2);
   const auto read = this->reader();
   Follower<FixedTable> there(read);
-  for (const std::uint64_t key : {5, 6, 7}) {
+  for (const std::uint64_t key : {5u, 6u, 7u}) {
     written->routeIs({key, key});
     EXPECT_TRUE(read->has(key));
     written->routeDel(key);
@@ -329,7 +329,7 @@ TYPED_TEST(SharedTableTest, ReaderMayComeBeforeTheTable) {
 TYPED_TEST(SharedTableTest, NextWriterFindsWhatWasPublished) {
   auto written = this->writer();
   Follower<FixedTable> there(this->reader());
-  for (const std::uint64_t key : {3, 1, 2}) written->routeIs({key, key});
+  for (const std::uint64_t key : {3u, 1u, 2u}) written->routeIs({key, key});
   this->settle();
   there.take();
   written = this->writerAgain();
@@ -349,7 +349,7 @@ TYPED_TEST(SharedTableTest, AnotherCapacityKeepsTheEntries) {
   auto written = this->writer(4);
   const auto read = this->reader();
   Follower<FixedTable> there(read);
-  for (const std::uint64_t key : {1, 2, 3, 4}) written->routeIs({key, key});
+  for (const std::uint64_t key : {1u, 2u, 3u, 4u}) written->routeIs({key, key});
   this->settle();
   there.take();
   for (const std::uint32_t capacity : {1000U, 2U}) {
@@ -370,7 +370,7 @@ TYPED_TEST(SharedTableTest, AnotherCapacityKeepsTheEntries) {
   }
   // More entries than the table is to hold: they stay, and none is added until there are fewer.
   EXPECT_THAT(this->errorOf([&] { written->routeIs({5, 5}); }), HasSubstr("out-of-range, index:4 max:2"));
-  for (const std::uint64_t key : {1, 2, 3}) written->routeDel(key);
+  for (const std::uint64_t key : {1u, 2u, 3u}) written->routeDel(key);
   written->routeIs({5, 5});
   EXPECT_FALSE(written->hasRoom());
   this->settle();
@@ -446,7 +446,7 @@ TYPED_TEST(SharedTableTest, NoTwoPathsShareATable) {
 
 TYPED_TEST(SharedTableTest, ToolsReadTheTableAsText) {
   const auto table = this->writer();
-  for (const std::uint64_t key : {1, 2, 3}) table->routeIs({key, key * 10});
+  for (const std::uint64_t key : {1u, 2u, 3u}) table->routeIs({key, key * 10});
   std::vector<std::string> texts;
   this->reader()->visitText("2", [&](const auto& entry) { return texts.push_back(entry.text), true; });
   EXPECT_THAT(texts, ElementsAre("2: 20", "3: 30"));

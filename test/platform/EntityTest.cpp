@@ -257,7 +257,7 @@ TEST(VrfIdMapTest, AnIdOfZeroIsNotAMissingOne) {
   EXPECT_FALSE(map->hwVrfIdToGlobalVrfIdHas(0));
   EXPECT_THAT(log.take(), ElementsAre("hw 0", "pi 5", "hw 0", "hw 0"));
 
-  for (const std::uint32_t id : {900, 20, 3000, 1}) map->globalVrfIdToHwVrfIdIs(id, id + 1);
+  for (const std::uint32_t id : {900u, 20u, 3000u, 1u}) map->globalVrfIdToHwVrfIdIs(id, id + 1);
   const auto* field = map->entityType().collection("globalVrfIdToHwVrfId");
   EXPECT_THAT(field->keys(*map), ElementsAre("1", "5", "20", "900", "3000"));
   EXPECT_EQ(field->get(*map, "20"), "21");

@@ -16,7 +16,6 @@
 
 namespace {
 
-using ::testing::ElementsAre;
 using Tools::NexthopSetOptions;
 using Tools::NexthopSets;
 

@@ -95,7 +95,7 @@ TEST_P(SwRouteSmTest, ARouteFollowsItsVrfToAnotherHardwareId) {
   sw.vrf("default", 3, 0);
   sw.via(1, {sw.nexthop("10.255.0.1")});
   sw.via(2, {sw.nexthop("10.255.0.2")});
-  for (const std::uint32_t vrf : {1, 2, 3}) {
+  for (const std::uint32_t vrf : {1u, 2u, 3u}) {
     sw.route("0.0.0.0/0", vrf, vrf == 1 ? 1 : 2);
     sw.route("::/0", vrf, 1);
   }

@@ -19,7 +19,6 @@ namespace {
 
 using LinuxPlatform::SharedTableService;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 Platform::TableTypes fibTypes() {
   Platform::TableTypes types;

@@ -168,7 +168,7 @@ TEST(VrfSmTest, ReadsTheFibOfTheNameIntoTriesOfTheHardwareId) {
                                             Pair("routing/vrf/status/a/b", "Pondra::Fib::RouteStatus"),
                                             Pair("routing6/status", "Pondra::Fib6::RouteStatus"),
                                             Pair("routing6/vrf/status/a/b", "Pondra::Fib6::RouteStatus")));
-  for (const std::uint32_t hwVrfId : {0, 101}) {
+  for (const std::uint32_t hwVrfId : {0u, 101u}) {
     ASSERT_TRUE(vrfs.tries->vrfTrie(hwVrfId) && vrfs.tries->vrfTrie6(hwVrfId));
     EXPECT_EQ(vrfs.tries->vrfTrie(hwVrfId)->name(), "CachedRouteTrie");
     EXPECT_EQ(vrfs.tries->vrfTrie6(hwVrfId)->name(), "CachedRouteTrie6");
