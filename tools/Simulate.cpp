@@ -17,6 +17,7 @@
 #include "linux/files/ProcessLimits.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 #include "simulator/input/PrefixList.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
@@ -36,6 +37,7 @@ struct SimulateOptions {
   std::string runDir;
   bool inProcess = false;
   VirtualSwitchSettings virtualSwitch;
+  std::string policy;
   std::string within = "10.0.0.0/8";
 };
 
@@ -165,6 +167,7 @@ void simulate(const SimulateOptions& given) {
     return;
   }
   if (!options.simulation.duration && options.traffic.flows.empty()) options.simulation.duration = defaultDuration;
+  if (!options.policy.empty()) options.virtualSwitch.sets.emplace_back(Paths::hwRouteSm, "policy", options.policy);
   options.virtualSwitch.seed = options.traffic.zipf.seed;
   options.virtualSwitch.within = optionValue<IpGenPrefix>("--within", options.within);
   simulateInProcess(options, plan);
@@ -218,6 +221,12 @@ void addInProcessOptions(CLI::App& command, SimulateOptions& options) {
       ->capture_default_str();
   command.add_option("--set", virtualSwitch.sets, "A field that gets another value first, as `set` does; repeatable")
       ->type_name("PATH FIELD VALUE")
+      ->needs(inProcess);
+  command
+      .add_option("--policy", options.policy,
+                  std::string("The rule by which hardware caches routes, short for --set ") + Paths::hwRouteSm +
+                      " policy NAME (default: levels)")
+      ->type_name("NAME")
       ->needs(inProcess);
   command.add_option("--agent", virtualSwitch.agentLibrary, "The agent's library")
       ->type_name("LIB")

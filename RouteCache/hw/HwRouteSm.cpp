@@ -1,4 +1,4 @@
-// The life of HwRouteSm, its reactions, and the admission of routes. Scan and ageing: hw/Ageing.cpp.
+// The life of HwRouteSm, its reactions, and the admission of routes. Scan and ageing: hw/HwRouteSmAgeing.cpp.
 #include "RouteCache/hw/HwRouteSm.h"
 
 #include <algorithm>
@@ -123,7 +123,9 @@ void HwRouteSm::notePrefixes(std::uint32_t hwVrfId, bool any) {
 HwRouteSm::HwRouteSm(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace)
     : Entity("HwRouteSm"),
       in_(inputs),
-      capacity_(inputs.routeCacheCapability->hwRouteTableSize()),
+      state_{.capacity = inputs.routeCacheCapability->hwRouteTableSize()},
+      policyKind_(cachePolicyKind(defaultCachePolicy)),
+      policy_(policyKind_.make(state_)),
       trace_(trace, "RouteCacheHwRouteSm"),
       sfeWalk_(*inputs.ipv4SfeRouteStatus),
       hwWalk_(*inputs.ipv4HwRouteStatus),
@@ -137,7 +139,7 @@ HwRouteSm::HwRouteSm(const HwRouteSmInputs& inputs, Platform::TaskScheduler& sch
                                         [this] { handleSfeProgrammedRouteProcessing(); }),
       hwHitbitScanTask_(scheduler, trace_, "hwHitbitScanTask", TaskPriority::background,
                         [this] { handleHwhitbitScan(); }) {
-  PLATFORM_ASSERT_TEXT(capacity_ > 0, "routecache/capability: hwRouteTableSize must be at least 1");
+  PLATFORM_ASSERT_TEXT(state_.capacity > 0, "routecache/capability: hwRouteTableSize must be at least 1");
   if (in_.ipv4SfeProgrammedRouteStatus) {
     programmedWalk_ = std::make_unique<RouteStatusWalk<Ipv4ProgrammedRouteStatus>>(*in_.ipv4SfeProgrammedRouteStatus);
   }
@@ -157,8 +159,8 @@ void HwRouteSm::handleInitialized() {
   initialized_ = true;
   handleThresholdConfig();
   const std::size_t entries = in_.ipv4HwRouteStatus->size();
-  ipv4PrefixHwSpaceLeft_ = entries < capacity_ ? capacity_ - static_cast<std::uint32_t>(entries) : 0;
-  spaceDebt_ = entries > capacity_ ? static_cast<std::uint32_t>(entries) - capacity_ : 0;
+  state_.spaceLeft = entries < capacity() ? capacity() - static_cast<std::uint32_t>(entries) : 0;
+  spaceDebt_ = entries > capacity() ? static_cast<std::uint32_t>(entries) - capacity() : 0;
   publishSpace();
   for (std::uint16_t slice = timeSlice0; slice < timeSliceInvalid; ++slice) {
     hwHitbitCollIs(slice, HitBitTimeSliceCollIs(slices_, slice));
@@ -197,6 +199,7 @@ const Lattis::EntityType& HwRouteSm::entityType() const {
   static const Lattis::EntityType type{
       "RouteCache::HwRouteSm",
       {attributeField<This, &This::enableRouteCache, &This::enableRouteCacheIs>("enableRouteCache"),
+       attributeField<This, &This::policy, &This::policyIs>("policy"),
        attributeField<This, &This::admitAgedUnhit, &This::admitAgedUnhitIs>("admitAgedUnhit"),
        attributeField<This, &This::hwSpaceBuffer, &This::hwSpaceBufferIs>("hwSpaceBuffer"),
        attributeField<This, &This::routeProcessingInterval, &This::routeProcessingIntervalIs>(
@@ -220,9 +223,9 @@ std::string HwRouteSm::fault() const {
                               {"routeProcessingIntervalDefer", routeProcessingIntervalDefer_, Interval::shortestRetry},
                               {"hwHitbitScanInterval", hwHitbitScanInterval_, Interval::shortestRetry}});
   if (!fault.empty()) return fault;
-  if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity_) {
+  if (hwSpaceBuffer_ > std::numeric_limits<std::uint32_t>::max() - capacity()) {
     return "hwSpaceBuffer " + std::to_string(hwSpaceBuffer_) + " is too large: with the capacity of " +
-           std::to_string(capacity_) + " it exceeds 32 bits";
+           std::to_string(capacity()) + " it exceeds 32 bits";
   }
   return {};
 }
@@ -233,9 +236,19 @@ void HwRouteSm::enableRouteCacheIs(bool enable) {
   scheduleRouteProcessingTask(routeProcessingInterval_);
 }
 
+void HwRouteSm::policyIs(const std::string& name) {
+  if (name != policyKind_.name) policyKindIs(cachePolicyKind(name));
+}
+
+void HwRouteSm::policyKindIs(CachePolicyKind kind) {
+  policyKind_ = kind;
+  policy_ = kind.make(state_);
+  if (initialized_) handleSwRoute();
+}
+
 void HwRouteSm::admitAgedUnhitIs(bool admit) {
   admitAgedUnhit_ = admit;
-  if (admit) agedOut_.noteDelAll();
+  if (admit) policy_->forgetAll();
 }
 
 void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
@@ -253,19 +266,17 @@ void HwRouteSm::hwHitbitScanIntervalIs(double seconds) {
 
 void HwRouteSm::handleThresholdConfig() {
   trace_(9, __PRETTY_FUNCTION__);
-  highThresholdHwUtilPercentage_ = in_.cliConfig->highThresholdHwUtilPercentage();
-  mediumThresholdHwUtilPercentage_ = in_.cliConfig->mediumThresholdHwUtilPercentage();
-  lowThresholdHwUtilPercentage_ = in_.cliConfig->lowThresholdHwUtilPercentage();
-  highThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->highThresholdIdleTime());
-  mediumThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->mediumThresholdIdleTime());
-  lowThresholdIdleTimeSlice_ = timeSliceOfIdle(in_.cliConfig->lowThresholdIdleTime());
+  const CliConfig& cli = *in_.cliConfig;
+  state_.high = {cli.highThresholdHwUtilPercentage(), timeSliceOfIdle(cli.highThresholdIdleTime())};
+  state_.medium = {cli.mediumThresholdHwUtilPercentage(), timeSliceOfIdle(cli.mediumThresholdIdleTime())};
+  state_.low = {cli.lowThresholdHwUtilPercentage(), timeSliceOfIdle(cli.lowThresholdIdleTime())};
 }
 
 void HwRouteSm::handleSwRoute(const Key& key) {
   trace_(9, __PRETTY_FUNCTION__);
   trace_(7, "sfe route: ", key.prefix(), " vrfId: ", key.vrfId());
   routeToProcess_.keyIs(key);
-  scheduleRouteProcessingTask(isBelowLowLevel() ? routeProcessingInterval_ : routeProcessingIntervalDefer_);
+  scheduleRouteProcessingTask(policy_->isScarce() ? routeProcessingIntervalDefer_ : routeProcessingInterval_);
 }
 
 void HwRouteSm::handleSwRoute() {
@@ -302,7 +313,7 @@ void HwRouteSm::handleSfeRouteHit(const Key& key) {
     sfeRouteHitToProcess_.keyDel(key);
     return;
   }
-  const bool waits = ipv4PrefixHwSpaceLeft_ == 0 && sfeRouteHitToProcess_.has(key);
+  const bool waits = state_.spaceLeft == 0 && sfeRouteHitToProcess_.has(key);
   sfeRouteHitToProcess_.keyIs(key, hit->hitbit());
   if (!waits) scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
 }
@@ -361,33 +372,24 @@ void HwRouteSm::evaluateCachingEnabled(bool hint) {
 
 // --- Space -----------------------------------------------------------------------------------------------------------
 
-std::uint32_t HwRouteSm::getHwPercentageSpaceUsed() const {
-  const std::uint64_t used = capacity_ - ipv4PrefixHwSpaceLeft_;
-  return static_cast<std::uint32_t>(used * 100 / capacity_);
-}
-
-bool HwRouteSm::isBelowLowLevel() const {
-  return static_cast<std::uint8_t>(getHwPercentageSpaceUsed()) < lowThresholdHwUtilPercentage_;
-}
-
 std::uint32_t HwRouteSm::ipv4PrefixHwSpaceLeftInc(std::uint32_t n) {
-  const bool wasFull = ipv4PrefixHwSpaceLeft_ == 0;
+  const bool wasFull = state_.spaceLeft == 0;
   const std::uint32_t paid = std::min(spaceDebt_, n);
   spaceDebt_ -= paid;
-  ipv4PrefixHwSpaceLeft_ += n - paid;
+  state_.spaceLeft += n - paid;
   publishSpace();
-  if (wasFull && ipv4PrefixHwSpaceLeft_ > 0) {
+  if (wasFull && state_.spaceLeft > 0) {
     if (sfeRouteHitToProcess_.hasWaiting()) {
       scheduleSfeRouteHitProcessingTask(0);  // whose end wakes the others, if room is left
     } else if (routeToProcess_.hasWaiting()) {
       scheduleRouteProcessingTask(0);
     }
   }
-  return ipv4PrefixHwSpaceLeft_;
+  return state_.spaceLeft;
 }
 
 void HwRouteSm::publishSpace() {
-  in_.routeCacheConfig->ipv4PrefixHwSpaceLeftIs(ipv4PrefixHwSpaceLeft_ + hwSpaceBuffer_);
+  in_.routeCacheConfig->ipv4PrefixHwSpaceLeftIs(state_.spaceLeft + hwSpaceBuffer_);
 }
 
 // --- Admission -------------------------------------------------------------------------------------------------------
@@ -423,27 +425,23 @@ bool HwRouteSm::checkRouteAddEligibility(const Key& key) const {
 }
 
 bool HwRouteSm::isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const {
-  if (ipv4PrefixHwSpaceLeft_ == 0) return false;
-  if (!cacheable || sfeHitbit(key) != 0) return true;
-  if (!isBelowLowLevel()) return false;
-  const AdjId* const aged = agedOut_.find(key);
-  return aged == nullptr || *aged != sfeRoute.adjId();
+  return state_.spaceLeft > 0 && (!cacheable || policy_->admits(sfeRoute, sfeHitbit(key)));
 }
 
 // Puts the key of a route that hardware does not get where it waits.
 void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, bool cacheable) {
   const Key& key = sfeRoute.key();
   const std::uint32_t hitbit = sfeHitbit(key);
-  const AdjId* const aged = agedOut_.find(key);
-  if (aged != nullptr && (!cacheable || hitbit != 0 || *aged != sfeRoute.adjId())) agedOut_.noteDel(key);
   if (!cacheable) {
+    policy_->forget(key);
     routeToProcess_.waitingKeyIs(key);
     if (sfeRouteHitToProcess_.has(key)) sfeRouteHitToProcess_.waitingKeyIs(key, hitbit);
     scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
     return;
   }
+  policy_->handleLeftOut(sfeRoute, hitbit);
   routeToProcess_.keyDel(key);
-  if (hitbit != 0) {
+  if (hitbit != 0 && state_.spaceLeft == 0) {
     // Its hit bit may never change again: nothing but this queue would bring it back.
     sfeRouteHitToProcess_.waitingKeyIs(key, hitbit);
     scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
@@ -470,7 +468,7 @@ void HwRouteSm::processRoute(const Key& key) {
       trace_(6, " deleting prefix: ", key.prefix());
       removeHwRoute(key);
     }
-    agedOut_.noteDel(key);
+    policy_->forget(key);
     if (sfeRoute) withoutAdjacency_.keyIs(key, sfeRoute->adjId());
   }
   routeToProcess_.keyDel(key);
@@ -480,13 +478,13 @@ void HwRouteSm::processRoute(const Key& key) {
 void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
   trace_(6, " adding prefix: ", sfeRoute.key().prefix());
   if (isNew) {
-    --ipv4PrefixHwSpaceLeft_;
+    --state_.spaceLeft;
     ++admissions_;
     publishSpace();
-    agedOut_.noteDel(sfeRoute.key());
+    policy_->forget(sfeRoute.key());
   }
   released_.noteDel(sfeRoute.key());
-  const bool inHw = isBelowLowLevel() || sfeRoute.inHw();
+  const bool inHw = sfeRoute.inHw() || !policy_->isScarce();
   in_.ipv4HwRouteStatus->routeIs({sfeRoute.key(), sfeRoute.adjId(), inHw});
 }
 
@@ -499,9 +497,7 @@ void HwRouteSm::removeHwRoute(const Key& key) {
 
 void HwRouteSm::removeAgedRoute(const Ipv4Route& hwRoute) {
   removeHwRoute(hwRoute.key());
-  if (admitAgedUnhit_) return;
-  agedOut_.noteIs(hwRoute.key(), hwRoute.adjId());
-  if (agedOut_.size() > capacity_) agedOut_.noteDel(*agedOut_.oldestKey());
+  if (!admitAgedUnhit_) policy_->handleAged(hwRoute);
 }
 
 // --- The queues' tasks -----------------------------------------------------------------------------------------------
@@ -532,7 +528,7 @@ bool HwRouteSm::processNextRoute() {
     processWalked(hwWalk_.step());
   } else if (sfeWalk_.pending()) {
     processSfeWalked(sfeWalk_.step());
-  } else if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) {
+  } else if (state_.spaceLeft > 0 && routeToProcess_.hasWaiting()) {
     processRoute(*routeToProcess_.waitingKey());
   } else {
     return false;
@@ -565,7 +561,7 @@ void HwRouteSm::handleSfeRouteHitProcessing() {
     return;
   }
   if (!sfeRouteHitToProcess_.empty()) scheduleSfeRouteHitProcessingTask(routeProcessingIntervalDefer_);
-  if (ipv4PrefixHwSpaceLeft_ > 0 && routeToProcess_.hasWaiting()) scheduleRouteProcessingTask(0);
+  if (state_.spaceLeft > 0 && routeToProcess_.hasWaiting()) scheduleRouteProcessingTask(0);
 }
 
 // A walk's routes are queued before anybody is admitted: it is their hit-bit values that decide who comes first.
@@ -576,7 +572,7 @@ bool HwRouteSm::processNextHit() {
     if (hit) sfeRouteHitToProcess_.keyIs(*key, hit->hitbit());
     return true;
   }
-  const auto key = ipv4PrefixHwSpaceLeft_ > 0 ? sfeRouteHitToProcess_.nextKey() : sfeRouteHitToProcess_.freshKey();
+  const auto key = state_.spaceLeft > 0 ? sfeRouteHitToProcess_.nextKey() : sfeRouteHitToProcess_.freshKey();
   if (key) processRoute(*key);
   return key.has_value();
 }

@@ -1,25 +1,19 @@
-// The hardware route state machine: decides which of the SFE's IPv4 routes the hardware holds.
+// The hardware route state machine: puts those of the SFE's IPv4 routes into hardware that have a place there.
 //
 // Admission (hw/HwRouteSm.cpp). A reaction queues the route's key; the route-processing task decides it. A host
-// route under a cached FIB prefix of its VRF is *cacheable*: it is admitted unasked while utilisation is below the low
-// level, and above that only once traffic has hit it in software. Any other route is admitted while there is room, and
-// stays. Of the routes hit in software those hit last come first (HitQueue).
+// route under a cached FIB prefix of its VRF is *cacheable*: it is admitted when the policy says so (CachePolicy; the
+// first and default one is LevelsPolicy). Any other route is admitted while there is room, and stays. Of the routes hit
+// in software those hit last come first (HitQueue).
 //
-// Ageing (hw/Ageing.cpp). The scan goes through the time slices of the hardware routes, refiles each by
-// the hit-bit value that hardware reports, and then, at or above the low level, removes cacheable routes from the
-// idlest slices. With Config::ageingKeepsRoute an idle route is *released*: it loses its inHw, so that the SFE programs
-// it, and leaves the table when the SFE has. A released route counts among those that an ageing run is to remove, and
-// does not count again when the run meets it. When the flag is cleared, what is released leaves at once, as an idle
-// route does without the flag.
+// Ageing (hw/HwRouteSmAgeing.cpp). The scan goes through the time slices of the hardware routes, refiles each by the
+// hit-bit value that hardware reports, and then removes as many cacheable routes as the policy says from the idlest
+// slices. With Config::ageingKeepsRoute an idle route is *released*: it loses its inHw, so that the SFE programs it,
+// and leaves the table when the SFE has. A released route counts among those that an ageing run is to remove, and does
+// not count again when the run meets it. When the flag is cleared, what is released leaves at once, as an idle route
+// does without the flag.
 //
 // A route whose adjacency is not written, for want of room or of an identifier, is forwarded by nobody: it is not
 // admitted, and leaves if that happens to it while it is in hardware. Its adjacency's coming brings it again.
-//
-// What ageing has taken out is remembered, the capacity's number of keys at most, the oldest forgotten first. Such a
-// route is not admitted unasked: without a hit it would come and go with every scan, for its SFE entry changes when it
-// goes. It is forgotten when traffic hits it in software, when it gets another adjacency identifier or loses its
-// adjacency, when the SFE does not have it any more, and when it is found not to be cacheable. With admitAgedUnhit
-// nothing is remembered.
 //
 // Restart. What stands in the hardware table is kept: start-up decides every route of the table and of the SFE's
 // again, and only one that the SFE does not have, or that has no adjacency, is removed.
@@ -31,7 +25,7 @@
 //   - the adjacency of every entry stands, or a decision about it is still to come;
 //   - a route of the SFE's whose adjacency does not stand waits for it, or is still to be decided;
 //   - what is released is in the hardware table without inHw;
-//   - what ageing has taken out is not in the hardware table, and no more of it is remembered than the capacity.
+//   - what the policy remembers goes with the hardware table.
 #pragma once
 
 #include <map>
@@ -41,6 +35,7 @@
 #include <string>
 
 #include "RouteCache/hw/AdjacencyWait.h"
+#include "RouteCache/hw/CachePolicy.h"
 #include "RouteCache/hw/HitBitTimeSlices.h"
 #include "RouteCache/hw/HitQueue.h"
 #include "RouteCache/model/Capability.h"
@@ -74,8 +69,8 @@ class HwRouteSm final : public Lattis::Entity {
  public:
   using Key = Ipv4RouteVrfKey;
 
-  // The capability's hardware route table size is the capacity, and at least 1; it is read here, once. Nothing happens
-  // before handleInitialized().
+  // The capability's hardware route table size is the capacity, and at least 1; it is read here, once. The policy is
+  // the default one. Nothing happens before handleInitialized().
   HwRouteSm(const HwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace);
   ~HwRouteSm() override;
 
@@ -100,7 +95,7 @@ class HwRouteSm final : public Lattis::Entity {
 
   // --- Admission -------------------------------------------------------------------------------------------------
   // Entries of the hardware table that the space counts admit, in percent of the capacity, rounded down.
-  std::uint32_t getHwPercentageSpaceUsed() const;
+  std::uint32_t getHwPercentageSpaceUsed() const { return state_.percentUsed(); }
   bool isRouteCacheable(const Key& key) const;
   bool checkRouteAddEligibility(const Key& key) const;
   // Brings cachingEnabled of Config in line with the tries. `hint`: a prefix was just added.
@@ -108,10 +103,10 @@ class HwRouteSm final : public Lattis::Entity {
   // Takes back entries of space, after the debt is paid; returns the space left. Where there was none, routes that wait
   // for room get their turn at once, those hit in software first.
   std::uint32_t ipv4PrefixHwSpaceLeftInc(std::uint32_t n);
-  std::uint32_t ipv4PrefixHwSpaceLeft() const { return ipv4PrefixHwSpaceLeft_; }
+  std::uint32_t ipv4PrefixHwSpaceLeft() const { return state_.spaceLeft; }
   // Entries found at start beyond the capacity and not removed yet.
   std::uint32_t spaceDebt() const { return spaceDebt_; }
-  std::uint32_t capacity() const { return capacity_; }
+  std::uint32_t capacity() const { return state_.capacity; }
 
   void routeToProcessIs(const Key& key) { routeToProcess_.keyIs(key); }
   void routeToProcessDel(const Key& key) { routeToProcess_.keyDel(key); }
@@ -163,7 +158,12 @@ class HwRouteSm final : public Lattis::Entity {
   // Every route counts as cacheable, whatever the FIB says. A change re-decides all routes.
   bool enableRouteCache() const { return enableRouteCache_; }
   void enableRouteCacheIs(bool enable);
-  // A route that ageing took out may be admitted unasked like any other.
+  // The policy's name. Throws BadText when there is none of this name. Another one begins without a memory, and all
+  // routes are decided again; what hardware holds stays, and an ageing run that has begun ends as it was begun.
+  std::string policy() const { return std::string(policyKind_.name); }
+  void policyIs(const std::string& name);
+  void policyKindIs(CachePolicyKind kind);
+  // A route that ageing took out may be admitted unasked like any other: the policy is not told of it.
   bool admitAgedUnhit() const { return admitAgedUnhit_; }
   void admitAgedUnhitIs(bool admit);
   // Entries that the published figure is above the true one: it keeps this agent from the true end of the table while
@@ -179,12 +179,12 @@ class HwRouteSm final : public Lattis::Entity {
   void hwHitbitScanIntervalIs(double seconds);
 
   // The levels in force: percent, and the highest time slice that is aged.
-  std::uint8_t highThresholdHwUtilPercentage() const { return highThresholdHwUtilPercentage_; }
-  std::uint8_t mediumThresholdHwUtilPercentage() const { return mediumThresholdHwUtilPercentage_; }
-  std::uint8_t lowThresholdHwUtilPercentage() const { return lowThresholdHwUtilPercentage_; }
-  std::uint16_t highThresholdIdleTimeSlice() const { return highThresholdIdleTimeSlice_; }
-  std::uint16_t mediumThresholdIdleTimeSlice() const { return mediumThresholdIdleTimeSlice_; }
-  std::uint16_t lowThresholdIdleTimeSlice() const { return lowThresholdIdleTimeSlice_; }
+  std::uint8_t highThresholdHwUtilPercentage() const { return state_.high.hwUtilPercentage; }
+  std::uint8_t mediumThresholdHwUtilPercentage() const { return state_.medium.hwUtilPercentage; }
+  std::uint8_t lowThresholdHwUtilPercentage() const { return state_.low.hwUtilPercentage; }
+  std::uint16_t highThresholdIdleTimeSlice() const { return state_.high.idleTimeSlice; }
+  std::uint16_t mediumThresholdIdleTimeSlice() const { return state_.medium.idleTimeSlice; }
+  std::uint16_t lowThresholdIdleTimeSlice() const { return state_.low.idleTimeSlice; }
 
   // What it writes, for reading.
   std::shared_ptr<const Ipv4RouteStatus> ipv4HwRouteStatus() const { return in_.ipv4HwRouteStatus; }
@@ -211,8 +211,7 @@ class HwRouteSm final : public Lattis::Entity {
 
   // An ageing run that has not ended.
   struct Ageing {
-    std::uint16_t top = 0;         // the highest slice to age
-    std::uint32_t toRemove = 0;    // routes, from slices 0 to top
+    AgeingPlan rest;               // of it what is still to be done
     std::uint16_t slice = 0;       // where the run stands
     std::uint32_t ofSlice = 0;     // routes still to remove from the slice being visited
     std::uint32_t removedNew = 0;  // routes removed from timeSliceNewAdditionsToDel
@@ -224,7 +223,6 @@ class HwRouteSm final : public Lattis::Entity {
   // Readers find all of the adjacency.
   bool adjacencyStands(AdjId adjId) const;
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
-  bool isBelowLowLevel() const;
   std::uint32_t sfeHitbit(const Key& key) const;
   bool isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const;
   void leaveOut(const Ipv4Route& sfeRoute, bool cacheable);
@@ -256,21 +254,16 @@ class HwRouteSm final : public Lattis::Entity {
   bool isDecisionToCome(const Key& key) const;
 
   const HwRouteSmInputs in_;
-  const std::uint32_t capacity_;
+  CacheState state_;
+  CachePolicyKind policyKind_;
+  std::unique_ptr<CachePolicy> policy_;
   Platform::TraceHandle trace_;
   bool initialized_ = false;
 
   bool enableRouteCache_ = false;
   bool admitAgedUnhit_ = false;
   std::uint32_t hwSpaceBuffer_ = 1024;
-  std::uint32_t ipv4PrefixHwSpaceLeft_ = 0;
   std::uint32_t spaceDebt_ = 0;
-  std::uint8_t highThresholdHwUtilPercentage_ = 95;
-  std::uint16_t highThresholdIdleTimeSlice_ = 250;
-  std::uint8_t mediumThresholdHwUtilPercentage_ = 90;
-  std::uint16_t mediumThresholdIdleTimeSlice_ = 240;
-  std::uint8_t lowThresholdHwUtilPercentage_ = 85;
-  std::uint16_t lowThresholdIdleTimeSlice_ = 200;
   double routeProcessingInterval_ = 0;
   double routeProcessingIntervalDefer_ = 3.0;
   double hwHitbitScanInterval_ = 40.0;
@@ -292,7 +285,6 @@ class HwRouteSm final : public Lattis::Entity {
   std::uint64_t scanned_ = 0;  // routes that this run of the task has handled
   std::optional<Ageing> ageing_;
   KeyNotes<Key, std::uint16_t> released_;  // the hit-bit value when it was released, or the lowest seen since
-  KeyNotes<Key, AdjId> agedOut_;           // remembered with the identifier that it had
   std::uint64_t admissions_ = 0;
   std::uint64_t aged_ = 0;
   std::set<std::uint32_t> vrfsWithPrefixes_;  // hardware ids whose tries hold some

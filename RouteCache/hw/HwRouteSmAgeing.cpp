@@ -53,10 +53,10 @@ void HwRouteSm::handleHwhitbitScan() {
   }
   if (scanPhase_ == ScanPhase::ageing && (done = !ageing_)) {
     scanPhase_ = ScanPhase::newAdditions;
-    if (isBelowLowLevel()) {
-      slices_->forgetAside();
-    } else {
+    if (policy_->isScarce()) {
       slices_->visitAside();
+    } else {
+      slices_->forgetAside();
     }
   }
   if (scanPhase_ == ScanPhase::newAdditions && (done = moveNewAdditions())) scanPhase_ = ScanPhase::slices;
@@ -138,24 +138,13 @@ bool HwRouteSm::moveNewAdditions() {
 
 void HwRouteSm::checkHwRouteAgeing() {
   PLATFORM_ASSERT(!ageing_ && !slices_->visiting());
-  const std::uint32_t perc = getHwPercentageSpaceUsed();
-  trace_(5, "perc: ", perc);
-  if (isBelowLowLevel()) return;
-  const std::uint32_t excess = perc - lowThresholdHwUtilPercentage_;
-  const auto pending = static_cast<std::uint32_t>(in_.ipv4SfeHitBitStatus->size());
-  Ageing run;
-  run.toRemove = std::max(static_cast<std::uint32_t>(std::uint64_t{excess} * capacity_ / 100), pending);
+  trace_(5, "perc: ", getHwPercentageSpaceUsed());
+  auto plan = policy_->ageingPlan(static_cast<std::uint32_t>(in_.ipv4SfeHitBitStatus->size()));
+  if (!plan) return;
   // Those of earlier runs that wait for the SFE are on their way already; ageRoute() does not count them again.
-  run.toRemove -= std::min(run.toRemove, static_cast<std::uint32_t>(released_.size()));
-  // With no route waiting, only what has been idle for the low level's time goes.
-  run.top = lowThresholdIdleTimeSlice_;
-  if (pending > 0 && perc >= highThresholdHwUtilPercentage_) {
-    run.top = highThresholdIdleTimeSlice_;
-  } else if (pending > 0 && perc >= mediumThresholdHwUtilPercentage_) {
-    run.top = mediumThresholdIdleTimeSlice_;
-  }
-  trace_(5, "pending routesToDelete: ", run.toRemove);
-  ageing_ = run;
+  plan->toRemove -= std::min(plan->toRemove, static_cast<std::uint32_t>(released_.size()));
+  trace_(5, "pending routesToDelete: ", plan->toRemove);
+  ageing_ = Ageing{.rest = *plan};
   continueAgeing();
 }
 
@@ -163,9 +152,9 @@ void HwRouteSm::checkHwRouteAgeing() {
 bool HwRouteSm::continueAgeing() {
   Ageing& run = *ageing_;
   std::uint32_t removed = 0;
-  while (run.slice <= run.top && run.toRemove > 0) {
+  while (run.slice <= run.rest.top && run.rest.toRemove > 0) {
     const bool done = ageSlice(removed);
-    run.toRemove -= removed;
+    run.rest.toRemove -= removed;
     if (!done) return false;
     ++run.slice;
   }
@@ -183,7 +172,7 @@ bool HwRouteSm::ageSlice(std::uint32_t& removed) {
   PLATFORM_ASSERT_TEXT(coll, "a threshold's time slice is 0 to 255");
   if (!slices_->visiting()) {
     ageing_->ofSlice =
-        ageing_->slice == timeSliceNewAdditionsToDel ? coll->size() : std::min(coll->size(), ageing_->toRemove);
+        ageing_->slice == timeSliceNewAdditionsToDel ? coll->size() : std::min(coll->size(), ageing_->rest.toRemove);
   }
   removed = ageHwRoutes(ageing_->slice, ageing_->ofSlice);
   ageing_->ofSlice -= removed;
@@ -238,18 +227,15 @@ void HwRouteSm::checkInvariants() const {
     const auto route = in_.ipv4HwRouteStatus->route(key);
     PLATFORM_ASSERT_TEXT(route && !route->inHw(), "what is released is in the hardware table without inHw");
   });
-  PLATFORM_ASSERT_TEXT(agedOut_.size() <= capacity_, "no more is remembered than the capacity");
-  agedOut_.forEach([this](const Key& key, AdjId) {
-    PLATFORM_ASSERT_TEXT(!in_.ipv4HwRouteStatus->has(key), "what ageing has taken out is not in the hardware table");
-  });
+  policy_->checkInvariants(*in_.ipv4HwRouteStatus);
 }
 
 void HwRouteSm::checkSpace() const {
   PLATFORM_ASSERT_TEXT(
-      std::uint64_t{ipv4PrefixHwSpaceLeft_} + in_.ipv4HwRouteStatus->size() == std::uint64_t{capacity_} + spaceDebt_,
+      std::uint64_t{state_.spaceLeft} + in_.ipv4HwRouteStatus->size() == std::uint64_t{state_.capacity} + spaceDebt_,
       "space left + entries = capacity + debt");
-  PLATFORM_ASSERT_TEXT(spaceDebt_ == 0 || ipv4PrefixHwSpaceLeft_ == 0, "a debt only at no space left");
-  PLATFORM_ASSERT_TEXT(in_.routeCacheConfig->ipv4PrefixHwSpaceLeft() == ipv4PrefixHwSpaceLeft_ + hwSpaceBuffer_,
+  PLATFORM_ASSERT_TEXT(spaceDebt_ == 0 || state_.spaceLeft == 0, "a debt only at no space left");
+  PLATFORM_ASSERT_TEXT(in_.routeCacheConfig->ipv4PrefixHwSpaceLeft() == state_.spaceLeft + hwSpaceBuffer_,
                        "the published figure is the space left plus hwSpaceBuffer");
 }
 

@@ -169,6 +169,8 @@ TEST_F(BadInputTest, IsOneLineAndExitCodeTwoAndLeavesNothing) {
       {"simulate --in-process", "", "--scenario"},
       {"simulate --in-process --run-dir /tmp/x", "", "--run-dir"},
       {"simulate --scenario x.json", "", "--in-process"},
+      {"simulate --policy levels", "", "--in-process"},
+      {inProcess + "sound.json --policy best", "", "'best' is none of the cache policies: levels"},
       {inProcess + "uncached.json", "", "hwRouteCachingEnabled"},
       {inProcess + "pipe", "", "pipe: a pipe that nobody writes to"},
       {inProcess + "sound.json --within 10.0.0.0/24", "", "300"},

@@ -13,6 +13,7 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::IsSupersetOf;
 using testing::Pair;
 
 using HwAdmissionTest = HwRouteStory;
@@ -158,6 +159,48 @@ TEST(HwRouteSmThresholdTest, IdleTimesBecomeSlicesAndNonsenseIsRefusedAndChanges
   EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 100u + 1024u);
   LinuxPlatform::setField(sm, "hwSpaceBuffer", "4294967195");
   EXPECT_EQ(sw.config()->ipv4PrefixHwSpaceLeft(), 4294967295u);
+}
+
+// Finds no place scarce, takes out one route a scan, the idlest, however hot it is, and never lets it in again.
+class OddPolicy final : public RouteCache::CachePolicy {
+ public:
+  explicit OddPolicy(const RouteCache::CacheState&) {}
+  bool isScarce() const override { return false; }
+  bool admits(const RouteCache::Ipv4Route& route, std::uint32_t) const override { return !out_.contains(route.key()); }
+  std::optional<RouteCache::AgeingPlan> ageingPlan(std::uint32_t) override { return RouteCache::AgeingPlan{1, 255}; }
+  void handleLeftOut(const RouteCache::Ipv4Route&, std::uint32_t) override {}
+  void handleAged(const RouteCache::Ipv4Route& route) override { out_.insert(route.key()); }
+  void forget(const Key&) override {}
+  void forgetAll() override {}
+  void checkInvariants(const RouteCache::Ipv4RouteStatus&) const override {}
+
+ private:
+  std::set<Key> out_;
+};
+
+TEST_P(HwAdmissionTest, AnotherPolicyDecidesFromNowOn) {
+  using RouteCache::CachePolicy, RouteCache::CacheState;
+  CachingSwitch sw(GetParam(), 20);
+  sw.startUp();
+  sw.addMany(plain, 0, 17);
+  sw.addMany(cached, 1, 4);
+  ASSERT_EQ(sw.hardware().size(), 17u) << "the low level";
+  EXPECT_ANY_THROW(LinuxPlatform::setField(sw.agent().hwRouteSm(), "policy", "odd")) << "it has no name";
+  EXPECT_EQ(sw.hwSm().policy(), "levels");
+  sw.hwSm().policyKindIs({"odd", [](const CacheState& state) -> std::unique_ptr<CachePolicy> {
+                            return std::make_unique<OddPolicy>(state);
+                          }});
+  sw.settle();
+  EXPECT_THAT(sw.hardware(), IsSupersetOf({Pair(inRed(cached(1)), true), Pair(inRed(cached(3)), true)}));
+  for (int i = 1; i < 4; ++i) sw.hwHit(cached(i), red, 255 - i);
+  sw.scan();
+  sw.sfeHit(cached(3), red, 255);
+  sw.settle();
+  EXPECT_FALSE(sw.inTable(cached(3))) << "there is room, and it is hit";
+  EXPECT_EQ(sw.hardware().size(), 19u);
+  LinuxPlatform::setField(sw.agent().hwRouteSm(), "policy", "levels");
+  sw.settle();
+  EXPECT_TRUE(sw.inTable(cached(3)));
 }
 
 // --- Queues ----------------------------------------------------------------------------------------------------------

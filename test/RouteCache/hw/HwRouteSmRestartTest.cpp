@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "test/RouteCache/hw/CachingSwitch.h"
 
 namespace {
@@ -135,9 +137,10 @@ TEST_P(HwRestartTest, NobodyDecidesOnHalfOfWhatTurningCachingOnTakesOverAndNothi
   sw.start();
   sw.advance(0.01);
   EXPECT_TRUE(whole && !begunOnHalf);
-  for (const auto& task : sw.scheduler.statistics()) {
-    if (task.name == "sfeFillTask") EXPECT_GE(task.runs, GetParam() == 0 ? 1u : 35u);
-  }
+  const auto tasks = sw.scheduler.statistics();
+  const auto fill = std::ranges::find(tasks, "sfeFillTask", &Platform::TaskStatistics::name);
+  ASSERT_NE(fill, tasks.end());
+  EXPECT_GE(fill->runs, GetParam() == 0 ? 1u : 35u);
   sw.advance(30);
   sw.outside->pendingChanges();
   sw.outside->deliverChanges([] { return false; });
