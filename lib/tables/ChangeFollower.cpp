@@ -12,7 +12,7 @@ void ChangeFollower::start(const TableView& view) {
   const std::uint32_t end = view.image().highWater();
   for (std::uint32_t slot = 0; slot < end; ++slot) {
     // A slot that keeps changing has changes after the cursor.
-    if (isLive(load(view.image().version(slot))) && view.readSlot(slot, contents)) {
+    if (isLive(load(view.image().version(slot))) && view.image().readSlot(slot, contents)) {
       remember(slot, told(contents.version), contents.key);
     }
   }
@@ -155,7 +155,7 @@ bool ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, const
   now.version = load(view_->image().version(slot));
   const bool moved = told(now.version) != (slot < told_.size() ? told_[slot] : 0);
   bool goOn = true;
-  if (moved && view_->readSlot(slot, now)) {
+  if (moved && view_->image().readSlot(slot, now)) {
     const bool wasLive = knownLive(slot);
     const KeyWords before = wasLive ? knownKey(slot) : KeyWords{};
     const bool nowLive = isLive(now.version);

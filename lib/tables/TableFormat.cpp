@@ -76,37 +76,38 @@ void keyBytes(const KeyWords& key, MutableBytes out) {
   }
 }
 
+OrderGeometry::OrderGeometry(std::uint32_t slots, std::size_t begin)
+    : slotBits(static_cast<unsigned>(std::bit_width(slots - 1))),
+      levels(std::clamp(slotBits / 2, 1U, maxLevels)),
+      end(begin + std::size_t{slots} * 4) {
+  links[0] = begin;
+  for (unsigned level = 1; level < levels; ++level) {
+    links[level] = aligned(end);
+    end = links[level] + (std::size_t{4} << (slotBits - 2 * level));
+  }
+}
+
 TableGeometry::TableGeometry(const Pondra::TableLayout& layout, std::uint32_t slotCount)
     : slots(slotCount),
       keySize(layout.keySize),
       maxValueSize(layout.maxValueSize),
       variableSize(layout.variableSize),
       keyWordCount((layout.keySize + 7) / 8),
-      slotBits(static_cast<unsigned>(std::bit_width(slotCount - 1))),
-      levels(std::clamp(slotBits / 2, 1U, maxLevels)),
       buckets(std::bit_ceil(slotCount)),
       ringSize(std::min(std::uint32_t{65536}, std::bit_ceil(std::max(slotCount, 16U)))),
       bufferWords(1 + (variableSize ? 1 : (maxValueSize + 7) / 8)),
       bodyWords(1 + keyWordCount + 2 * bufferWords),
-      ringWords(1 + keyWordCount) {
+      ringWords(1 + keyWordCount),
+      versions(aligned(tableStateOffset + sizeof(TableState))),
+      bodies(aligned(versions + std::size_t{slots} * 8)),
+      order(slots, aligned(bodies + std::size_t{slots} * bodyWords * 8)),
+      bucketHeads(aligned(order.end)),
+      ring(aligned(bucketHeads + std::size_t{buckets} * 4)),
+      heap(aligned(ring + std::size_t{ringSize} * ringWords * 8)) {
   const std::uint64_t largest = (std::uint64_t{maxValueSize} + 7) / 8 * 8;
   // However the heap is cut up, one free piece is as long as the longest value: the values take at most half of it and
   // leave at most one gap more than there are values.
   heapSize = variableSize ? (2 * std::uint64_t{slots} + 2) * largest : 0;
-
-  versions = aligned(tableStateOffset + sizeof(TableState));
-  bodies = aligned(versions + std::size_t{slots} * 8);
-  links = aligned(bodies + std::size_t{slots} * bodyWords * 8);
-  levelLinks.fill(0);
-  levelLinks[0] = links;
-  std::size_t end = links + std::size_t{slots} * 4;
-  for (unsigned level = 1; level < levels; ++level) {
-    levelLinks[level] = aligned(end);
-    end = levelLinks[level] + (std::size_t{4} << (slotBits - 2 * level));
-  }
-  bucketHeads = aligned(end);
-  ring = aligned(bucketHeads + std::size_t{buckets} * 4);
-  heap = aligned(ring + std::size_t{ringSize} * ringWords * 8);
   fileSize = heap + heapSize;
 }
 

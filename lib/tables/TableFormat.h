@@ -169,6 +169,16 @@ struct TableState {
 static_assert(sizeof(TableState) == 112, "other processes read these bytes");
 inline constexpr std::size_t tableStateOffset = 2048;
 
+// What the ordered index takes, beside the heads in the state.
+struct OrderGeometry {
+  OrderGeometry(std::uint32_t slots, std::size_t begin);
+
+  unsigned slotBits;  // slots <= 2^slotBits
+  unsigned levels;
+  std::array<std::size_t, maxLevels> links{};  // offset of each level's links
+  std::size_t end;
+};
+
 // Where everything lies; follows from the layout and the number of slots alone, so no offset is ever read from a file.
 struct TableGeometry {
   TableGeometry(const Pondra::TableLayout& layout, std::uint32_t slotCount);
@@ -178,16 +188,15 @@ struct TableGeometry {
   std::uint32_t maxValueSize;
   bool variableSize;
   unsigned keyWordCount;
-  unsigned slotBits;          // slots <= 2^slotBits
-  unsigned levels;            // of the ordered list
   std::uint32_t buckets;      // a power of two
   std::uint32_t ringSize;     // a power of two
   std::uint32_t bufferWords;  // one value buffer with its head word
   std::uint32_t bodyWords;
-  std::uint32_t ringWords;                                                 // of one ring entry
-  std::uint64_t heapSize;                                                  // bytes
-  std::size_t versions, bodies, links, bucketHeads, ring, heap, fileSize;  // offsets in the file
-  std::array<std::size_t, maxLevels> levelLinks;                           // offset of each level's links
+  std::uint32_t ringWords;       // of one ring entry
+  std::uint64_t heapSize;        // bytes
+  std::size_t versions, bodies;  // these and the following: offsets in the file
+  OrderGeometry order;
+  std::size_t bucketHeads, ring, heap, fileSize;
 };
 
 // The header of a new table.
@@ -200,6 +209,13 @@ std::string headerFault(const TableHeader& header);
 
 // Over an entry and the sequence it was written with, so that neither can be exchanged for another's.
 std::uint32_t entryChecksum(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence);
+
+// Slot contents that belong together.
+struct SlotSnapshot {
+  std::uint64_t version = 0;
+  std::uint32_t next = 0;  // node of the hash chain
+  KeyWords key;
+};
 
 // --- The mapped table ------------------------------------------------------------------------------------------------
 
@@ -230,19 +246,21 @@ class TableImage {
   std::uint64_t* ring(std::uint64_t sequence) const {
     return &word64(geometry_->ring, (sequence & (geometry_->ringSize - 1)) * geometry_->ringWords);
   }
-  // The node after `node` (0: the head) on this level; the node must be high enough.
-  std::uint32_t& link(unsigned level, std::uint32_t node) const {
-    if (node == 0) return state().heads[level];
-    const std::uint32_t slot = node - 1;
-    return word32(geometry_->levelLinks[level], level == 0 ? slot : mix(slot) >> (2 * level));
-  }
-  // On how many levels the slot stands when it is linked, 1 to levels. It follows from the number alone, one in four
-  // slots being one higher; the links of a level then need no more places than there are slots to use them.
-  unsigned height(std::uint32_t slot) const {
-    const unsigned steps = static_cast<unsigned>(std::countr_zero(mix(slot))) / 2;
-    return steps < geometry_->levels ? steps + 1 : geometry_->levels;
+  // Of a section of such words.
+  std::uint32_t& word32(std::size_t offset, std::uint64_t index) const {
+    return *reinterpret_cast<std::uint32_t*>(base_ + offset + index * 4);
   }
 
+  // Version, chain link and key of one moment; false when the slot kept changing.
+  bool readSlot(std::uint32_t slot, SlotSnapshot& out) const {
+    for (unsigned i = 0; i < slotTries; ++i) {
+      out.version = load(version(slot));
+      out.next = load(chainNext(slot));
+      out.key = loadKey(slot);
+      if (load(version(slot)) == out.version) return true;
+    }
+    return false;
+  }
   KeyWords loadKey(const std::uint64_t* from) const {
     KeyWords loaded;
     for (unsigned i = 0; i < geometry_->keyWordCount; ++i) loaded.words[i] = load(from[i]);
@@ -268,24 +286,14 @@ class TableImage {
   std::uint32_t highWater() const;
 
  private:
-  // A bijection on the numbers of slotBits bits. It has to scatter: slots are taken in the order of insertion, and a
-  // pattern in that order (two VRFs in turn, say) must not become a pattern of heights.
-  std::uint32_t mix(std::uint32_t slot) const {
-    const std::uint64_t mask = (std::uint64_t{1} << geometry_->slotBits) - 1;
-    const unsigned half = (geometry_->slotBits + 1) / 2;
-    std::uint64_t x = slot;
-    x = (x ^ x >> half) * 0x9e3779b97f4a7c15 & mask;
-    x = (x ^ x >> half) * 0xc2b2ae3d27d4eb4f & mask;
-    return static_cast<std::uint32_t>(x ^ x >> half);
-  }
+  // A writer at full speed changes one slot a few times while it is read; it does not do so this often.
+  static constexpr unsigned slotTries = 1000;
+
   std::uint64_t* body(std::uint32_t slot) const {
     return &word64(geometry_->bodies, std::uint64_t{slot} * geometry_->bodyWords);
   }
   std::uint64_t& word64(std::size_t offset, std::uint64_t index) const {
     return *reinterpret_cast<std::uint64_t*>(base_ + offset + index * 8);
-  }
-  std::uint32_t& word32(std::size_t offset, std::uint64_t index) const {
-    return *reinterpret_cast<std::uint32_t*>(base_ + offset + index * 4);
   }
 
   std::byte* base_;

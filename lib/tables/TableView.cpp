@@ -8,23 +8,11 @@ namespace LinuxPlatform {
 
 namespace {
 
-// A writer at full speed changes one slot a few times while it is read; it does not do so this often.
-constexpr unsigned slotTries = 1000;
 // Contradictions in the indexes come from changes in mid-walk. So many without any change: it is damage.
 constexpr unsigned calmTries = 8;
 constexpr unsigned busyTries = 10000;
 
 }  // namespace
-
-bool TableView::readSlot(std::uint32_t slot, SlotSnapshot& out) const {
-  for (unsigned i = 0; i < slotTries; ++i) {
-    out.version = load(image_.version(slot));
-    out.next = load(image_.chainNext(slot));
-    out.key = image_.loadKey(slot);
-    if (load(image_.version(slot)) == out.version) return true;
-  }
-  return false;
-}
 
 TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotSnapshot& entry, MutableBytes out,
                                           std::size_t& size) const {
@@ -91,7 +79,7 @@ TableView::Outcome TableView::tryFind(const KeyWords& key, const MutableBytes* v
   for (unsigned hops = 0; node != 0; ++hops) {
     if (node > image_.geometry().slots || hops > longestChain) return Outcome::contradiction;
     found.slot = node - 1;
-    if (!readSlot(found.slot, here) || stateOf(here.version) == SlotState::free) return Outcome::contradiction;
+    if (!image_.readSlot(found.slot, here) || stateOf(here.version) == SlotState::free) return Outcome::contradiction;
     if (image_.compare(here.key, key) == 0) {
       if (!isLive(here.version)) return Outcome::absent;
       if (value == nullptr) return Outcome::found;
@@ -128,8 +116,8 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
     if (tryFind(from, inclusive ? &value : nullptr, found) == Outcome::found) {
       if (inclusive) return Outcome::found;
       at = {found.slot + 1, found.contents.version, found.contents.key};
-    } else if (const Outcome outcome = descend(from, inclusive, at); outcome != Outcome::found) {
-      return outcome;
+    } else if (!order_.moveBelow(from, inclusive, at)) {
+      return Outcome::contradiction;
     }
   }
   const Outcome outcome = nextEntry(at, from, inclusive, value, found);
@@ -140,40 +128,9 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
 bool TableView::startAtHint(const KeyWords& from, bool inclusive, std::uint32_t hint, Position& at) const {
   if (inclusive || hint == 0 || hint > image_.geometry().slots) return false;
   SlotSnapshot here;
-  if (!readSlot(hint - 1, here) || !isLive(here.version) || image_.compare(here.key, from) != 0) return false;
+  if (!image_.readSlot(hint - 1, here) || !isLive(here.version) || image_.compare(here.key, from) != 0) return false;
   at = {hint, here.version, here.key};
   return true;
-}
-
-bool TableView::stillThere(const Position& at) const {
-  return at.node == 0 || load(image_.version(at.node - 1)) == at.version;
-}
-
-std::optional<std::uint32_t> TableView::step(const Position& at, unsigned level, SlotSnapshot& next) const {
-  const std::uint32_t node = load(image_.link(level, at.node));
-  if (node == 0) return stillThere(at) ? std::optional<std::uint32_t>(0) : std::nullopt;
-  const std::uint32_t slot = node - 1;
-  if (slot >= image_.geometry().slots || image_.height(slot) <= level) return std::nullopt;
-  if (!readSlot(slot, next) || stateOf(next.version) == SlotState::free) return std::nullopt;
-  // A link counts only if its node was in the list when the link was read.
-  if (!stillThere(at) || (at.node != 0 && image_.compare(next.key, at.key) <= 0)) return std::nullopt;
-  return node;
-}
-
-// To the last node below `from` (or at it, for an exclusive search).
-TableView::Outcome TableView::descend(const KeyWords& from, bool inclusive, Position& at) const {
-  SlotSnapshot next;
-  for (unsigned level = image_.geometry().levels; level-- > 0;) {
-    for (;;) {
-      const auto node = step(at, level, next);
-      if (!node) return Outcome::contradiction;
-      if (*node == 0) break;
-      const int order = image_.compare(next.key, from);
-      if (order > 0 || (order == 0 && inclusive)) break;
-      at = {*node, next.version, next.key};
-    }
-  }
-  return Outcome::found;
 }
 
 // The first entry after `at` that the search is for. It is the next one only if, once it has been read, `at` is still
@@ -182,7 +139,7 @@ TableView::Outcome TableView::descend(const KeyWords& from, bool inclusive, Posi
 TableView::Outcome TableView::nextEntry(Position at, const KeyWords& from, bool inclusive, MutableBytes value,
                                         Entry& found) const {
   for (;;) {
-    const auto node = step(at, 0, found.contents);
+    const auto node = order_.next(at, found.contents);
     if (!node) return Outcome::contradiction;
     if (*node == 0) return Outcome::absent;
     found.slot = *node - 1;
@@ -190,8 +147,8 @@ TableView::Outcome TableView::nextEntry(Position at, const KeyWords& from, bool 
     const bool wanted = isLive(found.contents.version) && (order > 0 || (order == 0 && inclusive));
     ValueRead read = ValueRead::whole;
     if (wanted) read = readValue(found.slot, found.contents, value, found.size);
-    if (load(image_.link(0, at.node)) != *node || load(image_.version(found.slot)) != found.contents.version ||
-        !stillThere(at)) {
+    if (!order_.leadsTo(at, *node) || load(image_.version(found.slot)) != found.contents.version ||
+        !order_.stillThere(at)) {
       return Outcome::contradiction;
     }
     if (wanted && read == ValueRead::whole) return Outcome::found;
@@ -206,7 +163,7 @@ bool TableView::scanFor(const KeyWords& key, const MutableBytes* value, Entry& f
   const std::uint32_t end = image_.highWater();
   for (found.slot = 0; found.slot < end; ++found.slot) {
     SlotSnapshot& here = found.contents;
-    while (isLive(load(image_.version(found.slot))) && readSlot(found.slot, here) && isLive(here.version) &&
+    while (isLive(load(image_.version(found.slot))) && image_.readSlot(found.slot, here) && isLive(here.version) &&
            image_.compare(here.key, key) == 0) {
       if (value == nullptr) return true;
       const ValueRead read = readValue(found.slot, here, *value, found.size);
@@ -223,7 +180,7 @@ bool TableView::scanFrom(const KeyWords& from, bool inclusive, MutableBytes valu
   std::vector<std::byte> bytes(image_.geometry().maxValueSize);
   const std::uint32_t end = image_.highWater();
   for (here.slot = 0; here.slot < end; ++here.slot) {
-    while (isLive(load(image_.version(here.slot))) && readSlot(here.slot, here.contents) &&
+    while (isLive(load(image_.version(here.slot))) && image_.readSlot(here.slot, here.contents) &&
            isLive(here.contents.version)) {
       const int order = image_.compare(here.contents.key, from);
       if (order < 0 || (order == 0 && !inclusive)) break;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "lib/tables/OrderedIndex.h"
 #include "lib/tables/TableFormat.h"
 
 namespace LinuxPlatform {
@@ -15,13 +16,6 @@ using DamageReport = std::function<void(std::string_view what)>;
 
 // Chains are about one entry long; one longer than this is damaged.
 inline constexpr unsigned longestChain = 4096;
-
-// Slot contents that belong together.
-struct SlotSnapshot {
-  std::uint64_t version = 0;
-  std::uint32_t next = 0;  // node of the hash chain
-  KeyWords key;
-};
 
 // An entry as it was found.
 struct Entry {
@@ -34,7 +28,7 @@ struct Entry {
 // slots are searched one by one: slow, but right whatever happened to the indexes.
 class TableView {
  public:
-  TableView(const TableImage& image, const DamageReport& report) : image_(image), report_(&report) {}
+  TableView(const TableImage& image, const DamageReport& report) : image_(image), order_(image), report_(&report) {}
 
   const TableImage& image() const { return image_; }
   std::uint64_t headSequence() const { return load(image_.state().headSequence); }
@@ -47,20 +41,13 @@ class TableView {
   // `hint` is 0 or the node of the entry that the last call of the walk returned.
   bool seek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint64_t& hint, Entry& found) const;
 
-  // Version, chain link and key of one moment; false when the slot kept changing.
-  bool readSlot(std::uint32_t slot, SlotSnapshot& out) const;
-
   enum class ValueRead { whole, changed, damaged };
   // Copies the value of the entry that the snapshot is of; `changed` when the slot has moved on meanwhile.
   ValueRead readValue(std::uint32_t slot, const SlotSnapshot& entry, MutableBytes out, std::size_t& size) const;
 
  private:
   enum class Outcome { found, absent, contradiction, noIndex };
-  struct Position {
-    std::uint32_t node = 0;     // 0: the head
-    std::uint64_t version = 0;  // of the node when it was reached
-    KeyWords key;
-  };
+  using Position = OrderedIndex::Position;
 
   template <class Attempt>
   Outcome settle(Attempt attempt) const;
@@ -68,15 +55,12 @@ class TableView {
   Outcome tryFind(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   Outcome trySeek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint32_t hint, Entry& found) const;
   bool startAtHint(const KeyWords& from, bool inclusive, std::uint32_t hint, Position& at) const;
-  Outcome descend(const KeyWords& from, bool inclusive, Position& at) const;
   Outcome nextEntry(Position at, const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const;
-  // The node after `at` on the level, read whole; its slot number + 1, or 0 at the end. Nothing: a contradiction.
-  std::optional<std::uint32_t> step(const Position& at, unsigned level, SlotSnapshot& next) const;
-  bool stillThere(const Position& at) const;
   bool scanFor(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   bool scanFrom(const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const;
 
   TableImage image_;
+  OrderedIndex order_;
   const DamageReport* report_;
 };
 

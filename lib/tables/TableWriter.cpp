@@ -9,13 +9,9 @@ namespace LinuxPlatform {
 
 using Pondra::WriteResult;
 
-namespace {
-// Levels of the last search's path that are tried before a search starts at the top.
-constexpr unsigned pathLevels = 8;
-}  // namespace
-
 TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report)
     : image_(image),
+      order_(image),
       report_(std::move(report)),
       capacity_(capacity),
       heap_(image.geometry().heapSize),
@@ -95,12 +91,11 @@ bool TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value) {
 }
 
 bool TableWriter::insert(const KeyWords& key, Bytes value) {
-  if (!findPath(key)) return false;
+  if (!order_.find(key)) return false;
   const auto slot = takeSlot();
   if (!slot) return false;
   const std::uint32_t node = *slot + 1;
   const std::uint32_t bucket = image_.bucketOf(key);
-  const unsigned height = image_.height(*slot);
   TableState& state = image_.state();
 
   // Everything that others may find in the slot stands before the slot says that it is in use: a reader that was led
@@ -112,15 +107,10 @@ bool TableWriter::insert(const KeyWords& key, Bytes value) {
     return false;
   }
   store(image_.chainNext(*slot), load(image_.bucket(bucket)));
-  for (unsigned level = 0; level < height; ++level) {
-    store(image_.link(level, node), load(image_.link(level, path_[level])));
-  }
+  order_.prepare(*slot);
   store(image_.version(*slot), versionWord(sequence_ + 1, 0, SlotState::linked));
   store(image_.bucket(bucket), node);
-  for (unsigned level = 0; level < height; ++level) {
-    store(image_.link(level, path_[level]), node);
-    path_[level] = node;
-  }
+  order_.insert(*slot);
   liveCountIs(liveCount_ + 1);
   publish(*slot, versionWord(sequence_ + 1, 0, SlotState::live));
   store(state.operation, std::uint64_t{0});
@@ -128,21 +118,14 @@ bool TableWriter::insert(const KeyWords& key, Bytes value) {
 }
 
 bool TableWriter::remove(const Place& place, const KeyWords& key) {
-  if (!findPath(key)) return false;
-  const std::uint32_t node = place.slot + 1;
-  const unsigned height = image_.height(place.slot);
-  for (unsigned level = 0; level < height; ++level) {
-    if (load(image_.link(level, path_[level])) != node) return false;
-  }
+  if (!order_.find(key) || !order_.isAtPlace(place.slot)) return false;
   const auto extent = extentOf(place.slot);
   const unsigned buffer = bufferOf(load(image_.version(place.slot)));
 
-  store(image_.state().operation, std::uint64_t{node});
+  store(image_.state().operation, std::uint64_t{place.slot} + 1);
   liveCountIs(liveCount_ - 1);
   publish(place.slot, versionWord(sequence_ + 1, buffer, SlotState::linked));
-  for (unsigned level = height; level-- > 0;) {
-    store(image_.link(level, path_[level]), load(image_.link(level, node)));
-  }
+  order_.remove(place.slot);
   store(*place.leader, load(image_.chainNext(place.slot)));
   store(image_.version(place.slot), versionWord(sequence_, buffer, SlotState::free));
   store(image_.state().operation, std::uint64_t{0});
@@ -215,49 +198,6 @@ void TableWriter::liveCountIs(std::uint64_t count) {
   store(image_.state().liveCount, count);
 }
 
-// --- The ordered list ------------------------------------------------------------------------------------------------
-
-// Moves `node` on to the last node below the key; false: the level is damaged.
-bool TableWriter::advance(unsigned level, std::uint32_t& node, const KeyWords& key) const {
-  KeyWords here;
-  for (std::uint32_t passed = 0;; ++passed) {
-    const std::uint32_t next = load(image_.link(level, node));
-    if (next == 0) return true;
-    if (next > image_.geometry().slots || image_.height(next - 1) <= level) return false;
-    const KeyWords nextKey = image_.loadKey(next - 1);
-    if (image_.compare(nextKey, key) >= 0) return true;
-    if (passed > 0 && image_.compare(nextKey, here) <= 0) return false;
-    here = nextKey;
-    node = next;
-  }
-}
-
-// Whether the key belongs between the path's node of this level and the next one.
-bool TableWriter::brackets(unsigned level, const KeyWords& key) const {
-  const std::uint32_t node = path_[level];
-  if (node != 0 && image_.compare(image_.loadKey(node - 1), key) >= 0) return false;
-  const std::uint32_t next = load(image_.link(level, node));
-  if (next > image_.geometry().slots) return false;
-  return next == 0 || image_.compare(image_.loadKey(next - 1), key) >= 0;
-}
-
-bool TableWriter::findPath(const KeyWords& key) {
-  const unsigned levels = image_.geometry().levels;
-  unsigned level = 0;
-  while (level < std::min(pathLevels, levels) && !brackets(level, key)) ++level;
-  std::uint32_t node = 0;
-  if (level < pathLevels && level < levels) {
-    node = path_[level];  // this level's node is right, and so are those above it
-  } else {
-    level = levels;
-  }
-  while (level-- > 0) {
-    if (!advance(level, node, key)) return false;
-    path_[level] = node;
-  }
-  return true;
-}
-
 // --- Taking over -----------------------------------------------------------------------------------------------------
 
 void TableWriter::repair(const std::string& what) {
@@ -279,11 +219,7 @@ bool TableWriter::finishOperation() {
   if (stateOf(version) != SlotState::linked) return true;  // not yet in a list, or in all of them
 
   const KeyWords key = image_.loadKey(slot);
-  if (!findPath(key)) return false;
-  for (unsigned level = image_.height(slot); level-- > 0;) {
-    std::uint32_t& before = image_.link(level, path_[level]);
-    if (load(before) == node) store(before, load(image_.link(level, node)));
-  }
+  if (!order_.takeOut(slot, key)) return false;
   std::uint32_t* leader = &image_.bucket(image_.bucketOf(key));
   for (unsigned hops = 0; load(*leader) != 0 && load(*leader) != node; ++hops) {
     if (load(*leader) > image_.geometry().slots || hops > longestChain) return false;
@@ -389,32 +325,7 @@ void TableWriter::discard(std::span<const std::uint32_t> damaged) {
 }
 
 bool TableWriter::indexesAgree() const {
-  std::array<std::uint64_t, maxLevels> counts{};
-  std::uint64_t live = 0;
-  for (std::uint32_t slot = 0; slot < highWater_; ++slot) {
-    if (!isLive(load(image_.version(slot)))) continue;
-    ++live;
-    for (unsigned level = image_.height(slot); level-- > 0;) ++counts[level];
-  }
-  if (live != liveCount_) return false;
-  for (unsigned level = 0; level < image_.geometry().levels; ++level) {
-    if (!orderAgrees(level, counts[level])) return false;
-  }
-  return chainsAgree();
-}
-
-// Whether the level leads through that many live nodes in key order.
-bool TableWriter::orderAgrees(unsigned level, std::uint64_t expected) const {
-  KeyWords previous;
-  std::uint64_t passed = 0;
-  for (std::uint32_t node = load(image_.link(level, 0)); node != 0; node = load(image_.link(level, node)), ++passed) {
-    if (node > image_.geometry().slots || passed == expected) return false;
-    if (image_.height(node - 1) <= level || !isLive(load(image_.version(node - 1)))) return false;
-    const KeyWords key = image_.loadKey(node - 1);
-    if (passed > 0 && image_.compare(previous, key) >= 0) return false;
-    previous = key;
-  }
-  return passed == expected;
+  return order_.agrees(highWater_, liveCount_) && chainsAgree();
 }
 
 // Whether every entry is found through its chain. Asked from the entries, so that the untouched pages of a nearly empty
@@ -438,21 +349,14 @@ void TableWriter::rebuildIndexes() {
   for (std::uint32_t bucket = 0; bucket < image_.geometry().buckets; ++bucket) {
     if (load(image_.bucket(bucket)) != 0) store(image_.bucket(bucket), std::uint32_t{0});  // untouched pages stay so
   }
-  std::array<std::uint32_t, maxLevels> tails{};
+  order_.beginFilling();
   for (const std::uint32_t slot : order) {
-    const std::uint32_t node = slot + 1;
     std::uint32_t& bucket = image_.bucket(image_.bucketOf(image_.loadKey(slot)));
     store(image_.chainNext(slot), load(bucket));
-    store(bucket, node);
-    for (unsigned level = image_.height(slot); level-- > 0;) {
-      store(image_.link(level, tails[level]), node);
-      tails[level] = node;
-    }
+    store(bucket, slot + 1);
+    order_.append(slot);
   }
-  for (unsigned level = 0; level < image_.geometry().levels; ++level) {
-    store(image_.link(level, tails[level]), std::uint32_t{0});
-  }
-  path_.fill(0);
+  order_.endFilling();
   store(image_.state().epoch, load(image_.state().epoch) + 1);
 }
 

@@ -6,7 +6,6 @@
 // else does not agree with the slots is rebuilt from them.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "lib/tables/HeapSpace.h"
+#include "lib/tables/OrderedIndex.h"
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
 #include "platform/tables/SharedTable.h"
@@ -67,10 +67,6 @@ class TableWriter {
   void publish(std::uint32_t slot, std::uint64_t version);
   void announce(std::uint32_t slot);
   void liveCountIs(std::uint64_t count);
-  // Sets path_ to the last nodes below the key; false: the list contradicts itself.
-  bool findPath(const KeyWords& key);
-  bool brackets(unsigned level, const KeyWords& key) const;
-  bool advance(unsigned level, std::uint32_t& node, const KeyWords& key) const;
 
   // --- taking over
   void repair(const std::string& what);
@@ -82,13 +78,13 @@ class TableWriter {
   void adoptSequence(Survey& found);
   void discard(std::span<const std::uint32_t> damaged);
   bool indexesAgree() const;
-  bool orderAgrees(unsigned level, std::uint64_t expected) const;
   bool chainsAgree() const;
   void beginRebuild();
   void rebuildIndexes();
   std::vector<std::uint32_t> liveSlotsInOrder();
 
   TableImage image_;
+  OrderedIndexWriter order_;
   DamageReport report_;
   std::uint32_t capacity_;
   std::uint64_t liveCount_ = 0;
@@ -96,10 +92,6 @@ class TableWriter {
   std::uint32_t highWater_ = 0;
   std::vector<std::uint32_t> freeSlots_;  // below highWater_; the last is taken first
   HeapSpace heap_;
-  // Per level the last node below the key of the last search. Every change of the list follows a search, so the path is
-  // always a true one, and a key next to the last one is found from there: filling a table in key order costs no
-  // search.
-  std::array<std::uint32_t, maxLevels> path_{};
   mutable std::vector<std::byte> scratch_;
 };
 

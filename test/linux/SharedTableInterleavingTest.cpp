@@ -38,6 +38,7 @@ void beforeLoad() {
 #define LinuxPlatform SteppedLinuxPlatform
 #include "lib/tables/ChangeFollower.cpp"
 #include "lib/tables/HeapSpace.cpp"
+#include "lib/tables/OrderedIndex.cpp"
 #include "lib/tables/TableFormat.cpp"
 #include "lib/tables/TableView.cpp"
 #include "lib/tables/TableWriter.cpp"

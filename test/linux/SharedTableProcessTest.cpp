@@ -743,7 +743,7 @@ class ScribbledTable : public SharedTableProcessTest {
     const LinuxPlatform::TableGeometry geometry(layout, capacity);
     const std::pair<std::size_t, std::size_t> sections[] = {
         {LinuxPlatform::tableStateOffset, sizeof(LinuxPlatform::TableState)},
-        {geometry.links, geometry.bucketHeads - geometry.links},
+        {geometry.order.links[0], geometry.bucketHeads - geometry.order.links[0]},
         {geometry.bucketHeads, geometry.ring - geometry.bucketHeads},
         {geometry.ring, geometry.heap - geometry.ring},
         {geometry.versions, std::size_t{200} * 8},
