@@ -12,19 +12,6 @@ using Platform::TaskPriority;
 
 // --- Reactors --------------------------------------------------------------------------------------------------------
 
-template <class Table>
-class HwRouteSm::TableReactor final : public Table::Reactor {
- public:
-  using Handler = void (HwRouteSm::*)(const typename Table::Key&);
-  TableReactor(HwRouteSm& sm, std::shared_ptr<const Table> table, Handler handler)
-      : Table::Reactor(std::move(table)), sm_(sm), handler_(handler) {}
-  void handleEntry(const typename Table::Key& key) override { (sm_.*handler_)(key); }
-
- private:
-  HwRouteSm& sm_;
-  Handler handler_;
-};
-
 class HwRouteSm::ThresholdReactor final : public CliConfig::Reactor {
  public:
   ThresholdReactor(HwRouteSm& sm, std::shared_ptr<const CliConfig> config) : Reactor(std::move(config)), sm_(sm) {}
@@ -170,18 +157,13 @@ void HwRouteSm::handleInitialized() {
 
   thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
   configReactor_ = std::make_unique<ConfigReactor>(*this, in_.routeCacheConfig);
-  const auto follow = [this]<class Table>(std::unique_ptr<TableReactor<Table>>& reactor,
-                                          std::shared_ptr<const Table> table,
-                                          typename TableReactor<Table>::Handler handler) {
-    reactor = std::make_unique<TableReactor<Table>>(*this, std::move(table), handler);
-  };
-  follow(swRouteReactor_, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute);
-  follow(sfeHitReactor_, in_.ipv4SfeHitBitStatus, &HwRouteSm::handleSfeRouteHit);
+  Pondra::follow(swRouteReactor_, *this, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute);
+  Pondra::follow(sfeHitReactor_, *this, in_.ipv4SfeHitBitStatus, &HwRouteSm::handleSfeRouteHit);
   if (in_.ipv4SfeProgrammedRouteStatus) {
-    follow(programmedReactor_, in_.ipv4SfeProgrammedRouteStatus, &HwRouteSm::handleSwProgrammedRoute);
+    Pondra::follow(programmedReactor_, *this, in_.ipv4SfeProgrammedRouteStatus, &HwRouteSm::handleSwProgrammedRoute);
   }
-  follow(adjReactor_, in_.ipv4AdjStatus, &HwRouteSm::handleAdjacency);
-  follow(adj6Reactor_, in_.ipv6AdjStatus, &HwRouteSm::handleAdjacency);
+  Pondra::follow(adjReactor_, *this, in_.ipv4AdjStatus, &HwRouteSm::handleAdjacency);
+  Pondra::follow(adj6Reactor_, *this, in_.ipv6AdjStatus, &HwRouteSm::handleAdjacency);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
   evaluateCachingEnabled(false);
@@ -502,18 +484,11 @@ void HwRouteSm::removeAgedRoute(const Ipv4Route& hwRoute) {
 
 // --- The queues' tasks -----------------------------------------------------------------------------------------------
 
+// Prefixes that keep going prolong a walk as long as they do: the scan, of lower priority, gets its turns meanwhile.
 void HwRouteSm::handleRouteProcessing() {
-  std::uint64_t handled = 0;
-  const bool more = workOff(routeProcessingTask_, handled, [this] { return processNextRoute(); });
-  routeProcessingTask_.report(handled, routeToProcess_.size());
-  // Prefixes that keep going prolong a walk as long as they do: the scan, of lower priority, gets its turns meanwhile.
-  if (more && !routeToProcess_.hasFresh()) {
-    scheduleRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
-  } else if (more) {
-    scheduleRouteProcessingTask(routeProcessingInterval_);
-  } else if (!routeToProcess_.empty()) {
-    scheduleRouteProcessingTask(routeProcessingIntervalDefer_);
-  }
+  const auto delay = runQueue(routeProcessingTask_, routeToProcess_, routeProcessingInterval_,
+                              routeProcessingIntervalDefer_, [this] { return processNextRoute(); });
+  if (delay) scheduleRouteProcessingTask(*delay);
 }
 
 // Fresh routes and those whose adjacency has come, then one entry of a walk, then those that wait for room while there

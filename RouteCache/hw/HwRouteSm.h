@@ -47,6 +47,7 @@
 #include "RouteCache/queues/KeyNotes.h"
 #include "RouteCache/queues/KeyQueue.h"
 #include "RouteCache/queues/RouteStatusWalk.h"
+#include "platform/tables/TableFollower.h"
 
 namespace RouteCache {
 
@@ -203,7 +204,7 @@ class HwRouteSm final : public Lattis::Entity {
 
  private:
   template <class Table>
-  class TableReactor;
+  using Follower = Pondra::TableFollower<Table, HwRouteSm>;
   class ThresholdReactor;
   class ConfigReactor;
   class VrfCachedRouteReactor;
@@ -297,11 +298,11 @@ class HwRouteSm final : public Lattis::Entity {
   // Last: they call back into all of the above.
   std::unique_ptr<ThresholdReactor> thresholdReactor_;
   std::unique_ptr<ConfigReactor> configReactor_;
-  std::unique_ptr<TableReactor<Ipv4RouteStatus>> swRouteReactor_;
-  std::unique_ptr<TableReactor<Ipv4HitBitStatus>> sfeHitReactor_;
-  std::unique_ptr<TableReactor<Ipv4ProgrammedRouteStatus>> programmedReactor_;
-  std::unique_ptr<TableReactor<Ipv4AdjacencyStatus>> adjReactor_;
-  std::unique_ptr<TableReactor<Ipv6AdjacencyStatus>> adj6Reactor_;
+  std::unique_ptr<Follower<Ipv4RouteStatus>> swRouteReactor_;
+  std::unique_ptr<Follower<Ipv4HitBitStatus>> sfeHitReactor_;
+  std::unique_ptr<Follower<Ipv4ProgrammedRouteStatus>> programmedReactor_;
+  std::unique_ptr<Follower<Ipv4AdjacencyStatus>> adjReactor_;
+  std::unique_ptr<Follower<Ipv6AdjacencyStatus>> adj6Reactor_;
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
   std::map<std::uint32_t, std::unique_ptr<TrieReactor>> trie_;
 };

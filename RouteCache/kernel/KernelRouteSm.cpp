@@ -422,8 +422,9 @@ void KernelRouteSm::handleIpv6RouteProcessing() {
 template <class Family>
 void KernelRouteSm::handleRouteProcessing() {
   auto& side = sides_.of<Family>();
-  runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
-           [this] { return processNext<Family>(); });
+  const auto delay = runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
+                              [this] { return processNext<Family>(); });
+  if (delay) side.task.schedule(*delay);
 }
 
 // Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them, then

@@ -73,18 +73,16 @@ Iterator visitUntilYield(DeferredTask& task, Iterator at, const End& end, std::u
 // ever; tasks of lower priority get their turns meanwhile.
 inline constexpr double walkPause = 0.001;
 
-// A run of a task that works off a queue and the walks that put keys into it. Fresh keys and walks go on at once, walks
-// by themselves with a pause; what waits in the queue is looked after again `defer` seconds later.
+// A run of a task that works off a queue and the walks that put keys into it. Returns in how many seconds it is to run
+// again: fresh keys and walks go on at once, walks by themselves with a pause; what waits in the queue is looked after
+// again after `defer`. Nothing: there is nothing left.
 template <class Queue, class Next>
-void runQueue(DeferredTask& task, const Queue& queue, double interval, double defer, Next&& next) {
+std::optional<double> runQueue(DeferredTask& task, const Queue& queue, double interval, double defer, Next&& next) {
   std::uint64_t handled = 0;
   const bool more = workOff(task, handled, next);
   task.report(handled, queue.size());
-  if (more) {
-    task.schedule(queue.hasFresh() ? interval : std::max(interval, walkPause));
-  } else if (!queue.empty()) {
-    task.schedule(defer);
-  }
+  if (more) return queue.hasFresh() ? interval : std::max(interval, walkPause);
+  return queue.empty() ? std::nullopt : std::optional(defer);
 }
 
 // A setting of a state machine, in seconds.
