@@ -15,7 +15,7 @@
 #include "simulator/input/TrafficPlan.h"
 #include "simulator/report/Report.h"
 #include "simulator/report/Yardsticks.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 
 namespace Tools {
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "RouteCache/agent/CliCallback.h"
+#include "RouteCache/agent/CliCallbackWithFormat.h"
 #include "RouteCache/hw/HwRouteSm.h"
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "RouteCache/model/Capability.h"

@@ -1,4 +1,4 @@
-#include "RouteCache/agent/CliCallback.h"
+#include "RouteCache/agent/CliCallbackWithFormat.h"
 
 #include <stdexcept>
 

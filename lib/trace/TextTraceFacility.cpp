@@ -1,4 +1,4 @@
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
-// Shared tables as files that processes map: one file per table under <run directory>/tables (SharedTableFormat.h draws
-// its bytes, SharedTableFile.h names the files).
+// Shared tables as files that processes map: one file per table under <run directory>/tables (TableFormat.h draws
+// its bytes, TableFile.h names the files).
 //
 // Everything here runs on one thread. Changes reach the tables' reactors from deliverChanges() alone: the owner's event
 // loop calls it when it was asked to, when wakeupFd() has become readable, and when pendingChanges(), asked about once

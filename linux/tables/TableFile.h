@@ -1,6 +1,6 @@
 // Table files: their names, the lock of their writer, creating and mapping them.
 //
-//   <run directory>/tables/<name>.table   the table (SharedTableFormat.h)
+//   <run directory>/tables/<name>.table   the table (TableFormat.h)
 //   <run directory>/tables/<name>.lock    locked by the writer; stays when the table is replaced
 //   <run directory>/tables/<name>.new     a table being made; gets its name when it is complete
 //

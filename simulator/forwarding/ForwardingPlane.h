@@ -11,7 +11,7 @@
 #include "simulator/forwarding/HardwarePlane.h"
 #include "simulator/forwarding/RouteIndex.h"
 #include "simulator/forwarding/SfePlane.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 
 namespace Simulator {
 

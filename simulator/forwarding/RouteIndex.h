@@ -11,7 +11,7 @@
 #include "RouteCache/FlatTable.h"
 #include "RouteCache/RouteCache.h"
 #include "platform/tables/Trie.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 
 namespace Simulator {
 

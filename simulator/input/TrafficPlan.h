@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "simulator/input/RecordedFlows.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 #include "simulator/traffic/ZipfTraffic.h"
 
 namespace Tools {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "simulator/report/IndexedHeap.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 
 namespace Simulator {
 

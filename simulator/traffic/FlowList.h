@@ -6,7 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 
 namespace Simulator {
 

@@ -8,7 +8,7 @@
 
 #include "simulator/traffic/Popularity.h"
 #include "simulator/traffic/Random.h"
-#include "simulator/traffic/Traffic.h"
+#include "simulator/traffic/TrafficSource.h"
 #include "simulator/traffic/ZipfMandelbrot.h"
 
 namespace Simulator {

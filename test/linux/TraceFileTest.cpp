@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 #include "linux/files/TraceFile.h"
 #include "test/support/Eventually.h"
 

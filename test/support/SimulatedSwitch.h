@@ -12,7 +12,7 @@
 #include "lib/control/AgentCommands.h"
 #include "lib/resolver/UnderlayResolver.h"
 #include "lib/tasks/SimulatedScheduler.h"
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/MortalTables.h"
 #include "test/support/SimulatedClock.h"

@@ -8,7 +8,7 @@
 #include "RouteCache/kernel/KernelRouteSm.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/tasks/SimulatedScheduler.h"
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/TemporaryDirectory.h"
 

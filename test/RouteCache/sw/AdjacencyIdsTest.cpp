@@ -6,7 +6,7 @@
 #include <string>
 
 #include "RouteCache/sw/AdjacencyIds.h"
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "RouteCache/vrf/VrfSm.h"
 #include "lib/tasks/SimulatedScheduler.h"
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/SimulatedSwitch.h"
 

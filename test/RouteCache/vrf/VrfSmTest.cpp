@@ -10,7 +10,7 @@
 
 #include "RouteCache/vrf/VrfSm.h"
 #include "lib/tasks/SimulatedScheduler.h"
-#include "lib/trace/TextTrace.h"
+#include "lib/trace/TextTraceFacility.h"
 
 namespace {
 
