@@ -12,15 +12,14 @@
 #include "bench/hardware/HardwareRival.h"
 #include "bench/harness/MeasuredLoop.h"
 #include "bench/harness/Tables.h"
-#include "host/TableTypes.h"
 #include "platform/tables/Trie.h"
+#include "platform/values/Paths.h"
 
 namespace Bench {
 
 namespace {
 
 using nlohmann::json;
-using Pondra::MountKind;
 using RouteCache::HwRouteSm;
 using RouteCache::Ipv4AdjacencyStatus;
 using RouteCache::Ipv4HitBitStatus;
@@ -43,7 +42,7 @@ class HardwareAgent {
   void levelsAre(std::uint8_t low, std::uint16_t idleTime);
   std::uint64_t slicesChecksum() const;
   // Routes that the route-processing task has looked at.
-  std::uint64_t decided() const { return loop_.workDone("hwRouteProcessingTask"); }
+  std::uint64_t decided() { return workDone(loop_.tasks(), "hwRouteProcessingTask"); }
 
   const HardwareWorkload& workload_;
   MeasuredLoop loop_;
@@ -68,21 +67,21 @@ RouteCache::HwRouteSmInputs HardwareAgent::inputs() {
   const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
   tries->vrfTrieIs(HardwareWorkload::hwVrfId, trie_);
   const auto adjacencies =
-      mounted<Ipv4AdjacencyStatus>(loop_.tables(), adjPath, MountKind::writer, HardwareWorkload::adjacencies);
+      loop_.tables().writer<Ipv4AdjacencyStatus>(Paths::adjacencies, HardwareWorkload::adjacencies);
   for (std::uint32_t id = 1; id <= HardwareWorkload::adjacencies; ++id) {
     adjacencies->adjIs(RouteCache::Ipv4Via(RouteCache::AdjId(id)));
   }
-  return {mounted<Ipv4RouteStatus>(loop_.tables(), hwRoutePath, MountKind::writer, workload_.capacity()),
+  return {loop_.tables().writer<Ipv4RouteStatus>(Paths::hwRoutes, workload_.capacity()),
           std::make_shared<RouteCache::Config>("config"),
           levels_,
-          mounted<Ipv4RouteStatus>(loop_.tables(), sfeRoutePath, MountKind::reader),
-          mounted<Ipv4HitBitStatus>(loop_.tables(), hwHitBitPath, MountKind::reader),
-          mounted<Ipv4HitBitStatus>(loop_.tables(), sfeHitBitPath, MountKind::reader),
+          loop_.tables().follower<Ipv4RouteStatus>(Paths::sfeRoutes),
+          loop_.tables().follower<Ipv4HitBitStatus>(Paths::hwHitBits),
+          loop_.tables().follower<Ipv4HitBitStatus>(Paths::sfeHitBits),
           capability,
           tries,
           nullptr,
           adjacencies,
-          mounted<Ipv6AdjacencyStatus>(loop_.tables(), adj6Path, MountKind::writer, 1)};
+          loop_.tables().writer<Ipv6AdjacencyStatus>(Paths::adjacencies6, 1)};
 }
 
 void HardwareAgent::levelsAre(std::uint8_t low, std::uint16_t idleTime) {
@@ -176,10 +175,9 @@ void runHardwareAgent(const std::string& directory, const HardwareWorkload& work
 }
 
 void runPlainSlices(const std::string& directory) {
-  const auto types = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService tables(directory, types);
-  const auto routes = mounted<Ipv4RouteStatus>(tables, hwRoutePath, MountKind::keyedReader);
-  const auto hitBits = mounted<Ipv4HitBitStatus>(tables, hwHitBitPath, MountKind::keyedReader);
+  Tables tables(directory);
+  const auto routes = tables.reader<Ipv4RouteStatus>(Paths::hwRoutes);
+  const auto hitBits = tables.reader<Ipv4HitBitStatus>(Paths::hwHitBits);
   PlainSlices slices(*routes, *hitBits);
   const double bytesBefore = privateBytes();
   obey([&slices, bytesBefore](std::istream& command) {

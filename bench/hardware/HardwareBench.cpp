@@ -18,15 +18,13 @@
 #include "bench/harness/ChildProcess.h"
 #include "bench/harness/Tables.h"
 #include "bench/harness/WorkFigures.h"
-#include "host/TableTypes.h"
-#include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 
 namespace Bench {
 
 namespace {
 
 using nlohmann::json;
-using Pondra::MountKind;
 using RouteCache::Ipv4HitBitStatus;
 using RouteCache::Ipv4RouteStatus;
 
@@ -40,11 +38,10 @@ class Outside {
  public:
   Outside(const std::string& directory, const HardwareWorkload& workload)
       : workload_(workload),
-        types_(Tools::allTableTypes()),
-        tables_(directory, types_),
-        sfeRoutes_(mounted<Ipv4RouteStatus>(tables_, sfeRoutePath, MountKind::writer, workload.sfeRoutes())),
-        hwHitBits_(mounted<Ipv4HitBitStatus>(tables_, hwHitBitPath, MountKind::writer, workload.routes)),
-        sfeHitBits_(mounted<Ipv4HitBitStatus>(tables_, sfeHitBitPath, MountKind::writer, workload.sfeRoutes())) {}
+        tables_(directory),
+        sfeRoutes_(tables_.writer<Ipv4RouteStatus>(Paths::sfeRoutes, workload.sfeRoutes())),
+        hwHitBits_(tables_.writer<Ipv4HitBitStatus>(Paths::hwHitBits, workload.routes)),
+        sfeHitBits_(tables_.writer<Ipv4HitBitStatus>(Paths::sfeHitBits, workload.sfeRoutes())) {}
 
   // Publishes the routes from one number to another, as they come in key order or as hosts appear.
   void publish(std::uint32_t from, std::uint32_t to, bool shuffled) {
@@ -52,7 +49,7 @@ class Outside {
     std::iota(order.begin(), order.end(), from);
     if (shuffled) std::ranges::shuffle(order, random_);
     for (const std::uint32_t i : order) sfeRoutes_->routeIs(HardwareWorkload::route(i));
-    tables_.flush();
+    tables_.service().flush();
   }
   // The hardware reports another hit-bit value, 1 to 255, for every n-th route.
   void reportHits(std::uint32_t everyNth) {
@@ -62,7 +59,7 @@ class Outside {
       const auto step = static_cast<std::uint32_t>(1 + random_() % 254);
       hwHitBits_->routeHitBitIs({key, 1 + (old ? old->hitbit() - 1 + step : step) % 255});
     }
-    tables_.flush();
+    tables_.service().flush();
   }
   // Hits these routes in software, one after the other: seconds until each is seen in the hardware table, ascending.
   std::vector<double> hitInSoftware(std::uint32_t from, std::uint32_t to);
@@ -70,14 +67,11 @@ class Outside {
   std::size_t hwRoutes() { return hwTable()->size(); }
 
  private:
-  std::shared_ptr<Ipv4RouteStatus> hwTable() {
-    return mounted<Ipv4RouteStatus>(tables_, hwRoutePath, MountKind::keyedReader);
-  }
+  std::shared_ptr<Ipv4RouteStatus> hwTable() { return tables_.reader<Ipv4RouteStatus>(Paths::hwRoutes); }
 
   const HardwareWorkload& workload_;
   std::mt19937_64 random_{1};
-  Platform::TableTypes types_;
-  LinuxPlatform::SharedTableService tables_;
+  Tables tables_;
   std::shared_ptr<Ipv4RouteStatus> sfeRoutes_;
   std::shared_ptr<Ipv4HitBitStatus> hwHitBits_;
   std::shared_ptr<Ipv4HitBitStatus> sfeHitBits_;
@@ -93,7 +87,7 @@ std::vector<double> Outside::hitInSoftware(std::uint32_t from, std::uint32_t to)
     if (hardware->has(key)) throw std::runtime_error("a route was admitted before its hit");
     const double start = monotonicSeconds();
     sfeHitBits_->routeHitBitIs({key, 255});
-    tables_.flush();
+    tables_.service().flush();
     double seconds = 0;
     for (; !hardware->has(key); seconds = monotonicSeconds() - start) {
       // Soon tired of looking: the agent may have been woken on this processor.
@@ -245,31 +239,18 @@ void print(const Options& options, const Figures& figures) {
               1e9 * median("walk owed", "removingSeconds") / workload.otherPrefixes(), median("walk owed", "decided"));
 }
 
-int run(int argc, char** argv) {
-  Options options;
-  CLI::App app("Measures hardware route caching: admission, scan, ageing, software hits, owed walks.");
-  app.add_option("--routes", options.workload.routes, "IPv4 host routes")
-      ->check(CLI::Range(1000U, HardwareWorkload::largest))
-      ->capture_default_str();
-  addBenchOptions(app, options);
-  CLI::App* agent = app.add_subcommand("agent", "The state machine's process alone, on the tables in --dir");
-  CLI::App* plain = app.add_subcommand("plain", "The rival's process alone, on the tables in --dir");
-
-  CLI11_PARSE(app, argc, argv);
-  if (agent->parsed()) {
-    runHardwareAgent(options.directory, options.workload);
-  } else if (plain->parsed()) {
-    runPlainSlices(options.directory);
-  } else {
-    measureRuns<Measurement>(options, print);
-  }
-  return 0;
-}
-
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::benchMain("HardwareBench", [&] { return Bench::run(argc, argv); });
+  using namespace Bench;
+  Options options;
+  BenchProgram program("HardwareBench",
+                       "Measures hardware route caching: admission, scan, ageing, software hits, owed walks.", options);
+  program.routesAre(options.workload.routes, "IPv4 host routes", 1000, HardwareWorkload::largest);
+  program.modeIs("agent", "The state machine's process",
+                 [&] { runHardwareAgent(options.directory, options.workload); });
+  program.modeIs("plain", "The rival's process", [&] { runPlainSlices(options.directory); });
+  return program.run<Measurement>(argc, argv, options, print);
 }

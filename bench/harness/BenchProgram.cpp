@@ -2,37 +2,54 @@
 
 #include <exception>
 #include <iostream>
+#include <utility>
 
 namespace Bench {
 
-void addBenchOptions(CLI::App& app, BenchOptions& options) {
-  app.require_subcommand(0, 1);
-  app.fallthrough();
-  app.add_option("--dir", options.directory, "Where the tables go")->capture_default_str();
-  app.add_option("--runs", options.runs, "How often everything is measured")
+BenchProgram::BenchProgram(const char* name, const std::string& what, BenchOptions& options)
+    : name_(name), options_(options), app_(what) {
+  app_.require_subcommand(0, 1);
+  app_.fallthrough();
+  app_.add_option("--dir", options.directory, "Where the tables go")->capture_default_str();
+  app_.add_option("--runs", options.runs, "How often everything is measured")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_flag("--json", options.asJson, "Every figure of every run");
+  app_.add_flag("--json", options.asJson, "Every figure of every run");
 }
 
-void repeat(const BenchOptions& options, const std::function<void()>& run) {
-  for (unsigned i = 0; i < options.runs; ++i) {
-    std::cerr << "run " << i + 1 << " of " << options.runs << std::endl;
+void BenchProgram::routesAre(std::uint32_t& routes, const char* what, std::uint32_t least, std::uint32_t most) {
+  app_.add_option("--routes", routes, what)->check(CLI::Range(least, most))->capture_default_str();
+}
+
+CLI::App& BenchProgram::modeIs(const char* name, const char* what, std::function<void()> run) {
+  CLI::App* mode = app_.add_subcommand(name, std::string(what) + " alone, on the tables in --dir");
+  mode->callback(std::move(run));
+  return *mode;
+}
+
+int BenchProgram::run(int argc, char** argv, const std::function<void()>& measure) {
+  try {
+    app_.callback([this, &measure] {
+      if (app_.get_subcommands().empty()) measure();
+    });
+    CLI11_PARSE(app_, argc, argv);
+    return 0;
+  } catch (const std::exception& error) {
+    std::cerr << name_ << ": " << error.what() << std::endl;
+    return 1;
+  }
+}
+
+// Tells on standard error how far it is.
+void BenchProgram::repeat(const std::function<void()>& run) const {
+  for (unsigned i = 0; i < options_.runs; ++i) {
+    std::cerr << "run " << i + 1 << " of " << options_.runs << std::endl;
     run();
   }
 }
 
-void printJson(const Figures& figures) {
+void BenchProgram::printJson(const Figures& figures) {
   std::cout << figures.asJson().dump(2) << std::endl;
-}
-
-int benchMain(const char* program, const std::function<int()>& run) {
-  try {
-    return run();
-  } catch (const std::exception& error) {
-    std::cerr << program << ": " << error.what() << std::endl;
-    return 1;
-  }
 }
 
 }  // namespace Bench

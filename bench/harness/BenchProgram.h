@@ -2,6 +2,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -16,23 +17,37 @@ struct BenchOptions {
   bool asJson = false;
 };
 
-// --dir, --runs and --json, before or behind a subcommand, of which at most one is taken.
-void addBenchOptions(CLI::App& app, BenchOptions& options);
+class BenchProgram {
+ public:
+  // With --dir, --runs and --json, before or behind a mode, of which at most one is taken. The options outlive it.
+  BenchProgram(const char* name, const std::string& what, BenchOptions& options);
 
-// Does this as often as is asked, telling on standard error how far it is.
-void repeat(const BenchOptions& options, const std::function<void()>& run);
-void printJson(const Figures& figures);
+  // For further options.
+  CLI::App& app() { return app_; }
+  void routesAre(std::uint32_t& routes, const char* what, std::uint32_t least, std::uint32_t most);
+  // Another of the benchmark's processes alone, which this program starts itself as, on the tables in --dir.
+  CLI::App& modeIs(const char* name, const char* what, std::function<void()> run);
 
-// The whole of a benchmark: as many runs of a Measurement, made of the options, as is asked; then its figures on
-// standard output, as JSON or as `print` has it.
-template <class Measurement, class Options>
-void measureRuns(const Options& options, void (*print)(const Options&, const Figures&)) {
-  Measurement measurement(options);
-  repeat(options, [&measurement] { measurement.run(); });
-  options.asJson ? printJson(measurement.figures()) : print(options, measurement.figures());
-}
+  // The whole of main(), which returns what this does: a mode, or as many runs of a Measurement, made of the options,
+  // as is asked, and then its figures on standard output, as JSON or as `print` has it. An exception is one line on
+  // standard error.
+  template <class Measurement, class Options>
+  int run(int argc, char** argv, const Options& options, void (*print)(const Options&, const Figures&)) {
+    return run(argc, argv, [&] {
+      Measurement measurement(options);
+      repeat([&measurement] { measurement.run(); });
+      options.asJson ? printJson(measurement.figures()) : print(options, measurement.figures());
+    });
+  }
 
-// The whole of main(): what `run` returns is the exit code; an exception is one line on standard error, and 1.
-int benchMain(const char* program, const std::function<int()>& run);
+ private:
+  int run(int argc, char** argv, const std::function<void()>& measure);
+  void repeat(const std::function<void()>& run) const;
+  static void printJson(const Figures& figures);
+
+  const char* name_;
+  const BenchOptions& options_;
+  CLI::App app_;
+};
 
 }  // namespace Bench

@@ -18,6 +18,13 @@ void obey(const std::function<json(std::istream& command)>& obeyed) {
   }
 }
 
+std::uint64_t workDone(const Platform::TaskScheduler& tasks, std::string_view name) {
+  for (const auto& task : tasks.statistics()) {
+    if (task.name == name) return task.workDone;
+  }
+  return 0;
+}
+
 double privateBytes() {
   return residentMemory()["RssAnon"];
 }
@@ -40,14 +47,16 @@ std::unique_ptr<Platform::Task> RunTimer::taskIs(std::string_view name, Platform
 }
 
 MeasuredLoop::MeasuredLoop(const std::string& directory)
-    : trace_(directory), tables_(directory, types_, [this] { deliveryTask_->scheduleWithin(0); }) {
+    : trace_(directory), tables_(directory, [this] { deliveryTask_->scheduleWithin(0); }) {
   deliveryTask_ = tasks_.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); });
-  loop_.fdIs(tables_.wakeupFd(), EPOLLIN, [this](std::uint32_t) { tables_.handleWakeup(); });
-  loop_.afterBatchIs([this] { tables_.flush(); });
+  loop_.fdIs(tables_.service().wakeupFd(), EPOLLIN, [this](std::uint32_t) { tables_.service().handleWakeup(); });
+  loop_.afterBatchIs([this] { tables_.service().flush(); });
 }
 
 void MeasuredLoop::deliver() {
-  if (!tables_.deliverChanges([this] { return deliveryTask_->shouldYield(); })) deliveryTask_->scheduleWithin(0);
+  if (!tables_.service().deliverChanges([this] { return deliveryTask_->shouldYield(); })) {
+    deliveryTask_->scheduleWithin(0);
+  }
 }
 
 json MeasuredLoop::work(const std::function<bool()>& isOver) {
@@ -66,18 +75,11 @@ json MeasuredLoop::settle() {
 
 // What waits for its turn comes within seconds.
 bool MeasuredLoop::isSettled() {
-  if (tables_.pendingChanges()) {
+  if (tables_.service().pendingChanges()) {
     deliveryTask_->scheduleWithin(0);
     return false;
   }
   return isIdle();
-}
-
-std::uint64_t MeasuredLoop::workDone(std::string_view task) const {
-  for (const auto& statistics : loop_.statistics()) {
-    if (statistics.name == task) return statistics.workDone;
-  }
-  return 0;
 }
 
 }  // namespace Bench

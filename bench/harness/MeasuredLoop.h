@@ -13,15 +13,17 @@
 #include <vector>
 
 #include "bench/harness/BenchDirectory.h"
-#include "host/TableTypes.h"
+#include "bench/harness/Tables.h"
 #include "linux/files/TraceFile.h"
 #include "linux/loop/EventLoop.h"
-#include "linux/tables/SharedTableService.h"
 
 namespace Bench {
 
 // Obeys lines of the standard input until that ends, and answers each with one line of JSON.
 void obey(const std::function<nlohmann::json(std::istream& command)>& obeyed);
+
+// Entries that the task of this name has handled.
+std::uint64_t workDone(const Platform::TaskScheduler& tasks, std::string_view name);
 
 // This process's private memory, in bytes.
 double privateBytes();
@@ -59,7 +61,7 @@ class MeasuredLoop {
   LinuxPlatform::EventLoop& loop() { return loop_; }
   RunTimer& tasks() { return tasks_; }
   Platform::TraceFacility& trace() { return trace_; }
-  LinuxPlatform::SharedTableService& tables() { return tables_; }
+  Tables& tables() { return tables_; }
 
   // The state machine is started and has done nothing: from here on private memory is counted.
   void started() { privateBytesBefore_ = privateBytes(); }
@@ -71,8 +73,6 @@ class MeasuredLoop {
   bool isSettled();
   // No task is due: where tables do not change, nothing is left to do, and that is known without a look at them.
   bool isIdle() const { return loop_.nextDue() > loop_.now() + never / 2; }
-  // Entries that the task of this name has handled.
-  std::uint64_t workDone(std::string_view task) const;
 
  private:
   void deliver();
@@ -80,8 +80,7 @@ class MeasuredLoop {
   LinuxPlatform::EventLoop loop_;
   RunTimer tasks_{loop_};
   LinuxPlatform::FileTraceFacility trace_;
-  Platform::TableTypes types_ = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService tables_;
+  Tables tables_;
   std::unique_ptr<Platform::Task> deliveryTask_;
   double privateBytesBefore_ = 0;
 };

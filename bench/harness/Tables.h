@@ -1,31 +1,49 @@
-// The tables that the benchmarks' processes share with an agent.
+// The shared tables of a directory, as one of the benchmarks' processes has them.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
 
-#include "platform/tables/SharedTable.h"
+#include "host/TableTypes.h"
+#include "linux/tables/SharedTableService.h"
 
 namespace Bench {
 
-inline constexpr const char* hwRoutePath = "routecache/route/hw/ipv4";
-inline constexpr const char* hwRoute6Path = "routecache/route/hw/ipv6";
-inline constexpr const char* sfeRoutePath = "routecache/route/sfe/ipv4";
-inline constexpr const char* adjPath = "routecache/adj/ipv4";
-inline constexpr const char* adj6Path = "routecache/adj/ipv6";
-inline constexpr const char* kernelRoutePath = "routecache/route/kernel";
-inline constexpr const char* hwHitBitPath = "hardware/routecache/status/ipv4";
-inline constexpr const char* sfeHitBitPath = "sfe/routecache/status/ipv4";
+// Keeps the tables that were mounted.
+class Tables {
+ public:
+  explicit Tables(const std::string& directory, std::function<void()> deliveryWanted = {})
+      : service_(directory, types_, std::move(deliveryWanted)) {}
 
-// One of the tables, kept by the service. `capacity` is a writer's.
-template <class T>
-std::shared_ptr<T> mounted(Pondra::TableService& tables, const char* path, Pondra::MountKind kind,
-                           std::uint32_t capacity = 0) {
-  std::optional<Pondra::CollectionInfo> info;
-  if (kind == Pondra::MountKind::writer) info = Pondra::CollectionInfo{T::collectionName, capacity};
-  tables.mount(path, T::typeName, kind, info);
-  return tables.get<T>(path);
-}
+  LinuxPlatform::SharedTableService& service() { return service_; }
+  template <class T>
+  std::shared_ptr<T> writer(const char* path, std::uint32_t capacity) {
+    return mounted<T>(path, Pondra::MountKind::writer, Pondra::CollectionInfo{T::collectionName, capacity});
+  }
+  // Its changes reach reactors, by the service.
+  template <class T>
+  std::shared_ptr<T> follower(const char* path) {
+    return mounted<T>(path, Pondra::MountKind::reader);
+  }
+  template <class T>
+  std::shared_ptr<T> reader(const char* path) {
+    return mounted<T>(path, Pondra::MountKind::keyedReader);
+  }
+
+ private:
+  template <class T>
+  std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind,
+                             const std::optional<Pondra::CollectionInfo>& info = std::nullopt) {
+    service_.mount(path, T::typeName, kind, info);
+    return service_.get<T>(path);
+  }
+
+  Platform::TableTypes types_ = Tools::allTableTypes();
+  LinuxPlatform::SharedTableService service_;
+};
 
 }  // namespace Bench

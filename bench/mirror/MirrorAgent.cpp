@@ -15,7 +15,6 @@ namespace Bench {
 namespace {
 
 using nlohmann::json;
-using Pondra::MountKind;
 using Routing::Rib::RouteConfig;
 
 // The members stand in the order of their making.
@@ -51,14 +50,14 @@ RouteCache::KernelRouteSmInputs MirrorAgent::inputs() {
   const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
   vrfsAre(*ids, *tries);
   auto& tables = loop_.tables();
-  return {mounted<RouteCache::Ipv4RouteStatus>(tables, hwRoutePath, MountKind::reader),
-          mounted<RouteCache::Ipv6RouteStatus>(tables, hwRoute6Path, MountKind::reader),
-          mounted<RouteConfig>(tables, kernelRoutePath, MountKind::writer, workload_.capacity() + 2048),
+  return {tables.follower<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes),
+          tables.follower<RouteCache::Ipv6RouteStatus>(Paths::hw6Routes),
+          tables.writer<RouteConfig>(Paths::kernelRoutes, workload_.capacity() + 2048),
           capability,
           ids,
           tries,
-          mounted<RouteConfig>(tables, Paths::ribRoutes, MountKind::reader),
-          mounted<RouteConfig>(tables, Paths::rib6Routes, MountKind::reader)};
+          tables.follower<RouteConfig>(Paths::ribRoutes),
+          tables.follower<RouteConfig>(Paths::rib6Routes)};
 }
 
 void MirrorAgent::vrfsAre(RouteCache::VrfIdMap& ids, RouteCache::VrfCachedRoute& tries) {
@@ -91,7 +90,7 @@ json MirrorAgent::obeyed(std::istream& command) {
 }
 
 json MirrorAgent::counted(const std::function<json()>& work) {
-  const auto decided = [this] { return loop_.workDone("ipv4RouteProcessingTask"); };
+  const auto decided = [this] { return workDone(loop_.tasks(), "ipv4RouteProcessingTask"); };
   const std::uint64_t written = sm_->written();
   const std::uint64_t deleted = sm_->deleted();
   const std::uint64_t decidedBefore = decided();

@@ -15,12 +15,10 @@
 #include "bench/harness/Tables.h"
 #include "bench/harness/WorkFigures.h"
 #include "bench/mirror/MirrorAgent.h"
-#include "host/TableTypes.h"
-#include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/mirror/MirrorRival.h"
-#include "platform/values/Paths.h"
 #endif
 
 namespace Bench {
@@ -28,7 +26,6 @@ namespace Bench {
 namespace {
 
 using nlohmann::json;
-using Pondra::MountKind;
 using Routing::Rib::Route;
 using Routing::Rib::RouteConfig;
 using Routing::Rib::RouteKey;
@@ -44,17 +41,16 @@ class Outside {
   // Configures all routes.
   Outside(const std::string& directory, const MirrorWorkload& workload, const std::vector<Route>& routes)
       : routes_(routes),
-        types_(Tools::allTableTypes()),
-        tables_(directory, types_),
-        configured_(mounted<RouteConfig>(tables_, Paths::ribRoutes, MountKind::writer, workload.routes)),
-        published_(mounted<RouteCache::Ipv4RouteStatus>(tables_, hwRoutePath, MountKind::writer, workload.capacity())) {
+        tables_(directory),
+        configured_(tables_.writer<RouteConfig>(Paths::ribRoutes, workload.routes)),
+        published_(tables_.writer<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes, workload.capacity())) {
     for (const Route& route : routes_) configured_->routeIs(route);
   }
 
   // In this order.
   void publish(const std::vector<Route>& routes) {
     for (const Route& route : routes) published_->routeIs(MirrorWorkload::published(route));
-    tables_.flush();
+    tables_.service().flush();
   }
   // The kernel has what it is to have, field by field; nothing that the first VRF's cached default route covers.
   bool isMirrored(bool defaultRouteCached) {
@@ -69,7 +65,7 @@ class Outside {
       return !defaultRouteCached || route.key().vrfId() != MirrorWorkload::firstVrf;
     });
     std::ranges::sort(expected, {}, &Route::key);
-    const auto kernel = mounted<RouteConfig>(tables_, kernelRoutePath, MountKind::keyedReader);
+    const auto kernel = tables_.reader<RouteConfig>(Paths::kernelRoutes);
     auto next = expected.begin();
     for (const Route& route : *kernel) {
       if (next == expected.end() || !(route == *next++)) return false;
@@ -79,8 +75,7 @@ class Outside {
 
  private:
   const std::vector<Route>& routes_;
-  Platform::TableTypes types_;
-  LinuxPlatform::SharedTableService tables_;
+  Tables tables_;
   std::shared_ptr<RouteConfig> configured_;
   std::shared_ptr<RouteCache::Ipv4RouteStatus> published_;
 };
@@ -200,28 +195,17 @@ void print(const Options& options, const Figures& figures) {
               workload.routesOfFirstVrf(), workload.flaps(), figures.median("flap of a cached /32", "decidedPerFlap"));
 }
 
-int run(int argc, char** argv) {
-  Options options;
-  CLI::App app("Measures the kernel mirror: routes that come and stand, a restart, cached prefixes that come and go.");
-  app.add_option("--routes", options.workload.routes, "IPv4 routes")
-      ->check(CLI::Range(1000U, 3'000'000U))
-      ->capture_default_str();
-  addBenchOptions(app, options);
-  CLI::App* agent = app.add_subcommand("agent", "The state machine's process alone, on the tables in --dir");
-
-  CLI11_PARSE(app, argc, argv);
-  if (agent->parsed()) {
-    runMirrorAgent(options.directory, options.workload);
-  } else {
-    measureRuns<Measurement>(options, print);
-  }
-  return 0;
-}
-
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::benchMain("MirrorBench", [&] { return Bench::run(argc, argv); });
+  using namespace Bench;
+  Options options;
+  BenchProgram program(
+      "MirrorBench",
+      "Measures the kernel mirror: routes that come and stand, a restart, cached prefixes that come and go.", options);
+  program.routesAre(options.workload.routes, "IPv4 routes", 1000, 3'000'000);
+  program.modeIs("agent", "The state machine's process", [&] { runMirrorAgent(options.directory, options.workload); });
+  return program.run<Measurement>(argc, argv, options, print);
 }

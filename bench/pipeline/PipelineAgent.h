@@ -1,4 +1,4 @@
-// The agent of PipelineBench: the real one, in a process that runs nothing else.
+// The agent of PipelineBench: the real one, from its library, in a process that runs nothing else.
 #pragma once
 
 #include <string>
@@ -13,8 +13,8 @@ namespace Bench {
 //
 //   {"event": "settled", "published": 1000000, "at": 12.5, "seconds": 2.5, "memory": {...}, "tasks": [...]}
 //
-// "at" is the machine's monotonic clock, "seconds" the time since the process was started. After a restart it then runs
-// the walks that a restart owes without the pauses between their runs, and prints {"event": "walked"} at their end.
+// "at" is the machine's monotonic clock, "seconds" the time since the process was started. After a restart the walk
+// over what was published before goes on without pauses from there, and {"event": "walked"} is printed at its end.
 void runPipelineAgent(const std::string& directory, const Workload& workload, const std::vector<std::size_t>& targets);
 
 }  // namespace Bench

@@ -15,8 +15,7 @@
 #include "bench/harness/Tables.h"
 #include "bench/pipeline/PipelineAgent.h"
 #include "bench/pipeline/PipelineWorkload.h"
-#include "host/TableTypes.h"
-#include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/pipeline/PipelineRival.h"
@@ -38,17 +37,16 @@ struct Options : BenchOptions {
 
 // Loads the tables or empties them, and tells when it began and ended.
 void runRib(const std::string& directory, const Workload& workload, bool withdraw) {
-  const auto types = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService tables(directory, types);
+  Tables tables(directory);
   const auto change = withdraw ? Tools::RibChange() : workload.rib();
-  Tools::RibWriter rib(tables, [] {});
+  Tools::RibWriter rib(tables.service(), [] {});
   const double start = monotonicSeconds();
   if (withdraw) {
     rib.remove([](const Routing::Rib::RouteKey&) { return true; });
   } else {
     rib.apply(change);
   }
-  tables.flush();
+  tables.service().flush();
   std::cout << json{{"start", start}, {"end", monotonicSeconds()}}.dump() << std::endl;
 }
 
@@ -65,17 +63,16 @@ class ChangeCounter final : public Table::Reactor {
 class Reader {
  public:
   explicit Reader(const std::string& directory)
-      : types_(Tools::allTableTypes()),
-        tables_(directory, types_),
-        routes_(mounted<RouteCache::Ipv4RouteStatus>(tables_, hwRoutePath, Pondra::MountKind::reader)),
-        adjacencies_(mounted<RouteCache::Ipv4AdjacencyStatus>(tables_, adjPath, Pondra::MountKind::reader)),
+      : tables_(directory),
+        routes_(tables_.follower<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes)),
+        adjacencies_(tables_.follower<RouteCache::Ipv4AdjacencyStatus>(Paths::adjacencies)),
         routeChanges_(routes_),
         adjChanges_(adjacencies_) {}
 
   // Changes of published entries since the reader was made.
   std::uint64_t changes() {
-    tables_.pendingChanges();
-    while (!tables_.deliverChanges([] { return false; })) {
+    tables_.service().pendingChanges();
+    while (!tables_.service().deliverChanges([] { return false; })) {
     }
     return routeChanges_.changes + adjChanges_.changes;
   }
@@ -98,8 +95,7 @@ class Reader {
   }
 
  private:
-  Platform::TableTypes types_;
-  LinuxPlatform::SharedTableService tables_;
+  Tables tables_;
   std::shared_ptr<RouteCache::Ipv4RouteStatus> routes_;
   std::shared_ptr<RouteCache::Ipv4AdjacencyStatus> adjacencies_;
   ChangeCounter<RouteCache::Ipv4RouteStatus> routeChanges_;
@@ -232,38 +228,28 @@ void print(const Options& options, const Figures& figures) {
               figures.median("load", "routesPerSecond") / figures.median("rival", "routesPerSecond"));
 }
 
-int run(int argc, char** argv) {
-  Options options;
-  CLI::App app("Measures the road from RIB tables to published tables.");
-  app.add_option("--routes", options.workload.routes, "IPv4 routes")->check(CLI::PositiveNumber)->capture_default_str();
-  app.add_option("--vrfs", options.workload.vrfs)->check(CLI::PositiveNumber)->capture_default_str();
-  app.add_option("--vteps", options.workload.vteps)->check(CLI::PositiveNumber)->capture_default_str();
-  app.add_option("--nexthop-sets", options.workload.nexthopSets)->check(CLI::PositiveNumber)->capture_default_str();
-  app.add_option("--paths", options.workload.paths, "Next hops of each set")
-      ->check(CLI::PositiveNumber)
-      ->capture_default_str();
-  addBenchOptions(app, options);
-
-  CLI::App* agent = app.add_subcommand("agent", "The agent's process alone, on the tables in --dir");
-  agent->add_option("--target", options.targets, "Report when so many routes are published")->take_all();
-  CLI::App* rib = app.add_subcommand("rib", "The routing process alone: writes the tables in --dir");
-  rib->add_flag("--withdraw", options.withdraw, "Remove all routes instead");
-
-  CLI11_PARSE(app, argc, argv);
-  if (agent->parsed()) {
-    runPipelineAgent(options.directory, options.workload, options.targets);
-  } else if (rib->parsed()) {
-    runRib(options.directory, options.workload, options.withdraw);
-  } else {
-    measureRuns<Measurement>(options, print);
-  }
-  return 0;
-}
-
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::benchMain("PipelineBench", [&] { return Bench::run(argc, argv); });
+  using namespace Bench;
+  Options options;
+  Workload& workload = options.workload;
+  BenchProgram program("PipelineBench", "Measures the road from RIB tables to published tables.", options);
+  const auto count = [&program](const char* name, std::uint32_t& value, const char* what) {
+    program.app().add_option(name, value, what)->check(CLI::PositiveNumber)->capture_default_str();
+  };
+  count("--routes", workload.routes, "IPv4 routes");
+  count("--vrfs", workload.vrfs, "VRFs, which take the routes in turn");
+  count("--vteps", workload.vteps, "VTEPs, which the next-hop sets take in turn");
+  count("--nexthop-sets", workload.nexthopSets, "Next-hop sets, which the routes take in turn");
+  count("--paths", workload.paths, "Next hops of each set");
+  program
+      .modeIs("agent", "The agent's process", [&] { runPipelineAgent(options.directory, workload, options.targets); })
+      .add_option("--target", options.targets, "Report when so many routes are published")
+      ->take_all();
+  program.modeIs("rib", "The routing process", [&] { runRib(options.directory, workload, options.withdraw); })
+      .add_flag("--withdraw", options.withdraw, "Remove all routes instead");
+  return program.run<Measurement>(argc, argv, options, print);
 }

@@ -230,33 +230,23 @@ void print(const Options& options, const Figures& figures) {
               1e3 * figures.median("load alone", "taskHeldBefore"));
 }
 
-int run(int argc, char** argv) {
-  Options options;
-  options.workload.vrfs = 4;
-  CLI::App app("Measures the show commands: listings and summaries of many routes, and loads beside listings.");
-  app.add_option("--routes", options.workload.routes, "IPv4 routes that are listed")
-      ->check(CLI::Range(1000U, 2'000'000U))
-      ->capture_default_str();
-  addBenchOptions(app, options);
-  CLI::App* plain = app.add_subcommand("plain", "The rival's process alone, on the tables in --dir");
-  CLI::App* reader = app.add_subcommand("reader", "A reader of listings alone, of the agent in --dir");
-  reader->add_option("--pause", options.pause, "Seconds that it sleeps after every 64 KiB")->capture_default_str();
-
-  CLI11_PARSE(app, argc, argv);
-  if (plain->parsed()) {
-    runPlainListing(options.directory);
-  } else if (reader->parsed()) {
-    runListingReader(options.directory, options.pause);
-  } else {
-    measureRuns<Measurement>(options, print);
-  }
-  return 0;
-}
-
 }  // namespace
 
 }  // namespace Bench
 
 int main(int argc, char** argv) {
-  return Bench::benchMain("ShowBench", [&] { return Bench::run(argc, argv); });
+  using namespace Bench;
+  Options options;
+  options.workload.vrfs = 4;
+  BenchProgram program("ShowBench",
+                       "Measures the show commands: listings and summaries of many routes, and loads beside listings.",
+                       options);
+  program.routesAre(options.workload.routes, "IPv4 routes that are listed", 1000, 2'000'000);
+  program.modeIs("plain", "The rival's process", [&] { runPlainListing(options.directory); });
+  program
+      .modeIs("reader", "A reader of listings, of the agent whose they are,",
+              [&] { runListingReader(options.directory, options.pause); })
+      .add_option("--pause", options.pause, "Seconds that it sleeps after every 64 KiB")
+      ->capture_default_str();
+  return program.run<Measurement>(argc, argv, options, print);
 }

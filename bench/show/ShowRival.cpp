@@ -9,8 +9,7 @@
 #include "RouteCache/RouteCache.h"
 #include "bench/harness/Tables.h"
 #include "bench/show/ShowSwitch.h"
-#include "host/TableTypes.h"
-#include "linux/tables/SharedTableService.h"
+#include "platform/values/Paths.h"
 
 namespace Bench {
 
@@ -104,10 +103,9 @@ void PlainListing::json() const {
 }  // namespace
 
 void runPlainListing(const std::string& directory) {
-  const auto types = Tools::allTableTypes();
-  LinuxPlatform::SharedTableService tables(directory, types);
-  const auto routes = mounted<Ipv4RouteStatus>(tables, hwRoutePath, Pondra::MountKind::keyedReader);
-  const auto adjacencies = mounted<Ipv4AdjacencyStatus>(tables, adjPath, Pondra::MountKind::keyedReader);
+  Tables tables(directory);
+  const auto routes = tables.reader<Ipv4RouteStatus>(Paths::hwRoutes);
+  const auto adjacencies = tables.reader<Ipv4AdjacencyStatus>(Paths::adjacencies);
   const PlainListing listing(*routes, *adjacencies);
   std::cout << nlohmann::json::object().dump() << std::endl;
   std::string line;

@@ -6,8 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "bench/harness/Tables.h"
-#include "host/TableTypes.h"
+#include "platform/values/Paths.h"
 #include "platform/values/Text.h"
 
 namespace Bench {
@@ -27,24 +26,24 @@ void sleep(double seconds) {
 }  // namespace
 
 Tools::Json showRequest(const std::string& command, bool asJson) {
-  return {
-      {"op", "command"}, {"type", "RouteCacheWithFormat"}, {"command", command}, {"format", asJson ? "json" : "text"}};
+  return {{"op", "command"},
+          {"type", RouteCache::CommandTexts::type},
+          {"command", command},
+          {"format", asJson ? "json" : "text"}};
 }
 
 std::string listingCommand() {
-  return "showRouteCacheVrf#V" + Workload::vrfName(listedVrf);
+  return std::string(RouteCache::CommandTexts::routes).append(RouteCache::CommandTexts::vrfMark) +
+         Workload::vrfName(listedVrf);
 }
 
 ShowSwitch::ShowSwitch(const std::string& parentDirectory, const Workload& workload, std::uint32_t furtherRoutes)
-    : directory_(parentDirectory),
-      types_(Tools::allTableTypes()),
-      tables_(directory_.path(), types_),
-      rib_(tables_, [] {}) {
+    : directory_(parentDirectory), tables_(directory_.path()), rib_(tables_.service(), [] {}) {
   rib_.apply(workload.ribOf(listedVrf, workload.routes, 1), workload.routes + furtherRoutes);
-  tables_.flush();
+  tables_.service().flush();
   const Stopwatch running;
   start(workload, furtherRoutes);
-  published_ = mounted<RouteCache::Ipv4RouteStatus>(tables_, hwRoutePath, Pondra::MountKind::keyedReader);
+  published_ = tables_.reader<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes);
   awaitPublished(workload.routes);
   while (running.seconds() < firstWalks) sleep(0.1);
   settle();
@@ -69,7 +68,7 @@ double ShowSwitch::load(const Tools::RibChange& further) {
   const std::size_t expected = published_->size() + further.routes.size();
   const Stopwatch stopwatch;
   rib_.apply(further);
-  tables_.flush();
+  tables_.service().flush();
   awaitPublished(expected);
   return stopwatch.seconds();
 }
@@ -78,7 +77,7 @@ void ShowSwitch::withdraw() {
   const std::size_t before = rib_.counts().routesRemoved;
   const std::size_t published = published_->size();
   rib_.remove([](const Routing::Rib::RouteKey& key) { return key.vrfId() == loadedVrf; });
-  tables_.flush();
+  tables_.service().flush();
   awaitPublished(published - (rib_.counts().routesRemoved - before));
   settle();
 }

@@ -7,12 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "RouteCache/CommandTexts.h"
 #include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/ChildProcess.h"
+#include "bench/harness/Tables.h"
 #include "bench/pipeline/PipelineWorkload.h"
 #include "linux/control/ControlClient.h"
-#include "linux/tables/SharedTableService.h"
 #include "simulator/routing/RibWriter.h"
 
 namespace Bench {
@@ -54,8 +55,7 @@ class ShowSwitch {
   void settle() const;
 
   BenchDirectory directory_;
-  Platform::TableTypes types_;
-  LinuxPlatform::SharedTableService tables_;
+  Tables tables_;
   Tools::RibWriter rib_;
   std::unique_ptr<ChildProcess> launcher_;
   std::shared_ptr<RouteCache::Ipv4RouteStatus> published_;

@@ -14,8 +14,7 @@
 
 #include "RouteCache/RouteCache.h"
 #include "bench/harness/BenchDirectory.h"
-#include "host/TableTypes.h"
-#include "linux/tables/SharedTableService.h"
+#include "bench/harness/Tables.h"
 #include "simulator/input/PrefixList.h"
 #ifdef ROUTECACHE_LMDB
 #include "bench/harness/EncodedValue.h"
@@ -101,12 +100,11 @@ class SharedStore {
   static constexpr const char* name = "shared";
 
   SharedStore()
-      : types_(Tools::allTableTypes()),
-        directory_(defaultParentDirectory()),
-        writerService_(directory_.path(), types_),
-        readerService_(directory_.path(), types_),
-        writer_(mounted(writerService_, Pondra::MountKind::writer)),
-        reader_(mounted(readerService_, Pondra::MountKind::keyedReader)) {}
+      : directory_(defaultParentDirectory()),
+        written_(directory_.path()),
+        read_(directory_.path()),
+        writer_(written_.writer<Table>("bench/table", entryCount)),
+        reader_(read_.reader<Table>("bench/table")) {}
   void put(const Value& value) {
     if constexpr (std::is_same_v<Kind, Routes>) {
       writer_->routeIs(value);
@@ -121,7 +119,7 @@ class SharedStore {
       writer_->adjDel(value.key());
     }
   }
-  void finish() { writerService_.flush(); }
+  void finish() { written_.service().flush(); }
   bool holds(const Value& value) const { return reader_->entry(value.key()) == value; }
   std::size_t walk() const {
     std::size_t count = 0;
@@ -134,17 +132,9 @@ class SharedStore {
 
  private:
   using Table = typename Kind::Table;
-  static std::shared_ptr<Table> mounted(LinuxPlatform::SharedTableService& service, Pondra::MountKind kind) {
-    std::optional<Pondra::CollectionInfo> info;
-    if (kind == Pondra::MountKind::writer) info = Pondra::CollectionInfo{Table::collectionName, entryCount};
-    service.mount("bench/table", Table::typeName, kind, info);
-    return service.get<Table>("bench/table");
-  }
-
-  Platform::TableTypes types_;
   BenchDirectory directory_;
-  LinuxPlatform::SharedTableService writerService_;
-  LinuxPlatform::SharedTableService readerService_;
+  Tables written_;
+  Tables read_;
   std::shared_ptr<Table> writer_;
   std::shared_ptr<Table> reader_;
 };
@@ -321,9 +311,9 @@ class RatioReporter final : public benchmark::ConsoleReporter {
     std::printf("\n%-38s %9s %9s %9s %15s %15s\n", "nanoseconds per entry", "shared", "LMDB", "std::map",
                 "shared / LMDB", "shared / map");
     for (const auto& [name, times] : medians_) {
-      const auto time = [&of = times](const char* store) {
-        const auto found = of.find(store);
-        return found == of.end() ? std::nan("") : found->second;
+      const auto time = [&times](const char* store) {
+        const auto found = times.find(store);
+        return found == times.end() ? std::nan("") : found->second;
       };
       std::printf("%-38s %9.0f %9.0f %9.0f %15.2f %15.2f\n", name.c_str(), time("shared"), time("LMDB"),
                   time("std::map"), time("shared") / time("LMDB"), time("shared") / time("std::map"));
