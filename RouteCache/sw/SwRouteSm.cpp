@@ -567,7 +567,8 @@ template <class Family>
 void SwRouteSm::routeSync(std::string_view name) {
   if (!enableRouteProcessing_) return;
   auto& side = sides_.of<Family>();
-  const bool ended = side.sync.run(side.syncTask, name, [this](const auto& key) { deleteRoute<Family>(key); });
+  const bool ended =
+      side.sync.run(side.syncTask, name, [this](const BasicRouteVrfKey<Family>& key) { deleteRoute<Family>(key); });
   updateRetention();
   if (!ended) side.syncTask.schedule(0);
 }
