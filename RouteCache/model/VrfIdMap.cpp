@@ -31,30 +31,12 @@ void VrfIdMap::removeAll(HashedIds& ids, Handler handler) {
 std::uint32_t VrfIdMap::hwVrfIdToGlobalVrfId(std::uint32_t hwVrfId) const {
   return valueOrDefault(hwToGlobal_, hwVrfId);
 }
-void VrfIdMap::hwVrfIdToGlobalVrfIdIs(std::uint32_t hwVrfId, std::uint32_t globalVrfId) {
-  set(hwToGlobal_, hwVrfId, globalVrfId, &Reactor::handleHwVrfId);
-}
-std::uint32_t VrfIdMap::hwVrfIdToGlobalVrfIdDel(std::uint32_t hwVrfId) {
-  return remove(hwToGlobal_, hwVrfId, &Reactor::handleHwVrfId);
-}
-void VrfIdMap::hwVrfIdToGlobalVrfIdDelAll() {
-  removeAll(hwToGlobal_, &Reactor::handleHwVrfId);
-}
 VrfIdMap::Ids VrfIdMap::hwVrfIdToGlobalVrfIds() const {
   return inOrder(hwToGlobal_);
 }
 
 std::uint32_t VrfIdMap::globalVrfIdToHwVrfId(std::uint32_t globalVrfId) const {
   return valueOrDefault(globalToHw_, globalVrfId);
-}
-void VrfIdMap::globalVrfIdToHwVrfIdIs(std::uint32_t globalVrfId, std::uint32_t hwVrfId) {
-  set(globalToHw_, globalVrfId, hwVrfId, &Reactor::handleVrfId);
-}
-std::uint32_t VrfIdMap::globalVrfIdToHwVrfIdDel(std::uint32_t globalVrfId) {
-  return remove(globalToHw_, globalVrfId, &Reactor::handleVrfId);
-}
-void VrfIdMap::globalVrfIdToHwVrfIdDelAll() {
-  removeAll(globalToHw_, &Reactor::handleVrfId);
 }
 VrfIdMap::Ids VrfIdMap::globalVrfIdToHwVrfIds() const {
   return inOrder(globalToHw_);

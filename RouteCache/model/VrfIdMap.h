@@ -27,17 +27,25 @@ class VrfIdMap final : public Lattis::Entity {
   // 0 when there is none: ask ...Has whether there is, for 0 is the default VRF's hardware id.
   std::uint32_t hwVrfIdToGlobalVrfId(std::uint32_t hwVrfId) const;
   bool hwVrfIdToGlobalVrfIdHas(std::uint32_t hwVrfId) const { return hwToGlobal_.contains(hwVrfId); }
-  void hwVrfIdToGlobalVrfIdIs(std::uint32_t hwVrfId, std::uint32_t globalVrfId);
+  void hwVrfIdToGlobalVrfIdIs(std::uint32_t hwVrfId, std::uint32_t globalVrfId) {
+    set(hwToGlobal_, hwVrfId, globalVrfId, &Reactor::handleHwVrfId);
+  }
   // Returns the value removed, or 0.
-  std::uint32_t hwVrfIdToGlobalVrfIdDel(std::uint32_t hwVrfId);
-  void hwVrfIdToGlobalVrfIdDelAll();
+  std::uint32_t hwVrfIdToGlobalVrfIdDel(std::uint32_t hwVrfId) {
+    return remove(hwToGlobal_, hwVrfId, &Reactor::handleHwVrfId);
+  }
+  void hwVrfIdToGlobalVrfIdDelAll() { removeAll(hwToGlobal_, &Reactor::handleHwVrfId); }
   Ids hwVrfIdToGlobalVrfIds() const;  // a copy, in order
 
   std::uint32_t globalVrfIdToHwVrfId(std::uint32_t globalVrfId) const;
   bool globalVrfIdToHwVrfIdHas(std::uint32_t globalVrfId) const { return globalToHw_.contains(globalVrfId); }
-  void globalVrfIdToHwVrfIdIs(std::uint32_t globalVrfId, std::uint32_t hwVrfId);
-  std::uint32_t globalVrfIdToHwVrfIdDel(std::uint32_t globalVrfId);
-  void globalVrfIdToHwVrfIdDelAll();
+  void globalVrfIdToHwVrfIdIs(std::uint32_t globalVrfId, std::uint32_t hwVrfId) {
+    set(globalToHw_, globalVrfId, hwVrfId, &Reactor::handleVrfId);
+  }
+  std::uint32_t globalVrfIdToHwVrfIdDel(std::uint32_t globalVrfId) {
+    return remove(globalToHw_, globalVrfId, &Reactor::handleVrfId);
+  }
+  void globalVrfIdToHwVrfIdDelAll() { removeAll(globalToHw_, &Reactor::handleVrfId); }
   Ids globalVrfIdToHwVrfIds() const;
 
   const Lattis::EntityType& entityType() const override;

@@ -157,14 +157,11 @@ AdjId AdjacencyIds::adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const {
 
 void AdjacencyIds::nexthopIs(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId adjId) {
   if (adjId.isAdjacencyMixed()) {
-    ipMixedNexthopToAdjIdIs(ref, adjId);
-    ipMixedAdjIdToNexthopIs(adjId, ref);
+    mixed_.nexthopIs(ref, adjId);
   } else if (adjId.isAdjacencyV6()) {
-    ipv6NexthopToAdjIdIs(ref->v6nh(), adjId);
-    ipv6AdjIdToNexthopIs(adjId, ref->v6nh());
+    ipv6_.nexthopIs(ref->v6nh(), adjId);
   } else {
-    ipv4NexthopToAdjIdIs(ref->v4nh(), adjId);
-    ipv4AdjIdToNexthopIs(adjId, ref->v4nh());
+    ipv4_.nexthopIs(ref->v4nh(), adjId);
   }
 }
 
@@ -181,14 +178,11 @@ std::shared_ptr<IpMixedNexthopRef> AdjacencyIds::nexthop(AdjId adjId) const {
 
 void AdjacencyIds::nexthopDel(AdjId adjId) {
   if (adjId.isAdjacencyMixed()) {
-    if (const auto ref = ipMixedAdjIdToNexthop(adjId)) ipMixedNexthopToAdjIdDel(ref, adjId);
-    ipMixedAdjIdToNexthopDel(adjId);
+    mixed_.nexthopDel(adjId);
   } else if (adjId.isAdjacencyV6()) {
-    if (const auto ref = ipv6AdjIdToNexthop(adjId)) ipv6NexthopToAdjIdDel(ref, adjId);
-    ipv6AdjIdToNexthopDel(adjId);
+    ipv6_.nexthopDel(adjId);
   } else {
-    if (const auto ref = ipv4AdjIdToNexthop(adjId)) ipv4NexthopToAdjIdDel(ref, adjId);
-    ipv4AdjIdToNexthopDel(adjId);
+    ipv4_.nexthopDel(adjId);
   }
 }
 

@@ -71,16 +71,18 @@ class NexthopAdjIds {
     const auto found = reverse_.find(adjId);
     return found == reverse_.end() ? nullptr : found->second;
   }
-  void nexthopToAdjIdIs(const AdjRef& ref, AdjId adjId) { forward_[ref] = adjId; }
-  // Only an entry that maps to this identifier goes: an equal reference may have found another one since.
-  void nexthopToAdjIdDel(const AdjRef& ref, AdjId adjId) {
-    const auto found = forward_.find(ref);
-    if (found != forward_.end() && found->second == adjId) forward_.erase(found);
+  // Enters both ways; where an equal reference has an identifier already, this one is what it leads to from now on.
+  void nexthopIs(const std::shared_ptr<Ref>& ref, AdjId adjId) {
+    forward_[ref] = adjId;
+    reverse_[adjId] = ref;
   }
-  void nexthopToAdjIdDelAll() { forward_.clear(); }
-  void adjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ref> ref) { reverse_[adjId] = std::move(ref); }
-  void adjIdToNexthopDel(AdjId adjId) { reverse_.erase(adjId); }
-  void adjIdToNexthopDelAll() { reverse_.clear(); }
+  // Of the way there only an entry that leads to this identifier goes: an equal reference may have found another since.
+  void nexthopDel(AdjId adjId) {
+    const auto ref = nexthop(adjId);
+    const auto found = ref ? forward_.find(ref) : forward_.end();
+    if (found != forward_.end() && found->second == adjId) forward_.erase(found);
+    reverse_.erase(adjId);
+  }
   std::size_t size() const { return reverse_.size(); }
   // Asserts that both directions agree.
   void checkInvariants() const;
@@ -143,37 +145,11 @@ class AdjacencyIds {
   void nexthopDel(AdjId adjId);
 
   AdjId ipv4NexthopToAdjId(const Ipv4AdjRef& ref) const { return ipv4_.adjId(ref); }
-  void ipv4NexthopToAdjIdIs(const Ipv4AdjRef& ref, AdjId adjId) { ipv4_.nexthopToAdjIdIs(ref, adjId); }
-  void ipv4NexthopToAdjIdDel(const Ipv4AdjRef& ref, AdjId adjId) { ipv4_.nexthopToAdjIdDel(ref, adjId); }
-  void ipv4NexthopToAdjIdDelAll() { ipv4_.nexthopToAdjIdDelAll(); }
   std::shared_ptr<Ipv4NexthopRef> ipv4AdjIdToNexthop(AdjId adjId) const { return ipv4_.nexthop(adjId); }
-  void ipv4AdjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ipv4NexthopRef> ref) {
-    ipv4_.adjIdToNexthopIs(adjId, std::move(ref));
-  }
-  void ipv4AdjIdToNexthopDel(AdjId adjId) { ipv4_.adjIdToNexthopDel(adjId); }
-  void ipv4AdjIdToNexthopDelAll() { ipv4_.adjIdToNexthopDelAll(); }
-
   AdjId ipv6NexthopToAdjId(const Ipv6AdjRef& ref) const { return ipv6_.adjId(ref); }
-  void ipv6NexthopToAdjIdIs(const Ipv6AdjRef& ref, AdjId adjId) { ipv6_.nexthopToAdjIdIs(ref, adjId); }
-  void ipv6NexthopToAdjIdDel(const Ipv6AdjRef& ref, AdjId adjId) { ipv6_.nexthopToAdjIdDel(ref, adjId); }
-  void ipv6NexthopToAdjIdDelAll() { ipv6_.nexthopToAdjIdDelAll(); }
   std::shared_ptr<Ipv6NexthopRef> ipv6AdjIdToNexthop(AdjId adjId) const { return ipv6_.nexthop(adjId); }
-  void ipv6AdjIdToNexthopIs(AdjId adjId, std::shared_ptr<Ipv6NexthopRef> ref) {
-    ipv6_.adjIdToNexthopIs(adjId, std::move(ref));
-  }
-  void ipv6AdjIdToNexthopDel(AdjId adjId) { ipv6_.adjIdToNexthopDel(adjId); }
-  void ipv6AdjIdToNexthopDelAll() { ipv6_.adjIdToNexthopDelAll(); }
-
   AdjId ipMixedNexthopToAdjId(const IpMixedAdjRef& ref) const { return mixed_.adjId(ref); }
-  void ipMixedNexthopToAdjIdIs(const IpMixedAdjRef& ref, AdjId adjId) { mixed_.nexthopToAdjIdIs(ref, adjId); }
-  void ipMixedNexthopToAdjIdDel(const IpMixedAdjRef& ref, AdjId adjId) { mixed_.nexthopToAdjIdDel(ref, adjId); }
-  void ipMixedNexthopToAdjIdDelAll() { mixed_.nexthopToAdjIdDelAll(); }
   std::shared_ptr<IpMixedNexthopRef> ipMixedAdjIdToNexthop(AdjId adjId) const { return mixed_.nexthop(adjId); }
-  void ipMixedAdjIdToNexthopIs(AdjId adjId, std::shared_ptr<IpMixedNexthopRef> ref) {
-    mixed_.adjIdToNexthopIs(adjId, std::move(ref));
-  }
-  void ipMixedAdjIdToNexthopDel(AdjId adjId) { mixed_.adjIdToNexthopDel(adjId); }
-  void ipMixedAdjIdToNexthopDelAll() { mixed_.adjIdToNexthopDelAll(); }
 
   // Asserts the invariants above. Walks everything.
   void checkInvariants() const;
