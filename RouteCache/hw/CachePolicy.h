@@ -2,7 +2,7 @@
 //
 // HwRouteSm does the work and asks: it counts the places, files the routes by how long they have been idle, lets in
 // first who was hit last, takes out first who has been idle longest, and never takes out what is hit, not cacheable or
-// still to be decided. It asks once for a decision, not once for a look-up.
+// still to be decided. It asks for decisions, a few in a route's turn, never at a look-up.
 //
 // Another rule is a class of its own in a file beside LevelsPolicy.cpp, and its line in cachePolicies
 // (CachePolicy.cpp).
@@ -62,7 +62,8 @@ class CachePolicy {
   virtual void handleLeftOut(const Ipv4Route& sfeRoute, std::uint32_t sfeHitbit) = 0;
   // Ageing has taken the route out of hardware, and it is not to come back like any other (HwRouteSm::admitAgedUnhit).
   virtual void handleAged(const Ipv4Route& hwRoute) = 0;
-  // The route has come in, was withdrawn, or is not cacheable: what ageing has done to it does not matter any more.
+  // The route has come in, was withdrawn, has lost its adjacency, or is not cacheable: what ageing has done to it does
+  // not matter any more.
   virtual void forget(const Key& key) = 0;
   virtual void forgetAll() = 0;
 

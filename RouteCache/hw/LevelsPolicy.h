@@ -1,9 +1,9 @@
 // Places are given away up to the low level, and to routes that are hit from there on; idle routes go by the level.
 //
-// Below the low level nothing is scarce: every cacheable route comes in unasked and none has to go. At or above it a
-// route comes in once traffic has hit it in software, and as many idle ones go as are above the level, or as have been
-// hit in software. How idle they must be says the level that is reached: the low one's slice at least, and where routes
-// wait to come in that of the highest level reached.
+// Below the low level nothing is scarce: every cacheable route comes in unasked, but for what ageing took out, and none
+// has to go. At or above it a route comes in once traffic has hit it in software, and as many idle ones go as are above
+// the level, or as have been hit in software. How idle they must be says the level that is reached: the low one's slice
+// at least, and where routes wait to come in that of the highest level reached.
 //
 // What ageing has taken out is remembered, the capacity's number of keys at most, the oldest forgotten first. Such a
 // route is not admitted unasked: without a hit it would come and go with every scan, for its SFE entry changes when it

@@ -96,7 +96,7 @@ struct Interval {
 // What is wrong with the first interval that is no finite number or below its least, in one line; empty when none is.
 std::string intervalFault(std::initializer_list<Interval> intervals);
 
-// Where such a walk resumes that was left at an entry; nothing at the end.
+// Where visitUntilYield resumes that was left at an entry of an ordered table; nothing at the end.
 template <class Iterator>
 auto bookmarkOf(const Iterator& at, const Iterator& end) {
   return at == end ? std::nullopt : std::optional(at->key());

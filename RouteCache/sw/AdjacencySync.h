@@ -1,8 +1,8 @@
 // The start's look at what a predecessor has left of one family: its adjacencies are adopted, then its routes noted as
 // inherited. In slices, which go on where the last one stopped.
 //
-// Invariant: until it is done, an adjacency of the table is adopted or ahead of the bookmark, and so is every route
-// noted or ahead of the second.
+// Invariant: until it is done, an adjacency of the table is adopted, dropped as nobody's, or ahead of the bookmark, and
+// a route noted or ahead of the second.
 #pragma once
 
 #include <optional>

@@ -4,7 +4,7 @@
 // What goes in: the tunnel interfaces and the resolver's answers. What comes out: the resolver's requests, one for each
 // VTEP that routes register. Owned by SwRouteSm, which is told when something changes and does the rest.
 //
-// Invariants (checkInvariants): a VTEP with registrations is requested; one without is not, once the leftovers of a
+// Invariant (checkInvariants): a VTEP with registrations is requested. One without is not, once the leftovers of a
 // predecessor are cleaned up.
 #pragma once
 
@@ -102,7 +102,7 @@ class Underlay {
   const std::shared_ptr<Routing::NexthopVrfConfig>& nexthopVrfConfig() const { return nexthopVrfConfig_; }
   const std::shared_ptr<const Routing::NexthopVrfStatus>& nexthopVrfStatus() const { return nexthopVrfStatus_; }
 
-  // Asserts that these are the registrations, and the invariants above.
+  // Asserts that these are the registrations, and the invariant above.
   void checkInvariants(const std::map<IpGenAddr, std::uint32_t>& registrations) const;
 
  private:

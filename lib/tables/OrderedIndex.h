@@ -1,5 +1,5 @@
-// The ordered index of a table: its slots in the order of their keys. What knows how that order is kept is here and in
-// OrderGeometry (lib/tables/TableFormat.h), and nowhere else.
+// The ordered index of a table: its slots in the order of their keys. What knows how that order is kept is here; its
+// bytes are OrderGeometry and TableState::heads (lib/tables/TableFormat.h).
 //
 // It is a list of several levels. On how many of them a slot stands follows from its number alone, one in four slots
 // being one higher; the links of a level then need no more places than there are slots to use them.
