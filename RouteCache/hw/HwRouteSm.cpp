@@ -223,8 +223,8 @@ void HwRouteSm::policyIs(const std::string& name) {
 }
 
 void HwRouteSm::policyKindIs(CachePolicyKind kind) {
-  policyKind_ = kind;
   policy_ = kind.make(state_);
+  policyKind_ = kind;
   if (initialized_) handleSwRoute();
 }
 

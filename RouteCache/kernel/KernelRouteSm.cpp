@@ -12,15 +12,6 @@ using Platform::TaskPriority;
 
 // --- Reactors --------------------------------------------------------------------------------------------------------
 
-class KernelRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
- public:
-  VrfIdReactor(KernelRouteSm& sm, std::shared_ptr<const VrfIdMap> map) : Reactor(std::move(map)), sm_(sm) {}
-  void handleVrfId(std::uint32_t piVrfId) override { sm_.handleVrfId(piVrfId); }
-
- private:
-  KernelRouteSm& sm_;
-};
-
 // Keeps one reactor for each trie.
 class KernelRouteSm::VrfCachedRouteReactor final : public VrfCachedRoute::Reactor {
  public:
@@ -131,7 +122,7 @@ void KernelRouteSm::handleInitialized() {
   Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute);
   Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
   Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
-  vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
+  vrfIdReactor_ = std::make_unique<VrfIdFollower<KernelRouteSm>>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries6()) trie6Is(vrf.first);
@@ -566,9 +557,16 @@ void KernelRouteSm::checkPublished() const {
 
 template <class Family>
 void KernelRouteSm::checkCachedPrefixes() const {
-  for (const auto& [hwVrfId, reactor] : sides_.of<Family>().tries) {
+  const auto tries = [this] {
+    if constexpr (std::is_same_v<Family, Ipv4Family>) {
+      return in_.vrfCachedRoute->vrfTries();
+    } else {
+      return in_.vrfCachedRoute->vrfTries6();
+    }
+  };
+  for (const auto& [hwVrfId, cached] : tries()) {
     const auto sweep = sides_.of<Family>().trieSweep.find(hwVrfId);
-    for (const auto& route : *reactor->trie()) {
+    for (const auto& route : *cached) {
       const BasicRouteVrfKey<Family> key(route.prefix, hwVrfId);
       const auto kernel = kernelKey(key);
       const bool swept = sweep != sides_.of<Family>().trieSweep.end() && !(route.prefix < sweep->second);

@@ -153,7 +153,6 @@ class KernelRouteSm final : public Lattis::Entity {
   void checkInvariants() const;
 
  private:
-  class VrfIdReactor;
   class VrfCachedRouteReactor;
   template <class Family>
   class TrieReactor;
@@ -259,7 +258,7 @@ class KernelRouteSm final : public Lattis::Entity {
   std::unique_ptr<Follower<Ipv6RouteStatus>> swRoute6Reactor_;
   std::unique_ptr<Follower<Routing::Rib::RouteConfig>> routeReactor_;
   std::unique_ptr<Follower<Routing::Rib::RouteConfig>> route6Reactor_;
-  std::unique_ptr<VrfIdReactor> vrfIdReactor_;
+  std::unique_ptr<VrfIdFollower<KernelRouteSm>> vrfIdReactor_;
   std::unique_ptr<VrfCachedRouteReactor> vrfCachedRouteReactor_;
 };
 

@@ -61,4 +61,15 @@ class VrfIdMap final : public Lattis::Entity {
 };
 std::shared_ptr<VrfIdMap> vrfIdMapFactory(const std::string& name);
 
+// Hands on which of the platform's ids have another hardware id, or none, or have one now.
+template <class Owner>
+class VrfIdFollower final : public VrfIdMap::Reactor {
+ public:
+  VrfIdFollower(Owner& owner, std::shared_ptr<const VrfIdMap> map) : Reactor(std::move(map)), owner_(owner) {}
+  void handleVrfId(std::uint32_t piVrfId) override { owner_.handleVrfId(piVrfId); }
+
+ private:
+  Owner& owner_;
+};
+
 }  // namespace RouteCache

@@ -10,17 +10,6 @@ using Platform::TaskPriority;
 using Routing::Rib::Route;
 using Routing::Rib::RouteConfig;
 
-// --- What is watched -------------------------------------------------------------------------------------------------
-
-class SwRouteSm::VrfIdReactor final : public VrfIdMap::Reactor {
- public:
-  VrfIdReactor(SwRouteSm& sm, std::shared_ptr<const VrfIdMap> map) : Reactor(std::move(map)), sm_(sm) {}
-  void handleVrfId(std::uint32_t piVrfId) override { sm_.handleVrfId(piVrfId); }
-
- private:
-  SwRouteSm& sm_;
-};
-
 // --- Life ------------------------------------------------------------------------------------------------------------
 
 SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& scheduler, Platform::TraceFacility& trace,
@@ -59,8 +48,7 @@ SwRouteSm::~SwRouteSm() {
   // First, so that what the reactors' clean-ups would queue comes to nothing: an orderly stop changes no table and
   // withdraws no request.
   enableRouteProcessing_ = false;
-  underlay_.nexthopVrfStatusDelAll();
-  underlay_.vtiStatusDelAll();
+  underlay_.stop();
 }
 
 void SwRouteSm::handleInitialized() {
@@ -70,7 +58,7 @@ void SwRouteSm::handleInitialized() {
   if (in_.ipv4HwRouteStatus) {
     Pondra::follow(hwRouteReactor_, *this, in_.ipv4HwRouteStatus, &SwRouteSm::handleHwRoute);
   }
-  vrfIdReactor_ = std::make_unique<VrfIdReactor>(*this, in_.vrfIdMap);
+  vrfIdReactor_ = std::make_unique<VrfIdFollower<SwRouteSm>>(*this, in_.vrfIdMap);
   for (const auto& [piVrfId, hwVrfId] : in_.vrfIdMap->globalVrfIdToHwVrfIds()) knownHwVrfId_[piVrfId] = hwVrfId;
   underlay_.handleInitialized();
   initialized_ = true;

@@ -228,7 +228,6 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   void checkInvariants() const;
 
  private:
-  class VrfIdReactor;
   template <class Table>
   using Follower = Pondra::TableFollower<Table, SwRouteSm>;
 
@@ -348,7 +347,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   std::unique_ptr<Follower<Routing::Rib::RouteConfig>> routeReactor_;
   std::unique_ptr<Follower<Routing::Rib::RouteConfig>> route6Reactor_;
   std::unique_ptr<Follower<Ipv4RouteStatus>> hwRouteReactor_;
-  std::unique_ptr<VrfIdReactor> vrfIdReactor_;
+  std::unique_ptr<VrfIdFollower<SwRouteSm>> vrfIdReactor_;
 };
 
 // Makes the state machine; handleInitialized() starts it.

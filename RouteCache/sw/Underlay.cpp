@@ -124,6 +124,14 @@ void Underlay::handleInitialized() {
   for (const auto& vti : vtiStatusDir_->vtiStatus()) vtiStatusIs(vti.first);
 }
 
+void Underlay::stop() {
+  nexthopVrfStatusDelAll();
+  vtiStatusDelAll();
+  nexthopConfigReactor_.reset();
+  nexthopStatusReactor_.reset();
+  vtiStatusDirReactor_.reset();
+}
+
 void Underlay::nexthopVrfConfigIs() {
   const auto registered = nexthopConfig_->vrfIs(L3::VrfName());
   if (registered == nexthopVrfConfig_) return;

@@ -50,9 +50,8 @@ class Underlay {
   ~Underlay();
   // Registers the VRF "default" with the resolver, and follows answers and interfaces from now on.
   void handleInitialized();
-  // Stops to follow them, as if they had gone.
-  void nexthopVrfStatusDelAll();
-  void vtiStatusDelAll();
+  // Stops to follow them, as if they had gone. The user does so before anything that its reactions touch goes.
+  void stop();
 
   // --- Reactions -------------------------------------------------------------------------------------------------
   // The resolver answers in this VRF, or does so no more; the VRF "default" is the one that counts.
@@ -116,8 +115,10 @@ class Underlay {
   void nexthopVrfConfigIs();
   void nexthopVrfStatusIs(const L3::VrfName& name);
   void nexthopVrfStatusDel(const L3::VrfName& name);
+  void nexthopVrfStatusDelAll();
   void vtiStatusIs(IntfId intfId);
   void vtiStatusDel(IntfId intfId);
+  void vtiStatusDelAll();
   VtepMonitor<IpAddr>& monitor(const IpAddr&) { return vteps_.v4; }
   VtepMonitor<Ip6Addr>& monitor(const Ip6Addr&) { return vteps_.v6; }
 

@@ -43,6 +43,8 @@ struct Routes {
     }
     return made;
   }
+  static void put(Table& table, const Value& value) { table.routeIs(value); }
+  static void erase(Table& table, const Value& value) { table.routeDel(value.key()); }
   static void change(Value& value) { value.adjIdIs(RouteCache::AdjId(value.adjId().value() + 1)); }
 };
 
@@ -62,6 +64,8 @@ struct Adjacencies {
     }
     return made;
   }
+  static void put(Table& table, const Value& value) { table.adjIs(value); }
+  static void erase(Table& table, const Value& value) { table.adjDel(value.key()); }
   static void change(Value& value) {
     auto slot = value.viaKey()[0];
     slot.underlayFecIdIs(Fib::FecId(slot.underlayFecId().value() + 1));
@@ -105,20 +109,8 @@ class SharedStore {
         read_(directory_.path()),
         writer_(written_.writer<Table>("bench/table", entryCount)),
         reader_(read_.reader<Table>("bench/table")) {}
-  void put(const Value& value) {
-    if constexpr (std::is_same_v<Kind, Routes>) {
-      writer_->routeIs(value);
-    } else {
-      writer_->adjIs(value);
-    }
-  }
-  void erase(const Value& value) {
-    if constexpr (std::is_same_v<Kind, Routes>) {
-      writer_->routeDel(value.key());
-    } else {
-      writer_->adjDel(value.key());
-    }
-  }
+  void put(const Value& value) { Kind::put(*writer_, value); }
+  void erase(const Value& value) { Kind::erase(*writer_, value); }
   void finish() { written_.service().flush(); }
   bool holds(const Value& value) const { return reader_->entry(value.key()) == value; }
   std::size_t walk() const {
