@@ -213,7 +213,8 @@ bool SharedTableService::namesChanged() {
 void SharedTableService::checkFiles(bool all, bool retry) {
   for (const auto& [path, mount] : mounts_) {
     TableCollection& collection = *mount.collection;
-    if (all || collection.refused() || collection.kind() == MountKind::writer) collection.checkReplacement(retry);
+    const bool suspect = collection.refused() || collection.broken() || collection.kind() == MountKind::writer;
+    if (all || suspect) collection.checkReplacement(retry);
   }
 }
 
@@ -233,7 +234,7 @@ void SharedTableService::handleFileEvent(std::string_view fileName, bool written
   if (found == readers_.end()) return;
   // What has been written is seen in the table itself; who it is matters only when it may be another file.
   TableCollection& collection = *found->second;
-  if (!written || !collection.mounted() || collection.refused()) collection.checkReplacement();
+  if (!written || !collection.mounted() || collection.refused() || collection.broken()) collection.checkReplacement();
   if (collection.pending()) collection.dueIs();
 }
 

@@ -46,9 +46,9 @@ class SharedTableService final : public Pondra::TableService {
   // from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
-  // Reads a word per table, and asks who the files are: those of written tables, those that were refused, and all when
-  // names have changed in the directory. Finds also what a writer changed that died before it flushed. Every tenth call
-  // tries the files that were refused again.
+  // Reads a word per table, and asks who the files are: those of written tables, those that were refused or have been
+  // cut short under their reader, and all when names have changed in the directory. Finds also what a writer changed
+  // that died before it flushed. Every tenth call tries the files that were refused again.
   bool pendingChanges();
 
   // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has

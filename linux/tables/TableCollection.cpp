@@ -54,6 +54,15 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
   if (file_) view_.emplace(file_->image(), report_);
 }
 
+std::function<bool(std::size_t offset, std::size_t end)> TableCollection::roomIn(const TableFile& file) {
+  return [this, &file](std::size_t offset, std::size_t end) {
+    const std::string remedy = "no space left on " + context_->directory + ": no entries are added until there is some";
+    const bool room = file.reserve(offset, end);
+    room ? context_->shortageOver(remedy) : context_->reportShortage(path_, remedy);
+    return room;
+  };
+}
+
 void TableCollection::openForWriting(std::uint32_t capacity) {
   lock_ = lockTable(context_->directory, path_);
   file_ = TableFile::open(context_->directory, path_, layout_, true);
@@ -86,7 +95,7 @@ void TableCollection::close() {
   writer_.reset();
   view_.reset();
   file_.reset();
-  lock_ = FileDescriptor();
+  lock_ = TableLock();
   if (sink != nullptr) sink->mountStatusChanged();
 }
 
@@ -176,6 +185,7 @@ std::uint64_t TableCollection::follow(Sink* sink) {
     follower_ = std::make_shared<ChangeFollower>(report_);
     if (view_) follower_->start(*view_);
   }
+  newestTold_ = std::max(newestTold_, lastSequence());
   return lastSequence();
 }
 
@@ -194,7 +204,9 @@ bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
   follower->deliver([&](const KeyWords& words, std::uint64_t sequence) {
     if (!followed()) return false;
     keyBytes(words, key);
-    sink_->keyChanged(key, sequenceBase_ + sequence);
+    // A slot that is gone has no sequence to tell when its entry went.
+    newestTold_ = std::max(newestTold_ + (file->broken() ? 1 : 0), sequenceBase_ + sequence);
+    sink_->keyChanged(key, file->broken() ? newestTold_ : sequenceBase_ + sequence);
     return followed() && !shouldYield();
   });
   if (!followed()) return true;
@@ -209,9 +221,15 @@ void TableCollection::checkReplacement(bool retry) {
     replacementDue_ = !ownFilesStand();
     return;
   }
+  if (broken()) tellBroken();
   const FileIdentity now = fileIdentity(fileName());
   if (now == FileIdentity{} || (now == refused_ && !retry)) return;
-  if (!file_ || !now.isSameFile(file_->identity())) replacementDue_ = true;
+  if (!file_ || broken() || !now.isSameFile(file_->identity())) replacementDue_ = true;
+}
+
+// Once for a file, however often it is mapped again.
+void TableCollection::tellBroken() {
+  if (!std::exchange(brokenTold_, true)) reportCorruption("its file was cut short while it was read");
 }
 
 void TableCollection::adoptReplacement() {
@@ -229,9 +247,11 @@ void TableCollection::adoptReplacement() {
   }
   if (!next) return;
   refused_ = {};
-  if (file_ && next->identity().isSameFile(file_->identity())) return;
+  const bool same = file_ && next->identity().isSameFile(file_->identity());
+  if (same && !broken()) return;
+  if (!same) brokenTold_ = false;
   const bool appeared = !file_;
-  if (!appeared) sequenceBase_ = lastSequence() + 1;
+  if (!appeared) sequenceBase_ = nextBase();
   const auto old = std::exchange(file_, std::move(next));
   const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
   if (!follower_) return;
@@ -246,13 +266,17 @@ void TableCollection::adoptReplacement() {
 }
 
 bool TableCollection::ownFilesStand() const {
-  return file_->stands() && lockStands(context_->directory, path_, lock_);
+  return !file_->cutShort() && file_->stands() && lockStands(context_->directory, path_, lock_);
 }
 
-// Somebody has removed the table, its lock or the whole directory, or put something else there. The kernel does not
-// give a removed file its name back, so the entries are copied, all in one go: that this takes a moment is the least of
-// the troubles of a switch where it happens. What fails is tried again when the files are looked at next.
+// Somebody has removed the table, its lock or the whole directory, put something else there, or cut the file short. The
+// kernel does not give a removed file its name back, so the entries are copied, all in one go: that this takes a moment
+// is the least of the troubles of a switch where it happens. What fails is tried again when the files are looked at
+// next.
 void TableCollection::putBack() {
+  const auto entries = writer_->size();
+  const bool cutShort = file_->cutShort();
+  const std::string what = cutShort ? "its file was cut short" : "its file was removed";
   try {
     for (const auto& directory :
          {std::filesystem::path(context_->directory).parent_path().string(), context_->directory}) {
@@ -260,18 +284,23 @@ void TableCollection::putBack() {
       checkOwnDirectory(directory);
     }
     if (!lockStands(context_->directory, path_, lock_)) lock_ = lockTable(context_->directory, path_);
-    if (!file_->stands()) {
-      const auto old = file_;  // the follower's until it has gone over
-      const std::uint64_t base = lastSequence() + 1;
-      copyToNewFile(old->capacity(), writer_->size());
-      sequenceBase_ = base;
-      const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
-      if (follower_) follower_->restart(*view_, *oldView, old);
-    }
-    reportCorruption("its file was removed; it is put back");
+    if (cutShort || !file_->stands()) copyWholeEntries();
+    const auto left = writer_->size();
+    const std::string loss = " with " + std::to_string(left) + " of " + std::to_string(entries) + " entries";
+    reportCorruption(what + "; it is put back" + (left == entries ? "" : loss));
   } catch (const std::exception& error) {
-    reportCorruption(std::string("its file was removed and cannot be put back: ") + error.what());
+    reportCorruption(what + " and cannot be put back: " + error.what());
   }
+}
+
+void TableCollection::copyWholeEntries() {
+  const auto old = file_;  // the follower's until it has gone over
+  const std::uint64_t base = nextBase();
+  writer_ = std::make_unique<TableWriter>(old->image(), old->capacity(), report_);  // takes stock of what is left
+  copyToNewFile(old->capacity(), writer_->size());
+  sequenceBase_ = base;
+  const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
+  if (follower_) follower_->restart(*view_, *oldView, old);
 }
 
 // Told once for a state of the file, however often it is tried.

@@ -1,6 +1,7 @@
 // One mounted table: the file, its reader, and its writer or follower, behind the platform's interface.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -36,6 +37,7 @@ struct TableServiceContext {
   void reportDamage(const std::string& path, const std::string& what);
   // The same once for all tables: the first one that met the shortage stands for the others.
   void reportShortage(const std::string& path, const std::string& remedy);
+  void shortageOver(const std::string& remedy) { shortages.erase(remedy); }
 
   void wantDelivery() {
     if (deliveryAsked) return;
@@ -74,22 +76,31 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   bool dueIs();
   void dueTaken() { due_ = false; }
   // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A file
-  // that was refused is tried again when it has changed, or when `retry` says so. A writer, whose files nobody else may
-  // touch, puts its own in the place again, and tells so.
+  // that was refused is tried again when it has changed, or when `retry` says so; so is one that broke under the
+  // mapping. A writer, whose files nobody else may touch, puts its own in the place again, with the entries that are
+  // whole, and tells so.
   void checkReplacement(bool retry = false);
   void adoptReplacement();
   // The file under the name has been refused, and nothing is known to have changed since.
   bool refused() const { return refused_ != FileIdentity(); }
+  // The mapped file was cut short or punched: checkReplacement() takes care of it.
+  bool broken() const { return file_ && file_->broken(); }
   // Makes those who watch the file look, if anything was written.
   void flush();
   void checkInvariants() const;
 
  private:
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
+  // What a writer asks for room in its file. That the disk is full is told once, until there is room again.
+  std::function<bool(std::size_t offset, std::size_t end)> roomIn(const TableFile& file);
   void openForWriting(std::uint32_t capacity);
   void copyToNewFile(std::uint32_t capacity, std::size_t entries);
   bool ownFilesStand() const;
   void putBack();
+  void copyWholeEntries();
+  // The counter may be among what was cut off.
+  std::uint64_t nextBase() const { return std::max(lastSequence(), newestTold_) + 1; }
+  void tellBroken();
   void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
   void written();
   TableWriter& writerFor(std::string_view operation);
@@ -100,7 +111,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   Pondra::MountKind kind_;
   Pondra::TableLayout layout_;
   DamageReport report_;
-  FileDescriptor lock_;
+  TableLock lock_;
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
@@ -110,8 +121,10 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
   bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
   std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
+  std::uint64_t newestTold_ = 0;              // of the sequences that the sink knows
   bool due_ = false;
   bool replacementDue_ = false;
+  bool brokenTold_ = false;  // of the mapped file
   bool found_ = false;       // a file was there when the table was mounted, but could not be used
   FileIdentity refused_;     // a file that cannot be used
   std::string refusedText_;  // why

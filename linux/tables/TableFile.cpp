@@ -1,6 +1,7 @@
 #include "linux/tables/TableFile.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <new>
+#include <mutex>
 
 #include "platform/values/Hash.h"
 
@@ -77,18 +78,48 @@ std::string tableFileName(std::string_view path) {
   return name.substr(0, longestName - 17) + tail;
 }
 
+// --- The lock --------------------------------------------------------------------------------------------------------
+
 namespace {
+
 std::string lockName(const std::string& directory, const std::string& path) {
   return directory + "/" + tableFileName(path) + ".lock";
 }
+
+// All locks that this process holds. The mutex is held while a lock is on its way here, so that a fork in another
+// thread leaves no child a descriptor that is not in the list.
+struct HeldLocks {
+  HeldLocks() { pthread_atfork(before, inParent, inChild); }
+  static HeldLocks& instance() {  // locks may be let go after everything else
+    static HeldLocks& all = *new HeldLocks;
+    return all;
+  }
+  static void before() { instance().mutex.lock(); }
+  static void inParent() { instance().mutex.unlock(); }
+  static void inChild() {
+    for (FileDescriptor& fd : instance().descriptors) fd = FileDescriptor();
+    instance().mutex.unlock();
+  }
+  std::mutex mutex;
+  std::list<FileDescriptor> descriptors;
+};
+
 }  // namespace
 
-FileDescriptor lockTable(const std::string& directory, const std::string& path) {
+TableLock::~TableLock() {
+  if (!held_) return;
+  HeldLocks& all = HeldLocks::instance();
+  const std::scoped_lock hold(all.mutex);
+  all.descriptors.erase(*held_);
+}
+
+TableLock lockTable(const std::string& directory, const std::string& path) {
   const std::string fileName = lockName(directory, path);
+  HeldLocks& all = HeldLocks::instance();
+  const std::scoped_lock hold(all.mutex);
   for (;;) {
     OpenFile file = openOrCreate(fileName, lockMode);
     if (!file.fd) refuse(path, file.fault);
-    // A lock of the open file: gone with its last descriptor like any flock, but one can ask for it without taking it.
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
@@ -97,12 +128,15 @@ FileDescriptor lockTable(const std::string& directory, const std::string& path) 
       refuseErrno(path, fileName);
     }
     // Who cleans up the directory at this moment leaves us with the lock of a file that nobody else will ask for.
-    if (leadsTo(fileName, file.fd)) return std::move(file.fd);
+    if (!leadsTo(fileName, file.fd)) continue;
+    TableLock held;
+    held.held_ = all.descriptors.insert(all.descriptors.end(), std::move(file.fd));
+    return held;
   }
 }
 
-bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock) {
-  return leadsTo(lockName(directory, path), lock);
+bool lockStands(const std::string& directory, const std::string& path, const TableLock& lock) {
+  return lock.held_ && leadsTo(lockName(directory, path), **lock.held_);
 }
 
 std::optional<bool> tableLocked(const std::string& directory, const std::string& path) {
@@ -114,6 +148,8 @@ std::optional<bool> tableLocked(const std::string& directory, const std::string&
   lock.l_whence = SEEK_SET;
   return fcntl(file.fd.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
+
+// --- The table -------------------------------------------------------------------------------------------------------
 
 namespace {
 FileIdentity identityOf(const struct stat& status) {
@@ -127,19 +163,15 @@ FileIdentity fileIdentity(const std::string& fileName) {
 }
 
 TableFile::TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
-                     std::byte* base)
+                     std::byte* base, bool writable)
     : name_(std::move(name)),
       fd_(std::move(fd)),
       geometry_(geometry),
       capacity_(capacity),
-      base_(base),
-      image_(base_, geometry_) {
+      mapping_(base, geometry_.fileSize, writable),
+      image_(base, geometry_) {
   struct stat status {};
   if (fstat(fd_.get(), &status) == 0) identity_ = identityOf(status);
-}
-
-TableFile::~TableFile() {
-  munmap(base_, geometry_.fileSize);
 }
 
 std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const std::string& path,
@@ -157,7 +189,7 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const s
   if (sizeOf(fd.get()) < geometry.fileSize) refuse(path, "the file is shorter than its header says");
   std::byte* base = map(fd.get(), geometry.fileSize, writable);
   if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
-  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, header.capacity, base));
+  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, header.capacity, base, writable));
   if (!writable) table->fd_ = FileDescriptor();  // thousands of tables may be read at a time
   return table;
 }
@@ -171,18 +203,24 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
   if (!file.fd) refuse(path, file.fault);
   FileDescriptor fd = std::move(file.fd);
   const TableGeometry geometry(layout, slots);
-  if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) {
-    const int error = errno;
+  const auto giveUp = [&](const std::string& what) {
+    const int reason = errno;
     unlink(temporary.c_str());
-    errno = error;
-    refuseErrno(path, temporary);
-  }
+    refuseErrno(path, what + ": " + std::strerror(reason), reason);
+  };
+  if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) giveUp(temporary);
   std::byte* base = map(fd.get(), geometry.fileSize, true);
-  if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
+  if (base == nullptr) giveUp("the file cannot be mapped");
+  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, capacity, base, true));
+  // Not the values of variable size, of which a table rarely holds as many as it has places for.
+  if (!table->reserve(0, table->geometry_.heap)) {
+    unlink(temporary.c_str());
+    refuse(path, "no space left on " + directory + " for the table");
+  }
   // A new file is all zero bytes: no slot was ever used and every list is empty.
   const TableHeader header = tableHeader(path, layout, capacity, slots);
   std::memcpy(base, &header, sizeof header);
-  return std::unique_ptr<TableFile>(new TableFile(name, std::move(fd), geometry, capacity, base));
+  return table;
 }
 
 void TableFile::publish() {
@@ -191,6 +229,18 @@ void TableFile::publish() {
 
 bool TableFile::stands() const {
   return leadsTo(name_ + ".table", fd_);
+}
+
+bool TableFile::cutShort() const {
+  return broken() || sizeOf(fd_.get()) < geometry_.fileSize;
+}
+
+bool TableFile::reserve(std::size_t offset, std::size_t end) const {
+  int result = 0;
+  do {
+    result = fallocate(fd_.get(), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(end - offset));
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || (errno != ENOSPC && errno != EDQUOT);
 }
 
 void TableFile::ringDoorbell() const {

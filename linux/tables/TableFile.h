@@ -9,6 +9,7 @@
 
 #include <sys/types.h>
 
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,7 @@
 
 #include "lib/tables/TableFormat.h"
 #include "linux/files/OwnFiles.h"
+#include "linux/tables/MappingGuard.h"
 #include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
@@ -25,11 +27,34 @@ namespace LinuxPlatform {
 // than a file name may be ends in a hash of the path instead; the header tells whose file it is.
 std::string tableFileName(std::string_view path);
 
-// The writer's lock, held while the descriptor lives and let go by the kernel when its process ends. Throws TableError
-// when another holds it.
-FileDescriptor lockTable(const std::string& directory, const std::string& path);
+// The writer's lock on a table, held while the object lives and let go by the kernel when its process ends; or none.
+//
+// It is a lock of the open file, not of the process: two writers in one process exclude each other, and a descriptor of
+// the same file that is opened and closed elsewhere in the process does not let it go. Such a lock lives as long as any
+// copy of its descriptor, so none is left to others: exec closes it, and a child made by fork() closes its copies first
+// of all, before fork() returns there. In the child this object is a lock no more, and its writer's tables are not the
+// child's to write. (One made by a bare clone system call keeps its copies until it calls exec or ends.)
+class TableLock {
+ public:
+  TableLock() = default;
+  TableLock(TableLock&& other) noexcept { swap(other); }
+  TableLock& operator=(TableLock&& other) noexcept {
+    swap(other);
+    return *this;
+  }
+  ~TableLock();
+
+ private:
+  friend TableLock lockTable(const std::string& directory, const std::string& path);
+  friend bool lockStands(const std::string& directory, const std::string& path, const TableLock& lock);
+  void swap(TableLock& other) noexcept { std::swap(held_, other.held_); }
+  std::optional<std::list<FileDescriptor>::iterator> held_;  // among all that this process holds
+};
+
+// Throws TableError when another holds it.
+TableLock lockTable(const std::string& directory, const std::string& path);
 // Whether the lock is still the one that the next writer would ask for.
-bool lockStands(const std::string& directory, const std::string& path, const FileDescriptor& lock);
+bool lockStands(const std::string& directory, const std::string& path, const TableLock& lock);
 // Whether somebody holds it; nothing when it is not for this user to ask.
 std::optional<bool> tableLocked(const std::string& directory, const std::string& path);
 
@@ -69,17 +94,25 @@ class TableFile {
   static std::unique_ptr<TableFile> open(const std::string& directory, const std::string& path,
                                          const Pondra::TableLayout& layout, bool writable);
   // Makes an empty table under its temporary name; publish() gives it its own, replacing an older file. Takes the
-  // writer's lock for granted. Throws TableError when the system refuses.
+  // writer's lock for granted. Throws TableError when the system refuses, or has no room on the disk; no file is left
+  // then.
   static std::unique_ptr<TableFile> create(const std::string& directory, const std::string& path,
                                            const Pondra::TableLayout& layout, std::uint32_t capacity,
                                            std::uint32_t slots);
   void publish();
   // Whether the table's name leads to this file. Writable files only.
   bool stands() const;
+  // Takes room on the disk for these bytes, which lie in the file, so that nobody's access to them can fail. False:
+  // there is none. A filesystem that cannot promise room is believed to have it: it is MappingGuard then that keeps
+  // those alive who touch what it has no room for. Writable files only.
+  bool reserve(std::size_t offset, std::size_t end) const;
+  // Bytes have gone from under the mapping, and somebody has touched them: see MappingGuard.
+  bool broken() const { return mapping_.broken(); }
+  // The same, or they would be gone when somebody did. Writable files only.
+  bool cutShort() const;
 
   TableFile(const TableFile&) = delete;
   TableFile& operator=(const TableFile&) = delete;
-  ~TableFile();
 
   const TableImage& image() const { return image_; }
   std::uint32_t capacity() const { return capacity_; }
@@ -88,14 +121,14 @@ class TableFile {
   void ringDoorbell() const;
 
  private:
-  TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity,
-            std::byte* base);
+  TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity, std::byte* base,
+            bool writable);
 
   std::string name_;   // without suffix, with its directory
   FileDescriptor fd_;  // a writer's, for the doorbell
   TableGeometry geometry_;
   std::uint32_t capacity_;
-  std::byte* base_;
+  MappingGuard mapping_;
   TableImage image_;
   FileIdentity identity_;
 };
