@@ -90,7 +90,9 @@ void list(const TableOptions& options) {
                  {"type", table.typeName},
                  {"entries", table.size},
                  {"capacity", table.capacity},
-                 {"writer", table.writerAlive ? Json(*table.writerAlive) : Json()}});
+                 {"writer", table.writerAlive ? Json(*table.writerAlive) : Json()},
+                 {"generation", table.generation},
+                 {"reconciled", table.reconciled}});
     }
     array.close();
     return;
@@ -102,12 +104,12 @@ void list(const TableOptions& options) {
     typeWidth = std::max(typeWidth, table.typeName.size());
   }
   const auto row = [&](const std::string& path, const std::string& type, const std::string& entries,
-                       const std::string& capacity, const std::string& writer) {
+                       const std::string& capacity, const std::string& writer, const std::string& reconciled) {
     std::cout << std::left << std::setw(static_cast<int>(width) + 2) << printable(path)
               << std::setw(static_cast<int>(typeWidth) + 2) << type << std::right << std::setw(10) << entries
-              << std::setw(10) << capacity << "  " << writer << '\n';
+              << std::setw(10) << capacity << "  " << std::left << std::setw(8) << writer << reconciled << '\n';
   };
-  row("PATH", "TYPE", "ENTRIES", "CAPACITY", "WRITER");
+  row("PATH", "TYPE", "ENTRIES", "CAPACITY", "WRITER", "RECONCILED");
   for (const auto& table : tables) {
     if (!table.fault.empty()) {
       std::cout << printable(table.path) << "  " << printable(table.fault) << '\n';
@@ -116,7 +118,8 @@ void list(const TableOptions& options) {
     row(table.path, table.typeName, std::to_string(table.size), std::to_string(table.capacity),
         !table.writerAlive   ? "unknown"
         : *table.writerAlive ? "alive"
-                             : "none");
+                             : "none",
+        table.reconciled ? "yes" : "no");
   }
 }
 

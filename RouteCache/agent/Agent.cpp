@@ -234,7 +234,7 @@ bool Agent::belongsInSfeTable(const RouteCache::Ipv4Route& hwRoute) const {
 
 // With caching off nobody writes the SFE table: what a predecessor left there with caching on goes.
 void Agent::emptySfeTable() {
-  if (ipv4SfeRouteStatus_->size() == 0) return;
+  if (ipv4SfeRouteStatus_->size() == 0) return ipv4SfeRouteStatus_->reconciledIs();
   sfeTableTask_ =
       std::make_unique<RouteCache::DeferredTask>(*services().scheduler, *trace_, "sfeCleanupTask",
                                                  Platform::TaskPriority::background, [this] { handleSfeCleanup(); });
@@ -251,7 +251,21 @@ void Agent::handleSfeCleanup() {
     if (sfeTableTask_->shouldYield()) break;
   }
   sfeTableTask_->report(handled, ipv4SfeRouteStatus_->size());
-  if (ipv4SfeRouteStatus_->size() > 0) sfeTableTask_->schedule(0);
+  if (ipv4SfeRouteStatus_->size() > 0) {
+    sfeTableTask_->schedule(0);
+  } else {
+    ipv4SfeRouteStatus_->reconciledIs();
+  }
+}
+
+void Agent::reconcileAllTables() {
+  ipv4SfeRouteStatus_->reconciledIs();
+  ipv4HwRouteStatus_->reconciledIs();
+  ipv6HwRouteStatus_->reconciledIs();
+  ipv4AdjStatus_->reconciledIs();
+  ipv6AdjStatus_->reconciledIs();
+  kernelRouteStatus_->reconciledIs();
+  unprogrammedRouteConfig_->reconciledIs();
 }
 
 void Agent::cliCallbackWithFormatIs(const std::string& name, const std::string& commandType, Agent* agent) {
@@ -312,6 +326,7 @@ void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readO
       {std::move(readOnlyIpv4), std::move(ipv4), ipv4AdjStatus_, std::move(ipv6), ipv6AdjStatus_, routeConfig_,
        route6Config_, unprogrammedRouteConfig_, viaConfig_, vrfIdMap_, nextHopConfig_, nextHopStatus_, vtiStatusDir_},
       *services().scheduler, *services().trace, restart);
+  swRouteSm_->initCompleteHandlerIs([this] { reconcileAllTables(); });
   if (inputsReady_) swRouteSm_->handleInitialized();
   services().stateDb->localEntityIs(Paths::swRouteSm, swRouteSm_);
 }

@@ -127,6 +127,8 @@ class Agent final : public Platform::AgentBase {
   bool belongsInSfeTable(const RouteCache::Ipv4Route& hwRoute) const;
   void emptySfeTable();
   void handleSfeCleanup();
+  // The tables' writers mark what they write when they have brought it in line. This marks what is not marked yet.
+  void reconcileAllTables();
   // The state machines that are there start, and those made from now on start at once.
   void inputsAreReady();
 

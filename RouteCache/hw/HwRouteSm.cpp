@@ -157,7 +157,8 @@ void HwRouteSm::handleInitialized() {
 
   thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
   configReactor_ = std::make_unique<ConfigReactor>(*this, in_.routeCacheConfig);
-  Pondra::follow(swRouteReactor_, *this, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute);
+  Pondra::follow(swRouteReactor_, *this, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute, &HwRouteSm::handleSwWriter);
+  sfeReconciled_ = in_.ipv4SfeRouteStatus->reconciled();
   Pondra::follow(sfeHitReactor_, *this, in_.ipv4SfeHitBitStatus, &HwRouteSm::handleSfeRouteHit);
   if (in_.ipv4SfeProgrammedRouteStatus) {
     Pondra::follow(programmedReactor_, *this, in_.ipv4SfeProgrammedRouteStatus, &HwRouteSm::handleSwProgrammedRoute);
@@ -265,6 +266,19 @@ void HwRouteSm::handleSwRoute() {
   trace_(9, __PRETTY_FUNCTION__);
   sfeWalk_.allIs();
   scheduleRouteProcessingTask(routeProcessingInterval_);
+}
+
+void HwRouteSm::handleSwWriter() {
+  trace_(9, __PRETTY_FUNCTION__);
+  sfeReconciled_ = in_.ipv4SfeRouteStatus->reconciled();
+  reconcile();
+}
+
+void HwRouteSm::reconcile() {
+  if (!sfeReconciled_ || in_.ipv4HwRouteStatus->reconciled()) return;
+  const bool allDecided = !routeToProcess_.hasFresh() && !withoutAdjacency_.readyKey() && !hwWalk_.pending() &&
+                          !sfeWalk_.pending() && !hitWalk_.pending() && !sfeRouteHitToProcess_.freshKey();
+  if (allDecided) in_.ipv4HwRouteStatus->reconciledIs();
 }
 
 void HwRouteSm::handleAdjacency(const AdjId& adjId) {
@@ -489,6 +503,7 @@ void HwRouteSm::handleRouteProcessing() {
   const auto delay = runQueue(routeProcessingTask_, routeToProcess_, routeProcessingInterval_,
                               routeProcessingIntervalDefer_, [this] { return processNextRoute(); });
   if (delay) scheduleRouteProcessingTask(*delay);
+  reconcile();
 }
 
 // Fresh routes and those whose adjacency has come, then one entry of a walk, then those that wait for room while there
@@ -531,6 +546,7 @@ void HwRouteSm::handleSfeRouteHitProcessing() {
   std::uint64_t handled = 0;
   const bool more = workOff(sfeRouteHitProcessingTask_, handled, [this] { return processNextHit(); });
   sfeRouteHitProcessingTask_.report(handled, sfeRouteHitToProcess_.size());
+  reconcile();
   if (more) {
     scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
     return;

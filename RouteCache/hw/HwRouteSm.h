@@ -16,7 +16,9 @@
 // admitted, and leaves if that happens to it while it is in hardware. Its adjacency's coming brings it again.
 //
 // Restart. What stands in the hardware table is kept: start-up decides every route of the table and of the SFE's
-// again, and only one that the SFE does not have, or that has no adjacency, is removed.
+// again, and only one that the SFE does not have, or that has no adjacency, is removed. The hardware table is
+// reconciled when the SFE's is and everything that stood in the two, was hit or has changed by then has been decided;
+// what waits for room or for its adjacency has been.
 //
 // Invariants, between any two callbacks (checkInvariants):
 //   - space left + entries of the hardware table = capacity + space debt, and there is a debt only at no space left;
@@ -82,8 +84,9 @@ class HwRouteSm final : public Lattis::Entity {
   // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
   void handleThresholdConfig();
   void handleSwRoute(const Key& key);
-  void handleSwRoute();  // every SFE route
-  void handleHwRoute();  // every route of the hardware table
+  void handleSwRoute();   // every SFE route
+  void handleSwWriter();  // whether the SFE's table is reconciled
+  void handleHwRoute();   // every route of the hardware table
   void handleSfeRouteHit(const Key& key);
   void handleSfeRouteHit();  // every route with an SFE hit bit
   // Counts only while Config::ageingKeepsRoute is set.
@@ -232,6 +235,7 @@ class HwRouteSm final : public Lattis::Entity {
   void removeAgedRoute(const Ipv4Route& hwRoute);
   void publishSpace();
   bool processNextRoute();
+  void reconcile();
   void processWalked(const std::optional<Key>& key);
   void processSfeWalked(const std::optional<Key>& key);
   bool processNextHit();
@@ -260,6 +264,7 @@ class HwRouteSm final : public Lattis::Entity {
   std::unique_ptr<CachePolicy> policy_;
   Platform::TraceHandle trace_;
   bool initialized_ = false;
+  bool sfeReconciled_ = false;  // and all that had changed by then has been queued
 
   bool enableRouteCache_ = false;
   bool admitAgedUnhit_ = false;

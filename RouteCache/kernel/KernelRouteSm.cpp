@@ -118,8 +118,12 @@ std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs
 void KernelRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
-  Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute);
-  Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute);
+  Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute,
+                 &KernelRouteSm::handleSwWriter<Ipv4Family>);
+  Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute,
+                 &KernelRouteSm::handleSwWriter<Ipv6Family>);
+  handleSwWriter<Ipv4Family>();
+  handleSwWriter<Ipv6Family>();
   Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
   Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
   vrfIdReactor_ = std::make_unique<VrfIdFollower<KernelRouteSm>>(*this, in_.vrfIdMap);
@@ -199,6 +203,24 @@ void KernelRouteSm::handleIpv6SwRoute() {
   trace_(9, __PRETTY_FUNCTION__);
   sides_.v6.walk.allIs();
   scheduleIpv6RouteProcessingTask(routeProcessingInterval_);
+}
+
+template <class Family>
+void KernelRouteSm::handleSwWriter() {
+  trace_(9, __PRETTY_FUNCTION__);
+  sides_.of<Family>().reconciled = sides_.of<Family>().routes.reconciled();
+  reconcile();
+}
+
+void KernelRouteSm::reconcile() {
+  if (in_.kernelRouteStatus->reconciled()) return;
+  const auto allDecided = [](const auto& side) {
+    return side.reconciled && !side.toProcess.hasFresh() && side.trieSweep.empty() && !side.walk.pending();
+  };
+  const bool walked = synced_ && currentKernelRouteVrfIdColl_.empty() && nextKernelRouteVrfIdColl_.empty();
+  if (walked && allDecided(sides_.v4) && allDecided(sides_.v6)) {
+    in_.kernelRouteStatus->reconciledIs();
+  }
 }
 
 void KernelRouteSm::handleIpv4CachedRoute(const Ipv4RouteVrfKey& key) {
@@ -416,6 +438,7 @@ void KernelRouteSm::handleRouteProcessing() {
   const auto delay = runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
                               [this] { return processNext<Family>(); });
   if (delay) side.task.schedule(*delay);
+  reconcile();
 }
 
 // Fresh keys, then one prefix of a trie or one entry of a walk, then those that wait while there is room for them, then
@@ -485,6 +508,7 @@ void KernelRouteSm::handleKernelRouteSync() {
     if (piVrfId == std::numeric_limits<std::uint32_t>::max()) break;
     route = table.lowerBound(RouteKey(piVrfId + 1, IpGenPrefix()));
   }
+  reconcile();
 }
 
 void KernelRouteSm::handleKernelRouteProcessing() {
@@ -516,6 +540,7 @@ void KernelRouteSm::handleKernelRouteProcessing() {
   if (!currentKernelRouteVrfIdColl_.empty()) {
     scheduleKernelRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
   }
+  reconcile();
 }
 
 void KernelRouteSm::processKernelRoute(const RouteKey& key) {

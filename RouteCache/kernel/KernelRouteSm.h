@@ -15,7 +15,8 @@
 // walk goes through the kernel table itself, for VRFs that have gone: their published routes may have gone before them.
 //
 // Restart. The kernel table that is found is adopted: a route is written only when it differs. Stale ones go with the
-// first kernel walk over all of it, which leaves the switch as long to bring its VRFs as the route syncs do.
+// first kernel walk over all of it, which leaves the switch as long to bring its VRFs as the route syncs do. The kernel
+// table is reconciled when the published tables are, that walk is over and what had changed by then has been decided.
 //
 // Invariants, between any two callbacks (checkInvariants):
 //   - every published route and every cached prefix of a mapped VRF stands in the kernel table exactly if the decision
@@ -78,6 +79,8 @@ class KernelRouteSm final : public Lattis::Entity {
   void handleIpv4SwRoute();  // every published route
   void handleIpv6SwRoute(const Ipv6RouteVrfKey& key);
   void handleIpv6SwRoute();
+  template <class Family>
+  void handleSwWriter();  // whether the published table is reconciled
   void handleIpv4CachedRoute(const Ipv4RouteVrfKey& key);
   void handleIpv6CachedRoute(const Ipv6RouteVrfKey& key);
   void handleVrfId(std::uint32_t piVrfId);
@@ -169,6 +172,7 @@ class KernelRouteSm final : public Lattis::Entity {
     const Routing::Rib::RouteConfig& config;
     Queue<Key> toProcess;
     CoveredRoutesWalk<RouteStatus<Family>> walk;
+    bool reconciled = false;  // the published table, and all that had changed by then has been queued
     // Tries by hardware VRF id whose prefixes are to be queued, from this one on.
     std::map<std::uint32_t, typename Family::Prefix> trieSweep;
     DeferredTask task;
@@ -199,6 +203,7 @@ class KernelRouteSm final : public Lattis::Entity {
   void deleteKernelRoute(const RouteKey& key);
   template <class Family>
   void handleRouteProcessing();
+  void reconcile();
   template <class Family>
   bool processNext();
   template <class Family>

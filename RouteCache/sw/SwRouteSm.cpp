@@ -229,6 +229,8 @@ void SwRouteSm::handleLeftoverProcessing() {
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
 void SwRouteSm::routesProcessed() {
+  if (!routeToProcess_.hasFresh() && !configWalk_.pending()) processedOnce_ = true;
+  reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
   if (!routeToProcess_.empty() || configWalk_.pending()) return;
   if (restart_) {
@@ -236,6 +238,16 @@ void SwRouteSm::routesProcessed() {
     scheduleVtepResolutionCleanupTask(0);
   }
   restart_ = false;
+}
+
+void SwRouteSm::reconcile() {
+  if (!processedOnce_ || !sides_.v4.sync.endedOnce() || !sides_.v6.sync.endedOnce()) return;
+  if (in_.unprogrammedRouteConfig->reconciled()) return;
+  in_.ipv4RouteStatus->reconciledIs();
+  in_.ipv6RouteStatus->reconciledIs();
+  in_.ipv4AdjStatus->reconciledIs();
+  in_.ipv6AdjStatus->reconciledIs();
+  in_.unprogrammedRouteConfig->reconciledIs();
 }
 
 // Routes that a reaction has put in, and those that a walk over the configuration brings. False: it is time to yield.
@@ -537,6 +549,7 @@ void SwRouteSm::handleInitComplete() {
     scheduleVtepResolutionCleanupTask(0);
   }
   restart_ = false;
+  if (initCompleteHandler_) initCompleteHandler_();
 }
 
 // --- Route syncs -----------------------------------------------------------------------------------------------------
@@ -558,6 +571,7 @@ void SwRouteSm::routeSync(std::string_view name) {
   const bool ended =
       side.sync.run(side.syncTask, name, [this](const BasicRouteVrfKey<Family>& key) { deleteRoute<Family>(key); });
   updateRetention();
+  reconcile();
   if (!ended) side.syncTask.schedule(0);
 }
 

@@ -14,6 +14,8 @@
 //
 // Restart. The tables outlive the agent. A route that a predecessor published and that this life has not processed yet
 // is *inherited*: it holds no reference and no registration. Its first processing makes it an ordinary one.
+// Once both route syncs have ended and every configured route has been processed, whatever became of it, the tables are
+// reconciled.
 //
 // Invariants, between any two callbacks (checkInvariants), beside those of Adjacencies and Underlay:
 //   - for each identifier: references = published, not inherited routes that name it;
@@ -24,6 +26,7 @@
 // Identifier number 0 (the free list ran out) stands for no adjacency and holds nothing.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -177,6 +180,9 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   void handleRouteSync();
   void handleRoute6Sync();
   void handleInitComplete();
+  // Called when initInterval has passed since route processing was enabled: nobody waits longer for the end of a
+  // restart.
+  void initCompleteHandlerIs(std::function<void()> handler) { initCompleteHandler_ = std::move(handler); }
   void scheduleRouteProcessingTask(double seconds) { routeProcessingTask_.schedule(seconds); }
   void scheduleLeftoverProcessingTask(double seconds) { leftoverProcessingTask_.schedule(seconds); }
   void scheduleUnprogrammedRecordTask(double seconds) { unprogrammedRecordTask_.schedule(seconds); }
@@ -301,6 +307,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   template <class Family>
   bool hasRoomForWaiting() const;
   void routesProcessed();
+  void reconcile();
   void processVisited(const RouteQueue::Visit& visit);
 
   template <class Family>
@@ -322,6 +329,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   bool enableRouteProcessing_ = false;
   const bool restarted_;  // what restart_ was at first
   bool restart_;
+  bool processedOnce_ = false;  // every route that was configured when route processing was enabled
+  std::function<void()> initCompleteHandler_;
   double routeProcessingInterval_ = 0;
   double routeProcessingIntervalDefer_ = 1.0;
   double adjProcessingInterval_ = 0;

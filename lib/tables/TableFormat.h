@@ -157,6 +157,8 @@ static_assert(sizeof(TableHeader) == 1272, "other processes read these bytes");
 //       32     8  highWater       slots from this number on have never been used
 //       40     8  doorbell        written with write(2), never mapped stores: wakes those who watch the file
 //       48    64  heads           first node of each level of the ordered list
+//      112     8  generation      of the writer: counted on by each that takes the table over; 0: none has yet
+//      120     8  reconciled      the generation whose writer has last said that the table holds what it should
 struct TableState {
   std::uint64_t headSequence;
   std::uint64_t liveCount;
@@ -165,8 +167,10 @@ struct TableState {
   std::uint64_t highWater;
   std::uint64_t doorbell;
   std::uint32_t heads[maxLevels];
+  std::uint64_t generation;
+  std::uint64_t reconciled;
 };
-static_assert(sizeof(TableState) == 112, "other processes read these bytes");
+static_assert(sizeof(TableState) == 128, "other processes read these bytes");
 inline constexpr std::size_t tableStateOffset = 2048;
 
 // What the ordered index takes, beside the heads in the state.

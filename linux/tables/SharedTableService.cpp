@@ -50,19 +50,24 @@ std::uint32_t capacityFrom(const std::string& path, const Pondra::TableLayout& l
 }  // namespace
 
 SharedTableService::SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
-                                       std::function<void()> deliveryWanted)
+                                       std::function<void()> deliveryWanted, MissingDirectory missing)
     : types_(types),
       runDirectory_(runDirectory),
       context_(std::make_shared<TableServiceContext>()),
       wakeup_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
   context_->directory = tableDirectory(runDirectory);
   context_->deliveryWanted = std::move(deliveryWanted);
+  if (missing == MissingDirectory::isMade) makeDirectories();
+}
+
+void SharedTableService::makeDirectories() {
   try {
     makeDirectory(runDirectory_);
     makeDirectory(context_->directory);
   } catch (const std::runtime_error& error) {
     throw TableError(error.what());
   }
+  if (watchWanted_) watchDirectory();
 }
 
 SharedTableService::~SharedTableService() {
@@ -109,6 +114,7 @@ void SharedTableService::addMount(const std::string& path, const std::string& ty
 // In a directory that others may write into, a writer's files could become theirs.
 void SharedTableService::checkOwner(const std::string& path) {
   if (ownerChecked_) return;
+  makeDirectories();
   try {
     checkOwnDirectory(runDirectory_);
     checkOwnDirectory(context_->directory);
@@ -282,13 +288,21 @@ std::vector<TableFileInfo> tableFiles(const std::string& runDirectory) {
     if (file.path().extension() != ".table") continue;
     const TableFileHeader read = readTableHeader(file.path().string());
     if (!read.fault.empty()) {
-      tables.push_back({file.path().filename().string(), {}, {}, 0, 0, std::nullopt, read.fault});
+      TableFileInfo& table = tables.emplace_back();
+      table.path = file.path().filename().string();
+      table.fault = read.fault;
       continue;
     }
     const TableHeader& header = read.header;
-    const auto writerAlive = tableLocked(tableDirectory(runDirectory), header.path);
-    tables.push_back(
-        {header.path, header.typeName, header.collection, read.liveCount, header.capacity, writerAlive, {}});
+    tables.push_back({.path = header.path,
+                      .typeName = header.typeName,
+                      .collection = header.collection,
+                      .size = read.liveCount,
+                      .capacity = header.capacity,
+                      .generation = read.generation,
+                      .reconciled = read.generation != 0 && read.generation == read.reconciled,
+                      .writerAlive = tableLocked(tableDirectory(runDirectory), header.path),
+                      .fault = {}});
   }
   std::sort(tables.begin(), tables.end(), [](const auto& a, const auto& b) { return a.path < b.path; });
   return tables;

@@ -23,14 +23,18 @@ namespace LinuxPlatform {
 struct TableServiceContext;
 class TableCollection;
 
+// What a service does about a run directory that is not there yet: makes it, or leaves that to the first writer's
+// mount.
+enum class MissingDirectory : std::uint8_t { isMade, isAwaited };
+
 class SharedTableService final : public Pondra::TableService {
  public:
-  // Makes the directory when it is missing; throws TableError when it cannot. `types` outlives the service. Readers may
+  // Throws TableError when it cannot make the directory. `types` outlives the service. Readers may
   // be another user's, if the modes let them; a writer's mount throws when the directory is not its own user's alone.
   // `deliveryWanted` is called when there is something to deliver, from inside a write or handleWakeup() and at most
   // once between two deliveries: it schedules a call of deliverChanges().
   SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
-                     std::function<void()> deliveryWanted = {});
+                     std::function<void()> deliveryWanted = {}, MissingDirectory missing = MissingDirectory::isMade);
   ~SharedTableService() override;
 
   void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
@@ -72,6 +76,7 @@ class SharedTableService final : public Pondra::TableService {
   void addMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
                 const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable);
   std::shared_ptr<Lattis::Entity> directoryOf(const std::string& path);
+  void makeDirectories();
   void watchDirectory();
   void checkOwner(const std::string& path);
   bool namesChanged();
@@ -103,6 +108,8 @@ struct TableFileInfo {
   std::string collection;
   std::size_t size = 0;
   std::size_t capacity = 0;
+  std::uint64_t generation = 0;     // of the writer, alive or dead
+  bool reconciled = false;          // that writer has brought the table in line
   std::optional<bool> writerAlive;  // nothing: this user cannot tell
   std::string fault;                // why the file is no table; empty: it is one
 };

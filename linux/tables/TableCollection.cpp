@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 
 #include "platform/values/Assert.h"
@@ -16,6 +18,19 @@ using Pondra::WriteResult;
 namespace {
 // A writer that forgets to flush is noticed after so many writes.
 constexpr std::uint32_t writesPerFlush = 4096;
+
+template <std::size_t size>
+std::string textIn(const char (&text)[size]) {
+  return {text, strnlen(text, size)};
+}
+
+// The layout that a good header names; without a type's name when nobody can have made the sizes.
+Pondra::TableLayout layoutIn(const TableHeader& header) {
+  constexpr std::uint32_t largestValue = 1 << 20;  // bytes; far beyond any type's
+  if (header.keySize == 0 || header.keySize > Pondra::maxKeySize || header.maxValueSize > largestValue) return {};
+  return {textIn(header.typeName), textIn(header.collection), header.layoutVersion,
+          header.keySize,          header.maxValueSize,       header.variableSize != 0};
+}
 }  // namespace
 
 void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
@@ -44,7 +59,7 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
   } else {
     const FileIdentity identity = fileIdentity(fileName());
     try {
-      file_ = TableFile::open(context_->directory, path_, layout_, false);
+      file_ = openForReading();
     } catch (const TableError& error) {
       if (unreadable == Unreadable::error) throw;
       found_ = true;
@@ -63,9 +78,21 @@ std::function<bool(std::size_t offset, std::size_t end)> TableCollection::roomIn
   };
 }
 
+std::unique_ptr<TableFile> TableCollection::openForReading() {
+  if (!layout_.typeName.empty()) return TableFile::open(context_->directory, path_, layout_, false);
+  if (fileIdentity(fileName()) == FileIdentity()) return nullptr;
+  const TableFileHeader found = readTableHeader(fileName());
+  if (!found.fault.empty()) throw TableError(path_ + " mount: " + found.fault);
+  Pondra::TableLayout layout = layoutIn(found.header);
+  auto file = TableFile::open(context_->directory, path_, layout, false);
+  if (file) layout_ = std::move(layout);
+  return file;
+}
+
 void TableCollection::openForWriting(std::uint32_t capacity) {
   lock_ = lockTable(context_->directory, path_);
   file_ = TableFile::open(context_->directory, path_, layout_, true);
+  beginGeneration();
   if (file_ && file_->capacity() != capacity) {
     const TableWriter oldEntries(file_->image(), file_->capacity(), report_);
     copyToNewFile(capacity, oldEntries.size());
@@ -73,8 +100,48 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
     const bool isNew = !file_;
     if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
     writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
+    storeWriterWords(*file_);
     if (isNew) file_->publish();
   }
+}
+
+// A new table begins with the time, in microseconds: made anew after it was lost, it does not look like the same
+// writer's.
+void TableCollection::beginGeneration() {
+  if (file_) ownWords_ = wordsIn(*file_);
+  if (ownWords_.generation == 0) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    ownWords_.generation =
+        static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+  } else {
+    ++ownWords_.generation;
+  }
+}
+
+void TableCollection::storeWriterWords(const TableFile& file) const {
+  TableState& state = file.image().state();
+  store(state.generation, ownWords_.generation);
+  store(state.reconciled, ownWords_.reconciled);
+  file.ringDoorbell();
+}
+
+TableCollection::WriterWords TableCollection::wordsIn(const TableFile& file) {
+  const TableState& state = file.image().state();
+  return {load(state.generation), load(state.reconciled)};
+}
+
+bool TableCollection::reconciled() const {
+  const WriterWords words = writerWords();
+  return words.generation != 0 && words.generation == words.reconciled;
+}
+
+void TableCollection::reconciledIs() {
+  writerFor("ReconciledIs");
+  if (reconciled()) return;
+  ownWords_.reconciled = ownWords_.generation;
+  unflushed_ = 0;
+  storeWriterWords(*file_);
+  if (follower_ && dueIs()) context_->wantDelivery();
 }
 
 // Copies the entries into a file of this capacity and puts it in the place of the old one, which its readers go on
@@ -84,6 +151,7 @@ void TableCollection::copyToNewFile(std::uint32_t capacity, std::size_t entries)
   std::shared_ptr<TableFile> next = TableFile::create(context_->directory, path_, layout_, capacity, slots);
   auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_);
   writer->copyFrom(TableView(file_->image(), report_));
+  storeWriterWords(*next);
   next->publish();
   writer_ = std::move(writer);
   file_ = std::move(next);
@@ -180,6 +248,7 @@ std::uint64_t TableCollection::follow(Sink* sink) {
   sink_ = nullptr;
   follower_.reset();
   streaming_ = false;
+  toldWriter_ = writerWords();
   if (sink != nullptr) {
     sink_ = sink;
     follower_ = std::make_shared<ChangeFollower>(report_);
@@ -191,8 +260,22 @@ std::uint64_t TableCollection::follow(Sink* sink) {
 
 bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
   const std::shared_ptr<ChangeFollower> follower = follower_;
+  if (!follower) return true;
+  const WriterWords writer = writerWords();
+  if (std::exchange(toldWriter_.generation, writer.generation) != writer.generation) {
+    sink_->writerChanged();
+    if (follower_ != follower) return true;
+  }
+  const bool changes = streaming_ || follower->pending();
+  if (changes && !deliverKeys(follower, shouldYield)) return follower_ != follower;
+  if (std::exchange(toldWriter_, writer) != writer) sink_->writerChanged();
+  return !pending();
+}
+
+// False: the sink does not follow any more, or there is more to deliver.
+bool TableCollection::deliverKeys(const std::shared_ptr<ChangeFollower>& follower,
+                                  const std::function<bool()>& shouldYield) {
   const std::shared_ptr<TableFile> file = file_;  // the sink may unmount the table
-  if (!follower || !(streaming_ || follower->pending())) return true;
   // The sink may stop following, or start again, from inside any of its calls.
   const auto followed = [&] { return follower_ == follower; };
   if (!streaming_) {
@@ -209,11 +292,10 @@ bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
     sink_->keyChanged(key, file->broken() ? newestTold_ : sequenceBase_ + sequence);
     return followed() && !shouldYield();
   });
-  if (!followed()) return true;
-  if (follower->pending()) return false;
+  if (!followed() || follower->pending()) return false;
   streaming_ = false;
   sink_->quiescedChanged(true);
-  return !pending();
+  return followed();
 }
 
 void TableCollection::checkReplacement(bool retry) {
@@ -241,7 +323,7 @@ void TableCollection::adoptReplacement() {
   std::unique_ptr<TableFile> next;
   const FileIdentity identity = fileIdentity(fileName());
   try {
-    next = TableFile::open(context_->directory, path_, layout_, false);
+    next = openForReading();
   } catch (const TableError& error) {
     refuseFile(identity, error);
   }

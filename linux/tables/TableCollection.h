@@ -48,15 +48,20 @@ struct TableServiceContext {
 
 class TableCollection final : public Pondra::SharedCollection, public std::enable_shared_from_this<TableCollection> {
  public:
-  // Opens the table: a reader's may be missing. Throws TableError.
+  // Opens the table: a reader's may be missing. Throws TableError. A reader's layout without a type's name stands for
+  // whatever layout the first file has that it can read.
   TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, Pondra::MountKind kind,
                   Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable = Unreadable::error);
 
+  const Pondra::TableLayout& layout() const { return layout_; }
   const std::string& path() const override { return path_; }
   Pondra::MountKind kind() const override { return kind_; }
   bool mounted() const override { return file_ != nullptr; }
   std::size_t size() const override;
   std::size_t capacity() const override { return file_ ? file_->capacity() : 0; }
+  std::uint64_t generation() const override { return writerWords().generation; }
+  bool reconciled() const override;
+  void reconciledIs() override;
   std::optional<std::size_t> find(Bytes key, MutableBytes value) const override;
   bool has(Bytes key) const override;
   std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
@@ -71,7 +76,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void close();
   // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
   bool deliver(const std::function<bool()>& shouldYield);
-  bool pending() const { return replacementDue_ || streaming_ || (follower_ && follower_->pending()); }
+  bool pending() const {
+    return replacementDue_ || streaming_ || (follower_ && (follower_->pending() || writerWords() != toldWriter_));
+  }
   // Puts the table among those that the next delivery looks at; false: it is one already.
   bool dueIs();
   void dueTaken() { due_ = false; }
@@ -90,9 +97,21 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void checkInvariants() const;
 
  private:
+  // What the table's state says of its writer; zeros without a file.
+  struct WriterWords {
+    std::uint64_t generation = 0;
+    std::uint64_t reconciled = 0;
+    bool operator==(const WriterWords&) const = default;
+  };
+  static WriterWords wordsIn(const TableFile& file);
+  WriterWords writerWords() const { return file_ ? wordsIn(*file_) : WriterWords(); }
+  // This writer's come after those of the one before.
+  void beginGeneration();
+  void storeWriterWords(const TableFile& file) const;
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
   // What a writer asks for room in its file. That the disk is full is told once, until there is room again.
   std::function<bool(std::size_t offset, std::size_t end)> roomIn(const TableFile& file);
+  std::unique_ptr<TableFile> openForReading();
   void openForWriting(std::uint32_t capacity);
   void copyToNewFile(std::uint32_t capacity, std::size_t entries);
   bool ownFilesStand() const;
@@ -101,6 +120,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   // The counter may be among what was cut off.
   std::uint64_t nextBase() const { return std::max(lastSequence(), newestTold_) + 1; }
   void tellBroken();
+  bool deliverKeys(const std::shared_ptr<ChangeFollower>& follower, const std::function<bool()>& shouldYield);
   void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
   void written();
   TableWriter& writerFor(std::string_view operation);
@@ -115,11 +135,13 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
+  WriterWords ownWords_;         // a writer's
   std::uint32_t unflushed_ = 0;  // writes since the last flush
 
   Sink* sink_ = nullptr;
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
   bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
+  WriterWords toldWriter_;                    // what the sink knows of the writer
   std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
   std::uint64_t newestTold_ = 0;              // of the sequences that the sink knows
   bool due_ = false;

@@ -255,9 +255,15 @@ TableFileHeader readTableHeader(const std::string& fileName) {
   const OpenFile file = openToRead(fileName);
   if (!file.fd) {
     result.fault = file.fault.empty() ? std::strerror(ENOENT) : file.fault;
-  } else if (!readAt(file.fd.get(), &result.header, sizeof result.header, 0) ||
-             !readAt(file.fd.get(), &result.liveCount, sizeof result.liveCount,
-                     tableStateOffset + offsetof(TableState, liveCount))) {
+    return result;
+  }
+  const auto readState = [&](std::uint64_t& word, std::size_t offset) {
+    return readAt(file.fd.get(), &word, sizeof word, tableStateOffset + offset);
+  };
+  if (!readAt(file.fd.get(), &result.header, sizeof result.header, 0) ||
+      !readState(result.liveCount, offsetof(TableState, liveCount)) ||
+      !readState(result.generation, offsetof(TableState, generation)) ||
+      !readState(result.reconciled, offsetof(TableState, reconciled))) {
     result.fault = "the file is too short for a table";
   } else {
     result.fault = headerFault(result.header);

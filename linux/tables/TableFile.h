@@ -137,6 +137,8 @@ class TableFile {
 struct TableFileHeader {
   TableHeader header{};
   std::uint64_t liveCount = 0;
+  std::uint64_t generation = 0;
+  std::uint64_t reconciled = 0;
   std::string fault;  // empty: the header is good
 };
 TableFileHeader readTableHeader(const std::string& fileName);

@@ -68,11 +68,18 @@ void TableEntity::keyChanged(Bytes key, std::uint64_t sequence) {
   deliverKey(key, sequence);
 }
 
+void TableEntity::writerChanged() {
+  const auto keepAlive = shared_from_this();
+  deliverWriter();
+}
+
 const Lattis::EntityType& TableEntity::entityType() const {
   static const Lattis::EntityType type{"Pondra::Table",
                                        {Lattis::readOnlyField<TableEntity, &TableEntity::mounted>("mounted"),
                                         Lattis::readOnlyField<TableEntity, &TableEntity::size>("size"),
-                                        Lattis::readOnlyField<TableEntity, &TableEntity::capacity>("capacity")},
+                                        Lattis::readOnlyField<TableEntity, &TableEntity::capacity>("capacity"),
+                                        Lattis::readOnlyField<TableEntity, &TableEntity::generation>("generation"),
+                                        Lattis::readOnlyField<TableEntity, &TableEntity::reconciled>("reconciled")},
                                        {}};
   return type;
 }

@@ -16,6 +16,9 @@
 //   change. When the table is replaced (for another capacity, say), the keys under which the two differ are changes.
 // - Damage is reported to the corruption handler; nobody crashes on it, loops for ever or reads out of bounds.
 // - A write that finds no room is a TableError, and changes nothing.
+// - A table counts its writers: every one that takes it begins another generation, in which the table is not reconciled
+//   until its writer says so. Before that an entry may be missing that will come back, and one stand that will go: what
+//   the writer before it knew is not all known again. A writer that puts its removed table back goes on as before.
 #pragma once
 
 #include <array>
@@ -99,6 +102,9 @@ class SharedCollection {
     virtual void quiescedChanged(bool quiesced) = 0;
     // From inside unmount(), too: mounted() is false then, and reads find nothing.
     virtual void mountStatusChanged() = 0;
+    // generation() or reconciled() has changed. Of a generation this tells before its changes, and that it is
+    // reconciled after all changes that were made by then.
+    virtual void writerChanged() {}
   };
 
   virtual ~SharedCollection() = default;
@@ -108,6 +114,13 @@ class SharedCollection {
   virtual bool mounted() const = 0;
   virtual std::size_t size() const = 0;
   virtual std::size_t capacity() const = 0;
+  // Of the table's writer, alive or dead; to be compared for equality. 0 while a reader waits for the table.
+  virtual std::uint64_t generation() const = 0;
+  // Whether that writer has said so.
+  virtual bool reconciled() const = 0;
+  // Writer only: the table holds what it should, and what is missing is gone. Until another writer takes it; wakes
+  // those who follow the table.
+  virtual void reconciledIs() = 0;
 
   // Copies the value under the key into `value` (at least maxValueSize bytes) and returns its size; nothing: no entry.
   virtual std::optional<std::size_t> find(Bytes key, MutableBytes value) const = 0;
@@ -143,6 +156,10 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   bool writable() const { return control_ && control_->kind() == MountKind::writer; }
   std::size_t size() const { return control_ ? control_->size() : 0; }
   std::size_t capacity() const { return control_ ? control_->capacity() : 0; }
+  // See SharedCollection.
+  std::uint64_t generation() const { return control_ ? control_->generation() : 0; }
+  bool reconciled() const { return control_ && control_->reconciled(); }
+  void reconciledIs() { writableFor("reconciledIs").reconciledIs(); }
   // True while there is room for one more key.
   bool hasRoom() const { return size() < capacity(); }
 
@@ -169,7 +186,8 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   };
   virtual std::unique_ptr<Watcher> watchText(std::function<void(const std::string& key)> changed) const = 0;
 
-  // Attributes "mounted", "size", "capacity", read only: a table's entries are reached through the table service.
+  // Attributes "mounted", "size", "capacity", "generation", "reconciled", read only: a table's entries are reached
+  // through the table service.
   const Lattis::EntityType& entityType() const override;
 
  protected:
@@ -191,9 +209,11 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   virtual void deliverKey(Bytes key, std::uint64_t sequence) = 0;
   virtual void deliverQuiesced(bool quiesced) = 0;
   virtual void deliverMountStatus() = 0;
+  virtual void deliverWriter() = 0;
   void keyChanged(Bytes key, std::uint64_t sequence) final;
   void quiescedChanged(bool quiesced) final { deliverQuiesced(quiesced); }
   void mountStatusChanged() final { deliverMountStatus(); }
+  void writerChanged() final;
 
   std::shared_ptr<SharedCollection> control_;
   std::shared_ptr<Lattis::Entity> parent_;
@@ -245,6 +265,8 @@ class Table : public TableEntity {
     virtual void handleQuiesced(bool /*quiesced*/) {}
     // The table has appeared, become readable, or been unmounted: mounted() tells which.
     virtual void handleMountStatus() {}
+    // generation() or reconciled() tells something new.
+    virtual void handleWriter() {}
 
    private:
     friend class Table;
@@ -407,6 +429,9 @@ class Table : public TableEntity {
     } else {
       control()->reportCorruption("a key that cannot be decoded");
     }
+  }
+  void deliverWriter() final {
+    reactors_.notify([](Reactor& reactor) { reactor.handleWriter(); });
   }
   // The notify and commit operations of the derived class, under its collection's name.
   virtual void keyNotify(const Key& key) = 0;

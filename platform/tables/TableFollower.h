@@ -1,5 +1,6 @@
 // Follows a shared table for somebody else: hands the key of each entry that was added, changed or removed on to a
-// member function, which tells by a lookup what has become of it. Made and destroyed by the one it works for.
+// member function, which tells by a lookup what has become of it, and news of the table's writer to another, if there
+// is one. Made and destroyed by the one it works for.
 #pragma once
 
 #include <memory>
@@ -12,22 +13,28 @@ template <class Table, class Owner>
 class TableFollower final : public Table::Reactor {
  public:
   using Handler = void (Owner::*)(const typename Table::Key&);
+  using WriterHandler = void (Owner::*)();
 
-  TableFollower(Owner& owner, std::shared_ptr<const Table> table, Handler handler)
-      : Table::Reactor(std::move(table)), owner_(owner), handler_(handler) {}
+  TableFollower(Owner& owner, std::shared_ptr<const Table> table, Handler handler, WriterHandler writerHandler)
+      : Table::Reactor(std::move(table)), owner_(owner), handler_(handler), writerHandler_(writerHandler) {}
   void handleEntry(const typename Table::Key& key) override { (owner_.*handler_)(key); }
+  void handleWriter() override {
+    if (writerHandler_ != nullptr) (owner_.*writerHandler_)();
+  }
 
  private:
   Owner& owner_;
   const Handler handler_;
+  const WriterHandler writerHandler_;
 };
 
 // Makes a follower, which hears of the table's changes from now on.
 template <class Table, class Owner>
 void follow(std::unique_ptr<TableFollower<Table, Owner>>& follower, Owner& owner,
             std::type_identity_t<std::shared_ptr<const Table>> table,
-            typename TableFollower<Table, Owner>::Handler handler) {
-  follower = std::make_unique<TableFollower<Table, Owner>>(owner, std::move(table), handler);
+            typename TableFollower<Table, Owner>::Handler handler,
+            typename TableFollower<Table, Owner>::WriterHandler writerHandler = nullptr) {
+  follower = std::make_unique<TableFollower<Table, Owner>>(owner, std::move(table), handler, writerHandler);
 }
 
 }  // namespace Pondra

@@ -84,12 +84,14 @@ class Follower final : public TableType::Reactor {
   }
   void handleQuiesced(bool quiesced) override { quiescedHeard.push_back(quiesced); }
   void handleMountStatus() override { ++mountStatusHeard; }
+  void handleWriter() override { writerHeard.emplace_back(table_->reconciled(), heard.size()); }
 
   std::vector<std::uint64_t> take() { return std::exchange(heard, {}); }
 
   std::vector<std::uint64_t> heard;
   std::vector<bool> quiescedHeard;
   int mountStatusHeard = 0;
+  std::vector<std::pair<bool, std::size_t>> writerHeard;  // reconciled; the keys heard by then
   std::map<std::uint64_t, typename TableType::Value> believed;
   std::function<void(std::uint64_t)> onEntry;
 
@@ -376,6 +378,42 @@ TYPED_TEST(SharedTableTest, AnotherCapacityKeepsTheEntries) {
   this->settle();
   EXPECT_EQ(there.believed.size(), 2U);
   this->backend.checkInvariants(*this->writing);
+}
+
+TYPED_TEST(SharedTableTest, EachWriterBeginsAnotherGenerationAndEndsItsRestart) {
+  auto written = this->writer();
+  const auto read = this->reader();
+  const std::uint64_t first = read->generation();
+  EXPECT_NE(first, 0U);
+  EXPECT_FALSE(read->reconciled());
+  Follower<FixedTable> follower(read);
+  Follower<FixedTable> own(written);
+  written->routeIs({1, 1});
+  written->routeIs({2, 2});
+  written->reconciledIs();
+  EXPECT_TRUE(read->reconciled()) << "before anybody hears of it";
+  this->settle();
+  const std::vector<std::pair<bool, std::size_t>> afterTheKeys{{true, 2}};
+  EXPECT_EQ(follower.writerHeard, afterTheKeys);
+  EXPECT_EQ(own.writerHeard, afterTheKeys);
+
+  for (const std::uint32_t capacity : {100U, 50U}) {  // in the same file, in another one
+    const std::uint64_t before = read->generation();
+    follower.writerHeard.clear();
+    written = this->writerAgain(capacity);
+    this->settle();
+    EXPECT_EQ(read->generation(), before + 1);
+    EXPECT_EQ(follower.writerHeard, (std::vector<std::pair<bool, std::size_t>>{{false, 2}}));
+    written->routeIs({2, 3});
+    this->settle();
+    follower.heard.pop_back();
+    written->reconciledIs();
+    written->reconciledIs();
+    this->settle();
+    EXPECT_EQ(follower.writerHeard.size(), 2U);
+    EXPECT_TRUE(written->reconciled() && read->reconciled());
+  }
+  EXPECT_THAT(this->errorOf([&] { read->reconciledIs(); }), HasSubstr("routecache/route reconciledIs: not allowed"));
 }
 
 TYPED_TEST(SharedTableTest, WrongMountsAndWritesAreRefusedInWords) {

@@ -21,6 +21,11 @@ class MortalTables::Collection final : public SharedCollection {
   bool mounted() const override { return collection_.mounted(); }
   std::size_t size() const override { return collection_.size(); }
   std::size_t capacity() const override { return collection_.capacity(); }
+  std::uint64_t generation() const override { return collection_.generation(); }
+  bool reconciled() const override { return collection_.reconciled(); }
+  void reconciledIs() override {
+    if (!owner_.dead_) collection_.reconciledIs();
+  }
   std::optional<std::size_t> find(Bytes key, MutableBytes value) const override { return collection_.find(key, value); }
   bool has(Bytes key) const override { return collection_.has(key); }
   std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,

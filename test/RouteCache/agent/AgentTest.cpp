@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <sstream>
@@ -279,6 +280,80 @@ TEST(AgentStartTest, HardwareRouteCachingDecidesForGoodWhichTableIsWritten) {
     EXPECT_EQ(agent.swIpv4RouteStatus(), c.sfe ? agent.ipv4SfeRouteStatus() : agent.ipv4HwRouteStatus());
     EXPECT_EQ(agent.routingHwStatus() == nullptr, c.status == otherType);
   }
+}
+
+// --- The end of a restart --------------------------------------------------------------------------------------------
+
+struct Written {
+  explicit Written(const RouteCacheAgent::Agent& agent)
+      : tables{agent.ipv4SfeRouteStatus(),     agent.ipv4HwRouteStatus(), agent.ipv6HwRouteStatus(),
+               agent.ipv4AdjStatus(),          agent.ipv6AdjStatus(),     agent.kernelRouteStatus(),
+               agent.unprogrammedRouteConfig()} {}
+  std::ptrdiff_t reconciled() const {
+    return std::ranges::count_if(tables, [](const auto& table) { return table->reconciled(); });
+  }
+  std::vector<std::uint64_t> generations() const {
+    std::vector<std::uint64_t> all;
+    for (const auto& table : tables) all.push_back(table->generation());
+    return all;
+  }
+  std::vector<std::shared_ptr<Pondra::TableEntity>> tables;
+};
+
+TEST(ReconciledTest, NoTableSaysSoWhileItHoldsWhatWillGoOrLacksWhatWillCome) {
+  for (const bool caching : {false, true}) {
+    SCOPED_TRACE(caching);
+    SimulatedSwitch sw;
+    configure(sw);
+    sw.hwRouteCaching(caching);
+    for (int i = 0; i < 20; ++i) sw.route("11.2." + std::to_string(i) + ".0/24", 1, 1);
+    sw.start();
+    sw.advance(4.9);
+    EXPECT_EQ(Written(sw.agent()).reconciled(), caching ? 0 : 1) << "the table that is not used is empty at once";
+    sw.advance(1);
+    EXPECT_EQ(Written(sw.agent()).reconciled(), 7);
+    const auto generations = Written(sw.agent()).generations();
+    sw.stop();
+
+    // What the next life must undo, last of all in its walks, and what it must do take many runs at the same time.
+    for (int i = 0; i < 20; ++i) sw.routeGone("11.2." + std::to_string(i) + ".0/24", 1);
+    for (int i = 0; i < 60; ++i) sw.route("10.3." + std::to_string(i) + ".0/24", 1, 1);
+    sw.scheduler.yieldAfterEntriesIs(1);
+    std::optional<Written> written;
+    std::ptrdiff_t most = 0;
+    sw.scheduler.afterRunIs([&] {
+      sw.afterRun();
+      if (!sw.agent().kernelRouteSm()) return;
+      if (!written) written.emplace(sw.agent());
+      sw.sm().routeSyncIntervalIs(0);
+      most = std::max(most, written->reconciled());
+      for (const auto& table : written->tables) {
+        if (table->size() == 0 || !table->reconciled()) continue;
+        const bool isHw = table == sw.agent().ipv4HwRouteStatus() || table == sw.agent().ipv4SfeRouteStatus();
+        if (isHw || table == sw.agent().kernelRouteStatus()) {
+          ASSERT_EQ(table->size(), isHw ? 61U : 62U);
+        }
+      }
+    });
+    sw.start();
+    sw.advance(10);
+    for (std::size_t i = 0; i < generations.size(); ++i) EXPECT_EQ(written->generations()[i], generations[i] + 1);
+    EXPECT_EQ(most, 7);
+  }
+}
+
+TEST(ReconciledTest, NobodyWaitsLongerThanForTheInitTask) {
+  SimulatedSwitch sw;
+  configure(sw);
+  sw.start();
+  sw.scheduler.afterRunIs([&] {
+    sw.afterRun();
+    if (sw.running() && sw.agent().swRouteSm()) sw.sm().initIntervalIs(2);
+  });
+  sw.advance(1.5);
+  EXPECT_EQ(Written(sw.agent()).reconciled(), 1);
+  sw.advance(1);
+  EXPECT_EQ(Written(sw.agent()).reconciled(), 7) << "the route syncs begin at five seconds";
 }
 
 TEST_F(AgentTest, LivesWithoutTheTablesOfLaterUse) {
