@@ -67,9 +67,10 @@ std::vector<std::string> linesOf(const std::string& text) {
   return lines;
 }
 
-Command::Command(const std::string& arguments, const std::string& input, const char* outFile) {
+Command::Command(const std::string& arguments, const std::string& input, const char* outFile,
+                 const std::string& program) {
   std::vector<std::string> all = words(arguments);
-  all.insert(all.begin(), ROUTECACHE_COMMAND);
+  all.insert(all.begin(), program.empty() ? ROUTECACHE_COMMAND : program);
   std::vector<char*> argv;
   argv.reserve(all.size() + 1);
   for (auto& word : all) argv.push_back(word.data());

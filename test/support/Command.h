@@ -1,4 +1,4 @@
-// The `routecache` command as a person runs it: a process of its own.
+// The `routecache` command as a person runs it, or another program: a process of its own.
 #pragma once
 
 #include <sys/types.h>
@@ -27,7 +27,8 @@ class Command {
  public:
   // `arguments` as one text, parted by blanks; 'quotes' hold an argument with blanks, or an empty one. `input` is its
   // standard input. Its standard output goes to a file that `outFile` names, if any.
-  explicit Command(const std::string& arguments, const std::string& input = "", const char* outFile = nullptr);
+  explicit Command(const std::string& arguments, const std::string& input = "", const char* outFile = nullptr,
+                   const std::string& program = "");
   ~Command();
   Command(const Command&) = delete;
   Command& operator=(const Command&) = delete;
