@@ -50,9 +50,10 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
                   std::atomic_ref<std::uint32_t>::is_always_lock_free,
               "words are shared between processes");
 
-// A test that compiles these files for itself puts a writer's changes between two loads of a reader.
+// A test that compiles these files for itself stops a writer before any store, and a reader before any load.
 #ifndef SHARED_TABLE_BEFORE_LOAD
 #define SHARED_TABLE_BEFORE_LOAD() static_cast<void>(0)
+#define SHARED_TABLE_BEFORE_STORE(word) static_cast<void>(0)
 #endif
 
 template <class Word>
@@ -63,6 +64,7 @@ Word load(const Word& word) {
 }
 template <class Word>
 void store(Word& word, Word value) {
+  SHARED_TABLE_BEFORE_STORE(word);
   std::atomic_ref<Word>(word).store(value, std::memory_order_release);
 }
 

@@ -1,12 +1,11 @@
-// Table files between real processes: readers beside a writer at full speed, writers that are stopped, killed at any
-// instruction and replaced, files that are damaged.
+// Table files between real processes: a writer and its successors, who wakes whom, files that are lost or damaged.
+// Writers that are stopped or killed in mid-change: test/torture/.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,7 +19,6 @@
 #include <fstream>
 #include <functional>
 #include <map>
-#include <random>
 #include <thread>
 
 #include "lib/tables/TableFormat.h"
@@ -129,14 +127,6 @@ struct Step {
   std::uint64_t key, word;
   bool remove;
 };
-template <class Value>
-Value sample(std::uint64_t key, std::uint64_t word) {
-  if constexpr (std::is_same_v<Value, FixedRecord>) {
-    return {key, word};
-  } else {
-    return {key, word, 1 + static_cast<std::uint32_t>(word)};
-  }
-}
 constexpr std::uint64_t lastingStep = 3000;  // every even number has come by then
 
 template <class Value>
@@ -144,16 +134,6 @@ struct Model {
   void routeIs(const Value& value) { entries[value.number] = value; }
   void routeDel(std::uint64_t key) { entries.erase(key); }
   bool operator==(const Model&) const = default;
-  // The keys under which the two do not hold the same.
-  std::size_t differences(const Model& other) const {
-    std::size_t count = 0;
-    for (const auto& [key, value] : entries) {
-      const auto theirs = other.entries.find(key);
-      count += theirs == other.entries.end() || !(theirs->second == value) ? 1 : 0;
-    }
-    for (const auto& entry : other.entries) count += entries.contains(entry.first) ? 0 : 1;
-    return count;
-  }
   std::map<std::uint64_t, Value> entries;
 };
 
@@ -221,14 +201,13 @@ class SharedTableProcessTest : public testing::Test {
     return std::is_same_v<TableType, SizedTable> ? "sized" : "fixed";
   }
   std::string fileOf(const std::string& path) const { return directory + "/tables/" + path + ".table"; }
-  // A process that writes the history, from the step after `from`, until it is killed.
-  std::unique_ptr<Process> historian(const SharedProgress& progress, std::uint64_t from = 0,
-                                     std::uint32_t entries = capacity) {
-    return std::make_unique<Process>([&, from, entries] {
+  // A process that writes the history until it is killed.
+  std::unique_ptr<Process> historian(const SharedProgress& progress) {
+    return std::make_unique<Process>([&] {
       const auto writing = service();
-      const auto fixed = mount<FixedTable>(*writing, MountKind::writer, entries);
-      const auto sized = mount<SizedTable>(*writing, MountKind::writer, entries);
-      for (std::uint64_t step = from + 1;; ++step) {
+      const auto fixed = mount<FixedTable>(*writing, MountKind::writer);
+      const auto sized = mount<SizedTable>(*writing, MountKind::writer);
+      for (std::uint64_t step = 1;; ++step) {
         Step(step).applyTo(*fixed, *sized);
         progress->done = step;
       }
@@ -247,154 +226,6 @@ void readEverything(const TableType& table) {
     EXPECT_TRUE(found.entries.contains(key)) << "a walk missed " << key;
     EXPECT_TRUE(table.route(key)) << "a lookup missed " << key;
   }
-}
-
-TEST_F(SharedTableProcessTest, StoppedWriterHoldsNobodyUp) {
-  SharedProgress progress;
-  const auto writer = historian(progress);
-  ASSERT_TRUE(progress.reaches(lastingStep, *writer));
-  const auto reading = service();
-  const auto fixed = mount<FixedTable>(*reading, MountKind::reader);
-  const auto sized = mount<SizedTable>(*reading, MountKind::reader);
-  Believer<SizedTable> believer(sized);
-  for (unsigned round = 0; round < 60 && !HasFailure(); ++round) {
-    writer->signal(SIGSTOP);
-    ASSERT_TRUE(WIFSTOPPED(writer->waited()));
-    readEverything(*fixed);
-    readEverything(*sized);
-    while (!reading->deliverChanges(never)) {
-    }
-    // A change is seen before it is told: the one that the writer was stopped in may be on its way.
-    EXPECT_LE(believer.believed.differences(contents(*sized)), 1U);
-    const std::uint64_t done = progress->done;
-    writer->signal(SIGCONT);
-    ASSERT_TRUE(progress.reaches(done + 1 + Platform::hashOf(round) % 100, *writer));
-  }
-  writer->kill();
-  EXPECT_THAT(damage, IsEmpty());
-  // Its successor tells what it may have left untold.
-  const auto next = service();
-  mount<FixedTable>(*next, MountKind::writer);
-  mount<SizedTable>(*next, MountKind::writer);
-  while (!reading->deliverChanges(never)) {
-  }
-  EXPECT_EQ(believer.believed, contents(*sized));
-}
-
-TEST_F(SharedTableProcessTest, KilledWriterLosesNothingButItsLastStep) {
-  const auto reading = service();
-  Believer<FixedTable> fixedBeliever(mount<FixedTable>(*reading, MountKind::reader));
-  Believer<SizedTable> sizedBeliever(mount<SizedTable>(*reading, MountKind::reader));
-  SharedProgress progress;
-  std::mt19937 random(1);
-  Model<FixedRecord> fixedModel;
-  Model<SizedRecord> sizedModel;
-  std::uint64_t applied = 0;
-  for (unsigned round = 0; round < 120 && !HasFailure(); ++round) {
-    SCOPED_TRACE("round " + std::to_string(round));
-    const auto entries = static_cast<std::uint32_t>(random() % 4 == 0 ? 220 + random() % 100 : capacity);
-    const auto writer = historian(progress, applied, entries);
-    const std::uint64_t steps = random() % 3 == 0 ? 0 : random() % 400;  // 0: killed while it takes the tables over
-    ASSERT_TRUE(progress.reaches(applied + steps, *writer));
-    for (auto spin = random() % 20000; spin > 0; --spin) ASSERT_TRUE(progress.reaches(0, *writer));
-    writer->kill();
-
-    for (; applied < progress->done; ++applied) Step(applied + 1).applyTo(fixedModel, sizedModel);
-    const auto next = service();
-    const auto fixed = mount<FixedTable>(*next, MountKind::writer);
-    const auto sized = mount<SizedTable>(*next, MountKind::writer);
-    next->checkInvariants();
-    auto fixedAfter = fixedModel;
-    auto sizedAfter = sizedModel;
-    Step(applied + 1).applyTo(fixedAfter, sizedAfter);
-    EXPECT_THAT(contents(*fixed), testing::AnyOf(fixedModel, fixedAfter));
-    EXPECT_THAT(contents(*sized), testing::AnyOf(sizedModel, sizedAfter));
-    if (random() % 3 != 0) continue;  // the followers may be late by several writers
-    reading->pendingChanges();        // nobody wakes for what a writer had no time to tell
-    while (!reading->deliverChanges(never)) {
-    }
-    EXPECT_EQ(fixedBeliever.believed, contents(*fixed));
-    EXPECT_EQ(sizedBeliever.believed, contents(*sized));
-  }
-  EXPECT_THAT(damage, IsEmpty());
-}
-
-// The writer is led through each kind of change one machine instruction at a time. Whenever a byte of the file has
-// changed, a copy of it is what a writer killed right there would have left.
-TEST_F(SharedTableProcessTest, AnyInstructionMayBeTheWritersLast) {
-#ifdef __SANITIZE_THREAD__
-  GTEST_SKIP() << "twenty times the instructions, and nothing for this sanitizer to see";
-#endif
-  enum class Change { insert, replace, remove };
-  // The ordered list has two levels. Slots 0 and 4 stand on both: they are 30's and, once 50 has gone, 45's, whose
-  // neighbours on the two levels are not the same.
-  constexpr std::uint32_t room = 16;
-  const auto prepare = [](auto& table, auto sampleOf) {
-    for (const std::uint64_t key : {30u, 10u, 20u, 40u, 50u, 60u}) table.routeIs(sampleOf(key, key));
-    table.routeDel(50);
-  };
-  const auto apply = [](Change change, auto& table, auto sampleOf) {
-    if (change == Change::insert) table.routeIs(sampleOf(45, 1));
-    if (change == Change::replace) table.routeIs(sampleOf(20, 70));
-    if (change == Change::remove) table.routeDel(30);
-  };
-  std::size_t states = 0;
-  const auto walkThrough = [&](auto kind, Change change) {
-    using TableType = typename decltype(kind)::type;
-    using Value = typename TableType::Value;
-    Model<Value> before;
-    prepare(before, sample<Value>);
-    auto after = before;
-    apply(change, after, sample<Value>);
-    std::filesystem::remove_all(directory + "/tables");
-    Process writer([&] {
-      const auto writing = service();
-      const auto table = mount<TableType>(*writing, MountKind::writer, room);
-      prepare(*table, sample<Value>);
-      if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(77);
-      raise(SIGSTOP);
-      apply(change, *table, sample<Value>);
-      raise(SIGSTOP);
-    });
-    if (!WIFSTOPPED(writer.waited())) return false;
-    const std::string file = fileOf(pathOf<TableType>());
-    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    std::string bytes(std::filesystem::file_size(file), '\0'), last;
-    SharedTableService copies(directory + "/copies", types);
-    copies.corruptionHandlerIs([&](const std::string&, const std::string& what) { ADD_FAILURE() << what; });
-    bool changed = false;
-    for (;;) {
-      ptrace(PTRACE_SINGLESTEP, writer.pid(), nullptr, nullptr);
-      const int status = writer.waited();
-      if (!WIFSTOPPED(status) || WSTOPSIG(status) == SIGSTOP) break;
-      if (pread(fd, bytes.data(), bytes.size(), 0) < 0 || bytes == last) continue;
-      last = bytes;
-      ++states;
-      const std::string copy = directory + "/copies/tables/" + pathOf<TableType>() + ".table";
-      std::ofstream(copy, std::ios::binary) << bytes;
-      const auto table = mount<TableType>(copies, MountKind::writer, room);
-      copies.checkInvariants();
-      const auto found = contents(*table);
-      changed = changed || found == after;  // once it is there it stays
-      EXPECT_EQ(found, changed ? after : before);
-      for (const std::uint64_t key : {33u, 34u})
-        table->routeIs(sample<Value>(key, key));  // nothing is left to trip over
-      for (std::uint64_t key = 0; key < 70; ++key) table->routeDel(key);
-      copies.checkInvariants();
-      copies.unmount(pathOf<TableType>());
-    }
-    close(fd);
-    EXPECT_TRUE(changed);
-    return !testing::Test::HasFailure();
-  };
-  for (const Change change : {Change::insert, Change::replace, Change::remove}) {
-    SCOPED_TRACE(static_cast<int>(change));
-    const bool going =
-        walkThrough(std::type_identity<FixedTable>(), change) && walkThrough(std::type_identity<SizedTable>(), change);
-    if (!going && states == 0) GTEST_SKIP() << "no process may be traced here";
-    ASSERT_TRUE(going);
-  }
-  EXPECT_GT(states, 60U);
 }
 
 TEST_F(SharedTableProcessTest, LockDiesWithItsWriterAndReadersHoldNone) {
@@ -680,121 +511,6 @@ TEST_F(SharedTableProcessTest, HundredsOfTablesAreReadWithFewDescriptors) {
 #endif
   });
   EXPECT_EQ(reader.waited(), 0);
-}
-
-// Bytes of any section are overwritten at random. Whoever reads comes to an end and sees nothing that was not written;
-// the next writer finds every entry whose own bytes are untouched.
-class ScribbledTable : public SharedTableProcessTest {
- protected:
-  const std::unique_ptr<SharedTableService> reading = service();
-
-  template <class TableType>
-  void scribbleAndRead(std::mt19937& random) {
-    damage.clear();
-    std::filesystem::remove_all(directory + "/tables");
-    const std::string file = fileOf(pathOf<TableType>());
-    Model<FixedRecord> fixed;
-    Model<SizedRecord> sized;
-    auto writing = service();
-    auto written = mount<TableType>(*writing, MountKind::writer);
-    for (std::uint64_t step = 1; step < 600; ++step) {
-      if constexpr (std::is_same_v<TableType, FixedTable>) {
-        Step(step).applyTo(*written, sized);
-      } else {
-        Step(step).applyTo(fixed, *written);
-      }
-    }
-    const auto model = contents(*written);
-    reading->unmount(pathOf<TableType>());  // one service for all rounds: each costs the kernel's time for its watch
-    const auto read = mount<TableType>(*reading, MountKind::reader);
-    Believer<TableType> believer(read);
-    const bool inUse = random() % 2 == 0;  // the writer is at work, or comes later
-    if (!inUse) written.reset(), writing.reset();
-
-    const bool slotsHit = scribble(file, written ? written->layout() : read->layout(), random);
-    for (const auto& [key, value] : contents(*read).entries) EXPECT_EQ(value, model.entries.at(key));
-    for (std::uint64_t key = 0; key < 200; ++key) {
-      const auto found = read->route(key);
-      if (found) {
-        EXPECT_EQ(*found, model.entries.at(key));
-      }
-    }
-    for (unsigned i = 0; i < 10; ++i) reading->deliverChanges(never);
-    if (inUse) {
-      for (std::uint64_t key = 0; key < 200; key += 3) written->routeIs({key, key});
-      for (std::uint64_t key = 0; key < 200; key += 7) written->routeDel(key);
-      reading->deliverChanges(never);
-      written.reset(), writing.reset();
-    }
-    adopt<TableType>(inUse, slotsHit, model);
-  }
-
-  template <class TableType, class Expected>
-  void adopt(bool wasInUse, bool slotsHit, const Expected& model) {
-    const auto next = service();
-    const auto table = mount<TableType>(*next, MountKind::writer);
-    next->checkInvariants();
-    if (wasInUse) return;
-    const auto found = contents(*table);
-    for (const auto& [key, value] : found.entries) EXPECT_EQ(value, model.entries.at(key));
-    EXPECT_TRUE(slotsHit || found == model);
-    EXPECT_TRUE(found == model || !damage.empty()) << "entries were lost in silence";
-  }
-
-  // True when bytes of the slots themselves may have changed.
-  static bool scribble(const std::string& file, const Pondra::TableLayout& layout, std::mt19937& random) {
-    const LinuxPlatform::TableGeometry geometry(layout, capacity);
-    const std::pair<std::size_t, std::size_t> sections[] = {
-        {LinuxPlatform::tableStateOffset, sizeof(LinuxPlatform::TableState)},
-        {geometry.order.links[0], geometry.bucketHeads - geometry.order.links[0]},
-        {geometry.bucketHeads, geometry.ring - geometry.bucketHeads},
-        {geometry.ring, geometry.heap - geometry.ring},
-        {geometry.versions, std::size_t{200} * 8},
-        {geometry.bodies, std::size_t{200} * geometry.bodyWords * 8},
-        {geometry.heap, std::min<std::size_t>(geometry.heapSize, 40000)},
-    };
-    const std::size_t section = random() % (layout.variableSize ? 7 : 6);
-    std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
-    for (auto i = 1 + random() % 40; i > 0; --i) {
-      const std::size_t at = random() % sections[section].second;
-      stream.seekp(static_cast<std::streamoff>(sections[section].first + at));
-      stream.put(static_cast<char>(random() % 3 == 0 ? random() % 200 : random() % 256));
-    }
-    return section >= 4;
-  }
-};
-
-// The words that everything else is found by, one at a time, while nobody writes: the next writer finds every entry.
-TEST_F(ScribbledTable, AnyWordOfTheStateMayBeDamaged) {
-  using State = LinuxPlatform::TableState;
-  for (const std::size_t word : {offsetof(State, headSequence), offsetof(State, liveCount), offsetof(State, operation),
-                                 offsetof(State, epoch), offsetof(State, highWater), offsetof(State, heads)}) {
-    for (const std::uint64_t value : {std::uint64_t{0}, std::uint64_t{1}, std::uint64_t{3}, ~std::uint64_t{0}}) {
-      SCOPED_TRACE(std::to_string(word) + " is " + std::to_string(value));
-      Model<FixedRecord> model;
-      {
-        const auto writing = service();
-        const auto table = mount(*writing, MountKind::writer);
-        for (std::uint64_t key = 0; key < 50; ++key) table->routeIs({key, key});
-        model = contents(*table);
-      }
-      std::fstream(fileOf("fixed"), std::ios::binary | std::ios::in | std::ios::out)
-          .seekp(static_cast<std::streamoff>(LinuxPlatform::tableStateOffset + word))
-          .write(reinterpret_cast<const char*>(&value), sizeof value);
-      const auto next = service();
-      EXPECT_EQ(contents(*mount(*next, MountKind::writer)), model);
-      next->checkInvariants();
-    }
-  }
-}
-
-TEST_F(ScribbledTable, IsReadToItsEndAndRepaired) {
-  for (unsigned seed = 1; seed <= 150 && !HasFailure(); ++seed) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    scribbleAndRead<FixedTable>(random);
-    scribbleAndRead<SizedTable>(random);
-  }
 }
 
 // One mapping under two threads: the thread sanitizer sees nothing between processes, and a reader gets closer to the
