@@ -67,6 +67,7 @@ void FibWriter::write(TableType& table, const std::vector<typename TableType::Ke
     progress_();
     table.routeIs(Route(key, routeType));
   }
+  reconcile(table);
 }
 
 std::size_t FibWriter::remove(const std::function<bool(const IpGenPrefix&)>& doomed) {
@@ -85,6 +86,7 @@ std::size_t FibWriter::remove(TableType& table, const std::function<bool(const I
     table.routeDel(route.key());
     ++removed;
   }
+  reconcile(table);
   return removed;
 }
 

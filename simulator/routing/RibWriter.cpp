@@ -100,7 +100,7 @@ void RibWriter::apply(const RibChange& change, std::uint32_t capacity) {
     ++counts_.routesMoved;
     releasedVias_.insert(before->viaKey());
   }
-  removeReleasedVias();
+  changeEnds();
 }
 
 void RibWriter::rewriteRoutes(RouteConfig& routes, const std::set<ViaKey>& changedVias, const RibChange& except) {
@@ -124,7 +124,14 @@ void RibWriter::remove(const std::function<bool(const RouteKey&)>& doomed) {
     }
   }
   for (const Via& via : *vias_) releasedVias_.insert(via.key());
+  changeEnds();
+}
+
+void RibWriter::changeEnds() {
   removeReleasedVias();
+  reconcile(*vias_);
+  reconcile(*routes4_);
+  reconcile(*routes6_);
 }
 
 void RibWriter::removeReleasedVias() {

@@ -73,6 +73,7 @@ class RibWriter {
   void checkViasKept(const std::vector<Via>& vias) const;
   void rewriteRoutes(RouteConfig& routes, const std::set<ViaKey>& changedVias, const RibChange& except);
   void removeReleasedVias();
+  void changeEnds();
 
   Pondra::TableService& tables_;
   Progress progress_;

@@ -31,6 +31,12 @@ void mountToWrite(Pondra::TableService& tables, const std::string& path, std::sh
   table = tables.get<T>(path);
 }
 
+// What a command leaves behind is what the table should hold.
+template <class T>
+void reconcile(T& table) {
+  if (table.writable()) table.reconciledIs();
+}
+
 // The capacity for a table that gets these keys (none twice): the one given, else the one it has; more, with some room
 // to grow, when none is given (0) and that is not enough. 0 for a table that does not exist and gets nothing. Throws
 // RangeError when a given capacity is too small.

@@ -487,6 +487,7 @@ TEST_F(ToolsTest, AWriterAtWorkIsSeenAndRefusesASecondOne) {
   }
   EXPECT_EQ(row(v4)["writer"], false);
   EXPECT_EQ(runJson("rib add 10.0.0.0/8 --vrf 1 --vtep 10.255.0.1")["routes"], 1);
+  EXPECT_EQ(row(v4)["reconciled"], true);
 }
 
 TEST_F(ToolsTest, WatchTellsOfARewrittenAnAddedAndARemovedRoute) {
