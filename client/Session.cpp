@@ -108,12 +108,13 @@ void rct_table::stateChanged() {
   session_.tell({this, RCT_STATE, 0, {}});
 }
 
-// Of a table that is waited for, no key has a wrong size.
+// Of a table that is waited for nobody knows the size of the keys.
 void rct_table::checkKey(Bytes key) const {
-  const std::uint32_t size = collection().layout().keySize;
-  if (!collection().mounted() || key.size() == size) return;
-  throw Fault{RCT_BAD_ARGUMENT,
-              path_ + ": keys have " + std::to_string(size) + " bytes, not " + std::to_string(key.size())};
+  const std::size_t size = collection().layout().keySize;
+  if (key.size() == size || (size == 0 && key.size() <= RCT_MAX_KEY)) return;
+  throw Fault{RCT_BAD_ARGUMENT, path_ + ": keys have " +
+                                    (size == 0 ? "at most " + std::to_string(RCT_MAX_KEY) : std::to_string(size)) +
+                                    " bytes, not " + std::to_string(key.size())};
 }
 
 bool rct_table::find(Bytes key, rct_entry& entry) {
@@ -299,7 +300,13 @@ void rct_session::tell(const rct_change& change) {
 }
 
 std::size_t rct_session::changes(std::span<rct_change> out) {
+  // Whatever is thrown, nobody writes to the caller's memory afterwards.
+  const auto atTheEnd = [this](const bool* /*scope*/) {
+    out_ = {};
+    inChanges_ = false;
+  };
   inChanges_ = true;
+  const std::unique_ptr<bool, decltype(atTheEnd)> scope(&inChanges_, atTheEnd);
   moreIs(false);
   out_ = out;
   const std::size_t first = std::min(out.size(), waiting_.size());
@@ -315,8 +322,5 @@ std::size_t rct_session::changes(std::span<rct_change> out) {
   // The service asks after each change whether there is room for another.
   const bool more = out_.empty() || !service_.deliverChanges([this] { return out_.empty(); });
   if (more || !waiting_.empty()) moreIs(true);
-  const std::size_t told = out.size() - out_.size();
-  out_ = {};
-  inChanges_ = false;
-  return told;
+  return out.size() - out_.size();
 }

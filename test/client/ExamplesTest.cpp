@@ -7,8 +7,6 @@
 #include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
 
-using testing::HasSubstr;
-
 namespace {
 
 class ExamplesTest : public testing::Test {

@@ -112,6 +112,8 @@ TEST_F(TablesLibraryTest, AReaderWaitsForATableReadsItAndHearsOfItsChangesAndWri
   EXPECT_EQ(valueOf(table, wide), Bytes());
   EXPECT_THAT(walk(table), IsEmpty());
   EXPECT_EQ(stateOf(table).present, 0U);
+  rct_cursor* none = nullptr;
+  EXPECT_EQ(rct_walk(table, Bytes(RCT_MAX_KEY + 1, 1).data(), RCT_MAX_KEY + 1, &none), RCT_BAD_ARGUMENT);
 
   auto writing = process();
   auto routes = routesOf(*writing, 100);
