@@ -72,14 +72,14 @@ Place* placeOf(std::uintptr_t address) {
 
 // A bare system call. Each page of its own is a mapping of its own where the next one is good: when there may be no
 // more of them, all of this one goes.
-bool replace(const Place& place, std::uintptr_t address) {
+bool replace(const Place& place, std::byte* touched) {
   const int protection = place.writable.load(std::memory_order_relaxed) ? PROT_READ | PROT_WRITE : PROT_READ;
-  const auto zeros = [&](std::uintptr_t at, std::size_t size) {
-    return mmap(reinterpret_cast<void*>(at), size, protection, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) !=
-           MAP_FAILED;
+  const auto zeros = [&](std::byte* at, std::size_t size) {
+    return mmap(at, size, protection, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
   };
+  const auto address = reinterpret_cast<std::uintptr_t>(touched);
   const Range all = rangeOf(place);
-  return zeros(address & pageMask, ~pageMask + 1) || zeros(all.begin, all.size);
+  return zeros(touched - (address & ~pageMask), ~pageMask + 1) || zeros(touched - (address - all.begin), all.size);
 }
 
 void handOn(int signal, siginfo_t* info, void* context) {
@@ -99,7 +99,7 @@ void handle(int signal, siginfo_t* info, void* context) {
   const int error = errno;
   const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
   Place* const place = info->si_code == BUS_ADRERR || info->si_code == BUS_MCEERR_AR ? placeOf(address) : nullptr;
-  if (place != nullptr && replace(*place, address)) {
+  if (place != nullptr && replace(*place, static_cast<std::byte*>(info->si_addr))) {
     place->broken.store(true, std::memory_order_relaxed);
   } else {
     handOn(signal, info, context);

@@ -240,7 +240,7 @@ TEST_F(TableFileTest, AFileCutShortUnderItsUsersIsPutBackAndTold) {
     std::filesystem::resize_file(file(), left);
     for (const auto& [key, word] : contents(*reading->get<FixedTable>("fixed"))) EXPECT_EQ(model.at(key), word);
     for (unsigned i = 0; i < 20; ++i) settle(*reading);
-    const int told = left + 4096 < size ? 1 : 0;  // nobody reads the last page's end
+    const std::size_t told = left + 4096 < size ? 1 : 0;  // nobody reads the last page's end
     EXPECT_THAT(damage, testing::Contains("its file was cut short while it was read").Times(told));
     damage.clear();
     settle(*writing);

@@ -81,7 +81,8 @@ class DamagedTable {
     const std::size_t length =
         kind == 0 ? 1 : std::min<std::size_t>(bytes.size() - at, kind == 1 ? 1 + random() % 8 : 512);
     for (std::size_t i = at; i < at + length; ++i) {
-      bytes[i] = static_cast<char>(kind == 0 ? bytes[i] ^ (1 << random() % 8) : kind == 3 ? random() : 0);
+      const auto byte = static_cast<unsigned char>(bytes[i]);
+      bytes[i] = static_cast<char>(kind == 0 ? byte ^ 1U << random() % 8 : kind == 3 ? random() : 0U);
     }
     return placeOf(memory_.geometry, at);
   }

@@ -10,8 +10,8 @@ namespace Torture {
 struct Hooks {
   void (*atLoad)() = nullptr;
   void (*atStore)() = nullptr;
-  std::uint64_t loads = 0;       // since they were last set to 0
-  std::uint64_t mostLoads = ~0;  // more are thrown out as Endless
+  std::uint64_t loads = 0;                      // since they were last set to 0
+  std::uint64_t mostLoads = ~std::uint64_t{0};  // more are thrown out as Endless
   // The store with this number of an operation, from 1, takes effect only after the one that follows it. 0: none.
   std::uint64_t delayed = 0;
   std::uint64_t stores = 0;  // of the operation under way
