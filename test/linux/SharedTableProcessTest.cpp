@@ -37,7 +37,6 @@ using Pondra::MountKind;
 using Pondra::TableError;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using TestTables::FixedRecord;
 using TestTables::FixedTable;
 using TestTables::SizedRecord;
