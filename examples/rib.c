@@ -94,5 +94,6 @@ int main(int argc, char **argv) {
   check(rct_reconcile(vias));
   check(rct_reconcile(routes));
   rct_close(session);
+  free(keys), free(via_keys);
   return 0;
 }
