@@ -46,6 +46,16 @@ void require(bool holds, const char* text) {
 }
 constexpr const char* nullPointer = "an argument is a null pointer";
 
+// What a handle is told to do, and answers nothing to.
+template <class Handle, class Act>
+int told(Handle* handle, Act&& act) {
+  return guarded([&] {
+    require(handle != nullptr, nullPointer);
+    act(*handle);
+    return RCT_OK;
+  });
+}
+
 Bytes bytes(const void* data, std::size_t size) {
   require(data != nullptr || size == 0, nullPointer);
   return {static_cast<const std::byte*>(data), size};
@@ -86,11 +96,7 @@ void rct_close(rct_session* session) {
 }
 
 int rct_on_damage(rct_session* session, rct_damage_handler handler, void* context) {
-  return guarded([&] {
-    require(session != nullptr, nullPointer);
-    session->damageHandlerIs(handler, context);
-    return RCT_OK;
-  });
+  return told(session, [=](rct_session& it) { it.damageHandlerIs(handler, context); });
 }
 
 int rct_table_open(rct_session* session, const char* path, rct_table** table) {
@@ -161,11 +167,7 @@ void rct_cursor_close(rct_cursor* cursor) {
 }
 
 int rct_follow(rct_table* table) {
-  return guarded([&] {
-    require(table != nullptr, nullPointer);
-    table->follow();
-    return RCT_OK;
-  });
+  return told(table, [](rct_table& it) { it.follow(); });
 }
 
 int rct_fd(rct_session* session) {
@@ -200,27 +202,15 @@ int rct_delete(rct_table* table, const void* key, size_t key_size) {
 }
 
 int rct_delete_all(rct_table* table) {
-  return guarded([&] {
-    require(table != nullptr, nullPointer);
-    table->eraseAll();
-    return RCT_OK;
-  });
+  return told(table, [](rct_table& it) { it.eraseAll(); });
 }
 
 int rct_reconcile(rct_table* table) {
-  return guarded([&] {
-    require(table != nullptr, nullPointer);
-    table->reconcile();
-    return RCT_OK;
-  });
+  return told(table, [](rct_table& it) { it.reconcile(); });
 }
 
 int rct_flush(rct_session* session) {
-  return guarded([&] {
-    require(session != nullptr, nullPointer);
-    session->flush();
-    return RCT_OK;
-  });
+  return told(session, [](rct_session& it) { it.flush(); });
 }
 
 }  // extern "C"

@@ -29,10 +29,10 @@ enum class MissingDirectory : std::uint8_t { isMade, isAwaited };
 
 class SharedTableService final : public Pondra::TableService {
  public:
-  // Throws TableError when it cannot make the directory. `types` outlives the service. Readers may
-  // be another user's, if the modes let them; a writer's mount throws when the directory is not its own user's alone.
-  // `deliveryWanted` is called when there is something to deliver, from inside a write or handleWakeup() and at most
-  // once between two deliveries: it schedules a call of deliverChanges().
+  // Throws TableError when it cannot make the directory. `types` outlives the service. Readers may be another user's,
+  // if the modes let them; a writer's mount throws when the directory is not its own user's alone. `deliveryWanted` is
+  // called when there is something to deliver, from inside a write or handleWakeup() and at most once between two
+  // deliveries: it schedules a call of deliverChanges().
   SharedTableService(const std::string& runDirectory, const Platform::TableTypes& types,
                      std::function<void()> deliveryWanted = {}, MissingDirectory missing = MissingDirectory::isMade);
   ~SharedTableService() override;

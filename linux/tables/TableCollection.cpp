@@ -69,15 +69,6 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
   if (file_) view_.emplace(file_->image(), report_);
 }
 
-std::function<bool(std::size_t offset, std::size_t end)> TableCollection::roomIn(const TableFile& file) {
-  return [this, &file](std::size_t offset, std::size_t end) {
-    const std::string remedy = "no space left on " + context_->directory + ": no entries are added until there is some";
-    const bool room = file.reserve(offset, end);
-    room ? context_->shortageOver(remedy) : context_->reportShortage(path_, remedy);
-    return room;
-  };
-}
-
 std::unique_ptr<TableFile> TableCollection::openForReading() {
   if (!layout_.typeName.empty()) return TableFile::open(context_->directory, path_, layout_, false);
   if (fileIdentity(fileName()) == FileIdentity()) return nullptr;

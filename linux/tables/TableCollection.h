@@ -37,7 +37,6 @@ struct TableServiceContext {
   void reportDamage(const std::string& path, const std::string& what);
   // The same once for all tables: the first one that met the shortage stands for the others.
   void reportShortage(const std::string& path, const std::string& remedy);
-  void shortageOver(const std::string& remedy) { shortages.erase(remedy); }
 
   void wantDelivery() {
     if (deliveryAsked) return;
@@ -109,8 +108,6 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void beginGeneration();
   void storeWriterWords(const TableFile& file) const;
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
-  // What a writer asks for room in its file. That the disk is full is told once, until there is room again.
-  std::function<bool(std::size_t offset, std::size_t end)> roomIn(const TableFile& file);
   std::unique_ptr<TableFile> openForReading();
   void openForWriting(std::uint32_t capacity);
   void copyToNewFile(std::uint32_t capacity, std::size_t entries);
