@@ -40,18 +40,6 @@ class AdjIdsTest : public testing::Test {
   AdjacencyIds ids{trace};
 };
 
-TEST_F(AdjIdsTest, NumbersComeInOrderAndTheClassFollowsTheRequest) {
-  ids.freeAdjIdFill();
-  const struct {
-    bool v6, v4;
-    std::uint32_t adjId;
-  } requests[] = {{false, true, 1}, {true, false, 0x80000002}, {true, true, 0xC0000003}, {false, false, 4}};
-  for (const auto& request : requests) {
-    EXPECT_EQ(ids.allocateAdjId(request.v6, request.v4), AdjId(request.adjId));
-    EXPECT_EQ(ids.adjIdRefCount(AdjId(request.adjId)), 1u);
-  }
-}
-
 TEST_F(AdjIdsTest, WhatIsInUseWhenTheListIsFilledComesOnceWhenItIsFree) {
   // One of each class, one at the front, two in a row, one at the back.
   for (const std::uint32_t taken : {0x80000001u, 4u, 0xC0000005u, 0x1FFFFFu}) ids.adjIdRefCountIs(AdjId(taken), 0);

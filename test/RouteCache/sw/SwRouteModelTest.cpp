@@ -1,12 +1,14 @@
 // Random sequences of everything that can happen to routes, against a plain model that says what must be published in
-// the end, as far as the tables have room. The invariants are checked after every task run; agents come and go in
-// between, with hardware route caching and without. In the end a stream of changes runs beside all that waits, and then
-// more of them than there is time for.
+// the end, as far as the tables have room. After every task run the invariants are checked, and that what was resolved
+// goes on forwarding until the resolver says otherwise; agents and resolvers come and go in between, with hardware
+// route caching and without. In the end a stream of changes runs beside all that waits, and then more of them than
+// there is time for.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
 
+#include "platform/values/Paths.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
@@ -113,10 +115,18 @@ class RandomSwitch {
     sw.identifiers(identifiers_);
     sw.recordCapacity(record_);
     sw.hwRouteCaching(caching_);
+    sw.scheduler.afterRunIs([this] {
+      sw.afterRun();
+      checkFecs();
+    });
+    returns_ = std::make_unique<Returns>(*this, answers_);  // before the agent, and so heard first
+    sw.start();
+    sw.advance(0);
+    withdrawals_ = std::make_unique<Withdrawals>(*this, requests_->vrf(L3::VrfName()));
   }
 
   void step() {
-    switch (pick(16)) {
+    switch (pick(17)) {
       case 0:
         return vrf();
       case 1:
@@ -135,7 +145,9 @@ class RandomSwitch {
       case 9:
         return sw.advance(static_cast<double>(pick(4)) * 0.25);
       case 10:
-        return sw.advance(5);
+        return sw.advance(pick(8) == 0 ? 400 : 5);  // or whatever a restart owes is over
+      case 11:
+        return resolver();
       default:
         return route();
     }
@@ -144,7 +156,7 @@ class RandomSwitch {
   // Everything that there can be at once, so that whatever is too small overflows.
   void fill() {
     for (const char* name : vrfNames) {
-      pairVrf(name);
+      pairVrf(name, 0);
       if (!model.hwVrfs.contains(name)) swapHwVrf(name, name == vrfNames[0] ? 0 : 100 + pick(4));
     }
     for (const char* name : {"Vxlan1", "Vxlan2"}) {
@@ -158,9 +170,10 @@ class RandomSwitch {
   }
 
   void finish() {
-    // A via is picked up when its routes are next processed: the routing process rewrites them with it.
-    for (const auto& [key, viaKey] : model.routes) sw.route(key.second, key.first, viaKey);
     if (!sw.running()) sw.start();
+    sw.advance(400);
+    for (const auto& [vtep, fecs] : shown_) ASSERT_EQ(fecs.size(), 1u) << vtep << " has one FEC in all adjacencies";
+    if (!resolverThere_) resolver();
     sw.advance(400);
   }
 
@@ -281,6 +294,66 @@ class RandomSwitch {
   Model model;
 
  private:
+  // A VTEP that nobody wanted for a moment may begin again without a FEC.
+  class Withdrawals final : public Routing::NexthopVrfConfig::Reactor {
+   public:
+    Withdrawals(RandomSwitch& random, std::shared_ptr<const Routing::NexthopVrfConfig> requests)
+        : Reactor(std::move(requests)), random_(random) {}
+    void handleNexthop(const IpGenAddr& vtep) override {
+      if (watched().nexthop().contains(vtep)) return;
+      random_.shown_[vtep].insert(0);
+      random_.lastWord_.erase(vtep);
+    }
+
+   private:
+    RandomSwitch& random_;
+  };
+  // Now and then a resolver has its answers in place before anybody else hears that it is back.
+  class Returns final : public Routing::NexthopStatus::Reactor {
+   public:
+    Returns(RandomSwitch& random, std::shared_ptr<const Routing::NexthopStatus> answers)
+        : Reactor(std::move(answers)), random_(random) {}
+    void handleVrf(const L3::VrfName& name) override {
+      const auto answers = random_.answers_->vrf(name);
+      const auto requests = random_.requests_->vrf(name);
+      if (!answers || !requests || random_.pick(2) == 0) return;
+      for (const auto& request : requests->nexthop()) {
+        answers->nexthopIs(request.first, Fib::FecId(random_.model.fecOf(request.first)));
+      }
+    }
+
+   private:
+    RandomSwitch& random_;
+  };
+  using Fecs = std::map<IpGenAddr, std::set<std::uint64_t>>;
+
+  template <class Table>
+  void collect(const char* path, Fecs& fecs) {
+    for (const auto& via : *sw.reader<Table>(path)) {
+      for (const auto& slot : via.viaKey()) fecs[slot.remoteVtepIp()].insert(slot.underlayFecId().value());
+    }
+  }
+  // A VTEP's FEC is one that it had before, or the resolver's last word. One that nobody used may begin without.
+  void checkFecs() {
+    if (testing::Test::HasFatalFailure()) return;
+    sw.outside->pendingChanges();
+    sw.outside->deliverChanges([] { return false; });
+    Fecs fecs;
+    collect<RouteCache::Ipv4AdjacencyStatus>("routecache/adj/ipv4", fecs);
+    collect<RouteCache::Ipv6AdjacencyStatus>("routecache/adj/ipv6", fecs);
+    if (const auto answers = answers_->vrf(L3::VrfName())) {
+      for (const auto& [vtep, fec] : answers->nexthop()) lastWord_[vtep] = fec.value();
+    }
+    for (const auto& [vtep, now] : fecs) {
+      const auto before = shown_.find(vtep);
+      const auto word = lastWord_.find(vtep);
+      for (const std::uint64_t fec : now) {
+        const bool had = before == shown_.end() ? fec == 0 : before->second.contains(fec);
+        ASSERT_TRUE(had || (word != lastWord_.end() && word->second == fec)) << vtep << " has FEC " << fec;
+      }
+    }
+    shown_ = std::move(fecs);
+  }
   // Identifier and inHw of a published route, "10.0.0.0/8@7".
   std::pair<AdjId, bool> stateOf(const std::string& key) {
     const auto of = [](const auto& route) { return std::pair(route->adjId(), route->inHw()); };
@@ -335,10 +408,11 @@ class RandomSwitch {
                                              "10.1.2.3/32", "::/0",       "2001:db8::/32"};
   static constexpr unsigned vias = 8;
 
-  // Each name has a pi id of its own; hardware ids move about, and for a while two names may claim one.
-  void pairVrf(const std::string& name) {
+  // Each name has two pi ids of its own, one at a time; hardware ids move about, and for a while two names may claim
+  // one.
+  void pairVrf(const std::string& name, std::uint32_t which) {
     const auto at = std::find(std::begin(vrfNames), std::end(vrfNames), name);
-    const auto pi = static_cast<std::uint32_t>(at - std::begin(vrfNames)) + 1;
+    const auto pi = static_cast<std::uint32_t>(at - std::begin(vrfNames) + 1 + which * std::ssize(vrfNames));
     sw.piVrf(name, pi);
     model.piVrfs[name] = pi;
   }
@@ -354,7 +428,7 @@ class RandomSwitch {
         model.hwVrfs.erase(name);
         return;
       case 2:
-        return pairVrf(name);
+        return pairVrf(name, pick(4) == 0);
       default:
         swapHwVrf(name, name == "default" ? 0 : 100 + pick(4));
     }
@@ -461,7 +535,7 @@ class RandomSwitch {
   }
 
   void route() {
-    const std::uint32_t pi = 1 + pick(4);
+    const std::uint32_t pi = 1 + pick(pick(4) == 0 ? 8 : 4);
     const std::string prefix = one(prefixes);
     if (pick(3) == 0) {
       sw.routeGone(prefix, pi);
@@ -474,6 +548,11 @@ class RandomSwitch {
     const std::uint64_t viaKey = 1 + pick(vias);
     sw.route(prefix, pi, viaKey);
     model.routes[{pi, prefix}] = viaKey;
+  }
+
+  void resolver() {
+    resolverThere_ ? sw.resolverGone() : sw.resolverBack();
+    resolverThere_ = !resolverThere_;
   }
 
   void agent() {
@@ -489,6 +568,15 @@ class RandomSwitch {
   const unsigned yieldAfter_;
   std::uint32_t hwRoutes_, sfeRoutes_, adjacencies_, identifiers_, record_;
   bool caching_;
+  bool resolverThere_ = true;
+  std::shared_ptr<Routing::NexthopConfig> requests_ =
+      sw.entity<Routing::NexthopConfig>(Paths::nexthopConfig, "Routing::NexthopConfig");
+  std::shared_ptr<Routing::NexthopStatus> answers_ =
+      sw.entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus");
+  Fecs shown_;                                   // VTEP -> its FECs in the adjacency tables after the last run
+  std::map<IpGenAddr, std::uint64_t> lastWord_;  // the resolver's, of those that are requested
+  std::unique_ptr<Withdrawals> withdrawals_;
+  std::unique_ptr<Returns> returns_;
 };
 
 class SwRouteModelTest : public testing::TestWithParam<unsigned> {};
@@ -498,12 +586,11 @@ TEST_P(SwRouteModelTest, EndsWithWhatIsConfigured) {
   for (unsigned seed = GetParam() * 1000; seed < GetParam() * 1000 + 12; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     RandomSwitch random(seed, overflows);
-    random.sw.start();
     for (int round = 0; round < 4; ++round) {
       for (int i = 0; i < 60; ++i) random.step();
       if (round % 2 == 0) random.fill();
       for (int i = 0; i < 6; ++i) random.step();
-      random.finish();
+      ASSERT_NO_FATAL_FAILURE(random.finish());
       ASSERT_NO_FATAL_FAILURE(random.check());
       ASSERT_NO_FATAL_FAILURE(random.stream());
       random.overload();

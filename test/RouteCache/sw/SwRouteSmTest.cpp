@@ -35,49 +35,6 @@ class SwRouteSmTest : public testing::TestWithParam<int> {
 INSTANTIATE_TEST_SUITE_P(Yields, SwRouteSmTest, testing::Values(0, 1),
                          [](const auto& p) { return p.param == 0 ? "Never" : "AfterEveryEntry"; });
 
-TEST_P(SwRouteSmTest, WhatARouteNeedsMayComeInAnyOrder) {
-  // Each of the five things comes last once; before it the route is parked, with it the route is published.
-  struct Step {
-    const char* what;
-    std::function<void()> take;
-    std::function<void()> give;
-    bool parked;  // without it: recorded as unprogrammed
-  };
-  const Step steps[] = {
-      {"VRF", [&] { sw.vrfGone("red"); }, [&] { sw.vrf("red", 1, 101); }, true},
-      {"via", [&] { sw.viaGone(1); }, [&] { sw.via(1, {sw.nexthop("10.255.0.1", "Vxlan1", 10010)}); }, true},
-      {"interface", [&] { sw.vtiGone("Vxlan1"); },
-       [&] {
-         sw.vti("Vxlan1", "192.0.2.1");
-         sw.vlan("Vxlan1", 10, 10010);
-       },
-       true},
-      {"VLAN of the VNI", [&] { sw.vlanGone("Vxlan1", 10); }, [&] { sw.vlan("Vxlan1", 10, 10010); }, true},
-      {"interface up", [&] { sw.vtiDown("Vxlan1"); }, [&] { sw.vti("Vxlan1", "192.0.2.1"); }, true},
-      {"route", [&] { sw.routeGone("10.0.0.0/8", 1); }, [&] { sw.route("10.0.0.0/8", 1, 1); }, false},
-  };
-  for (const Step& step : steps) step.give();
-  sw.start();
-  settle();
-  for (const Step& step : steps) {
-    SCOPED_TRACE(step.what);
-    step.take();
-    // A via is not followed: the routes that name it are written again with it.
-    if (step.parked) sw.route("10.0.0.0/8", 1, 1);
-    settle();
-    EXPECT_THAT(sw.published(), IsEmpty());
-    EXPECT_THAT(sw.requests(), IsEmpty());
-    EXPECT_THAT(sw.adjacencyIds(), IsEmpty());
-    EXPECT_EQ(sw.unprogrammed().contains("10.0.0.0/8@1"), step.parked);
-    step.give();
-    settle();
-    EXPECT_THAT(sw.published(), ElementsAre(Pair("10.0.0.0/8@101", "10.255.0.1 Vxlan1 vlan 10 fec 5")));
-    EXPECT_THAT(sw.requests(), ElementsAre("10.255.0.1"));
-    EXPECT_THAT(sw.unprogrammed(), IsEmpty());
-    EXPECT_EQ(sw.sm().routeToProcess().size(), 0u);
-  }
-}
-
 TEST_P(SwRouteSmTest, AVlanThatLetsGoOfItsVniLeavesItToAnotherThatHasIt) {
   sw.vlan("Vxlan1", 20, 10010);
   sw.via(1, {sw.nexthop("10.255.0.1", "Vxlan1", 10010)});
@@ -88,41 +45,6 @@ TEST_P(SwRouteSmTest, AVlanThatLetsGoOfItsVniLeavesItToAnotherThatHasIt) {
   sw.vlan("Vxlan1", 20, 777);
   settle();
   EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
-}
-
-TEST_P(SwRouteSmTest, ARouteFollowsItsVrfToAnotherHardwareId) {
-  sw.vrf("blue", 2, 102);
-  sw.vrf("default", 3, 0);
-  sw.via(1, {sw.nexthop("10.255.0.1")});
-  sw.via(2, {sw.nexthop("10.255.0.2")});
-  for (const std::uint32_t vrf : {1u, 2u, 3u}) {
-    sw.route("0.0.0.0/0", vrf, vrf == 1 ? 1 : 2);
-    sw.route("::/0", vrf, 1);
-  }
-  sw.route("10.1.0.0/16", 1, 1);
-  sw.start();
-  settle();
-  EXPECT_EQ(sw.published().size(), 7u);
-  // red and blue change places: in between, both claim one id.
-  sw.hwVrf("red", 102);
-  sw.hwVrf("blue", 101);
-  settle();
-  auto published = sw.published();
-  EXPECT_EQ(published.size(), 7u);
-  EXPECT_EQ(published.at("0.0.0.0/0@102"), "10.255.0.1 Vxlan1 vlan 10 fec 5");
-  EXPECT_EQ(published.at("0.0.0.0/0@101"), "10.255.0.2 Vxlan1 vlan 10 fec 5");
-  EXPECT_TRUE(published.contains("10.1.0.0/16@102"));
-  // A new pi id under the same name: the routes of the old one are parked, those of the new one appear.
-  sw.route("10.9.0.0/16", 9, 1);
-  sw.piVrf("red", 9);
-  settle();
-  EXPECT_FALSE(sw.publishedKeys().contains("10.1.0.0/16@102"));
-  EXPECT_TRUE(sw.publishedKeys().contains("10.9.0.0/16@102"));
-  EXPECT_TRUE(sw.unprogrammed().contains("10.1.0.0/16@1"));
-  sw.piVrf("red", 1);
-  settle();
-  EXPECT_TRUE(sw.publishedKeys().contains("10.1.0.0/16@102"));
-  EXPECT_FALSE(sw.publishedKeys().contains("10.9.0.0/16@102"));
 }
 
 TEST_P(SwRouteSmTest, WithHardwareCachingOnTheHardwareEntryDecidesInHw) {
@@ -218,59 +140,6 @@ TEST_P(SwRouteSmTest, ARestartTakesUpWhatChangedMeanwhile) {
   EXPECT_EQ(sw.adjacencyIds().size(), 2u);
   EXPECT_THAT(sw.requests(), UnorderedElementsAre("10.255.0.1", "10.255.0.4", "10.255.0.5"));
   EXPECT_THAT(sw.unprogrammed(), IsEmpty());
-}
-
-// A resolver that has its answers in place before anybody else hears that it is back.
-class Answering final : public Routing::NexthopStatus::Reactor {
- public:
-  explicit Answering(std::shared_ptr<Routing::NexthopStatus> status) : Reactor(status), status_(std::move(status)) {}
-  void handleVrf(const L3::VrfName& name) override {
-    if (const auto vrf = status_->vrf(name)) vrf->nexthopIs(Platform::fromText<IpGenAddr>("10.255.0.1"), fec);
-  }
-  Fib::FecId fec;
-
- private:
-  std::shared_ptr<Routing::NexthopStatus> status_;
-};
-
-TEST_P(SwRouteSmTest, WhatWasResolvedForwardsUntilTheResolverSaysOtherwise) {
-  sw.via(1, {sw.nexthop("10.255.0.1")});
-  sw.route("10.0.0.0/8", 1, 1);
-  sw.route("10.9.0.0/16", 9, 1);  // its VRF never comes: the queue does not drain
-  sw.start();
-  settle();
-  sw.stop();
-  sw.resolverGone();
-  const auto status = sw.entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus");
-  Answering resolver(status);
-  const auto answer = [&](const char* vtep, std::uint32_t fec) {
-    status->vrfIs(L3::VrfName())->nexthopIs(Platform::fromText<IpGenAddr>(vtep), Fib::FecId(fec));
-  };
-  const auto expect = [&](unsigned first, unsigned second) {
-    EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec " + std::to_string(first) +
-                                                       ", 10.255.0.2 Vxlan1 vlan 10 fec " + std::to_string(second));
-  };
-  sw.via(1, {sw.nexthop("10.255.0.1"), sw.nexthop("10.255.0.2")});  // another set, and so another identifier
-  sw.start();
-  sw.advance(20);
-  expect(5, 0);
-  sw.advance(400);  // whatever a restart owes is over
-  expect(5, 0);
-  resolver.fec = Fib::FecId(8);
-  answer("10.255.0.2", 7);
-  settle();
-  expect(8, 7);
-  status->vrfDel(L3::VrfName());
-  settle();
-  expect(8, 7);
-  resolver.fec = Fib::FecId(4);
-  status->vrfIs(L3::VrfName());
-  sw.advance(0);
-  expect(4, 7);
-  answer("10.255.0.1", 0);  // unreachable, and that stays too
-  status->vrfDel(L3::VrfName());
-  settle();
-  expect(0, 7);
 }
 
 TEST_P(SwRouteSmTest, AnAdjacencyThatNoAgentMadeIsDropped) {
