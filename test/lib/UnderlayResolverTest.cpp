@@ -26,7 +26,7 @@ class UnderlayResolverTest : public testing::TestWithParam<std::uint64_t> {
   std::shared_ptr<Routing::NexthopConfig> requests = std::make_shared<Routing::NexthopConfig>("requests");
   std::shared_ptr<Routing::NexthopStatus> answers = std::make_shared<Routing::NexthopStatus>("answers");
   std::shared_ptr<Routing::UnderlayRouteConfig> routes = std::make_shared<Routing::UnderlayRouteConfig>("routes");
-  std::optional<LinuxPlatform::UnderlayResolver> resolver{std::in_place, requests, answers, routes, scheduler};
+  LinuxPlatform::UnderlayResolver resolver{requests, answers, routes, scheduler};
 };
 
 TEST_P(UnderlayResolverTest, AnswersFollowTheLongestPrefixAsRoutesComeAndGo) {
@@ -61,17 +61,6 @@ TEST_P(UnderlayResolverTest, WithdrawnRequestsAndVrfsLoseTheirAnswers) {
   requests->vrfDel("default");
   scheduler.advance(0);
   EXPECT_EQ(answers->vrf("default"), nullptr);
-}
-
-TEST_P(UnderlayResolverTest, RequestsThatAreThereAtTheStartAreAnswered) {
-  resolver.reset();
-  answers->vrfDel("default");
-  request("10.0.0.1");
-  request("10.0.0.2");
-  routes->routeIs(prefix("10.0.0.2/32"), Fib::FecId(2));
-  resolver.emplace(requests, answers, routes, scheduler);
-  EXPECT_EQ(answer("10.0.0.1"), 0U);
-  EXPECT_EQ(answer("10.0.0.2"), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(YieldAfter, UnderlayResolverTest, testing::Values(0U, 1U));

@@ -13,6 +13,7 @@
 #include "lib/tasks/SimulatedScheduler.h"
 #include "lib/trace/TextTraceFacility.h"
 #include "linux/tables/SharedTableService.h"
+#include "test/support/Content.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
@@ -45,8 +46,7 @@ class FibAndVrf {
   void fibBreaks() {
     fib_.reset();
     for (const auto& [path, type] : written_) {
-      std::ifstream whole(fileOf(path), std::ios::binary);
-      whole_[path].assign(std::istreambuf_iterator<char>(whole), {});
+      whole_[path] = contentOf(fileOf(path));
       std::filesystem::resize_file(fileOf(path), whole_[path].size() / 2);
     }
   }
@@ -213,7 +213,6 @@ TEST(VrfCachedRouteSmTest, SweepGoesOnInLaterRunsAndEndsWithItsVrf) {
   fib.play("vrf; 1.0.0.0/8 0; 3.0.0.0/8 gone; 3.128.0.0/9 40; 5.0.0.0/8 0; settle");
   EXPECT_EQ(fib.cached(), "2.0.0.0/8 3.128.0.0/9 4.0.0.0/8");
   EXPECT_EQ(fib.trace.count("adding prefix: 2.0.0.0/8"), 1U) << "no way back";
-  EXPECT_EQ(fib.trace.count("deleting prefix: 1.0.0.0/8"), 1U);
   EXPECT_EQ(fib.trace.count("deleting prefix: 1.0.0.0/8"), 1U);
   EXPECT_EQ(fib.scheduler.statistics().size(), 1U) << "a sweep's task without a sweep";
 }

@@ -114,8 +114,7 @@ TEST(VrfSmTest, MapsCompleteVrfs) {
     const char* what;
     std::string story, state;
   } cases[] = {
-      {"platform first", "start; pi red 1; hw red 101", "1=101 red"},
-      {"hardware first", "start; hw red 101; pi red 1", "1=101 red"},
+      // What one name alone comes to, in any order, is the random changes' affair.
       {"one of them before the start", "pi red 1; start; hw red 101", "1=101 red"},
       {"the other one", "hw red 101; start; pi red 1", "1=101 red"},
       {"both before the start", "hw red 101; pi red 1; start", "1=101 red"},
@@ -123,20 +122,9 @@ TEST(VrfSmTest, MapsCompleteVrfs) {
       {"pi id 0 is an id", "start; pi red 0; hw red 101", "0=101 red"},
       {"the default VRF has hardware id 0", "start; pi default 5; appears default", "5=0 default"},
       {"and keeps it from the others", "start; pi default 5; appears default; pi red 1; hw red 0", "5=0 default"},
-      {"no other name has it", "start; pi red 1; appears red", ""},
-      {"it counts from the moment it is another", "start; pi red 1; appears red; hw red 7", "1=7 red"},
       {"0 afterwards is ignored", both + "hw red 0", "1=101 2=102 blue red"},
       {"so is a pi id meanwhile", both + "hw red 0; pi red 9", "1=101 2=102 blue red"},
-
-      {"another hardware id", both + "hw red 103", "1=103 2=102 blue red"},
-      {"another pi id", both + "pi red 3", "2=102 3=101 blue red"},
-      {"both ids", both + "pi red 3; hw red 103", "2=102 3=103 blue red"},
-      {"gone from hardware", both + "hwGone red", "2=102 blue"},
-      {"gone from the platform", both + "piGone red", "2=102 blue"},
       {"gone from the platform with hardware id 0", both + "hw red 0; piGone red", "2=102 blue"},
-      {"gone from both and back", both + "hwGone red; piGone red; hw red 101; pi red 1", "1=101 2=102 blue red"},
-      {"the default VRF goes", "start; pi default 5; appears default; hwGone default", ""},
-      {"the default VRF goes from the platform", "start; pi default 5; appears default; piGone default", ""},
 
       {"who is heard of last has the hardware id", overHw, "2=101 blue"},
       {"its loser's going is none of its business", overHw + "piGone red", "2=101 blue"},
