@@ -192,15 +192,6 @@ TEST_F(HastyAgentCommandsTest, CommandThatPausesAThousandTimesLeavesOneOutput) {
   EXPECT_EQ(counters.alive, 0);
 }
 
-TEST_F(HastyAgentCommandsTest, CommandsOnTwoConnectionsTakeTurns) {
-  Peer longOne(path);
-  longOne.send(request("list 1000"));
-  turn(10);
-  EXPECT_EQ(ask(request("list 3", "text")).ending, done);
-  EXPECT_EQ(counters.alive, 1) << "the long one is not done";
-  EXPECT_EQ(Json::parse(rest(longOne, {}).content)["entries"].size(), 1000U);
-}
-
 TEST_F(AgentCommandsTest, EveryEndIsToldAndLeavesClosedOutput) {
   const struct {
     const char* what;

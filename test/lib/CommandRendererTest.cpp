@@ -175,25 +175,6 @@ TEST(RendererTest, FailureIsRememberedAndStandsInJsonOnly) {
   EXPECT_EQ(outputOf(OutputFormat::text, writeRoutes).error, std::nullopt);
 }
 
-TEST(RendererTest, OutputMayBeTakenAwayAfterEveryCall) {
-  std::string all;
-  std::string out;
-  JsonRenderer json(out);
-  json.start();
-  for (int i = 0; i < 100; ++i) {
-    json.startDictEntry(std::to_string(i));
-    all += std::exchange(out, {});
-    json.addAttributes("", {{"i", i}});
-    all += std::exchange(out, {});
-    json.endDictEntry();
-    all += std::exchange(out, {});
-  }
-  json.end();
-  const Json parsed = Json::parse(all + out);
-  EXPECT_EQ(parsed.size(), 100U);
-  EXPECT_EQ(parsed["99"]["i"], 99);
-}
-
 TEST(RendererDeathTest, CallsThatMakeNoObjectAreOurMistake) {
   const auto dies = [](const char* what, const std::function<void(Renderer&)>& calls) {
     EXPECT_DEATH(outputOf(OutputFormat::json, calls), what);

@@ -205,26 +205,6 @@ TYPED_TEST(TaskSchedulerTest, TasksMayBeDestroyedFromInsideARun) {
   EXPECT_EQ(owned.use_count(), 1);
 }
 
-TYPED_TEST(TaskSchedulerTest, StatisticsAddUpPerTask) {
-  auto& scheduler = this->driver.scheduler;
-  std::unique_ptr<Task> task = scheduler.taskIs("work", TaskPriority::background, [&] {
-    task->workCountIs(3);
-    task->workPendingIs(7);
-  });
-  for (int i = 0; i < 2; ++i) {
-    task->scheduleWithin(0);
-    this->driver.elapse(1);
-  }
-  const auto statistics = scheduler.statistics();
-  ASSERT_EQ(statistics.size(), 1U);
-  EXPECT_EQ(statistics[0].name, "work");
-  EXPECT_EQ(statistics[0].priority, TaskPriority::background);
-  EXPECT_EQ(statistics[0].runs, 2U);
-  EXPECT_EQ(statistics[0].workDone, 6U);
-  EXPECT_EQ(statistics[0].workPending, 7U);
-  EXPECT_LE(statistics[0].longestRun, statistics[0].totalRun);
-}
-
 // --- Virtual time ----------------------------------------------------------------------------------------------------
 
 TEST(SimulatedSchedulerTest, AdvanceRunsEverythingInDueOrderAtItsTime) {
@@ -245,43 +225,6 @@ TEST(SimulatedSchedulerTest, AdvanceRunsEverythingInDueOrderAtItsTime) {
   EXPECT_EQ(scheduler.now(), 9.5);
   EXPECT_EQ(scheduler.nextDue(), 13.0);
   EXPECT_EQ(scheduler.runDue(), 0U);
-}
-
-TEST(SimulatedSchedulerTest, HookRunsBetweenRunsAndMayMakeWork) {
-  SimulatedScheduler scheduler;
-  int hooks = 0;
-  int runs = 0;
-  auto task = scheduler.taskIs("task", TaskPriority::processing, [&] { ++runs; });
-  scheduler.afterRunIs([&] {
-    if (++hooks <= 2) task->scheduleWithin(0);
-  });
-  scheduler.advance(0);
-  EXPECT_EQ(runs, 2);
-  EXPECT_EQ(hooks, 3) << "before the first run and after each";
-  EXPECT_TRUE(scheduler.idle());
-}
-
-TEST(SimulatedSchedulerTest, YieldsOnceACallbackHasAskedOftenEnough) {
-  SimulatedScheduler scheduler;
-  std::vector<int> entries;
-  std::unique_ptr<Task> task;
-  task = scheduler.taskIs("task", TaskPriority::processing, [&] {
-    int handled = 0;
-    do {
-      ++handled;
-    } while (handled < 5 && !task->shouldYield());
-    entries.push_back(handled);
-  });
-  for (const std::uint64_t yieldAfter : {0U, 1U, 2U}) {
-    scheduler.yieldAfterEntriesIs(yieldAfter);
-    task->scheduleWithin(0);
-    scheduler.advance(0);
-  }
-  EXPECT_THAT(entries, ElementsAre(5, 1, 2));
-  // Outside of a run (a reaction to a test's own write) each yes starts a new slice.
-  EXPECT_FALSE(task->shouldYield());
-  EXPECT_TRUE(task->shouldYield());
-  EXPECT_FALSE(task->shouldYield());
 }
 
 // --- The event loop --------------------------------------------------------------------------------------------------
@@ -345,22 +288,33 @@ TEST(EventLoopTest, LateTicksRunOnceEachByPriority) {
   EXPECT_EQ(loop.nextDue(), 11.5);
 }
 
+// A pipe that always has something to read.
+struct ReadyPipe {
+  ReadyPipe() {
+    EXPECT_EQ(pipe(ends.data()), 0);
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+  }
+  ReadyPipe(const ReadyPipe&) = delete;
+  ReadyPipe& operator=(const ReadyPipe&) = delete;
+  ~ReadyPipe() {
+    for (const int end : ends) close(end);
+  }
+  int readEnd() const { return ends[0]; }
+  std::array<int, 2> ends{};
+};
+
 TEST(EventLoopTest, WaitsForWhatIsDueAndForDescriptors) {
   EventLoop loop;
   double due = 0;
   auto later = loop.taskIs("later", TaskPriority::processing, [&] { loop.stop(); });
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
-  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) {
-    loop.fdDel(ends[0]);
+  const ReadyPipe ready;
+  loop.fdIs(ready.readEnd(), EPOLLIN, [&](std::uint32_t) {
+    loop.fdDel(ready.readEnd());
     later->scheduleWithin(0.01);
     due = loop.nextDue();
   });
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
   loop.run();
   EXPECT_GE(loop.now(), due);
-  close(ends[0]);
-  close(ends[1]);
 }
 
 // What they do is somebody else's work to tasks of the background.
@@ -368,10 +322,8 @@ TEST(EventLoopTest, DescriptorsDoNotStarveTheBackground) {
   constexpr double slice = 1;
   const auto clock = std::make_shared<SimulatedClock>();
   EventLoop loop(slice, clock);
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
-  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) { clock->advance(slice); });
+  const ReadyPipe ready;
+  loop.fdIs(ready.readEnd(), EPOLLIN, [&](std::uint32_t) { clock->advance(slice); });
   std::unique_ptr<Task> busy;
   busy = loop.taskIs("busy", TaskPriority::processing, [&] {
     clock->advance(slice);
@@ -389,34 +341,27 @@ TEST(EventLoopTest, DescriptorsDoNotStarveTheBackground) {
   const double start = clock->now();
   for (int i = 0; i < 100; ++i) loop.runOnce(0);
   EXPECT_NEAR(turns, (clock->now() - start) / slice / 8, 1);
-  close(ends[0]);
-  close(ends[1]);
 }
 
 TEST(EventLoopTest, ANewWatchOfADescriptorReplacesTheOld) {
   EventLoop loop;
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  const ReadyPipe ready;
   const auto held = std::make_shared<int>();
-  loop.fdIs(ends[0], EPOLLIN, [held](std::uint32_t) { FAIL() << "the old one is called"; });
+  loop.fdIs(ready.readEnd(), EPOLLIN, [held](std::uint32_t) { FAIL() << "the old one is called"; });
   int calls = 0;
-  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) {
+  loop.fdIs(ready.readEnd(), EPOLLIN, [&](std::uint32_t) {
     ++calls;
-    loop.fdDel(ends[0]);
+    loop.fdDel(ready.readEnd());
   });
   EXPECT_EQ(held.use_count(), 1) << "the old one is kept";
   loop.runOnce(0);
   EXPECT_EQ(calls, 1);
-  close(ends[0]);
-  close(ends[1]);
 }
 
 TEST(EventLoopTest, DescriptorsAreServedBetweenBusyTasksAndMayTakeThemselvesAway) {
   const auto clock = std::make_shared<SimulatedClock>();
   EventLoop loop(1, clock);
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe(ends.data()), 0);
+  const ReadyPipe ready;
   std::unique_ptr<Task> busy;
   busy = loop.taskIs("busy", TaskPriority::urgent, [&] {
     clock->advance(0.25);
@@ -426,28 +371,23 @@ TEST(EventLoopTest, DescriptorsAreServedBetweenBusyTasksAndMayTakeThemselvesAway
   int calls = 0;
   int batches = 0;
   loop.afterBatchIs([&] { ++batches; });
-  loop.fdIs(ends[0], EPOLLIN, [&](std::uint32_t) {
+  loop.fdIs(ready.readEnd(), EPOLLIN, [&](std::uint32_t) {
     ++calls;
-    loop.fdDel(ends[0]);
+    loop.fdDel(ready.readEnd());
   });
-  ASSERT_EQ(write(ends[1], "xx", 2), 2);
   for (int i = 0; i < 3; ++i) loop.runOnce(0);
   EXPECT_EQ(calls, 1);
   EXPECT_EQ(batches, 3);
   EXPECT_EQ(loop.statistics()[0].runs, 12U);
-  close(ends[0]);
-  close(ends[1]);
 }
 
 TEST(EventLoopTest, DescriptorsThatAreAlwaysReadyTakeTurnsAndShareASliceWithTheTasks) {
   EventLoop loop(0);  // a slice is spent by one callback
   constexpr int descriptors = 4;
-  std::array<std::array<int, 2>, descriptors> pipes{};
+  std::array<ReadyPipe, descriptors> pipes;
   std::array<int, descriptors> calls{};
   for (std::size_t i = 0; i < descriptors; ++i) {
-    ASSERT_EQ(pipe(pipes[i].data()), 0);
-    ASSERT_EQ(write(pipes[i][1], "x", 1), 1);
-    loop.fdIs(pipes[i][0], EPOLLIN, [&calls, i](std::uint32_t) { ++calls[i]; });
+    loop.fdIs(pipes[i].readEnd(), EPOLLIN, [&calls, i](std::uint32_t) { ++calls[i]; });
   }
   std::unique_ptr<Task> busy;
   busy = loop.taskIs("busy", TaskPriority::processing, [&] { busy->scheduleWithin(0); });
@@ -455,10 +395,6 @@ TEST(EventLoopTest, DescriptorsThatAreAlwaysReadyTakeTurnsAndShareASliceWithTheT
   for (int i = 0; i < 10 * descriptors; ++i) loop.runOnce(0);
   for (const int count : calls) EXPECT_NEAR(count, 10, 1);
   EXPECT_GE(loop.statistics()[0].runs, 9U * descriptors);
-  for (const auto& ends : pipes) {
-    close(ends[0]);
-    close(ends[1]);
-  }
 }
 
 TEST(EventLoopTest, SignalsStopTheLoopAndABrokenPipeDoesNot) {

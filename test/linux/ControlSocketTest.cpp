@@ -53,6 +53,24 @@ class ControlSocketTest : public testing::Test {
     return ask(R"({"op": "get", "path": "vxlan", "field": ")" + field + R"("})");
   }
 
+  // An operation that is answered by calling this as long as it says that there is more.
+  static void replyIs(ControlSocket& socket, const std::string& op, const std::function<bool(std::string&)>& produce) {
+    class Reply final : public ControlReply {
+     public:
+      explicit Reply(std::function<bool(std::string&)> produce) : produce_(std::move(produce)) {}
+      bool produce(std::string& lines) override { return produce_(lines); }
+
+     private:
+      std::function<bool(std::string&)> produce_;
+    };
+    socket.opIs(op, ControlSocket::Access::ask, [produce](const auto&) { return std::make_unique<Reply>(produce); });
+  }
+  static bool addPiece(std::string& lines, int& pieces) {
+    ++pieces;
+    lines += std::string(1000, 'x') + "\n";
+    return true;
+  }
+
   const TemporaryDirectory directory;
   const std::string path = LinuxPlatform::RunDirectory::controlPath(directory.path());
   Lattis::EntityTypes types;
@@ -163,27 +181,11 @@ TEST_F(ControlSocketTest, BadBytesCostTheirSenderTheConnectionAndNobodyElse) {
   EXPECT_EQ(bystander.receive(), done);
 }
 
-// An endless reply, and how often it was asked for more.
-class EndlessReply final : public ControlReply {
- public:
-  EndlessReply(int& pieces, bool& destroyed) : pieces_(pieces), destroyed_(destroyed) {}
-  ~EndlessReply() override { destroyed_ = true; }
-  bool produce(std::string& lines) override {
-    ++pieces_;
-    lines += std::string(1000, 'x') + "\n";
-    return true;
-  }
-
- private:
-  int& pieces_;
-  bool& destroyed_;
-};
-
 TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
   int pieces = 0;
-  bool destroyed = false;
-  control.opIs("endless", ControlSocket::Access::ask,
-               [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  const auto held = std::make_shared<int>();
+  replyIs(control, "endless", [&pieces, held](std::string& lines) { return addPiece(lines, pieces); });
+  const auto unasked = held.use_count();
   Peer stalled(path);
   stalled.send("{\"op\": \"endless\"}\n");
   turn(200);
@@ -195,9 +197,10 @@ TEST_F(ControlSocketTest, StalledReaderHoldsAPieceOfItsReplyAndDelaysNobody) {
   EXPECT_GT(stalled.receive().size(), 0U);
   turn(20);
   EXPECT_GT(pieces, produced) << "it goes on when the reader does";
+  EXPECT_GT(held.use_count(), unasked);
   stalled.leave();
   turn();
-  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(held.use_count(), unasked) << "the reply goes with its reader";
 }
 
 TEST_F(ControlSocketTest, TurnOfOneClientEndsWithItsTimeSlice) {
@@ -206,9 +209,7 @@ TEST_F(ControlSocketTest, TurnOfOneClientEndsWithItsTimeSlice) {
   ControlSocket hasty(hastyLoop, hastyPath);
   hastyLoop.runOnce(0);
   int pieces = 0;
-  bool destroyed = false;
-  hasty.opIs("endless", ControlSocket::Access::ask,
-             [&](const auto&) { return std::make_unique<EndlessReply>(pieces, destroyed); });
+  replyIs(hasty, "endless", [&](std::string& lines) { return addPiece(lines, pieces); });
   Peer peer(hastyPath);
   peer.send("{\"op\": \"endless\"}\n");
   for (int i = 0; i < 10; ++i) {
@@ -220,19 +221,9 @@ TEST_F(ControlSocketTest, TurnOfOneClientEndsWithItsTimeSlice) {
 }
 
 TEST_F(ControlSocketTest, ReplyThatNeedsTimeTakesItsTurns) {
-  class SlowReply final : public ControlReply {
-   public:
-    SlowReply(int& asked, int needed) : asked_(asked), needed_(needed) {}
-    bool produce(std::string&) override { return ++asked_ < needed_; }
-
-   private:
-    int& asked_;
-    int needed_;
-  };
   int asked = 0;
   int needed = 5;
-  control.opIs("slow", ControlSocket::Access::ask,
-               [&](const auto&) { return std::make_unique<SlowReply>(asked, needed); });
+  replyIs(control, "slow", [&](std::string&) { return ++asked < needed; });
   Peer peer(path);
   peer.send("{\"op\": \"slow\"}\n");
   turn(2);
@@ -284,15 +275,7 @@ TEST_F(ControlSocketTest, WhoKeepsAPlaceForNothingLosesIt) {
   const std::string impatientPath = path + "-impatient";
   ControlSocket impatient(impatientLoop, impatientPath, 0);
   bool busy = true;
-  class BusyReply final : public ControlReply {
-   public:
-    explicit BusyReply(bool& busy) : busy_(busy) {}
-    bool produce(std::string&) override { return busy_; }
-
-   private:
-    bool& busy_;
-  };
-  impatient.opIs("work", ControlSocket::Access::ask, [&](const auto&) { return std::make_unique<BusyReply>(busy); });
+  replyIs(impatient, "work", [&](std::string&) { return busy; });
   const auto turns = [&] {
     for (int i = 0; i < 4; ++i) impatientLoop.runOnce(0);
   };

@@ -14,6 +14,7 @@
 #include "linux/files/OwnFiles.h"
 #include "linux/files/RunDirectory.h"
 #include "linux/tables/SharedTableService.h"
+#include "test/support/Content.h"
 #include "test/support/OtherUser.h"
 #include "test/support/TemporaryDirectory.h"
 #include "test/support/TestTables.h"
@@ -60,10 +61,6 @@ class OwnFilesTest : public testing::Test {
     struct stat status {};
     EXPECT_EQ(lstat(path.c_str(), &status), 0) << path;
     return status.st_mode & 07777;
-  }
-  static std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
   }
 
   const Platform::TableTypes types = TestTables::types();

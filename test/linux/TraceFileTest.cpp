@@ -13,7 +13,8 @@
 
 #include "lib/trace/TextTraceFacility.h"
 #include "linux/files/TraceFile.h"
-#include "test/support/Eventually.h"
+#include "test/support/Content.h"
+#include "test/support/TemporaryDirectory.h"
 
 using LinuxPlatform::FileTraceFacility;
 using LinuxPlatform::readTrace;
@@ -27,13 +28,10 @@ namespace {
 class TraceFileTest : public testing::Test {
  protected:
   TraceFileTest() {
-    std::filesystem::remove_all(directory);
-    std::filesystem::create_directories(directory);
     facility.levels().defaultIs(9);
     settings.fileName = "agent-%d.zph";
     settings.bufferSize.fill(64);
   }
-  ~TraceFileTest() override { std::filesystem::remove_all(directory); }
 
   std::vector<std::string> texts(unsigned maxLevel = 9) const {
     std::vector<std::string> all;
@@ -43,7 +41,8 @@ class TraceFileTest : public testing::Test {
     return all;
   }
 
-  const std::string directory = "/tmp/trace-test-" + std::to_string(getpid());
+  const TemporaryDirectory temporary;
+  const std::string& directory = temporary.path();
   FileTraceFacility facility{directory};
   FastTraceSettings settings;
   Platform::TraceVocabulary vocabulary;
@@ -195,8 +194,7 @@ TEST_F(TraceFileTest, DamagedFilesAreRefusedOrReadAsFarAsTheyGo) {
   ASSERT_TRUE(facility.fastTraceInit(settings));
   TraceHandle trace(facility, "Sm");
   for (unsigned i = 0; i < 3000; ++i) trace(i % 10, "step ", i, std::string("text"));
-  std::ifstream file(facility.fileName(), std::ios::binary);
-  const std::string good{std::istreambuf_iterator<char>(file), {}};
+  const std::string good = contentOf(facility.fileName());
   const std::string name = directory + "/damaged.zph";
   const auto read = [&](const std::string& bytes) {
     std::ofstream(name, std::ios::binary) << bytes;

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,7 +22,6 @@ using Simulator::Random;
 using Simulator::ZipfMandelbrot;
 using Simulator::ZipfSettings;
 using Simulator::ZipfTraffic;
-using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
 TEST(ZipfMandelbrotTest, DrawsByTheLaw) {
@@ -247,15 +245,12 @@ class FlowFileTest : public ::testing::Test {
     if (name == "red") return 7;
     return std::nullopt;
   }
-  std::unique_ptr<Simulator::FlowList> read() {
-    Tools::LineReader lines = Tools::linesOf(file_);
-    return Tools::RecordedFlows(lines).on(hwVrfIdOf);
-  }
   // What is sent, as text, or what is thrown, after the file's name.
   std::string flows(const std::string& text) {
     std::ofstream(file_, std::ios::binary) << text;
     try {
-      const auto list = read();
+      Tools::LineReader lines = Tools::linesOf(file_);
+      const auto list = Tools::RecordedFlows(lines).on(hwVrfIdOf);
       std::string out;
       for (const double until : {1.0, 2.0, 1e300}) {
         std::vector<Burst> bursts;
@@ -304,20 +299,6 @@ TEST_F(FlowFileTest, ReadsEveryLineOrNone) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(flows(c.text), c.result);
   }
-}
-
-TEST_F(FlowFileTest, ReadsLongListsFromGzip) {
-  gzFile out = gzopen(file_.c_str(), "wb");
-  for (unsigned i = 1; i <= 50'000; ++i) gzprintf(out, "%u,red,10.%u.%u.1,%u\n", (50'000 - i) / 4, i % 7, i % 100, i);
-  gzclose(out);
-  const auto list = read();
-  EXPECT_THAT(list->destinations(), SizeIs(700));
-  std::vector<Burst> bursts;
-  list->pull(1.5, bursts);
-  std::vector<std::uint32_t> packets;
-  for (const Burst& burst : bursts) packets.push_back(burst.packets);
-  EXPECT_THAT(packets, ElementsAre(49'997, 49'998, 49'999, 50'000, 49'993, 49'994, 49'995, 49'996));
-  EXPECT_EQ(list->destinations()[bursts[0].destination].addr, Platform::fromText<IpAddr>("10.3.97.1"));
 }
 
 }  // namespace
