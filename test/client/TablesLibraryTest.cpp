@@ -2,8 +2,6 @@
 #include <gmock/gmock.h>
 #include <poll.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -13,7 +11,7 @@
 #include "linux/tables/SharedTableService.h"
 #include "platform/tables/Rib.h"
 #include "routecache_tables.h"
-#include "test/support/Eventually.h"
+#include "test/support/Command.h"
 #include "test/support/TemporaryDirectory.h"
 
 namespace {
@@ -277,16 +275,9 @@ TEST_F(TablesLibraryTest, WhatIsNoTableIsRefusedOrToldOfAndNeverRead) {
 }
 
 TEST(TablesLibrarySymbolsTest, NothingIsSeenButTheInterface) {
-  std::FILE* const symbols =
-      popen("nm -D --defined-only '" ROUTECACHE_TABLES "' && objdump -p '" ROUTECACHE_TABLES "' | grep SONAME", "r");
-  ASSERT_NE(symbols, nullptr);
-  std::string text;
-  std::array<char, 4096> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), symbols))
-    text.append(buffer.data(), count);
-  ASSERT_EQ(pclose(symbols), 0);
-  EXPECT_THAT(text, HasSubstr("SONAME               libroutecache-tables.so.1\n"));
-  std::istringstream lines(text.substr(0, text.find("  SONAME")));
+  const auto told = [](const char* arguments) { return Command(arguments, "", nullptr, "/usr/bin/env").wait().out; };
+  EXPECT_THAT(told("objdump -p " ROUTECACHE_TABLES), HasSubstr("SONAME               libroutecache-tables.so.1\n"));
+  std::istringstream lines(told("nm -D --defined-only " ROUTECACHE_TABLES));
   std::string address, kind, name;
   std::size_t functions = 0;
   while (lines >> address >> kind >> name) {

@@ -27,7 +27,6 @@ constexpr std::uint64_t capacity = 500;
 constexpr std::uint64_t configured = 3000;  // host routes
 constexpr const char* hwRoutes = "routecache/route/hw/ipv4";
 constexpr const char* hwHitBits = "hardware/routecache/status/ipv4";
-constexpr const char* sfeHitBits = "sfe/routecache/status/ipv4";
 constexpr const char* hwRouteSm = "agent/routecache/hwRouteSm";
 constexpr const char* aLongTime = "3600";  // seconds: longer than any test waits
 
@@ -256,43 +255,6 @@ TEST_F(CachingProcessTest, AKilledAgentTakesNoRouteOutOfHardware) {
   }
   EXPECT_THAT(touched, IsEmpty());
   expectSpaceIsConserved();
-}
-
-TEST_F(CachingProcessTest, AKilledForwardingPlaneKeepsTheHitBitsOfRoutesThatStand) {
-  Command killed(simulate("--rate 20000", directory.path() + "/killed.csv"));
-  ASSERT_TRUE(
-      eventually([this] { return entries(hwHitBits).size() >= capacity / 2 && entries(sfeHitBits).size() >= 500; }));
-  EXPECT_EQ(killed.stop(SIGKILL).exitCode, -SIGKILL);
-  const Entries hits = entries(hwHitBits);
-  const Entries softwareHits = entries(sfeHitBits);
-  const std::string withdrawn = hits.begin()->first;
-  withdraw(withdrawn);
-  ASSERT_TRUE(eventually([&] { return !entries(hwRoutes).contains(withdrawn); }));
-
-  // Without traffic, no hit bit that is lost comes back.
-  const std::string flows = directory.path() + "/flows.csv";
-  std::ofstream(flows) << "3600,red,192.0.2.1,1\n";
-  Command watch("table watch " + std::string(hwHitBits) + " --json" + inRunDir);
-  ASSERT_TRUE(watch.says("["));
-  const std::string file = directory.path() + "/rows.json";
-  Command next(simulate("--flows " + flows, file));
-  ASSERT_TRUE(eventually([&] { return !rowsIn(file).empty(); }));
-  ASSERT_TRUE(watch.says(removalOf(withdrawn)));
-  EXPECT_EQ(next.stop(SIGTERM).exitCode, 0);
-  const auto isRemoval = [](const json& change) { return change.contains("removed"); };
-  EXPECT_EQ(std::ranges::count_if(changesOf(watch), isRemoval), 1);
-  std::vector<std::string> lost;
-  Entries now = entries(hwHitBits);
-  for (const auto& [key, entry] : hits) {
-    const bool stays = now.contains(key) && now[key]["hitbit"] <= entry["hitbit"];
-    if (!stays && key != withdrawn) lost.push_back(key);
-  }
-  now = entries(sfeHitBits);
-  const Entries inHardware = entries(hwRoutes);
-  for (const auto& entry : softwareHits) {
-    if (!now.contains(entry.first) && !inHardware.contains(entry.first)) lost.push_back(entry.first);
-  }
-  EXPECT_THAT(lost, IsEmpty());
 }
 
 }  // namespace

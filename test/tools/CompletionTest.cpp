@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -122,7 +121,7 @@ class VrfCompletionTest : public testing::Test {
         printf '%s\n' "${words[@]}"
       done
     )sh";
-    return linesOfShell("bash --norc " + script + " " ROUTECACHE_COMMAND " '" + line + "' 2>/dev/null");
+    return linesOfShell("bash --norc " + script + " " ROUTECACHE_COMMAND " '" + line + "'");
   }
   // What zsh's completion would be given for these words, of which the last one is being typed.
   std::vector<std::string> wordsInZsh(const std::string& arguments) const {
@@ -138,11 +137,9 @@ class VrfCompletionTest : public testing::Test {
     return linesOfShell("zsh -f " + script + " " ROUTECACHE_COMMAND " " + arguments);
   }
   static std::vector<std::string> linesOfShell(const std::string& command) {
-    std::FILE* const shell = ::popen(command.c_str(), "r");
-    std::string text;
-    for (int c = std::fgetc(shell); c != EOF; c = std::fgetc(shell)) text += static_cast<char>(c);
-    EXPECT_EQ(::pclose(shell), 0) << command;
-    return linesOf(text);
+    const Outcome shell = Command(command, "", nullptr, "/usr/bin/env").wait();
+    EXPECT_EQ(shell.exitCode, 0) << command;
+    return linesOf(shell.out);
   }
 
   const std::vector<std::string> names{"default", "red",  "re;ls", "blue one", "$HOME", "`id`",

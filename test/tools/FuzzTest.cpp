@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
-#include <sstream>
 
 #include "lib/statedb/EntityFields.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/control/ControlOperations.h"
+#include "test/support/Content.h"
 #include "test/support/Peer.h"
 #include "test/support/SimulatedSwitch.h"
 
@@ -73,9 +72,8 @@ TEST(FuzzTest, AScenarioIsReadOrRefusedWithOneLine) {
   types.typeIs<RouteCache::CliConfig>("RouteCache::CliConfig");
   auto paths = LinuxPlatform::platformPathTypes();
   paths["routecache/cliconfig"] = "RouteCache::CliConfig";
-  std::ostringstream leaf;
-  leaf << std::ifstream(ROUTECACHE_EXAMPLES "/leaf.json").rdbuf();
-  Mutator mutator(1, {leaf.str(), R"({"interface/status/eth/vxlan": {"vtiStatus": {"Vxlan1": {"operStatus": "up",
+  Mutator mutator(1, {contentOf(ROUTECACHE_EXAMPLES "/leaf.json"),
+                      R"({"interface/status/eth/vxlan": {"vtiStatus": {"Vxlan1": {"operStatus": "up",
                       "ipv4Addr": "10.0.0.1", "extendedVlanToVniMap": {"10": 10010, "11": "none"}}}}})",
                       R"({"routecache/cliconfig": {"lowThresholdHwUtilPercentage": 80, "lowThresholdIdleTime": 600}})",
                       R"({"a/b": {"type": "Routing::Hardware::RouteStatus", "vrfStatus": {"red": {"hwVrfId": 7}}}})",

@@ -82,15 +82,4 @@ TEST_F(RunTest, AFileThatMayNotGrowIsAnError) {
   }
 }
 
-TEST_F(RunTest, AKilledAgentLeavesRoomForTheNext) {
-  Command killed(run);
-  ASSERT_TRUE(killed.says("ready: "));
-  EXPECT_EQ(killed.stop(SIGKILL).exitCode, -SIGKILL);
-  const Outcome unanswered = redOfAgent();
-  EXPECT_THAT(unanswered.err, HasSubstr("Connection refused"));
-  EXPECT_EQ(unanswered.exitCode, 1);
-  Command next(run);
-  EXPECT_TRUE(next.says("ready: "));
-}
-
 }  // namespace

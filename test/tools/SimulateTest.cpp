@@ -6,10 +6,10 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 #include "test/support/Command.h"
+#include "test/support/Content.h"
 #include "test/support/TemporaryDirectory.h"
 
 namespace {
@@ -27,11 +27,6 @@ class SimulateTest : public testing::Test {
     return Command("simulate --in-process --agent " ROUTECACHE_AGENT " --scenario " + directory +
                    "/small.json --routes 4000 " + more)
         .wait();
-  }
-  static std::string contentOf(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
   }
 
   const TemporaryDirectory temporary;

@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <sstream>
 
 #include "host/AgentLibrary.h"
 #include "lib/statedb/EntityFields.h"
+#include "test/support/Command.h"
 #include "test/support/SimulatedSwitch.h"
 
 namespace {
@@ -452,17 +451,11 @@ TEST(AgentSettingsTest, AnIntervalThatIsNoTimeOrWouldSpinIsRefusedByEveryMachine
 // --- The library -----------------------------------------------------------------------------------------------------
 
 TEST(AgentLibraryTest, ExportsItsFactoryAlone) {
-  std::FILE* const symbols = popen("nm -D --defined-only '" ROUTECACHE_AGENT "'", "r");
-  ASSERT_NE(symbols, nullptr);
-  std::string text;
-  std::array<char, 4096> buffer{};
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), symbols)) {
-    text.append(buffer.data(), count);
-  }
-  ASSERT_EQ(pclose(symbols), 0);
+  const Outcome symbols = Command("nm -D --defined-only " ROUTECACHE_AGENT, "", nullptr, "/usr/bin/env").wait();
+  ASSERT_EQ(symbols.exitCode, 0) << symbols.err;
   // Weak ones are the standard library's templates, which every module has a copy of; those of containers that check
   // name what they contain.
-  std::istringstream lines(text);
+  std::istringstream lines(symbols.out);
   std::string address, kind, name;
   std::vector<std::string> strong, ours;
   while (lines >> address >> kind >> name) {

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <functional>
 #include <random>
@@ -11,6 +11,7 @@ using namespace RouteCache;
 using Platform::fromText;
 using Platform::TextForm;
 using Platform::toText;
+using testing::ThrowsMessage;
 
 namespace {
 
@@ -68,16 +69,9 @@ TEST(ViaIndexTest, RefusesWhatIsOutOfRange) {
   ViaIndex index(7);
   const std::function<void()> attempts[] = {[] { ViaIndex(32); }, [] { ViaIndex(65536); }, [&] { index.valueIs(32); },
                                             [] { fromText<ViaIndex>("32"); }, [] { fromText<ViaIndex>("65536"); }};
-  for (const auto& attempt : attempts) {
-    try {
-      attempt();
-      ADD_FAILURE() << "accepted";
-    } catch (const RangeError& error) {
-      EXPECT_STREQ(
-          error.what(),
-          "RouteCache::ViaIndex::value < RouteCache::ViaIndex::min or > RouteCache::ViaIndex::max not allowed");
-    }
-  }
+  const std::string refusal =
+      "RouteCache::ViaIndex::value < RouteCache::ViaIndex::min or > RouteCache::ViaIndex::max not allowed";
+  for (const auto& attempt : attempts) EXPECT_THAT(attempt, ThrowsMessage<RangeError>(refusal));
   EXPECT_EQ(index.value(), 7);
   EXPECT_THROW(fromText<ViaIndex>("-1"), Platform::BadText);
 }
@@ -271,12 +265,7 @@ TEST(ViaTest, CountFollowsTheHighestSlot) {
 TEST(ViaTest, ArraysRefuseMoreThanTheyHold) {
   PodArray<int, 3> array;
   array.set(2, 1);
-  try {
-    array.set(3, 1);
-    ADD_FAILURE() << "accepted";
-  } catch (const RangeError& error) {
-    EXPECT_STREQ(error.what(), "PodArray::set expected size <= 3");
-  }
+  EXPECT_THAT([&] { array.set(3, 1); }, ThrowsMessage<RangeError>("PodArray::set expected size <= 3"));
   EXPECT_EQ(array.size(), 3U);
 }
 

@@ -13,10 +13,12 @@
 #include <sstream>
 
 #include "lib/control/CommandRenderer.h"
+#include "test/support/Content.h"
 #include "test/support/SimulatedSwitch.h"
 
 using Agent::OutputFormat;
 using testing::HasSubstr;
+using testing::ThrowsMessage;
 using Json = nlohmann::ordered_json;
 
 namespace {
@@ -45,12 +47,6 @@ struct Reply {
   std::string error;
   unsigned calls = 0;
 };
-
-std::string fileText(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 class ShowCommandsTest : public testing::Test {
  protected:
@@ -84,7 +80,7 @@ class ShowCommandsTest : public testing::Test {
   }
   static void expectFile(const std::string& name, const std::string& text) {
     const std::string path = std::string(ROUTECACHE_GOLDEN) + "/" + name;
-    EXPECT_EQ(text, fileText(path)) << path;  // as it was: to write it anew is no way to pass
+    EXPECT_EQ(text, contentOf(path)) << path;  // as it was: to write it anew is no way to pass
     if (std::getenv("ROUTECACHE_WRITE_GOLDEN") != nullptr) std::ofstream(path) << text;
   }
   // The replies of all commands, one behind the other.
@@ -256,12 +252,7 @@ TEST_F(ShowCommandsTest, MalformedTextIsRefused) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    try {
-      command(c.text, OutputFormat::text);
-      ADD_FAILURE() << "accepted";
-    } catch (const std::exception& error) {
-      EXPECT_THAT(error.what(), HasSubstr(c.error));
-    }
+    EXPECT_THAT([&] { command(c.text, OutputFormat::text); }, ThrowsMessage<std::exception>(HasSubstr(c.error)));
   }
 }
 
