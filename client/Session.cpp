@@ -158,8 +158,8 @@ void rct_table::eraseAll() {
   std::array<std::byte, Pondra::maxKeySize> bytes{};
   const Client::MutableBytes key(bytes.data(), layout.keySize);
   value_.resize(layout.maxValueSize);
-  std::uint64_t hint = 0;
-  while (collection().seek(key, true, key, value_, hint)) collection().erase(key);
+  Pondra::WalkPlace place;
+  for (bool erased = true; collection().seek(key, erased, key, value_, place);) erased = collection().erase(key);
 }
 
 void rct_table::reconcile() {
@@ -179,7 +179,7 @@ bool rct_cursor::next(rct_entry& entry) {
   if (!collection.mounted()) return false;
   const Client::MutableBytes key(key_.data(), collection.layout().keySize);
   value_.resize(collection.layout().maxValueSize);
-  const auto size = collection.seek(key, !begun_, key, value_, hint_);
+  const auto size = collection.seek(key, !begun_, key, value_, place_);
   if (!size) return false;
   begun_ = true;
   entry = {reinterpret_cast<const unsigned char*>(key_.data()), key.size(),

@@ -115,7 +115,7 @@ struct rct_cursor {
  private:
   rct_table& table_;
   bool begun_ = false;
-  std::uint64_t hint_ = 0;
+  Pondra::WalkPlace place_;
   std::array<std::byte, Pondra::maxKeySize> key_{};
   std::vector<std::byte> value_;
 };

@@ -8,12 +8,15 @@ void ChangeFollower::start(const TableView& view) {
   view_ = view;
   cursor_ = view.headSequence();  // first: what changes during the walk is told once more
   forgetAll();
-  SlotSnapshot contents;
-  const std::uint32_t end = view.image().highWater();
+  const TableImage& image = view.image();
+  const std::uint32_t end = image.highWater();
+  told_.resize(end);
+  keys_.resize(std::size_t{end} * image.geometry().keyWordCount);
+  SlotImage contents;
   for (std::uint32_t slot = 0; slot < end; ++slot) {
     // A slot that keeps changing has changes after the cursor.
-    if (isLive(load(view.image().version(slot))) && view.image().readSlot(slot, contents)) {
-      remember(slot, told(contents.version), contents.key);
+    if (image.readSlot(slot, contents) && isLive(contents.version())) {
+      remember(slot, told(contents.version()), image.keyIn(contents));
     }
   }
 }
@@ -56,14 +59,14 @@ void ChangeFollower::forgetAll() {
 }
 
 void ChangeFollower::seen(const Entry& entry) {
-  const std::uint64_t version = entry.contents.version;
+  const std::uint64_t version = entry.version;
   if (scanNext_ >= scanEnd_ && sequenceOf(version) <= cursor_) return;  // told of, and remembered
   if (knownLive(entry.slot)) {
     const KeyWords known = knownKey(entry.slot);
-    if (same(known, entry.contents.key)) return;
+    if (same(known, entry.key)) return;
     departed_.push_back(known);
   }
-  remember(entry.slot, seenOnly, entry.contents.key);
+  remember(entry.slot, seenOnly, entry.key);
 }
 
 void ChangeFollower::scanAll() {
@@ -116,7 +119,7 @@ bool ChangeFollower::isAsBefore(const KeyWords& key) {
   old_->comparable = inOld && inNew;  // an index that contradicts itself is not asked again and again
   if (!old_->comparable || !*inOld || !*inNew || before.slot >= old_->told.size()) return false;
   const auto size = static_cast<std::ptrdiff_t>(now.size);
-  return old_->told[before.slot] == told(before.contents.version) && before.size == now.size &&
+  return old_->told[before.slot] == told(before.version) && before.size == now.size &&
          std::equal(value.begin(), value.begin() + size, oldValue.begin());
 }
 
@@ -133,38 +136,42 @@ bool ChangeFollower::tellRing(std::uint64_t until, const Tell& tell) {
   const std::uint64_t ringSize = image.geometry().ringSize;
   while (cursor_ != until) {
     const std::uint64_t* entry = image.ring(cursor_ + 1);
-    const std::uint64_t slot = load(*entry);
+    const std::uint64_t word = load(*entry);
+    const auto slot = static_cast<std::uint32_t>(word);
     const KeyWords changed = image.loadKey(entry + 1);
     const std::uint64_t head = view_->headSequence();
-    const bool damaged = slot >= image.geometry().slots || head < cursor_;
+    const bool damaged = head < cursor_ || slot >= image.geometry().slots ||
+                         word != ringWord(slot, changed, image.geometry().keyWordCount, cursor_ + 1);
     // The writer may be filling the place after the head's, which is that of the change ringSize before it.
     if (damaged || head - cursor_ >= ringSize) {
-      if (damaged) (*report_)("the change ring is damaged");
+      if (damaged && head - cursor_ < ringSize) (*report_)("the change ring is damaged");
       cursor_ = head;
       scanAll();
       return tellSlots(tell);
     }
     ++cursor_;
-    if (!tellSlot(static_cast<std::uint32_t>(slot), &changed, tell)) return false;
+    if (!tellSlot(slot, &changed, tell)) return false;
   }
   return true;
 }
 
 bool ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, const Tell& tell) {
-  SlotSnapshot now;
-  now.version = load(view_->image().version(slot));
-  const bool moved = told(now.version) != (slot < told_.size() ? told_[slot] : 0);
+  const TableImage& image = view_->image();
+  const bool moved = told(load(image.version(slot))) != (slot < told_.size() ? told_[slot] : 0);
+  SlotImage contents;
   bool goOn = true;
-  if (moved && view_->image().readSlot(slot, now)) {
+  if (moved && image.readSlot(slot, contents)) {
+    const std::uint64_t version = contents.version();
+    const KeyWords key = image.keyIn(contents);
     const bool wasLive = knownLive(slot);
     const KeyWords before = wasLive ? knownKey(slot) : KeyWords{};
-    const bool nowLive = isLive(now.version);
-    remember(slot, told(now.version), now.key);
+    const bool nowLive = isLive(version);
+    remember(slot, told(version), key);
     // All of them are told, whatever `tell` says to the first: the memory has moved on.
-    const std::uint64_t sequence = sequenceOf(now.version);
-    if (wasLive && !(nowLive && same(before, now.key))) goOn = tell(before, sequence) && goOn;
-    if (nowLive && !(changed == nullptr && isAsBefore(now.key))) goOn = tell(now.key, sequence) && goOn;
-    if (changed == nullptr || (wasLive && same(before, *changed)) || (nowLive && same(now.key, *changed))) return goOn;
+    const std::uint64_t sequence = sequenceOf(version);
+    if (wasLive && !(nowLive && same(before, key))) goOn = tell(before, sequence) && goOn;
+    if (nowLive && !(changed == nullptr && isAsBefore(key))) goOn = tell(key, sequence) && goOn;
+    if (changed == nullptr || (wasLive && same(before, *changed)) || (nowLive && same(key, *changed))) return goOn;
   } else if (changed == nullptr || (slot < told_.size() && same(knownKey(slot), *changed))) {
     return true;
   }

@@ -7,16 +7,19 @@ namespace LinuxPlatform {
 
 namespace {
 
-// To and from big-endian order; compilers know the loop for the one instruction that it is.
-constexpr std::uint64_t bigEndian(std::uint64_t word) {
-  if constexpr (std::endian::native == std::endian::big) return word;
-  std::uint64_t swapped = 0;
-  for (unsigned shift = 0; shift < 64; shift += 8) swapped |= (word >> shift & 0xff) << (56 - shift);
-  return swapped;
+// Sections are given room on the filesystem by themselves.
+std::size_t onPage(std::size_t offset) {
+  constexpr std::size_t page = 4096;
+  return (offset + page - 1) / page * page;
 }
 
-std::size_t aligned(std::size_t offset) {
-  return (offset + 63) & ~std::size_t{63};
+// Entries of a bucket line, of its 15 places: few lines overflow, and there is always one with room.
+constexpr std::uint32_t entriesPerLine = 10;
+
+// How many nodes with one child can stand in a row: two of them and what follows take more than 8 bytes of the key, or
+// they would be one (RadixOrder.h).
+std::uint32_t chainNodes(std::uint32_t keySize) {
+  return 2 * (keySize / 8);
 }
 
 std::uint64_t headerChecksum(const TableHeader& header) {
@@ -59,32 +62,12 @@ void loadBytes(MutableBytes to, const std::uint64_t* from) {
 
 KeyWords keyWords(Bytes key) {
   KeyWords result;
-  std::size_t word = 0;
-  for (std::size_t at = 0; at < key.size(); at += 8, ++word) {
-    std::uint64_t bytes = 0;
-    std::memcpy(&bytes, key.data() + at, std::min<std::size_t>(8, key.size() - at));
-    result.words[word] = bigEndian(bytes);
-  }
+  std::memcpy(result.words.data(), key.data(), key.size());
   return result;
 }
 
 void keyBytes(const KeyWords& key, MutableBytes out) {
-  std::size_t word = 0;
-  for (std::size_t at = 0; at < out.size(); at += 8, ++word) {
-    const std::uint64_t bytes = bigEndian(key.words[word]);
-    std::memcpy(out.data() + at, &bytes, std::min<std::size_t>(8, out.size() - at));
-  }
-}
-
-OrderGeometry::OrderGeometry(std::uint32_t slots, std::size_t begin)
-    : slotBits(static_cast<unsigned>(std::bit_width(slots - 1))),
-      levels(std::clamp(slotBits / 2, 1U, maxLevels)),
-      end(begin + std::size_t{slots} * 4) {
-  links[0] = begin;
-  for (unsigned level = 1; level < levels; ++level) {
-    links[level] = aligned(end);
-    end = links[level] + (std::size_t{4} << (slotBits - 2 * level));
-  }
+  std::memcpy(out.data(), key.words.data(), out.size());
 }
 
 TableGeometry::TableGeometry(const Pondra::TableLayout& layout, std::uint32_t slotCount)
@@ -93,26 +76,71 @@ TableGeometry::TableGeometry(const Pondra::TableLayout& layout, std::uint32_t sl
       maxValueSize(layout.maxValueSize),
       variableSize(layout.variableSize),
       keyWordCount((layout.keySize + 7) / 8),
-      buckets(std::bit_ceil(slotCount)),
+      lastKeyWord(firstBytes(layout.keySize - 8 * ((layout.keySize + 7) / 8 - 1))),
+      buckets(slotCount / entriesPerLine + 1),
+      slotBits(static_cast<unsigned>(std::bit_width(slotCount))),
       ringSize(std::min(std::uint32_t{65536}, std::bit_ceil(std::max(slotCount, 16U)))),
-      bufferWords(1 + (variableSize ? 1 : (maxValueSize + 7) / 8)),
-      bodyWords(1 + keyWordCount + 2 * bufferWords),
       ringWords(1 + keyWordCount),
-      versions(aligned(tableStateOffset + sizeof(TableState))),
-      bodies(aligned(versions + std::size_t{slots} * 8)),
-      order(slots, aligned(bodies + std::size_t{slots} * bodyWords * 8)),
-      bucketHeads(aligned(order.end)),
-      ring(aligned(bucketHeads + std::size_t{buckets} * 4)),
-      heap(aligned(ring + std::size_t{ringSize} * ringWords * 8)) {
-  const std::uint64_t largest = (std::uint64_t{maxValueSize} + 7) / 8 * 8;
-  // However the heap is cut up, one free piece is as long as the longest value: the values take at most half of it and
-  // leave at most one gap more than there are values.
-  heapSize = variableSize ? (2 * std::uint64_t{slots} + 2) * largest : 0;
-  fileSize = heap + heapSize;
+      heapClasses(0) {
+  constexpr unsigned line = 64;
+  constexpr unsigned descriptor = 8;
+  const auto slotBytes = [this](unsigned inBuffer, unsigned inCheck) { return 8 + keySize + 2 * (inBuffer + inCheck); };
+  inHeap = variableSize || slotBytes(maxValueSize, 0) > line;
+  payload = inHeap ? descriptor : maxValueSize;
+  checkBytes = slotBytes(payload, 2) <= line ? 2 : 0;
+  slotWords = (slotBytes(payload, checkBytes) + 7) / 8;
+
+  bucketLines = onPage(tableStateOffset + sizeof(TableState));
+  ring = onPage(bucketLines + std::size_t{buckets} * line);
+  std::size_t end = onPage(ring + std::size_t{ringSize} * ringWords * 8);
+  const auto section = [&end](std::uint32_t size, std::uint64_t count) {
+    const PlaceSection places{end, size, static_cast<std::uint32_t>(count)};
+    end = onPage(places.end());
+    return places;
+  };
+  slotPlaces = section(slotWords <= 4 ? 32 : line, slots);
+  // Every node has two children or more, or is one of a chain; one of a larger kind has more than it would have to have
+  // for its kind, or it would have been replaced by a smaller one. A few more for those that are being replaced.
+  constexpr std::uint32_t inTransit = 16;
+  nodes[0] = section(32, std::uint64_t{slots} * (1 + chainNodes(keySize)) + inTransit);
+  nodes[1] = section(96, slots / 3 + inTransit);
+  nodes[2] = section(464, slots / 12 + inTransit);
+  nodes[3] = section(1040, slots / 37 + inTransit);
+  if (!inHeap) {
+    fileSize = end;
+    return;
+  }
+  // One more than there are slots: a value that replaces another is there before the other goes.
+  const std::uint32_t largest = std::max(8U, (maxValueSize + 7) / 8 * 8);
+  for (std::uint32_t size = 16; variableSize && size < largest;
+       size = std::has_single_bit(size) ? size / 2 * 3 : size / 3 * 4) {
+    heap[heapClasses++] = section(size, std::uint64_t{slots} + 1);
+  }
+  heap[heapClasses++] = section(largest, std::uint64_t{slots} + 1);
+  fileSize = end;
+}
+
+bool TableGeometry::isRepresentable() const {
+  constexpr std::uint32_t mostNodes = (std::uint32_t{1} << 29) - 1;
+  constexpr std::size_t largestFile = std::size_t{1} << 43;
+  return fileSize <= largestFile &&
+         std::all_of(nodes.begin(), nodes.end(), [](const PlaceSection& kind) { return kind.count <= mostNodes; });
+}
+
+unsigned TableGeometry::heapClassFor(std::size_t size) const {
+  unsigned number = 0;
+  while (heap[number].size < size) ++number;
+  return number;
+}
+
+bool HeapExtent::isPlaceIn(const TableGeometry& geometry) const {
+  if (size > geometry.maxValueSize || (!geometry.variableSize && size != geometry.maxValueSize)) return false;
+  const PlaceSection& places = geometry.heap[geometry.heapClassFor(size)];
+  return offset >= places.begin && offset < places.end() && (offset - places.begin) % places.size == 0;
 }
 
 TableHeader tableHeader(const std::string& path, const Pondra::TableLayout& layout, std::uint32_t capacity,
-                        std::uint32_t slots) {
+                        std::uint32_t slots, std::uint64_t seed) {
   TableHeader header{};
   header.magic = tableMagic;
   header.endianTag = tableEndianTag;
@@ -127,6 +155,7 @@ TableHeader tableHeader(const std::string& path, const Pondra::TableLayout& layo
   setText(header.typeName, layout.typeName);
   setText(header.collection, layout.collection);
   setText(header.path, path);
+  header.seed = seed;
   header.checksum = headerChecksum(header);
   return header;
 }
@@ -135,7 +164,8 @@ std::string headerFault(const TableHeader& header) {
   if (header.magic != tableMagic) return "the file is no table";
   if (header.endianTag != tableEndianTag) return "the file was written by a machine of another byte order";
   if (header.formatVersion != tableFormatVersion) {
-    return mismatch("format", std::to_string(header.formatVersion), std::to_string(tableFormatVersion));
+    return mismatch("format", std::to_string(header.formatVersion), std::to_string(tableFormatVersion)) +
+           ": another version of this program wrote it; remove the file, its writer makes it anew";
   }
   if (header.checksum != headerChecksum(header)) return "the file's header is damaged";
   return {};
@@ -155,28 +185,39 @@ std::string headerFault(const TableHeader& header, const std::string& path, cons
       header.variableSize != (layout.variableSize ? 1U : 0U)) {
     return "the file's entries have other sizes";
   }
-  if (header.capacity == 0 || header.slots < header.capacity || header.slots > maxSlots ||
-      header.fileSize != TableGeometry(layout, header.slots).fileSize) {
+  if (header.keySize == 0 || header.keySize > Pondra::maxKeySize || header.capacity == 0 ||
+      header.slots < header.capacity || header.slots > maxSlots || header.maxValueSize > maxTableValueSize ||
+      header.fileSize != TableGeometry(layout, header.slots).fileSize ||
+      !TableGeometry(layout, header.slots).isRepresentable()) {
     return "the file's header contradicts itself";
   }
   return {};
 }
 
-std::uint32_t entryChecksum(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence) {
-  std::uint64_t sum = sequence * 0x9e3779b97f4a7c15 + value.size();
-  const auto take = [&sum](std::uint64_t word) { sum = std::rotl((sum ^ word) * 0xff51afd7ed558ccd, 29); };
-  for (unsigned i = 0; i < keyWordCount; ++i) take(key.words[i]);
-  std::size_t at = 0;
-  for (; at < value.size(); at += 8) {
-    std::uint64_t word = 0;
-    std::memcpy(&word, value.data() + at, std::min<std::size_t>(8, value.size() - at));
-    take(word);
+std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence) {
+  // Products of words that do not depend on each other: no chain of latencies.
+  constexpr std::uint64_t odd[4] = {0x9e3779b97f4a7c15, 0xff51afd7ed558ccd, 0xc4ceb9fe1a85ec53, 0xd6e8feb86659fd93};
+  std::uint64_t sum = fold(sequence ^ odd[0], value.size() ^ odd[1]);
+  for (unsigned i = 0; i < keyWordCount; i += 2) {
+    const std::uint64_t second = i + 1 < keyWordCount ? key.words[i + 1] : 0;
+    sum = std::rotl(sum, 13) + fold(key.words[i] ^ odd[1], second ^ odd[2]);
   }
-  return static_cast<std::uint32_t>(Platform::hashOf(sum));
+  for (std::size_t at = 0; at < value.size(); at += 16) {
+    std::uint64_t words[2] = {0, 0};
+    std::memcpy(words, value.data() + at, std::min<std::size_t>(sizeof words, value.size() - at));
+    sum = std::rotl(sum, 17) + fold(words[0] ^ odd[2], words[1] ^ odd[3]);
+  }
+  return static_cast<std::uint32_t>(sum ^ sum >> 32);
+}
+
+std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence) {
+  return std::uint64_t{entryCheck(key, keyWordCount, {}, sequence ^ std::uint64_t{slot} << 32)} << 32 | slot;
 }
 
 std::uint32_t TableImage::highWater() const {
-  return static_cast<std::uint32_t>(std::min<std::uint64_t>(load(state().highWater), geometry_->slots));
+  const std::uint64_t mark = load(state().highWater);
+  return isSound(mark) && numberIn(mark) < geometry_->slots ? static_cast<std::uint32_t>(numberIn(mark))
+                                                            : geometry_->slots;
 }
 
 }  // namespace LinuxPlatform

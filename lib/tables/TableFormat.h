@@ -1,32 +1,51 @@
 // The bytes of a table file, shared by one writing process and any number of reading ones, and the rules by which they
 // may be touched. All numbers are in the machine's byte order; a file of another order is refused.
 //
-//   section        what lies there
+//   section        what lies there (each begins on a page of its own)
 //   header         TableHeader: what the table is; never changes, covered by a checksum
-//   state          TableState: counters and the heads of the ordered list
-//   versions       one 64-bit version word per slot
-//   bodies         per slot: chain link, key, two value buffers
-//   order          link of level 0 of the ordered list, one per slot; then the links of level 1, 2 ... in a quarter as
-//                  many places each
-//   buckets        heads of the hash chains
-//   ring           the last changes, at change sequence modulo ring size: slot number and key, a word each
-//   heap           values of variable size
+//   state          TableState: counters, and where the order begins
+//   buckets        the hash index: lines of 16 words (HashIndex.h)
+//   ring           the last changes, at change sequence modulo ring size: slot number, its check, and key
+//   slots          the entries: 32 or 64 bytes each
+//   nodes          the ordered index: nodes of four sizes (RadixNode.h)
+//   heap           values that do not fit a slot, in places of up to maxHeapClasses sizes
 //
-// The slots are the truth; order, buckets, ring and heap space are derived from them and can be rebuilt. Slots are
-// named by number; a *node* is a slot number + 1, so that 0 is "none", and as a predecessor the head of a list.
+// The slots are the truth; buckets, ring, nodes and free places are derived from them and can be rebuilt. An entry
+// never moves from its slot.
 //
-// Version word: sequence of the slot's last change in bits 63..3, bit 2 the value buffer in use, bits 1..0 the state:
-//   free     not in the lists; its body may be rewritten at any time
-//   linked   in some or all lists, not an entry: on its way in or out
+// A slot lies in one cache line:
+//   bytes        field
+//   8            version word
+//   keySize      key, as it compares with memcmp
+//   payload      buffer 0: the value; of one in the heap its offset in the file / 8 in bits 63..24, its size in 23..0
+//   checkBytes   high half of the check of buffer 0's entry; 0 bytes where it would not fit the line
+//   payload      buffer 1
+//   checkBytes   likewise
+// Version word:
+//   bits 63..19  sequence of the slot's last change
+//   bits 18..3   low half of the check of its entry
+//   bit 2        the buffer in use
+//   bits 1..0    the state
+// States:
+//   free     no index leads there; all zero: never used
+//   linked   in some or all indexes, not an entry: on its way in or out
 //   live     an entry
-// No sequence is used for two changes, so an unchanged version word means an unchanged entry.
+// The check of a slot that is not live covers sequence and state, so that no flipped bit takes an entry away in
+// silence. No sequence is used for two changes, so an unchanged version word means an unchanged entry.
 //
 // Writing: the buffer that is not in use is filled, then the version word is stored. Reading: the version word, the
 // bytes, the version word again; when it differs the bytes are thrown away. A writer that stops anywhere leaves the
-// version word on a whole value, so nobody waits for it.
+// version word on a whole value, so nobody waits for it. A word that holds bytes of both buffers, or of key and buffer,
+// is stored whole: the bytes of the others are stored as they were, by the only process that stores at all.
 //
 // Every word is accessed as an atomic: stores release, loads acquire. That orders a buffer's words with the version
-// word in both directions without fences: who sees a word of a newer value also sees that the version word has moved.
+// word in both directions without fences, on weakly ordered machines, too: a reader who sees a word of a newer value
+// has acquired what its writer stored before, the version word of the change in between included, and so finds that it
+// moved. Where a search compares two or four neighbouring words in one access, and where the root's reference is loaded
+// as half of its word, that access is a hint: what it leads to is loaded again by itself, or its check is.
+//
+// No load and no store meets a page that the filesystem has no room for: header, state, buckets and ring have theirs
+// when the file gets its name, slots, nodes and heap before their high-water mark passes it (Reserve).
 #pragma once
 
 #include <array>
@@ -34,6 +53,8 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <functional>
 #include <string>
 
 #include "platform/tables/SharedTable.h"
@@ -50,10 +71,13 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
                   std::atomic_ref<std::uint32_t>::is_always_lock_free,
               "words are shared between processes");
 
-// A test that compiles these files for itself stops a writer before any store, and a reader before any load.
+// A test that compiles these files for itself puts a writer's changes between two loads of a reader, or stops a writer
+// before a store.
 #ifndef SHARED_TABLE_BEFORE_LOAD
 #define SHARED_TABLE_BEFORE_LOAD() static_cast<void>(0)
 #define SHARED_TABLE_BEFORE_STORE(word) static_cast<void>(0)
+#else
+#define SHARED_TABLE_WORD_BY_WORD  // every access goes through load() and store()
 #endif
 
 template <class Word>
@@ -72,30 +96,84 @@ void store(Word& word, Word value) {
 void storeBytes(std::uint64_t* to, Bytes from);
 void loadBytes(MutableBytes to, const std::uint64_t* from);
 
+// Every bit of both words has a say in every bit of the result.
+inline std::uint64_t fold(std::uint64_t a, std::uint64_t b) {
+  __extension__ using Wide = unsigned __int128;
+  const Wide product = Wide{a} * b;
+  return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+}
+
+// A word of the state that shows when it is damaged: a number below 2^48 and 16 bits of check.
+constexpr unsigned checkedBits = 48;
+constexpr std::uint64_t checkedWord(std::uint64_t number) {
+  return Platform::hashOf(number + 0x9e3779b97f4a7c15) << checkedBits | number;
+}
+constexpr std::uint64_t numberIn(std::uint64_t word) {
+  return word & ((std::uint64_t{1} << checkedBits) - 1);
+}
+constexpr bool isSound(std::uint64_t word) {
+  return word == checkedWord(numberIn(word));
+}
+inline void storeNumber(std::uint64_t& word, std::uint64_t number) {
+  store(word, checkedWord(number));
+}
+inline std::uint64_t loadNumber(const std::uint64_t& word) {
+  return numberIn(load(word));
+}
+
 // --- Keys ------------------------------------------------------------------------------------------------------------
 
 inline constexpr std::size_t maxKeyWords = Pondra::maxKeySize / 8;
 
-// A key as it lies in a body: its bytes as big-endian words, filled up with zero bytes, so that keys of one size order
-// as their words do. Only the first words, as many as the table's key has, mean anything.
+// To and from big-endian order; compilers know the loop for the one instruction that it is.
+constexpr std::uint64_t bigEndian(std::uint64_t word) {
+  if constexpr (std::endian::native == std::endian::big) return word;
+  std::uint64_t swapped = 0;
+  for (unsigned shift = 0; shift < 64; shift += 8) swapped |= (word >> shift & 0xff) << (56 - shift);
+  return swapped;
+}
+
+// A key as it lies in a slot: its bytes, filled up with zero bytes to whole words. Only the first words, as many as the
+// table's key has, mean anything.
 struct KeyWords {
   std::array<std::uint64_t, maxKeyWords> words{};
+  const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(words.data()); }
 };
 KeyWords keyWords(Bytes key);
 void keyBytes(const KeyWords& key, MutableBytes out);
+// The word with all but its first `count` bytes cleared keeps these bits; count 0 to 8.
+constexpr std::uint64_t firstBytes(unsigned count) {
+  if (count == 0) return 0;
+  const std::uint64_t all = ~std::uint64_t{0};
+  return std::endian::native == std::endian::little ? all >> (64 - 8 * count) : all << (64 - 8 * count);
+}
 
 // --- Version words ---------------------------------------------------------------------------------------------------
 
 enum class SlotState : std::uint8_t { free = 0, linked = 1, live = 2 };
 
-constexpr std::uint64_t versionWord(std::uint64_t sequence, unsigned buffer, SlotState state) {
-  return sequence << 3 | std::uint64_t{buffer} << 2 | static_cast<std::uint64_t>(state);
+inline constexpr unsigned sequenceShift = 19;
+// So many changes a file can count: thirteen months of a million a second. A writer's mount that finds a file past half
+// of them starts a new one.
+inline constexpr std::uint64_t maxSequence = (std::uint64_t{1} << (64 - sequenceShift)) - 1;
+
+// `check`: of a live entry, entryCheck(); its low half stands in the word.
+constexpr std::uint64_t versionWord(std::uint64_t sequence, unsigned buffer, std::uint32_t check) {
+  return sequence << sequenceShift | std::uint64_t{check & 0xffff} << 3 | std::uint64_t{buffer} << 2 |
+         static_cast<std::uint64_t>(SlotState::live);
+}
+constexpr std::uint64_t versionWord(std::uint64_t sequence, SlotState state) {
+  const std::uint64_t check = Platform::hashMix(sequence, static_cast<std::uint64_t>(state)) & 0xffff;
+  return sequence << sequenceShift | check << 3 | static_cast<std::uint64_t>(state);
 }
 constexpr std::uint64_t sequenceOf(std::uint64_t version) {
-  return version >> 3;
+  return version >> sequenceShift;
 }
 constexpr unsigned bufferOf(std::uint64_t version) {
   return static_cast<unsigned>(version >> 2 & 1);
+}
+constexpr std::uint32_t checkOf(std::uint64_t version) {
+  return static_cast<std::uint32_t>(version >> 3 & 0xffff);
 }
 // 3 is no state: such a slot is damaged.
 constexpr SlotState stateOf(std::uint64_t version) {
@@ -104,17 +182,22 @@ constexpr SlotState stateOf(std::uint64_t version) {
 constexpr bool isLive(std::uint64_t version) {
   return stateOf(version) == SlotState::live;
 }
-
-// No honest file comes near it.
-inline constexpr std::uint64_t maxSequence = std::uint64_t{1} << 60;
+// Of a slot that is not live: whether the word is one that a writer has stored.
+constexpr bool isSoundWithoutEntry(std::uint64_t version) {
+  return version == 0 || (stateOf(version) != static_cast<SlotState>(3) && !isLive(version) &&
+                          version == versionWord(sequenceOf(version), stateOf(version)));
+}
 
 // --- Header and state ------------------------------------------------------------------------------------------------
 
 inline constexpr std::uint64_t tableMagic = 0x454c424154434f52;
 inline constexpr std::uint32_t tableEndianTag = 0x01020304;
-inline constexpr std::uint32_t tableFormatVersion = 1;
+inline constexpr std::uint32_t tableFormatVersion = 2;
 inline constexpr std::uint32_t maxSlots = Pondra::maxCapacity;
-inline constexpr unsigned maxLevels = 16;
+inline constexpr unsigned nodeKinds = 4;
+inline constexpr unsigned maxHeapClasses = 28;
+// The largest value that a table can hold, in bytes.
+inline constexpr std::uint32_t maxTableValueSize = std::uint32_t{1} << 16;
 
 // What the table is; set once, before the file gets its name.
 //   offset  size  field
@@ -131,7 +214,8 @@ inline constexpr unsigned maxLevels = 16;
 //       48   128  typeName        texts end with a zero byte
 //      176    64  collection
 //      240  1024  path            the mount path
-//     1264     8  checksum        over everything above
+//     1264     8  seed            of the hash index: nobody chooses keys that fall together in it
+//     1272     8  checksum        over everything above
 struct TableHeader {
   std::uint64_t magic;
   std::uint32_t endianTag;
@@ -146,87 +230,121 @@ struct TableHeader {
   char typeName[128];
   char collection[64];
   char path[1024];
+  std::uint64_t seed;
   std::uint64_t checksum;
 };
-static_assert(sizeof(TableHeader) == 1272, "other processes read these bytes");
+static_assert(sizeof(TableHeader) == 1280, "other processes read these bytes");
 
-// What changes, at tableStateOffset.
+// What changes, at tableStateOffset. Words marked * are checkedWord()s.
 //   offset  size  field
-//        0     8  headSequence    of the last change; its ring entry and its slot are visible before it
-//        8     8  liveCount       entries
-//       16     8  operation       node being linked or unlinked; 0: none
-//       24     8  epoch           odd while order and buckets are being rebuilt: only the slots may be read then
-//       32     8  highWater       slots from this number on have never been used
-//       40     8  doorbell        written with write(2), never mapped stores: wakes those who watch the file
-//       48    64  heads           first node of each level of the ordered list
-//      112     8  generation      of the writer: counted on by each that takes the table over; 0: none has yet
-//      120     8  reconciled      the generation whose writer has last said that the table holds what it should
+//        0     8  headSequence *  of the last change; its ring entry and its slot are visible before it
+//        8     8  liveCount *     entries
+//       16     8  operation *     slot + 1 that is being put into the indexes or taken out; 0: none
+//       24     8  epoch *         odd while the indexes are being rebuilt: only the slots may be read then
+//       32     8  root *          reference to the first node of the order (RadixNode.h); 0: no entries
+//       40     8  highWater *     slots from this number on have never been used
+//       48     8  doorbell        written with write(2), never mapped stores: wakes those who watch the file
+//       56    32  nodesUsed *     nodes of each kind from this number on have never been used
+//       88   224  heapUsed *      places of each size of the heap, likewise
+//      312     8  generation      of the writer: counted on by each that takes the table over; 0: none has yet
+//      320     8  reconciled      the generation whose writer has last said that the table holds what it should
+//      328     8  looseOrder *    1: nodes of the order may be larger than need be; no room was left for smaller ones
 struct TableState {
   std::uint64_t headSequence;
   std::uint64_t liveCount;
   std::uint64_t operation;
   std::uint64_t epoch;
+  std::uint64_t root;
   std::uint64_t highWater;
   std::uint64_t doorbell;
-  std::uint32_t heads[maxLevels];
+  std::uint64_t nodesUsed[nodeKinds];
+  std::uint64_t heapUsed[maxHeapClasses];
   std::uint64_t generation;
   std::uint64_t reconciled;
+  std::uint64_t looseOrder;
 };
-static_assert(sizeof(TableState) == 128, "other processes read these bytes");
+static_assert(sizeof(TableState) == 336, "other processes read these bytes");
 inline constexpr std::size_t tableStateOffset = 2048;
 
-// What the ordered index takes, beside the heads in the state.
-struct OrderGeometry {
-  OrderGeometry(std::uint32_t slots, std::size_t begin);
+// Makes sure that these bytes of the file have room on its filesystem. False: they have not, and what needs them is not
+// done.
+using Reserve = std::function<bool(std::size_t begin, std::size_t end)>;
 
-  unsigned slotBits;  // slots <= 2^slotBits
-  unsigned levels;
-  std::array<std::size_t, maxLevels> links{};  // offset of each level's links
-  std::size_t end;
+// Places of one size in the file, numbered from 0.
+struct PlaceSection {
+  std::size_t begin = 0;   // offset in the file
+  std::uint32_t size = 0;  // bytes of a place
+  std::uint32_t count = 0;
+  std::size_t at(std::uint64_t number) const { return begin + number * size; }
+  std::size_t end() const { return at(count); }
 };
 
 // Where everything lies; follows from the layout and the number of slots alone, so no offset is ever read from a file.
 struct TableGeometry {
   TableGeometry(const Pondra::TableLayout& layout, std::uint32_t slotCount);
 
-  std::uint32_t slots;
+  std::uint32_t slots;  // number
   std::uint32_t keySize;
   std::uint32_t maxValueSize;
   bool variableSize;
   unsigned keyWordCount;
-  std::uint32_t buckets;      // a power of two
-  std::uint32_t ringSize;     // a power of two
-  std::uint32_t bufferWords;  // one value buffer with its head word
-  std::uint32_t bodyWords;
-  std::uint32_t ringWords;       // of one ring entry
-  std::uint64_t heapSize;        // bytes
-  std::size_t versions, bodies;  // these and the following: offsets in the file
-  OrderGeometry order;
-  std::size_t bucketHeads, ring, heap, fileSize;
+  std::uint64_t lastKeyWord;      // the bytes of the last word of a key that are the key's
+  bool inHeap;                    // values lie there
+  unsigned payload;               // bytes of a buffer that are the value's, or lead to it
+  unsigned checkBytes;            // 0 or 2
+  unsigned slotWords;             // 64-bit words of a slot that mean anything
+  std::uint32_t buckets;          // lines
+  unsigned slotBits;              // of a bucket's word
+  std::uint32_t ringSize;         // a power of two
+  std::uint32_t ringWords;        // of one ring entry
+  std::size_t bucketLines, ring;  // offsets in the file
+  PlaceSection slotPlaces;
+  std::array<PlaceSection, nodeKinds> nodes;
+  std::array<PlaceSection, maxHeapClasses> heap;
+  unsigned heapClasses;
+  std::size_t fileSize;
+
+  unsigned bufferAt(unsigned number) const { return 8 + keySize + number * (payload + checkBytes); }
+  // Whether a reference can name every node and a descriptor every place of the heap.
+  bool isRepresentable() const;
+  // The smallest places that hold so many bytes, at most maxValueSize.
+  unsigned heapClassFor(std::size_t size) const;
 };
 
-// The header of a new table.
+// Where a value lies in the heap; a slot holds it in one word.
+struct HeapExtent {
+  std::uint64_t offset = 0;  // in the file, bytes
+  std::size_t size = 0;      // of the value, bytes
+  HeapExtent(std::uint64_t at, std::size_t bytes) : offset(at), size(bytes) {}
+  explicit HeapExtent(std::uint64_t descriptor) : offset(descriptor >> 24 << 3), size(descriptor & 0xffffff) {}
+  std::uint64_t descriptor() const { return offset >> 3 << 24 | size; }
+  // Whether a value can lie there.
+  bool isPlaceIn(const TableGeometry& geometry) const;
+};
+
+// The header of a new table. `seed` is nobody's to guess.
 TableHeader tableHeader(const std::string& path, const Pondra::TableLayout& layout, std::uint32_t capacity,
-                        std::uint32_t slots);
+                        std::uint32_t slots, std::uint64_t seed);
 // Why these bytes are no header of this path and layout, in one line; empty: they are one.
 std::string headerFault(const TableHeader& header, const std::string& path, const Pondra::TableLayout& layout);
 // Why these bytes are no header of any table.
 std::string headerFault(const TableHeader& header);
 
 // Over an entry and the sequence it was written with, so that neither can be exchanged for another's.
-std::uint32_t entryChecksum(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence);
+std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence);
 
-// Slot contents that belong together.
-struct SlotSnapshot {
-  std::uint64_t version = 0;
-  std::uint32_t next = 0;  // node of the hash chain
-  KeyWords key;
+// The words of a slot, of one moment.
+struct SlotImage {
+  std::array<std::uint64_t, 8> words;
+  std::uint64_t version() const { return words[0]; }
+  const std::byte* bytes() const { return reinterpret_cast<const std::byte*>(words.data()); }
+  std::byte* bytes() { return reinterpret_cast<std::byte*>(words.data()); }
 };
 
 // --- The mapped table ------------------------------------------------------------------------------------------------
 
 // Names the words of a mapped table. Owns nothing; whoever has mapped the file read-only must not store through it.
-// Slot, node and level numbers must be in range: whoever reads one from the file checks it first.
+// Slot and place numbers must be in range: whoever reads one from the file checks it first.
 class TableImage {
  public:
   TableImage(std::byte* base, const TableGeometry& geometry) : base_(base), geometry_(&geometry) {}
@@ -234,76 +352,88 @@ class TableImage {
   const TableGeometry& geometry() const { return *geometry_; }
   const TableHeader& header() const { return *reinterpret_cast<const TableHeader*>(base_); }
   TableState& state() const { return *reinterpret_cast<TableState*>(base_ + tableStateOffset); }
+  const std::byte* base() const { return base_; }
 
-  std::uint64_t& version(std::uint32_t slot) const { return word64(geometry_->versions, slot); }
-  // The body: a word whose low half is the next node of the hash chain, the key, two buffers.
-  std::uint32_t& chainNext(std::uint32_t slot) const { return *reinterpret_cast<std::uint32_t*>(body(slot)); }
-  std::uint64_t* key(std::uint32_t slot) const { return body(slot) + 1; }
-  // A buffer: a word of value size (high half) and checksum (low half); then the value or its offset in the heap.
-  std::uint64_t* buffer(std::uint32_t slot, unsigned number) const {
-    return body(slot) + 1 + geometry_->keyWordCount + number * geometry_->bufferWords;
+  std::uint64_t* slot(std::uint32_t number) const { return words(geometry_->slotPlaces.at(number)); }
+  std::uint64_t& version(std::uint32_t number) const { return *slot(number); }
+  // 16 words: what overflowed, then 15 places.
+  std::uint32_t* bucketLine(std::uint32_t number) const {
+    return reinterpret_cast<std::uint32_t*>(base_ + geometry_->bucketLines + std::size_t{number} * 64);
   }
-  std::uint64_t* heap(std::uint64_t offset) const {
-    return reinterpret_cast<std::uint64_t*>(base_ + geometry_->heap + offset);
-  }
-
-  std::uint32_t& bucket(std::uint32_t number) const { return word32(geometry_->bucketHeads, number); }
-  // Slot number, then the words of the key.
+  // Slot number in the low half, its check in the high one; then the words of the key.
   std::uint64_t* ring(std::uint64_t sequence) const {
-    return &word64(geometry_->ring, (sequence & (geometry_->ringSize - 1)) * geometry_->ringWords);
+    return words(geometry_->ring + (sequence & (geometry_->ringSize - 1)) * geometry_->ringWords * 8);
   }
-  // Of a section of such words.
-  std::uint32_t& word32(std::size_t offset, std::uint64_t index) const {
-    return *reinterpret_cast<std::uint32_t*>(base_ + offset + index * 4);
+  std::uint32_t* node(unsigned kind, std::uint32_t number) const {
+    return reinterpret_cast<std::uint32_t*>(base_ + geometry_->nodes[kind].at(number));
   }
+  std::uint64_t* words(std::size_t offset) const { return reinterpret_cast<std::uint64_t*>(base_ + offset); }
 
-  // Version, chain link and key of one moment; false when the slot kept changing.
-  bool readSlot(std::uint32_t slot, SlotSnapshot& out) const {
+  // The words of one moment; false when the slot kept changing.
+  bool readSlot(std::uint32_t number, SlotImage& out) const {
+    const std::uint64_t* from = slot(number);
     for (unsigned i = 0; i < slotTries; ++i) {
-      out.version = load(version(slot));
-      out.next = load(chainNext(slot));
-      out.key = loadKey(slot);
-      if (load(version(slot)) == out.version) return true;
+      out.words[0] = load(from[0]);
+      for (unsigned word = 1; word < geometry_->slotWords; ++word) out.words[word] = load(from[word]);
+      if (load(from[0]) == out.words[0]) return true;
     }
     return false;
+  }
+  KeyWords keyIn(const SlotImage& slot) const {
+    KeyWords key;
+    const unsigned last = geometry_->keyWordCount - 1;
+    for (unsigned i = 0; i < last; ++i) key.words[i] = slot.words[1 + i];
+    key.words[last] = slot.words[1 + last] & geometry_->lastKeyWord;
+    return key;
+  }
+  bool hasKey(const SlotImage& slot, const KeyWords& key) const {
+    const unsigned last = geometry_->keyWordCount - 1;
+    for (unsigned i = 0; i < last; ++i) {
+      if (slot.words[1 + i] != key.words[i]) return false;
+    }
+    return (slot.words[1 + last] & geometry_->lastKeyWord) == key.words[last];
+  }
+  // For the writer, under whom no slot changes.
+  KeyWords keyOf(std::uint32_t number) const {
+    KeyWords key;
+    const std::uint64_t* from = slot(number) + 1;
+    const unsigned last = geometry_->keyWordCount - 1;
+    for (unsigned i = 0; i <= last; ++i) key.words[i] = load(from[i]);
+    key.words[last] &= geometry_->lastKeyWord;
+    return key;
   }
   KeyWords loadKey(const std::uint64_t* from) const {
     KeyWords loaded;
     for (unsigned i = 0; i < geometry_->keyWordCount; ++i) loaded.words[i] = load(from[i]);
     return loaded;
   }
-  KeyWords loadKey(std::uint32_t slot) const { return loadKey(key(slot)); }
   void storeKey(std::uint64_t* to, const KeyWords& from) const {
     for (unsigned i = 0; i < geometry_->keyWordCount; ++i) store(to[i], from.words[i]);
   }
   // Negative, 0, positive: a before, equal to, after b.
   int compare(const KeyWords& a, const KeyWords& b) const {
     for (unsigned i = 0; i < geometry_->keyWordCount; ++i) {
-      if (a.words[i] != b.words[i]) return a.words[i] < b.words[i] ? -1 : 1;
+      if (a.words[i] != b.words[i]) return bigEndian(a.words[i]) < bigEndian(b.words[i]) ? -1 : 1;
     }
     return 0;
   }
-  std::uint32_t bucketOf(const KeyWords& key) const {
-    std::uint64_t hash = 0;
-    for (unsigned i = 0; i < geometry_->keyWordCount; ++i) hash = Platform::hashMix(hash, key.words[i]);
-    return static_cast<std::uint32_t>(hash & (geometry_->buckets - 1));
-  }
-  // Slots that were ever used; never more than there are, whatever stands in the file.
+  // A prefetch is no access: the number may be any.
+  void expectSlot(std::uint32_t number) const { __builtin_prefetch(base_ + geometry_->slotPlaces.at(number)); }
+  // Slots that were ever used; all that there are when the mark is damaged.
   std::uint32_t highWater() const;
 
  private:
   // A writer at full speed changes one slot a few times while it is read; it does not do so this often.
   static constexpr unsigned slotTries = 1000;
 
-  std::uint64_t* body(std::uint32_t slot) const {
-    return &word64(geometry_->bodies, std::uint64_t{slot} * geometry_->bodyWords);
-  }
-  std::uint64_t& word64(std::size_t offset, std::uint64_t index) const {
-    return *reinterpret_cast<std::uint64_t*>(base_ + offset + index * 8);
-  }
-
   std::byte* base_;
   const TableGeometry* geometry_;
 };
+
+// The check of a ring entry, in its high half.
+std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence);
+
+// Makes an empty table of these zero bytes; their header stands already.
+void formatTable(const TableImage& image);
 
 }  // namespace LinuxPlatform

@@ -1,55 +1,129 @@
 #include "lib/tables/TableView.h"
 
 #include <algorithm>
+#include <atomic>
+#include <bit>
+#include <map>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace LinuxPlatform {
 
 namespace {
 
-// Contradictions in the indexes come from changes in mid-walk. So many without any change: it is damage.
+// Contradictions in the indexes come from changes in mid-search. So many in a row without any change: it is damage.
 constexpr unsigned calmTries = 8;
 constexpr unsigned busyTries = 10000;
+// Changes of the table that a walk looks through for those that concern what it has read ahead; beyond, it reads again.
+constexpr std::uint64_t mostChangesAhead = 32;
+constexpr unsigned groupSize = 16;
+
+std::atomic<std::uint64_t> views = 0;
 
 }  // namespace
 
-TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotSnapshot& entry, MutableBytes out,
-                                          std::size_t& size) const {
-  const TableGeometry& geometry = image_.geometry();
-  const std::uint64_t* buffer = image_.buffer(slot, bufferOf(entry.version));
-  const std::uint64_t head = load(*buffer);
-  size = head >> 32;
-  const std::uint64_t* from = buffer + 1;
-  bool good = size <= geometry.maxValueSize;
-  if (good && geometry.variableSize) {
-    const std::uint64_t offset = load(*from);
-    good = offset % 8 == 0 && offset <= geometry.heapSize && geometry.heapSize - offset >= size;
-    if (good) from = image_.heap(offset);
-  }
-  if (good) loadBytes(out.first(size), from);
-  if (load(image_.version(slot)) != entry.version) return ValueRead::changed;
-  good = good && entryChecksum(entry.key, geometry.keyWordCount, out.first(size), sequenceOf(entry.version)) ==
-                     static_cast<std::uint32_t>(head);
-  return good ? ValueRead::whole : ValueRead::damaged;
+// What moves when a writer is at work.
+struct TableView::Activity {
+  std::uint64_t head, operation, epoch, root;
+  bool operator==(const Activity&) const = default;
+};
+
+// The slots of all live entries in the order of their keys, and of some that have gone.
+struct TableView::InOrder {
+  struct Before {
+    TableImage image;
+    bool operator()(const KeyWords& a, const KeyWords& b) const { return image.compare(a, b) < 0; }
+  };
+  std::uint64_t head;  // the table's changes when it was made, or last brought up to date
+  std::map<KeyWords, std::uint32_t, Before> slots;
+};
+
+TableView::TableView(const TableImage& image, const DamageReport& report)
+    : image_(image), hash_(image), order_(image), report_(&report), id_(++views) {}
+
+std::uint32_t TableView::size() const {
+  const std::uint64_t count = load(image_.state().liveCount);
+  if (!isSound(count)) (*report_)("the count of its entries is damaged");
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(numberIn(count), image_.geometry().slots));
 }
 
-std::uint64_t TableView::activity() const {
+// --- Entries ---------------------------------------------------------------------------------------------------------
+
+TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotImage& entry, MutableBytes out,
+                                          std::size_t& size) const {
+  const TableGeometry& geometry = image_.geometry();
+  const std::byte* buffer = entry.bytes() + geometry.bufferAt(bufferOf(entry.version()));
+  Bytes value(buffer, geometry.payload);
+  if (geometry.inHeap) {
+    std::uint64_t descriptor = 0;
+    std::memcpy(&descriptor, buffer, sizeof descriptor);
+    const HeapExtent extent(descriptor);
+    const bool good = extent.isPlaceIn(geometry);
+    if (good && out.empty() && scratch_.empty()) scratch_.resize(geometry.maxValueSize);
+    if (good && out.empty()) out = scratch_;
+    if (good) loadBytes(out.first(extent.size), image_.words(extent.offset));
+    if (load(image_.version(slot)) != entry.version()) return ValueRead::changed;
+    if (!good) return ValueRead::damaged;
+    value = Bytes(out).first(extent.size);
+  } else if (!out.empty()) {
+    std::memcpy(out.data(), value.data(), value.size());
+  }
+  size = value.size();
+  const std::uint32_t check =
+      entryCheck(image_.keyIn(entry), geometry.keyWordCount, value, sequenceOf(entry.version()));
+  std::uint16_t high = static_cast<std::uint16_t>(check >> 16);
+  if (geometry.checkBytes != 0) std::memcpy(&high, buffer + geometry.payload, sizeof high);
+  const bool whole = (check & 0xffff) == checkOf(entry.version()) && check >> 16 == high;
+  return whole ? ValueRead::whole : ValueRead::damaged;
+}
+
+// A slot to which an index has led stands for no key that was wanted: because that has gone, or because it is damaged.
+void TableView::lookAtPassed(std::uint32_t slot, const SlotImage& here) const {
+  std::size_t size = 0;
+  const bool damaged = isLive(here.version()) ? readValue(slot, here, {}, size) == ValueRead::damaged
+                                              : here.version() == 0 || !isSoundWithoutEntry(here.version());
+  if (damaged) reportEntry(slot);
+}
+
+void TableView::reportEntry(std::uint32_t slot) const {
+  (*report_)("slot " + std::to_string(slot) + " holds a damaged entry");
+}
+
+// The entry in this slot, which is live: found, `contradiction` when it has changed, absent when it is damaged.
+TableView::Outcome TableView::tryEntry(std::uint32_t slot, const SlotImage& here, const MutableBytes* value,
+                                       Entry& found) const {
+  const ValueRead read = readValue(slot, here, value != nullptr ? *value : MutableBytes(), found.size);
+  if (read == ValueRead::changed) return Outcome::contradiction;
+  if (read == ValueRead::damaged) {
+    reportEntry(slot);
+    return Outcome::absent;
+  }
+  found.slot = slot;
+  found.version = here.version();
+  found.key = image_.keyIn(here);
+  return Outcome::found;
+}
+
+// --- By the indexes --------------------------------------------------------------------------------------------------
+
+TableView::Activity TableView::activity() const {
   const TableState& state = image_.state();
-  return load(state.headSequence) + (load(state.operation) << 32) + load(state.epoch);
+  return {load(state.headSequence), load(state.operation), load(state.epoch), load(state.root)};
 }
 
 template <class Attempt>
 TableView::Outcome TableView::settle(Attempt attempt) const {
   unsigned calm = 0;
-  for (unsigned i = 0; i < busyTries; ++i) {
-    const std::uint64_t before = activity();
+  for (unsigned i = 0; i < busyTries && calm < calmTries; ++i) {
+    const Activity before = activity();
     const Outcome outcome = attempt();
     if (outcome != Outcome::contradiction) return outcome;
-    if (activity() == before && ++calm == calmTries) {
-      (*report_)("the index contradicts itself");
-      return Outcome::noIndex;
-    }
+    calm = activity() == before ? calm + 1 : 0;
+  }
+  // A writer that has stopped in mid-change has left one line or one node whose check does not fit.
+  if (calm == calmTries && load(image_.state().operation) == checkedWord(0)) {
+    contradicted_ = true;
+    (*report_)("the index contradicts itself");
   }
   return Outcome::noIndex;
 }
@@ -70,131 +144,216 @@ std::optional<bool> TableView::findByIndex(const KeyWords& key, const MutableByt
   return outcome == Outcome::found;
 }
 
+void TableView::expect(std::span<const KeyWords> keys) const {
+  while (!keys.empty()) {
+    const std::size_t count = std::min<std::size_t>(keys.size(), groupSize);
+    std::array<std::uint64_t, groupSize> hashes;
+    for (std::size_t i = 0; i < count; ++i) hash_.expectLine(hashes[i] = hash_.hashOf(keys[i]));
+    for (std::size_t i = 0; i < count; ++i) {
+      const std::uint32_t* line = image_.bucketLine(hash_.homeOf(hashes[i]));
+      const std::uint32_t candidates = hash_.candidates(line, hash_.tagOf(hashes[i]));
+      if (candidates != 0) image_.expectSlot(hash_.slotOf(load(line[std::countr_zero(candidates)])));
+    }
+    keys = keys.subspan(count);
+  }
+}
+
 TableView::Outcome TableView::tryFind(const KeyWords& key, const MutableBytes* value, Entry& found) const {
-  const std::uint64_t epoch = load(image_.state().epoch);
-  if ((epoch & 1) != 0) return Outcome::noIndex;
-  const std::uint32_t bucket = image_.bucketOf(key);
-  std::uint32_t node = load(image_.bucket(bucket));
-  SlotSnapshot& here = found.contents;
-  for (unsigned hops = 0; node != 0; ++hops) {
-    if (node > image_.geometry().slots || hops > longestChain) return Outcome::contradiction;
-    found.slot = node - 1;
-    if (!image_.readSlot(found.slot, here) || stateOf(here.version) == SlotState::free) return Outcome::contradiction;
-    if (image_.compare(here.key, key) == 0) {
-      if (!isLive(here.version)) return Outcome::absent;
-      if (value == nullptr) return Outcome::found;
-      const ValueRead read = readValue(found.slot, here, *value, found.size);
-      if (read == ValueRead::changed) continue;  // the same node again
-      if (read == ValueRead::whole) return Outcome::found;
-      (*report_)("slot " + std::to_string(found.slot) + " holds a damaged entry");
-      return Outcome::absent;
+  const std::uint64_t before = epoch();
+  if (!indexesStand(before)) return Outcome::noIndex;
+  const std::uint64_t hash = hash_.hashOf(key);
+  const std::uint32_t tag = hash_.tagOf(hash);
+  const std::uint32_t home = hash_.homeOf(hash);
+  for (std::uint32_t number = home;;) {
+    const std::uint32_t* line = image_.bucketLine(number);
+    for (std::uint32_t bits = hash_.candidates(line, tag); bits != 0; bits &= bits - 1) {
+      const std::uint32_t& word = line[std::countr_zero(bits)];
+      const std::uint32_t now = load(word);
+      if (now == 0) continue;  // of no tag, or gone
+      if (!hash_.isTagged(now, tag)) return Outcome::contradiction;
+      if (const auto outcome = tryPlace(hash_.slotOf(now), key, value, found)) {
+        return *outcome == Outcome::absent && load(word) != now ? Outcome::contradiction : *outcome;
+      }
+      if (load(word) != now) return Outcome::contradiction;  // the slot may have held the key until now
     }
-    // The slot may have been given to another key, in another chain, since this chain led to it.
-    if (image_.bucketOf(here.key) != bucket) return Outcome::contradiction;
-    node = here.next;
-  }
-  return load(image_.state().epoch) == epoch ? Outcome::absent : Outcome::contradiction;
-}
-
-bool TableView::seek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint64_t& hint,
-                     Entry& found) const {
-  const auto start = static_cast<std::uint32_t>(hint);
-  const Outcome outcome = settle([&] { return trySeek(from, inclusive, value, start, found); });
-  const bool any =
-      outcome == Outcome::found || (outcome == Outcome::noIndex && scanFrom(from, inclusive, value, found));
-  hint = any ? found.slot + 1 : 0;
-  return any;
-}
-
-TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, MutableBytes value, std::uint32_t hint,
-                                      Entry& found) const {
-  const std::uint64_t epoch = load(image_.state().epoch);
-  if ((epoch & 1) != 0) return Outcome::noIndex;
-  Position at;
-  if (!startAtHint(from, inclusive, hint, at)) {
-    // Most searches are for a key that is there, and its chain is much shorter than the way down the list.
-    if (tryFind(from, inclusive ? &value : nullptr, found) == Outcome::found) {
-      if (inclusive) return Outcome::found;
-      at = {found.slot + 1, found.contents.version, found.contents.key};
-    } else if (!order_.moveBelow(from, inclusive, at)) {
-      return Outcome::contradiction;
-    }
-  }
-  const Outcome outcome = nextEntry(at, from, inclusive, value, found);
-  return load(image_.state().epoch) == epoch ? outcome : Outcome::contradiction;
-}
-
-// A walk goes on from the entry it stands on, when that is still there under its key.
-bool TableView::startAtHint(const KeyWords& from, bool inclusive, std::uint32_t hint, Position& at) const {
-  if (inclusive || hint == 0 || hint > image_.geometry().slots) return false;
-  SlotSnapshot here;
-  if (!image_.readSlot(hint - 1, here) || !isLive(here.version) || image_.compare(here.key, from) != 0) return false;
-  at = {hint, here.version, here.key};
-  return true;
-}
-
-// The first entry after `at` that the search is for. It is the next one only if, once it has been read, `at` is still
-// in the list and still leads to it: otherwise the slot may have been given to a key further on, with entries in
-// between. And one that was put in after the way down had passed there may be below the bound.
-TableView::Outcome TableView::nextEntry(Position at, const KeyWords& from, bool inclusive, MutableBytes value,
-                                        Entry& found) const {
-  for (;;) {
-    const auto node = order_.next(at, found.contents);
-    if (!node) return Outcome::contradiction;
-    if (*node == 0) return Outcome::absent;
-    found.slot = *node - 1;
-    const int order = image_.compare(found.contents.key, from);
-    const bool wanted = isLive(found.contents.version) && (order > 0 || (order == 0 && inclusive));
-    ValueRead read = ValueRead::whole;
-    if (wanted) read = readValue(found.slot, found.contents, value, found.size);
-    if (!order_.leadsTo(at, *node) || load(image_.version(found.slot)) != found.contents.version ||
-        !order_.stillThere(at)) {
-      return Outcome::contradiction;
-    }
-    if (wanted && read == ValueRead::whole) return Outcome::found;
-    if (read == ValueRead::damaged) {
-      (*report_)("slot " + std::to_string(found.slot) + " holds a damaged entry");
-    }
-    at = {*node, found.contents.version, found.contents.key};
+    const std::uint32_t overflow = HashIndex::overflowOf(load(line[0]));
+    if (!HashIndex::lineIsWhole(line)) return Outcome::contradiction;
+    number = hash_.after(number);
+    if (overflow == 0 || number == home) return epoch() == before ? Outcome::absent : Outcome::contradiction;
   }
 }
 
-bool TableView::scanFor(const KeyWords& key, const MutableBytes* value, Entry& found) const {
-  const std::uint32_t end = image_.highWater();
-  for (found.slot = 0; found.slot < end; ++found.slot) {
-    SlotSnapshot& here = found.contents;
-    while (isLive(load(image_.version(found.slot))) && image_.readSlot(found.slot, here) && isLive(here.version) &&
-           image_.compare(here.key, key) == 0) {
-      if (value == nullptr) return true;
-      const ValueRead read = readValue(found.slot, here, *value, found.size);
-      if (read == ValueRead::whole) return true;
-      if (read == ValueRead::damaged) break;
-    }
+// What the slot, to which the index has led, says of the key; nothing: it is another's.
+std::optional<TableView::Outcome> TableView::tryPlace(std::uint32_t slot, const KeyWords& key,
+                                                      const MutableBytes* value, Entry& found) const {
+  SlotImage here;
+  if (slot >= image_.geometry().slots || !image_.readSlot(slot, here)) return Outcome::contradiction;
+  if (!isLive(here.version())) {
+    if (!isSoundWithoutEntry(here.version())) reportEntry(slot);
+    if (!image_.hasKey(here, key)) return std::nullopt;
+    // On its way in or out; a free one has been taken out of the index before.
+    return stateOf(here.version()) == SlotState::linked ? Outcome::absent : Outcome::contradiction;
   }
+  if (image_.hasKey(here, key)) return tryEntry(slot, here, value, found);
+  // Another key of the same tag, one in thousands: or this one, damaged.
+  std::size_t size = 0;
+  if (readValue(slot, here, {}, size) == ValueRead::damaged) reportEntry(slot);
+  return std::nullopt;
+}
+
+bool TableView::seek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const {
+  if (inclusive) {
+    // Most searches are for a key that is there: no way down the order.
+    cursor.view = 0;
+    if (tryFind(from, &value, found) == Outcome::found) return true;
+  }
+  const Outcome outcome = settle([&] { return trySeek(from, inclusive, value, cursor, found); });
+  return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFrom(from, inclusive, value, found));
+}
+
+// Whether a key may have come that belongs among the slots that were read ahead: the changes since then are looked at,
+// if they are few.
+bool TableView::isOutdated(const KeyWords& from, WalkCursor& cursor) const {
+  if (cursor.view != id_) return true;
+  const std::uint64_t head = headSequence();
+  if (head == cursor.head || cursor.next == cursor.batch.count) return false;
+  if (head - cursor.head > mostChangesAhead) return true;
+  for (std::uint64_t sequence = cursor.head + 1; sequence <= head; ++sequence) {
+    const std::uint64_t* entry = image_.ring(sequence);
+    const std::uint64_t word = load(*entry);
+    const KeyWords changed = image_.loadKey(entry + 1);
+    const auto slot = static_cast<std::uint32_t>(word);
+    if (word != ringWord(slot, changed, image_.geometry().keyWordCount, sequence)) return true;
+    if (image_.compare(changed, from) > 0 && !order_.isBehind(cursor.batch, changed)) return true;
+  }
+  cursor.head = head;
   return false;
 }
 
-bool TableView::scanFrom(const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const {
-  bool any = false;
-  Entry here;
-  std::vector<std::byte> bytes(image_.geometry().maxValueSize);
+bool TableView::readAhead(const KeyWords& from, bool inclusive, WalkCursor& cursor) const {
+  constexpr unsigned first = 2;
+  const bool goesOn = cursor.view == id_;
+  cursor.ahead = goesOn ? std::min(4 * cursor.ahead, RadixOrder::Batch::most) : first;
+  cursor.view = id_;
+  cursor.head = headSequence();
+  cursor.next = 0;
+  cursor.batch.max = cursor.ahead;
+  if (order_.collect(from, inclusive, cursor.batch)) return true;
+  cursor.view = 0;
+  return false;
+}
+
+// A slot that the order has led to stands for its key as long as it holds the bytes that led there.
+TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor,
+                                      Entry& found) const {
+  const std::uint64_t before = epoch();
+  if (!indexesStand(before)) return Outcome::noIndex;
+  if (isOutdated(from, cursor)) cursor.view = 0, cursor.batch.count = cursor.next = 0;
+  KeyWords past = from;
+  SlotImage passed;
+  for (bool moved = true;;) {
+    if (cursor.view == 0 || cursor.next == cursor.batch.count) {
+      // What was read last led to nothing and to nowhere: the order has changed, or it contradicts itself.
+      if (!std::exchange(moved, false)) return cursor.view = 0, Outcome::contradiction;
+      if (!readAhead(past, inclusive, cursor)) return Outcome::contradiction;
+      if (cursor.batch.passed && image_.readSlot(*cursor.batch.passed, passed))
+        lookAtPassed(*cursor.batch.passed, passed);
+      if (cursor.batch.count == 0) return epoch() == before ? Outcome::absent : Outcome::contradiction;
+    }
+    const unsigned number = cursor.next;
+    const std::uint32_t slot = cursor.batch.slots[number];
+    SlotImage here;
+    if (!image_.readSlot(slot, here)) return Outcome::contradiction;
+    if (stateOf(here.version()) != SlotState::free && order_.hasPath(cursor.batch, number, here)) {
+      const KeyWords key = image_.keyIn(here);
+      const int order = image_.compare(key, past);
+      if (order < 0) lookAtPassed(slot, here);
+      if (order > 0 || (order == 0 && inclusive)) {
+        if (isLive(here.version())) {
+          const Outcome outcome = tryEntry(slot, here, &value, found);
+          if (outcome != Outcome::absent) {
+            cursor.next += outcome == Outcome::found ? 1 : 0;
+            return outcome == Outcome::found && epoch() != before ? Outcome::contradiction : outcome;
+          }
+        } else if (!isSoundWithoutEntry(here.version())) {
+          reportEntry(slot);
+        }
+        past = key;  // a damaged entry, or one on its way in or out
+        inclusive = false;
+        moved = true;
+      }
+    } else {
+      lookAtPassed(slot, here);
+    }
+    ++cursor.next;
+  }
+}
+
+// --- Without ---------------------------------------------------------------------------------------------------------
+
+// Made once for many searches: the indexes are of no use for as long as the writer takes to rebuild them, or for ever.
+const TableView::InOrder& TableView::inOrder() const {
+  if (inOrder_ && bringUpToDate(*inOrder_)) return *inOrder_;
+  std::vector<std::pair<KeyWords, std::uint32_t>> found;
+  const std::uint64_t head = headSequence();
   const std::uint32_t end = image_.highWater();
-  for (here.slot = 0; here.slot < end; ++here.slot) {
-    while (isLive(load(image_.version(here.slot))) && image_.readSlot(here.slot, here.contents) &&
-           isLive(here.contents.version)) {
-      const int order = image_.compare(here.contents.key, from);
-      if (order < 0 || (order == 0 && !inclusive)) break;
-      if (any && image_.compare(here.contents.key, found.contents.key) >= 0) break;
-      const ValueRead read = readValue(here.slot, here.contents, bytes, here.size);
-      if (read == ValueRead::changed) continue;
-      if (read == ValueRead::damaged) break;
-      any = true;
-      found = here;
-      std::copy_n(bytes.begin(), here.size, value.begin());
-      break;
+  SlotImage here;
+  for (std::uint32_t slot = 0; slot < end; ++slot) {
+    if (isLive(load(image_.version(slot))) && image_.readSlot(slot, here) && isLive(here.version())) {
+      found.emplace_back(image_.keyIn(here), slot);
     }
   }
-  return any;
+  std::sort(found.begin(), found.end(), [this](const auto& a, const auto& b) {
+    const int order = image_.compare(a.first, b.first);
+    // Of two entries under one key, which damage alone can bring about, the later one stays.
+    return order != 0 ? order < 0 : load(image_.version(a.second)) > load(image_.version(b.second));
+  });
+  inOrder_.reset(new InOrder{head, {found.begin(), found.end(), InOrder::Before{image_}}});
+  return *inOrder_;
+}
+
+// By what the ring tells; false: it does not reach back so far.
+bool TableView::bringUpToDate(InOrder& known) const {
+  const std::uint64_t head = headSequence();
+  if (head - known.head > image_.geometry().ringSize) return false;
+  if (known.slots.size() > 2 * std::size_t{image_.geometry().slots}) return false;  // mostly of keys that have gone
+  SlotImage here;
+  for (; known.head != head; ++known.head) {
+    const std::uint64_t sequence = known.head + 1;
+    const std::uint64_t* entry = image_.ring(sequence);
+    const std::uint64_t word = load(*entry);
+    const KeyWords key = image_.loadKey(entry + 1);
+    const auto slot = static_cast<std::uint32_t>(word);
+    if (word != ringWord(slot, key, image_.geometry().keyWordCount, sequence)) return false;
+    // Not of a slot that has been given up: the key may stand in another one.
+    if (slot < image_.geometry().slots && image_.readSlot(slot, here) && isLive(here.version()) &&
+        image_.hasKey(here, key)) {
+      known.slots.insert_or_assign(key, slot);
+    }
+  }
+  return true;
+}
+
+bool TableView::scanFor(const KeyWords& key, const MutableBytes* value, Entry& found) const {
+  std::vector<std::byte> bytes;
+  MutableBytes out = value != nullptr ? *value : MutableBytes();
+  if (value == nullptr) bytes.resize(image_.geometry().maxValueSize), out = bytes;
+  return scanFrom(key, true, out, found) && image_.compare(found.key, key) == 0;
+}
+
+bool TableView::scanFrom(const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const {
+  const InOrder& all = inOrder();
+  auto at = inclusive ? all.slots.lower_bound(from) : all.slots.upper_bound(from);
+  for (; at != all.slots.end(); ++at) {
+    SlotImage here;
+    Outcome outcome = Outcome::contradiction;
+    for (unsigned i = 0; i < busyTries && outcome == Outcome::contradiction; ++i) {
+      if (!image_.readSlot(at->second, here) || !isLive(here.version()) || !image_.hasKey(here, at->first)) break;
+      outcome = tryEntry(at->second, here, &value, found);
+    }
+    if (outcome == Outcome::found) return true;
+  }
+  return false;
 }
 
 }  // namespace LinuxPlatform

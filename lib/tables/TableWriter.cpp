@@ -1,7 +1,7 @@
 #include "lib/tables/TableWriter.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <cstring>
 
 #include "platform/values/Assert.h"
 
@@ -9,174 +9,184 @@ namespace LinuxPlatform {
 
 using Pondra::WriteResult;
 
-TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report)
-    : image_(image),
-      order_(image),
-      report_(std::move(report)),
-      capacity_(capacity),
-      heap_(image.geometry().heapSize),
-      scratch_(image.geometry().maxValueSize) {
-  bool sound = (load(image_.state().epoch) & 1) == 0;
-  if (!sound) report_("the last writer ended while it rebuilt the index");
-  sound = finishOperation() && sound;
-  sound = adoptSlots() && sound;
-  if (!sound || !indexesAgree()) {
-    report_("the index is rebuilt from the entries");
-    rebuildIndexes();
-  }
-  store(image_.state().operation, std::uint64_t{0});
-}
-
 // --- Changes ---------------------------------------------------------------------------------------------------------
 
 WriteResult TableWriter::write(const KeyWords& key, Bytes value) {
-  for (unsigned attempt = 0; attempt < 2; ++attempt) {
-    Place place;
-    const Found found = locate(key, place);
-    if (found == Found::no && liveCount_ >= capacity_) return WriteResult::full;
-    if (found == Found::yes && update(place.slot, key, value)) return WriteResult::ok;
-    if (found == Found::no && insert(key, value)) return WriteResult::ok;
-    repair("the index contradicts itself");
+  if (!standAgain()) {
+    Entry entry;
+    return view_.has(key, entry) ? update(entry.slot, key, value) : WriteResult::full;
   }
-  throw std::runtime_error("the table is damaged while it is written");
+  const std::uint64_t hash = hash_.hashOf(key);
+  for (unsigned attempt = 0; attempt < 2; ++attempt) {
+    HashIndexWriter::Place place;
+    if (hash_.find(key, hash, place)) {
+      if (place.number != 0) return update(place.slot, key, value);
+      if (verified() || !order_.find(key)) {
+        if (liveCount_ >= capacity_ || !hasRoom(value.size())) return WriteResult::full;
+        if (insert(key, hash, value)) return WriteResult::ok;
+      }
+    }
+    repair("the index contradicts itself");
+    if (!indexesStand()) return write(key, value);
+  }
+  refuse("the table is damaged while it is written");
 }
 
 bool TableWriter::erase(const KeyWords& key) {
+  if (!standAgain()) return eraseWithoutIndexes(key);
+  const std::uint64_t hash = hash_.hashOf(key);
   for (unsigned attempt = 0; attempt < 2; ++attempt) {
-    Place place;
-    const Found found = locate(key, place);
-    if (found == Found::no) return false;
-    if (found == Found::yes && remove(place, key)) return true;
-    repair("the index contradicts itself");
-  }
-  throw std::runtime_error("the table is damaged while it is written");
-}
-
-void TableWriter::copyFrom(const TableView& other) {
-  sequence_ = other.headSequence();
-  store(image_.state().headSequence, sequence_);
-  KeyWords from;
-  Entry entry;
-  std::uint64_t hint = 0;
-  for (bool first = true; other.seek(from, first, scratch_, hint, entry); first = false) {
-    from = entry.contents.key;
-    PLATFORM_ASSERT(insert(from, Bytes(scratch_).first(entry.size)));
-  }
-}
-
-TableWriter::Found TableWriter::locate(const KeyWords& key, Place& place) const {
-  const std::uint32_t bucket = image_.bucketOf(key);
-  place.leader = &image_.bucket(bucket);
-  for (unsigned hops = 0;; ++hops) {
-    const std::uint32_t node = load(*place.leader);
-    if (node == 0) return Found::no;
-    place.slot = node - 1;
-    if (place.slot >= image_.geometry().slots || hops > longestChain) return Found::damaged;
-    const KeyWords here = image_.loadKey(place.slot);
-    if (image_.compare(here, key) == 0) {
-      return isLive(load(image_.version(place.slot))) ? Found::yes : Found::damaged;
+    HashIndexWriter::Place place;
+    if (hash_.find(key, hash, place)) {
+      if (place.number != 0) {
+        if (!remove(place, key, hash)) repair("the index contradicts itself");
+        return true;
+      }
+      if (!order_.find(key)) return false;  // rare enough to be asked of both
     }
-    if (image_.bucketOf(here) != bucket) return Found::damaged;
-    place.leader = &image_.chainNext(place.slot);
+    repair("the index contradicts itself");
+    if (!indexesStand()) return eraseWithoutIndexes(key);
   }
+  refuse("the table is damaged while it is written");
 }
 
-bool TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value) {
-  const unsigned other = 1 - bufferOf(load(image_.version(slot)));
-  const auto old = extentOf(slot);
-  if (!fillBuffer(slot, other, key, value, sequence_ + 1)) return false;
-  publish(slot, versionWord(sequence_ + 1, other, SlotState::live));
-  giveBack(old);
-  return true;
-}
-
-bool TableWriter::insert(const KeyWords& key, Bytes value) {
-  if (!order_.find(key)) return false;
-  const auto slot = takeSlot();
-  if (!slot) return false;
-  const std::uint32_t node = *slot + 1;
-  const std::uint32_t bucket = image_.bucketOf(key);
-  TableState& state = image_.state();
-
-  // Everything that others may find in the slot stands before the slot says that it is in use: a reader that was led
-  // here by an outdated link must be led on by a true one.
-  store(state.operation, std::uint64_t{node});
-  image_.storeKey(image_.key(*slot), key);
-  if (!fillBuffer(*slot, 0, key, value, sequence_ + 1)) {
-    freeSlots_.push_back(*slot);
-    return false;
-  }
-  store(image_.chainNext(*slot), load(image_.bucket(bucket)));
-  order_.prepare(*slot);
-  store(image_.version(*slot), versionWord(sequence_ + 1, 0, SlotState::linked));
-  store(image_.bucket(bucket), node);
-  order_.insert(*slot);
-  liveCountIs(liveCount_ + 1);
-  publish(*slot, versionWord(sequence_ + 1, 0, SlotState::live));
-  store(state.operation, std::uint64_t{0});
-  return true;
-}
-
-bool TableWriter::remove(const Place& place, const KeyWords& key) {
-  if (!order_.find(key) || !order_.isAtPlace(place.slot)) return false;
-  const auto extent = extentOf(place.slot);
-  const unsigned buffer = bufferOf(load(image_.version(place.slot)));
-
-  store(image_.state().operation, std::uint64_t{place.slot} + 1);
+// Nobody reads the indexes, and whoever builds them goes by the slots.
+bool TableWriter::eraseWithoutIndexes(const KeyWords& key) {
+  Entry entry;
+  if (!view_.has(key, entry)) return false;
+  const auto extent = extentOf(entry.slot);
   liveCountIs(liveCount_ - 1);
-  publish(place.slot, versionWord(sequence_ + 1, buffer, SlotState::linked));
-  order_.remove(place.slot);
-  store(*place.leader, load(image_.chainNext(place.slot)));
-  store(image_.version(place.slot), versionWord(sequence_, buffer, SlotState::free));
-  store(image_.state().operation, std::uint64_t{0});
-  freeSlots_.push_back(place.slot);
+  publish(entry.slot, versionWord(sequence_ + 1, SlotState::free));
+  slots_.give(entry.slot);
   giveBack(extent);
   return true;
 }
 
-std::optional<std::uint32_t> TableWriter::takeSlot() {
-  if (!freeSlots_.empty()) {
-    const std::uint32_t slot = freeSlots_.back();
-    freeSlots_.pop_back();
-    return slot;
-  }
-  if (highWater_ >= image_.geometry().slots) return std::nullopt;
-  const std::uint32_t slot = highWater_++;
-  store(image_.state().highWater, std::uint64_t{highWater_});
-  return slot;
+// Whether the indexes stand. Where there was no room to build them, that is tried again when there is some.
+bool TableWriter::standAgain() {
+  if (!indexesStand() && order_.ready()) repair("the index could not be built before");
+  return indexesStand();
 }
 
-bool TableWriter::fillBuffer(std::uint32_t slot, unsigned number, const KeyWords& key, Bytes value,
-                             std::uint64_t sequence) {
-  std::uint64_t* buffer = image_.buffer(slot, number);
-  std::uint64_t* to = buffer + 1;
-  if (image_.geometry().variableSize) {
-    const auto offset = heap_.take(value.size());
-    if (!offset) return false;
-    store(*to, *offset);
-    to = image_.heap(*offset);
+void TableWriter::copyFrom(const TableView& other) {
+  // A file that has counted half of what it can starts again: whoever follows it is told of another file anyway.
+  sequence_ = other.headSequence() > maxSequence / 2 ? 0 : other.headSequence();
+  storeNumber(image_.state().headSequence, sequence_);
+  KeyWords from;
+  Entry entry;
+  WalkCursor cursor;
+  for (bool first = true; other.seek(from, first, scratch_, cursor, entry); first = false) {
+    from = entry.key;
+    const Bytes value = Bytes(scratch_).first(entry.size);
+    if (!hasRoom(value.size())) refuse("there is no room for its entries");
+    PLATFORM_ASSERT(insert(from, hash_.hashOf(from), value));
   }
-  storeBytes(to, value);
-  const std::uint32_t checksum = entryChecksum(key, image_.geometry().keyWordCount, value, sequence);
-  store(*buffer, std::uint64_t{value.size()} << 32 | checksum);
+}
+
+bool TableWriter::hasRoom(std::size_t valueSize) {
+  if (!order_.ready() && order_.isLoose()) repair("the order has more nodes than it needs");
+  return indexesStand() && slots_.ready(1) && order_.ready() &&
+         (!image_.geometry().inHeap || heap_[image_.geometry().heapClassFor(valueSize)].ready(1));
+}
+
+SlotImage TableWriter::loadWords(std::uint32_t slot) const {
+  SlotImage image;
+  const std::uint64_t* from = image_.slot(slot);
+  for (unsigned i = 0; i < image_.geometry().slotWords; ++i) image.words[i] = load(from[i]);
+  return image;
+}
+
+void TableWriter::storeWords(std::uint32_t slot, const SlotImage& from, unsigned first, unsigned end) {
+  std::uint64_t* to = image_.slot(slot);
+  for (unsigned i = first; i < end; ++i) store(to[i], from.words[i]);
+}
+
+WriteResult TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value) {
+  const TableGeometry& geometry = image_.geometry();
+  if (geometry.inHeap && !heap_[geometry.heapClassFor(value.size())].ready(1)) return WriteResult::full;
+  SlotImage words = loadWords(slot);
+  const unsigned other = 1 - bufferOf(words.version());
+  const auto old = extentOf(slot);
+  const std::uint32_t check = fillBuffer(words, other, key, value, sequence_ + 1);
+  const unsigned begin = geometry.bufferAt(other);
+  storeWords(slot, words, begin / 8, (begin + geometry.payload + geometry.checkBytes + 7) / 8);
+  publish(slot, versionWord(sequence_ + 1, other, check));
+  giveBack(old);
+  return WriteResult::ok;
+}
+
+bool TableWriter::insert(const KeyWords& key, std::uint64_t hash, Bytes value) {
+  const std::uint32_t slot = slots_.take();
+  TableState& state = image_.state();
+  storeNumber(state.operation, std::uint64_t{slot} + 1);
+  SlotImage words{};
+  std::memcpy(words.bytes() + 8, key.words.data(), image_.geometry().keySize);
+  const std::uint32_t check = fillBuffer(words, 0, key, value, sequence_ + 1);
+  storeWords(slot, words, 1, image_.geometry().slotWords);
+  store(image_.version(slot), versionWord(sequence_ + 1, SlotState::linked));
+  if (!order_.insert(key, slot) || !hash_.insert(hash, slot)) {
+    publish(slot, versionWord(sequence_ + 1, SlotState::free));  // nobody knew it; its sequence is used up
+    return false;                                                // all places are counted anew by the repair
+  }
+  liveCountIs(liveCount_ + 1);
+  publish(slot, versionWord(sequence_ + 1, 0, check));
+  storeNumber(state.operation, 0);
   return true;
+}
+
+bool TableWriter::remove(const HashIndexWriter::Place& place, const KeyWords& key, std::uint64_t hash) {
+  const auto extent = extentOf(place.slot);
+  storeNumber(image_.state().operation, std::uint64_t{place.slot} + 1);
+  liveCountIs(liveCount_ - 1);
+  publish(place.slot, versionWord(sequence_ + 1, SlotState::linked));
+  const bool stood = order_.erase(key, place.slot);
+  hash_.erase(hash, place);
+  store(image_.version(place.slot), versionWord(sequence_, SlotState::free));
+  storeNumber(image_.state().operation, 0);
+  slots_.give(place.slot);
+  giveBack(extent);
+  return stood;
+}
+
+// Puts the value into the buffer, or where the buffer leads, and returns the entry's check.
+std::uint32_t TableWriter::fillBuffer(SlotImage& slot, unsigned number, const KeyWords& key, Bytes value,
+                                      std::uint64_t sequence) {
+  const TableGeometry& geometry = image_.geometry();
+  std::byte* buffer = slot.bytes() + geometry.bufferAt(number);
+  if (geometry.inHeap) {
+    const unsigned heapClass = geometry.heapClassFor(value.size());
+    const HeapExtent extent(geometry.heap[heapClass].at(heap_[heapClass].take()), value.size());
+    storeBytes(image_.words(extent.offset), value);
+    const std::uint64_t descriptor = extent.descriptor();
+    std::memcpy(buffer, &descriptor, sizeof descriptor);
+  } else {
+    std::memcpy(buffer, value.data(), value.size());
+  }
+  const std::uint32_t check = entryCheck(key, geometry.keyWordCount, value, sequence);
+  const auto high = static_cast<std::uint16_t>(check >> 16);
+  if (geometry.checkBytes != 0) std::memcpy(buffer + geometry.payload, &high, sizeof high);
+  return check;
 }
 
 // Where the slot's value lies in the heap. Nothing when its entry is damaged, for then nobody knows whose bytes these
 // are: they stay taken until the next writer takes stock.
-std::optional<HeapSpace::Extent> TableWriter::extentOf(std::uint32_t slot) {
-  if (!image_.geometry().variableSize) return std::nullopt;
-  const std::uint64_t version = load(image_.version(slot));
-  if (!entryIsWhole(slot, version)) {
+std::optional<HeapExtent> TableWriter::extentOf(std::uint32_t slot) {
+  if (!image_.geometry().inHeap) return std::nullopt;
+  if (!entryIsWhole(slot)) {
     report_("slot " + std::to_string(slot) + " holds a damaged entry");
     return std::nullopt;
   }
-  const std::uint64_t* buffer = image_.buffer(slot, bufferOf(version));
-  return HeapSpace::Extent{load(buffer[1]), load(buffer[0]) >> 32};
+  const SlotImage words = loadWords(slot);
+  std::uint64_t descriptor = 0;
+  std::memcpy(&descriptor, words.bytes() + image_.geometry().bufferAt(bufferOf(words.version())), sizeof descriptor);
+  return HeapExtent(descriptor);
 }
 
-void TableWriter::giveBack(const std::optional<HeapSpace::Extent>& extent) {
-  if (extent && !heap_.give(extent->offset, extent->size)) repair("two entries share bytes of the heap");
+void TableWriter::giveBack(const std::optional<HeapExtent>& extent) {
+  if (!extent) return;
+  const unsigned heapClass = image_.geometry().heapClassFor(extent->size);
+  const PlaceSection& places = image_.geometry().heap[heapClass];
+  heap_[heapClass].give(static_cast<std::uint32_t>((extent->offset - places.begin) / places.size));
 }
 
 // Shows a change to everybody: the ring's entry stands before the change, the head's sequence after it.
@@ -184,229 +194,49 @@ void TableWriter::publish(std::uint32_t slot, std::uint64_t version) {
   ++sequence_;
   announce(slot);
   store(image_.version(slot), version);
-  store(image_.state().headSequence, sequence_);
+  storeNumber(image_.state().headSequence, sequence_);
 }
 
 void TableWriter::announce(std::uint32_t slot) {
   std::uint64_t* entry = image_.ring(sequence_);
-  store(*entry, std::uint64_t{slot});
-  image_.storeKey(entry + 1, image_.loadKey(slot));
+  const KeyWords key = image_.keyOf(slot);
+  store(*entry, ringWord(slot, key, image_.geometry().keyWordCount, sequence_));
+  image_.storeKey(entry + 1, key);
 }
 
 void TableWriter::liveCountIs(std::uint64_t count) {
   liveCount_ = count;
-  store(image_.state().liveCount, count);
+  storeNumber(image_.state().liveCount, count);
 }
 
-// --- Taking over -----------------------------------------------------------------------------------------------------
-
-void TableWriter::repair(const std::string& what) {
-  report_(what + "; it is rebuilt from the entries");
-  store(image_.state().operation, std::uint64_t{0});
-  beginRebuild();
-  adoptSlots();
-  rebuildIndexes();
+void TableWriter::refuse(const char* what) const {
+  const TableHeader& header = image_.header();
+  throw Pondra::TableError(std::string(header.path, strnlen(header.path, sizeof header.path)) + ": " + what);
 }
 
-// Takes out the node that the last writer was linking or unlinking. False: the lists must be rebuilt.
-bool TableWriter::finishOperation() {
-  const std::uint64_t operation = load(image_.state().operation);
-  if (operation == 0) return true;
-  if (operation > image_.geometry().slots) return false;
-  const auto node = static_cast<std::uint32_t>(operation);
-  const std::uint32_t slot = node - 1;
-  const std::uint64_t version = load(image_.version(slot));
-  if (stateOf(version) != SlotState::linked) return true;  // not yet in a list, or in all of them
+// --- Checks ----------------------------------------------------------------------------------------------------------
 
-  const KeyWords key = image_.loadKey(slot);
-  if (!order_.takeOut(slot, key)) return false;
-  std::uint32_t* leader = &image_.bucket(image_.bucketOf(key));
-  for (unsigned hops = 0; load(*leader) != 0 && load(*leader) != node; ++hops) {
-    if (load(*leader) > image_.geometry().slots || hops > longestChain) return false;
-    leader = &image_.chainNext(load(*leader) - 1);
-  }
-  if (load(*leader) == node) store(*leader, load(image_.chainNext(slot)));
-  store(image_.version(slot), versionWord(sequenceOf(version), bufferOf(version), SlotState::free));
-  return true;
-}
-
-// Learns from the slots what is live and what is free. False: entries were dropped, so the lists must be rebuilt.
-bool TableWriter::adoptSlots() {
-  Survey found;
-  const std::uint32_t end = image_.highWater();
-  survey(0, end, found);
-  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
-  if (found.live.size() != load(image_.state().liveCount)) survey(end, image_.geometry().slots, found);
-  highWater_ = std::max(end, found.usedEnd);
-  store(image_.state().highWater, std::uint64_t{highWater_});
-
-  if (image_.geometry().variableSize) adoptHeap(found);
-  adoptSequence(found);
-  discard(found.damaged);
-  liveCountIs(found.live.size());
-  freeSlots_.clear();
-  for (std::uint32_t slot = highWater_; slot-- > 0;) {
-    if (!isLive(load(image_.version(slot)))) freeSlots_.push_back(slot);
-  }
-  return found.damaged.empty();
-}
-
-void TableWriter::survey(std::uint32_t from, std::uint32_t to, Survey& found) const {
-  const std::uint64_t head = load(image_.state().headSequence);
-  for (std::uint32_t slot = from; slot < to; ++slot) {
-    const std::uint64_t version = load(image_.version(slot));
-    if (version == 0) continue;
-    found.usedEnd = slot + 1;
-    if (stateOf(version) != SlotState::free && !(isLive(version) && entryIsWhole(slot, version))) {
-      found.damaged.push_back(slot);
-      continue;
-    }
-    const std::uint64_t sequence = sequenceOf(version);
-    if (sequence > head) found.unannounced.emplace_back(sequence, slot);
-    if (!isLive(version)) continue;
-    found.newest = std::max(found.newest, sequence);
-    found.live.push_back(slot);
-  }
-}
-
-bool TableWriter::entryIsWhole(std::uint32_t slot, std::uint64_t version) const {
-  SlotSnapshot entry;
-  entry.version = version;
-  entry.key = image_.loadKey(slot);
-  std::size_t size = 0;
-  return TableView(image_, report_).readValue(slot, entry, scratch_, size) == TableView::ValueRead::whole;
-}
-
-// Of two entries that claim the same bytes at most one can be right; nobody can tell which, but only the one that was
-// taken in keeps them.
-void TableWriter::adoptHeap(Survey& found) {
-  std::vector<HeapSpace::Extent> extents;
-  extents.reserve(found.live.size());
-  for (const std::uint32_t slot : found.live) {
-    const std::uint64_t* buffer = image_.buffer(slot, bufferOf(load(image_.version(slot))));
-    extents.push_back({load(buffer[1]), load(buffer[0]) >> 32});
-  }
-  std::vector<std::size_t> overlapping = heap_.reset(std::move(extents));
-  std::sort(overlapping.rbegin(), overlapping.rend());
-  for (const std::size_t index : overlapping) {
-    found.damaged.push_back(found.live[index]);
-    found.live.erase(found.live.begin() + static_cast<std::ptrdiff_t>(index));
-  }
-}
-
-// Goes on with the change sequence. A writer that died between showing a change and counting it leaves one slot that is
-// one ahead: the change is announced now. Anything else ahead of the head means that the head is damaged; a jump over
-// the whole ring then makes every follower look at all slots.
-void TableWriter::adoptSequence(Survey& found) {
-  const std::uint64_t head = load(image_.state().headSequence);
-  const bool sane = head < maxSequence && found.newest <= head + 1;
-  sequence_ = std::max(head < maxSequence ? head : 0, found.newest);
-  std::erase_if(found.unannounced, [&](const auto& ahead) {
-    if (ahead.first <= sequence_ || ahead.first == head + 1) return false;
-    found.damaged.push_back(ahead.second);  // a free slot from the future
-    return true;
-  });
-  if (sane && found.unannounced.empty()) return;
-  if (sane && found.unannounced.size() == 1) {
-    sequence_ = head + 1;
-    announce(found.unannounced.front().second);
-  } else {
-    report_("the change counter is damaged");
-    sequence_ += image_.geometry().ringSize + 1;
-  }
-  store(image_.state().headSequence, sequence_);
-}
-
-void TableWriter::discard(std::span<const std::uint32_t> damaged) {
-  if (damaged.empty()) return;
-  report_(std::to_string(damaged.size()) + " damaged entries are dropped");
-  beginRebuild();  // they may still stand in the lists
-  for (const std::uint32_t slot : damaged) publish(slot, versionWord(sequence_ + 1, 0, SlotState::free));
-}
-
-bool TableWriter::indexesAgree() const {
-  return order_.agrees(highWater_, liveCount_) && chainsAgree();
-}
-
-// Whether every entry is found through its chain. Asked from the entries, so that the untouched pages of a nearly empty
-// table stay untouched.
-bool TableWriter::chainsAgree() const {
-  Place place;
-  for (std::uint32_t slot = 0; slot < highWater_; ++slot) {
-    if (!isLive(load(image_.version(slot)))) continue;
-    if (locate(image_.loadKey(slot), place) != Found::yes || place.slot != slot) return false;
-  }
-  return true;
-}
-
-void TableWriter::beginRebuild() {
-  store(image_.state().epoch, load(image_.state().epoch) | 1);
-}
-
-void TableWriter::rebuildIndexes() {
-  beginRebuild();
-  const std::vector<std::uint32_t> order = liveSlotsInOrder();
-  for (std::uint32_t bucket = 0; bucket < image_.geometry().buckets; ++bucket) {
-    if (load(image_.bucket(bucket)) != 0) store(image_.bucket(bucket), std::uint32_t{0});  // untouched pages stay so
-  }
-  order_.beginFilling();
-  for (const std::uint32_t slot : order) {
-    std::uint32_t& bucket = image_.bucket(image_.bucketOf(image_.loadKey(slot)));
-    store(image_.chainNext(slot), load(bucket));
-    store(bucket, slot + 1);
-    order_.append(slot);
-  }
-  order_.endFilling();
-  store(image_.state().epoch, load(image_.state().epoch) + 1);
-}
-
-std::vector<std::uint32_t> TableWriter::liveSlotsInOrder() {
-  std::vector<std::pair<std::uint64_t, std::uint32_t>> slots;  // (first word of the key, slot)
-  slots.reserve(liveCount_);
-  for (std::uint32_t slot = 0; slot < highWater_; ++slot) {
-    if (isLive(load(image_.version(slot)))) slots.emplace_back(load(*image_.key(slot)), slot);
-  }
-  const auto order = [this](std::uint32_t a, std::uint32_t b) {
-    return image_.compare(image_.loadKey(a), image_.loadKey(b));
-  };
-  std::sort(slots.begin(), slots.end(), [&](const auto& a, const auto& b) {
-    if (a.first != b.first) return a.first < b.first;
-    const int byKey = order(a.second, b.second);
-    // Of two entries under one key, which damage alone can bring about, the later one comes first and stays.
-    return byKey != 0 ? byKey < 0 : load(image_.version(a.second)) > load(image_.version(b.second));
-  });
-  std::vector<std::uint32_t> kept, doubled;
-  for (const auto& [word, slot] : slots) {
-    (!kept.empty() && order(kept.back(), slot) == 0 ? doubled : kept).push_back(slot);
-  }
-  for (const std::uint32_t slot : doubled) {
-    if (const auto extent = extentOf(slot)) heap_.give(extent->offset, extent->size);
-  }
-  discard(doubled);
-  freeSlots_.insert(freeSlots_.end(), doubled.begin(), doubled.end());
-  liveCountIs(kept.size());
-  return kept;
-}
-
-void TableWriter::checkInvariants() const {
+std::uint32_t TableWriter::checkInvariants() const {
   const TableState& state = image_.state();
-  PLATFORM_ASSERT(load(state.operation) == 0);
-  PLATFORM_ASSERT((load(state.epoch) & 1) == 0);
-  PLATFORM_ASSERT(load(state.liveCount) == liveCount_);
-  PLATFORM_ASSERT(load(state.headSequence) == sequence_);
-  PLATFORM_ASSERT(liveCount_ + freeSlots_.size() == highWater_);
-  PLATFORM_ASSERT(indexesAgree());
+  PLATFORM_ASSERT(stateIsSound());
+  PLATFORM_ASSERT(loadNumber(state.operation) == 0);
+  PLATFORM_ASSERT((loadNumber(state.epoch) & 1) == 0);
+  PLATFORM_ASSERT(loadNumber(state.liveCount) == liveCount_);
+  PLATFORM_ASSERT(loadNumber(state.headSequence) == sequence_);
+  PLATFORM_ASSERT(loadNumber(state.highWater) == slots_.used());
+  PLATFORM_ASSERT(liveCount_ + slots_.freed().size() == slots_.used());
+  PLATFORM_ASSERT(hash_.agrees(liveCount_));
+  std::uint32_t lost = 0;
+  PLATFORM_ASSERT(order_.agrees(liveCount_, lost));
   Survey found;
-  survey(0, highWater_, found);
-  PLATFORM_ASSERT(found.live.size() == liveCount_);
+  survey(0, slots_.used(), std::nullopt, found);
+  PLATFORM_ASSERT(found.live == liveCount_);
   PLATFORM_ASSERT(found.damaged.empty());
   PLATFORM_ASSERT(found.unannounced.empty());
-  std::uint64_t used = 0;
-  for (const std::uint32_t slot : found.live) {
-    const std::uint64_t size = load(*image_.buffer(slot, bufferOf(load(image_.version(slot))))) >> 32;
-    used += std::max<std::uint64_t>(8, (size + 7) / 8 * 8);
-  }
-  PLATFORM_ASSERT(!image_.geometry().variableSize || used + heap_.freeBytes() == image_.geometry().heapSize);
+  std::uint64_t places = 0;
+  for (const PlacePool& pool : heap_) places += pool.used() - pool.freed().size();
+  PLATFORM_ASSERT(!image_.geometry().inHeap || places == liveCount_);
+  return lost;
 }
 
 }  // namespace LinuxPlatform

@@ -1,9 +1,15 @@
 // Writing a mapped table: the one process that holds its lock. Making a writer takes the table over from whoever wrote
 // it last, whatever instruction that one died at.
 //
-// A change of the lists is announced in the state's operation word, so that finishing a dead writer's last change costs
-// one search; an entry becomes visible or invisible with one store of its version word, in all lists at once. Whatever
-// else does not agree with the slots is rebuilt from them.
+// A change of the indexes is announced in the state's operation word, so that finishing a dead writer's last change
+// costs little; an entry becomes visible or invisible with one store of its version word, in both indexes at once.
+// Whatever does not agree with the slots is rebuilt from them; where the filesystem has no room for that, entries are
+// found by looking at all slots, and none are added, until it has. Whether it does is looked at after the take-over,
+// some entries at a time (verify()): until then a key that the one index does not know is asked of the other as well.
+//
+// What goes over the whole table in one go, and so holds the thread: taking stock of the slots when a writer is made
+// (some 30 ms a million entries), the order's nodes too when the last writer stopped in a change (some 10 ms), and
+// building the indexes anew (a third of a second).
 #pragma once
 
 #include <cstdint>
@@ -13,8 +19,9 @@
 #include <utility>
 #include <vector>
 
-#include "lib/tables/HeapSpace.h"
-#include "lib/tables/OrderedIndex.h"
+#include "lib/tables/HashIndex.h"
+#include "lib/tables/PlacePool.h"
+#include "lib/tables/RadixOrder.h"
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
 #include "platform/tables/SharedTable.h"
@@ -24,75 +31,97 @@ namespace LinuxPlatform {
 class TableWriter {
  public:
   // Adopts what lies in the table: finishes the last change, drops damaged entries (reported), rebuilds the indexes
-  // when they do not agree with the entries.
-  TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report);
+  // where they are known to be wrong. `reserve` makes room for what is about to be used; without it there always is
+  // room.
+  TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve = {});
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
-  // See Pondra::SharedCollection. The value is at most maxValueSize bytes. Throws std::runtime_error when the table is
-  // being damaged faster than it can be repaired.
+  // See Pondra::SharedCollection. The value is at most maxValueSize bytes; `full`, too, when the filesystem is. Throws
+  // TableError when the table is being damaged faster than it can be repaired.
   Pondra::WriteResult write(const KeyWords& key, Bytes value);
   bool erase(const KeyWords& key);
   // Takes all entries of another table, and goes on with its change sequence; this one is new and has the slots for it.
+  // Throws TableError when the filesystem is full.
   void copyFrom(const TableView& other);
+
+  // Compares the indexes with about so many more of the entries that were adopted; what does not agree is rebuilt
+  // (reported). True: all have been compared.
+  bool verify(std::uint32_t entries);
+  bool verified() const { return !verification_; }
+  // Begins again: a reader has met a contradiction.
+  void verifyAgain() { verification_ = Verification{0, std::vector<bool>(slots_.used()), {}, false}; }
 
   std::uint64_t size() const { return liveCount_; }
   std::uint64_t sequence() const { return sequence_; }
-  // Asserts that slots, lists, free slots and heap agree with each other. Slow.
-  void checkInvariants() const;
+  // Asserts that slots, indexes and free places agree with each other. Slow. Returns how many nodes of the order are
+  // lost to this writer: none, unless bytes were damaged.
+  std::uint32_t checkInvariants() const;
 
  private:
-  enum class Found { yes, no, damaged };
-  struct Place {
-    std::uint32_t slot = 0;
-    std::uint32_t* leader = nullptr;  // the word of the hash chain that leads to the slot
+  // Of what was adopted: first whether the hash index leads to each slot, then whether the order does.
+  struct Verification {
+    std::uint32_t next;      // the slot that the hash index is asked for next
+    std::vector<bool> seen;  // by slot: the order leads there
+    KeyWords from;           // where the walk in order goes on
+    bool begun;
   };
   // What a walk over the slots has found.
   struct Survey {
-    std::vector<std::uint32_t> live, damaged;
+    std::vector<std::uint32_t> damaged, free;
     std::vector<std::pair<std::uint64_t, std::uint32_t>> unannounced;  // (sequence, slot) after the head's sequence
-    std::uint64_t newest = 0;                                          // sequence of a live slot
+    std::uint64_t newest = 0;                                          // sequence of any slot
+    std::uint64_t live = 0;
     std::uint32_t usedEnd = 0;
   };
 
   // --- changes
-  Found locate(const KeyWords& key, Place& place) const;
-  bool update(std::uint32_t slot, const KeyWords& key, Bytes value);
-  bool insert(const KeyWords& key, Bytes value);
-  bool remove(const Place& place, const KeyWords& key);
-  std::optional<std::uint32_t> takeSlot();
-  bool fillBuffer(std::uint32_t slot, unsigned number, const KeyWords& key, Bytes value, std::uint64_t sequence);
-  std::optional<HeapSpace::Extent> extentOf(std::uint32_t slot);
-  void giveBack(const std::optional<HeapSpace::Extent>& extent);
+  Pondra::WriteResult update(std::uint32_t slot, const KeyWords& key, Bytes value);
+  bool insert(const KeyWords& key, std::uint64_t hash, Bytes value);
+  bool remove(const HashIndexWriter::Place& place, const KeyWords& key, std::uint64_t hash);
+  bool hasRoom(std::size_t valueSize);
+  bool eraseWithoutIndexes(const KeyWords& key);
+  bool standAgain();
+  bool indexesStand() const { return (load(image_.state().epoch) & 1) == 0; }
+  std::uint32_t fillBuffer(SlotImage& slot, unsigned number, const KeyWords& key, Bytes value, std::uint64_t sequence);
+  void storeWords(std::uint32_t slot, const SlotImage& from, unsigned first, unsigned end);
+  SlotImage loadWords(std::uint32_t slot) const;
+  std::optional<HeapExtent> extentOf(std::uint32_t slot);
+  void giveBack(const std::optional<HeapExtent>& extent);
   void publish(std::uint32_t slot, std::uint64_t version);
   void announce(std::uint32_t slot);
   void liveCountIs(std::uint64_t count);
+  [[noreturn]] void refuse(const char* what) const;
 
   // --- taking over
   void repair(const std::string& what);
-  bool finishOperation();
-  bool adoptSlots();
-  void survey(std::uint32_t from, std::uint32_t to, Survey& found) const;
-  bool entryIsWhole(std::uint32_t slot, std::uint64_t version) const;
+  bool stateIsSound() const;
+  bool adopt();
+  void survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Survey& found) const;
+  bool isUntouched(std::uint32_t slot) const;
+  bool entryIsWhole(std::uint32_t slot) const;
   void adoptHeap(Survey& found);
-  void adoptSequence(Survey& found);
+  void adoptSequence(const Survey& found);
+  void finish(std::uint32_t interrupted, bool indexesStay);
   void discard(std::span<const std::uint32_t> damaged);
-  bool indexesAgree() const;
-  bool chainsAgree() const;
-  void beginRebuild();
   void rebuildIndexes();
-  std::vector<std::uint32_t> liveSlotsInOrder();
+  bool enter(std::uint32_t slot);
+  bool verifyHash(std::uint32_t count);
+  bool verifyOrder(std::uint32_t count);
 
+  const Reserve reserve_;  // the pools refer to it
   TableImage image_;
-  OrderedIndexWriter order_;
   DamageReport report_;
+  TableView view_;
+  HashIndexWriter hash_;
+  RadixOrderWriter order_;
+  PlacePool slots_;
+  std::vector<PlacePool> heap_;  // by class
   std::uint32_t capacity_;
   std::uint64_t liveCount_ = 0;
   std::uint64_t sequence_ = 0;
-  std::uint32_t highWater_ = 0;
-  std::vector<std::uint32_t> freeSlots_;  // below highWater_; the last is taken first
-  HeapSpace heap_;
-  mutable std::vector<std::byte> scratch_;
+  std::optional<Verification> verification_;
+  std::vector<std::byte> scratch_;
 };
 
 }  // namespace LinuxPlatform

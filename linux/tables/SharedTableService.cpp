@@ -22,10 +22,6 @@ using Pondra::TableError;
 
 namespace {
 
-std::string tableDirectory(const std::string& runDirectory) {
-  return runDirectory + "/tables";
-}
-
 [[noreturn]] void refuseMount(const std::string& path, const std::string& what) {
   throw TableError(path + " mount: " + what);
 }
@@ -107,6 +103,7 @@ void SharedTableService::addMount(const std::string& path, const std::string& ty
   auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity, unreadable);
   table->handleParent(directoryOf(path));
   table->controlIs(collection);
+  if (!collection->verified()) context_->adopted.push_back(collection);
   if (kind != MountKind::writer) readers_[tableFileName(path)] = collection;
   mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
 }
@@ -195,7 +192,20 @@ bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield
     }
     if (collection->pending()) collection->dueIs();
   }
-  return context_->due.empty();
+  return verifyAdopted(stop) && context_->due.empty();
+}
+
+// What nobody waits for comes last.
+bool SharedTableService::verifyAdopted(const std::function<bool()>& shouldYield) {
+  while (!context_->adopted.empty()) {
+    const auto collection = context_->adopted.back().lock();
+    if (!collection || collection->verify()) {
+      context_->adopted.pop_back();
+    } else if (shouldYield()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void SharedTableService::findPending() {
@@ -230,7 +240,7 @@ bool SharedTableService::pendingChanges() {
   const bool changed = namesChanged();
   checkFiles(changed, ++polls_ % pollsPerRetry == 0);
   findPending();
-  return !context_->due.empty();
+  return !context_->due.empty() || !context_->adopted.empty();
 }
 
 void SharedTableService::handleFileEvent(std::string_view fileName, bool written) {

@@ -46,8 +46,9 @@ class SharedTableService final : public Pondra::TableService {
 
   // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
   // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
-  // turns at being first. Looks at the tables that something is known of, or at all when there are none. Not called
-  // from inside a reactor.
+  // turns at being first. Looks at the tables that something is known of, or at all when there are none. After that,
+  // tables that were taken over from another writer are compared with themselves, some entries at a time; what does not
+  // agree is mended. Not called from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
   // Reads a word per table, and asks who the files are: those of written tables, those that were refused or have been
@@ -82,6 +83,7 @@ class SharedTableService final : public Pondra::TableService {
   bool namesChanged();
   void checkFiles(bool all, bool retry);
   void handleFileEvent(std::string_view fileName, bool written);
+  bool verifyAdopted(const std::function<bool()>& shouldYield);
   // Puts every table that has something to deliver among those that are due.
   void findPending();
   std::vector<std::shared_ptr<TableCollection>> takeDue();

@@ -18,19 +18,6 @@ using Pondra::WriteResult;
 namespace {
 // A writer that forgets to flush is noticed after so many writes.
 constexpr std::uint32_t writesPerFlush = 4096;
-
-template <std::size_t size>
-std::string textIn(const char (&text)[size]) {
-  return {text, strnlen(text, size)};
-}
-
-// The layout that a good header names; without a type's name when nobody can have made the sizes.
-Pondra::TableLayout layoutIn(const TableHeader& header) {
-  constexpr std::uint32_t largestValue = 1 << 20;  // bytes; far beyond any type's
-  if (header.keySize == 0 || header.keySize > Pondra::maxKeySize || header.maxValueSize > largestValue) return {};
-  return {textIn(header.typeName), textIn(header.collection), header.layoutVersion,
-          header.keySize,          header.maxValueSize,       header.variableSize != 0};
-}
 }  // namespace
 
 void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
@@ -69,6 +56,23 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
   if (file_) view_.emplace(file_->image(), report_);
 }
 
+Reserve TableCollection::roomIn(const TableFile& file) {
+  return [this, &file](std::size_t offset, std::size_t end) {
+    const bool room = file.reserve(offset, end);
+    // A place more may lie on a page that the file has already.
+    if (room) roomFound_ = roomFound_ || end - offset >= PlacePool::leastAhead;
+    if (!room) roomMissed_ = true;
+    return room;
+  };
+}
+
+void TableCollection::tellRoom(WriteResult result) {
+  if (result == WriteResult::ok && roomFound_ && !roomMissed_) roomTold_ = false;
+  if (result == WriteResult::full && roomMissed_ && !std::exchange(roomTold_, true)) {
+    reportCorruption("no space left on " + context_->directory + ": no entries are added until there is some");
+  }
+}
+
 std::unique_ptr<TableFile> TableCollection::openForReading() {
   if (!layout_.typeName.empty()) return TableFile::open(context_->directory, path_, layout_, false);
   if (fileIdentity(fileName()) == FileIdentity()) return nullptr;
@@ -85,14 +89,14 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
   file_ = TableFile::open(context_->directory, path_, layout_, true);
   beginGeneration();
   if (file_ && file_->capacity() != capacity) {
-    const TableWriter oldEntries(file_->image(), file_->capacity(), report_);
-    copyToNewFile(capacity, oldEntries.size());
+    copyEntries(capacity);
   } else {
     const bool isNew = !file_;
     if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
-    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_);
+    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_));
     storeWriterWords(*file_);
     if (isNew) file_->publish();
+    if (writer_->sequence() > maxSequence / 2) countAnew();
   }
 }
 
@@ -135,12 +139,29 @@ void TableCollection::reconciledIs() {
   if (follower_ && dueIs()) context_->wantDelivery();
 }
 
-// Copies the entries into a file of this capacity and puts it in the place of the old one, which its readers go on
-// reading until they notice.
-void TableCollection::copyToNewFile(std::uint32_t capacity, std::size_t entries) {
-  const auto slots = std::max(capacity, static_cast<std::uint32_t>(entries));
+// Where there is no room for a copy, half of all sequences are left.
+void TableCollection::countAnew() {
+  try {
+    copyEntries(file_->capacity());
+  } catch (const TableError&) {
+    return;
+  }
+}
+
+// Copies the entries, of which it takes stock, into a file of this capacity and puts it in the place of the old one,
+// which its readers go on reading until they notice. It stays the writer of that when there is no room for a copy.
+void TableCollection::copyEntries(std::uint32_t capacity) {
+  const auto takeStock = [&] {
+    writer_ = std::make_unique<TableWriter>(file_->image(), file_->capacity(), report_, roomIn(*file_));
+  };
+  const bool known = writer_ != nullptr;
+  if (!known) takeStock();
+  const auto slots = std::max(capacity, static_cast<std::uint32_t>(writer_->size()));
   std::shared_ptr<TableFile> next = TableFile::create(context_->directory, path_, layout_, capacity, slots);
-  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_);
+  if (known) takeStock();  // what is lost of a file that was cut short
+  while (!writer_->verify(file_->capacity())) {
+  }
+  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_, roomIn(*next));
   writer->copyFrom(TableView(file_->image(), report_));
   storeWriterWords(*next);
   next->publish();
@@ -159,9 +180,7 @@ void TableCollection::close() {
 }
 
 std::size_t TableCollection::size() const {
-  if (!view_) return 0;
-  const TableImage& image = view_->image();
-  return static_cast<std::size_t>(std::min<std::uint64_t>(load(image.state().liveCount), image.geometry().slots));
+  return view_ ? view_->size() : 0;
 }
 
 std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
@@ -180,14 +199,32 @@ bool TableCollection::has(Bytes key) const {
   return true;
 }
 
+void TableCollection::findMany(Bytes keys, MutableBytes value, const VisitFound& visit) const {
+  constexpr std::size_t group = 16;
+  const std::size_t keySize = layout_.keySize;
+  PLATFORM_ASSERT(keys.size() % keySize == 0 && value.size() >= layout_.maxValueSize);
+  std::array<KeyWords, group> words;
+  for (std::size_t first = 0; first * keySize < keys.size(); first += group) {
+    const std::size_t count = std::min(group, keys.size() / keySize - first);
+    for (std::size_t i = 0; i < count; ++i) words[i] = keyWords(keys.subspan((first + i) * keySize, keySize));
+    if (view_) view_->expect(std::span(words).first(count));
+    for (std::size_t i = 0; i < count; ++i) {
+      Entry found;
+      const bool there = view_ && view_->find(words[i], value, found);
+      if (there && follower_) follower_->seen(found);
+      visit(first + i, there ? std::optional<Bytes>(Bytes(value).first(found.size)) : std::nullopt);
+    }
+  }
+}
+
 std::optional<std::size_t> TableCollection::seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
-                                                 std::uint64_t& hint) const {
+                                                 Pondra::WalkPlace& place) const {
   PLATFORM_ASSERT(key.size() == layout_.keySize && keyOut.size() >= layout_.keySize);
   PLATFORM_ASSERT(value.size() >= layout_.maxValueSize);
   Entry found;
-  if (!view_ || !view_->seek(keyWords(key), inclusive, value, hint, found)) return std::nullopt;
+  if (!view_ || !view_->seek(keyWords(key), inclusive, value, place.as<WalkCursor>(), found)) return std::nullopt;
   if (follower_) follower_->seen(found);
-  keyBytes(found.contents.key, keyOut.first(layout_.keySize));
+  keyBytes(found.key, keyOut.first(layout_.keySize));
   return found.size;
 }
 
@@ -206,7 +243,9 @@ WriteResult TableCollection::write(Bytes key, Bytes value) {
   if (value.size() > layout_.maxValueSize) {
     refuse("Is", Pondra::payloadText(layout_.typeName, value.size(), layout_.maxValueSize));
   }
+  roomFound_ = roomMissed_ = false;
   const WriteResult result = writer.write(keyWords(key), value);
+  if (roomFound_ || roomMissed_) tellRoom(result);
   if (result == WriteResult::ok) written();
   return result;
 }
@@ -289,9 +328,27 @@ bool TableCollection::deliverKeys(const std::shared_ptr<ChangeFollower>& followe
   return followed();
 }
 
+bool TableCollection::verify() {
+  constexpr std::uint32_t entriesAtATime = 512;
+  if (!writer_) return true;
+  const std::uint64_t before = writer_->sequence();
+  bool done = true;
+  try {
+    done = writer_->verify(entriesAtATime);
+  } catch (const TableError& error) {
+    reportCorruption(error.what());  // the next write tries to mend it again
+  }
+  if (writer_->sequence() != before) written();  // rebuilt: everybody looks at everything
+  return done;
+}
+
 void TableCollection::checkReplacement(bool retry) {
   if (kind_ == MountKind::writer) {
-    replacementDue_ = !ownFilesStand();
+    replacementDue_ = !ownFilesStand() && (!notCopied_ || retry);
+    if (writer_->verified() && view_->takeContradiction()) {
+      writer_->verifyAgain();
+      context_->adopted.push_back(weak_from_this());
+    }
     return;
   }
   if (broken()) tellBroken();
@@ -344,8 +401,8 @@ bool TableCollection::ownFilesStand() const {
 
 // Somebody has removed the table, its lock or the whole directory, put something else there, or cut the file short. The
 // kernel does not give a removed file its name back, so the entries are copied, all in one go: that this takes a moment
-// is the least of the troubles of a switch where it happens. What fails is tried again when the files are looked at
-// next.
+// is the least of the troubles of a switch where it happens. What fails is told once; it is tried again when the files
+// are looked at next, a copy without room for it more seldom.
 void TableCollection::putBack() {
   const auto entries = writer_->size();
   const bool cutShort = file_->cutShort();
@@ -360,17 +417,21 @@ void TableCollection::putBack() {
     if (cutShort || !file_->stands()) copyWholeEntries();
     const auto left = writer_->size();
     const std::string loss = " with " + std::to_string(left) + " of " + std::to_string(entries) + " entries";
+    notPutBack_.clear();
     reportCorruption(what + "; it is put back" + (left == entries ? "" : loss));
   } catch (const std::exception& error) {
-    reportCorruption(what + " and cannot be put back: " + error.what());
+    if (std::exchange(notPutBack_, error.what()) != error.what()) {
+      reportCorruption(what + " and cannot be put back: " + error.what());
+    }
   }
 }
 
 void TableCollection::copyWholeEntries() {
   const auto old = file_;  // the follower's until it has gone over
   const std::uint64_t base = nextBase();
-  writer_ = std::make_unique<TableWriter>(old->image(), old->capacity(), report_);  // takes stock of what is left
-  copyToNewFile(old->capacity(), writer_->size());
+  notCopied_ = true;
+  copyEntries(old->capacity());
+  notCopied_ = false;
   sequenceBase_ = base;
   const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
   if (follower_) follower_->restart(*view_, *oldView, old);

@@ -28,8 +28,9 @@ struct TableServiceContext {
   std::function<void(const std::string& path, const std::string& what)>
       corruptionHandler;  // empty: reportDamage prints
   std::function<void()> deliveryWanted;
-  bool deliveryAsked = false;                       // since the last delivery
-  std::vector<std::weak_ptr<TableCollection>> due;  // tables that the next delivery has to look at
+  bool deliveryAsked = false;                           // since the last delivery
+  std::vector<std::weak_ptr<TableCollection>> due;      // tables that the next delivery has to look at
+  std::vector<std::weak_ptr<TableCollection>> adopted;  // written here, their indexes not yet compared with the entries
   std::set<std::pair<std::string, std::string>> printed;
   std::set<std::string> shortages;
 
@@ -63,8 +64,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void reconciledIs() override;
   std::optional<std::size_t> find(Bytes key, MutableBytes value) const override;
   bool has(Bytes key) const override;
+  void findMany(Bytes keys, MutableBytes value, const VisitFound& visit) const override;
   std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
-                                  std::uint64_t& hint) const override;
+                                  Pondra::WalkPlace& place) const override;
   Pondra::WriteResult write(Bytes key, Bytes value) override;
   bool erase(Bytes key) override;
   std::uint64_t follow(Sink* sink) override;
@@ -91,6 +93,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   bool refused() const { return refused_ != FileIdentity(); }
   // The mapped file was cut short or punched: checkReplacement() takes care of it.
   bool broken() const { return file_ && file_->broken(); }
+  // Written here: goes on comparing what was adopted (TableWriter::verify), by some dozens of microseconds. True: done.
+  bool verify();
+  bool verified() const { return !writer_ || writer_->verified(); }
   // Makes those who watch the file look, if anything was written.
   void flush();
   void checkInvariants() const;
@@ -108,9 +113,14 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void beginGeneration();
   void storeWriterWords(const TableFile& file) const;
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
+  // What a writer asks for room in its file.
+  Reserve roomIn(const TableFile& file);
+  // After a write that asked for room. That the disk is full is told once, until it is not.
+  void tellRoom(Pondra::WriteResult result);
   std::unique_ptr<TableFile> openForReading();
   void openForWriting(std::uint32_t capacity);
-  void copyToNewFile(std::uint32_t capacity, std::size_t entries);
+  void copyEntries(std::uint32_t capacity);
+  void countAnew();
   bool ownFilesStand() const;
   void putBack();
   void copyWholeEntries();
@@ -132,8 +142,12 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
-  WriterWords ownWords_;         // a writer's
-  std::uint32_t unflushed_ = 0;  // writes since the last flush
+  WriterWords ownWords_;                         // a writer's
+  std::uint32_t unflushed_ = 0;                  // writes since the last flush
+  bool roomFound_ = false, roomMissed_ = false;  // in the last write: much was asked for and given, some was refused
+  bool roomTold_ = false;                        // that there is none
+  std::string notPutBack_;                       // why the file could not be put back when that was last tried
+  bool notCopied_ = false;                       // because there was no room for a copy of the entries
 
   Sink* sink_ = nullptr;
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,6 +56,10 @@ std::byte* map(int fd, std::size_t size, bool writable) {
 }
 
 }  // namespace
+
+std::string tableDirectory(const std::string& runDirectory) {
+  return runDirectory + "/tables";
+}
 
 std::string tableFileName(std::string_view path) {
   std::string name;
@@ -152,10 +157,22 @@ std::optional<bool> tableLocked(const std::string& directory, const std::string&
 // --- The table -------------------------------------------------------------------------------------------------------
 
 namespace {
+template <std::size_t size>
+std::string textIn(const char (&text)[size]) {
+  return {text, strnlen(text, size)};
+}
+
 FileIdentity identityOf(const struct stat& status) {
   return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec};
 }
 }  // namespace
+
+Pondra::TableLayout layoutIn(const TableHeader& header) {
+  constexpr std::uint32_t largestValue = maxTableValueSize;
+  if (header.keySize == 0 || header.keySize > Pondra::maxKeySize || header.maxValueSize > largestValue) return {};
+  return {textIn(header.typeName), textIn(header.collection), header.layoutVersion,
+          header.keySize,          header.maxValueSize,       header.variableSize != 0};
+}
 
 FileIdentity fileIdentity(const std::string& fileName) {
   struct stat status {};
@@ -174,13 +191,29 @@ TableFile::TableFile(std::string name, FileDescriptor fd, const TableGeometry& g
   if (fstat(fd_.get(), &status) == 0) identity_ = identityOf(status);
 }
 
+TableFile::~TableFile() {
+  if (unpublished_) unlink((name_ + ".new").c_str());
+}
+
 std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const std::string& path,
                                            const Pondra::TableLayout& layout, bool writable) {
   const std::string name = directory + "/" + tableFileName(path);
   OpenFile file = writable ? openToWrite(name + ".table", readableMode) : openToRead(name + ".table");
   if (!file.fault.empty()) refuseErrno(path, file.fault, file.error);
   if (!file.fd) return nullptr;
-  FileDescriptor fd = std::move(file.fd);
+  return mapFile(name, std::move(file.fd), path, layout, writable);
+}
+
+std::unique_ptr<TableFile> TableFile::openFile(const std::string& fileName) {
+  const TableFileHeader found = readTableHeader(fileName);
+  if (!found.fault.empty()) throw Pondra::TableError(fileName + ": " + found.fault);
+  OpenFile file = openToRead(fileName);
+  if (!file.fd) throw Pondra::TableError(fileName + ": " + (file.fault.empty() ? "it is gone" : file.fault));
+  return mapFile(fileName, std::move(file.fd), textIn(found.header.path), layoutIn(found.header), false);
+}
+
+std::unique_ptr<TableFile> TableFile::mapFile(std::string name, FileDescriptor fd, const std::string& path,
+                                              const Pondra::TableLayout& layout, bool writable) {
   TableHeader header{};
   if (!readAt(fd.get(), &header, sizeof header, 0)) refuse(path, "the file is too short for a table");
   if (const auto fault = headerFault(header, path, layout); !fault.empty()) refuse(path, fault);
@@ -189,7 +222,8 @@ std::unique_ptr<TableFile> TableFile::open(const std::string& directory, const s
   if (sizeOf(fd.get()) < geometry.fileSize) refuse(path, "the file is shorter than its header says");
   std::byte* base = map(fd.get(), geometry.fileSize, writable);
   if (base == nullptr) refuseErrno(path, "the file cannot be mapped");
-  std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, header.capacity, base, writable));
+  std::unique_ptr<TableFile> table(
+      new TableFile(std::move(name), std::move(fd), geometry, header.capacity, base, writable));
   if (!writable) table->fd_ = FileDescriptor();  // thousands of tables may be read at a time
   return table;
 }
@@ -199,10 +233,11 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
                                              std::uint32_t slots) {
   const std::string name = directory + "/" + tableFileName(path);
   const std::string temporary = name + ".new";
+  const TableGeometry geometry(layout, slots);
+  if (!geometry.isRepresentable()) refuse(path, "a table of so many entries of this size is too large");
   OpenFile file = createAfresh(temporary, readableMode);
   if (!file.fd) refuse(path, file.fault);
   FileDescriptor fd = std::move(file.fd);
-  const TableGeometry geometry(layout, slots);
   const auto giveUp = [&](const std::string& what) {
     const int reason = errno;
     unlink(temporary.c_str());
@@ -211,20 +246,23 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
   if (ftruncate(fd.get(), static_cast<off_t>(geometry.fileSize)) != 0) giveUp(temporary);
   std::byte* base = map(fd.get(), geometry.fileSize, true);
   if (base == nullptr) giveUp("the file cannot be mapped");
+  std::uint64_t seed = 0;
+  if (getrandom(&seed, sizeof seed, 0) != sizeof seed) giveUp("no random number for the table's seed");
   std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, capacity, base, true));
-  // Not the values of variable size, of which a table rarely holds as many as it has places for.
-  if (!table->reserve(0, table->geometry_.heap)) {
-    unlink(temporary.c_str());
+  // Slots, nodes and heap are given theirs as they are used.
+  table->unpublished_ = true;
+  if (!table->reserve(0, table->geometry_.slotPlaces.begin)) {
     refuse(path, "no space left on " + directory + " for the table");
   }
-  // A new file is all zero bytes: no slot was ever used and every list is empty.
-  const TableHeader header = tableHeader(path, layout, capacity, slots);
+  const TableHeader header = tableHeader(path, layout, capacity, slots, seed);
   std::memcpy(base, &header, sizeof header);
+  formatTable(table->image());
   return table;
 }
 
 void TableFile::publish() {
   if (rename((name_ + ".new").c_str(), (name_ + ".table").c_str()) != 0) refuseErrno(name_, "the file cannot be named");
+  unpublished_ = false;
 }
 
 bool TableFile::stands() const {
@@ -267,6 +305,7 @@ TableFileHeader readTableHeader(const std::string& fileName) {
     result.fault = "the file is too short for a table";
   } else {
     result.fault = headerFault(result.header);
+    result.liveCount = numberIn(result.liveCount);
   }
   return result;
 }

@@ -22,6 +22,9 @@
 
 namespace LinuxPlatform {
 
+// Where the tables of a run directory lie.
+std::string tableDirectory(const std::string& runDirectory);
+
 // The name for a mount path, without its suffix: letters, digits, '-' and '_' stand for themselves, '/' becomes '.',
 // anything else %XX, so that no path leads out of the directory and no two share a name. A name that would be longer
 // than a file name may be ends in a hash of the path instead; the header tells whose file it is.
@@ -72,6 +75,9 @@ struct FileIdentity {
 };
 FileIdentity fileIdentity(const std::string& fileName);
 
+// The layout that a good header names; without a type's name when nobody can have made the sizes.
+Pondra::TableLayout layoutIn(const TableHeader& header);
+
 // What becomes of a file that a reader cannot use: a TableError, or the reader waits for one that it can.
 enum class Unreadable : std::uint8_t { error, waits };
 
@@ -93,6 +99,8 @@ class TableFile {
   // layout, or shorter than it says.
   static std::unique_ptr<TableFile> open(const std::string& directory, const std::string& path,
                                          const Pondra::TableLayout& layout, bool writable);
+  // Maps a file to read it, whatever table it is and wherever it lies. Throws TableError when it is none.
+  static std::unique_ptr<TableFile> openFile(const std::string& fileName);
   // Makes an empty table under its temporary name; publish() gives it its own, replacing an older file. Takes the
   // writer's lock for granted. Throws TableError when the system refuses, or has no room on the disk; no file is left
   // then.
@@ -113,6 +121,8 @@ class TableFile {
 
   TableFile(const TableFile&) = delete;
   TableFile& operator=(const TableFile&) = delete;
+  // A file that was not published goes.
+  ~TableFile();
 
   const TableImage& image() const { return image_; }
   std::uint32_t capacity() const { return capacity_; }
@@ -121,6 +131,8 @@ class TableFile {
   void ringDoorbell() const;
 
  private:
+  static std::unique_ptr<TableFile> mapFile(std::string name, FileDescriptor fd, const std::string& path,
+                                            const Pondra::TableLayout& layout, bool writable);
   TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity, std::byte* base,
             bool writable);
 
@@ -131,6 +143,7 @@ class TableFile {
   MappingGuard mapping_;
   TableImage image_;
   FileIdentity identity_;
+  bool unpublished_ = false;
 };
 
 // The header of a file in a table directory, or why it has none.

@@ -21,6 +21,7 @@
 //   the writer before it knew is not all known again. A writer that puts its removed table back goes on as before.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -28,11 +29,13 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -86,6 +89,24 @@ inline constexpr std::size_t maxKeySize = 40;
 
 enum class WriteResult : std::uint8_t { ok, full };
 
+// Where a walk stands: room for what a collection's seek() keeps between two steps of it. Each walk has its own; a copy
+// goes on by itself.
+class WalkPlace {
+ public:
+  // What the implementer keeps, made at the first call.
+  template <class T>
+  T& as() {
+    static_assert(sizeof(T) <= sizeof room_ && alignof(T) <= 8 && std::is_trivially_copyable_v<T>);
+    if (!made_) new (room_.data()) T;
+    made_ = true;
+    return *std::launder(reinterpret_cast<T*>(room_.data()));
+  }
+
+ private:
+  bool made_ = false;
+  alignas(8) std::array<std::byte, 1536> room_;
+};
+
 // One collection in shared memory, by bytes. Keys are fixed-size byte strings that compare with memcmp as the typed
 // keys order. Implemented by the platform; made by TableService::mount and attached to its table with ...ControlIs.
 //
@@ -125,11 +146,15 @@ class SharedCollection {
   // Copies the value under the key into `value` (at least maxValueSize bytes) and returns its size; nothing: no entry.
   virtual std::optional<std::size_t> find(Bytes key, MutableBytes value) const = 0;
   virtual bool has(Bytes key) const = 0;
+  // Looks up all of `keys`, which lie one behind the other, in their order, without waiting for memory one by one:
+  // `visit` gets the number of the key and its value, in `value`, or nothing. It must not change the table.
+  using VisitFound = std::function<void(std::size_t number, const std::optional<Bytes>& value)>;
+  virtual void findMany(Bytes keys, MutableBytes value, const VisitFound& visit) const = 0;
   // The first entry whose key is not below `key` (`inclusive`), or above it. Copies key and value; nothing: no more.
-  // `hint` is 0 or what the last call of a walk left there: it makes the next step cheap and is never wrong, only
-  // useless.
+  // `place` is a new one, or what the last call of the walk left there: it makes the next step cheap. A walk meets
+  // every entry that is there when its step comes to it.
   virtual std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
-                                          std::uint64_t& hint) const = 0;
+                                          WalkPlace& place) const = 0;
 
   // Writer only. Inserts or replaces; an equal value counts as a change. `full` when the key is new and there is no
   // room: nothing has changed. Throws TableError for a value over maxValueSize.
@@ -301,7 +326,7 @@ class Table : public TableEntity {
     void advance(bool inclusive) {
       std::array<std::byte, Traits::keySize> from = key_;
       for (;;) {
-        const auto size = table_->readable("iteration").seek(from, inclusive, key_, table_->scratch(), hint_);
+        const auto size = table_->readable("iteration").seek(from, inclusive, key_, table_->scratch(), place_);
         value_.reset();
         if (!size) return;
         const std::optional<Key> key = Traits::decodeKey(key_.data());
@@ -315,7 +340,7 @@ class Table : public TableEntity {
     const Table* table_ = nullptr;
     std::array<std::byte, Traits::keySize> key_{};
     std::optional<Value> value_;
-    std::uint64_t hint_ = 0;
+    WalkPlace place_;
   };
 
   using TableEntity::TableEntity;
@@ -342,6 +367,24 @@ class Table : public TableEntity {
     auto value = Traits::decode(key, Bytes(scratch()).first(*size));
     if (!value) control()->reportCorruption("an entry that cannot be decoded");
     return value;
+  }
+  // Looks up all of the keys in their order: visit(number of the key, const std::optional<Value>&). Cheaper than one by
+  // one. `visit` must not change the table.
+  template <class Visit>
+  void entries(std::span<const Key> keys, Visit visit) const {
+    constexpr std::size_t group = 64;
+    std::array<std::byte, group * Traits::keySize> bytes;
+    for (std::size_t first = 0; first < keys.size(); first += group) {
+      const std::size_t count = std::min(group, keys.size() - first);
+      for (std::size_t i = 0; i < count; ++i) Traits::encodeKey(keys[first + i], bytes.data() + i * Traits::keySize);
+      const auto decode = [&](std::size_t number, const std::optional<Bytes>& found) {
+        std::optional<Value> value;
+        if (found) value = Traits::decode(keys[first + number], *found);
+        if (found && !value) control()->reportCorruption("an entry that cannot be decoded");
+        visit(first + number, value);
+      };
+      readable("lookup").findMany(Bytes(bytes).first(count * Traits::keySize), scratch(), decode);
+    }
   }
   bool has(const Key& key) const {
     std::array<std::byte, Traits::keySize> bytes;
@@ -384,8 +427,9 @@ class Table : public TableEntity {
   void entryDelAll(std::string_view operation) {
     SharedCollection& collection = writableFor(operation);
     std::array<std::byte, Traits::keySize> key{};
-    std::uint64_t hint = 0;
-    while (collection.seek(key, true, key, scratch(), hint)) collection.erase(key);
+    WalkPlace place;
+    // Past a key that can be read and not be removed: a table is that damaged only until it is mended.
+    for (bool erased = true; collection.seek(key, erased, key, scratch(), place);) erased = collection.erase(key);
   }
   // Tells the reactors that entered before the change being delivered was made.
   void notifyReactors(const Key& key) {

@@ -383,7 +383,8 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
       {"one byte missing", good.substr(0, good.size() - 1), "shorter than its header says"},
       {"something else", std::string(good.size(), 'x'), "no table"},
       {"other byte order", withByte(offsetof(LinuxPlatform::TableHeader, endianTag)), "byte order"},
-      {"other format", withByte(offsetof(LinuxPlatform::TableHeader, formatVersion)), "format 65, not 1"},
+      {"other format", withByte(offsetof(LinuxPlatform::TableHeader, formatVersion)),
+       "format 66, not 2: another version of this program wrote it"},
       {"other value layout", withByte(offsetof(LinuxPlatform::TableHeader, layoutVersion)), "damaged"},
       {"scribbled slot count", withByte(offsetof(LinuxPlatform::TableHeader, slots)), "damaged"},
       {"scribbled name", withByte(offsetof(LinuxPlatform::TableHeader, path)), "damaged"},
@@ -536,11 +537,11 @@ class SharedTableThreadTest : public testing::Test {
       std::vector<std::byte> bytes(layout.maxValueSize), keyBytes(12);
       LinuxPlatform::Entry entry;
       while (!over) {
-        std::uint64_t hint = 0;
+        LinuxPlatform::WalkCursor cursor;
         LinuxPlatform::KeyWords from{};
         std::vector<std::uint64_t> keys;
-        for (bool first = true; view.seek(from, first, bytes, hint, entry); first = false) {
-          from = entry.contents.key;
+        for (bool first = true; view.seek(from, first, bytes, cursor, entry); first = false) {
+          from = entry.key;
           LinuxPlatform::keyBytes(from, keyBytes);
           keys.push_back(TestTables::decodeNumber(keyBytes.data()));
           EXPECT_TRUE(TestTables::decodeWords(Pondra::Bytes(bytes).first(entry.size)));
@@ -558,10 +559,22 @@ class SharedTableThreadTest : public testing::Test {
     writer.checkInvariants();
   }
 
+  // Its lines begin where the processor's do, as a mapping's.
+  LinuxPlatform::TableImage emptyTable() {
+    void* begin = memory.data();
+    std::size_t size = memory.size();
+    const LinuxPlatform::TableImage table(static_cast<std::byte*>(std::align(64, geometry.fileSize, begin, size)),
+                                          geometry);
+    const LinuxPlatform::TableHeader header = LinuxPlatform::tableHeader("threads", layout, 300, 300, 1);
+    std::memcpy(begin, &header, sizeof header);
+    LinuxPlatform::formatTable(table);
+    return table;
+  }
+
   const Pondra::TableLayout layout = Pondra::layoutOf<SizedTable>();
   const LinuxPlatform::TableGeometry geometry{layout, 300};
-  std::vector<std::uint64_t> memory = std::vector<std::uint64_t>(geometry.fileSize / 8 + 1);
-  const LinuxPlatform::TableImage image{reinterpret_cast<std::byte*>(memory.data()), geometry};
+  std::vector<std::byte> memory = std::vector<std::byte>(geometry.fileSize + 64);
+  const LinuxPlatform::TableImage image = emptyTable();
   const LinuxPlatform::DamageReport report = [](std::string_view what) { ADD_FAILURE() << what; };
   LinuxPlatform::TableWriter writer{image, 300, report};
   std::vector<std::byte> value = std::vector<std::byte>(layout.maxValueSize);

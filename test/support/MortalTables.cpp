@@ -28,9 +28,12 @@ class MortalTables::Collection final : public SharedCollection {
   }
   std::optional<std::size_t> find(Bytes key, MutableBytes value) const override { return collection_.find(key, value); }
   bool has(Bytes key) const override { return collection_.has(key); }
+  void findMany(Bytes keys, MutableBytes value, const VisitFound& visit) const override {
+    collection_.findMany(keys, value, visit);
+  }
   std::optional<std::size_t> seek(Bytes key, bool inclusive, MutableBytes keyOut, MutableBytes value,
-                                  std::uint64_t& hint) const override {
-    return collection_.seek(key, inclusive, keyOut, value, hint);
+                                  Pondra::WalkPlace& place) const override {
+    return collection_.seek(key, inclusive, keyOut, value, place);
   }
   Pondra::WriteResult write(Bytes key, Bytes value) override {
     if (owner_.dead_) return Pondra::WriteResult::ok;

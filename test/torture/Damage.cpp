@@ -174,7 +174,7 @@ class DamagedTable {
 
 void damageHeader() {
   const Shape shape;
-  const auto good = LinuxPlatform::tableHeader("torture", shape.layout(), 8, 8);
+  const auto good = LinuxPlatform::tableHeader("torture", shape.layout(), 8, 8, 1);
   for (std::size_t at = 0; at < sizeof good; ++at) {
     for (unsigned bit = 0; bit < 8; ++bit) {
       auto header = good;

@@ -135,8 +135,9 @@ Memory::Memory(const Shape& shape, std::uint32_t slots)
       image(base_, geometry) {
   mprotect(base_ + mapped_, 4096, PROT_NONE);
   // What a new file holds before anything else.
-  const auto header = LinuxPlatform::tableHeader("torture", shape.layout(), shape.capacity, slots);
+  const auto header = LinuxPlatform::tableHeader("torture", shape.layout(), shape.capacity, slots, 1);
   std::memcpy(base_, &header, sizeof header);
+  LinuxPlatform::formatTable(image);
 }
 
 Memory::~Memory() {
@@ -209,7 +210,7 @@ bool Reader::has(std::uint32_t number) {
 
 Reader::Found Reader::seek(std::uint32_t from, bool inclusive, Cursor& cursor) {
   if (!bounded([&] { return view.seek(keys_[from], inclusive, value_, cursor, entry_); })) return std::nullopt;
-  const auto number = keys_.number(entry_.contents.key);
+  const auto number = keys_.number(entry_.key);
   if (!number) fail("a search finds a key that was never there");
   return std::pair(number.value_or(shape_.universe),
                    std::string(reinterpret_cast<const char*>(value_.data()), entry_.size));
@@ -267,6 +268,8 @@ void Writer::apply(const Change& change, Model& model) {
 }
 
 void Writer::check(const Model& model) {
+  while (!writer.verify(100)) {
+  }
   writer.checkInvariants();
   const Model found = reader.walk();
   if (found != model) fail("the table is not the model:" + difference(found, model));

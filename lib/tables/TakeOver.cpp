@@ -1,0 +1,304 @@
+// How a TableWriter takes a table over, and how it gets its indexes back.
+#include <algorithm>
+
+#include "lib/tables/TableWriter.h"
+#include "platform/values/Assert.h"
+
+namespace LinuxPlatform {
+
+TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve)
+    : reserve_(std::move(reserve)),
+      image_(image),
+      report_(std::move(report)),
+      view_(image, report_),
+      hash_(image),
+      order_(image, reserve_),
+      slots_(image.geometry().slotPlaces, image.state().highWater, reserve_),
+      capacity_(capacity),
+      scratch_(image.geometry().maxValueSize) {
+  for (unsigned i = 0; i < image.geometry().heapClasses; ++i) {
+    heap_.emplace_back(image.geometry().heap[i], image.state().heapUsed[i], reserve_);
+  }
+  if (isSound(load(image.state().epoch)) && !indexesStand())
+    report_("the last writer ended while it rebuilt the index");
+  const bool sound = adopt();
+  if (!sound || (slots_.used() == 0 && hash_.count() != 0U)) {
+    report_("the index is rebuilt from the entries");
+    rebuildIndexes();
+  } else if (slots_.used() > 0) {
+    verifyAgain();
+  }
+  storeNumber(image_.state().operation, 0);
+}
+
+void TableWriter::repair(const std::string& what) {
+  report_(what + "; it is rebuilt from the entries");
+  storeNumber(image_.state().epoch, loadNumber(image_.state().epoch) | 1);
+  storeNumber(image_.state().operation, 0);
+  adopt();
+  rebuildIndexes();
+}
+
+bool TableWriter::stateIsSound() const {
+  const TableState& state = image_.state();
+  const auto sound = [](const std::uint64_t& word) { return isSound(load(word)); };
+  return sound(state.headSequence) && sound(state.liveCount) && sound(state.operation) && sound(state.epoch) &&
+         sound(state.root) && sound(state.highWater) && sound(state.looseOrder) &&
+         std::all_of(std::begin(state.nodesUsed), std::end(state.nodesUsed), sound) &&
+         std::all_of(std::begin(state.heapUsed), std::end(state.heapUsed), sound);
+}
+
+// Learns from the slots what is live and what is free. False: the indexes must be rebuilt.
+bool TableWriter::adopt() {
+  TableState& state = image_.state();
+  bool sound = stateIsSound();
+  if (!sound) {
+    report_("its state is damaged");
+    for (auto* unused = std::begin(state.heapUsed) + heap_.size(); unused != std::end(state.heapUsed); ++unused) {
+      storeNumber(*unused, 0);  // all other words are stored when it is known what belongs there
+    }
+  }
+  sound = sound && indexesStand();
+  std::optional<std::uint32_t> interrupted;
+  if (const std::uint64_t operation = load(state.operation); isSound(operation) && numberIn(operation) != 0) {
+    if (numberIn(operation) <= image_.geometry().slots)
+      interrupted = static_cast<std::uint32_t>(numberIn(operation)) - 1;
+    sound = sound && interrupted;
+  }
+
+  Survey found;
+  const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : image_.geometry().slots;
+  survey(0, end, interrupted, found);
+  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
+  if (found.live + found.damaged.size() < loadNumber(state.liveCount) && !interrupted) {
+    survey(end, image_.geometry().slots, interrupted, found);
+    sound = false;
+  }
+  const std::uint32_t used = std::max(isSound(load(state.highWater)) ? end : 0, found.usedEnd);
+  std::erase_if(found.free, [&](std::uint32_t slot) { return slot >= used; });
+  if (image_.geometry().inHeap) adoptHeap(found);
+  adoptSequence(found);
+  std::reverse(found.free.begin(), found.free.end());  // the lowest are taken first
+  slots_.adopt(used, std::move(found.free));
+  liveCountIs(found.live);
+  sound = sound && found.damaged.empty();
+  if (sound) {
+    KeyWords key;
+    if (interrupted) key = image_.keyOf(*interrupted);
+    sound = order_.adopt(interrupted ? &key : nullptr);
+  }
+  if (interrupted) finish(*interrupted, sound);
+  discard(found.damaged);
+  return sound;
+}
+
+void TableWriter::survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted,
+                         Survey& found) const {
+  const std::uint64_t head = loadNumber(image_.state().headSequence);
+  for (std::uint32_t slot = from; slot < to; ++slot) {
+    const std::uint64_t version = load(image_.version(slot));
+    const bool mayBeLinked = interrupted == slot;
+    if (version == 0 && (mayBeLinked || isUntouched(slot))) {
+      found.free.push_back(slot);
+      continue;
+    }
+    found.usedEnd = slot + 1;
+    const std::uint64_t sequence = sequenceOf(version);
+    if (isLive(version) ? !entryIsWhole(slot)
+                        : version == 0 || !isSoundWithoutEntry(version) ||
+                              (stateOf(version) == SlotState::linked && !mayBeLinked)) {
+      found.damaged.push_back(slot);
+      continue;
+    }
+    if (sequence > head) found.unannounced.emplace_back(sequence, slot);
+    found.newest = std::max(found.newest, sequence);
+    if (!isLive(version)) {
+      if (!(mayBeLinked && stateOf(version) == SlotState::linked)) found.free.push_back(slot);
+      continue;
+    }
+    ++found.live;
+  }
+}
+
+// A slot that was never used is all zero bytes; one that has lost its version word is not.
+bool TableWriter::isUntouched(std::uint32_t slot) const {
+  const std::uint64_t* words = image_.slot(slot);
+  return std::all_of(words, words + image_.geometry().slotWords,
+                     [](const std::uint64_t& word) { return load(word) == 0; });
+}
+
+bool TableWriter::entryIsWhole(std::uint32_t slot) const {
+  std::size_t size = 0;
+  return view_.readValue(slot, loadWords(slot), {}, size) == TableView::ValueRead::whole;
+}
+
+// Of two entries that claim the same place at most one can be right, and nobody can tell which: only the first keeps
+// it.
+void TableWriter::adoptHeap(Survey& found) {
+  const TableGeometry& geometry = image_.geometry();
+  std::vector<std::vector<bool>> taken(geometry.heapClasses);
+  for (std::uint32_t slot = 0; slot < found.usedEnd; ++slot) {
+    if (!isLive(load(image_.version(slot))) || std::binary_search(found.damaged.begin(), found.damaged.end(), slot))
+      continue;
+    const SlotImage words = loadWords(slot);
+    std::uint64_t descriptor = 0;
+    std::memcpy(&descriptor, words.bytes() + geometry.bufferAt(bufferOf(words.version())), sizeof descriptor);
+    const HeapExtent extent(descriptor);
+    const unsigned heapClass = geometry.heapClassFor(extent.size);
+    const PlaceSection& places = geometry.heap[heapClass];
+    const std::size_t place = (extent.offset - places.begin) / places.size;
+    std::vector<bool>& known = taken[heapClass];
+    if (place >= known.size()) known.resize(place + 1);
+    if (known[place]) {
+      found.damaged.insert(std::upper_bound(found.damaged.begin(), found.damaged.end(), slot), slot);
+      --found.live;
+    }
+    known[place] = true;
+  }
+  for (unsigned heapClass = 0; heapClass < geometry.heapClasses; ++heapClass) {
+    const std::vector<bool>& known = taken[heapClass];
+    std::vector<std::uint32_t> freed;
+    for (auto place = static_cast<std::uint32_t>(known.size()); place-- > 0;) {
+      if (!known[place]) freed.push_back(place);
+    }
+    heap_[heapClass].adopt(static_cast<std::uint32_t>(known.size()), std::move(freed));
+  }
+}
+
+// Goes on with the change sequence. A writer that died between showing a change and counting it leaves one slot that is
+// one ahead: the change is announced now. Anything else ahead of the head means that the head is damaged; a jump over
+// the whole ring then makes every follower look at all slots.
+void TableWriter::adoptSequence(const Survey& found) {
+  const std::uint64_t word = load(image_.state().headSequence);
+  const bool headIsSound = isSound(word) && numberIn(word) < maxSequence;
+  const std::uint64_t head = headIsSound ? numberIn(word) : 0;
+  sequence_ = std::max({sequence_, head, found.newest});
+  if (headIsSound && found.unannounced.empty()) return;
+  if (headIsSound && found.unannounced.size() == 1 && found.newest == head + 1) {
+    announce(found.unannounced.front().second);
+  } else {
+    report_("the change counter is damaged");
+    sequence_ += image_.geometry().ringSize + 1;
+  }
+  storeNumber(image_.state().headSequence, sequence_);
+}
+
+// Takes out the slot that the last writer was putting in or taking out; from the indexes, too, if they are to stay. One
+// that is live stands in both, one that is free in none.
+void TableWriter::finish(std::uint32_t interrupted, bool indexesStay) {
+  const std::uint64_t version = load(image_.version(interrupted));
+  // Its first writer stopped while it filled the bytes.
+  if (version == 0) store(image_.version(interrupted), versionWord(0, SlotState::free));
+  if (stateOf(version) != SlotState::linked || !isSoundWithoutEntry(version)) return;
+  const KeyWords key = image_.keyOf(interrupted);
+  if (indexesStay) {
+    order_.erase(key, interrupted);
+    hash_.takeOut(hash_.hashOf(key), interrupted);
+  }
+  store(image_.version(interrupted), versionWord(sequenceOf(version), SlotState::free));
+  slots_.give(interrupted);
+}
+
+void TableWriter::discard(std::span<const std::uint32_t> damaged) {
+  if (damaged.empty()) return;
+  report_(std::to_string(damaged.size()) + " damaged entries are dropped");
+  storeNumber(image_.state().epoch, loadNumber(image_.state().epoch) | 1);  // they may still stand in the indexes
+  for (const std::uint32_t slot : damaged) {
+    publish(slot, versionWord(sequence_ + 1, SlotState::free));
+    slots_.give(slot);
+  }
+}
+
+// Entries may have been lost, so everybody looks at everything: the change counter jumps over the whole ring.
+void TableWriter::rebuildIndexes() {
+  TableState& state = image_.state();
+  storeNumber(state.epoch, loadNumber(state.epoch) | 1);
+  verification_.reset();
+  hash_.clear();
+  order_.clear();
+  storeNumber(state.operation, 0);
+  for (std::uint32_t slot = 0; slot < slots_.used(); ++slot) {
+    if (!isLive(load(image_.version(slot))) || enter(slot)) continue;
+    report_("there is no room to rebuild the index: no entries are added until there is some");
+    return;
+  }
+  sequence_ += image_.geometry().ringSize + 1;
+  storeNumber(state.headSequence, sequence_);
+  storeNumber(state.epoch, numberIn(loadNumber(state.epoch) + 1));
+}
+
+// Of two entries under one key, which damage alone can bring about, the later one stays. False: there is no room.
+bool TableWriter::enter(std::uint32_t slot) {
+  const KeyWords key = image_.keyOf(slot);
+  if (!order_.ready()) return false;
+  if (!order_.insert(key, slot)) {
+    const auto other = order_.find(key);
+    if (!other) refuse("the table is damaged while its index is rebuilt");
+    const bool isLater = load(image_.version(slot)) > load(image_.version(*other));
+    const std::uint32_t loser = isLater ? *other : slot;
+    giveBack(extentOf(loser));
+    if (isLater) {
+      order_.erase(key, loser);
+      hash_.takeOut(hash_.hashOf(key), loser);
+      PLATFORM_ASSERT(order_.insert(key, slot));
+      PLATFORM_ASSERT(hash_.insert(hash_.hashOf(key), slot));
+    }
+    liveCountIs(liveCount_ - 1);
+    publish(loser, versionWord(sequence_ + 1, SlotState::free));
+    slots_.give(loser);
+    return true;
+  }
+  PLATFORM_ASSERT(hash_.insert(hash_.hashOf(key), slot));
+  return true;
+}
+
+bool TableWriter::verify(std::uint32_t entries) {
+  if (verified()) return true;
+  const bool hashing = verification_->next < verification_->seen.size();
+  if (!(hashing ? verifyHash(entries) : verifyOrder(entries))) repair("the index does not lead to all entries");
+  return verified();
+}
+
+bool TableWriter::verifyHash(std::uint32_t count) {
+  if (verification_->next == 0 && hash_.count() != liveCount_) return false;
+  constexpr std::uint32_t group = 16;
+  std::array<std::uint64_t, group> hashes;
+  const auto slots = static_cast<std::uint32_t>(verification_->seen.size());
+  for (std::uint32_t& next = verification_->next; next < slots && count > 0;) {
+    const std::uint32_t end = std::min(slots, next + group);
+    for (std::uint32_t slot = next; slot < end; ++slot) {
+      hash_.expectLine(hashes[slot - next] = hash_.hashOf(image_.keyOf(slot)));
+    }
+    for (std::uint32_t slot = next; slot < end; ++slot) {
+      if (isLive(load(image_.version(slot))) && !hash_.leadsTo(hashes[slot - next], slot)) return false;
+    }
+    next = end;
+    count -= std::min(count, group);
+  }
+  return true;
+}
+
+// A walk in order is many times cheaper than a search for each entry; that is for those which the walk has not met.
+bool TableWriter::verifyOrder(std::uint32_t count) {
+  RadixOrderWriter::Batch batch;
+  for (std::uint32_t met = 0; met < count; met += batch.count) {
+    if (!order_.collect(verification_->from, !verification_->begun, batch)) return false;
+    for (unsigned i = 0; i < batch.count; ++i) {
+      const std::uint32_t slot = batch.slots[i];
+      if (!isLive(load(image_.version(slot))) || !order_.hasPath(batch, i, loadWords(slot))) return false;
+      if (slot < verification_->seen.size()) verification_->seen[slot] = true;
+      verification_->from = image_.keyOf(slot);
+    }
+    verification_->begun = true;
+    if (batch.count > 0) continue;
+    for (std::uint32_t slot = 0; slot < verification_->seen.size(); ++slot) {
+      if (verification_->seen[slot] || !isLive(load(image_.version(slot)))) continue;
+      if (!order_.leadsTo(image_.keyOf(slot), slot)) return false;
+    }
+    verification_.reset();
+    return true;
+  }
+  return true;
+}
+
+}  // namespace LinuxPlatform
