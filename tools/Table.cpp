@@ -274,7 +274,7 @@ void addCommonOptions(CLI::App& command, TableOptions& options) {
 
 }  // namespace
 
-void addTableCommand(CLI::App& app, ToolContext& /*context*/) {
+void addTableCommand(CLI::App& app, ToolContext& context) {
   CLI::App* table = app.add_subcommand("table", "Read shared tables, without asking their writers");
   table->require_subcommand(1);
   table->footer("Example: routecache table show routecache/route/hw/ipv4 --limit 5");
@@ -300,6 +300,8 @@ void addTableCommand(CLI::App& app, ToolContext& /*context*/) {
   addCommonOptions(*watching, *options);
   watching->footer("Example: routecache table watch routecache/route/hw/ipv4 --count 10");
   watching->callback([options] { watch(*options); });
+
+  addTableInspectCommands(*table, context);
 }
 
 }  // namespace Tools

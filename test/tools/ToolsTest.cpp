@@ -15,6 +15,8 @@
 
 #include "host/TableTypes.h"
 #include "linux/tables/SharedTableService.h"
+#include "linux/tables/TableFile.h"
+#include "platform/tables/Rib.h"
 #include "platform/values/Paths.h"
 #include "simulator/routing/RibWriter.h"
 #include "test/support/Command.h"
@@ -28,6 +30,7 @@ using nlohmann::json;
 using std::string_literals::operator""s;  // NOLINT(misc-unused-using-decls): it does not see literals
 using ::testing::AllOf;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -459,6 +462,40 @@ TEST_F(ToolsTest, ShowWalksInKeyOrderFromAnyKey) {
   const Outcome text = run("table show " + v4 + " --limit 2");
   EXPECT_EQ(std::count(text.out.begin(), text.out.end(), '\n'), 2);
   EXPECT_THAT(text.out, StartsWith("Value('Routing::Rib::Route', ** {'key': " + all[0]));
+}
+
+TEST_F(ToolsTest, ATableIsCheckedAndCountedBesideItsWriterAndAfterIt) {
+  run("rib load --generate 300 --vrfs 1-3");
+  const Platform::TableTypes types = Tools::allTableTypes();
+  LinuxPlatform::SharedTableService tables(runDir, types);
+  tables.mount(v4, "Routing::Rib::RouteConfig", Pondra::MountKind::writer, Pondra::CollectionInfo{"route", 400});
+  EXPECT_EQ(run("table check " + v4).out, v4 + ": 300 whole entries, sound\n");
+  const json shape = runJson("table stat " + v4);
+  EXPECT_EQ(shape["entries"], 300);
+  EXPECT_EQ(shape["slots"]["count"], 400);
+  EXPECT_LE(shape["bytesInUse"], shape["bytesOnDisk"]);
+  EXPECT_THAT(run("table stat " + v4).out, HasSubstr("  entries     300 of 400\n"));
+
+  // A copy, with one bit of an entry and one of an index line flipped.
+  const std::string copy = directory.path() + "/copy.table";
+  std::filesystem::copy_file(runDir + "/tables/" + LinuxPlatform::tableFileName(v4) + ".table", copy);
+  const LinuxPlatform::TableGeometry geometry(Pondra::layoutOf<Routing::Rib::RouteConfig>(), 400);
+  for (const std::size_t at : {geometry.slotPlaces.at(7) + 9, geometry.bucketLines + 64 * 3 + 1}) {
+    std::fstream file(copy, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(at));
+    const int byte = file.get();
+    file.seekp(static_cast<std::streamoff>(at));
+    file.put(static_cast<char>(byte ^ 16));
+  }
+  const Outcome damaged = run("table check " + copy);
+  EXPECT_EQ(damaged.exitCode, 1);
+  EXPECT_THAT(damaged.out, HasSubstr(": slot 7 holds a damaged entry\n"));
+  EXPECT_THAT(damaged.out, HasSubstr(": line 3 of the hash index is damaged\n"));
+  EXPECT_THAT(damaged.out, EndsWith(": 299 whole entries\n"));
+  EXPECT_EQ(json::parse(run("table check --json " + copy).out)["sound"], false);
+  EXPECT_THAT(run("table check nowhere").err, HasSubstr("there is no table nowhere in"));
+  std::ofstream(copy) << "no table";
+  EXPECT_THAT(run("table stat " + copy).err, HasSubstr("too short for a table"));
 }
 
 TEST_F(ToolsTest, AWriterAtWorkIsSeenAndRefusesASecondOne) {

@@ -162,7 +162,7 @@ Schedule schedule;
 class Judge {
  public:
   Judge(Fiber& fiber, const Shape& shape, const Keys& keys, const Memory& memory, Random& random)
-      : fiber_(fiber), shape_(shape), keys_(keys), random_(random), reader_(memory, shape, keys) {
+      : fiber_(fiber), shape_(shape), keys_(keys), memory_(memory), random_(random), reader_(memory, shape, keys) {
     reader_.mostLoads *= 200;  // the writer may be at its heels
     follow();
   }
@@ -183,6 +183,7 @@ class Judge {
         break;
       case 5:
         if (random_() % 20 == 0) follow();
+        if (random_() % 20 == 0) inspect();
         deliver(1 + random_() % 20);
         break;
       default:
@@ -232,6 +233,10 @@ class Judge {
       if (!right) fail("a walk is wrong about " + std::to_string(number));
     }
   }
+  void inspect() {
+    for (const auto& text : LinuxPlatform::TableInspection(memory_.image).check().faults) fail("a check: " + text);
+    count("checks");
+  }
   void follow() {
     follower_ = std::make_unique<ChangeFollower>(reader_.report);
     follower_->start(reader_.view);
@@ -258,6 +263,7 @@ class Judge {
   Fiber& fiber_;
   Shape shape_;
   const Keys& keys_;
+  const Memory& memory_;
   Random& random_;
   Reader reader_;
   Cursor cursor_{};

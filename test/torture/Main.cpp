@@ -17,15 +17,11 @@ int main(int count, char** arguments) {
   constexpr struct {
     const char* name;
     void (*run)(unsigned seed);
-  } parts[] = {{"operations", stopOperations},
-               {"adoptions", stopAdoptions},
-               {"rebuilds", stopRebuilds},
-               {"migrations", stopMigrations},
-               {"interleavings", interleave},
-               {"damage", damageBytes},
-               {"files", cutFiles},
-               {"kills", killWriters},
-               {"crowds", crowd}};
+  } parts[] = {{"operations", stopOperations}, {"adoptions", stopAdoptions},
+               {"rebuilds", stopRebuilds},     {"migrations", stopMigrations},
+               {"interleavings", interleave},  {"damage", damageBytes},
+               {"rooms", fillDisks},           {"files", cutFiles},
+               {"kills", killWriters},         {"crowds", crowd}};
   if (count < 3) {
     std::fprintf(stderr, "usage: routecache_torture PART|all [FIRST-]LAST [--break N]\nparts:");
     for (const auto& part : parts) std::fprintf(stderr, " %s", part.name);

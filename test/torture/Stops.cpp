@@ -190,6 +190,29 @@ void stopOneOperation(Scene& at) {
   scene = text;
 }
 
+// A table whose writer has stopped while it rebuilt the indexes is walked in some loads for each entry.
+void walkWithoutIndexes() {
+  Random random(1);
+  Shape shape;
+  shape.capacity = 20000;
+  shape.universe = shape.capacity;
+  const Keys keys(shape, random);
+  const Memory memory(shape);
+  {
+    Writer writer(memory, shape, keys);
+    for (std::uint32_t number = 0; number < shape.universe; ++number) {
+      const std::string value = randomValue(shape, random);
+      writer.writer.write(keys[number], std::as_bytes(std::span(value)));
+    }
+  }
+  LinuxPlatform::storeNumber(memory.image.state().epoch, 1);
+  Reader reader(memory, shape, keys);
+  hooks.loads = 0;
+  scene = "a walk without indexes";
+  if (reader.walk().size() != shape.capacity) fail("it misses entries");
+  if (hooks.loads > 50 * std::uint64_t{shape.capacity}) fail(std::to_string(hooks.loads) + " loads");
+}
+
 }  // namespace
 
 void stopOperations(unsigned seed) {
@@ -234,6 +257,7 @@ void stopAdoptions(unsigned seed) {
 
 // A writer that finds a damaged table, and stops while it repairs it: what was left when it did not stop is left.
 void stopRebuilds(unsigned seed) {
+  if (seed == 1) walkWithoutIndexes();
   Scene at(seed);
   if (at.model.empty()) return;
   Aftermath aftermath(at.shape, at.keys, at.before);

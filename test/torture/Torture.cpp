@@ -79,6 +79,7 @@ Shape shapeOf(unsigned seed, Random& random) {
   if (shape.variable) shape.maxValueSize *= 2;
   shape.capacity = capacities[random() % 5];
   shape.universe = shape.capacity * 2 + 4;
+  shape.crowded = seed % 5 == 0;
   return shape;
 }
 
@@ -86,6 +87,11 @@ Keys::Keys(const Shape& shape, Random& random) : size_(shape.keySize) {
   const auto byteOf = [&] { return static_cast<char>(std::array{0, 1, 0x7f, 0xff}[random() % 4]); };
   std::string common(size_, '\0');
   for (char& byte : common) byte = byteOf();
+  const Memory memory(shape);
+  const LinuxPlatform::HashIndex index(memory.image);
+  const auto belongs = [&](const std::string& key) {
+    return index.homeOf(index.hashOf(LinuxPlatform::keyWords(std::as_bytes(std::span(key))))) < 2;
+  };
   std::set<std::string> drawn;
   while (drawn.size() < shape.universe) {
     std::string key = common;
@@ -102,7 +108,7 @@ Keys::Keys(const Shape& shape, Random& random) : size_(shape.keySize) {
       default:
         for (std::size_t at = random() % size_; at < size_; ++at) key[at] = static_cast<char>(random());
     }
-    drawn.insert(key);
+    if (!shape.crowded || belongs(key)) drawn.insert(key);
   }
   bytes_.assign(drawn.begin(), drawn.end());
   for (const std::string& key : bytes_) words_.push_back(LinuxPlatform::keyWords(std::as_bytes(std::span(key))));
@@ -271,6 +277,7 @@ void Writer::check(const Model& model) {
   while (!writer.verify(100)) {
   }
   writer.checkInvariants();
+  for (const auto& text : LinuxPlatform::TableInspection(memory_.image).check().faults) fail("a check: " + text);
   const Model found = reader.walk();
   if (found != model) fail("the table is not the model:" + difference(found, model));
   if (writer.size() != model.size()) fail("the table's size");

@@ -1,8 +1,8 @@
 // What the torture's parts share: tables in memory, keys and values by number, and a reader whose every call has to
 // end.
 //
-// The program knows no layout: only images as bytes, views, writers and followers. It is compiled from the tables' own
-// sources, with a hook before each load and each store.
+// The program knows images as bytes, views, writers and followers, not what lies where. It is compiled from the tables'
+// own sources, with a hook before each load and each store.
 #pragma once
 
 #include <array>
@@ -20,6 +20,7 @@
 
 #include "lib/tables/ChangeFollower.h"
 #include "lib/tables/TableFormat.h"
+#include "lib/tables/TableInspection.h"
 #include "lib/tables/TableView.h"
 #include "lib/tables/TableWriter.h"
 
@@ -55,6 +56,7 @@ struct Shape {
   bool variable = false;
   std::uint32_t capacity = 8;
   std::uint32_t universe = 20;  // numbers that have a key
+  bool crowded = false;         // the hash index puts all of these keys into the same few lines
   Pondra::TableLayout layout() const { return {"Torture::Table", "route", 1, keySize, maxValueSize, variable}; }
   std::string text() const;
 };
@@ -176,7 +178,11 @@ class Believer {
 class Writer {
  public:
   Writer(const Memory& memory, const Shape& shape, const Keys& keys)
-      : shape_(shape), keys_(keys), writer(memory.image, shape.capacity, report), reader(memory, shape, keys) {}
+      : shape_(shape),
+        keys_(keys),
+        memory_(memory),
+        writer(memory.image, shape.capacity, report),
+        reader(memory, shape, keys) {}
   void apply(const Change& change, Model& model);
   void applyRandom(unsigned changes, Model& model, Random& random) {
     while (changes-- > 0) apply(randomChange(shape_, random), model);
@@ -190,6 +196,7 @@ class Writer {
   LinuxPlatform::DamageReport report = [this](std::string_view what) { damage.emplace_back(what); };
   Shape shape_;
   const Keys& keys_;
+  const Memory& memory_;
 
  public:
   TableWriter writer;
@@ -207,6 +214,9 @@ void stopRebuilds(unsigned seed);
 void stopMigrations(unsigned seed);
 void interleave(unsigned seed);
 void damageBytes(unsigned seed);
+// The same with a table and damage that somebody has thought up.
+void damageAs(std::span<const std::uint8_t> input);
+void fillDisks(unsigned seed);
 void cutFiles(unsigned seed);
 void killWriters(unsigned seed);
 void crowd(unsigned seed);

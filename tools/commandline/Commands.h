@@ -27,7 +27,8 @@ void addRibCommand(CLI::App& app, ToolContext& context);
 void addFibCommand(CLI::App& app, ToolContext& context);
 void addSimulateCommand(CLI::App& app, ToolContext& context);
 void addTableCommand(CLI::App& app, ToolContext& context);
-void addControlCommands(CLI::App& app, ToolContext& context);  // get, set, del
+void addTableInspectCommands(CLI::App& table, ToolContext& context);  // below it: check, stat
+void addControlCommands(CLI::App& app, ToolContext& context);         // get, set, del
 void addShowCommand(CLI::App& app, ToolContext& context);
 void addTasksCommand(CLI::App& app, ToolContext& context);
 void addTraceCommand(CLI::App& app, ToolContext& context);
