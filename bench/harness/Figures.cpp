@@ -1,13 +1,30 @@
 #include "bench/harness/Figures.h"
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
+#include <utility>
 
 namespace Bench {
 
+namespace {
+
+double medianOf(std::vector<double> values) {
+  std::ranges::sort(values);
+  return values[values.size() / 2];
+}
+
+}  // namespace
+
 double Figures::median(const std::string& phase, const std::string& figure) const {
-  auto sorted = values_.at(phase).at(figure);
-  std::ranges::sort(sorted);
-  return sorted[sorted.size() / 2];
+  return medianOf(values_.at(phase).at(figure));
+}
+
+double Figures::medianRatio(const std::string& phase, const std::string& figure, const std::string& to) const {
+  std::vector<double> ratios;
+  std::ranges::transform(values_.at(phase).at(figure), values_.at(phase).at(to), std::back_inserter(ratios),
+                         std::divides<>());
+  return medianOf(std::move(ratios));
 }
 
 nlohmann::json Figures::asJson() const {

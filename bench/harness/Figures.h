@@ -22,6 +22,8 @@ class Figures {
     return values_.at(phase).at(figure).back();
   }
   double median(const std::string& phase, const std::string& figure) const;
+  // The median of what one figure is to another of the same run, of which both have the same number.
+  double medianRatio(const std::string& phase, const std::string& figure, const std::string& to) const;
   // {phase: {figure: {"median": x, "runs": [...]}}}
   nlohmann::json asJson() const;
 

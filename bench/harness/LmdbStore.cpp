@@ -20,7 +20,8 @@ LmdbStore::Bytes bytes(const MDB_val& value) {
 
 }  // namespace
 
-LmdbStore::LmdbStore(const std::string& directory, std::size_t mapSize) {
+LmdbStore::LmdbStore(const std::string& directory, std::size_t mapSize, unsigned writesPerTransaction)
+    : writesPerTransaction_(writesPerTransaction) {
   checked(mdb_env_create(&environment_), "mdb_env_create");
   checked(mdb_env_set_mapsize(environment_, mapSize), "mdb_env_set_mapsize");
   checked(mdb_env_set_maxdbs(environment_, 8), "mdb_env_set_maxdbs");
@@ -49,7 +50,7 @@ MDB_txn* LmdbStore::writing() {
 }
 
 void LmdbStore::written() {
-  if (++writes_ == writesPerTransaction) commit();
+  if (++writes_ == writesPerTransaction_) commit();
 }
 
 void LmdbStore::commit() {
@@ -99,19 +100,20 @@ std::optional<LmdbStore::Bytes> LmdbStore::get(MDB_dbi database, Bytes key) {
   return bytes(found);
 }
 
-void LmdbStore::walk(MDB_dbi database, const std::function<void(Bytes, Bytes)>& visit) {
-  MDB_txn* transaction = nullptr;
-  MDB_cursor* cursor = nullptr;
-  checked(mdb_txn_begin(environment_, nullptr, MDB_RDONLY, &transaction), "mdb_txn_begin");
-  checked(mdb_cursor_open(transaction, database, &cursor), "mdb_cursor_open");
-  MDB_val key{};
-  MDB_val found{};
-  int result = mdb_cursor_get(cursor, &key, &found, MDB_FIRST);
-  for (; result == MDB_SUCCESS; result = mdb_cursor_get(cursor, &key, &found, MDB_NEXT))
-    visit(bytes(key), bytes(found));
-  mdb_cursor_close(cursor);
-  mdb_txn_abort(transaction);
+LmdbStore::Walk::Walk(MDB_env* environment, MDB_dbi database) {
+  checked(mdb_txn_begin(environment, nullptr, MDB_RDONLY, &transaction_), "mdb_txn_begin");
+  checked(mdb_cursor_open(transaction_, database, &cursor_), "mdb_cursor_open");
+}
+
+LmdbStore::Walk::~Walk() {
+  mdb_cursor_close(cursor_);
+  mdb_txn_abort(transaction_);
+}
+
+bool LmdbStore::Walk::step(bool first) {
+  const int result = mdb_cursor_get(cursor_, &key_, &value_, first ? MDB_FIRST : MDB_NEXT);
   if (result != MDB_NOTFOUND) checked(result, "mdb_cursor_get");
+  return result == MDB_SUCCESS;
 }
 
 }  // namespace Bench

@@ -5,7 +5,6 @@
 #include <lmdb.h>
 
 #include <cstddef>
-#include <functional>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -24,11 +23,12 @@ class LmdbError : public std::runtime_error {
 class LmdbStore {
  public:
   using Bytes = std::span<const std::byte>;
-  static constexpr unsigned writesPerTransaction = 4096;
+  static constexpr unsigned usualWritesPerTransaction = 4096;
   static constexpr unsigned readsPerTransaction = 4096;
 
   // In an existing directory, at most `mapSize` bytes in size.
-  LmdbStore(const std::string& directory, std::size_t mapSize);
+  LmdbStore(const std::string& directory, std::size_t mapSize,
+            unsigned writesPerTransaction = usualWritesPerTransaction);
   ~LmdbStore();
   LmdbStore(const LmdbStore&) = delete;
   LmdbStore& operator=(const LmdbStore&) = delete;
@@ -50,12 +50,33 @@ class LmdbStore {
   // By a reader's transaction, which goes over to the newest state after so many reads: the bytes last until the next
   // call.
   std::optional<Bytes> get(MDB_dbi database, Bytes key);
-  // Every entry in key order, in one reader's transaction of its own.
-  void walk(MDB_dbi database, const std::function<void(Bytes key, Bytes value)>& visit);
+  // Every entry in key order, in one reader's transaction of its own: visit(key, value), both Bytes.
+  template <class Visit>
+  void walk(MDB_dbi database, Visit visit) {
+    Walk walk(environment_, database);
+    for (bool first = true; walk.step(first); first = false) visit(walk.key(), walk.value());
+  }
   // The reader looks at the newest state from now on.
   void refresh();
 
  private:
+  class Walk {
+   public:
+    Walk(MDB_env* environment, MDB_dbi database);
+    ~Walk();
+    Walk(const Walk&) = delete;
+    Walk& operator=(const Walk&) = delete;
+    bool step(bool first);  // false: no more
+    Bytes key() const { return {static_cast<const std::byte*>(key_.mv_data), key_.mv_size}; }
+    Bytes value() const { return {static_cast<const std::byte*>(value_.mv_data), value_.mv_size}; }
+
+   private:
+    MDB_txn* transaction_ = nullptr;
+    MDB_cursor* cursor_ = nullptr;
+    MDB_val key_{};
+    MDB_val value_{};
+  };
+
   MDB_txn* writing();
   MDB_txn* reading();
   void written();
@@ -64,6 +85,7 @@ class LmdbStore {
   MDB_txn* writer_ = nullptr;
   MDB_txn* reader_ = nullptr;
   bool readerLooks_ = false;
+  unsigned writesPerTransaction_;
   unsigned writes_ = 0;
   unsigned reads_ = 0;
 };
