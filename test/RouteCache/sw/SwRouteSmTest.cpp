@@ -142,6 +142,59 @@ TEST_P(SwRouteSmTest, ARestartTakesUpWhatChangedMeanwhile) {
   EXPECT_THAT(sw.unprogrammed(), IsEmpty());
 }
 
+// A resolver that has its answers in place before anybody else hears that it is back.
+class Answering final : public Routing::NexthopStatus::Reactor {
+ public:
+  explicit Answering(std::shared_ptr<Routing::NexthopStatus> status) : Reactor(status), status_(std::move(status)) {}
+  void handleVrf(const L3::VrfName& name) override {
+    if (const auto vrf = status_->vrf(name)) vrf->nexthopIs(Platform::fromText<IpGenAddr>("10.255.0.1"), fec);
+  }
+  Fib::FecId fec;
+
+ private:
+  std::shared_ptr<Routing::NexthopStatus> status_;
+};
+
+TEST_P(SwRouteSmTest, WhatWasResolvedForwardsUntilTheResolverSaysOtherwise) {
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.route("10.9.0.0/16", 9, 1);  // its VRF never comes: the queue does not drain
+  sw.start();
+  settle();
+  sw.stop();
+  sw.resolverGone();
+  const auto status = sw.entity<Routing::NexthopStatus>(Paths::nexthopStatus, "Routing::NexthopStatus");
+  Answering resolver(status);
+  const auto answer = [&](const char* vtep, std::uint32_t fec) {
+    status->vrfIs(L3::VrfName())->nexthopIs(Platform::fromText<IpGenAddr>(vtep), Fib::FecId(fec));
+  };
+  const auto expect = [&](unsigned first, unsigned second) {
+    EXPECT_EQ(sw.published().at("10.0.0.0/8@101"), "10.255.0.1 Vxlan1 vlan 10 fec " + std::to_string(first) +
+                                                       ", 10.255.0.2 Vxlan1 vlan 10 fec " + std::to_string(second));
+  };
+  sw.via(1, {sw.nexthop("10.255.0.1"), sw.nexthop("10.255.0.2")});  // another set, and so another identifier
+  sw.start();
+  sw.advance(20);
+  expect(5, 0);
+  sw.advance(400);  // whatever a restart owes is over
+  expect(5, 0);
+  resolver.fec = Fib::FecId(8);
+  answer("10.255.0.2", 7);
+  settle();
+  expect(8, 7);
+  status->vrfDel(L3::VrfName());
+  settle();
+  expect(8, 7);
+  resolver.fec = Fib::FecId(4);
+  status->vrfIs(L3::VrfName());
+  sw.advance(0);
+  expect(4, 7);
+  answer("10.255.0.1", 0);  // unreachable, and that stays too
+  status->vrfDel(L3::VrfName());
+  settle();
+  expect(0, 7);
+}
+
 TEST_P(SwRouteSmTest, AnAdjacencyThatNoAgentMadeIsDropped) {
   sw.via(1, {sw.nexthop("10.255.0.1")});
   sw.via(2, {sw.nexthop("10.255.0.1"), sw.nexthop("2001:db8:ff::1")});
