@@ -227,6 +227,20 @@ TEST(VrfIdMapTest, AnIdOfZeroIsNotAMissingOne) {
   EXPECT_FALSE(map->globalVrfIdToHwVrfIdHas(20));
 }
 
+class TrieMapReactor final : public VrfCachedRoute::Reactor {
+ public:
+  TrieMapReactor(std::shared_ptr<const VrfCachedRoute> tries, Log& log) : Reactor(std::move(tries)), log_(log) {}
+  void handleVrfTrie(std::uint32_t hwVrfId) override {
+    log_.add((watched().vrfTrie(hwVrfId) ? "trie " : "no trie ") + std::to_string(hwVrfId));
+  }
+  void handleVrfTrie6(std::uint32_t hwVrfId) override {
+    log_.add((watched().vrfTrie6(hwVrfId) ? "trie6 " : "no trie6 ") + std::to_string(hwVrfId));
+  }
+
+ private:
+  Log& log_;
+};
+
 // What is asked of one entry is looked up: a copy of all for each would take hours here.
 TEST(VrfCachedRouteTest, EveryVrfIsShownAtACostThatDoesNotGrowWithTheirSquare) {
   constexpr std::uint32_t vrfs = 100'000;
@@ -247,8 +261,24 @@ TEST(VrfCachedRouteTest, EveryVrfIsShownAtACostThatDoesNotGrowWithTheirSquare) {
   EXPECT_EQ(ids->keys(*map).at(20'000), "20000") << "in the order of the ids";
   EXPECT_EQ(ids->get(*map, "100000"), std::nullopt);
   EXPECT_EQ(children->child(*tries, "100000"), nullptr);
-  tries->vrfTrieDelAll();
-  EXPECT_THAT(children->keys(*tries), IsEmpty());
+}
+
+TEST(VrfCachedRouteTest, TellsOfTriesThatComeGoAndAreReplaced) {
+  const auto tries = RouteCache::vrfCachedRouteFactory("vrfCachedRoute");
+  Log log;
+  const TrieMapReactor reactor(tries, log);
+  const auto trie = std::make_shared<Routing::Trie>();
+  tries->vrfTrieIs(7, trie);
+  tries->vrfTrieIs(7, trie);
+  tries->vrfTrieIs(7, std::make_shared<Routing::Trie>());
+  tries->vrfTrie6Is(7, std::make_shared<Routing6::Trie>());
+  tries->vrfTrieDel(8);
+  tries->vrfTrieDel(7);
+  EXPECT_THAT(log.take(), ElementsAre("trie 7", "trie 7", "trie6 7", "no trie 7"));
+  tries->vrfTrie6Is(3, std::make_shared<Routing6::Trie>());
+  log.take();
+  tries->vrfTrie6DelAll();
+  EXPECT_THAT(log.take(), ElementsAre("no trie6 3", "no trie6 7"));
 }
 
 }  // namespace
