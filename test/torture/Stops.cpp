@@ -190,6 +190,26 @@ void stopOneOperation(Scene& at) {
   scene = text;
 }
 
+// Thousands of keys in the same line of the hash index, and behind it: slow, and right.
+void floodALine() {
+  Random random(1);
+  Shape shape;
+  shape.capacity = 4099;
+  shape.universe = shape.capacity + 1;
+  shape.crowded = true;
+  const Keys keys(shape, random);
+  const Memory memory(shape);
+  scene = "a flood of one line";
+  Writer writer(memory, shape, keys);
+  Model model;
+  for (std::uint32_t number = 0; number < shape.capacity; ++number)
+    writer.apply({Change::Kind::write, number, randomValue(shape, random)}, model);
+  writer.check(model);
+  writer.applyRandom(shape.capacity, model, random);
+  writer.check(model);
+  if (!writer.damage.empty()) fail("it is taken for damage");
+}
+
 // A table whose writer has stopped while it rebuilt the indexes is walked in some loads for each entry.
 void walkWithoutIndexes() {
   Random random(1);
@@ -257,7 +277,10 @@ void stopAdoptions(unsigned seed) {
 
 // A writer that finds a damaged table, and stops while it repairs it: what was left when it did not stop is left.
 void stopRebuilds(unsigned seed) {
-  if (seed == 1) walkWithoutIndexes();
+  if (seed == 1) {
+    walkWithoutIndexes();
+    floodALine();
+  }
   Scene at(seed);
   if (at.model.empty()) return;
   Aftermath aftermath(at.shape, at.keys, at.before);
