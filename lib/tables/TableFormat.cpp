@@ -203,9 +203,9 @@ std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, Bytes value
     sum = std::rotl(sum, 13) + fold(key.words[i] ^ odd[1], second ^ odd[2]);
   }
   for (std::size_t at = 0; at < value.size(); at += 16) {
-    std::uint64_t words[2] = {0, 0};
-    std::memcpy(words, value.data() + at, std::min<std::size_t>(sizeof words, value.size() - at));
-    sum = std::rotl(sum, 17) + fold(words[0] ^ odd[2], words[1] ^ odd[3]);
+    const std::size_t left = value.size() - at;
+    const std::uint64_t second = left > 8 ? wordOf(value.data() + at + 8, left - 8) : 0;
+    sum = std::rotl(sum, 17) + fold(wordOf(value.data() + at, left) ^ odd[2], second ^ odd[3]);
   }
   return static_cast<std::uint32_t>(sum ^ sum >> 32);
 }

@@ -96,6 +96,34 @@ void store(Word& word, Word value) {
 void storeBytes(std::uint64_t* to, Bytes from);
 void loadBytes(MutableBytes to, const std::uint64_t* from);
 
+// Up to 8 bytes as a word, the others of which are zero. No call for a size that is not known beforehand: this is on
+// the way of every lookup.
+inline std::uint64_t wordOf(const std::byte* from, std::size_t size) {
+  std::uint64_t word = 0;
+  if (size >= 8) {
+    std::memcpy(&word, from, 8);
+  } else if (std::endian::native == std::endian::little && size >= 4) {
+    std::uint32_t first = 0, last = 0;
+    std::memcpy(&first, from, 4);
+    std::memcpy(&last, from + size - 4, 4);
+    word = first | std::uint64_t{last} << 8 * (size - 4);
+  } else {
+    for (std::size_t i = 0; i < size; ++i) reinterpret_cast<std::byte*>(&word)[i] = from[i];
+  }
+  return word;
+}
+// As memcpy; quick for the sizes that values have.
+inline void copyBytes(std::byte* to, const std::byte* from, std::size_t size) {
+  if (size > 32) {
+    std::memcpy(to, from, size);
+    return;
+  }
+  for (; size >= 8; to += 8, from += 8, size -= 8) std::memcpy(to, from, 8);
+  if ((size & 4) != 0) std::memcpy(to, from, 4), to += 4, from += 4;
+  if ((size & 2) != 0) std::memcpy(to, from, 2), to += 2, from += 2;
+  if ((size & 1) != 0) *to = *from;
+}
+
 // Every bit of both words has a say in every bit of the result.
 inline std::uint64_t fold(std::uint64_t a, std::uint64_t b) {
   __extension__ using Wide = unsigned __int128;

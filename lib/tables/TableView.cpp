@@ -66,7 +66,7 @@ TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotImage& e
     if (!good) return ValueRead::damaged;
     value = Bytes(out).first(extent.size);
   } else if (!out.empty()) {
-    std::memcpy(out.data(), value.data(), value.size());
+    copyBytes(out.data(), value.data(), value.size());
   }
   size = value.size();
   const std::uint32_t check =
@@ -129,11 +129,13 @@ TableView::Outcome TableView::settle(Attempt attempt) const {
 }
 
 bool TableView::find(const KeyWords& key, MutableBytes value, Entry& found) const {
+  if (const Outcome first = tryFind(key, &value, found); first <= Outcome::absent) return first == Outcome::found;
   const Outcome outcome = settle([&] { return tryFind(key, &value, found); });
   return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, &value, found));
 }
 
 bool TableView::has(const KeyWords& key, Entry& found) const {
+  if (const Outcome first = tryFind(key, nullptr, found); first <= Outcome::absent) return first == Outcome::found;
   const Outcome outcome = settle([&] { return tryFind(key, nullptr, found); });
   return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, nullptr, found));
 }
