@@ -1,6 +1,7 @@
 // One shared table against what else could hold a million routes: LMDB and Abseil's maps, in the same run. This process
 // writes, others read and follow. bench/README.md says what the figures mean.
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -220,12 +221,28 @@ void Measurement::follow(const BenchDirectory& directory, TypedStore& followed, 
   follower.wait();
 }
 
+// Where a process sleeps decides what it costs to wake it: the two that are compared share a processor, and the one
+// that wakes them has another, if there is one.
+void runOn(pid_t process, unsigned processor) {
+  cpu_set_t processors;
+  CPU_ZERO(&processors);
+  CPU_SET(processor, &processors);
+  require(::sched_setaffinity(process, sizeof processors, &processors) == 0, "a process runs where it is told to");
+}
+
 // From a write to the reactor's call in another process that had nothing to do, and the same for an eventfd.
 void Measurement::notify(const BenchDirectory& directory, TypedStore& store, Tables& tables) {
   const unsigned samples = std::clamp(options_.routes / 1000, 20U, 1000U);
   const int eventFd = ::eventfd(0, 0);  // inherited
   ChildProcess follower = child("follower", directory);
   ChildProcess pinged({"pinged", "--dir", directory.path(), "--eventfd", std::to_string(eventFd)});
+  cpu_set_t anywhere;
+  require(::sched_getaffinity(0, sizeof anywhere, &anywhere) == 0, "the processors are known");
+  unsigned first = 0, last = CPU_SETSIZE - 1;
+  while (!CPU_ISSET(first, &anywhere)) ++first;
+  while (!CPU_ISSET(last, &anywhere)) --last;
+  for (const ChildProcess* woken : {&follower, &pinged}) runOn(woken->pid(), last);
+  runOn(0, first);
   Stamp stamp(directory.path());
   const auto write = [eventFd](std::uint64_t value) { return ::write(eventFd, &value, sizeof value); };
   std::uniform_real_distribution<double> pause(0.5e-3, 2.5e-3);
@@ -256,6 +273,7 @@ void Measurement::notify(const BenchDirectory& directory, TypedStore& store, Tab
   follower.wait();
   pinged.wait();
   ::close(eventFd);
+  ::sched_setaffinity(0, sizeof anywhere, &anywhere);
   const auto median = [](std::vector<double>& values) {
     std::ranges::sort(values);
     return values[values.size() / 2];

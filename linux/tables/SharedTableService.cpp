@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
@@ -255,11 +256,14 @@ void SharedTableService::handleFileEvent(std::string_view fileName, bool written
 }
 
 void SharedTableService::handleWakeup() {
+  constexpr std::size_t largestEvent = sizeof(inotify_event) + NAME_MAX + 1;
   alignas(inotify_event) std::array<char, 4096> events;
   bool lost = false;
-  ssize_t size = 0;
-  while ((size = read(wakeup_.get(), events.data(), events.size())) > 0) {
-    for (std::size_t at = 0; at + sizeof(inotify_event) <= static_cast<std::size_t>(size);) {
+  for (bool more = true; more;) {
+    const ssize_t got = read(wakeup_.get(), events.data(), events.size());
+    const std::size_t size = got > 0 ? static_cast<std::size_t>(got) : 0;
+    more = size + largestEvent > events.size();  // where another event would have had room, there was none
+    for (std::size_t at = 0; at + sizeof(inotify_event) <= size;) {
       inotify_event event;
       std::memcpy(&event, events.data() + at, sizeof event);
       const char* const name = events.data() + at + sizeof event;
