@@ -254,10 +254,10 @@ void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
 
 void KernelRouteSm::handleVrfId(std::uint32_t piVrfId) {
   trace_(9, __PRETTY_FUNCTION__);
+  reviewWaiting();  // what waits may be of the hardware id that it had, also where it has another one at once
   if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) {
     trace_(6, "deleted piVrfId: ", piVrfId);
     addKernelRouteVrfIdColl(piVrfId);
-    reviewWaiting();
     return;
   }
   trace_(6, "added piVrfId: ", piVrfId);

@@ -329,7 +329,7 @@ class RandomMirror {
   void step() {
     const std::uint32_t hwVrfId = 7 + pick(vrfs);
     const std::uint32_t piVrfId = 2 + pick(vrfs);
-    switch (pick(20)) {
+    switch (pick(22)) {
       case 16:
         return swapVrfs(piVrfId, 2 + pick(vrfs));
       case 17:
@@ -340,6 +340,10 @@ class RandomMirror {
                                     [&](auto filled) { mirror_.cachedRoutes->vrfTrie6Is(hwVrfId, filled); });
       case 19:
         return mirror_.cachedRoutes->vrfTrie6Del(hwVrfId);
+      case 20:
+        return mirror_.cachedRoutes->vrfTrieDelAll();
+      case 21:
+        return mirror_.cachedRoutes->vrfTrie6DelAll();
       case 0:
         return mirror_.unmapVrf(piVrfId);
       case 1:
@@ -417,8 +421,10 @@ class RandomMirror {
   }
   // Maps the pair; whoever has one of the ids loses it first, but for a VRF whose hardware id changes in place.
   void vrf(std::uint32_t piVrfId, std::uint32_t hwVrfId) {
-    if (mirror_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId) && pick(2) == 0) {
-      mirror_.vrfIdMap->hwVrfIdToGlobalVrfIdDel(mirror_.vrfIdMap->globalVrfIdToHwVrfId(piVrfId));
+    const RouteCache::VrfIdMap& ids = *mirror_.vrfIdMap;
+    const bool moves = ids.globalVrfIdToHwVrfIdHas(piVrfId) && ids.globalVrfIdToHwVrfId(piVrfId) != hwVrfId;
+    if (moves && pick(2) == 0) {
+      mirror_.vrfIdMap->hwVrfIdToGlobalVrfIdDel(ids.globalVrfIdToHwVrfId(piVrfId));
     } else {
       mirror_.unmapVrf(piVrfId);
     }
