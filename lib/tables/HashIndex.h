@@ -51,7 +51,7 @@ class HashIndex {
     return (word & slotMask_) != 0 && (word & ~slotMask_) == tag;
   }
   static std::uint32_t overflowOf(std::uint32_t first) { return first & 0xffff; }
-  void expectLine(std::uint64_t hash) const { __builtin_prefetch(image_.bucketLine(homeOf(hash))); }
+  void expectLine(std::uint64_t hash) const { prefetch(image_.bucketLine(homeOf(hash))); }
 
   // The places of a line, as bits, that may hold the tag; whoever follows one loads its word again.
   std::uint32_t candidates(const std::uint32_t* line, std::uint32_t tag) const {

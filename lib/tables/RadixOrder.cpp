@@ -113,8 +113,8 @@ bool RadixOrder::visitChild(const Node& node, std::uint8_t byte, const std::uint
 void RadixOrder::expect(NodeRef ref) const {
   if (ref == 0 || isSlot(ref) || !isPlace(ref)) return;
   const std::uint32_t* words = nodeAt(ref);
-  __builtin_prefetch(words);
-  if (kindOf(ref) == 1) __builtin_prefetch(words + 16);
+  prefetch(words);
+  if (kindOf(ref) == 1) prefetch(words + 16);
 }
 
 // Kinds 0 and 1: places in no order.
