@@ -20,7 +20,7 @@ bool HashIndexWriter::find(const KeyWords& key, std::uint64_t hash, Place& place
       if (!isTagged(word, tag)) continue;
       const std::uint32_t slot = slotOf(word);
       if (slot >= image_.geometry().slots) return false;
-      if (image_.compare(image_.keyOf(slot), key) == 0) {
+      if (image_.holds(image_.slot(slot), key, image_.geometry().keyWordCount)) {
         place = {number, at, slot};
         return isLive(load(image_.version(slot)));
       }

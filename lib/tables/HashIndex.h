@@ -18,11 +18,6 @@
 
 #include "lib/tables/TableFormat.h"
 
-#if defined(__SSE2__) && !defined(__SANITIZE_THREAD__) && !defined(SHARED_TABLE_WORD_BY_WORD)
-#define SHARED_TABLE_FOUR_WORDS_AT_A_TIME
-#include <emmintrin.h>
-#endif
-
 namespace LinuxPlatform {
 
 // What every process asks of it.
@@ -36,10 +31,10 @@ class HashIndex {
         buckets_(image.geometry().buckets),
         slotMask_((std::uint32_t{1} << image.geometry().slotBits) - 1) {}
 
-  std::uint64_t hashOf(const KeyWords& key) const {
+  std::uint64_t hashOf(const KeyWords& key) const { return hashOf(key, image_.geometry().keyWordCount); }
+  std::uint64_t hashOf(const KeyWords& key, unsigned keyWordCount) const {
     std::uint64_t hash = fold(key.words[0] ^ seed_, seed_ | 1);
-    for (unsigned i = 1; i < image_.geometry().keyWordCount; ++i)
-      hash = fold(hash ^ key.words[i], 0x9e3779b97f4a7c15 ^ seed_);
+    for (unsigned i = 1; i < keyWordCount; ++i) hash = fold(hash ^ key.words[i], 0x9e3779b97f4a7c15 ^ seed_);
     return hash * 0xc4ceb9fe1a85ec53;
   }
   std::uint32_t homeOf(std::uint64_t hash) const { return static_cast<std::uint32_t>((hash >> 32) * buckets_ >> 32); }
@@ -58,14 +53,16 @@ class HashIndex {
     return matches(line, tag, ~slotMask_);
   }
   // Whether the line is as a writer left it.
-  static bool lineIsWhole(const std::uint32_t* line) {
-    return firstWord(line, overflowOf(load(line[0]))) == load(line[0]);
-  }
+  static bool lineIsWhole(const std::uint32_t* line);
   // What the first word of the line has to be.
   static std::uint32_t firstWord(const std::uint32_t* line, std::uint32_t overflow);
 
  protected:
   static std::uint32_t matches(const std::uint32_t* line, std::uint32_t value, std::uint32_t mask);
+  // The first word of a line whose others come to this sum.
+  static constexpr std::uint32_t checkedLine(std::uint32_t sum, std::uint32_t overflow) {
+    return ((sum ^ sum >> 16 ^ overflow ^ 0x5ac3) & 0xffff) << 16 | overflow;
+  }
 
   TableImage image_;
   std::uint64_t seed_;
@@ -85,7 +82,20 @@ inline std::uint32_t HashIndex::matches(const std::uint32_t* line, std::uint32_t
   std::atomic_signal_fence(std::memory_order_seq_cst);
   return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) & 0xfffe;
 }
+inline bool HashIndex::lineIsWhole(const std::uint32_t* line) {
+  const std::uint32_t first = load(line[0]);
+  const auto* fours = reinterpret_cast<const __m128i*>(line);
+  const auto both = [&](int i) { return _mm_xor_si128(_mm_load_si128(fours + i), _mm_load_si128(fours + i + 1)); };
+  __m128i sums = _mm_xor_si128(both(0), both(2));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  return checkedLine(static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) ^ first, overflowOf(first)) == first;
+}
 #else
+inline bool HashIndex::lineIsWhole(const std::uint32_t* line) {
+  return firstWord(line, overflowOf(load(line[0]))) == load(line[0]);
+}
 inline std::uint32_t HashIndex::matches(const std::uint32_t* line, std::uint32_t value, std::uint32_t mask) {
   std::uint32_t found = 0;
   for (unsigned i = 1; i <= places; ++i) found |= std::uint32_t{(load(line[i]) & mask) == value} << i;
@@ -96,7 +106,7 @@ inline std::uint32_t HashIndex::matches(const std::uint32_t* line, std::uint32_t
 inline std::uint32_t HashIndex::firstWord(const std::uint32_t* line, std::uint32_t overflow) {
   std::uint32_t sum = load(line[1]);
   for (unsigned i = 2; i <= places; ++i) sum ^= load(line[i]);
-  return ((sum ^ sum >> 16 ^ overflow ^ 0x5ac3) & 0xffff) << 16 | overflow;
+  return checkedLine(sum, overflow);
 }
 
 // Its changes, by the one process that holds the table's lock.

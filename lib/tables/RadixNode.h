@@ -44,7 +44,7 @@ constexpr NodeRef refOfNode(unsigned kind, std::uint32_t number) {
 
 inline constexpr unsigned longestPrefix = 6;
 inline constexpr std::array<unsigned, nodeKinds> nodePlaces{4, 16, 48, 256};
-inline constexpr std::array<unsigned, nodeKinds> nodeWords{8, 24, 116, 260};
+inline constexpr std::array<unsigned, nodeKinds> nodeWords{8, 24, 116, 260};  // multiples of four
 inline constexpr std::array<unsigned, nodeKinds> firstRefWord{4, 8, 68, 4};
 inline constexpr std::array<unsigned, nodeKinds> liveWord{0, 0, 67, 3};  // 0: it is not counted
 inline constexpr unsigned keyByteWord = 3;
@@ -59,6 +59,19 @@ inline std::uint32_t withByte(std::uint32_t word, unsigned at, std::uint8_t byte
 }
 inline std::uint8_t loadByte(const std::uint32_t* node, unsigned firstWord, unsigned at) {
   return byteIn(load(node[firstWord + at / 4]), at % 4);
+}
+// Which of the word's four bytes is the first of this value; 4: none.
+constexpr unsigned byteAmong(std::uint32_t word, std::uint8_t byte) {
+  // Exact for the first byte that is zero, and none below it is touched.
+  const auto firstZero = [](std::uint32_t bytes) { return (bytes - 0x01010101) & ~bytes & 0x80808080; };
+  const std::uint32_t different = word ^ std::uint32_t{byte} * 0x01010101;
+  if constexpr (std::endian::native == std::endian::big) {
+    for (unsigned i = 0; i < 4; ++i) {
+      if ((different >> (24 - 8 * i) & 0xff) == 0) return i;
+    }
+    return 4;
+  }
+  return static_cast<unsigned>(std::countr_zero(firstZero(different))) / 8;
 }
 // Head bytes of a node: word 1 and 2.
 inline unsigned countIn(std::uint32_t word1) {
@@ -88,17 +101,22 @@ inline std::uint32_t nodeHead(const std::uint32_t* node, unsigned kind, std::uin
   for (unsigned i = 1; i < nodeWords[kind]; ++i) sum ^= load(node[i]);
   return (checkOfWord(sum) ^ emptyCheck) << 16 | (version & 0xffff);
 }
-// Whether the node is as a writer left it.
+// Whether the node is as a writer left it. Several words at a time: large nodes are looked at often.
 inline bool nodeIsWhole(const std::uint32_t* node, unsigned kind) {
-  // Two words at a time: large nodes are looked at often.
-  const auto* pairs = reinterpret_cast<const std::uint64_t*>(node);
-  const std::uint64_t first = load(pairs[0]);
-  std::uint32_t head = 0, sum = 0;
-  std::memcpy(&head, &first, 4);
-  std::memcpy(&sum, reinterpret_cast<const std::byte*>(&first) + 4, 4);
-  std::uint64_t sums = 0;
-  for (unsigned i = 1; i < nodeWords[kind] / 2; ++i) sums ^= load(pairs[i]);
-  sum ^= static_cast<std::uint32_t>(sums ^ sums >> 32);
+  const std::uint32_t head = load(node[0]);
+#ifdef SHARED_TABLE_FOUR_WORDS_AT_A_TIME
+  // Nodes begin at multiples of 16 bytes, and are such.
+  const auto* fours = reinterpret_cast<const __m128i*>(node);
+  __m128i sums = _mm_load_si128(fours);
+  for (unsigned i = 1; i < nodeWords[kind] / 4; ++i) sums = _mm_xor_si128(sums, _mm_load_si128(fours + i));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  const std::uint32_t sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) ^ head;
+#else
+  std::uint32_t sum = 0;
+  for (unsigned i = 1; i < nodeWords[kind]; ++i) sum ^= load(node[i]);
+#endif
   return head >> 16 == (checkOfWord(sum) ^ emptyCheck);
 }
 

@@ -33,20 +33,9 @@ bool RadixOrder::collect(const KeyWords& from, bool inclusive, Batch& out) const
   return loadNumber(image_.state().headSequence) - head < mostChanges;
 }
 
-bool RadixOrder::hasPath(const Batch& batch, unsigned number, const SlotImage& slot) const {
-  const std::uint64_t* path = &batch.paths[std::size_t{number} * maxKeyWords];
-  unsigned left = batch.depths[number];
-  for (unsigned i = 0; left > 0; ++i) {
-    const unsigned here = std::min(left, 8U);
-    if (((slot.words[1 + i] ^ path[i]) & firstBytes(here)) != 0) return false;
-    left -= here;
-  }
-  return true;
-}
-
 bool RadixOrder::isBehind(const Batch& batch, const KeyWords& key) const {
   const unsigned last = batch.count - 1;
-  return std::memcmp(key.bytes(), &batch.paths[std::size_t{last} * maxKeyWords], batch.depths[last]) > 0;
+  return std::memcmp(key.bytes(), batch.paths[last].data(), batch.depths[last]) > 0;
 }
 
 void RadixOrder::add(std::uint32_t slot, unsigned depth, Search& search) const {
@@ -55,8 +44,7 @@ void RadixOrder::add(std::uint32_t slot, unsigned depth, Search& search) const {
   const unsigned number = out.count++;
   out.slots[number] = slot;
   out.depths[number] = static_cast<std::uint8_t>(depth);
-  std::copy_n(search.path.words.begin(), image_.geometry().keyWordCount,
-              out.paths.begin() + std::size_t{number} * maxKeyWords);
+  out.paths[number] = search.path.words;
 }
 
 bool RadixOrder::visit(const std::uint32_t* cell, NodeRef ref, unsigned depth, bool bounded, Search& search) const {
@@ -127,11 +115,12 @@ bool RadixOrder::visitFew(const Node& node, Search& search) const {
   for (unsigned i = 0; i < count; ++i) {
     const std::uint32_t byte = loadByte(node.words, keyByteWord, i);
     if (byte < node.firstByte) continue;
-    expect(load(refs[i]));
     unsigned at = wanted++;
     for (; at > 0 && inOrder[at - 1] > (byte << 8 | i); --at) inOrder[at] = inOrder[at - 1];
     inOrder[at] = byte << 8 | i;
   }
+  const unsigned ahead = std::min(wanted, search.out->max - search.out->count);
+  for (unsigned i = 1; i < ahead; ++i) expect(load(refs[inOrder[i] & 0xff]));
   for (unsigned i = 0; i < wanted && search.out->count < search.out->max; ++i) {
     const std::uint32_t next = inOrder[i];
     if (!visitChild(node, static_cast<std::uint8_t>(next >> 8), refs + (next & 0xff), search)) return false;

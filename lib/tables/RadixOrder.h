@@ -15,6 +15,7 @@
 // starts again.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -40,15 +41,26 @@ class RadixOrder {
     unsigned max = most;
     std::array<std::uint32_t, most> slots;
     std::array<std::uint8_t, most> depths;  // bytes of the key that are known
-    std::array<std::uint64_t, most * maxKeyWords> paths;
+    std::array<std::array<std::uint64_t, maxKeyWords>, most> paths;
     // A slot on the way of the key that was searched for, which does not hold what was wanted.
     std::optional<std::uint32_t> passed;
   };
   // Up to out.max slots from the key on (`inclusive`), or behind it. False: overtaken by the writer, or damaged, or a
   // node's check does not fit.
   bool collect(const KeyWords& from, bool inclusive, Batch& out) const;
-  // Whether the slot holds the bytes that led to the batch's slot of this number.
-  bool hasPath(const Batch& batch, unsigned number, const SlotImage& slot) const;
+  // Whether the key, or the slot's, has the bytes that led to the batch's slot of this number.
+  static bool hasPath(const Batch& batch, unsigned number, const std::uint64_t* key) {
+    unsigned left = batch.depths[number];
+    for (unsigned i = 0; left > 0; ++i) {
+      const unsigned here = std::min(left, 8U);
+      if (((key[i] ^ batch.paths[number][i]) & firstBytes(here)) != 0) return false;
+      left -= here;
+    }
+    return true;
+  }
+  static bool hasPath(const Batch& batch, unsigned number, const SlotImage& slot) {
+    return hasPath(batch, number, &slot.words[1]);
+  }
   // Whether the key comes after all of the batch's, which is not empty.
   bool isBehind(const Batch& batch, const KeyWords& key) const;
 
@@ -101,6 +113,9 @@ class RadixOrderWriter : private RadixOrder {
   // Whether it is not ready because nodes of a kind have come to an end, and would be if all were as small as can be:
   // filling it anew makes them so.
   bool isLoose() const;
+  // Goes down to the key's place, from where the next insert() or erase() of it goes on; asks memory for what they will
+  // look at.
+  void expect(const KeyWords& key);
   // False: the tree contradicts itself, or holds the key.
   bool insert(const KeyWords& key, std::uint32_t slot);
   // Takes the slot out, under its key. False: it does not stand there.
@@ -125,7 +140,11 @@ class RadixOrderWriter : private RadixOrder {
     std::array<std::uint8_t, longestPrefix> bytes;
     unsigned length = 0;
   };
-  enum class Step : std::uint8_t { done, further, contradiction };
+  // Where nodes lead a key no further.
+  struct Spot {
+    Cell cell;
+    unsigned depth;
+  };
 
   Cell root() const { return {0, const_cast<std::uint32_t*>(rootCell())}; }
   NodeRef refOf(const Cell& cell) const { return load(*cell.at); }
@@ -145,8 +164,10 @@ class RadixOrderWriter : private RadixOrder {
   void retire(NodeRef ref);
   // Changes of nodes that others read.
   void append(NodeRef ref, std::uint8_t byte, NodeRef child);
-  Step splitSlot(const Cell& cell, NodeRef ref, unsigned depth, const KeyWords& key, std::uint32_t slot);
+  Spot goTo(const KeyWords& key);
+  bool splitSlot(Cell cell, NodeRef ref, unsigned depth, const KeyWords& key, std::uint32_t slot);
   void splitPrefix(const Cell& cell, NodeRef ref, unsigned same, std::uint8_t byte, std::uint32_t slot);
+  bool isFull(NodeRef ref) const;
   void addChild(const Cell& cell, NodeRef ref, std::uint8_t byte, std::uint32_t slot);
   // After a reference of the cell's node has gone. True: the node has, too.
   bool shrink(const Cell& cell);
@@ -157,6 +178,7 @@ class RadixOrderWriter : private RadixOrder {
   // Follows the key to its slot's cell; false: it leads nowhere. `way` gets the cells of the nodes passed, from the
   // root.
   bool descend(const KeyWords& key, Cell& cell, std::vector<Cell>* way) const;
+  void expectNode(NodeRef ref, const KeyWords& key, unsigned depth) const;
   bool sweep();
   void recount(NodeRef ref);
   bool markReachable(NodeRef ref, unsigned depth, std::array<std::vector<bool>, nodeKinds>& seen) const;
@@ -165,7 +187,10 @@ class RadixOrderWriter : private RadixOrder {
   bool survey(NodeRef ref, unsigned depth, Survey& found) const;
 
   std::array<PlacePool, nodeKinds> pools_;
-  std::vector<Cell> way_;  // of the last erasure
+  std::optional<Spot> at_;  // of the key expected last, while the tree has not changed
+  KeyWords expected_;
+  std::vector<Cell> way_;       // the cells of the nodes that were passed, from the root
+  std::uint32_t readyFor_ = 0;  // so many insertions find their nodes, whatever they are
 };
 
 }  // namespace LinuxPlatform

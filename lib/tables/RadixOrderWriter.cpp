@@ -44,6 +44,7 @@ RadixOrderWriter::RadixOrderWriter(const TableImage& image, const Reserve& reser
              PlacePool(image.geometry().nodes[3], image.state().nodesUsed[3], reserve)} {}
 
 bool RadixOrderWriter::ready() {
+  if (readyFor_ > 0) return true;
   // Keys that part late need a row of small nodes; a full node gives way to a larger one.
   const std::uint32_t small = image_.geometry().keySize / (longestPrefix + 1) + 2;
   std::uint32_t left = 0;  // larger ones that nobody needs
@@ -53,6 +54,8 @@ bool RadixOrderWriter::ready() {
     if (pools_[kind].left() + left < wanted) return false;
     left = pools_[kind].left() + left - wanted;
   }
+  readyFor_ = pools_[0].left() / small;
+  for (unsigned kind = 1; kind < nodeKinds; ++kind) readyFor_ = std::min(readyFor_, pools_[kind].left());
   return true;
 }
 
@@ -91,11 +94,9 @@ std::uint32_t* RadixOrderWriter::place(NodeRef ref, std::uint8_t byte) const {
     return at == 0 || at > nodePlaces[2] ? nullptr : refs + at - 1;
   }
   const unsigned count = countIn(load(node[1]));
-  for (unsigned word = 0; word * 4 < count; ++word) {
-    const std::uint32_t four = load(node[keyByteWord + word]);
-    for (unsigned i = 0; i < 4 && word * 4 + i < count; ++i) {
-      if (byteIn(four, i) == byte) return refs + word * 4 + i;
-    }
+  for (unsigned first = 0; first < count; first += 4) {
+    const unsigned at = first + byteAmong(load(node[keyByteWord + first / 4]), byte);
+    if (at < std::min(first + 4, count)) return refs + at;
   }
   return nullptr;
 }
@@ -205,63 +206,96 @@ void RadixOrderWriter::append(NodeRef ref, std::uint8_t byte, NodeRef child) {
   if (kind == 2) edit.byteIs(keyByteWord, byte, static_cast<std::uint8_t>(at + 1));
 }
 
-bool RadixOrderWriter::insert(const KeyWords& key, std::uint32_t slot) {
+// Follows the key down as far as nodes lead.
+void RadixOrderWriter::expect(const KeyWords& key) {
   Cell cell = root();
-  Cell above;
+  expected_ = key;
   unsigned depth = 0;
-  for (;;) {
+  for (way_.clear();; ++depth) {
+    at_ = Spot{cell, depth};
     const NodeRef ref = refOf(cell);
-    if (ref == 0) {
-      refIs(cell, refOfSlot(slot));
-      return true;
-    }
-    if (!isSane(ref, depth)) return false;
-    if (isSlot(ref)) {
-      const Step step = splitSlot(cell, ref, depth, key, slot);
-      if (step == Step::contradiction) return false;
-      if (step == Step::done) return true;
-      continue;
-    }
+    if (ref == 0 || isSlot(ref) || !isSane(ref, depth)) return;
     const std::uint32_t* node = nodeAt(ref);
     const unsigned length = prefixLengthIn(load(node[1]));
-    unsigned same = 0;
-    while (same < length && prefixByte(node, same) == key.bytes()[depth + same]) ++same;
-    std::uint32_t* next = same < length ? nullptr : place(ref, key.bytes()[depth + length]);
-    if (next == nullptr) {
-      // What is copied gets a new check: damage would not show any more.
-      if (!nodeIsWhole(node, kindOf(ref))) return false;
-      if (same < length) {
-        splitPrefix(cell, ref, same, key.bytes()[depth + same], slot);
-        if (above.at != nullptr) joinAbove(above);
-      } else {
-        addChild(cell, ref, key.bytes()[depth + length], slot);
-      }
-      return true;
+    for (unsigned i = 0; i < length; ++i, ++depth) {
+      if (prefixByte(node, i) != key.bytes()[depth]) return;
     }
-    depth += length;
-    above = std::exchange(cell, Cell{ref, next});
-    ++depth;
+    std::uint32_t* next = place(ref, key.bytes()[depth]);
+    if (next == nullptr) return;
+    way_.push_back(cell);
+    cell = {ref, next};
+    if (const NodeRef child = load(*next); isSlot(child)) {
+      image_.expectSlot(slotIn(child));
+    } else {
+      expectNode(child, key, depth + 1);
+    }
   }
 }
 
-// A node for two keys in the place of one. When they share more than a prefix holds, it has one child for now.
-RadixOrderWriter::Step RadixOrderWriter::splitSlot(const Cell& cell, NodeRef ref, unsigned depth, const KeyWords& key,
-                                                   std::uint32_t slot) {
+// A node's head, and the line that the key's byte leads to if the node has no prefix.
+void RadixOrderWriter::expectNode(NodeRef ref, const KeyWords& key, unsigned depth) const {
+  if (ref == 0 || !isPlace(ref) || depth >= image_.geometry().keySize) return;
+  const std::uint32_t* words = nodeAt(ref);
+  const unsigned kind = kindOf(ref);
+  const std::uint8_t byte = key.bytes()[depth];
+  __builtin_prefetch(words);
+  if (kind == 1) __builtin_prefetch(words + 16);
+  if (kind == 2) __builtin_prefetch(words + keyByteWord + byte / 4);
+  if (kind == 3) __builtin_prefetch(words + firstRefWord[3] + byte);
+}
+
+RadixOrderWriter::Spot RadixOrderWriter::goTo(const KeyWords& key) {
+  if (!at_ || image_.compare(expected_, key) != 0) expect(key);
+  return *std::exchange(at_, std::nullopt);  // whatever changes now
+}
+
+bool RadixOrderWriter::insert(const KeyWords& key, std::uint32_t slot) {
+  const auto [cell, depth] = goTo(key);
+  const NodeRef ref = refOf(cell);
+  readyFor_ -= readyFor_ > 0 ? 1 : 0;
+  if (ref == 0) {
+    refIs(cell, refOfSlot(slot));
+    return true;
+  }
+  if (!isSane(ref, depth)) return false;
+  if (isSlot(ref)) return splitSlot(cell, ref, depth, key, slot);
+  const std::uint32_t* node = nodeAt(ref);
+  const unsigned length = prefixLengthIn(load(node[1]));
+  unsigned same = 0;
+  while (same < length && prefixByte(node, same) == key.bytes()[depth + same]) ++same;
+  // What is copied gets a new check: damage would not show any more.
+  if ((same < length || isFull(ref)) && !nodeIsWhole(node, kindOf(ref))) return false;
+  if (same < length) {
+    splitPrefix(cell, ref, same, key.bytes()[depth + same], slot);
+    if (!way_.empty()) joinAbove(way_.back());
+  } else {
+    addChild(cell, ref, key.bytes()[depth + length], slot);
+  }
+  return true;
+}
+
+// Nodes for two keys in the place of one: several in a row, each with one child, when they share more than a prefix
+// holds.
+bool RadixOrderWriter::splitSlot(Cell cell, NodeRef ref, unsigned depth, const KeyWords& key, std::uint32_t slot) {
   const KeyWords other = image_.keyOf(slotIn(ref));
   const unsigned keySize = image_.geometry().keySize;
   unsigned parting = depth;
   while (parting < keySize && key.bytes()[parting] == other.bytes()[parting]) ++parting;
-  if (parting == keySize) return Step::contradiction;
-  Prefix prefix;
-  prefix.length = std::min(parting - depth, longestPrefix);
-  std::copy_n(key.bytes() + depth, prefix.length, prefix.bytes.begin());
-  depth += prefix.length;
-  const NodeRef fresh = make(0, prefix);
-  fill(fresh, other.bytes()[depth], ref);
-  if (depth == parting) fill(fresh, key.bytes()[depth], refOfSlot(slot));
-  finish(fresh);
-  refIs(cell, fresh);
-  return depth == parting ? Step::done : Step::further;
+  if (parting == keySize) return false;
+  for (bool parted = false; !parted; ++depth) {
+    Prefix prefix;
+    prefix.length = std::min(parting - depth, longestPrefix);
+    std::copy_n(key.bytes() + depth, prefix.length, prefix.bytes.begin());
+    depth += prefix.length;
+    parted = depth == parting;
+    const NodeRef fresh = make(0, prefix);
+    fill(fresh, other.bytes()[depth], ref);
+    if (parted) fill(fresh, key.bytes()[depth], refOfSlot(slot));
+    finish(fresh);
+    refIs(cell, fresh);
+    cell = {fresh, place(fresh, other.bytes()[depth])};
+  }
+  return true;
 }
 
 // The key leaves the node's prefix after `same` bytes: a node before it for both.
@@ -283,12 +317,16 @@ void RadixOrderWriter::splitPrefix(const Cell& cell, NodeRef ref, unsigned same,
   if (std::uint32_t* const at = place(fresh, whole.bytes[same]); at != nullptr) joinAbove({fresh, at});
 }
 
+bool RadixOrderWriter::isFull(NodeRef ref) const {
+  return kindOf(ref) != 3 && countIn(load(nodeAt(ref)[1])) >= nodePlaces[kindOf(ref)];
+}
+
 void RadixOrderWriter::addChild(const Cell& cell, NodeRef ref, std::uint8_t byte, std::uint32_t slot) {
-  const unsigned kind = kindOf(ref);
-  if (kind == 3 || countIn(load(nodeAt(ref)[1])) < nodePlaces[kind]) {
+  if (!isFull(ref)) {
     append(ref, byte, refOfSlot(slot));
     return;
   }
+  const unsigned kind = kindOf(ref);
   // Places of entries that have gone are left out.
   const NodeRef fresh = copy(ref, liveCount(ref) < nodePlaces[kind] ? kind : kind + 1, prefixOf(ref));
   fill(fresh, byte, refOfSlot(slot));
@@ -316,10 +354,10 @@ bool RadixOrderWriter::descend(const KeyWords& key, Cell& cell, std::vector<Cell
 }
 
 bool RadixOrderWriter::erase(const KeyWords& key, std::uint32_t slot) {
-  way_.clear();
-  Cell cell;
-  if (!descend(key, cell, &way_) || refOf(cell) != refOfSlot(slot)) return false;
-  refIs(cell, 0);
+  const Spot spot = goTo(key);
+  readyFor_ = 0;
+  if (refOf(spot.cell) != refOfSlot(slot)) return false;
+  refIs(spot.cell, 0);
   while (!way_.empty() && shrink(way_.back())) way_.pop_back();
   if (way_.size() > 1) joinAbove(way_[way_.size() - 2]);
   return true;
@@ -406,6 +444,8 @@ std::optional<std::uint32_t> RadixOrderWriter::find(const KeyWords& key) const {
 // --- Taking over -----------------------------------------------------------------------------------------------------
 
 bool RadixOrderWriter::adopt(const KeyWords* interrupted) {
+  at_.reset();
+  readyFor_ = 0;
   const TableState& state = image_.state();
   if (!isSound(load(state.root))) return false;
   for (unsigned kind = 0; kind < nodeKinds; ++kind) {
@@ -467,6 +507,8 @@ bool RadixOrderWriter::markReachable(NodeRef ref, unsigned depth,
 }
 
 void RadixOrderWriter::clear() {
+  at_.reset();
+  readyFor_ = 0;
   looseIs(false);
   storeNumber(image_.state().root, 0);
   for (unsigned kind = 0; kind < nodeKinds; ++kind) {

@@ -60,16 +60,6 @@ void loadBytes(MutableBytes to, const std::uint64_t* from) {
   }
 }
 
-KeyWords keyWords(Bytes key) {
-  KeyWords result;
-  std::memcpy(result.words.data(), key.data(), key.size());
-  return result;
-}
-
-void keyBytes(const KeyWords& key, MutableBytes out) {
-  std::memcpy(out.data(), key.words.data(), out.size());
-}
-
 TableGeometry::TableGeometry(const Pondra::TableLayout& layout, std::uint32_t slotCount)
     : slots(slotCount),
       keySize(layout.keySize),
@@ -87,8 +77,16 @@ TableGeometry::TableGeometry(const Pondra::TableLayout& layout, std::uint32_t sl
   const auto slotBytes = [this](unsigned inBuffer, unsigned inCheck) { return 8 + keySize + 2 * (inBuffer + inCheck); };
   inHeap = variableSize || slotBytes(maxValueSize, 0) > line;
   payload = inHeap ? descriptor : maxValueSize;
+  lastPayloadWord = payload == 0 ? 0 : firstBytes(payload - (payload - 1) / 8 * 8);
   checkBytes = slotBytes(payload, 2) <= line ? 2 : 0;
+  isShort = !inHeap && checkBytes != 0 && payload + checkBytes <= 8;
   slotWords = (slotBytes(payload, checkBytes) + 7) / 8;
+  straddles = false;
+  for (unsigned i = 0; i < 2; ++i) {
+    const unsigned at = bufferAt(i);
+    straddles = straddles || at % 8 + payload + checkBytes > 8;
+    firstWords[i] = {at / 8, std::min(at / 8 + 1, slotWords - 1), at % 8 * 8};
+  }
 
   bucketLines = onPage(tableStateOffset + sizeof(TableState));
   ring = onPage(bucketLines + std::size_t{buckets} * line);
@@ -195,23 +193,8 @@ std::string headerFault(const TableHeader& header, const std::string& path, cons
 }
 
 std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence) {
-  // Products of words that do not depend on each other: no chain of latencies.
-  constexpr std::uint64_t odd[4] = {0x9e3779b97f4a7c15, 0xff51afd7ed558ccd, 0xc4ceb9fe1a85ec53, 0xd6e8feb86659fd93};
-  std::uint64_t sum = fold(sequence ^ odd[0], value.size() ^ odd[1]);
-  for (unsigned i = 0; i < keyWordCount; i += 2) {
-    const std::uint64_t second = i + 1 < keyWordCount ? key.words[i + 1] : 0;
-    sum = std::rotl(sum, 13) + fold(key.words[i] ^ odd[1], second ^ odd[2]);
-  }
-  for (std::size_t at = 0; at < value.size(); at += 16) {
-    const std::size_t left = value.size() - at;
-    const std::uint64_t second = left > 8 ? wordOf(value.data() + at + 8, left - 8) : 0;
-    sum = std::rotl(sum, 17) + fold(wordOf(value.data() + at, left) ^ odd[2], second ^ odd[3]);
-  }
-  return static_cast<std::uint32_t>(sum ^ sum >> 32);
-}
-
-std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence) {
-  return std::uint64_t{entryCheck(key, keyWordCount, {}, sequence ^ std::uint64_t{slot} << 32)} << 32 | slot;
+  const auto word = [&](std::size_t i) { return wordOf(value.data() + 8 * i, value.size() - 8 * i); };
+  return entryCheck(key, keyWordCount, value.size(), word, sequence);
 }
 
 std::uint32_t TableImage::highWater() const {

@@ -48,6 +48,7 @@
 // when the file gets its name, slots, nodes and heap before their high-water mark passes it (Reserve).
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -56,9 +57,15 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "platform/tables/SharedTable.h"
 #include "platform/values/Hash.h"
+
+#if defined(__SSE2__) && !defined(__SANITIZE_THREAD__) && !defined(SHARED_TABLE_BEFORE_LOAD)
+#define SHARED_TABLE_FOUR_WORDS_AT_A_TIME
+#include <emmintrin.h>
+#endif
 
 namespace LinuxPlatform {
 
@@ -76,8 +83,6 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
 #ifndef SHARED_TABLE_BEFORE_LOAD
 #define SHARED_TABLE_BEFORE_LOAD() static_cast<void>(0)
 #define SHARED_TABLE_BEFORE_STORE(word) static_cast<void>(0)
-#else
-#define SHARED_TABLE_WORD_BY_WORD  // every access goes through load() and store()
 #endif
 
 template <class Word>
@@ -118,6 +123,18 @@ inline std::uint64_t wordOf(const std::byte* from, std::size_t size) {
     for (std::size_t i = 0; i < size; ++i) reinterpret_cast<std::byte*>(&word)[i] = from[i];
   }
   return word;
+}
+// The other way round.
+inline void putWord(std::byte* to, std::uint64_t word, std::size_t size) {
+  if (size >= 8) {
+    std::memcpy(to, &word, 8);
+  } else if (std::endian::native == std::endian::little && size >= 4) {
+    const auto first = static_cast<std::uint32_t>(word), last = static_cast<std::uint32_t>(word >> 8 * (size - 4));
+    std::memcpy(to, &first, 4);
+    std::memcpy(to + size - 4, &last, 4);
+  } else {
+    for (std::size_t i = 0; i < size; ++i) to[i] = reinterpret_cast<const std::byte*>(&word)[i];
+  }
 }
 // As memcpy; quick for the sizes that values have.
 inline void copyBytes(std::byte* to, const std::byte* from, std::size_t size) {
@@ -174,8 +191,18 @@ struct KeyWords {
   std::array<std::uint64_t, maxKeyWords> words{};
   const unsigned char* bytes() const { return reinterpret_cast<const unsigned char*>(words.data()); }
 };
-KeyWords keyWords(Bytes key);
-void keyBytes(const KeyWords& key, MutableBytes out);
+inline KeyWords keyWords(Bytes key) {
+  KeyWords result;
+  const std::byte* from = key.data();
+  std::size_t left = key.size();
+  std::uint64_t* to = result.words.data();
+  for (; left > 8; from += 8, left -= 8) *to++ = wordOf(from, 8);
+  *to = wordOf(from, left);
+  return result;
+}
+inline void keyBytes(const KeyWords& key, MutableBytes out) {
+  copyBytes(out.data(), reinterpret_cast<const std::byte*>(key.words.data()), out.size());
+}
 // The word with all but its first `count` bytes cleared keeps these bits; count 0 to 8.
 constexpr std::uint64_t firstBytes(unsigned count) {
   if (count == 0) return 0;
@@ -326,7 +353,9 @@ struct TableGeometry {
   std::uint64_t lastKeyWord;      // the bytes of the last word of a key that are the key's
   bool inHeap;                    // values lie there
   unsigned payload;               // bytes of a buffer that are the value's, or lead to it
+  std::uint64_t lastPayloadWord;  // the bytes of its last word that are the value's
   unsigned checkBytes;            // 0 or 2
+  bool isShort;                   // value and check: no more than eight bytes
   unsigned slotWords;             // 64-bit words of a slot that mean anything
   std::uint32_t buckets;          // lines
   unsigned slotBits;              // of a bucket's word
@@ -338,6 +367,13 @@ struct TableGeometry {
   std::array<PlaceSection, maxHeapClasses> heap;
   unsigned heapClasses;
   std::size_t fileSize;
+
+  // Of a buffer: the words in which its first eight bytes lie; the first begins so many bits before it.
+  struct FirstWords {
+    unsigned first, second, shift;
+  };
+  std::array<FirstWords, 2> firstWords;
+  bool straddles;  // short ones lie in two words, too
 
   unsigned bufferAt(unsigned number) const { return 8 + keySize + number * (payload + checkBytes); }
   // Whether a reference can name every node and a descriptor every place of the heap.
@@ -365,15 +401,71 @@ std::string headerFault(const TableHeader& header, const std::string& path, cons
 // Why these bytes are no header of any table.
 std::string headerFault(const TableHeader& header);
 
-// Over an entry and the sequence it was written with, so that neither can be exchanged for another's.
+// The check of an entry, over all that it holds and the sequence it was written with, so that neither can be exchanged
+// for another's. Products of words that do not depend on each other: no chain of latencies.
+inline constexpr std::uint64_t checkOdd[4] = {0x9e3779b97f4a7c15, 0xff51afd7ed558ccd, 0xc4ceb9fe1a85ec53,
+                                              0xd6e8feb86659fd93};
+constexpr std::uint32_t checkIn(std::uint64_t sum) {
+  return static_cast<std::uint32_t>(sum ^ sum >> 32);
+}
+// All of it for a value of up to eight bytes, the missing ones zero. What has to be waited for, value and sequence,
+// comes last.
+[[gnu::always_inline]] inline std::uint64_t checkSum(const KeyWords& key, unsigned keyWordCount, std::size_t valueSize,
+                                                     std::uint64_t firstValueWord, std::uint64_t sequence) {
+  std::uint64_t sum = valueSize * checkOdd[3];
+  for (unsigned i = 0; i < keyWordCount; i += 2) {
+    const std::uint64_t second = i + 1 < keyWordCount ? key.words[i + 1] : 0;
+    sum = std::rotl(sum, 13) + fold(key.words[i] ^ checkOdd[1], second ^ checkOdd[2]);
+  }
+  return sum + fold(firstValueWord ^ checkOdd[0], sequence ^ checkOdd[3]);
+}
+// `valueWord(i)`: eight bytes of the value each, the missing ones of the last zero.
+template <class ValueWord>
+std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, std::size_t valueSize, ValueWord valueWord,
+                         std::uint64_t sequence) {
+  const std::size_t valueWords = (valueSize + 7) / 8;
+  std::uint64_t sum = checkSum(key, keyWordCount, valueSize, valueWords != 0 ? valueWord(0) : 0, sequence);
+  for (std::size_t i = 1; i < valueWords; i += 2) {
+    const std::uint64_t second = i + 1 < valueWords ? valueWord(i + 1) : 0;
+    sum = std::rotl(sum, 17) + fold(valueWord(i) ^ checkOdd[2], second ^ checkOdd[3]);
+  }
+  return checkIn(sum);
+}
 std::uint32_t entryCheck(const KeyWords& key, unsigned keyWordCount, Bytes value, std::uint64_t sequence);
 
-// The words of a slot, of one moment.
+// Eight bytes as they lie in memory, so many bits behind the beginning of the first of two neighbouring words.
+constexpr std::uint64_t wordAcross(std::uint64_t first, std::uint64_t second, unsigned shift) {
+  if constexpr (std::endian::native == std::endian::big) return first << shift | second >> 1 >> (63 - shift);
+  return first >> shift | second << 1 << (63 - shift);
+}
+
+// What of the eight bytes comes to lie in the first word, and in the second.
+constexpr std::uint64_t firstAcross(std::uint64_t eight, unsigned shift) {
+  return std::endian::native == std::endian::big ? eight >> shift : eight << shift;
+}
+constexpr std::uint64_t secondAcross(std::uint64_t eight, unsigned shift) {
+  return std::endian::native == std::endian::big ? eight << 1 << (63 - shift) : eight >> 1 >> (63 - shift);
+}
+// Of such eight bytes the two behind the first `count`, as a number; and a number as those.
+constexpr std::uint64_t atHalfBehind(std::uint16_t half, unsigned count) {
+  return std::uint64_t{half} << (std::endian::native == std::endian::big ? 48 - 8 * count : 8 * count);
+}
+constexpr std::uint16_t halfBehind(std::uint64_t word, unsigned count) {
+  return static_cast<std::uint16_t>(std::endian::native == std::endian::big ? word << 8 * count >> 48
+                                                                            : word >> 8 * count);
+}
+
+// The words of a slot, of one moment; of a slot of 32 bytes the first four.
 struct SlotImage {
   std::array<std::uint64_t, 8> words;
   std::uint64_t version() const { return words[0]; }
   const std::byte* bytes() const { return reinterpret_cast<const std::byte*>(words.data()); }
   std::byte* bytes() { return reinterpret_cast<std::byte*>(words.data()); }
+  // Eight bytes from this one on; those behind the slot may be any. By whole words: a processor waits for bytes that it
+  // has just stored as parts of two.
+  std::uint64_t wordAt(unsigned at) const {
+    return wordAcross(words[at / 8], words[std::min(at / 8 + 1, 7U)], at % 8 * 8);
+  }
 };
 
 // --- The mapped table ------------------------------------------------------------------------------------------------
@@ -408,8 +500,8 @@ class TableImage {
   bool readSlot(std::uint32_t number, SlotImage& out) const {
     const std::uint64_t* from = slot(number);
     for (unsigned i = 0; i < slotTries; ++i) {
-      out.words[0] = load(from[0]);
-      for (unsigned word = 1; word < geometry_->slotWords; ++word) out.words[word] = load(from[word]);
+      copyWords<0, 4>(out, from);
+      if (geometry_->slotWords > 4) copyWords<4, 8>(out, from);
       if (load(from[0]) == out.words[0]) return true;
     }
     return false;
@@ -427,6 +519,12 @@ class TableImage {
       if (slot.words[1 + i] != key.words[i]) return false;
     }
     return (slot.words[1 + last] & geometry_->lastKeyWord) == key.words[last];
+  }
+  // The same of a slot's words, as they are now.
+  bool holds(const std::uint64_t* slot, const KeyWords& key, unsigned keyWordCount) const {
+    std::uint64_t differs = (load(slot[keyWordCount]) & geometry_->lastKeyWord) ^ key.words[keyWordCount - 1];
+    for (unsigned i = 0; i + 1 < keyWordCount; ++i) differs |= load(slot[1 + i]) ^ key.words[i];
+    return differs == 0;
   }
   // For the writer, under whom no slot changes.
   KeyWords keyOf(std::uint32_t number) const {
@@ -446,8 +544,9 @@ class TableImage {
     for (unsigned i = 0; i < geometry_->keyWordCount; ++i) store(to[i], from.words[i]);
   }
   // Negative, 0, positive: a before, equal to, after b.
-  int compare(const KeyWords& a, const KeyWords& b) const {
-    for (unsigned i = 0; i < geometry_->keyWordCount; ++i) {
+  int compare(const KeyWords& a, const KeyWords& b) const { return compare(a, b, geometry_->keyWordCount); }
+  static int compare(const KeyWords& a, const KeyWords& b, unsigned keyWordCount) {
+    for (unsigned i = 0; i < keyWordCount; ++i) {
       if (a.words[i] != b.words[i]) return bigEndian(a.words[i]) < bigEndian(b.words[i]) ? -1 : 1;
     }
     return 0;
@@ -461,12 +560,23 @@ class TableImage {
   // A writer at full speed changes one slot a few times while it is read; it does not do so this often.
   static constexpr unsigned slotTries = 1000;
 
+  template <unsigned begin, unsigned end>
+  static void copyWords(SlotImage& to, const std::uint64_t* from) {
+    [&]<std::size_t... i>(std::index_sequence<i...>) {
+      ((to.words[begin + i] = load(from[begin + i])), ...);
+    }
+    (std::make_index_sequence<end - begin>());
+  }
+
   std::byte* base_;
   const TableGeometry* geometry_;
 };
 
 // The check of a ring entry, in its high half.
-std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence);
+inline std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence) {
+  const std::uint64_t sum = checkSum(key, keyWordCount, 0, 0, sequence ^ std::uint64_t{slot} << 32);
+  return std::uint64_t{checkIn(sum)} << 32 | slot;
+}
 
 // Makes an empty table of these zero bytes; their header stands already.
 void formatTable(const TableImage& image);

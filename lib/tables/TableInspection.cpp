@@ -214,7 +214,7 @@ void TableInspection::checkOrder() {
     const KeyWords before = last;
     for (unsigned i = 0; i < batch.count; ++i) {
       SlotImage here;
-      if (!image_.readSlot(batch.slots[i], here) || !order_.hasPath(batch, i, here)) continue;
+      if (!image_.readSlot(batch.slots[i], here) || !RadixOrder::hasPath(batch, i, here)) continue;
       const KeyWords key = image_.keyIn(here);
       if (!first && image_.compare(key, last) <= 0) continue;
       totals_.ordered += isLive(here.version()) ? 1 : 0;

@@ -52,29 +52,38 @@ std::uint32_t TableView::size() const {
 TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotImage& entry, MutableBytes out,
                                           std::size_t& size) const {
   const TableGeometry& geometry = image_.geometry();
-  const std::byte* buffer = entry.bytes() + geometry.bufferAt(bufferOf(entry.version()));
-  Bytes value(buffer, geometry.payload);
+  const unsigned begin = geometry.bufferAt(bufferOf(entry.version()));
   if (geometry.inHeap) {
-    std::uint64_t descriptor = 0;
-    std::memcpy(&descriptor, buffer, sizeof descriptor);
-    const HeapExtent extent(descriptor);
+    const HeapExtent extent(entry.wordAt(begin));
     const bool good = extent.isPlaceIn(geometry);
     if (good && out.empty() && scratch_.empty()) scratch_.resize(geometry.maxValueSize);
     if (good && out.empty()) out = scratch_;
     if (good) loadBytes(out.first(extent.size), image_.words(extent.offset));
     if (load(image_.version(slot)) != entry.version()) return ValueRead::changed;
     if (!good) return ValueRead::damaged;
-    value = Bytes(out).first(extent.size);
-  } else if (!out.empty()) {
-    copyBytes(out.data(), value.data(), value.size());
+    size = extent.size;
+    return judge(entry, size, [&](std::size_t i) { return wordOf(out.data() + 8 * i, size - 8 * i); });
   }
-  size = value.size();
-  const std::uint32_t check =
-      entryCheck(image_.keyIn(entry), geometry.keyWordCount, value, sequenceOf(entry.version()));
-  std::uint16_t high = static_cast<std::uint16_t>(check >> 16);
-  if (geometry.checkBytes != 0) std::memcpy(&high, buffer + geometry.payload, sizeof high);
-  const bool whole = (check & 0xffff) == checkOf(entry.version()) && check >> 16 == high;
-  return whole ? ValueRead::whole : ValueRead::damaged;
+  size = geometry.payload;
+  const auto word = [&](std::size_t i) {
+    const std::uint64_t bytes = entry.wordAt(begin + 8 * static_cast<unsigned>(i));
+    return 8 * (i + 1) < size ? bytes : bytes & geometry.lastPayloadWord;
+  };
+  if (!out.empty()) {
+    for (std::size_t at = 0; at < size; at += 8) putWord(out.data() + at, word(at / 8), size - at);
+  }
+  return judge(entry, size, word);
+}
+
+// Whether the entry bears the check of this value.
+template <class ValueWord>
+TableView::ValueRead TableView::judge(const SlotImage& entry, std::size_t size, ValueWord word) const {
+  const TableGeometry& geometry = image_.geometry();
+  const KeyWords key = image_.keyIn(entry);
+  const std::uint32_t check = entryCheck(key, geometry.keyWordCount, size, word, sequenceOf(entry.version()));
+  const unsigned behind = geometry.bufferAt(bufferOf(entry.version())) + geometry.payload;
+  const bool highIs = geometry.checkBytes == 0 || check >> 16 == halfBehind(entry.wordAt(behind), 0);
+  return highIs && (check & 0xffff) == checkOf(entry.version()) ? ValueRead::whole : ValueRead::damaged;
 }
 
 // A slot to which an index has led stands for no key that was wanted: because that has gone, or because it is damaged.
@@ -128,16 +137,103 @@ TableView::Outcome TableView::settle(Attempt attempt) const {
   return Outcome::noIndex;
 }
 
+// The three below are what nearly every lookup and every step of a walk come to, in so few instructions that a
+// processor asks memory for the lines of several of them at a time; the number of words is known when they are
+// compiled. `contradiction`: has to be looked at more closely.
+
+// The key in the first place of its line that has its tag, or no such place in a line that has not overflowed.
+template <unsigned keyWordCount>
+TableView::Outcome TableView::glance(const KeyWords& key, MutableBytes value, Entry& found) const {
+  const std::uint64_t hash = hash_.hashOf(key, keyWordCount);
+  const std::uint32_t* line = image_.bucketLine(hash_.homeOf(hash));
+  const std::uint32_t candidates = hash_.candidates(line, hash_.tagOf(hash));
+  if (candidates == 0) {
+    const bool isAbsent = HashIndex::overflowOf(load(line[0])) == 0 && HashIndex::lineIsWhole(line);
+    return isAbsent && epoch() == standing_ ? Outcome::absent : Outcome::contradiction;
+  }
+  const std::uint32_t slot = hash_.slotOf(load(line[std::countr_zero(candidates)]));
+  if (slot >= image_.geometry().slots) return Outcome::contradiction;
+  // An entry is one, whatever has led there.
+  const std::uint64_t* words = image_.slot(slot);
+  const std::uint64_t version = load(words[0]);
+  if (!image_.holds(words, key, keyWordCount)) return Outcome::contradiction;
+  found.slot = slot;
+  found.version = version;
+  std::copy_n(key.words.begin(), keyWordCount, found.key.words.begin());
+  return take<keyWordCount>(words, value, found);
+}
+
+// The next of the slots that were read ahead, while the table has not changed since.
+template <unsigned keyWordCount>
+TableView::Outcome TableView::step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const {
+  if (cursor.view != id_ || cursor.next == cursor.batch.count) return Outcome::contradiction;
+  if (headSequence() != cursor.head || epoch() != standing_) return Outcome::contradiction;
+  found.slot = cursor.batch.slots[cursor.next];
+  const std::uint64_t* words = image_.slot(found.slot);
+  found.version = load(words[0]);
+  for (unsigned i = 0; i < keyWordCount; ++i) found.key.words[i] = load(words[1 + i]);
+  found.key.words[keyWordCount - 1] &= image_.geometry().lastKeyWord;
+  const bool isNext = RadixOrder::hasPath(cursor.batch, cursor.next, found.key.words.data()) &&
+                      TableImage::compare(found.key, past, keyWordCount) > 0;
+  if (!isNext || take<keyWordCount>(words, value, found) != Outcome::found) return Outcome::contradiction;
+  ++cursor.next;
+  return Outcome::found;
+}
+
+// The entry that these words of a slot are: its version and key stand in `found`.
+template <unsigned keyWordCount>
+[[gnu::always_inline]] inline TableView::Outcome TableView::take(const std::uint64_t* words, MutableBytes value,
+                                                                 Entry& found) const {
+  const TableGeometry& geometry = image_.geometry();
+  const std::uint64_t version = found.version;
+  if (!isLive(version)) return Outcome::contradiction;
+  if (!geometry.isShort) return readEntry(found.slot, value, found);
+  const TableGeometry::FirstWords& at = geometry.firstWords[bufferOf(version)];
+  const std::uint64_t both =
+      wordAcross(load(words[at.first]), geometry.straddles ? load(words[at.second]) : 0, at.shift);
+  const unsigned size = geometry.payload;
+  const std::uint64_t bytes = both & geometry.lastPayloadWord;
+  const std::uint32_t check = checkIn(checkSum(found.key, keyWordCount, size, bytes, sequenceOf(version)));
+  const bool isWhole = check == (checkOf(version) | std::uint32_t{halfBehind(both, size)} << 16);
+  if (!isWhole || load(words[0]) != version) return Outcome::contradiction;
+  found.size = size;
+  if (!value.empty()) putWord(value.data(), bytes, size);
+  return Outcome::found;
+}
+
+TableView::Outcome TableView::readEntry(std::uint32_t slot, MutableBytes value, Entry& found) const {
+  SlotImage here;
+  const bool read = image_.readSlot(slot, here) && here.version() == found.version &&
+                    readValue(slot, here, value, found.size) == ValueRead::whole;
+  return read ? Outcome::found : Outcome::contradiction;
+}
+
+TableView::Outcome TableView::glance(const KeyWords& key, MutableBytes value, Entry& found) const {
+  switch (image_.geometry().keyWordCount) {
+    case 1:
+      return glance<1>(key, value, found);
+    case 2:
+      return glance<2>(key, value, found);
+    case 3:
+      return glance<3>(key, value, found);
+    default:
+      return Outcome::contradiction;
+  }
+}
+
 bool TableView::find(const KeyWords& key, MutableBytes value, Entry& found) const {
-  if (const Outcome first = tryFind(key, &value, found); first <= Outcome::absent) return first == Outcome::found;
-  const Outcome outcome = settle([&] { return tryFind(key, &value, found); });
-  return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, &value, found));
+  const Outcome first = glance(key, value, found);
+  return first <= Outcome::absent ? first == Outcome::found : findClosely(key, &value, found);
 }
 
 bool TableView::has(const KeyWords& key, Entry& found) const {
-  if (const Outcome first = tryFind(key, nullptr, found); first <= Outcome::absent) return first == Outcome::found;
-  const Outcome outcome = settle([&] { return tryFind(key, nullptr, found); });
-  return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, nullptr, found));
+  const Outcome first = glance(key, {}, found);
+  return first <= Outcome::absent ? first == Outcome::found : findClosely(key, nullptr, found);
+}
+
+bool TableView::findClosely(const KeyWords& key, const MutableBytes* value, Entry& found) const {
+  const Outcome outcome = settle([&] { return tryFind(key, value, found); });
+  return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFor(key, value, found));
 }
 
 std::optional<bool> TableView::findByIndex(const KeyWords& key, const MutableBytes* value, Entry& found) const {
@@ -163,6 +259,7 @@ void TableView::expect(std::span<const KeyWords> keys) const {
 TableView::Outcome TableView::tryFind(const KeyWords& key, const MutableBytes* value, Entry& found) const {
   const std::uint64_t before = epoch();
   if (!indexesStand(before)) return Outcome::noIndex;
+  standing_ = before;
   const std::uint64_t hash = hash_.hashOf(key);
   const std::uint32_t tag = hash_.tagOf(hash);
   const std::uint32_t home = hash_.homeOf(hash);
@@ -203,11 +300,30 @@ std::optional<TableView::Outcome> TableView::tryPlace(std::uint32_t slot, const 
   return std::nullopt;
 }
 
+TableView::Outcome TableView::step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const {
+  switch (image_.geometry().keyWordCount) {
+    case 1:
+      return step<1>(past, value, cursor, found);
+    case 2:
+      return step<2>(past, value, cursor, found);
+    case 3:
+      return step<3>(past, value, cursor, found);
+    default:
+      return Outcome::contradiction;
+  }
+}
+
 bool TableView::seek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const {
+  if (!inclusive && step(from, value, cursor, found) == Outcome::found) return true;
+  return seekClosely(from, inclusive, value, cursor, found);
+}
+
+bool TableView::seekClosely(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor,
+                            Entry& found) const {
   if (inclusive) {
     // Most searches are for a key that is there: no way down the order.
     cursor.view = 0;
-    if (tryFind(from, &value, found) == Outcome::found) return true;
+    if (glance(from, value, found) == Outcome::found) return true;
   }
   const Outcome outcome = settle([&] { return trySeek(from, inclusive, value, cursor, found); });
   return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFrom(from, inclusive, value, found));
@@ -233,7 +349,7 @@ bool TableView::isOutdated(const KeyWords& from, WalkCursor& cursor) const {
 }
 
 bool TableView::readAhead(const KeyWords& from, bool inclusive, WalkCursor& cursor) const {
-  constexpr unsigned first = 2;
+  constexpr unsigned first = 1;
   const bool goesOn = cursor.view == id_;
   cursor.ahead = goesOn ? std::min(4 * cursor.ahead, RadixOrder::Batch::most) : first;
   cursor.view = id_;
@@ -250,6 +366,7 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
                                       Entry& found) const {
   const std::uint64_t before = epoch();
   if (!indexesStand(before)) return Outcome::noIndex;
+  standing_ = before;
   if (isOutdated(from, cursor)) cursor.view = 0, cursor.batch.count = cursor.next = 0;
   KeyWords past = from;
   SlotImage passed;
@@ -266,7 +383,7 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
     const std::uint32_t slot = cursor.batch.slots[number];
     SlotImage here;
     if (!image_.readSlot(slot, here)) return Outcome::contradiction;
-    if (stateOf(here.version()) != SlotState::free && order_.hasPath(cursor.batch, number, here)) {
+    if (stateOf(here.version()) != SlotState::free && RadixOrder::hasPath(cursor.batch, number, here)) {
       const KeyWords key = image_.keyIn(here);
       const int order = image_.compare(key, past);
       if (order < 0) lookAtPassed(slot, here);

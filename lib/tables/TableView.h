@@ -71,11 +71,24 @@ class TableView {
   struct Activity;
   struct InOrder;
 
+  template <class ValueWord>
+  ValueRead judge(const SlotImage& entry, std::size_t size, ValueWord word) const;
   template <class Attempt>
   Outcome settle(Attempt attempt) const;
   Activity activity() const;
   std::uint64_t epoch() const { return load(image_.state().epoch); }
   static bool indexesStand(std::uint64_t epoch) { return isSound(epoch) && (epoch & 1) == 0; }
+  template <unsigned keyWordCount>
+  Outcome glance(const KeyWords& key, MutableBytes value, Entry& found) const;
+  Outcome glance(const KeyWords& key, MutableBytes value, Entry& found) const;
+  template <unsigned keyWordCount>
+  Outcome step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const;
+  Outcome step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const;
+  template <unsigned keyWordCount>
+  Outcome take(const std::uint64_t* words, MutableBytes value, Entry& found) const;
+  bool seekClosely(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const;
+  Outcome readEntry(std::uint32_t slot, MutableBytes value, Entry& found) const;
+  bool findClosely(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   Outcome tryFind(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   std::optional<Outcome> tryPlace(std::uint32_t slot, const KeyWords& key, const MutableBytes* value,
                                   Entry& found) const;
@@ -97,6 +110,7 @@ class TableView {
   std::uint64_t id_;
   mutable std::vector<std::byte> scratch_;    // a value that only its check is wanted of
   mutable std::shared_ptr<InOrder> inOrder_;  // while the indexes are of no use
+  mutable std::uint64_t standing_ = 0;        // an epoch's word by which the indexes stood
   mutable bool contradicted_ = false;
 };
 

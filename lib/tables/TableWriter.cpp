@@ -17,9 +17,13 @@ WriteResult TableWriter::write(const KeyWords& key, Bytes value) {
     return view_.has(key, entry) ? update(entry.slot, key, value) : WriteResult::full;
   }
   const std::uint64_t hash = hash_.hashOf(key);
+  // What the last write was, this one probably is.
+  hash_.expectLine(hash);
+  if (inserts_) order_.expect(key);
   for (unsigned attempt = 0; attempt < 2; ++attempt) {
     HashIndexWriter::Place place;
     if (hash_.find(key, hash, place)) {
+      inserts_ = place.number == 0;
       if (place.number != 0) return update(place.slot, key, value);
       if (verified() || !order_.find(key)) {
         if (liveCount_ >= capacity_ || !hasRoom(value.size())) return WriteResult::full;
@@ -35,6 +39,8 @@ WriteResult TableWriter::write(const KeyWords& key, Bytes value) {
 bool TableWriter::erase(const KeyWords& key) {
   if (!standAgain()) return eraseWithoutIndexes(key);
   const std::uint64_t hash = hash_.hashOf(key);
+  hash_.expectLine(hash);
+  order_.expect(key);
   for (unsigned attempt = 0; attempt < 2; ++attempt) {
     HashIndexWriter::Place place;
     if (hash_.find(key, hash, place)) {
@@ -56,7 +62,7 @@ bool TableWriter::eraseWithoutIndexes(const KeyWords& key) {
   if (!view_.has(key, entry)) return false;
   const auto extent = extentOf(entry.slot);
   liveCountIs(liveCount_ - 1);
-  publish(entry.slot, versionWord(sequence_ + 1, SlotState::free));
+  publish(entry.slot, key, versionWord(sequence_ + 1, SlotState::free));
   slots_.give(entry.slot);
   giveBack(extent);
   return true;
@@ -104,15 +110,36 @@ void TableWriter::storeWords(std::uint32_t slot, const SlotImage& from, unsigned
 WriteResult TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value) {
   const TableGeometry& geometry = image_.geometry();
   if (geometry.inHeap && !heap_[geometry.heapClassFor(value.size())].ready(1)) return WriteResult::full;
+  const unsigned other = 1 - bufferOf(load(image_.version(slot)));
+  if (geometry.isShort) {
+    publish(slot, key, versionWord(sequence_ + 1, other, storeShort(slot, other, key, value)));
+    return WriteResult::ok;
+  }
   SlotImage words = loadWords(slot);
-  const unsigned other = 1 - bufferOf(words.version());
   const auto old = extentOf(slot);
   const std::uint32_t check = fillBuffer(words, other, key, value, sequence_ + 1);
   const unsigned begin = geometry.bufferAt(other);
   storeWords(slot, words, begin / 8, (begin + geometry.payload + geometry.checkBytes + 7) / 8);
-  publish(slot, versionWord(sequence_ + 1, other, check));
+  publish(slot, key, versionWord(sequence_ + 1, other, check));
   giveBack(old);
   return WriteResult::ok;
+}
+
+// What fillBuffer() does, in the slot itself, of a value that is eight bytes with its check.
+std::uint32_t TableWriter::storeShort(std::uint32_t slot, unsigned number, const KeyWords& key, Bytes value) {
+  const TableGeometry& geometry = image_.geometry();
+  const TableGeometry::FirstWords& at = geometry.firstWords[number];
+  const std::uint64_t bytes = wordOf(value.data(), value.size());
+  const std::uint32_t check = checkIn(checkSum(key, geometry.keyWordCount, value.size(), bytes, sequence_ + 1));
+  const std::uint64_t both = bytes | atHalfBehind(static_cast<std::uint16_t>(check >> 16), geometry.payload);
+  const std::uint64_t mask = firstBytes(geometry.payload + geometry.checkBytes);
+  const auto storeIn = [](std::uint64_t& word, std::uint64_t in, std::uint64_t stored) {
+    store(word, (load(word) & ~in) | stored);
+  };
+  std::uint64_t* words = image_.slot(slot);
+  storeIn(words[at.first], firstAcross(mask, at.shift), firstAcross(both, at.shift));
+  if (geometry.straddles) storeIn(words[at.second], secondAcross(mask, at.shift), secondAcross(both, at.shift));
+  return check;
 }
 
 bool TableWriter::insert(const KeyWords& key, std::uint64_t hash, Bytes value) {
@@ -125,11 +152,11 @@ bool TableWriter::insert(const KeyWords& key, std::uint64_t hash, Bytes value) {
   storeWords(slot, words, 1, image_.geometry().slotWords);
   store(image_.version(slot), versionWord(sequence_ + 1, SlotState::linked));
   if (!order_.insert(key, slot) || !hash_.insert(hash, slot)) {
-    publish(slot, versionWord(sequence_ + 1, SlotState::free));  // nobody knew it; its sequence is used up
-    return false;                                                // all places are counted anew by the repair
+    publish(slot, key, versionWord(sequence_ + 1, SlotState::free));  // nobody knew it; its sequence is used up
+    return false;                                                     // all places are counted anew by the repair
   }
   liveCountIs(liveCount_ + 1);
-  publish(slot, versionWord(sequence_ + 1, 0, check));
+  publish(slot, key, versionWord(sequence_ + 1, 0, check));
   storeNumber(state.operation, 0);
   return true;
 }
@@ -138,7 +165,7 @@ bool TableWriter::remove(const HashIndexWriter::Place& place, const KeyWords& ke
   const auto extent = extentOf(place.slot);
   storeNumber(image_.state().operation, std::uint64_t{place.slot} + 1);
   liveCountIs(liveCount_ - 1);
-  publish(place.slot, versionWord(sequence_ + 1, SlotState::linked));
+  publish(place.slot, key, versionWord(sequence_ + 1, SlotState::linked));
   const bool stood = order_.erase(key, place.slot);
   hash_.erase(hash, place);
   store(image_.version(place.slot), versionWord(sequence_, SlotState::free));
@@ -160,7 +187,7 @@ std::uint32_t TableWriter::fillBuffer(SlotImage& slot, unsigned number, const Ke
     const std::uint64_t descriptor = extent.descriptor();
     std::memcpy(buffer, &descriptor, sizeof descriptor);
   } else {
-    std::memcpy(buffer, value.data(), value.size());
+    copyBytes(buffer, value.data(), value.size());
   }
   const std::uint32_t check = entryCheck(key, geometry.keyWordCount, value, sequence);
   const auto high = static_cast<std::uint16_t>(check >> 16);
@@ -190,16 +217,15 @@ void TableWriter::giveBack(const std::optional<HeapExtent>& extent) {
 }
 
 // Shows a change to everybody: the ring's entry stands before the change, the head's sequence after it.
-void TableWriter::publish(std::uint32_t slot, std::uint64_t version) {
+void TableWriter::publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version) {
   ++sequence_;
-  announce(slot);
+  announce(slot, key);
   store(image_.version(slot), version);
   storeNumber(image_.state().headSequence, sequence_);
 }
 
-void TableWriter::announce(std::uint32_t slot) {
+void TableWriter::announce(std::uint32_t slot, const KeyWords& key) {
   std::uint64_t* entry = image_.ring(sequence_);
-  const KeyWords key = image_.keyOf(slot);
   store(*entry, ringWord(slot, key, image_.geometry().keyWordCount, sequence_));
   image_.storeKey(entry + 1, key);
 }

@@ -84,12 +84,15 @@ class TableWriter {
   bool standAgain();
   bool indexesStand() const { return (load(image_.state().epoch) & 1) == 0; }
   std::uint32_t fillBuffer(SlotImage& slot, unsigned number, const KeyWords& key, Bytes value, std::uint64_t sequence);
+  std::uint32_t storeShort(std::uint32_t slot, unsigned number, const KeyWords& key, Bytes value);
   void storeWords(std::uint32_t slot, const SlotImage& from, unsigned first, unsigned end);
   SlotImage loadWords(std::uint32_t slot) const;
   std::optional<HeapExtent> extentOf(std::uint32_t slot);
   void giveBack(const std::optional<HeapExtent>& extent);
-  void publish(std::uint32_t slot, std::uint64_t version);
-  void announce(std::uint32_t slot);
+  void publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version);
+  void publish(std::uint32_t slot, std::uint64_t version) { publish(slot, image_.keyOf(slot), version); }
+  void announce(std::uint32_t slot, const KeyWords& key);
+  void announce(std::uint32_t slot) { announce(slot, image_.keyOf(slot)); }
   void liveCountIs(std::uint64_t count);
   [[noreturn]] void refuse(const char* what) const;
 
@@ -118,6 +121,7 @@ class TableWriter {
   PlacePool slots_;
   std::vector<PlacePool> heap_;  // by class
   std::uint32_t capacity_;
+  bool inserts_ = true;  // the last write did
   std::uint64_t liveCount_ = 0;
   std::uint64_t sequence_ = 0;
   std::optional<Verification> verification_;
