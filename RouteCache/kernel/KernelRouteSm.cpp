@@ -1,6 +1,7 @@
 #include "RouteCache/kernel/KernelRouteSm.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <utility>
 
@@ -321,9 +322,9 @@ std::optional<Routing::Rib::RouteKey> KernelRouteSm::kernelKey(const Key& key) c
 }
 
 template <class Family>
-KernelRouteSm::Decision KernelRouteSm::decide(const BasicRouteVrfKey<Family>& key) const {
+KernelRouteSm::Decision KernelRouteSm::decide(const BasicRouteVrfKey<Family>& key, bool published) const {
   Decision decision;
-  decision.published = sides_.of<Family>().routes.has(key);
+  decision.published = published;
   const auto cached = trie<Family>(key.vrfId());
   if (decision.published) {
     decision.wanted = !cached || !cached->longestMatch(key.prefix());
@@ -338,48 +339,76 @@ bool KernelRouteSm::hasRoom(Room room) const {
 }
 
 template <class Family>
-bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key, const Decision& decision) {
+bool KernelRouteSm::isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision) {
   auto& side = sides_.of<Family>();
-  if (!side.toProcess.has(key)) {
+  const Room room = decision.published ? mirrorRoom : cachedRoom;
+  const bool waits = decision.wanted && !hasRoom(room) && !facts.standing;
+  if (waits ? !side.toProcess.has(facts.key) : !side.toProcess.keyDel(facts.key)) {
     trace_(6, "Not in RouteToProcess");
     return false;
   }
-  const Room room = decision.published ? mirrorRoom : cachedRoom;
-  if (decision.wanted && !hasRoom(room)) {
-    const auto kernel = kernelKey(key);
-    if (!kernel || !in_.kernelRouteStatus->has(*kernel)) {
-      side.toProcess.waitingKeyIs(key, room);
-      side.task.schedule(routeProcessingIntervalDefer_);
-      return false;
-    }
+  if (waits) {
+    side.toProcess.waitingKeyIs(facts.key, room);
+    side.task.schedule(routeProcessingIntervalDefer_);
+    return false;
   }
-  side.toProcess.keyDel(key);
   return decision.wanted;
 }
 
 bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
-  return isRouteAdded<Ipv4Family>(key, decide<Ipv4Family>(key));
+  const auto& facts = factsOf<Ipv4Family>(key);
+  return isRouteAdded<Ipv4Family>(facts, decide<Ipv4Family>(key, facts.published));
 }
 
 bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
-  return isRouteAdded<Ipv6Family>(key, decide<Ipv6Family>(key));
+  const auto& facts = factsOf<Ipv6Family>(key);
+  return isRouteAdded<Ipv6Family>(facts, decide<Ipv6Family>(key, facts.published));
 }
 
 template <class Family>
 void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
-  const auto kernel = kernelKey(key);
-  if (!kernel) {
+  const auto& facts = factsOf<Family>(key);
+  if (!facts.kernel) {
     sides_.of<Family>().toProcess.keyDel(key);
     return;
   }
-  const Decision decision = decide<Family>(key);
-  if (isRouteAdded<Family>(key, decision)) {
-    trace_(7, "adding", " ", *kernel);
-    writeKernelRoute<Family>(*kernel, decision.published);
+  const Decision decision = decide<Family>(key, facts.published);
+  if (isRouteAdded<Family>(facts, decision)) {
+    trace_(7, "adding", " ", *facts.kernel);
+    writeKernelRoute<Family>(facts);
   } else if (!decision.wanted) {
-    trace_(7, "deleting", " ", *kernel);
-    deleteKernelRoute(*kernel);
+    trace_(7, "deleting", " ", *facts.kernel);
+    if (facts.standing) deleteKernelRoute(*facts.kernel);
   }
+}
+
+template <class Family>
+void KernelRouteSm::lookUpFacts(std::span<RouteFacts<Family>> facts) const {
+  using Facts = RouteFacts<Family>;
+  lookUp(
+      facts, sides_.of<Family>().routes, [](const Facts& each) { return std::optional(each.key); },
+      [](Facts& each, const auto& route) { each.published = route.has_value(); });
+  for (Facts& each : facts) each.kernel = kernelKey(each.key);
+  lookUp(
+      facts, *in_.kernelRouteStatus, [](const Facts& each) { return each.kernel; },
+      [](Facts& each, const auto& route) { each.standing = route; });
+  lookUp(
+      facts, sides_.of<Family>().config, [](const Facts& each) { return each.published ? each.kernel : std::nullopt; },
+      [](Facts& each, const auto& route) { each.configured = route; });
+}
+
+template <class Family>
+const KernelRouteSm::RouteFacts<Family>& KernelRouteSm::factsOf(const BasicRouteVrfKey<Family>& key) {
+  return sides_.of<Family>().readAhead.of(key, [this](auto facts) { lookUpFacts<Family>(facts); });
+}
+
+template <class Family>
+void KernelRouteSm::readAheadOfFresh() {
+  auto& side = sides_.of<Family>();
+  std::array<BasicRouteVrfKey<Family>, ReadAhead<RouteFacts<Family>>::group> next;
+  const std::size_t count = side.toProcess.freshKeys(next);
+  side.readAhead.read(std::span<const BasicRouteVrfKey<Family>>(next).first(count),
+                      [this](auto facts) { lookUpFacts<Family>(facts); });
 }
 
 void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {
@@ -391,13 +420,11 @@ void KernelRouteSm::ipv6ProcessRoute(const Ipv6RouteVrfKey& key) {
 }
 
 template <class Family>
-void KernelRouteSm::writeKernelRoute(const RouteKey& key, bool published) {
-  const auto standing = in_.kernelRouteStatus->route(key);
-  const auto configured = published ? sides_.of<Family>().config.route(key) : std::nullopt;
+void KernelRouteSm::writeKernelRoute(const RouteFacts<Family>& facts) {
   // A published route that is configured no more is about to be withdrawn: no reason to touch it before.
-  if (published && !configured && standing) return;
-  const Routing::Rib::Route wanted = configured.value_or(Routing::Rib::Route(key));
-  if (standing == wanted) return;
+  if (facts.published && !facts.configured && facts.standing) return;
+  const Routing::Rib::Route wanted = facts.configured.value_or(Routing::Rib::Route(*facts.kernel));
+  if (facts.standing == wanted) return;
   in_.kernelRouteStatus->routeIs(wanted);
   ++written_;
 }
@@ -437,6 +464,7 @@ void KernelRouteSm::handleRouteProcessing() {
   auto& side = sides_.of<Family>();
   const auto delay = runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
                               [this] { return processNext<Family>(); });
+  side.readAhead.clear();
   if (delay) side.task.schedule(*delay);
   reconcile();
 }
@@ -447,6 +475,7 @@ template <class Family>
 bool KernelRouteSm::processNext() {
   auto& side = sides_.of<Family>();
   if (const auto fresh = side.toProcess.freshKey()) {
+    if (side.readAhead.empty()) readAheadOfFresh<Family>();
     processRoute<Family>(*fresh);
   } else if (!side.trieSweep.empty()) {
     queueTriePrefix<Family>();

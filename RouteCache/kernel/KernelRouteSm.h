@@ -38,6 +38,7 @@
 #include "RouteCache/queues/CoveredRoutesWalk.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/KeyQueue.h"
+#include "RouteCache/queues/ReadAhead.h"
 #include "platform/tables/Rib.h"
 #include "platform/tables/TableFollower.h"
 
@@ -162,6 +163,17 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Table>
   using Follower = Pondra::TableFollower<Table, KernelRouteSm>;
 
+  // What the tables say of a route that is to be decided. Its decision writes no kernel route but its own, and the id
+  // map gives no two VRFs one hardware id: what has been read ahead of others stays right.
+  template <class Family>
+  struct RouteFacts {
+    BasicRouteVrfKey<Family> key;
+    bool published = false;
+    std::optional<RouteKey> kernel;  // nothing while the VRF is not mapped
+    std::optional<Routing::Rib::Route> standing;
+    std::optional<Routing::Rib::Route> configured;  // of a published route only
+  };
+
   // What there is of each family.
   template <class Family>
   struct Side {
@@ -171,6 +183,7 @@ class KernelRouteSm final : public Lattis::Entity {
     const RouteStatus<Family>& routes;
     const Routing::Rib::RouteConfig& config;
     Queue<Key> toProcess;
+    ReadAhead<RouteFacts<Family>> readAhead;  // of fresh keys; empty between two runs
     CoveredRoutesWalk<RouteStatus<Family>> walk;
     bool reconciled = false;  // the published table, and all that had changed by then has been queued
     // Tries by hardware VRF id whose prefixes are to be queued, from this one on.
@@ -187,19 +200,29 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   auto trie(std::uint32_t hwVrfId) const;  // null when there is none
   template <class Family>
-  Decision decide(const BasicRouteVrfKey<Family>& key) const;
+  Decision decide(const BasicRouteVrfKey<Family>& key, bool published) const;
+  template <class Family>
+  Decision decide(const BasicRouteVrfKey<Family>& key) const {
+    return decide<Family>(key, sides_.of<Family>().routes.has(key));
+  }
+  template <class Family>
+  void lookUpFacts(std::span<RouteFacts<Family>> facts) const;
+  template <class Family>
+  const RouteFacts<Family>& factsOf(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
+  void readAheadOfFresh();
   bool hasRoom(Room room) const;
   // Nothing while the VRF is not mapped.
   template <class Key>
   std::optional<RouteKey> kernelKey(const Key& key) const;
   template <class Family>
-  bool isRouteAdded(const BasicRouteVrfKey<Family>& key, const Decision& decision);
+  bool isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision);
   template <class Family>
   void wakeWaiting();
   template <class Family>
   void processRoute(const BasicRouteVrfKey<Family>& key);
   template <class Family>
-  void writeKernelRoute(const RouteKey& key, bool published);
+  void writeKernelRoute(const RouteFacts<Family>& facts);
   void deleteKernelRoute(const RouteKey& key);
   template <class Family>
   void handleRouteProcessing();

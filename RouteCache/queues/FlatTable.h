@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -50,17 +51,20 @@ class FlatTable {
   }
 
   bool erase(const Key& key) {
-    if (Value* found = findIn(current_, key)) {
+    Value* found = find(key);
+    if (found != nullptr) eraseAt(found);
+    return found != nullptr;
+  }
+  // Takes out what find() has just found.
+  void eraseAt(Value* found) {
+    if (current_.has(found)) {
       closeGap(static_cast<std::size_t>(found - current_.values.get()));
       --current_.used;
-    } else if ((found = findIn(old_, key)) != nullptr) {
+    } else {
       old_.states[static_cast<std::size_t>(found - old_.values.get())] = State::moved;
       --old_.used;
-    } else {
-      return false;
     }
     if (empty()) clear();
-    return true;
   }
 
   // Makes room for this many entries at once; for an empty set.
@@ -98,6 +102,9 @@ class FlatTable {
     explicit Array(std::size_t slots)
         : states(slots), values(static_cast<Value*>(::operator new(slots * sizeof(Value)))) {}
     std::size_t size() const { return states.size(); }
+    bool has(const Value* value) const {
+      return !std::less<>()(value, values.get()) && std::less<>()(value, values.get() + size());
+    }
     std::size_t next(std::size_t i) const { return (i + 1) & (states.size() - 1); }
     std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (states.size() - 1); }
     std::vector<State> states;

@@ -28,10 +28,7 @@ class KeyNotes {
     rings_.data(node) = note;
     rings_.append(ring_, node);
   }
-  void noteDel(const Key& key) {
-    const auto node = rings_.find(key);
-    if (node != Rings::none) rings_.erase(node);
-  }
+  void noteDel(const Key& key) { rings_.eraseKey(key); }
   void noteDelAll() { rings_.clearKeys(); }
   std::optional<Key> oldestKey() const {
     const auto node = rings_.first(ring_);

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <optional>
+#include <span>
 
 #include "RouteCache/queues/KeyRings.h"
 
@@ -40,15 +41,21 @@ class KeyQueue {
   }
   // All that wait for one kind wait for the other now, behind those that do already.
   void waitingKindIs(unsigned from, unsigned to) { rings_.splice(waiting_[from], waiting_[to]); }
-  void keyDel(const Key& key) {
-    const auto node = rings_.find(key);
-    if (node != Rings::none) rings_.erase(node);
-  }
+  // False: it was not queued.
+  bool keyDel(const Key& key) { return rings_.eraseKey(key); }
   void keyDelAll() { rings_.clearKeys(); }
 
   // The oldest key of its kind, which stays queued. Whoever handles it deletes it or lets it wait.
   std::optional<Key> freshKey() const { return keyAt(rings_.first(fresh_)); }
   std::optional<Key> waitingKey(unsigned kind = 0) const { return keyAt(rings_.first(waiting_[kind])); }
+  // The keys that freshKey() would give one after the other, as many as there is room for; how many.
+  std::size_t freshKeys(std::span<Key> keys) const {
+    std::size_t count = 0;
+    for (auto node = rings_.first(fresh_); node != Rings::none && count < keys.size(); node = rings_.next(node)) {
+      keys[count++] = rings_.key(node);
+    }
+    return count;
+  }
   // The key that is handled next, or the zero key: where the work resumes.
   Key bookmark() const {
     auto next = freshKey();

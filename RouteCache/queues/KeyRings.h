@@ -45,11 +45,12 @@ class KeyRings {
     nodes_[node] = Entry{key, {}, {}};
     return *index_.add(node);
   }
-  void erase(Node node) {
-    unlink(node);
-    index_.erase(Key(nodes_[node].key));
-    nodes_[node].links.next = std::exchange(freeNodes_, node);
-    if (index_.empty() && nodes_.size() > worthReturning) clearKeys();
+  void erase(Node node) { eraseAt(index_.find(Key(nodes_[node].key))); }
+  // False: there is no such key.
+  bool eraseKey(const Key& key) {
+    Node* const found = index_.find(key);
+    if (found != nullptr) eraseAt(found);
+    return found != nullptr;
   }
   // Every key; the rings stay.
   void clearKeys() {
@@ -142,6 +143,13 @@ class KeyRings {
     const Key& operator()(Node node) const { return (*nodes)[node].key; }
   };
 
+  void eraseAt(Node* place) {
+    const Node node = *place;
+    unlink(node);
+    index_.eraseAt(place);
+    nodes_[node].links.next = std::exchange(freeNodes_, node);
+    if (index_.empty() && nodes_.size() > worthReturning) clearKeys();
+  }
   static Node linked(Node node) { return (node & headBit) != 0 ? none : node; }
   Links& links(Node node) { return (node & headBit) != 0 ? heads_[node & ~headBit] : nodes_[node].links; }
   const Links& links(Node node) const { return const_cast<KeyRings*>(this)->links(node); }

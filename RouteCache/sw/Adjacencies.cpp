@@ -9,7 +9,7 @@ namespace RouteCache {
 AdjId Adjacencies::take(const std::shared_ptr<IpMixedNexthopRef>& ref) {
   AdjId adjId = ids_.adjId(ref);
   if (isAdjacency(adjId)) {
-    ids_.adjIdRefCountIs(adjId, ids_.adjIdRefCount(adjId) + 1);
+    ids_.adjIdRefCountAdd(adjId);
     return adjId;
   }
   adjId = ids_.allocateAdjId(ref->v6nh() != nullptr, ref->v4nh() != nullptr);

@@ -81,11 +81,11 @@ void AdjacencyIds::freeAdjIdFill() {
 }
 
 // The number stays in use while an identifier of another class has it.
-void AdjacencyIds::erase(Entries::iterator entry) {
-  const std::uint32_t number = numberOf(entry->first);
-  entries_.erase(entry);
+void AdjacencyIds::erase(AdjId adjId) {
+  const std::uint32_t number = numberOf(adjId);
+  entries_.erase(adjId);
   for (const std::uint32_t classBits : {0U, AdjId::adjacencyV6Const, AdjId::adjacencyMixedConst}) {
-    if (entries_.contains(AdjId(number | classBits))) return;
+    if (entries_.has(AdjId(number | classBits))) return;
   }
   numbers_.erase(number);
 }
@@ -100,54 +100,59 @@ AdjId AdjacencyIds::allocateAdjId(bool v6Adj, bool v4Adj) {
 }
 
 std::uint32_t AdjacencyIds::deallocateAdjId(AdjId adjId) {
-  const auto found = entries_.find(adjId);
-  if (found == entries_.end() || found->second.count == 0) {
+  Entry* const found = entries_.find(adjId);
+  if (found == nullptr || found->count == 0) {
     trace_(6, " already 0 case, de-allocated id: ", adjId);
     adjIdRefCountDel(adjId);
     free_.freeAdjIdEnq(adjId);
     return 0;
   }
-  if (--found->second.count > 0) return found->second.count;
+  if (--found->count > 0) return found->count;
   if (retainUnreferenced_) {
     unreferenced_.insert(adjId);
     return 0;
   }
-  erase(found);
+  erase(adjId);
   trace_(6, "de-allocated id: ", adjId);
   free_.freeAdjIdEnq(adjId);
   return 0;
 }
 
 std::uint32_t AdjacencyIds::adjIdRefCount(AdjId adjId) const {
-  const auto found = entries_.find(adjId);
-  return found == entries_.end() ? 0 : found->second.count;
+  const Entry* const found = entries_.find(adjId);
+  return found == nullptr ? 0 : found->count;
 }
 
 void AdjacencyIds::adjIdRefCountIs(AdjId adjId, std::uint32_t count) {
-  const auto [entry, isNew] = entries_.try_emplace(adjId);
+  const auto [entry, isNew] = entries_.insert({adjId, 0, 0});
   if (isNew) numbers_.insert(numberOf(adjId));
   if (count == 0) {
     unreferenced_.insert(adjId);
-  } else if (!isNew && entry->second.count == 0) {
+  } else if (!isNew && entry->count == 0) {
     unreferenced_.erase(adjId);
   }
-  entry->second.count = count;
+  entry->count = count;
+}
+
+void AdjacencyIds::adjIdRefCountAdd(AdjId adjId) {
+  Entry* const entry = entries_.find(adjId);
+  if (entry == nullptr || entry->count == 0) return adjIdRefCountIs(adjId, 1);
+  ++entry->count;
 }
 
 void AdjacencyIds::adjIdRefCountDel(AdjId adjId) {
-  const auto found = entries_.find(adjId);
-  if (found != entries_.end()) erase(found);
+  if (entries_.has(adjId)) erase(adjId);
   unreferenced_.erase(adjId);
 }
 
 bool AdjacencyIds::current(AdjId adjId) const {
-  const auto found = entries_.find(adjId);
-  return found != entries_.end() && found->second.current == generation_;
+  const Entry* const found = entries_.find(adjId);
+  return found != nullptr && found->current == generation_;
 }
 
 void AdjacencyIds::currentIs(AdjId adjId, bool current) {
-  const auto found = entries_.find(adjId);
-  if (found != entries_.end()) found->second.current = current ? generation_ : 0;
+  Entry* const found = entries_.find(adjId);
+  if (found != nullptr) found->current = current ? generation_ : 0;
 }
 
 AdjId AdjacencyIds::adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const {
@@ -190,17 +195,17 @@ void AdjacencyIds::checkInvariants() const {
   ipv4_.checkInvariants();
   ipv6_.checkInvariants();
   mixed_.checkInvariants();
-  for (const auto& [adjId, entry] : entries_) {
-    PLATFORM_ASSERT_TEXT((entry.count == 0) == unreferenced_.contains(adjId), "count 0 is what unreferenced lists");
+  forEach([this](AdjId adjId, std::uint32_t count) {
+    PLATFORM_ASSERT_TEXT((count == 0) == unreferenced_.contains(adjId), "count 0 is what unreferenced lists");
     PLATFORM_ASSERT_TEXT(numberInUse(adjId), "an identifier's number is in use");
-    if (numberOf(adjId) == AdjId::adjacencyInvalid || entry.count == 0) continue;
+    if (numberOf(adjId) == AdjId::adjacencyInvalid || count == 0) return;
     const auto ref = nexthop(adjId);
     PLATFORM_ASSERT_TEXT(ref != nullptr, "an identifier that is held has a next hop");
     const bool known = ref->isV4() == (ref->v4nh() != nullptr) && ref->isV6() == (ref->v6nh() != nullptr) &&
                        (!ref->v4nh() || (ref->v4nh()->isV4() && !ref->v4nh()->isV6())) &&
                        (!ref->v6nh() || (ref->v6nh()->isV6() && !ref->v6nh()->isV4()));
     PLATFORM_ASSERT_TEXT(known, "a reference says of itself which families its end points are of");
-  }
+  });
 }
 
 }  // namespace RouteCache

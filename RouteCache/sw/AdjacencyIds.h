@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "RouteCache/model/NexthopRef.h"
+#include "RouteCache/queues/FlatTable.h"
 #include "platform/trace/Trace.h"
 
 namespace RouteCache {
@@ -109,16 +110,17 @@ class AdjacencyIds {
   bool retainUnreferenced() const { return retainUnreferenced_; }
   void retainUnreferencedIs(bool retain) { retainUnreferenced_ = retain; }
 
-  bool adjIdRefCountHas(AdjId adjId) const { return entries_.contains(adjId); }
+  bool adjIdRefCountHas(AdjId adjId) const { return entries_.has(adjId); }
   std::uint32_t adjIdRefCount(AdjId adjId) const;  // 0 when absent
   void adjIdRefCountIs(AdjId adjId, std::uint32_t count);
+  void adjIdRefCountAdd(AdjId adjId);  // one more
   void adjIdRefCountDel(AdjId adjId);
   // The identifiers with count 0, in order: what a clean-up walks.
   const std::set<AdjId>& unreferenced() const { return unreferenced_; }
   std::size_t inUse() const { return entries_.size(); }
   template <class Visit>
   void forEach(Visit&& visit) const {
-    for (const auto& [adjId, entry] : entries_) visit(adjId, entry.count);
+    entries_.forEach([&](const Entry& entry) { visit(entry.adjId, entry.count); });
   }
 
   // True while the adjacency in the tables is known to be what its reference and the resolver say.
@@ -156,14 +158,17 @@ class AdjacencyIds {
 
  private:
   struct Entry {
+    AdjId adjId;
     std::uint32_t count = 0;
     std::uint32_t current = 0;  // the generation in which the adjacency was known to be right
   };
-  using Entries = std::unordered_map<AdjId, Entry, Platform::Hasher>;
-  void erase(Entries::iterator entry);
+  struct AdjIdOf {
+    const AdjId& operator()(const Entry& entry) const { return entry.adjId; }
+  };
+  void erase(AdjId adjId);
   const Platform::TraceHandle& trace_;
   FreeAdjIds free_;
-  Entries entries_;
+  FlatTable<Entry, AdjId, AdjIdOf> entries_;
   AdjIdNumbers numbers_;  // of entries_
   std::uint32_t generation_ = 1;
   std::set<AdjId> unreferenced_;

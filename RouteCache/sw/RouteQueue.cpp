@@ -24,18 +24,19 @@ std::optional<std::uint8_t> RouteQueue::flags(const RouteKey& key) const {
 }
 
 void RouteQueue::routeToProcessIs(const RouteKey& key, std::uint8_t flags) {
-  const Node node = rings_.insert(key);
+  const Node node = isVisited(key) ? visited_ : rings_.insert(key);
   rings_.data(node).flags = flags;
   if (node != visited_) append(fresh_, node);
 }
 
 void RouteQueue::routeToProcessAdd(const RouteKey& key, std::uint8_t flags) {
-  const auto present = this->flags(key);
-  routeToProcessIs(key, present && *present != 0 ? *present : flags);
+  const Node node = rings_.insert(key);
+  if (rings_.data(node).flags == 0) rings_.data(node).flags = flags;  // those of a new one are
+  if (node != visited_) append(fresh_, node);
 }
 
 void RouteQueue::routeToProcessDel(const RouteKey& key) {
-  const Node node = rings_.find(key);
+  const Node node = isVisited(key) ? visited_ : rings_.find(key);
   if (node == none) return;
   unlink(node);
   if (node == visited_) visited_ = none;
@@ -65,6 +66,14 @@ std::optional<RouteQueue::Visit> RouteQueue::visit(Node ring) {
   visitedGoesTo_ = leftover_;
   unlink(node);
   return Visit{rings_.key(node), rings_.data(node).flags};
+}
+
+std::size_t RouteQueue::freshKeys(std::span<RouteKey> keys) const {
+  std::size_t count = 0;
+  for (Node node = rings_.first(fresh_); node != none && count < keys.size(); node = rings_.next(node)) {
+    keys[count++] = rings_.key(node);
+  }
+  return count;
 }
 
 std::optional<RouteQueue::Visit> RouteQueue::visitFresh() {

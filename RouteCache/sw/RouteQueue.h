@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <unordered_map>
 
 #include "RouteCache/queues/KeyRings.h"
@@ -53,6 +54,8 @@ class RouteQueue {
   std::optional<Visit> visitFresh();
   std::optional<Visit> visitWaitingForRoom(AddressFamily family);
   std::optional<Visit> visitLeftover();
+  // The keys that visitFresh() would take one after the other, as many as there is room for; how many.
+  std::size_t freshKeys(std::span<RouteKey> keys) const;
   // What the key being visited waits for; a visit that sets nothing makes it a leftover.
   void waitForVrf(std::uint32_t piVrfId);
   void waitForRoom(AddressFamily family);
@@ -79,6 +82,8 @@ class RouteQueue {
   using Node = Rings::Node;
   static constexpr Node none = Rings::none;
 
+  // What a visit does concerns its own key nearly always: that one need not be looked up.
+  bool isVisited(const RouteKey& key) const { return visited_ != none && rings_.key(visited_) == key; }
   void append(Node ring, Node node);
   void unlink(Node node);
   std::optional<Visit> visit(Node ring);

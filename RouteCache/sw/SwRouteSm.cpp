@@ -1,6 +1,7 @@
 #include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
+#include <array>
 
 #include "platform/values/Assert.h"
 
@@ -253,17 +254,25 @@ void SwRouteSm::reconcile() {
 // Routes that a reaction has put in, and those that a walk over the configuration brings. False: it is time to yield.
 bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
   constexpr unsigned walkStep = 64;  // enough to make a step of the walk cheap, few enough to stay in the cache
-  for (;;) {
-    if (const auto visit = routeToProcess_.visitFresh()) {
-      processVisited(*visit);
-      ++handled;
-      if (routeProcessingTask_.shouldYield()) return false;
-    } else if (configWalk_.pending()) {
+  bool goOn = true;
+  while (goOn && (routeToProcess_.hasFresh() || configWalk_.pending())) {
+    if (!routeToProcess_.hasFresh()) {
       configWalk_.step(routeToProcess_, walkStep);
-    } else {
-      return true;
+      continue;
     }
+    if (readAhead_.empty()) readAheadOfFresh();
+    processVisited(*routeToProcess_.visitFresh());
+    ++handled;
+    goOn = !routeProcessingTask_.shouldYield();
   }
+  readAhead_.clear();
+  return goOn;
+}
+
+void SwRouteSm::readAheadOfFresh() {
+  std::array<RouteKey, ReadAhead<RouteFacts>::group> next;
+  const std::size_t count = routeToProcess_.freshKeys(next);
+  readAhead_.read(std::span<const RouteKey>(next).first(count), [this](auto facts) { lookUpFacts(facts); });
 }
 
 template <class Family>
@@ -291,27 +300,67 @@ void SwRouteSm::processVisited(const RouteQueue::Visit& visit) {
 
 void SwRouteSm::processRoute(const RouteKey& key, bool vtep, bool init) {
   trace_(7, "prefix: ", key.prefix(), " vrf: ", key.vrfId(), " vtep: ", vtep, " init: ", init);
-  const auto route = configOf(key).route(key);
-  if (!route) return forgetRoute(key);
-  if (!in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) {
+  const RouteFacts& facts = readAhead_.of(key, [this](auto one) { lookUpFacts(one); });
+  if (!facts.route) return forgetRoute(key);
+  if (!facts.hwVrfId) {
     trace_(6, "hw vrfId not available, returning");
-    parkRoute(*route);
+    parkRoute(*facts.route);
     routeToProcess_.waitForVrf(key.vrfId());
     return;
   }
-  const auto ref = nexthopRefOf(*route);
-  if (!ref) return parkRoute(*route);
+  const auto ref = nexthopRefOf(facts.via);
+  if (!ref) return parkRoute(*facts.route);
   if (!ref->v4nh() && !ref->v6nh()) {
     trace_(6, "v4 and v6 oper status is down, returning");
-    parkRoute(*route);
+    parkRoute(*facts.route);
     routeToProcessDel(key);
     return;
   }
   if (key.prefix().isV4()) {
-    decideRoute<Ipv4Family>(*route, ref, vtep, init);
+    decideRoute<Ipv4Family>(facts, ref, vtep, init);
   } else {
-    decideRoute<Ipv6Family>(*route, ref, vtep, init);
+    decideRoute<Ipv6Family>(facts, ref, vtep, init);
   }
+}
+
+void SwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
+  lookUpConfigured<Ipv4Family>(facts);
+  lookUpConfigured<Ipv6Family>(facts);
+  for (RouteFacts& each : facts) {
+    const std::uint32_t piVrfId = each.key.vrfId();
+    if (!each.route || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(piVrfId)) continue;
+    each.hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(piVrfId);
+  }
+  lookUp(
+      facts, *in_.viaConfig,
+      [](const RouteFacts& each) { return each.hwVrfId ? std::optional(each.route->viaKey()) : std::nullopt; },
+      [](RouteFacts& each, std::optional<Via>&& via) { each.via = std::move(via); });
+  lookUpPublished<Ipv4Family>(facts);
+  lookUpPublished<Ipv6Family>(facts);
+}
+
+template <class Family>
+void SwRouteSm::lookUpConfigured(std::span<RouteFacts> facts) const {
+  lookUp(
+      facts, sides_.of<Family>().config,
+      [](const RouteFacts& each) {
+        return each.key.prefix().family() == Family::family ? std::optional(each.key) : std::nullopt;
+      },
+      [](RouteFacts& each, std::optional<Route>&& route) { each.route = std::move(route); });
+}
+
+template <class Family>
+void SwRouteSm::lookUpPublished(std::span<RouteFacts> facts) const {
+  using Key = BasicRouteVrfKey<Family>;
+  lookUp(
+      facts, *sides_.of<Family>().routes,
+      [](const RouteFacts& each) {
+        if (!each.hwVrfId || each.key.prefix().family() != Family::family) return std::optional<Key>();
+        return std::optional(Key(Family::prefix(each.key.prefix()), *each.hwVrfId));
+      },
+      [](RouteFacts& each, std::optional<BasicRoute<Family>>&& route) {
+        each.template published<Family>() = std::move(route);
+      });
 }
 
 // Not configured any more.
@@ -329,8 +378,7 @@ void SwRouteSm::parkRoute(const Route& route) {
 }
 
 // The route's next hops, or null when its via is missing or not ready.
-std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const Route& route) {
-  const auto via = in_.viaConfig->via(route.viaKey());
+std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const std::optional<Via>& via) {
   if (!via) {
     trace_(6, "via not available, returning");
     return nullptr;
@@ -346,14 +394,15 @@ std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const Route& route) {
 }
 
 template <class Family>
-void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep, bool init) {
-  const RouteKey& key = route.key();
-  const auto statusKey = *tableKey<Family>(key);
-  const auto published = sides_.of<Family>().routes->route(statusKey);
+void SwRouteSm::decideRoute(const RouteFacts& facts, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep,
+                            bool init) {
+  const RouteKey& key = facts.key;
+  const BasicRouteVrfKey<Family> statusKey(Family::prefix(key.prefix()), *facts.hwVrfId);
+  const auto& published = facts.published<Family>();
   // Asked before anything is taken: what stands stays, and a new route waits for room.
   if (!published && !sides_.of<Family>().routes->hasRoom()) {
     sides_.of<Family>().room.refused(trace_, "route table full, parked: ", key);
-    unprogrammed_.routeIs(route);
+    unprogrammed_.routeIs(*facts.route);
     routeToProcessIs(key, RouteQueue::vtepFlag);
     routeToProcess_.waitForRoom(key.prefix().family());
     return;
@@ -371,7 +420,8 @@ void SwRouteSm::decideRoute(const Route& route, const std::shared_ptr<IpMixedNex
   if (!unresolved) routeToProcessIs(key, 0);
   const bool written = createViaFromNexthopRef(adjId, ref);
   if (written && !unresolved) routeToProcessDel(key);
-  addRoute<Family>(key, adjId, ref->v4nh(), ref->v6nh(), vtep, init);
+  publish<Family>(key, {statusKey, adjId, isInHw<Family>(statusKey, adjId, written)}, published, facts.route,
+                  {ref->v4nh().get(), ref->v6nh().get(), vtep, init});
 }
 
 template <class Family>
@@ -393,8 +443,8 @@ void SwRouteSm::addIpv6Route(const RouteKey& key, AdjId adjId, const std::shared
 }
 
 template <class Family>
-bool SwRouteSm::isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId) const {
-  if (!adjacencies_.stands(adjId)) return false;
+bool SwRouteSm::isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId, bool standing) const {
+  if (!standing) return false;
   if constexpr (std::is_same_v<Family, Ipv4Family>) {
     if (in_.ipv4HwRouteStatus) {
       const auto hardware = in_.ipv4HwRouteStatus->route(key);
@@ -409,31 +459,39 @@ void SwRouteSm::addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr
                          const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init) {
   const auto statusKey = tableKey<Family>(key);
   if (!statusKey) return;
+  const bool inHw = isInHw<Family>(*statusKey, adjId, adjacencies_.stands(adjId));
+  publish<Family>(key, {*statusKey, adjId, inHw}, sides_.of<Family>().routes->route(*statusKey),
+                  configOf(key).route(key), {v4nh.get(), v6nh.get(), vtep, init});
+}
+
+template <class Family>
+void SwRouteSm::publish(const RouteKey& key, const BasicRoute<Family>& route,
+                        const std::optional<BasicRoute<Family>>& published, const std::optional<Route>& configured,
+                        const Taken& taken) {
   auto& routes = *sides_.of<Family>().routes;
-  const bool inHw = isInHw<Family>(*statusKey, adjId);
-  const auto published = routes.route(*statusKey);
-  const bool inherited = sides_.of<Family>().inherited.erase(*statusKey);
+  const AdjId adjId = route.adjId();
+  const bool inherited = sides_.of<Family>().inherited.erase(route.key());
   if (published && published->adjId() == adjId) {
-    trace_(7, " adjId equal ", adjId, " init: ", init);
+    trace_(7, " adjId equal ", adjId, " init: ", taken.init);
     // An inherited route keeps what was just taken for it; any other one has it already.
     if (!inherited && isAdjacency(adjId)) {
-      if (vtep) underlay_.removeMonitoring(v4nh.get(), v6nh.get());
+      if (taken.vtep) underlay_.removeMonitoring(taken.v4nh, taken.v6nh);
       adjacencies_.ids().deallocateAdjId(adjId);
     }
-    if (published->inHw() != inHw) routes.routeIs({*statusKey, adjId, inHw});
+    if (published->inHw() != route.inHw()) routes.routeIs(route);
   } else {
     if (published) trace_(6, " adjId Not equal ", published->adjId(), " ", adjId);
     trace_(6, "adding route: ", key);
     // The new identifier stands before the old one may go: no reader finds a route without its adjacency.
-    routes.routeIs({*statusKey, adjId, inHw});
+    routes.routeIs(route);
     sides_.of<Family>().room.written(routes.hasRoom());
     if (published && !inherited && isAdjacency(published->adjId())) deleteAdjFromAdjStatus(published->adjId());
   }
   if (inherited) updateRetention();
-  if (inHw) {
+  if (route.inHw()) {
     unprogrammedRouteDel(key);
-  } else if (const auto route = configOf(key).route(key)) {
-    unprogrammed_.routeIs(*route);
+  } else if (configured) {
+    unprogrammed_.routeIs(*configured);
   }
 }
 

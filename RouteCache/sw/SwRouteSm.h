@@ -36,6 +36,7 @@
 #include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/FlatTable.h"
+#include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/sw/Adjacencies.h"
 #include "RouteCache/sw/AdjacencySync.h"
 #include "RouteCache/sw/RouteConfigWalk.h"
@@ -270,18 +271,59 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   template <class Family>
   std::optional<BasicRouteVrfKey<Family>> tableKey(const RouteKey& key) const;
 
+  // What the tables say of a route that is to be decided. Its decision writes no route but its own, and the id map
+  // gives no two VRFs one hardware id: what has been read ahead of others stays right. The via is the RIB's, who queues
+  // the routes over it again when it changes.
+  struct RouteFacts {
+    RouteKey key;
+    std::optional<Routing::Rib::Route> route;  // configured
+    std::optional<std::uint32_t> hwVrfId;      // this and what follows: of a configured route only
+    std::optional<Via> via;
+    std::optional<Ipv4Route> published4;
+    std::optional<Ipv6Route> published6;
+    template <class Family>
+    const std::optional<BasicRoute<Family>>& published() const {
+      return const_cast<RouteFacts*>(this)->published<Family>();
+    }
+    template <class Family>
+    std::optional<BasicRoute<Family>>& published() {
+      if constexpr (std::is_same_v<Family, Ipv4Family>) {
+        return published4;
+      } else {
+        return published6;
+      }
+    }
+  };
+  void readAheadOfFresh();
+  void lookUpFacts(std::span<RouteFacts> facts) const;
+  template <class Family>
+  void lookUpConfigured(std::span<RouteFacts> facts) const;
+  template <class Family>
+  void lookUpPublished(std::span<RouteFacts> facts) const;
+
   // Steps of processRoute.
   void forgetRoute(const RouteKey& key);
   void parkRoute(const Routing::Rib::Route& route);
-  std::shared_ptr<IpMixedNexthopRef> nexthopRefOf(const Routing::Rib::Route& route);
+  std::shared_ptr<IpMixedNexthopRef> nexthopRefOf(const std::optional<Via>& via);
   template <class Family>
-  void decideRoute(const Routing::Rib::Route& route, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep,
-                   bool init);
+  void decideRoute(const RouteFacts& facts, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep, bool init);
   template <class Family>
   void addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                 const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init);
+  // What has been taken for a route that is to be published: a reference to its adjacency and, with `vtep`, a
+  // registration for each VTEP of these next hops.
+  struct Taken {
+    const Ipv4NexthopRef* v4nh = nullptr;
+    const Ipv6NexthopRef* v6nh = nullptr;
+    bool vtep = false;
+    bool init = false;
+  };
   template <class Family>
-  bool isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId) const;
+  void publish(const RouteKey& key, const BasicRoute<Family>& route, const std::optional<BasicRoute<Family>>& published,
+               const std::optional<Routing::Rib::Route>& configured, const Taken& taken);
+  // `standing`: readers find all of the adjacency.
+  template <class Family>
+  bool isInHw(const BasicRouteVrfKey<Family>& key, AdjId adjId, bool standing) const;
   template <class Family>
   void deleteRoute(const BasicRouteVrfKey<Family>& key);
   // Takes the route out of the record; what was left out of it may come in.
@@ -318,7 +360,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   Platform::TraceHandle trace_;
 
   RouteQueue routeToProcess_;
-  std::size_t leftoverRound_ = 0;  // leftovers still to visit in the round that goes on
+  ReadAhead<RouteFacts> readAhead_;  // of fresh routes; empty between two runs
+  std::size_t leftoverRound_ = 0;    // leftovers still to visit in the round that goes on
   RouteConfigWalk configWalk_;
   Underlay underlay_;
   Adjacencies adjacencies_;

@@ -136,8 +136,9 @@ void Underlay::nexthopVrfConfigIs() {
   const auto registered = nexthopConfig_->vrfIs(L3::VrfName());
   if (registered == nexthopVrfConfig_) return;
   nexthopVrfConfig_ = registered;
-  for (const auto& vtep : vteps_.v4.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
-  for (const auto& vtep : vteps_.v6.refCounts()) nexthopVrfConfig_->nexthopIs(vtep.first);
+  const auto request = [this](const auto& vtep) { nexthopVrfConfig_->nexthopIs(vtep.addr); };
+  vteps_.v4.refCounts().forEach(request);
+  vteps_.v6.refCounts().forEach(request);
 }
 
 void Underlay::handleNexthopVrf(const L3::VrfName& name) {

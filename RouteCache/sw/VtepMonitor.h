@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "RouteCache/model/AdjIdColl.h"
+#include "RouteCache/queues/FlatTable.h"
 #include "platform/state/Nexthop.h"
 #include "platform/values/Assert.h"
 
@@ -19,24 +20,31 @@ namespace RouteCache {
 template <class Addr>
 class VtepMonitor {
  public:
-  using RefCounts = std::unordered_map<Addr, std::uint32_t, Platform::Hasher>;
+  struct RefCount {
+    Addr addr;
+    std::uint32_t count = 0;
+  };
+  struct AddrOf {
+    const Addr& operator()(const RefCount& refCount) const { return refCount.addr; }
+  };
+  using RefCounts = FlatTable<RefCount, Addr, AddrOf>;
 
   // One more use; the first one asks the resolver to watch the address.
   void add(const Addr& addr, Routing::NexthopVrfConfig& requests) {
-    if (++refCounts_[addr] == 1) requests.nexthopIs(addr);
+    if (++refCounts_.insert({addr, 0}).first->count == 1) requests.nexthopIs(addr);
   }
   // One use less; the last one withdraws the request. Asserts that there was one.
   void remove(const Addr& addr, Routing::NexthopVrfConfig& requests) {
-    const auto found = refCounts_.find(addr);
-    const std::uint32_t refCount = found == refCounts_.end() ? 0 : found->second;
+    RefCount* const found = refCounts_.find(addr);
+    const std::uint32_t refCount = found == nullptr ? 0 : found->count;
     PLATFORM_ASSERT(refCount > 0);
-    if (--found->second > 0) return;
-    refCounts_.erase(found);
+    if (--found->count > 0) return;
+    refCounts_.eraseAt(found);
     requests.nexthopDel(addr);
   }
   std::uint32_t refCount(const Addr& addr) const {
-    const auto found = refCounts_.find(addr);
-    return found == refCounts_.end() ? 0 : found->second;
+    const RefCount* const found = refCounts_.find(addr);
+    return found == nullptr ? 0 : found->count;
   }
   const RefCounts& refCounts() const { return refCounts_; }
 

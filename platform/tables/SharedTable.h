@@ -368,8 +368,8 @@ class Table : public TableEntity {
     if (!value) control()->reportCorruption("an entry that cannot be decoded");
     return value;
   }
-  // Looks up all of the keys in their order: visit(number of the key, const std::optional<Value>&). Cheaper than one by
-  // one. `visit` must not change the table.
+  // Looks up all of the keys in their order: visit(number of the key, std::optional<Value>&&). Cheaper than one by one.
+  // `visit` must not change the table.
   template <class Visit>
   void entries(std::span<const Key> keys, Visit visit) const {
     constexpr std::size_t group = 64;
@@ -381,7 +381,7 @@ class Table : public TableEntity {
         std::optional<Value> value;
         if (found) value = Traits::decode(keys[first + number], *found);
         if (found && !value) control()->reportCorruption("an entry that cannot be decoded");
-        visit(first + number, value);
+        visit(first + number, std::move(value));
       };
       readable("lookup").findMany(Bytes(bytes).first(count * Traits::keySize), scratch(), decode);
     }

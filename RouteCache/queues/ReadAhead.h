@@ -1,0 +1,75 @@
+// What tables say of the keys that a task handles next, looked up in groups: a group of lookups waits for memory once,
+// where one by one each waits for itself.
+//
+// What has been read ahead must stay right until its key's turn comes. So it is forgotten at the end of a run: what
+// other processes and other tasks change is told between runs, and queues the key again. And what the task itself
+// changes in a run must concern the key at hand alone, in each table that is read ahead: its user says why that is so.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <utility>
+
+namespace RouteCache {
+
+// `Facts` is what is known of one key, which it holds as `key`.
+template <class Facts>
+class ReadAhead {
+ public:
+  using Key = decltype(Facts::key);
+  // Enough for lookups to overlap, few enough that what they bring stays in the cache until it is used.
+  static constexpr std::size_t group = 32;
+
+  // The facts of this key, whose turn it is. What was read ahead for others before it is dropped; a key that has not
+  // been read ahead is looked up by itself. `look` fills in what the tables say of facts that have their keys.
+  template <class Look>
+  const Facts& of(const Key& key, Look&& look) {
+    while (next_ < count_ && !(facts_[next_].key == key)) ++next_;
+    if (next_ == count_) read(std::span(&key, 1), look);
+    return facts_[next_++];
+  }
+  bool empty() const { return next_ == count_; }
+  // The keys whose turns come next, in this order; as many as a group has.
+  template <class Look>
+  void read(std::span<const Key> keys, Look&& look) {
+    next_ = 0;
+    count_ = keys.size();
+    for (std::size_t i = 0; i < count_; ++i) {
+      facts_[i] = Facts();
+      facts_[i].key = keys[i];
+    }
+    look(std::span(facts_).first(count_));
+  }
+  void clear() { next_ = count_ = 0; }
+
+ private:
+  std::array<Facts, group> facts_;
+  std::size_t next_ = 0;
+  std::size_t count_ = 0;
+};
+
+// Looks up in the table what `keyOf` names for each of the facts (nothing: it needs no lookup) and hands it on:
+// put(facts, value), the value moved.
+template <class Facts, class Table, class KeyOf, class Put>
+void lookUp(std::span<Facts> facts, const Table& table, KeyOf&& keyOf, Put&& put) {
+  if (facts.size() == 1) {
+    if (const auto key = keyOf(facts[0])) put(facts[0], table.entry(*key));
+    return;
+  }
+  std::array<typename Table::Key, ReadAhead<Facts>::group> keys;
+  std::array<Facts*, ReadAhead<Facts>::group> whose;
+  std::size_t count = 0;
+  for (Facts& each : facts) {
+    if (const std::optional<typename Table::Key> key = keyOf(each)) {
+      whose[count] = &each;
+      keys[count++] = *key;
+    }
+  }
+  if (count == 0) return;
+  table.entries(std::span<const typename Table::Key>(keys).first(count),
+                [&](std::size_t number, auto&& value) { put(*whose[number], std::move(value)); });
+}
+
+}  // namespace RouteCache
