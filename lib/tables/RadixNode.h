@@ -50,12 +50,14 @@ inline constexpr std::array<unsigned, nodeKinds> liveWord{0, 0, 67, 3};  // 0: i
 inline constexpr unsigned keyByteWord = 3;
 
 // The bytes of words as they lie in memory.
-inline std::uint8_t byteIn(std::uint32_t word, unsigned at) {
-  return reinterpret_cast<const std::uint8_t*>(&word)[at];
+constexpr unsigned shiftOfByte(unsigned at) {
+  return 8 * (std::endian::native == std::endian::big ? 3 - at : at);
 }
-inline std::uint32_t withByte(std::uint32_t word, unsigned at, std::uint8_t byte) {
-  reinterpret_cast<std::uint8_t*>(&word)[at] = byte;
-  return word;
+constexpr std::uint8_t byteIn(std::uint32_t word, unsigned at) {
+  return static_cast<std::uint8_t>(word >> shiftOfByte(at));
+}
+constexpr std::uint32_t withByte(std::uint32_t word, unsigned at, std::uint8_t byte) {
+  return (word & ~(std::uint32_t{0xff} << shiftOfByte(at))) | std::uint32_t{byte} << shiftOfByte(at);
 }
 inline std::uint8_t loadByte(const std::uint32_t* node, unsigned firstWord, unsigned at) {
   return byteIn(load(node[firstWord + at / 4]), at % 4);
@@ -66,10 +68,9 @@ constexpr unsigned byteAmong(std::uint32_t word, std::uint8_t byte) {
   const auto firstZero = [](std::uint32_t bytes) { return (bytes - 0x01010101) & ~bytes & 0x80808080; };
   const std::uint32_t different = word ^ std::uint32_t{byte} * 0x01010101;
   if constexpr (std::endian::native == std::endian::big) {
-    for (unsigned i = 0; i < 4; ++i) {
-      if ((different >> (24 - 8 * i) & 0xff) == 0) return i;
-    }
-    return 4;
+    unsigned at = 0;
+    while (at < 4 && byteIn(different, at) != 0) ++at;
+    return at;
   }
   return static_cast<unsigned>(std::countr_zero(firstZero(different))) / 8;
 }
@@ -108,6 +109,7 @@ inline bool nodeIsWhole(const std::uint32_t* node, unsigned kind) {
   // Nodes begin at multiples of 16 bytes, and are such.
   const auto* fours = reinterpret_cast<const __m128i*>(node);
   __m128i sums = _mm_load_si128(fours);
+#pragma GCC unroll 4
   for (unsigned i = 1; i < nodeWords[kind] / 4; ++i) sums = _mm_xor_si128(sums, _mm_load_si128(fours + i));
   sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
   sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));

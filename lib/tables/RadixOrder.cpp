@@ -105,25 +105,30 @@ void RadixOrder::expect(NodeRef ref) const {
   if (kindOf(ref) == 1) prefetch(words + 16);
 }
 
-// Kinds 0 and 1: places in no order.
+// Kinds 0 and 1: places in no order, which a set of bytes puts them in.
 bool RadixOrder::visitFew(const Node& node, Search& search) const {
   const unsigned count = countIn(load(node.words[1]));
   if (count > nodePlaces[node.kind]) return false;
   const std::uint32_t* refs = node.words + firstRefWord[node.kind];
-  std::array<std::uint32_t, 16> inOrder;  // byte << 8 | place
-  unsigned wanted = 0;
-  for (unsigned i = 0; i < count; ++i) {
-    const std::uint32_t byte = loadByte(node.words, keyByteWord, i);
-    if (byte < node.firstByte) continue;
-    unsigned at = wanted++;
-    for (; at > 0 && inOrder[at - 1] > (byte << 8 | i); --at) inOrder[at] = inOrder[at - 1];
-    inOrder[at] = byte << 8 | i;
+  std::array<std::uint64_t, 4> bytes{};
+  std::array<std::uint8_t, 256> placeOf;  // of those in the set
+  const bool manyWanted = search.out->max - search.out->count >= count;
+  for (unsigned i = 0; i < count; i += 4) {
+    const std::uint32_t four = load(node.words[keyByteWord + i / 4]);
+    for (unsigned place = i; place < std::min(i + 4, count); ++place) {
+      const std::uint8_t byte = byteIn(four, place % 4);
+      bytes[byte / 64] |= std::uint64_t{1} << byte % 64;
+      placeOf[byte] = static_cast<std::uint8_t>(place);
+      if (manyWanted && byte >= node.firstByte) expect(load(refs[place]));
+    }
   }
-  const unsigned ahead = std::min(wanted, search.out->max - search.out->count);
-  for (unsigned i = 1; i < ahead; ++i) expect(load(refs[inOrder[i] & 0xff]));
-  for (unsigned i = 0; i < wanted && search.out->count < search.out->max; ++i) {
-    const std::uint32_t next = inOrder[i];
-    if (!visitChild(node, static_cast<std::uint8_t>(next >> 8), refs + (next & 0xff), search)) return false;
+  bytes[node.firstByte / 64] &= ~std::uint64_t{0} << node.firstByte % 64;
+  for (unsigned word = node.firstByte / 64; word < bytes.size(); ++word) {
+    for (std::uint64_t left = bytes[word]; left != 0; left &= left - 1) {
+      if (search.out->count == search.out->max) return true;
+      const auto byte = static_cast<std::uint8_t>(word * 64 + static_cast<unsigned>(std::countr_zero(left)));
+      if (!visitChild(node, byte, refs + placeOf[byte], search)) return false;
+    }
   }
   return true;
 }

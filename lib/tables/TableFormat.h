@@ -60,6 +60,7 @@
 #include <utility>
 
 #include "platform/tables/SharedTable.h"
+#include "platform/values/ByteOrder.h"
 #include "platform/values/Hash.h"
 
 #if defined(__SSE2__) && !defined(__SANITIZE_THREAD__) && !defined(SHARED_TABLE_BEFORE_LOAD)
@@ -108,33 +109,33 @@ inline void prefetch(const void* address) {
 void storeBytes(std::uint64_t* to, Bytes from);
 void loadBytes(MutableBytes to, const std::uint64_t* from);
 
-// Up to 8 bytes as a word, the others of which are zero. No call for a size that is not known beforehand: this is on
-// the way of every lookup.
+// Up to 8 bytes as a word, the others of which are zero, and the other way round. No call for a size that is not known
+// beforehand: this is on the way of every lookup. In pieces that lie side by side (platform/values/WireBytes.h).
 inline std::uint64_t wordOf(const std::byte* from, std::size_t size) {
   std::uint64_t word = 0;
   if (size >= 8) {
     std::memcpy(&word, from, 8);
-  } else if (std::endian::native == std::endian::little && size >= 4) {
-    std::uint32_t first = 0, last = 0;
-    std::memcpy(&first, from, 4);
-    std::memcpy(&last, from + size - 4, 4);
-    word = first | std::uint64_t{last} << 8 * (size - 4);
-  } else {
-    for (std::size_t i = 0; i < size; ++i) reinterpret_cast<std::byte*>(&word)[i] = from[i];
+    return word;
   }
+  const auto piece = [&](auto part, std::size_t at) {
+    std::memcpy(&part, from + at, sizeof part);
+    const std::size_t shift = std::endian::native == std::endian::big ? 64 - 8 * (at + sizeof part) : 8 * at;
+    word |= std::uint64_t{part} << shift;
+  };
+  if ((size & 4) != 0) piece(std::uint32_t{}, 0);
+  if ((size & 2) != 0) piece(std::uint16_t{}, size & 4);
+  if ((size & 1) != 0) piece(std::uint8_t{}, size & 6);
   return word;
 }
-// The other way round.
 inline void putWord(std::byte* to, std::uint64_t word, std::size_t size) {
+  const auto* from = reinterpret_cast<const std::byte*>(&word);
   if (size >= 8) {
-    std::memcpy(to, &word, 8);
-  } else if (std::endian::native == std::endian::little && size >= 4) {
-    const auto first = static_cast<std::uint32_t>(word), last = static_cast<std::uint32_t>(word >> 8 * (size - 4));
-    std::memcpy(to, &first, 4);
-    std::memcpy(to + size - 4, &last, 4);
-  } else {
-    for (std::size_t i = 0; i < size; ++i) to[i] = reinterpret_cast<const std::byte*>(&word)[i];
+    std::memcpy(to, from, 8);
+    return;
   }
+  if ((size & 4) != 0) std::memcpy(to, from, 4);
+  if ((size & 2) != 0) std::memcpy(to + (size & 4), from + (size & 4), 2);
+  if ((size & 1) != 0) to[size & 6] = from[size & 6];
 }
 // As memcpy; quick for the sizes that values have.
 inline void copyBytes(std::byte* to, const std::byte* from, std::size_t size) {
@@ -176,14 +177,6 @@ inline std::uint64_t loadNumber(const std::uint64_t& word) {
 // --- Keys ------------------------------------------------------------------------------------------------------------
 
 inline constexpr std::size_t maxKeyWords = Pondra::maxKeySize / 8;
-
-// To and from big-endian order; compilers know the loop for the one instruction that it is.
-constexpr std::uint64_t bigEndian(std::uint64_t word) {
-  if constexpr (std::endian::native == std::endian::big) return word;
-  std::uint64_t swapped = 0;
-  for (unsigned shift = 0; shift < 64; shift += 8) swapped |= (word >> shift & 0xff) << (56 - shift);
-  return swapped;
-}
 
 // A key as it lies in a slot: its bytes, filled up with zero bytes to whole words. Only the first words, as many as the
 // table's key has, mean anything.
@@ -547,7 +540,7 @@ class TableImage {
   int compare(const KeyWords& a, const KeyWords& b) const { return compare(a, b, geometry_->keyWordCount); }
   static int compare(const KeyWords& a, const KeyWords& b, unsigned keyWordCount) {
     for (unsigned i = 0; i < keyWordCount; ++i) {
-      if (a.words[i] != b.words[i]) return bigEndian(a.words[i]) < bigEndian(b.words[i]) ? -1 : 1;
+      if (a.words[i] != b.words[i]) return Platform::bigEndian(a.words[i]) < Platform::bigEndian(b.words[i]) ? -1 : 1;
     }
     return 0;
   }

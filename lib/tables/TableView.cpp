@@ -159,7 +159,7 @@ TableView::Outcome TableView::glance(const KeyWords& key, MutableBytes value, En
   if (!image_.holds(words, key, keyWordCount)) return Outcome::contradiction;
   found.slot = slot;
   found.version = version;
-  std::copy_n(key.words.begin(), keyWordCount, found.key.words.begin());
+  for (unsigned i = 0; i < keyWordCount; ++i) found.key.words[i] = key.words[i];
   return take<keyWordCount>(words, value, found);
 }
 
@@ -324,6 +324,9 @@ bool TableView::seekClosely(const KeyWords& from, bool inclusive, MutableBytes v
     // Most searches are for a key that is there: no way down the order.
     cursor.view = 0;
     if (glance(from, value, found) == Outcome::found) return true;
+  }
+  if (const Outcome first = trySeek(from, inclusive, value, cursor, found); first <= Outcome::absent) {
+    return first == Outcome::found;
   }
   const Outcome outcome = settle([&] { return trySeek(from, inclusive, value, cursor, found); });
   return outcome == Outcome::found || (outcome == Outcome::noIndex && scanFrom(from, inclusive, value, found));

@@ -4,23 +4,48 @@
 
 #include <concepts>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <utility>
 
+#include "platform/values/ByteOrder.h"
 #include "platform/values/Net.h"
 
 namespace Platform {
 
-// Writes one after the other; the caller has made sure of the room.
+// Both go by words of eight bytes from the beginning on, and the rest in pieces of 4, 2 and 1: what a processor has
+// just stored in one piece it loads at once, bytes of several pieces much later. A key is looked up as soon as it is
+// written.
+
+// Writes one after the other; the caller has made sure of the room. The bytes stand there once size() has been asked
+// for or the writer has gone.
 class WireWriter {
  public:
   explicit WireWriter(std::byte* out) : begin_(out), out_(out) {}
-  std::size_t size() const { return static_cast<std::size_t>(out_ - begin_); }
+  WireWriter(const WireWriter&) = delete;
+  WireWriter& operator=(const WireWriter&) = delete;
+  ~WireWriter() { flush(); }
+  std::size_t size() {
+    flush();
+    return static_cast<std::size_t>(out_ - begin_);
+  }
   template <std::unsigned_integral T>
   WireWriter& number(T value) {
-    for (std::size_t i = sizeof(T); i-- > 0;) *out_++ = static_cast<std::byte>(value >> (8 * i));
+    const unsigned room = 8 - filled_;
+    if (sizeof(T) < room) {
+      word_ |= std::uint64_t{value} << 8 * (room - sizeof(T));
+      filled_ += sizeof(T);
+      return *this;
+    }
+    const unsigned left = sizeof(T) - room;  // bytes for the next word
+    word_ |= std::uint64_t{value} >> 8 * left;
+    putHighest<std::uint64_t>();
+    word_ = left == 0 ? 0 : std::uint64_t{value} << (64 - 8 * left);
+    filled_ = left;
     return *this;
   }
   WireWriter& bytes(const void* from, std::size_t count) {
+    flush();
     std::memcpy(out_, from, count);
     out_ += count;
     return *this;
@@ -33,21 +58,42 @@ class WireWriter {
   }
 
  private:
+  [[gnu::always_inline]] void flush() {
+    if ((filled_ & 4) != 0) putHighest<std::uint32_t>();
+    if ((filled_ & 2) != 0) putHighest<std::uint16_t>();
+    if ((filled_ & 1) != 0) putHighest<std::uint8_t>();
+    word_ = 0;
+    filled_ = 0;
+  }
+  template <class Piece>
+  void putHighest() {
+    const std::uint64_t inMemory = bigEndian(word_);
+    std::memcpy(out_, &inMemory, sizeof(Piece));
+    out_ += sizeof(Piece);
+    if constexpr (sizeof(Piece) < sizeof word_) word_ <<= 8 * sizeof(Piece);
+  }
+
   std::byte* begin_;
   std::byte* out_;
+  std::uint64_t word_ = 0;  // what is not there yet, from its highest byte on
+  unsigned filled_ = 0;     // bytes of it
 };
 
 // Reads one after the other; the caller has made sure that the bytes are there.
 class WireReader {
  public:
-  explicit WireReader(const std::byte* in) : in_(in) {}
+  explicit WireReader(const std::byte* in) : begin_(in), in_(in) {}
   template <std::unsigned_integral T>
   T number() {
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i) {
-      value = static_cast<T>(static_cast<std::uint64_t>(value) << 8 | std::to_integer<std::uint64_t>(*in_++));
+    const std::byte* from = std::exchange(in_, in_ + sizeof(T));
+    if (static_cast<std::size_t>(from - begin_) % 8 + sizeof(T) <= 8) {
+      std::uint64_t word = 0;
+      std::memcpy(&word, from, sizeof(T));
+      return static_cast<T>(bigEndian(word) >> (64 - 8 * sizeof(T)));
     }
-    return value;
+    std::uint64_t value = 0;  // of two words
+    for (std::size_t i = 0; i < sizeof(T); ++i) value = value << 8 | std::to_integer<std::uint64_t>(from[i]);
+    return static_cast<T>(value);
   }
   void bytes(void* to, std::size_t count) {
     std::memcpy(to, in_, count);
@@ -68,6 +114,7 @@ class WireReader {
   }
 
  private:
+  const std::byte* begin_;
   const std::byte* in_;
 };
 
