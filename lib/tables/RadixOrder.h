@@ -131,6 +131,7 @@ class RadixOrderWriter : private RadixOrder {
   bool agrees(std::uint64_t live, std::uint32_t& lost) const;
 
  private:
+  friend class RadixOrderBuilder;
   // A reference in the tree: in a node, or the root.
   struct Cell {
     NodeRef owner = 0;  // 0: the root

@@ -70,6 +70,7 @@ bool TableWriter::eraseWithoutIndexes(const KeyWords& key) {
 
 // Whether the indexes stand. Where there was no room to build them, that is tried again when there is some.
 bool TableWriter::standAgain() {
+  finishIndexes();
   if (!indexesStand() && order_.ready()) repair("the index could not be built before");
   return indexesStand();
 }
@@ -255,7 +256,7 @@ std::uint32_t TableWriter::checkInvariants() const {
   std::uint32_t lost = 0;
   PLATFORM_ASSERT(order_.agrees(liveCount_, lost));
   Survey found;
-  survey(0, slots_.used(), std::nullopt, found);
+  survey(0, slots_.used(), std::nullopt, Look::thorough, found);
   PLATFORM_ASSERT(found.live == liveCount_);
   PLATFORM_ASSERT(found.damaged.empty());
   PLATFORM_ASSERT(found.unannounced.empty());

@@ -4,12 +4,15 @@
 // A change of the indexes is announced in the state's operation word, so that finishing a dead writer's last change
 // costs little; an entry becomes visible or invisible with one store of its version word, in both indexes at once.
 // Whatever does not agree with the slots is rebuilt from them; where the filesystem has no room for that, entries are
-// found by looking at all slots, and none are added, until it has. Whether it does is looked at after the take-over,
-// some entries at a time (verify()): until then a key that the one index does not know is asked of the other as well.
+// found by looking at all slots, and none are added, until it has. Whether it does, and whether the entries are whole,
+// is looked at after the take-over, some entries at a time (verify()): until then a key that the one index does not
+// know is asked of the other as well. Indexes that a take-over has found to be wrong are rebuilt so, too, unless
+// somebody is waiting for them (finishIndexes()): who reads the table meanwhile looks at all slots.
 //
-// What goes over the whole table in one go, and so holds the thread: taking stock of the slots when a writer is made
-// (some 30 ms a million entries), the order's nodes too when the last writer stopped in a change (some 10 ms), and
-// building the indexes anew (a third of a second).
+// What goes over the whole table in one go, and so holds the thread: a look at the version words of all slots when a
+// writer is made (some 7 ms a million entries; some 20 where its state or a free slot is damaged, or values lie in the
+// heap), at the order's nodes too when the last writer stopped in a change (some 10 ms), and all of it, with the
+// indexes (some 100 ms), when damage shows while the table is written.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +25,7 @@
 #include "lib/tables/HashIndex.h"
 #include "lib/tables/PlacePool.h"
 #include "lib/tables/RadixOrder.h"
+#include "lib/tables/RadixOrderBuilder.h"
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
 #include "platform/tables/SharedTable.h"
@@ -46,9 +50,12 @@ class TableWriter {
   void copyFrom(const TableView& other);
 
   // Compares the indexes with about so many more of the entries that were adopted; what does not agree is rebuilt
-  // (reported). True: all have been compared.
+  // (reported). Or goes on by so many to build indexes that are known to be wrong. True: nothing is left to do.
   bool verify(std::uint32_t entries);
-  bool verified() const { return !verification_; }
+  bool verified() const { return !verification_ && !rebuild_; }
+  // Builds the indexes to their end now; so does every change. What reads the table in the writer's process calls it,
+  // for a search through all slots takes longer.
+  void finishIndexes();
   // Begins again: a reader has met a contradiction.
   void verifyAgain() { verification_ = Verification{0, std::vector<bool>(slots_.used()), {}, false}; }
 
@@ -66,6 +73,14 @@ class TableWriter {
     KeyWords from;           // where the walk in order goes on
     bool begun;
   };
+  // Of the indexes, when they are built anew: what comes next.
+  struct Rebuild {
+    RadixOrderBuilder order;
+    enum class Stage : std::uint8_t { clear, collect, order, hash } stage = Stage::clear;
+    std::uint32_t next = 0;  // slot
+    std::uint32_t damaged = 0;
+  };
+  enum class Look : std::uint8_t { quick, thorough };  // at the version words alone; at whole entries
   // What a walk over the slots has found.
   struct Survey {
     std::vector<std::uint32_t> damaged, free;
@@ -100,7 +115,9 @@ class TableWriter {
   void repair(const std::string& what);
   bool stateIsSound() const;
   bool adopt();
-  void survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Survey& found) const;
+  void survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Look look,
+              Survey& found) const;
+  bool surveyAll(std::optional<std::uint32_t> interrupted, Look look, Survey& found) const;
   bool isUntouched(std::uint32_t slot) const;
   bool entryIsWhole(std::uint32_t slot) const;
   void adoptHeap(Survey& found);
@@ -108,8 +125,13 @@ class TableWriter {
   void finish(std::uint32_t interrupted, bool indexesStay);
   void discard(std::span<const std::uint32_t> damaged);
   void rebuildIndexes();
-  bool enter(std::uint32_t slot);
-  bool verifyHash(std::uint32_t count);
+  void goOnRebuilding(std::uint32_t entries);
+  void endRebuild();
+  template <class Visit>
+  bool forEachHash(std::uint32_t& next, std::uint32_t end, Visit visit) const;
+  void collect(std::uint32_t slot);
+  void drop(std::uint32_t slot);
+  bool verifyEntries(std::uint32_t count);
   bool verifyOrder(std::uint32_t count);
 
   const Reserve reserve_;  // the pools refer to it
@@ -125,6 +147,7 @@ class TableWriter {
   std::uint64_t liveCount_ = 0;
   std::uint64_t sequence_ = 0;
   std::optional<Verification> verification_;
+  std::optional<Rebuild> rebuild_;
   std::vector<std::byte> scratch_;
 };
 

@@ -37,6 +37,7 @@ void TableWriter::repair(const std::string& what) {
   storeNumber(image_.state().operation, 0);
   adopt();
   rebuildIndexes();
+  finishIndexes();
 }
 
 bool TableWriter::stateIsSound() const {
@@ -51,14 +52,14 @@ bool TableWriter::stateIsSound() const {
 // Learns from the slots what is live and what is free. False: the indexes must be rebuilt.
 bool TableWriter::adopt() {
   TableState& state = image_.state();
-  bool sound = stateIsSound();
-  if (!sound) {
+  const bool soundState = stateIsSound();
+  if (!soundState) {
     report_("its state is damaged");
     for (auto* unused = std::begin(state.heapUsed) + heap_.size(); unused != std::end(state.heapUsed); ++unused) {
       storeNumber(*unused, 0);  // all other words are stored when it is known what belongs there
     }
   }
-  sound = sound && indexesStand();
+  bool sound = soundState && indexesStand();
   std::optional<std::uint32_t> interrupted;
   if (const std::uint64_t operation = load(state.operation); isSound(operation) && numberIn(operation) != 0) {
     if (numberIn(operation) <= image_.geometry().slots)
@@ -66,15 +67,21 @@ bool TableWriter::adopt() {
     sound = sound && interrupted;
   }
 
-  Survey found;
-  const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : image_.geometry().slots;
-  survey(0, end, interrupted, found);
-  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
-  if (found.live + found.damaged.size() < loadNumber(state.liveCount) && !interrupted) {
-    survey(end, image_.geometry().slots, interrupted, found);
-    sound = false;
+  if (sound) {
+    KeyWords key;
+    if (interrupted) key = image_.keyOf(*interrupted);
+    sound = order_.adopt(interrupted ? &key : nullptr);
   }
-  const std::uint32_t used = std::max(isSound(load(state.highWater)) ? end : 0, found.usedEnd);
+
+  // Whether each entry is whole is left to verify(), or to the rebuild; not for values in the heap, whose places are
+  // counted.
+  Survey found;
+  if (!soundState || image_.geometry().inHeap || !surveyAll(interrupted, Look::quick, found)) {
+    found = {};
+    sound = surveyAll(interrupted, Look::thorough, found) && sound;
+  }
+  const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : 0;
+  const std::uint32_t used = std::max(end, found.usedEnd);
   std::erase_if(found.free, [&](std::uint32_t slot) { return slot >= used; });
   if (image_.geometry().inHeap) adoptHeap(found);
   adoptSequence(found);
@@ -82,17 +89,24 @@ bool TableWriter::adopt() {
   slots_.adopt(used, std::move(found.free));
   liveCountIs(found.live);
   sound = sound && found.damaged.empty();
-  if (sound) {
-    KeyWords key;
-    if (interrupted) key = image_.keyOf(*interrupted);
-    sound = order_.adopt(interrupted ? &key : nullptr);
-  }
   if (interrupted) finish(*interrupted, sound);
   discard(found.damaged);
   return sound;
 }
 
-void TableWriter::survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted,
+// False: what was found contradicts the table's state.
+bool TableWriter::surveyAll(std::optional<std::uint32_t> interrupted, Look look, Survey& found) const {
+  const TableState& state = image_.state();
+  const std::uint32_t slots = image_.geometry().slots;
+  const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : slots;
+  survey(0, end, interrupted, look, found);
+  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
+  const bool fits = found.live + found.damaged.size() >= loadNumber(state.liveCount) || interrupted;
+  if (!fits && look == Look::thorough) survey(end, slots, interrupted, look, found);
+  return fits && (look == Look::thorough || found.damaged.empty());
+}
+
+void TableWriter::survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Look look,
                          Survey& found) const {
   const std::uint64_t head = loadNumber(image_.state().headSequence);
   for (std::uint32_t slot = from; slot < to; ++slot) {
@@ -104,7 +118,7 @@ void TableWriter::survey(std::uint32_t from, std::uint32_t to, std::optional<std
     }
     found.usedEnd = slot + 1;
     const std::uint64_t sequence = sequenceOf(version);
-    if (isLive(version) ? !entryIsWhole(slot)
+    if (isLive(version) ? (look == Look::thorough || sequence > head) && !entryIsWhole(slot)
                         : version == 0 || !isSoundWithoutEntry(version) ||
                               (stateOf(version) == SlotState::linked && !mayBeLinked)) {
       found.damaged.push_back(slot);
@@ -209,73 +223,114 @@ void TableWriter::discard(std::span<const std::uint32_t> damaged) {
   }
 }
 
-// Entries may have been lost, so everybody looks at everything: the change counter jumps over the whole ring.
 void TableWriter::rebuildIndexes() {
   TableState& state = image_.state();
   storeNumber(state.epoch, loadNumber(state.epoch) | 1);
-  verification_.reset();
-  hash_.clear();
-  order_.clear();
   storeNumber(state.operation, 0);
-  for (std::uint32_t slot = 0; slot < slots_.used(); ++slot) {
-    if (!isLive(load(image_.version(slot))) || enter(slot)) continue;
-    report_("there is no room to rebuild the index: no entries are added until there is some");
-    return;
-  }
-  sequence_ += image_.geometry().ringSize + 1;
-  storeNumber(state.headSequence, sequence_);
-  storeNumber(state.epoch, numberIn(loadNumber(state.epoch) + 1));
+  verification_.reset();
+  rebuild_.emplace(Rebuild{RadixOrderBuilder(order_, static_cast<std::uint32_t>(liveCount_))});
 }
 
-// Of two entries under one key, which damage alone can bring about, the later one stays. False: there is no room.
-bool TableWriter::enter(std::uint32_t slot) {
-  const KeyWords key = image_.keyOf(slot);
-  if (!order_.ready()) return false;
-  if (!order_.insert(key, slot)) {
-    const auto other = order_.find(key);
-    if (!other) refuse("the table is damaged while its index is rebuilt");
-    const bool isLater = load(image_.version(slot)) > load(image_.version(*other));
-    const std::uint32_t loser = isLater ? *other : slot;
-    giveBack(extentOf(loser));
-    if (isLater) {
-      order_.erase(key, loser);
-      hash_.takeOut(hash_.hashOf(key), loser);
-      PLATFORM_ASSERT(order_.insert(key, slot));
-      PLATFORM_ASSERT(hash_.insert(hash_.hashOf(key), slot));
-    }
-    liveCountIs(liveCount_ - 1);
-    publish(loser, versionWord(sequence_ + 1, SlotState::free));
-    slots_.give(loser);
-    return true;
+void TableWriter::finishIndexes() {
+  while (rebuild_) goOnRebuilding(slots_.used() + 1);
+}
+
+// By about so many entries. Where there is no room, that is the end of it.
+void TableWriter::goOnRebuilding(std::uint32_t entries) {
+  std::uint32_t& next = rebuild_->next;
+  const std::uint32_t end = next + std::min(entries, slots_.used() - next);
+  switch (rebuild_->stage) {
+    case Rebuild::Stage::clear:
+      hash_.clear();
+      order_.clear();
+      rebuild_->stage = Rebuild::Stage::collect;
+      return;
+    case Rebuild::Stage::collect:
+      for (; next < end; ++next) collect(next);
+      if (next < slots_.used()) return;
+      if (rebuild_->damaged != 0) report_(std::to_string(rebuild_->damaged) + " damaged entries are dropped");
+      rebuild_->stage = Rebuild::Stage::order;
+      return;
+    case Rebuild::Stage::order:
+      switch (rebuild_->order.build(entries)) {
+        case RadixOrderBuilder::Progress::more:
+          return;
+        case RadixOrderBuilder::Progress::noRoom:
+          rebuild_.reset();
+          report_("there is no room to rebuild the index: no entries are added until there is some");
+          return;
+        case RadixOrderBuilder::Progress::done:
+          for (const std::uint32_t slot : rebuild_->order.losers()) drop(slot);
+          rebuild_->stage = Rebuild::Stage::hash;
+          next = 0;
+          return;
+      }
+      return;
+    case Rebuild::Stage::hash:
+      PLATFORM_ASSERT(forEachHash(next, end, [this](auto hash, auto slot) { return hash_.insert(hash, slot); }));
+      if (next == slots_.used()) endRebuild();
   }
-  PLATFORM_ASSERT(hash_.insert(hash_.hashOf(key), slot));
+}
+
+// Entries may have been lost, so everybody looks at everything: the change counter jumps over the whole ring.
+void TableWriter::endRebuild() {
+  rebuild_.reset();
+  sequence_ += image_.geometry().ringSize + 1;
+  storeNumber(image_.state().headSequence, sequence_);
+  storeNumber(image_.state().epoch, numberIn(loadNumber(image_.state().epoch) + 1));
+}
+
+// Visits the live slots up to the end with the hashes of their keys, until one does not answer true. Lines of the hash
+// index are asked for ahead.
+template <class Visit>
+bool TableWriter::forEachHash(std::uint32_t& next, std::uint32_t end, Visit visit) const {
+  constexpr std::uint32_t ahead = 32;
+  std::array<std::uint64_t, ahead> hashes{};
+  const std::uint32_t first = next;
+  for (std::uint32_t slot = first; slot < end + ahead; ++slot) {
+    std::uint64_t& hash = hashes[slot % ahead];
+    if (slot >= first + ahead && isLive(load(image_.version(slot - ahead))) && !visit(hash, slot - ahead)) return false;
+    if (slot < end) hash_.expectLine(hash = hash_.hashOf(image_.keyOf(slot)));
+  }
+  next = end;
   return true;
+}
+
+void TableWriter::collect(std::uint32_t slot) {
+  if (!isLive(load(image_.version(slot)))) return;
+  if (image_.geometry().inHeap || entryIsWhole(slot)) {
+    rebuild_->order.add(slot);
+  } else {
+    ++rebuild_->damaged;
+    drop(slot);
+  }
+}
+
+// A damaged entry, or one whose key is another's, too. No index leads there.
+void TableWriter::drop(std::uint32_t slot) {
+  giveBack(extentOf(slot));
+  liveCountIs(liveCount_ - 1);
+  publish(slot, versionWord(sequence_ + 1, SlotState::free));
+  slots_.give(slot);
 }
 
 bool TableWriter::verify(std::uint32_t entries) {
-  if (verified()) return true;
+  if (rebuild_) goOnRebuilding(entries);
+  if (rebuild_ || !verification_) return verified();
   const bool hashing = verification_->next < verification_->seen.size();
-  if (!(hashing ? verifyHash(entries) : verifyOrder(entries))) repair("the index does not lead to all entries");
+  if (!(hashing ? verifyEntries(entries) : verifyOrder(entries))) repair("the index does not lead to whole entries");
   return verified();
 }
 
-bool TableWriter::verifyHash(std::uint32_t count) {
-  if (verification_->next == 0 && hash_.count() != liveCount_) return false;
-  constexpr std::uint32_t group = 16;
-  std::array<std::uint64_t, group> hashes;
-  const auto slots = static_cast<std::uint32_t>(verification_->seen.size());
-  for (std::uint32_t& next = verification_->next; next < slots && count > 0;) {
-    const std::uint32_t end = std::min(slots, next + group);
-    for (std::uint32_t slot = next; slot < end; ++slot) {
-      hash_.expectLine(hashes[slot - next] = hash_.hashOf(image_.keyOf(slot)));
-    }
-    for (std::uint32_t slot = next; slot < end; ++slot) {
-      if (isLive(load(image_.version(slot))) && !hash_.leadsTo(hashes[slot - next], slot)) return false;
-    }
-    next = end;
-    count -= std::min(count, group);
-  }
-  return true;
+// Whether they are whole, and the hash index leads to them.
+bool TableWriter::verifyEntries(std::uint32_t count) {
+  std::uint32_t& next = verification_->next;
+  if (next == 0 && hash_.count() != liveCount_) return false;
+  const bool looked = image_.geometry().inHeap;
+  const std::uint32_t end = next + std::min(count, static_cast<std::uint32_t>(verification_->seen.size()) - next);
+  return forEachHash(next, end, [this, looked](auto hash, auto slot) {
+    return hash_.leadsTo(hash, slot) && (looked || entryIsWhole(slot));
+  });
 }
 
 // A walk in order is many times cheaper than a search for each entry; that is for those which the walk has not met.

@@ -48,7 +48,7 @@ class SharedTableService final : public Pondra::TableService {
   // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
   // turns at being first. Looks at the tables that something is known of, or at all when there are none. After that,
   // tables that were taken over from another writer are compared with themselves, some entries at a time; what does not
-  // agree is mended. Not called from inside a reactor.
+  // agree is mended, and indexes that were known to be wrong are built. Not called from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
   // Reads a word per table, and asks who the files are: those of written tables, those that were refused or have been

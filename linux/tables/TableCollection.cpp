@@ -171,6 +171,7 @@ void TableCollection::copyEntries(std::uint32_t capacity) {
 
 void TableCollection::close() {
   Sink* const sink = mounted() ? sink_ : nullptr;
+  if (writer_) writer_->finishIndexes();  // nobody else will, until there is another writer
   follow(nullptr);
   writer_.reset();
   view_.reset();
@@ -183,8 +184,17 @@ std::size_t TableCollection::size() const {
   return view_ ? view_->size() : 0;
 }
 
+// What is looked for where the indexes are still being built is looked for in all slots: it takes less to build them.
+void TableCollection::finishIndexes() const {
+  if (!writer_ || writer_->verified()) return;
+  const std::uint64_t before = writer_->sequence();
+  writer_->finishIndexes();
+  if (writer_->sequence() != before) ++unflushed_;
+}
+
 std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
   PLATFORM_ASSERT(key.size() == layout_.keySize && value.size() >= layout_.maxValueSize);
+  finishIndexes();
   Entry found;
   if (!view_ || !view_->find(keyWords(key), value, found)) return std::nullopt;
   if (follower_) follower_->seen(found);
@@ -193,6 +203,7 @@ std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) 
 
 bool TableCollection::has(Bytes key) const {
   PLATFORM_ASSERT(key.size() == layout_.keySize);
+  finishIndexes();
   Entry found;
   if (!view_ || !view_->has(keyWords(key), found)) return false;
   if (follower_) follower_->seen(found);
@@ -203,6 +214,7 @@ void TableCollection::findMany(Bytes keys, MutableBytes value, const VisitFound&
   constexpr std::size_t group = 16;
   const std::size_t keySize = layout_.keySize;
   PLATFORM_ASSERT(keys.size() % keySize == 0 && value.size() >= layout_.maxValueSize);
+  finishIndexes();
   std::array<KeyWords, group> words;
   for (std::size_t first = 0; first * keySize < keys.size(); first += group) {
     const std::size_t count = std::min(group, keys.size() / keySize - first);
@@ -221,6 +233,7 @@ std::optional<std::size_t> TableCollection::seek(Bytes key, bool inclusive, Muta
                                                  Pondra::WalkPlace& place) const {
   PLATFORM_ASSERT(key.size() == layout_.keySize && keyOut.size() >= layout_.keySize);
   PLATFORM_ASSERT(value.size() >= layout_.maxValueSize);
+  finishIndexes();
   Entry found;
   if (!view_ || !view_->seek(keyWords(key), inclusive, value, place.as<WalkCursor>(), found)) return std::nullopt;
   if (follower_) follower_->seen(found);
@@ -455,6 +468,7 @@ void TableCollection::reportCorruption(std::string_view what) const {
 }
 
 void TableCollection::checkInvariants() const {
+  finishIndexes();
   if (writer_) writer_->checkInvariants();
 }
 

@@ -117,6 +117,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   Reserve roomIn(const TableFile& file);
   // After a write that asked for room. That the disk is full is told once, until it is not.
   void tellRoom(Pondra::WriteResult result);
+  void finishIndexes() const;
   std::unique_ptr<TableFile> openForReading();
   void openForWriting(std::uint32_t capacity);
   void copyEntries(std::uint32_t capacity);
@@ -143,7 +144,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
   WriterWords ownWords_;                         // a writer's
-  std::uint32_t unflushed_ = 0;                  // writes since the last flush
+  mutable std::uint32_t unflushed_ = 0;          // writes since the last flush, or that the indexes were built anew
   bool roomFound_ = false, roomMissed_ = false;  // in the last write: much was asked for and given, some was refused
   bool roomTold_ = false;                        // that there is none
   std::string notPutBack_;                       // why the file could not be put back when that was last tried

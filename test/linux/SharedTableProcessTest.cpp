@@ -360,6 +360,50 @@ TEST_F(SharedTableProcessTest, AWriterPutsItsRemovedTableBack) {
   EXPECT_EQ(contents(*mount(*service(), MountKind::reader)).entries.size(), key);
 }
 
+// As one leaves them that died while it built them: in slices, or at once for whoever looks something up or goes away.
+TEST_F(SharedTableProcessTest, IndexesThatAreWrongAreBuiltAnewBesideReaders) {
+  constexpr std::uint32_t entries = 2000;
+  const auto writing = [&] {
+    auto made = service();
+    mount(*made, MountKind::writer, entries);
+    return made;
+  };
+  {
+    const auto first = writing();
+    for (std::uint64_t key = 0; key < entries; ++key) first->get<FixedTable>("fixed")->routeIs({key, key});
+  }
+  const auto epochAt = LinuxPlatform::tableStateOffset + offsetof(LinuxPlatform::TableState, epoch);
+  const auto stands = [&](std::optional<std::uint64_t> epoch) {
+    std::fstream file(fileOf("fixed"), std::ios::binary | std::ios::in | std::ios::out);
+    std::uint64_t word = LinuxPlatform::checkedWord(epoch.value_or(0));
+    if (epoch) file.seekp(epochAt).write(reinterpret_cast<const char*>(&word), sizeof word);
+    file.seekg(epochAt).read(reinterpret_cast<char*>(&word), sizeof word);
+    return LinuxPlatform::numberIn(word) % 2 == 0;
+  };
+  const auto reading = service();
+  const Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  for (const char* who : {"nobody asks", "somebody asks", "the writer goes"}) {
+    SCOPED_TRACE(who);
+    EXPECT_FALSE(stands(1));
+    auto next = writing();
+    EXPECT_FALSE(stands({}));
+    EXPECT_EQ(contents(believer.table()), believer.believed);
+    const auto table = next->get<FixedTable>("fixed");
+    unsigned slices = 0;
+    if (who[0] == 's') {
+      EXPECT_TRUE(table->route(7));
+    }
+    if (who[0] == 't') next.reset();
+    while (next && !next->deliverChanges([] { return true; })) ++slices;
+    EXPECT_EQ(slices > entries / 512, who[0] == 'n');
+    EXPECT_TRUE(stands({}));
+    if (next) next->checkInvariants();
+    EXPECT_EQ(contents(believer.table()), believer.believed);
+    EXPECT_EQ(believer.believed.entries.size(), entries);
+  }
+  damage.clear();
+}
+
 TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
   {
     const auto writing = service();

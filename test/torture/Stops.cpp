@@ -86,11 +86,12 @@ class Aftermath {
     if (random() % 2 == 0) before.deliver(1 + random() % 3);
     Writer next(memory_, shape_, keys_);
     const Model found = next.reader.walk();
-    if (!damaged) {
-      if (stateSeen(next.reader, shape_, states, seen, "the next writer") != seen) fail("the next writer knows better");
-      for (const auto& text : next.damage) fail("the next writer reports: " + text);
+    if (!damaged && stateSeen(next.reader, shape_, states, seen, "the next writer") != seen)
+      fail("the next writer knows better");
+    next.settle();
+    for (const auto& text : std::exchange(next.damage, {})) {
+      if (!damaged) fail("the next writer reports: " + text);
     }
-    next.damage.clear();
     Model model = found;
     next.check(model);
     Believer after(memory_, shape_, keys_);
@@ -301,7 +302,12 @@ void stopRebuilds(unsigned seed) {
       }
     };
     at.memory.bytesAre(bytes);
-    std::unique_ptr<Writer> writer = std::make_unique<Writer>(at.memory, at.shape, at.keys);
+    std::unique_ptr<Writer> writer;
+    const auto takeOver = [&] {
+      writer = std::make_unique<Writer>(at.memory, at.shape, at.keys);
+      writer->settle();
+    };
+    takeOver();
     const Model left = writer->reader.walk();
     keepsToTheModel(left, "a writer");
     if (writer->damage.empty()) continue;  // nothing to repair
@@ -310,17 +316,16 @@ void stopRebuilds(unsigned seed) {
     reader.mostLoads = 5000000;
     const auto every = 1 + at.random() % 3;
     std::uint64_t stop = 0;
-    atEveryStore([&] { writer = std::make_unique<Writer>(at.memory, at.shape, at.keys); },
-                 [&] {
-                   if (++stop % every != 0) return;
-                   keepsToTheModel(reader.walk(), "a reader");
-                   for (std::uint32_t number = 0; number < at.shape.universe; ++number) {
-                     if (auto value = reader.find(number)) keepsToTheModel({{number, *value}}, "a lookup");
-                   }
-                   const Model found = aftermath.goOn(at.memory.bytes(), {}, 0, at.random, true);
-                   keepsToTheModel(found, "the next writer");
-                   if (found.size() < left.size()) fail("a repair that was stopped loses" + difference(found, left));
-                 });
+    atEveryStore(takeOver, [&] {
+      if (++stop % every != 0) return;
+      keepsToTheModel(reader.walk(), "a reader");
+      for (std::uint32_t number = 0; number < at.shape.universe; ++number) {
+        if (auto value = reader.find(number)) keepsToTheModel({{number, *value}}, "a lookup");
+      }
+      const Model found = aftermath.goOn(at.memory.bytes(), {}, 0, at.random, true);
+      keepsToTheModel(found, "the next writer");
+      if (found.size() < left.size()) fail("a repair that was stopped loses" + difference(found, left));
+    });
     count("operations");
   }
 }
@@ -345,7 +350,8 @@ void stopMigrations(unsigned seed) {
     std::unique_ptr<Memory> next;
     std::unique_ptr<Writer> writer;
     const auto migrate = [&] {
-      const Writer old(at.memory, at.shape, at.keys);
+      Writer old(at.memory, at.shape, at.keys);
+      old.settle();
       next = std::make_unique<Memory>(other, std::max(other.capacity, static_cast<std::uint32_t>(old.writer.size())));
       writer = std::make_unique<Writer>(*next, other, at.keys);
       writer->writer.copyFrom(old.reader.view);

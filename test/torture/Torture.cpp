@@ -274,8 +274,7 @@ void Writer::apply(const Change& change, Model& model) {
 }
 
 void Writer::check(const Model& model) {
-  while (!writer.verify(100)) {
-  }
+  settle();
   writer.checkInvariants();
   for (const auto& text : LinuxPlatform::TableInspection(memory_.image).check().faults) fail("a check: " + text);
   const Model found = reader.walk();

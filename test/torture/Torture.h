@@ -187,6 +187,11 @@ class Writer {
   void applyRandom(unsigned changes, Model& model, Random& random) {
     while (changes-- > 0) apply(randomChange(shape_, random), model);
   }
+  // To the end of what the take-over has left to do, in small steps.
+  void settle() {
+    while (!writer.verify(7)) {
+    }
+  }
   // Invariants, and that everything it holds is the model.
   void check(const Model& model);
 
