@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "RouteCache/model/Values.h"
@@ -56,6 +57,8 @@ class HitBitTimeSlices {
   // The key whose turn it is, or nothing at the visit's end. Filing it elsewhere or removing it makes it the next one's
   // turn; so does passDue(), which leaves it in the slice.
   std::optional<Key> due() const;
+  // The keys that due() would give one after the other, as many as there is room for; how many.
+  std::size_t dueKeys(std::span<Key> keys) const { return rings_.firstKeys(dueRing_, keys); }
   void passDue();
   // Those whose turn has not come stay in the slice, ahead of those that were passed.
   void endVisit();

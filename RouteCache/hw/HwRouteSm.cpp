@@ -2,6 +2,7 @@
 #include "RouteCache/hw/HwRouteSm.h"
 
 #include <algorithm>
+#include <array>
 
 #include "platform/tables/Trie.h"
 #include "platform/values/Assert.h"
@@ -417,17 +418,16 @@ std::uint32_t HwRouteSm::sfeHitbit(const Key& key) const {
 
 bool HwRouteSm::checkRouteAddEligibility(const Key& key) const {
   const Ipv4Route sfeRoute = in_.ipv4SfeRouteStatus->route(key).value_or(Ipv4Route());
-  return isEligible(key, sfeRoute, isCacheable(key, sfeRoute));
+  return isEligible(sfeRoute, sfeHitbit(key), isCacheable(key, sfeRoute));
 }
 
-bool HwRouteSm::isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const {
-  return state_.spaceLeft > 0 && (!cacheable || policy_->admits(sfeRoute, sfeHitbit(key)));
+bool HwRouteSm::isEligible(const Ipv4Route& sfeRoute, std::uint32_t hitbit, bool cacheable) const {
+  return state_.spaceLeft > 0 && (!cacheable || policy_->admits(sfeRoute, hitbit));
 }
 
 // Puts the key of a route that hardware does not get where it waits.
-void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, bool cacheable) {
+void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, std::uint32_t hitbit, bool cacheable) {
   const Key& key = sfeRoute.key();
-  const std::uint32_t hitbit = sfeHitbit(key);
   if (!cacheable) {
     policy_->forget(key);
     routeToProcess_.waitingKeyIs(key);
@@ -449,18 +449,19 @@ void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, bool cacheable) {
 void HwRouteSm::processRoute(const Key& key) {
   trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
   withoutAdjacency_.keyDel(key);
-  const auto sfeRoute = in_.ipv4SfeRouteStatus->route(key);
+  const RouteFacts& facts = readAhead_.of(key, [this](auto one) { lookUpFacts(one); });
+  const auto& sfeRoute = facts.sfeRoute;
+  const auto& hwRoute = facts.hwRoute;
   if (sfeRoute && adjacencyStands(sfeRoute->adjId())) {
-    const auto hwRoute = in_.ipv4HwRouteStatus->route(key);
     const bool cacheable = !hwRoute && isCacheable(key, *sfeRoute);
-    if (!hwRoute && !isEligible(key, *sfeRoute, cacheable)) {
-      leaveOut(*sfeRoute, cacheable);
+    if (!hwRoute && !isEligible(*sfeRoute, facts.sfeHitbit, cacheable)) {
+      leaveOut(*sfeRoute, facts.sfeHitbit, cacheable);
       return;
     }
     if (!hwRoute || hwRoute->adjId() != sfeRoute->adjId()) writeHwRoute(*sfeRoute, !hwRoute);
     slices_->file(key, timeSliceNewAdditions);
   } else {
-    if (in_.ipv4HwRouteStatus->has(key)) {
+    if (hwRoute) {
       trace_(6, " deleting prefix: ", key.prefix());
       removeHwRoute(key);
     }
@@ -469,6 +470,22 @@ void HwRouteSm::processRoute(const Key& key) {
   }
   routeToProcess_.keyDel(key);
   sfeRouteHitToProcess_.keyDel(key);
+}
+
+void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
+  const auto keyOf = [](const RouteFacts& each) { return std::optional(each.key); };
+  lookUp(facts, *in_.ipv4SfeRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
+  lookUp(facts, *in_.ipv4HwRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
+  lookUp(
+      facts, *in_.ipv4SfeHitBitStatus,
+      [](const RouteFacts& each) { return each.sfeRoute && !each.hwRoute ? std::optional(each.key) : std::nullopt; },
+      [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
+}
+
+void HwRouteSm::readAheadOfFresh() {
+  std::array<Key, ReadAhead<RouteFacts>::group> next;
+  const std::size_t count = routeToProcess_.freshKeys(next);
+  readAhead_.read(std::span<const Key>(next).first(count), [this](auto facts) { lookUpFacts(facts); });
 }
 
 void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {
@@ -502,6 +519,7 @@ void HwRouteSm::removeAgedRoute(const Ipv4Route& hwRoute) {
 void HwRouteSm::handleRouteProcessing() {
   const auto delay = runQueue(routeProcessingTask_, routeToProcess_, routeProcessingInterval_,
                               routeProcessingIntervalDefer_, [this] { return processNextRoute(); });
+  readAhead_.clear();
   if (delay) scheduleRouteProcessingTask(*delay);
   reconcile();
 }
@@ -510,6 +528,7 @@ void HwRouteSm::handleRouteProcessing() {
 // is some.
 bool HwRouteSm::processNextRoute() {
   if (const auto fresh = routeToProcess_.freshKey()) {
+    if (readAhead_.empty()) readAheadOfFresh();
     processRoute(*fresh);
   } else if (const auto ready = withoutAdjacency_.readyKey()) {
     withoutAdjacency_.keyDel(*ready);

@@ -48,6 +48,7 @@
 #include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/queues/KeyNotes.h"
 #include "RouteCache/queues/KeyQueue.h"
+#include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/queues/RouteStatusWalk.h"
 #include "platform/tables/TableFollower.h"
 
@@ -222,14 +223,34 @@ class HwRouteSm final : public Lattis::Entity {
   };
   enum class ScanPhase : std::uint8_t { slices, ageing, newAdditions };
 
+  // What the tables say of a route that is to be decided. Its decision writes no hardware route but its own: what has
+  // been read ahead of others stays right.
+  struct RouteFacts {
+    Key key;
+    std::optional<Ipv4Route> sfeRoute;
+    std::optional<Ipv4Route> hwRoute;
+    std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware
+  };
+  // The same of a route that is scanned, whose turn writes no other's either. What hardware reports after the look is
+  // the next scan's.
+  struct ScanFacts {
+    Key key;
+    std::optional<Ipv4RouteHitBit> hit;
+    std::optional<Ipv4Route> hwRoute;  // of one that does not stay in its slice
+  };
+  void lookUpFacts(std::span<RouteFacts> facts) const;
+  void lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) const;
+  void readAheadOfFresh();
+  void readAheadOfDue(std::uint16_t slice);
+
   // Whether the VRF's trie holds prefixes now.
   void notePrefixes(std::uint32_t hwVrfId, bool any);
   // Readers find all of the adjacency.
   bool adjacencyStands(AdjId adjId) const;
   bool isCacheable(const Key& key, const Ipv4Route& sfeRoute) const;
   std::uint32_t sfeHitbit(const Key& key) const;
-  bool isEligible(const Key& key, const Ipv4Route& sfeRoute, bool cacheable) const;
-  void leaveOut(const Ipv4Route& sfeRoute, bool cacheable);
+  bool isEligible(const Ipv4Route& sfeRoute, std::uint32_t hitbit, bool cacheable) const;
+  void leaveOut(const Ipv4Route& sfeRoute, std::uint32_t hitbit, bool cacheable);
   void writeHwRoute(const Ipv4Route& sfeRoute, bool isNew);
   void removeHwRoute(const Key& key);
   void removeAgedRoute(const Ipv4Route& hwRoute);
@@ -250,6 +271,7 @@ class HwRouteSm final : public Lattis::Entity {
   bool ageSlice(std::uint32_t& removed);
   bool moveNewAdditions();
 
+  std::uint16_t reportedSlice(const std::optional<Ipv4RouteHitBit>& hit, std::uint16_t slice) const;
   void scanRoute(const Key& key, std::uint16_t slice);
   void confirmInHw(const Ipv4Route& route, std::uint16_t hitbit);
   bool ageRoute(const Key& key, std::uint16_t slice);  // true: it counts as removed
@@ -275,6 +297,8 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
+  ReadAhead<RouteFacts> readAhead_;  // of fresh routes; empty between two runs, as is the scan's
+  ReadAhead<ScanFacts> scanAhead_;
   AdjacencyWait withoutAdjacency_;
   HitQueue sfeRouteHitToProcess_;
   KeyQueue<Key> sfeProgrammedRouteToProcess_;

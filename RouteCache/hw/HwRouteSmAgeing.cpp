@@ -1,5 +1,6 @@
 // HwRouteSm: the scan of the time slices and the ageing that follows it.
 #include <algorithm>
+#include <array>
 
 #include "RouteCache/hw/HwRouteSm.h"
 #include "platform/values/Assert.h"
@@ -69,10 +70,12 @@ bool HwRouteSm::scanSlices() {
     if (!slices_->visiting()) slices_->beginVisit(slice);
     bool yield = false;
     for (auto key = slices_->due(); key && !yield; key = slices_->due()) {
+      if (scanAhead_.empty()) readAheadOfDue(slice);
       scanRoute(*key, slice);
       ++scanned_;
       yield = hwHitbitScanTask_.shouldYield();
     }
+    scanAhead_.clear();
     if (slices_->due()) return false;
     slices_->endVisit();
     if (yield && slice < timeSliceNewAdditionsToDel) {
@@ -83,18 +86,40 @@ bool HwRouteSm::scanSlices() {
   return true;
 }
 
+std::uint16_t HwRouteSm::reportedSlice(const std::optional<Ipv4RouteHitBit>& hit, std::uint16_t slice) const {
+  if (!hit) return std::max(slice, timeSliceNewAdditions);
+  return getHitbitTimeSlice(static_cast<std::uint8_t>(std::min<std::uint32_t>(hit->hitbit(), timeSliceMax)));
+}
+
 // A route that hardware reports under its slice's value is done with one look-up: routes leave their slices when they
 // leave the table.
+void HwRouteSm::lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) const {
+  lookUp(
+      facts, *in_.ipv4HwHitBitStatus, [](const ScanFacts& each) { return std::optional(each.key); },
+      [](ScanFacts& each, const auto& hit) { each.hit = hit; });
+  lookUp(
+      facts, *in_.ipv4HwRouteStatus,
+      [&](const ScanFacts& each) {
+        return reportedSlice(each.hit, slice) == slice ? std::nullopt : std::optional(each.key);
+      },
+      [](ScanFacts& each, const auto& route) { each.hwRoute = route; });
+}
+
+void HwRouteSm::readAheadOfDue(std::uint16_t slice) {
+  std::array<Key, ReadAhead<ScanFacts>::group> next;
+  const std::size_t count = slices_->dueKeys(next);
+  scanAhead_.read(std::span<const Key>(next).first(count), [&](auto facts) { lookUpScanned(facts, slice); });
+}
+
 void HwRouteSm::scanRoute(const Key& key, std::uint16_t slice) {
-  const auto hit = in_.ipv4HwHitBitStatus->routeHitBit(key);
-  const std::uint16_t reported =
-      hit ? getHitbitTimeSlice(static_cast<std::uint8_t>(std::min<std::uint32_t>(hit->hitbit(), timeSliceMax)))
-          : std::max(slice, timeSliceNewAdditions);
+  const ScanFacts& facts = scanAhead_.of(key, [&](auto one) { lookUpScanned(one, slice); });
+  const auto& hit = facts.hit;
+  const std::uint16_t reported = reportedSlice(hit, slice);
   if (reported == slice) {
     slices_->passDue();
     return;
   }
-  const auto route = in_.ipv4HwRouteStatus->route(key);
+  const auto& route = facts.hwRoute;
   if (!route) {
     slices_->remove(key);
     return;

@@ -49,13 +49,7 @@ class KeyQueue {
   std::optional<Key> freshKey() const { return keyAt(rings_.first(fresh_)); }
   std::optional<Key> waitingKey(unsigned kind = 0) const { return keyAt(rings_.first(waiting_[kind])); }
   // The keys that freshKey() would give one after the other, as many as there is room for; how many.
-  std::size_t freshKeys(std::span<Key> keys) const {
-    std::size_t count = 0;
-    for (auto node = rings_.first(fresh_); node != Rings::none && count < keys.size(); node = rings_.next(node)) {
-      keys[count++] = rings_.key(node);
-    }
-    return count;
-  }
+  std::size_t freshKeys(std::span<Key> keys) const { return rings_.firstKeys(fresh_, keys); }
   // The key that is handled next, or the zero key: where the work resumes.
   Key bookmark() const {
     auto next = freshKey();

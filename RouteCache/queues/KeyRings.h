@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -78,6 +79,12 @@ class KeyRings {
   Node first(Node ring) const { return linked(links(ring).next); }
   // The node behind this one in its ring, or none.
   Node next(Node node) const { return linked(links(node).next); }
+  // The ring's first keys, as many as there is room for; how many.
+  std::size_t firstKeys(Node ring, std::span<Key> keys) const {
+    std::size_t count = 0;
+    for (Node node = first(ring); node != none && count < keys.size(); node = next(node)) keys[count++] = key(node);
+    return count;
+  }
   // Takes the node out of its ring, if it is in one, and puts it at this one's end.
   void append(Node ring, Node node) {
     unlink(node);

@@ -68,14 +68,6 @@ std::optional<RouteQueue::Visit> RouteQueue::visit(Node ring) {
   return Visit{rings_.key(node), rings_.data(node).flags};
 }
 
-std::size_t RouteQueue::freshKeys(std::span<RouteKey> keys) const {
-  std::size_t count = 0;
-  for (Node node = rings_.first(fresh_); node != none && count < keys.size(); node = rings_.next(node)) {
-    keys[count++] = rings_.key(node);
-  }
-  return count;
-}
-
 std::optional<RouteQueue::Visit> RouteQueue::visitFresh() {
   return visit(fresh_);
 }

@@ -55,7 +55,7 @@ class RouteQueue {
   std::optional<Visit> visitWaitingForRoom(AddressFamily family);
   std::optional<Visit> visitLeftover();
   // The keys that visitFresh() would take one after the other, as many as there is room for; how many.
-  std::size_t freshKeys(std::span<RouteKey> keys) const;
+  std::size_t freshKeys(std::span<RouteKey> keys) const { return rings_.firstKeys(fresh_, keys); }
   // What the key being visited waits for; a visit that sets nothing makes it a leftover.
   void waitForVrf(std::uint32_t piVrfId);
   void waitForRoom(AddressFamily family);
