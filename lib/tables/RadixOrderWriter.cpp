@@ -238,10 +238,10 @@ void RadixOrderWriter::expectNode(NodeRef ref, const KeyWords& key, unsigned dep
   const std::uint32_t* words = nodeAt(ref);
   const unsigned kind = kindOf(ref);
   const std::uint8_t byte = key.bytes()[depth];
-  __builtin_prefetch(words);
-  if (kind == 1) __builtin_prefetch(words + 16);
-  if (kind == 2) __builtin_prefetch(words + keyByteWord + byte / 4);
-  if (kind == 3) __builtin_prefetch(words + firstRefWord[3] + byte);
+  prefetch(words);
+  if (kind == 1) prefetch(words + 16);
+  if (kind == 2) prefetch(words + keyByteWord + byte / 4);
+  if (kind == 3) prefetch(words + firstRefWord[3] + byte);
 }
 
 RadixOrderWriter::Spot RadixOrderWriter::goTo(const KeyWords& key) {
