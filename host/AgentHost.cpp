@@ -39,6 +39,7 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
       runDir_(settings.runDir),
       agentName_(settings.agentName),
       traceFile_(settings.traceFile),
+      hugePages_(settings.hugePages),
       trace_(traceDirectory(settings.runDir)),
       stateDb_(std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes_, scheduler)),
       commands_(scheduler),
@@ -52,6 +53,7 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
 
 LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> deliveryWanted) {
   tables_.emplace(runDir_, tableTypes_, std::move(deliveryWanted));
+  if (hugePages_) tables_->hugePagesAreWanted();
   return *tables_;
 }
 

@@ -25,6 +25,7 @@ struct AgentHostSettings {
   std::string agentName = "RouteCache";
   std::vector<std::string> trace;  // level options, as `routecache run --trace` takes them
   bool traceFile = true;           // false: the agent is told to do without
+  bool hugePages = false;          // asked for its tables
 };
 
 // One agent from its library. Its owner opens its tables, delivers the table changes (tables().deliverChanges) and
@@ -60,6 +61,7 @@ class AgentHost {
   std::string runDir_;
   std::string agentName_;
   bool traceFile_;
+  bool hugePages_;
   LinuxPlatform::FileTraceFacility trace_;
   Lattis::EntityTypes entityTypes_;
   Platform::TableTypes tableTypes_;

@@ -97,6 +97,7 @@ void addRunCommand(CLI::App& app, ToolContext&) {
                    "What is traced: LEVEL for all, HANDLE=LEVEL for one, -1 for nothing")
       ->type_name("LEVEL")
       ->take_all();
+  command->add_flag("--huge-pages", options->agent.hugePages, "Ask the kernel for pages of 2 MiB for the tables");
   command->add_option("--time-slice", options->timeSliceMilliseconds, "Longest run of a task")
       ->type_name("MS")
       ->check(realNumber(0.01, 1000))

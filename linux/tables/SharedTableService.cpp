@@ -76,6 +76,10 @@ SharedTableService::~SharedTableService() {
   context_->corruptionHandler = nullptr;
 }
 
+void SharedTableService::hugePagesAreWanted() {
+  context_->hugePages = true;
+}
+
 void SharedTableService::mount(const std::string& path, const std::string& typeName, MountKind kind,
                                const std::optional<CollectionInfo>& info) {
   addMount(path, typeName, kind, info, Unreadable::error);

@@ -37,6 +37,10 @@ class SharedTableService final : public Pondra::TableService {
                      std::function<void()> deliveryWanted = {}, MissingDirectory missing = MissingDirectory::isMade);
   ~SharedTableService() override;
 
+  // Tables that are mounted from now on to be written ask for pages of 2 MiB as they grow. A kernel that gives none is
+  // told of, once.
+  void hugePagesAreWanted();
+
   void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
              const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
   void mountWhenReadable(const std::string& path, const std::string& typeName) override;

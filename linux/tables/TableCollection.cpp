@@ -59,6 +59,10 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
 Reserve TableCollection::roomIn(const TableFile& file) {
   return [this, &file](std::size_t offset, std::size_t end) {
     const bool room = file.reserve(offset, end);
+    if (const int reason = file.takeRefusal(); reason != 0) {
+      context_->reportShortage(path_, std::string("the kernel gives no pages of 2 MiB here (") + std::strerror(reason) +
+                                          "): tables go on with small ones");
+    }
     // A place more may lie on a page that the file has already.
     if (room) roomFound_ = roomFound_ || end - offset >= PlacePool::leastAhead;
     if (!room) roomMissed_ = true;
@@ -87,12 +91,13 @@ std::unique_ptr<TableFile> TableCollection::openForReading() {
 void TableCollection::openForWriting(std::uint32_t capacity) {
   lock_ = lockTable(context_->directory, path_);
   file_ = TableFile::open(context_->directory, path_, layout_, true);
+  if (file_ && context_->hugePages) file_->hugePagesAreWanted();
   beginGeneration();
   if (file_ && file_->capacity() != capacity) {
     copyEntries(capacity);
   } else {
     const bool isNew = !file_;
-    if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity);
+    if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity, context_->hugePages);
     writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_));
     storeWriterWords(*file_);
     if (isNew) file_->publish();
@@ -157,7 +162,8 @@ void TableCollection::copyEntries(std::uint32_t capacity) {
   const bool known = writer_ != nullptr;
   if (!known) takeStock();
   const auto slots = std::max(capacity, static_cast<std::uint32_t>(writer_->size()));
-  std::shared_ptr<TableFile> next = TableFile::create(context_->directory, path_, layout_, capacity, slots);
+  std::shared_ptr<TableFile> next =
+      TableFile::create(context_->directory, path_, layout_, capacity, slots, context_->hugePages);
   if (known) takeStock();  // what is lost of a file that was cut short
   while (!writer_->verify(file_->capacity())) {
   }

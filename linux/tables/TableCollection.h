@@ -28,6 +28,7 @@ struct TableServiceContext {
   std::function<void(const std::string& path, const std::string& what)>
       corruptionHandler;  // empty: reportDamage prints
   std::function<void()> deliveryWanted;
+  bool hugePages = false;                               // asked for by writers
   bool deliveryAsked = false;                           // since the last delivery
   std::vector<std::weak_ptr<TableCollection>> due;      // tables that the next delivery has to look at
   std::vector<std::weak_ptr<TableCollection>> adopted;  // written here, their indexes not yet compared with the entries

@@ -23,6 +23,10 @@ namespace {
 
 // File names end at 255 bytes; suffixes and hash need some of them.
 constexpr std::size_t longestName = 200;
+constexpr std::size_t hugePage = std::size_t{2} << 20;
+#ifndef MADV_COLLAPSE
+constexpr int MADV_COLLAPSE = 25;
+#endif
 
 [[noreturn]] void refuse(const std::string& path, const std::string& what) {
   throw TableError(path + " mount: " + what);
@@ -50,8 +54,19 @@ bool readAt(int fd, void* to, std::size_t size, std::size_t offset) {
   return pread(fd, to, size, static_cast<off_t>(offset)) == static_cast<ssize_t>(size);
 }
 
+// An address at which the kernel can map pages of 2 MiB as such, whoever has made them; null where it does not matter.
+// Should somebody else be there first, the mapping goes elsewhere.
+void* alignedPlace(std::size_t size) {
+  if (size < hugePage) return nullptr;
+  void* const room = mmap(nullptr, size + hugePage, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (room == MAP_FAILED) return nullptr;
+  munmap(room, size + hugePage);
+  const std::size_t beyond = reinterpret_cast<std::uintptr_t>(room) % hugePage;
+  return static_cast<std::byte*>(room) + (beyond == 0 ? 0 : hugePage - beyond);
+}
+
 std::byte* map(int fd, std::size_t size, bool writable) {
-  void* base = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+  void* base = mmap(alignedPlace(size), size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
   return base == MAP_FAILED ? nullptr : static_cast<std::byte*>(base);
 }
 
@@ -230,7 +245,7 @@ std::unique_ptr<TableFile> TableFile::mapFile(std::string name, FileDescriptor f
 
 std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const std::string& path,
                                              const Pondra::TableLayout& layout, std::uint32_t capacity,
-                                             std::uint32_t slots) {
+                                             std::uint32_t slots, bool hugePages) {
   const std::string name = directory + "/" + tableFileName(path);
   const std::string temporary = name + ".new";
   const TableGeometry geometry(layout, slots);
@@ -251,6 +266,7 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
   std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, capacity, base, true));
   // Slots, nodes and heap are given theirs as they are used.
   table->unpublished_ = true;
+  if (hugePages) table->hugePagesAreWanted();
   if (!table->reserve(0, table->geometry_.slotPlaces.begin)) {
     refuse(path, "no space left on " + directory + " for the table");
   }
@@ -274,6 +290,36 @@ bool TableFile::cutShort() const {
 }
 
 bool TableFile::reserve(std::size_t offset, std::size_t end) const {
+  const int reason = makeHuge(offset, end);
+  const bool room = allocate(offset, end);
+  if (room && reason != 0) {  // or it was the room that there was none of
+    smallYet_.clear();
+    refusal_ = reason;
+  }
+  return room;
+}
+
+void TableFile::hugePagesAreWanted() {
+  smallYet_.assign(geometry_.fileSize / hugePage, true);
+}
+
+// Returns why not. The kernel makes one page of the small ones that are there, and one there has to be.
+int TableFile::makeHuge(std::size_t offset, std::size_t end) const {
+  for (std::size_t block = offset / hugePage; block < smallYet_.size() && block * hugePage < end; ++block) {
+    const std::size_t at = block * hugePage;
+    if (!smallYet_[block]) continue;
+    if (!allocate(at, at + 1)) return 0;
+    load(*image_.words(at));
+    if (madvise(mapping_.base() + at, hugePage, MADV_COLLAPSE) == 0) {
+      smallYet_[block] = false;
+    } else if (errno != EAGAIN) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+bool TableFile::allocate(std::size_t offset, std::size_t end) const {
   int result = 0;
   do {
     result = fallocate(fd_.get(), FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset), static_cast<off_t>(end - offset));

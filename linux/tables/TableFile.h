@@ -14,6 +14,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "lib/tables/TableFormat.h"
 #include "linux/files/OwnFiles.h"
@@ -106,7 +108,12 @@ class TableFile {
   // then.
   static std::unique_ptr<TableFile> create(const std::string& directory, const std::string& path,
                                            const Pondra::TableLayout& layout, std::uint32_t capacity,
-                                           std::uint32_t slots);
+                                           std::uint32_t slots, bool hugePages = false);
+  // From now on the kernel is asked for one page for each 2 MiB of which some are reserved for the first time; all of
+  // them are taken then. It can from Linux 6.1 on, for files of a tmpfs. What it refuses goes on in small pages.
+  void hugePagesAreWanted();
+  // Why it has refused them for good, as an errno, if it has since this was last asked; otherwise 0.
+  int takeRefusal() const { return std::exchange(refusal_, 0); }
   void publish();
   // Whether the table's name leads to this file. Writable files only.
   bool stands() const;
@@ -136,6 +143,9 @@ class TableFile {
   TableFile(std::string name, FileDescriptor fd, const TableGeometry& geometry, std::uint32_t capacity, std::byte* base,
             bool writable);
 
+  bool allocate(std::size_t offset, std::size_t end) const;
+  int makeHuge(std::size_t offset, std::size_t end) const;
+
   std::string name_;   // without suffix, with its directory
   FileDescriptor fd_;  // a writer's, for the doorbell
   TableGeometry geometry_;
@@ -144,6 +154,8 @@ class TableFile {
   TableImage image_;
   FileIdentity identity_;
   bool unpublished_ = false;
+  mutable std::vector<bool> smallYet_;  // by 2 MiB: the kernel is to be asked for one page; empty: it is not asked
+  mutable int refusal_ = 0;
 };
 
 // The header of a file in a table directory, or why it has none.

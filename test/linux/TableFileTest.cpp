@@ -7,9 +7,11 @@
 #include <spawn.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -279,6 +281,44 @@ TEST_F(TableFileTest, AFileCutShortUnderItsUsersIsPutBackAndTold) {
   for (unsigned i = 0; i < 20; ++i) settle(*reading);
   EXPECT_EQ(believer.believed.size(), 201U);
   EXPECT_THAT(damage, testing::IsEmpty());
+}
+
+// What a kernel gives differs; with or without, the tables are the same, and a refusal is one line for all of them.
+TEST_F(TableFileTest, PagesOfTwoMebibytesAreGivenOrRefusedInALine) {
+  constexpr std::uint32_t entries = 70000;  // slots alone take more than one such page
+  std::string shared = "/dev/shm/routecache-test-XXXXXX";
+  const bool hasShared = mkdtemp(shared.data()) != nullptr;
+  for (const std::string& where : {directory.path(), hasShared ? shared : directory.path() + "/again"}) {
+    SCOPED_TRACE(where);
+    damage.clear();
+    Contents model;
+    for (unsigned goes = 0; goes < 2; ++goes) {
+      SharedTableService writing(where, types), reading(where, types);
+      writing.corruptionHandlerIs([this](const std::string&, const std::string& what) { damage.push_back(what); });
+      writing.hugePagesAreWanted();
+      const auto written = writer(writing, entries);
+      writing.mount("other", FixedTable::typeName, MountKind::writer, CollectionInfo{"route", entries});
+      for (std::uint64_t key = goes; key < entries; key += 2) {
+        written->routeIs({key, key});
+        writing.get<FixedTable>("other")->routeIs({key, key});
+        model[key] = key;
+      }
+      settle(writing);
+      writing.checkInvariants();
+      EXPECT_EQ(contents(*reader(reading)), model);
+      EXPECT_EQ(contents(*written), model);
+    }
+    const auto refusals = std::count_if(damage.begin(), damage.end(), [](const std::string& line) {
+      return line.starts_with("the kernel gives no pages of 2 MiB here (");
+    });
+    EXPECT_EQ(static_cast<std::size_t>(refusals), damage.size());
+    EXPECT_LE(refusals, 2) << "one for each service";
+    struct stat status {};
+    EXPECT_EQ(stat((where + "/tables/fixed.table").c_str(), &status), 0);
+    const bool whole = status.st_blocks >= 3 * (2 << 20) / 512;  // more than the entries take by themselves
+    EXPECT_TRUE(whole || refusals > 0);
+  }
+  if (hasShared) std::filesystem::remove_all(shared);
 }
 
 // A disk of one megabyte, in a namespace of this child's own. False: nobody may have one here.
