@@ -59,15 +59,19 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
 Reserve TableCollection::roomIn(const TableFile& file) {
   return [this, &file](std::size_t offset, std::size_t end) {
     const bool room = file.reserve(offset, end);
-    if (const int reason = file.takeRefusal(); reason != 0) {
-      context_->reportShortage(path_, std::string("the kernel gives no pages of 2 MiB here (") + std::strerror(reason) +
-                                          "): tables go on with small ones");
-    }
+    tellPages(file);
     // A place more may lie on a page that the file has already.
     if (room) roomFound_ = roomFound_ || end - offset >= PlacePool::leastAhead;
     if (!room) roomMissed_ = true;
     return room;
   };
+}
+
+void TableCollection::tellPages(const TableFile& file) const {
+  const int reason = file.takeRefusal();
+  if (reason == 0) return;
+  context_->reportShortage(path_, std::string("the kernel gives no pages of 2 MiB here (") + std::strerror(reason) +
+                                      "): tables go on with small ones");
 }
 
 void TableCollection::tellRoom(WriteResult result) {
@@ -101,6 +105,7 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
     writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_));
     storeWriterWords(*file_);
     if (isNew) file_->publish();
+    tellPages(*file_);
     if (writer_->sequence() > maxSequence / 2) countAnew();
   }
 }
@@ -171,6 +176,7 @@ void TableCollection::copyEntries(std::uint32_t capacity) {
   writer->copyFrom(TableView(file_->image(), report_));
   storeWriterWords(*next);
   next->publish();
+  tellPages(*next);
   writer_ = std::move(writer);
   file_ = std::move(next);
 }

@@ -114,6 +114,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void beginGeneration();
   void storeWriterWords(const TableFile& file) const;
   std::string fileName() const { return context_->directory + "/" + tableFileName(path_) + ".table"; }
+  // That the kernel gives no pages of 2 MiB, where they are asked for.
+  void tellPages(const TableFile& file) const;
   // What a writer asks for room in its file.
   Reserve roomIn(const TableFile& file);
   // After a write that asked for room. That the disk is full is told once, until it is not.

@@ -297,6 +297,7 @@ TEST_F(TableFileTest, PagesOfTwoMebibytesAreGivenOrRefusedInALine) {
       writing.corruptionHandlerIs([this](const std::string&, const std::string& what) { damage.push_back(what); });
       writing.hugePagesAreWanted();
       const auto written = writer(writing, entries);
+      const auto toldAtOnce = damage.size();
       writing.mount("other", FixedTable::typeName, MountKind::writer, CollectionInfo{"route", entries});
       for (std::uint64_t key = goes; key < entries; key += 2) {
         written->routeIs({key, key});
@@ -307,6 +308,7 @@ TEST_F(TableFileTest, PagesOfTwoMebibytesAreGivenOrRefusedInALine) {
       writing.checkInvariants();
       EXPECT_EQ(contents(*reader(reading)), model);
       EXPECT_EQ(contents(*written), model);
+      EXPECT_TRUE(goes > 0 || damage.size() == toldAtOnce) << "it was known when the file was made";
     }
     const auto refusals = std::count_if(damage.begin(), damage.end(), [](const std::string& line) {
       return line.starts_with("the kernel gives no pages of 2 MiB here (");
