@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/values/Assert.h"
+
 namespace LinuxPlatform {
 
 void PlacePool::adopt(std::uint32_t used, std::vector<std::uint32_t> freed) {
@@ -18,6 +20,7 @@ std::uint32_t PlacePool::take() {
     freed_.pop_back();
     return place;
   }
+  PLATFORM_ASSERT(used_ < reserved_);
   storeNumber(*mark_, std::uint64_t{used_} + 1);
   return used_++;
 }

@@ -190,8 +190,7 @@ class RadixOrderWriter : private RadixOrder {
   std::array<PlacePool, nodeKinds> pools_;
   std::optional<Spot> at_;  // of the key expected last, while the tree has not changed
   KeyWords expected_;
-  std::vector<Cell> way_;       // the cells of the nodes that were passed, from the root
-  std::uint32_t readyFor_ = 0;  // so many insertions find their nodes, whatever they are
+  std::vector<Cell> way_;  // the cells of the nodes that were passed, from the root
 };
 
 }  // namespace LinuxPlatform

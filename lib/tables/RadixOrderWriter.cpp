@@ -44,9 +44,10 @@ RadixOrderWriter::RadixOrderWriter(const TableImage& image, const Reserve& reser
              PlacePool(image.geometry().nodes[3], image.state().nodesUsed[3], reserve)} {}
 
 bool RadixOrderWriter::ready() {
-  if (readyFor_ > 0) return true;
   // Keys that part late need a row of small nodes; a full node gives way to a larger one.
   const std::uint32_t small = image_.geometry().keySize / (longestPrefix + 1) + 2;
+  const auto has = [this](unsigned kind, std::uint32_t wanted) { return pools_[kind].left() >= wanted; };
+  if (has(0, small) && has(1, 1) && has(2, 1) && has(3, 1)) return true;
   std::uint32_t left = 0;  // larger ones that nobody needs
   for (unsigned kind = nodeKinds; kind-- > 0;) {
     const std::uint32_t wanted = kind == 0 ? small : 1;
@@ -54,8 +55,6 @@ bool RadixOrderWriter::ready() {
     if (pools_[kind].left() + left < wanted) return false;
     left = pools_[kind].left() + left - wanted;
   }
-  readyFor_ = pools_[0].left() / small;
-  for (unsigned kind = 1; kind < nodeKinds; ++kind) readyFor_ = std::min(readyFor_, pools_[kind].left());
   return true;
 }
 
@@ -180,6 +179,7 @@ void RadixOrderWriter::retire(NodeRef ref) {
 // --- Changes ---------------------------------------------------------------------------------------------------------
 
 void RadixOrderWriter::refIs(const Cell& cell, NodeRef ref) {
+  at_.reset();
   if (cell.owner == 0) {
     storeNumber(image_.state().root, ref);
     return;
@@ -252,7 +252,6 @@ RadixOrderWriter::Spot RadixOrderWriter::goTo(const KeyWords& key) {
 bool RadixOrderWriter::insert(const KeyWords& key, std::uint32_t slot) {
   const auto [cell, depth] = goTo(key);
   const NodeRef ref = refOf(cell);
-  readyFor_ -= readyFor_ > 0 ? 1 : 0;
   if (ref == 0) {
     refIs(cell, refOfSlot(slot));
     return true;
@@ -355,7 +354,6 @@ bool RadixOrderWriter::descend(const KeyWords& key, Cell& cell, std::vector<Cell
 
 bool RadixOrderWriter::erase(const KeyWords& key, std::uint32_t slot) {
   const Spot spot = goTo(key);
-  readyFor_ = 0;
   if (refOf(spot.cell) != refOfSlot(slot)) return false;
   refIs(spot.cell, 0);
   while (!way_.empty() && shrink(way_.back())) way_.pop_back();
@@ -445,7 +443,6 @@ std::optional<std::uint32_t> RadixOrderWriter::find(const KeyWords& key) const {
 
 bool RadixOrderWriter::adopt(const KeyWords* interrupted) {
   at_.reset();
-  readyFor_ = 0;
   const TableState& state = image_.state();
   if (!isSound(load(state.root))) return false;
   for (unsigned kind = 0; kind < nodeKinds; ++kind) {
@@ -508,7 +505,6 @@ bool RadixOrderWriter::markReachable(NodeRef ref, unsigned depth,
 
 void RadixOrderWriter::clear() {
   at_.reset();
-  readyFor_ = 0;
   looseIs(false);
   storeNumber(image_.state().root, 0);
   for (unsigned kind = 0; kind < nodeKinds; ++kind) {
