@@ -399,7 +399,7 @@ void KernelRouteSm::lookUpFacts(std::span<RouteFacts<Family>> facts) const {
 
 template <class Family>
 const KernelRouteSm::RouteFacts<Family>& KernelRouteSm::factsOf(const BasicRouteVrfKey<Family>& key) {
-  return sides_.of<Family>().readAhead.of(key, [this](auto facts) { lookUpFacts<Family>(facts); });
+  return sides_.of<Family>().readAhead.of(key, [this](auto facts) { this->lookUpFacts<Family>(facts); });
 }
 
 template <class Family>
@@ -408,7 +408,7 @@ void KernelRouteSm::readAheadOfFresh() {
   std::array<BasicRouteVrfKey<Family>, ReadAhead<RouteFacts<Family>>::group> next;
   const std::size_t count = side.toProcess.freshKeys(next);
   side.readAhead.read(std::span<const BasicRouteVrfKey<Family>>(next).first(count),
-                      [this](auto facts) { lookUpFacts<Family>(facts); });
+                      [this](auto facts) { this->lookUpFacts<Family>(facts); });
 }
 
 void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {

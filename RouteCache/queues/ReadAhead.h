@@ -68,8 +68,9 @@ void lookUp(std::span<Facts> facts, const Table& table, KeyOf&& keyOf, Put&& put
     }
   }
   if (count == 0) return;
-  table.entries(std::span<const typename Table::Key>(keys).first(count),
-                [&](std::size_t number, auto&& value) { put(*whose[number], std::move(value)); });
+  table.entries(
+      std::span<const typename Table::Key>(keys).first(count),
+      [&](std::size_t number, std::optional<typename Table::Value>&& value) { put(*whose[number], std::move(value)); });
 }
 
 }  // namespace RouteCache

@@ -346,7 +346,7 @@ void SwRouteSm::lookUpConfigured(std::span<RouteFacts> facts) const {
       [](const RouteFacts& each) {
         return each.key.prefix().family() == Family::family ? std::optional(each.key) : std::nullopt;
       },
-      [](RouteFacts& each, std::optional<Route>&& route) { each.route = std::move(route); });
+      [](RouteFacts& each, const std::optional<Route>& route) { each.route = route; });
 }
 
 template <class Family>

@@ -53,7 +53,7 @@ class RadixOrderBuilder {
   // How far the items of the last node of the way have been dealt out by their bytes.
   struct Dealing {
     std::array<std::uint32_t, 256> next, ends;
-    unsigned byte = 0;
+    unsigned byte;
   };
   std::uint64_t bytesOf(std::uint32_t slot, unsigned word) const;
   std::uint8_t byteOf(const Item& item, unsigned depth) const {
