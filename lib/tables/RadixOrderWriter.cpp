@@ -262,8 +262,9 @@ bool RadixOrderWriter::insert(const KeyWords& key, std::uint32_t slot) {
   const unsigned length = prefixLengthIn(load(node[1]));
   unsigned same = 0;
   while (same < length && prefixByte(node, same) == key.bytes()[depth + same]) ++same;
-  // What is copied gets a new check: damage would not show any more.
-  if ((same < length || isFull(ref)) && !nodeIsWhole(node, kindOf(ref))) return false;
+  // What is copied gets a new check: damage would not show any more. And a damaged reference that is left alone may
+  // come to lead to a node that has been filled anew.
+  if (!nodeIsWhole(node, kindOf(ref))) return false;
   if (same < length) {
     splitPrefix(cell, ref, same, key.bytes()[depth + same], slot);
     if (!way_.empty()) joinAbove(way_.back());

@@ -393,10 +393,10 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
       if (order > 0 || (order == 0 && inclusive)) {
         if (isLive(here.version())) {
           const Outcome outcome = tryEntry(slot, here, &value, found);
-          if (outcome != Outcome::absent) {
-            cursor.next += outcome == Outcome::found ? 1 : 0;
-            return outcome == Outcome::found && epoch() != before ? Outcome::contradiction : outcome;
-          }
+          if (outcome == Outcome::found && epoch() != before) return Outcome::contradiction;
+          // What is not returned is met again.
+          if (outcome == Outcome::found) ++cursor.next;
+          if (outcome != Outcome::absent) return outcome;
         } else if (!isSoundWithoutEntry(here.version())) {
           reportEntry(slot);
         }

@@ -59,6 +59,7 @@ class TableView {
   void expect(std::span<const KeyWords> keys) const;
   // Whether the indexes have contradicted themselves since this was last asked.
   bool takeContradiction() const { return std::exchange(contradicted_, false); }
+  // `from` is no part of `found`.
   bool seek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const;
 
   enum class ValueRead : std::uint8_t { whole, changed, damaged };
@@ -110,7 +111,7 @@ class TableView {
   std::uint64_t id_;
   mutable std::vector<std::byte> scratch_;    // a value that only its check is wanted of
   mutable std::shared_ptr<InOrder> inOrder_;  // while the indexes are of no use
-  mutable std::uint64_t standing_ = 0;        // an epoch's word by which the indexes stood
+  mutable std::uint64_t standing_ = 1;        // an epoch's word by which the indexes stood; odd: none yet
   mutable bool contradicted_ = false;
 };
 
