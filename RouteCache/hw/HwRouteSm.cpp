@@ -2,7 +2,6 @@
 #include "RouteCache/hw/HwRouteSm.h"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/tables/Trie.h"
 #include "platform/values/Assert.h"
@@ -483,9 +482,8 @@ void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
 }
 
 void HwRouteSm::readAheadOfFresh() {
-  std::array<Key, ReadAhead<RouteFacts>::group> next;
-  const std::size_t count = routeToProcess_.freshKeys(next);
-  readAhead_.read(std::span<const Key>(next).first(count), [this](auto facts) { lookUpFacts(facts); });
+  readAhead_.readNext([this](auto keys) { return routeToProcess_.freshKeys(keys); },
+                      [this](auto facts) { lookUpFacts(facts); });
 }
 
 void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {

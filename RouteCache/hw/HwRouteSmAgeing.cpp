@@ -1,6 +1,5 @@
 // HwRouteSm: the scan of the time slices and the ageing that follows it.
 #include <algorithm>
-#include <array>
 
 #include "RouteCache/hw/HwRouteSm.h"
 #include "platform/values/Assert.h"
@@ -106,9 +105,8 @@ void HwRouteSm::lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) c
 }
 
 void HwRouteSm::readAheadOfDue(std::uint16_t slice) {
-  std::array<Key, ReadAhead<ScanFacts>::group> next;
-  const std::size_t count = slices_->dueKeys(next);
-  scanAhead_.read(std::span<const Key>(next).first(count), [&](auto facts) { lookUpScanned(facts, slice); });
+  scanAhead_.readNext([this](auto keys) { return slices_->dueKeys(keys); },
+                      [&](auto facts) { lookUpScanned(facts, slice); });
 }
 
 void HwRouteSm::scanRoute(const Key& key, std::uint16_t slice) {

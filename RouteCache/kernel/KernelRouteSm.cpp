@@ -1,7 +1,6 @@
 #include "RouteCache/kernel/KernelRouteSm.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <utility>
 
@@ -405,10 +404,8 @@ const KernelRouteSm::RouteFacts<Family>& KernelRouteSm::factsOf(const BasicRoute
 template <class Family>
 void KernelRouteSm::readAheadOfFresh() {
   auto& side = sides_.of<Family>();
-  std::array<BasicRouteVrfKey<Family>, ReadAhead<RouteFacts<Family>>::group> next;
-  const std::size_t count = side.toProcess.freshKeys(next);
-  side.readAhead.read(std::span<const BasicRouteVrfKey<Family>>(next).first(count),
-                      [this](auto facts) { this->lookUpFacts<Family>(facts); });
+  side.readAhead.readNext([&side](auto keys) { return side.toProcess.freshKeys(keys); },
+                          [this](auto facts) { this->lookUpFacts<Family>(facts); });
 }
 
 void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {

@@ -31,7 +31,16 @@ class ReadAhead {
     return facts_[next_++];
   }
   bool empty() const { return next_ == count_; }
-  // The keys whose turns come next, in this order; as many as a group has.
+  // For the keys whose turns come next: `next` fills in those that there is room for, in this order, and says how many.
+  template <class Next, class Look>
+  void readNext(Next&& next, Look&& look) {
+    std::array<Key, group> keys;
+    const std::size_t count = next(std::span<Key>(keys));
+    read(std::span<const Key>(keys).first(count), look);
+  }
+  void clear() { next_ = count_ = 0; }
+
+ private:
   template <class Look>
   void read(std::span<const Key> keys, Look&& look) {
     next_ = 0;
@@ -42,9 +51,7 @@ class ReadAhead {
     }
     look(std::span(facts_).first(count_));
   }
-  void clear() { next_ = count_ = 0; }
 
- private:
   std::array<Facts, group> facts_;
   std::size_t next_ = 0;
   std::size_t count_ = 0;

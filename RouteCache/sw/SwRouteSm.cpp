@@ -1,7 +1,6 @@
 #include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/values/Assert.h"
 
@@ -270,9 +269,8 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
 }
 
 void SwRouteSm::readAheadOfFresh() {
-  std::array<RouteKey, ReadAhead<RouteFacts>::group> next;
-  const std::size_t count = routeToProcess_.freshKeys(next);
-  readAhead_.read(std::span<const RouteKey>(next).first(count), [this](auto facts) { lookUpFacts(facts); });
+  readAhead_.readNext([this](auto keys) { return routeToProcess_.freshKeys(keys); },
+                      [this](auto facts) { lookUpFacts(facts); });
 }
 
 template <class Family>

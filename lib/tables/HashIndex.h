@@ -53,9 +53,14 @@ class HashIndex {
     return matches(line, tag, ~slotMask_);
   }
   // Whether the line is as a writer left it.
-  static bool lineIsWhole(const std::uint32_t* line);
+  static bool lineIsWhole(const std::uint32_t* line) {
+    const std::uint32_t first = load(line[0]);
+    return checkedLine(sumOf(line, places + 1) ^ first, overflowOf(first)) == first;
+  }
   // What the first word of the line has to be.
-  static std::uint32_t firstWord(const std::uint32_t* line, std::uint32_t overflow);
+  static std::uint32_t firstWord(const std::uint32_t* line, std::uint32_t overflow) {
+    return checkedLine(sumOf(line, places + 1) ^ load(line[0]), overflow);
+  }
 
  protected:
   static std::uint32_t matches(const std::uint32_t* line, std::uint32_t value, std::uint32_t mask);
@@ -82,32 +87,13 @@ inline std::uint32_t HashIndex::matches(const std::uint32_t* line, std::uint32_t
   std::atomic_signal_fence(std::memory_order_seq_cst);
   return static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) & 0xfffe;
 }
-inline bool HashIndex::lineIsWhole(const std::uint32_t* line) {
-  const std::uint32_t first = load(line[0]);
-  const auto* fours = reinterpret_cast<const __m128i*>(line);
-  const auto both = [&](int i) { return _mm_xor_si128(_mm_load_si128(fours + i), _mm_load_si128(fours + i + 1)); };
-  __m128i sums = _mm_xor_si128(both(0), both(2));
-  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
-  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  return checkedLine(static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) ^ first, overflowOf(first)) == first;
-}
 #else
-inline bool HashIndex::lineIsWhole(const std::uint32_t* line) {
-  return firstWord(line, overflowOf(load(line[0]))) == load(line[0]);
-}
 inline std::uint32_t HashIndex::matches(const std::uint32_t* line, std::uint32_t value, std::uint32_t mask) {
   std::uint32_t found = 0;
   for (unsigned i = 1; i <= places; ++i) found |= std::uint32_t{(load(line[i]) & mask) == value} << i;
   return found;
 }
 #endif
-
-inline std::uint32_t HashIndex::firstWord(const std::uint32_t* line, std::uint32_t overflow) {
-  std::uint32_t sum = load(line[1]);
-  for (unsigned i = 2; i <= places; ++i) sum ^= load(line[i]);
-  return checkedLine(sum, overflow);
-}
 
 // Its changes, by the one process that holds the table's lock.
 class HashIndexWriter : public HashIndex {

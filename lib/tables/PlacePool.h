@@ -29,7 +29,8 @@ class PlacePool {
   void adopt(std::uint32_t used, std::vector<std::uint32_t> freed);
   // Makes sure that so many places can be taken. False: there are not so many, or the filesystem is full.
   bool ready(std::uint32_t count) { return left() >= count || extend(count); }
-  // After ready(). What was given back last is taken first: its bytes are at hand.
+  // After ready(), or the process stops: there is no room for it. What was given back last is taken first: its bytes
+  // are at hand.
   std::uint32_t take();
   void give(std::uint32_t place) { freed_.push_back(place); }
 

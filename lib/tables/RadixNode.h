@@ -98,28 +98,13 @@ constexpr std::uint32_t checkOfWord(std::uint32_t word) {
 inline constexpr std::uint32_t emptyCheck = 0x6b35;
 // What stands in word 0 beside this version.
 inline std::uint32_t nodeHead(const std::uint32_t* node, unsigned kind, std::uint32_t version) {
-  std::uint32_t sum = 0;
-  for (unsigned i = 1; i < nodeWords[kind]; ++i) sum ^= load(node[i]);
+  const std::uint32_t sum = sumOf(node, nodeWords[kind]) ^ load(node[0]);
   return (checkOfWord(sum) ^ emptyCheck) << 16 | (version & 0xffff);
 }
-// Whether the node is as a writer left it. Several words at a time: large nodes are looked at often.
+// Whether the node is as a writer left it.
 inline bool nodeIsWhole(const std::uint32_t* node, unsigned kind) {
   const std::uint32_t head = load(node[0]);
-#ifdef SHARED_TABLE_FOUR_WORDS_AT_A_TIME
-  // Nodes begin at multiples of 16 bytes, and are such.
-  const auto* fours = reinterpret_cast<const __m128i*>(node);
-  __m128i sums = _mm_load_si128(fours);
-#pragma GCC unroll 4
-  for (unsigned i = 1; i < nodeWords[kind] / 4; ++i) sums = _mm_xor_si128(sums, _mm_load_si128(fours + i));
-  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
-  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  const std::uint32_t sum = static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums)) ^ head;
-#else
-  std::uint32_t sum = 0;
-  for (unsigned i = 1; i < nodeWords[kind]; ++i) sum ^= load(node[i]);
-#endif
-  return head >> 16 == (checkOfWord(sum) ^ emptyCheck);
+  return head >> 16 == (checkOfWord(sumOf(node, nodeWords[kind]) ^ head) ^ emptyCheck);
 }
 
 }  // namespace LinuxPlatform

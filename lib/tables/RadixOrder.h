@@ -176,9 +176,8 @@ class RadixOrderWriter : private RadixOrder {
   // Whether a node may be larger than need be, for there was no room for another.
   void looseIs(bool loose) { storeNumber(image_.state().looseOrder, loose ? 1 : 0); }
   bool join(const Cell& cell, std::uint8_t byte, NodeRef only);
-  // Follows the key to its slot's cell; false: it leads nowhere. `way` gets the cells of the nodes passed, from the
-  // root.
-  bool descend(const KeyWords& key, Cell& cell, std::vector<Cell>* way) const;
+  // Goes down with the key as far as it is led. `way` gets the cells of the nodes that are its, from the root.
+  Spot follow(const KeyWords& key, std::vector<Cell>* way) const;
   void expectNode(NodeRef ref, const KeyWords& key, unsigned depth) const;
   bool sweep();
   void recount(NodeRef ref);
@@ -190,7 +189,7 @@ class RadixOrderWriter : private RadixOrder {
   std::array<PlacePool, nodeKinds> pools_;
   std::optional<Spot> at_;  // of the key expected last, while the tree has not changed
   KeyWords expected_;
-  std::vector<Cell> way_;  // the cells of the nodes that were passed, from the root
+  std::vector<Cell> way_;  // to it
 };
 
 }  // namespace LinuxPlatform

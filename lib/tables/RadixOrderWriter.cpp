@@ -206,23 +206,26 @@ void RadixOrderWriter::append(NodeRef ref, std::uint8_t byte, NodeRef child) {
   if (kind == 2) edit.byteIs(keyByteWord, byte, static_cast<std::uint8_t>(at + 1));
 }
 
-// Follows the key down as far as nodes lead.
 void RadixOrderWriter::expect(const KeyWords& key) {
-  Cell cell = root();
   expected_ = key;
-  unsigned depth = 0;
-  for (way_.clear();; ++depth) {
-    at_ = Spot{cell, depth};
+  way_.clear();
+  at_ = follow(key, &way_);
+}
+
+RadixOrderWriter::Spot RadixOrderWriter::follow(const KeyWords& key, std::vector<Cell>* way) const {
+  Cell cell = root();
+  for (unsigned depth = 0;; ++depth) {
+    const Spot spot{cell, depth};
     const NodeRef ref = refOf(cell);
-    if (ref == 0 || isSlot(ref) || !isSane(ref, depth)) return;
+    if (ref == 0 || isSlot(ref) || !isSane(ref, depth)) return spot;
     const std::uint32_t* node = nodeAt(ref);
     const unsigned length = prefixLengthIn(load(node[1]));
     for (unsigned i = 0; i < length; ++i, ++depth) {
-      if (prefixByte(node, i) != key.bytes()[depth]) return;
+      if (prefixByte(node, i) != key.bytes()[depth]) return spot;
     }
+    if (way != nullptr) way->push_back(cell);
     std::uint32_t* next = place(ref, key.bytes()[depth]);
-    if (next == nullptr) return;
-    way_.push_back(cell);
+    if (next == nullptr) return spot;
     cell = {ref, next};
     if (const NodeRef child = load(*next); isSlot(child)) {
       image_.expectSlot(slotIn(child));
@@ -335,24 +338,6 @@ void RadixOrderWriter::addChild(const Cell& cell, NodeRef ref, std::uint8_t byte
   retire(ref);
 }
 
-bool RadixOrderWriter::descend(const KeyWords& key, Cell& cell, std::vector<Cell>* way) const {
-  cell = root();
-  for (unsigned depth = 0;; ++depth) {
-    const NodeRef ref = refOf(cell);
-    if (ref == 0 || !isSane(ref, depth)) return false;
-    if (isSlot(ref)) return true;
-    const std::uint32_t* node = nodeAt(ref);
-    const unsigned length = prefixLengthIn(load(node[1]));
-    for (unsigned i = 0; i < length; ++i, ++depth) {
-      if (prefixByte(node, i) != key.bytes()[depth]) return false;
-    }
-    if (way != nullptr) way->push_back(cell);
-    std::uint32_t* next = place(ref, key.bytes()[depth]);
-    if (next == nullptr) return false;
-    cell = {ref, next};
-  }
-}
-
 bool RadixOrderWriter::erase(const KeyWords& key, std::uint32_t slot) {
   const Spot spot = goTo(key);
   if (refOf(spot.cell) != refOfSlot(slot)) return false;
@@ -429,15 +414,14 @@ void RadixOrderWriter::joinAbove(const Cell& cell) {
 }
 
 bool RadixOrderWriter::leadsTo(const KeyWords& key, std::uint32_t slot) const {
-  Cell cell;
-  return descend(key, cell, nullptr) && refOf(cell) == refOfSlot(slot);
+  return refOf(follow(key, nullptr).cell) == refOfSlot(slot);
 }
 
 std::optional<std::uint32_t> RadixOrderWriter::find(const KeyWords& key) const {
-  Cell cell;
-  if (!descend(key, cell, nullptr)) return std::nullopt;
-  const std::uint32_t slot = slotIn(refOf(cell));
-  return image_.compare(image_.keyOf(slot), key) == 0 ? std::optional(slot) : std::nullopt;
+  const NodeRef ref = refOf(follow(key, nullptr).cell);
+  if (!isSlot(ref) || slotIn(ref) >= image_.geometry().slots) return std::nullopt;
+  return image_.holds(image_.slot(slotIn(ref)), key, image_.geometry().keyWordCount) ? std::optional(slotIn(ref))
+                                                                                     : std::nullopt;
 }
 
 // --- Taking over -----------------------------------------------------------------------------------------------------
@@ -458,8 +442,7 @@ bool RadixOrderWriter::adopt(const KeyWords* interrupted) {
   if (interrupted == nullptr) return true;
   // The node that was being changed is one on the way to the key.
   std::vector<Cell> way;
-  Cell cell;
-  descend(*interrupted, cell, &way);
+  follow(*interrupted, &way);
   for (const Cell& passed : way) {
     if (!nodeIsWhole(nodeAt(refOf(passed)), kindOf(refOf(passed)))) recount(refOf(passed));
   }

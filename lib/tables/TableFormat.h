@@ -149,6 +149,26 @@ inline void copyBytes(std::byte* to, const std::byte* from, std::size_t size) {
   if ((size & 1) != 0) *to = *from;
 }
 
+// What the words come to, each exclusive-or-ed with the others: a multiple of four, at a multiple of 16 bytes. Several
+// at a time, for lines and nodes are summed up often; aligned ones are loaded whole on every machine that has these
+// instructions.
+inline std::uint32_t sumOf(const std::uint32_t* words, unsigned count) {
+#ifdef SHARED_TABLE_FOUR_WORDS_AT_A_TIME
+  const auto* fours = reinterpret_cast<const __m128i*>(words);
+  __m128i sums = _mm_load_si128(fours);
+#pragma GCC unroll 4
+  for (unsigned i = 1; i < count / 4; ++i) sums = _mm_xor_si128(sums, _mm_load_si128(fours + i));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 8));
+  sums = _mm_xor_si128(sums, _mm_srli_si128(sums, 4));
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  return static_cast<std::uint32_t>(_mm_cvtsi128_si32(sums));
+#else
+  std::uint32_t sum = 0;
+  for (unsigned i = 0; i < count; ++i) sum ^= load(words[i]);
+  return sum;
+#endif
+}
+
 // Every bit of both words has a say in every bit of the result.
 inline std::uint64_t fold(std::uint64_t a, std::uint64_t b) {
   __extension__ using Wide = unsigned __int128;
@@ -460,6 +480,11 @@ struct SlotImage {
     return wordAcross(words[at / 8], words[std::min(at / 8 + 1, 7U)], at % 8 * 8);
   }
 };
+
+// Where the value of the entry in a slot lies, when values lie in the heap.
+inline HeapExtent extentIn(const SlotImage& slot, const TableGeometry& geometry) {
+  return HeapExtent(slot.wordAt(geometry.bufferAt(bufferOf(slot.version()))));
+}
 
 // --- The mapped table ------------------------------------------------------------------------------------------------
 

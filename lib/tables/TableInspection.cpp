@@ -73,9 +73,7 @@ std::optional<HeapExtent> TableInspection::extentOf(std::uint32_t slot) const {
   const TableGeometry& geometry = image_.geometry();
   SlotImage here;
   if (!geometry.inHeap || !image_.readSlot(slot, here) || !isLive(here.version())) return std::nullopt;
-  std::uint64_t descriptor = 0;
-  std::memcpy(&descriptor, here.bytes() + geometry.bufferAt(bufferOf(here.version())), sizeof descriptor);
-  const HeapExtent extent(descriptor);
+  const HeapExtent extent = extentIn(here, geometry);
   return extent.isPlaceIn(geometry) ? std::optional(extent) : std::nullopt;
 }
 

@@ -5,6 +5,7 @@
 #include <bit>
 #include <map>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace LinuxPlatform {
@@ -54,7 +55,7 @@ TableView::ValueRead TableView::readValue(std::uint32_t slot, const SlotImage& e
   const TableGeometry& geometry = image_.geometry();
   const unsigned begin = geometry.bufferAt(bufferOf(entry.version()));
   if (geometry.inHeap) {
-    const HeapExtent extent(entry.wordAt(begin));
+    const HeapExtent extent = extentIn(entry, geometry);
     const bool good = extent.isPlaceIn(geometry);
     if (good && out.empty() && scratch_.empty()) scratch_.resize(geometry.maxValueSize);
     if (good && out.empty()) out = scratch_;
@@ -208,17 +209,30 @@ TableView::Outcome TableView::readEntry(std::uint32_t slot, MutableBytes value, 
   return read ? Outcome::found : Outcome::contradiction;
 }
 
-TableView::Outcome TableView::glance(const KeyWords& key, MutableBytes value, Entry& found) const {
+// Calls it for the number of words that the table's keys have.
+template <class Call>
+auto TableView::forKeyWords(Call call) const {
+  static_assert(maxKeyWords == 5);
   switch (image_.geometry().keyWordCount) {
     case 1:
-      return glance<1>(key, value, found);
+      return call(std::integral_constant<unsigned, 1>());
     case 2:
-      return glance<2>(key, value, found);
+      return call(std::integral_constant<unsigned, 2>());
     case 3:
-      return glance<3>(key, value, found);
+      return call(std::integral_constant<unsigned, 3>());
+    case 4:
+      return call(std::integral_constant<unsigned, 4>());
     default:
-      return Outcome::contradiction;
+      return call(std::integral_constant<unsigned, 5>());
   }
+}
+
+TableView::Outcome TableView::glance(const KeyWords& key, MutableBytes value, Entry& found) const {
+  return forKeyWords([&](auto words) { return this->glance<words>(key, value, found); });
+}
+
+TableView::Outcome TableView::step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const {
+  return forKeyWords([&](auto words) { return this->step<words>(past, value, cursor, found); });
 }
 
 bool TableView::find(const KeyWords& key, MutableBytes value, Entry& found) const {
@@ -298,19 +312,6 @@ std::optional<TableView::Outcome> TableView::tryPlace(std::uint32_t slot, const 
   std::size_t size = 0;
   if (readValue(slot, here, {}, size) == ValueRead::damaged) reportEntry(slot);
   return std::nullopt;
-}
-
-TableView::Outcome TableView::step(const KeyWords& past, MutableBytes value, WalkCursor& cursor, Entry& found) const {
-  switch (image_.geometry().keyWordCount) {
-    case 1:
-      return step<1>(past, value, cursor, found);
-    case 2:
-      return step<2>(past, value, cursor, found);
-    case 3:
-      return step<3>(past, value, cursor, found);
-    default:
-      return Outcome::contradiction;
-  }
 }
 
 bool TableView::seek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const {

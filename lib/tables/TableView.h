@@ -79,6 +79,8 @@ class TableView {
   Activity activity() const;
   std::uint64_t epoch() const { return load(image_.state().epoch); }
   static bool indexesStand(std::uint64_t epoch) { return isSound(epoch) && (epoch & 1) == 0; }
+  template <class Call>
+  auto forKeyWords(Call call) const;
   template <unsigned keyWordCount>
   Outcome glance(const KeyWords& key, MutableBytes value, Entry& found) const;
   Outcome glance(const KeyWords& key, MutableBytes value, Entry& found) const;

@@ -97,7 +97,7 @@ bool TableWriter::hasRoom(std::size_t valueSize) {
 }
 
 SlotImage TableWriter::loadWords(std::uint32_t slot) const {
-  SlotImage image;
+  SlotImage image{};
   const std::uint64_t* from = image_.slot(slot);
   for (unsigned i = 0; i < image_.geometry().slotWords; ++i) image.words[i] = load(from[i]);
   return image;
@@ -204,10 +204,7 @@ std::optional<HeapExtent> TableWriter::extentOf(std::uint32_t slot) {
     report_("slot " + std::to_string(slot) + " holds a damaged entry");
     return std::nullopt;
   }
-  const SlotImage words = loadWords(slot);
-  std::uint64_t descriptor = 0;
-  std::memcpy(&descriptor, words.bytes() + image_.geometry().bufferAt(bufferOf(words.version())), sizeof descriptor);
-  return HeapExtent(descriptor);
+  return extentIn(loadWords(slot), image_.geometry());
 }
 
 void TableWriter::giveBack(const std::optional<HeapExtent>& extent) {

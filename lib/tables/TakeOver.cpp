@@ -154,10 +154,7 @@ void TableWriter::adoptHeap(Survey& found) {
   for (std::uint32_t slot = 0; slot < found.usedEnd; ++slot) {
     if (!isLive(load(image_.version(slot))) || std::binary_search(found.damaged.begin(), found.damaged.end(), slot))
       continue;
-    const SlotImage words = loadWords(slot);
-    std::uint64_t descriptor = 0;
-    std::memcpy(&descriptor, words.bytes() + geometry.bufferAt(bufferOf(words.version())), sizeof descriptor);
-    const HeapExtent extent(descriptor);
+    const HeapExtent extent = extentIn(loadWords(slot), geometry);
     const unsigned heapClass = geometry.heapClassFor(extent.size);
     const PlaceSection& places = geometry.heap[heapClass];
     const std::size_t place = (extent.offset - places.begin) / places.size;

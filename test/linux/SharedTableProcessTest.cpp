@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -26,7 +25,6 @@
 #include "lib/tables/TableWriter.h"
 #include "linux/files/ProcessLimits.h"
 #include "linux/tables/SharedTableService.h"
-#include "platform/values/Hash.h"
 #include "test/support/TestTables.h"
 
 namespace {
@@ -44,131 +42,49 @@ using TestTables::SizedTable;
 
 constexpr auto never = [] { return false; };
 
-// A child that runs one function and goes with its parent, if not before.
-class Process {
- public:
-  explicit Process(const std::function<void()>& run) : pid_(fork()) {
-    if (pid_ != 0) return;
+// The wait status of a child that runs one function.
+int statusOfChild(const std::function<void()>& run) {
+  const pid_t pid = fork();
+  if (pid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     run();
     _exit(testing::Test::HasFailure() ? 1 : 0);
   }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() { kill(); }
-  pid_t pid() const { return pid_; }
-  void signal(int number) const { ::kill(pid_, number); }
-  bool runs() const {
-    siginfo_t ended{};
-    return waitid(P_PID, static_cast<id_t>(pid_), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 && ended.si_pid == 0;
-  }
-  // Its wait status once it has stopped or ended.
-  int waited() const {
-    int status = 0;
-    waitpid(pid_, &status, WUNTRACED);
-    return status;
-  }
-  void kill() {
-    if (pid_ <= 0) return;
-    signal(SIGKILL);
-    waitpid(std::exchange(pid_, 0), nullptr, 0);
-  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return status;
+}
 
- private:
-  pid_t pid_;
-};
+using Contents = std::map<std::uint64_t, FixedRecord>;
 
-// What a child tells its parent while both run.
-struct Progress {
-  std::atomic<std::uint64_t> done{0};
-};
-class SharedProgress {
- public:
-  SharedProgress()
-      : progress_(new (mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0))
-                      Progress) {}
-  ~SharedProgress() { munmap(progress_, sizeof(Progress)); }
-  Progress* operator->() const { return progress_; }
-  // False: the process has ended before.
-  [[nodiscard]] bool reaches(std::uint64_t done, const Process& process) const {
-    while (progress_->done < done) {
-      if (!process.runs()) return progress_->done >= done;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-
- private:
-  Progress* progress_;
-};
-
-// The steps of an endless history, each a function of its number alone, so that whoever knows how far a writer came
-// knows what must stand in its tables. Even numbers stay for good once they have come.
-struct Step {
-  explicit Step(std::uint64_t number) {
-    const std::uint64_t hash = Platform::hashOf(number + 1);
-    key = hash % 200;
-    word = hash;
-    remove = key % 2 == 1 && (hash >> 32) % 2 == 0;
-  }
-  FixedRecord fixed() const { return {key, word}; }
-  SizedRecord sized() const { return {key, word, 1 + static_cast<std::uint32_t>(word >> 40) % SizedRecord::maxCount}; }
-  template <class Fixed, class Sized>
-  void applyTo(Fixed& fixedTable, Sized& sizedTable) const {
-    if (remove) {
-      fixedTable.routeDel(key);
-      sizedTable.routeDel(key);
-    } else {
-      fixedTable.routeIs(fixed());
-      sizedTable.routeIs(sized());
-    }
-  }
-  std::uint64_t key, word;
-  bool remove;
-};
-constexpr std::uint64_t lastingStep = 3000;  // every even number has come by then
-
-template <class Value>
-struct Model {
-  void routeIs(const Value& value) { entries[value.number] = value; }
-  void routeDel(std::uint64_t key) { entries.erase(key); }
-  bool operator==(const Model&) const = default;
-  std::map<std::uint64_t, Value> entries;
-};
-
-template <class TableType>
-auto contents(const TableType& table) {
-  Model<typename TableType::Value> found;
-  std::uint64_t count = 0;
+Contents contents(const FixedTable& table) {
+  Contents found;
   for (const auto& value : table) {
-    EXPECT_TRUE(found.entries.empty() || found.entries.rbegin()->first < value.number) << "out of order";
-    found.routeIs(value);
-    ++count;
+    EXPECT_TRUE(found.empty() || found.rbegin()->first < value.number) << "out of order";
+    found.emplace(value.number, value);
   }
-  EXPECT_EQ(count, found.entries.size());
   return found;
 }
 
 // What a process that follows the table believes it to hold.
-template <class TableType>
-class Believer final : public TableType::Reactor {
+class Believer final : public FixedTable::Reactor {
  public:
-  explicit Believer(std::shared_ptr<const TableType> table) : TableType::Reactor(table), table_(std::move(table)) {
+  explicit Believer(std::shared_ptr<const FixedTable> table) : FixedTable::Reactor(table), table_(std::move(table)) {
     believed = contents(*table_);
   }
   void handleMountStatus() override { ++mountStatus; }
   void handleEntry(const std::uint64_t& key) override {
     ++told;
-    believed.routeDel(key);
-    if (const auto value = table_->route(key)) believed.routeIs(*value);
+    believed.erase(key);
+    if (const auto value = table_->route(key)) believed.emplace(key, *value);
   }
-  Model<typename TableType::Value> believed;
-  const TableType& table() const { return *table_; }
+  Contents believed;
+  const FixedTable& table() const { return *table_; }
   std::uint64_t told = 0;
   std::uint64_t mountStatus = 0;
 
  private:
-  std::shared_ptr<const TableType> table_;
+  std::shared_ptr<const FixedTable> table_;
 };
 
 class SharedTableProcessTest : public testing::Test {
@@ -187,88 +103,34 @@ class SharedTableProcessTest : public testing::Test {
         [this](const std::string& path, const std::string& what) { damage.push_back(path + ": " + what); });
     return made;
   }
-  template <class TableType = FixedTable>
-  static std::shared_ptr<TableType> mount(SharedTableService& service, MountKind kind,
-                                          std::uint32_t entries = capacity) {
-    const std::string path = pathOf<TableType>();
-    service.mount(path, TableType::typeName, kind,
+  static std::shared_ptr<FixedTable> mount(SharedTableService& service, MountKind kind,
+                                           std::uint32_t entries = capacity) {
+    service.mount("fixed", FixedTable::typeName, kind,
                   kind == MountKind::writer ? std::optional(CollectionInfo{"route", entries}) : std::nullopt);
-    return service.get<TableType>(path);
+    return service.get<FixedTable>("fixed");
   }
-  template <class TableType>
-  static std::string pathOf() {
-    return std::is_same_v<TableType, SizedTable> ? "sized" : "fixed";
-  }
-  std::string fileOf(const std::string& path) const { return directory + "/tables/" + path + ".table"; }
-  // A process that writes the history until it is killed.
-  std::unique_ptr<Process> historian(const SharedProgress& progress) {
-    return std::make_unique<Process>([&] {
-      const auto writing = service();
-      const auto fixed = mount<FixedTable>(*writing, MountKind::writer);
-      const auto sized = mount<SizedTable>(*writing, MountKind::writer);
-      for (std::uint64_t step = 1;; ++step) {
-        Step(step).applyTo(*fixed, *sized);
-        progress->done = step;
-      }
-    });
-  }
-
+  std::string file() const { return directory + "/tables/fixed.table"; }
   const Platform::TableTypes types = TestTables::types();
   std::string directory;
   std::vector<std::string> damage;
 };
 
-template <class TableType>
-void readEverything(const TableType& table) {
-  const auto found = contents(table);
-  for (std::uint64_t key = 0; key < 200; key += 2) {
-    EXPECT_TRUE(found.entries.contains(key)) << "a walk missed " << key;
-    EXPECT_TRUE(table.route(key)) << "a lookup missed " << key;
-  }
-}
-
-TEST_F(SharedTableProcessTest, LockDiesWithItsWriterAndReadersHoldNone) {
-  SharedProgress progress;
-  const auto writer = historian(progress);
-  ASSERT_TRUE(progress.reaches(lastingStep, *writer));
-  const auto here = service();
-  try {
-    mount(*here, MountKind::writer);
-    ADD_FAILURE() << "two writers";
-  } catch (const TableError& error) {
-    EXPECT_STREQ(error.what(), "fixed mount: another process is the table's writer");
-  }
-  SharedProgress reader;
-  Process follower([&] {
-    const auto reading = service();
-    Believer<FixedTable> believer(mount(*reading, MountKind::reader));
-    reader->done = 1;
-    while (!HasFailure()) readEverything(*reading->get<FixedTable>("fixed"));
-  });
-  ASSERT_TRUE(reader.reaches(1, follower));
-  EXPECT_TRUE(follower.runs()) << "it has found fault";
-  follower.kill();
-  writer->kill();
-  readEverything(*mount(*here, MountKind::writer));
-  here->checkInvariants();
-}
-
 TEST_F(SharedTableProcessTest, OtherProcessesChangesWakeTheLoop) {
   unsigned wanted = 0;
   const auto reading = service([&] { ++wanted; });
-  Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  Believer believer(mount(*reading, MountKind::reader));
   const auto readable = [&](int milliseconds) {
     pollfd waiting{reading->wakeupFd(), POLLIN, 0};
     return poll(&waiting, 1, milliseconds) == 1;
   };
   const auto write = [&](std::uint64_t key, bool flush) {
-    Process([&] {
+    statusOfChild([&] {
       const auto writing = service();
       const auto table = mount(*writing, MountKind::writer);
       table->routeIs({key, key});
       if (flush) writing->flush();
       raise(SIGKILL);
-    }).waited();
+    });
   };
   EXPECT_FALSE(readable(0));
   for (const std::uint64_t key : {1u, 2u}) {  // the table appears; it changes
@@ -295,7 +157,7 @@ TEST_F(SharedTableProcessTest, OtherProcessesChangesWakeTheLoop) {
 TEST_F(SharedTableProcessTest, TableMadeAnewIsToldWhole) {
   const auto reading = service();
   const auto read = mount(*reading, MountKind::reader);
-  Believer<FixedTable> believer(read);
+  Believer believer(read);
   for (const std::vector<std::uint64_t>& keys : {std::vector<std::uint64_t>{1, 2, 3, 4}, {5}, {}}) {
     const auto writing = service();
     const auto table = mount(*writing, MountKind::writer);
@@ -303,24 +165,24 @@ TEST_F(SharedTableProcessTest, TableMadeAnewIsToldWhole) {
     reading->handleWakeup();
     EXPECT_TRUE(reading->deliverChanges(never));
     EXPECT_EQ(believer.believed, contents(*table));
-    std::filesystem::remove(fileOf("fixed"));
+    std::filesystem::remove(file());
   }
 }
 
 // What is lost is the file's name, its lock, or the whole directory; what takes its place may be no table at all.
 TEST_F(SharedTableProcessTest, AWriterPutsItsRemovedTableBack) {
   const std::function<void()> losses[] = {
-      [&] { std::filesystem::remove(fileOf("fixed")); },
+      [&] { std::filesystem::remove(file()); },
       [&] { std::filesystem::remove(directory + "/tables/fixed.lock"); },
       [&] { std::filesystem::remove_all(directory); },
-      [&] { std::filesystem::rename(fileOf("fixed"), directory + "/taken"); },
-      [&] { std::ofstream(fileOf("fixed") + "x"), std::filesystem::rename(fileOf("fixed") + "x", fileOf("fixed")); },
+      [&] { std::filesystem::rename(file(), directory + "/taken"); },
+      [&] { std::ofstream(file() + "x"), std::filesystem::rename(file() + "x", file()); },
   };
   const auto writing = service();
   const auto written = mount(*writing, MountKind::writer);
-  Believer<FixedTable> writersOwn(written);
+  Believer writersOwn(written);
   const auto reading = service();
-  Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  Believer believer(mount(*reading, MountKind::reader));
   std::uint64_t key = 1;
   for (const auto& lose : losses) {
     SCOPED_TRACE(key);
@@ -344,7 +206,7 @@ TEST_F(SharedTableProcessTest, AWriterPutsItsRemovedTableBack) {
     writing->deliverChanges(never);
     EXPECT_EQ(writersOwn.believed, contents(*written));
   }
-  EXPECT_EQ(contents(*written).entries.size(), key);
+  EXPECT_EQ(contents(*written).size(), key);
 
   // Another has become the writer meanwhile: nobody fights him, and he is told about.
   std::filesystem::remove_all(directory);
@@ -353,11 +215,11 @@ TEST_F(SharedTableProcessTest, AWriterPutsItsRemovedTableBack) {
   writing->pendingChanges();
   writing->deliverChanges(never);
   EXPECT_THAT(damage, ElementsAre(HasSubstr("cannot be put back: fixed mount: another process is the table's writer")));
-  EXPECT_EQ(contents(*other->get<FixedTable>("fixed")).entries.size(), 1U);
+  EXPECT_EQ(contents(*other->get<FixedTable>("fixed")).size(), 1U);
   other.reset();
   writing->pendingChanges();
   writing->deliverChanges(never);
-  EXPECT_EQ(contents(*mount(*service(), MountKind::reader)).entries.size(), key);
+  EXPECT_EQ(contents(*mount(*service(), MountKind::reader)).size(), key);
 }
 
 // As one leaves them that died while it built them: in slices, or at once for whoever looks something up or goes away.
@@ -374,14 +236,14 @@ TEST_F(SharedTableProcessTest, IndexesThatAreWrongAreBuiltAnewBesideReaders) {
   }
   const auto epochAt = LinuxPlatform::tableStateOffset + offsetof(LinuxPlatform::TableState, epoch);
   const auto stands = [&](std::optional<std::uint64_t> epoch) {
-    std::fstream file(fileOf("fixed"), std::ios::binary | std::ios::in | std::ios::out);
+    std::fstream bytes(file(), std::ios::binary | std::ios::in | std::ios::out);
     std::uint64_t word = LinuxPlatform::checkedWord(epoch.value_or(0));
-    if (epoch) file.seekp(epochAt).write(reinterpret_cast<const char*>(&word), sizeof word);
-    file.seekg(epochAt).read(reinterpret_cast<char*>(&word), sizeof word);
+    if (epoch) bytes.seekp(epochAt).write(reinterpret_cast<const char*>(&word), sizeof word);
+    bytes.seekg(epochAt).read(reinterpret_cast<char*>(&word), sizeof word);
     return LinuxPlatform::numberIn(word) % 2 == 0;
   };
   const auto reading = service();
-  const Believer<FixedTable> believer(mount(*reading, MountKind::reader));
+  const Believer believer(mount(*reading, MountKind::reader));
   for (const char* who : {"nobody asks", "somebody asks", "the writer goes"}) {
     SCOPED_TRACE(who);
     EXPECT_FALSE(stands(1));
@@ -399,7 +261,7 @@ TEST_F(SharedTableProcessTest, IndexesThatAreWrongAreBuiltAnewBesideReaders) {
     EXPECT_TRUE(stands({}));
     if (next) next->checkInvariants();
     EXPECT_EQ(contents(believer.table()), believer.believed);
-    EXPECT_EQ(believer.believed.entries.size(), entries);
+    EXPECT_EQ(believer.believed.size(), entries);
   }
   damage.clear();
 }
@@ -409,7 +271,7 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
     const auto writing = service();
     mount(*writing, MountKind::writer)->routeIs({1, 1});
   }
-  std::ifstream stream(fileOf("fixed"), std::ios::binary);
+  std::ifstream stream(file(), std::ios::binary);
   const std::string good(std::istreambuf_iterator<char>(stream), {});
   const auto withByte = [&](std::size_t offset) {
     std::string bytes = good;
@@ -435,7 +297,7 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    std::ofstream(fileOf("fixed"), std::ios::binary | std::ios::trunc) << c.bytes;
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << c.bytes;
     for (const MountKind kind : {MountKind::reader, MountKind::writer}) {
       const auto opening = service();
       try {
@@ -449,7 +311,7 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
   }
 
   // A later layout, and a table that waits and then gets what it cannot read.
-  std::filesystem::remove(fileOf("fixed"));
+  std::filesystem::remove(file());
   Platform::TableTypes later;
   later.typeIs<TestTables::LaterTable>();
   SharedTableService waiting(directory, later);
@@ -470,10 +332,10 @@ TEST_F(SharedTableProcessTest, AFileThatIsNoTableIsToldOnceAndTriedAgain) {
     const auto writing = service();
     for (const std::uint64_t key : {1u, 2u}) mount(*writing, MountKind::writer)->routeIs({key, key});
   }
-  std::ifstream stream(fileOf("fixed"), std::ios::binary);
+  std::ifstream stream(file(), std::ios::binary);
   const std::string good(std::istreambuf_iterator<char>(stream), {});
   const auto bytesAre = [&](const std::string& bytes) {
-    std::ofstream(fileOf("fixed"), std::ios::binary | std::ios::trunc) << bytes;
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << bytes;
   };
   bytesAre(good.substr(0, 600));
   // One has a handler, the other prints.
@@ -481,7 +343,7 @@ TEST_F(SharedTableProcessTest, AFileThatIsNoTableIsToldOnceAndTriedAgain) {
   SharedTableService printing(directory, types);
   testing::internal::CaptureStderr();
   for (auto* waiting : {reading.get(), &printing}) waiting->mountWhenReadable("fixed", FixedTable::typeName);
-  Believer<FixedTable> believer(reading->get<FixedTable>("fixed"));
+  Believer believer(reading->get<FixedTable>("fixed"));
   const auto poll = [&] {
     for (auto* waiting : {reading.get(), &printing}) {
       for (unsigned i = 0; i < 25; ++i) {
@@ -502,18 +364,18 @@ TEST_F(SharedTableProcessTest, AFileThatIsNoTableIsToldOnceAndTriedAgain) {
   EXPECT_TRUE(believer.table().mounted());
   EXPECT_EQ(believer.mountStatus, 1U);
   EXPECT_EQ(believer.told, 0U) << "nobody knows which of the entries are new";
-  EXPECT_EQ(contents(believer.table()).entries.size(), 2U);
+  EXPECT_EQ(contents(believer.table()).size(), 2U);
   EXPECT_EQ(printing.get<FixedTable>("fixed")->size(), 2U);
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "routecache: table fixed: fixed mount: the file is too short for a table\n"
             "routecache: table fixed: fixed mount: the file is shorter than its header says\n");
   // A table that has been read stays what it is while a bad one has its name.
   const auto writing = service();
-  std::filesystem::remove(fileOf("fixed"));
+  std::filesystem::remove(file());
   bytesAre("no table");
   poll();
-  EXPECT_EQ(contents(believer.table()).entries.size(), 2U);
-  std::filesystem::remove(fileOf("fixed"));
+  EXPECT_EQ(contents(believer.table()).size(), 2U);
+  std::filesystem::remove(file());
   mount(*writing, MountKind::writer)->routeIs({2, 2});
   poll();
   EXPECT_EQ(believer.told, 1U) << "the one that has gone";
@@ -529,32 +391,32 @@ TEST_F(SharedTableProcessTest, HundredsOfTablesAreReadWithFewDescriptors) {
     writing.mount(pathOfTable(i), FixedTable::typeName, MountKind::writer, CollectionInfo{"route", 4});
     writing.get<FixedTable>(pathOfTable(i))->routeIs({i, i});
   }
-  Process reader([&] {
-    const auto reading = service();
-    reading->mountWhenReadable(pathOfTable(0), FixedTable::typeName);
-    rlimit few{};
-    getrlimit(RLIMIT_NOFILE, &few);
-    const rlim_t before = std::exchange(few.rlim_cur, 0);
-    setrlimit(RLIMIT_NOFILE, &few);
-    for (unsigned i = 1; i < 10; ++i) reading->mountWhenReadable(pathOfTable(i), FixedTable::typeName);
-    EXPECT_THAT(damage, ElementsAre(HasSubstr("raise its limit (ulimit -n)")));
-    few.rlim_cur = std::min<rlim_t>(before, 64);
-    setrlimit(RLIMIT_NOFILE, &few);
-    for (unsigned i = 10; i < count; ++i) reading->mountWhenReadable(pathOfTable(i), FixedTable::typeName);
-    for (unsigned i = 0; i < 10; ++i) reading->pendingChanges();
-    reading->deliverChanges(never);
-    for (unsigned i = 0; i < count; ++i) EXPECT_EQ(reading->entity(pathOfTable(i))->size(), 1U) << i;
-    EXPECT_THAT(damage, testing::SizeIs(1));
-    LinuxPlatform::raiseDescriptorLimit();
-    getrlimit(RLIMIT_NOFILE, &few);
-    EXPECT_EQ(few.rlim_cur, few.rlim_max);
+  EXPECT_EQ(statusOfChild([&] {
+              const auto reading = service();
+              reading->mountWhenReadable(pathOfTable(0), FixedTable::typeName);
+              rlimit few{};
+              getrlimit(RLIMIT_NOFILE, &few);
+              const rlim_t before = std::exchange(few.rlim_cur, 0);
+              setrlimit(RLIMIT_NOFILE, &few);
+              for (unsigned i = 1; i < 10; ++i) reading->mountWhenReadable(pathOfTable(i), FixedTable::typeName);
+              EXPECT_THAT(damage, ElementsAre(HasSubstr("raise its limit (ulimit -n)")));
+              few.rlim_cur = std::min<rlim_t>(before, 64);
+              setrlimit(RLIMIT_NOFILE, &few);
+              for (unsigned i = 10; i < count; ++i) reading->mountWhenReadable(pathOfTable(i), FixedTable::typeName);
+              for (unsigned i = 0; i < 10; ++i) reading->pendingChanges();
+              reading->deliverChanges(never);
+              for (unsigned i = 0; i < count; ++i) EXPECT_EQ(reading->entity(pathOfTable(i))->size(), 1U) << i;
+              EXPECT_THAT(damage, testing::SizeIs(1));
+              LinuxPlatform::raiseDescriptorLimit();
+              getrlimit(RLIMIT_NOFILE, &few);
+              EXPECT_EQ(few.rlim_cur, few.rlim_max);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // which need memory of their own
-    const rlimit noMemory{1 << 20, RLIM_INFINITY};
-    setrlimit(RLIMIT_AS, &noMemory);
-    EXPECT_THROW(service()->mount(pathOfTable(0), FixedTable::typeName, MountKind::reader), TableError);
+              const rlimit noMemory{1 << 20, RLIM_INFINITY};
+              setrlimit(RLIMIT_AS, &noMemory);
+              EXPECT_THROW(service()->mount(pathOfTable(0), FixedTable::typeName, MountKind::reader), TableError);
 #endif
-  });
-  EXPECT_EQ(reader.waited(), 0);
+            }),
+            0);
 }
 
 // One mapping under two threads: the thread sanitizer sees nothing between processes, and a reader gets closer to the

@@ -69,13 +69,15 @@ class TableFileTest : public testing::Test {
   }
   // True: some other process may become the writer.
   bool isFree() {
-    return ended(forked([&] {
-             try {
-               writer(*service());
-             } catch (const TableError&) {
-               _exit(1);
-             }
-           })) == 0;
+    const int status = ended(forked([&] {
+      try {
+        writer(*service());
+      } catch (const TableError& error) {
+        _exit(error.what() == std::string_view("fixed mount: another process is the table's writer") ? 1 : 2);
+      }
+    }));
+    EXPECT_NE(WEXITSTATUS(status), 2) << "refused with other words";
+    return status == 0;
   }
   static Contents contents(const FixedTable& table) {
     Contents found;
