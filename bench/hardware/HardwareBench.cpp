@@ -221,6 +221,14 @@ void Measurement::uncache(ChildProcess& agent) {
 
 // --- The tables that are printed -------------------------------------------------------------------------------------
 
+constexpr Bar bars[] = {
+    {"scan, none moves", "nanosecondsPerEntry", nullptr, 150},
+    {"hit, idle", "median", "two pings", 2, "us", 1e6},
+    {"hit, scanning", "p99", nullptr, 4, "ms", 1e3},
+    {"scan, none moves", "cpuSeconds", "rivalCpuSeconds", Bar::told, "s"},
+    {"admission, standing", "cpuSeconds", "rivalCpuSeconds", Bar::told, "s"},
+};
+
 void print(const Options& options, const Figures& figures) {
   const HardwareWorkload& workload = options.workload;
   const auto median = [&figures](const char* phase, const char* figure) { return figures.median(phase, figure); };
@@ -252,5 +260,5 @@ int main(int argc, char** argv) {
   program.modeIs("agent", "The state machine's process",
                  [&] { runHardwareAgent(options.directory, options.workload); });
   program.modeIs("plain", "The rival's process", [&] { runPlainSlices(options.directory); });
-  return program.run<Measurement>(argc, argv, options, print);
+  return program.run<Measurement>(argc, argv, options, print, bars);
 }

@@ -48,8 +48,10 @@ void BenchProgram::repeat(const std::function<void()>& run) const {
   }
 }
 
-void BenchProgram::printJson(const Figures& figures) {
-  std::cout << figures.asJson().dump(2) << std::endl;
+void BenchProgram::printJson(const Figures& figures, std::span<const Bar> bars) {
+  nlohmann::json all = figures.asJson();
+  all["bars"] = judged(figures, bars);
+  std::cout << all.dump(2) << std::endl;
 }
 
 }  // namespace Bench

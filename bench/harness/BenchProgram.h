@@ -4,8 +4,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 
+#include "bench/harness/Bars.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/Figures.h"
 
@@ -29,21 +31,24 @@ class BenchProgram {
   CLI::App& modeIs(const char* name, const char* what, std::function<void()> run);
 
   // The whole of main(), which returns what this does: a mode, or as many runs of a Measurement, made of the options,
-  // as is asked, and then its figures on standard output, as JSON or as `print` has it. An exception is one line on
-  // standard error.
+  // as is asked, and then its figures and how they stand to the bars on standard output, as JSON or as `print` has it.
+  // An exception is one line on standard error.
   template <class Measurement, class Options>
-  int run(int argc, char** argv, const Options& options, void (*print)(const Options&, const Figures&)) {
+  int run(int argc, char** argv, const Options& options, void (*print)(const Options&, const Figures&),
+          std::span<const Bar> bars = {}) {
     return run(argc, argv, [&] {
       Measurement measurement(options);
       repeat([&measurement] { measurement.run(); });
-      options.asJson ? printJson(measurement.figures()) : print(options, measurement.figures());
+      if (options.asJson) return printJson(measurement.figures(), bars);
+      print(options, measurement.figures());
+      if (!bars.empty()) printBars(measurement.figures(), bars);
     });
   }
 
  private:
   int run(int argc, char** argv, const std::function<void()>& measure);
   void repeat(const std::function<void()>& run) const;
-  static void printJson(const Figures& figures);
+  static void printJson(const Figures& figures, std::span<const Bar> bars);
 
   const char* name_;
   const BenchOptions& options_;

@@ -185,6 +185,13 @@ void Measurement::flap(ChildProcess& process) {
 
 // --- The tables that are printed -------------------------------------------------------------------------------------
 
+constexpr Bar bars[] = {
+    {"mirror, standing", "nanosecondsPerEntry", nullptr, 500},
+    {"restart", "nanosecondsPerEntry", nullptr, 300},
+    {"mirror, standing", "cpuSeconds", "rivalCpuSeconds", Bar::told, "s"},
+    {"mirror, changes", "cpuSeconds", "rivalCpuSeconds", Bar::told, "s"},
+};
+
 void print(const Options& options, const Figures& figures) {
   const MirrorWorkload& workload = options.workload;
   std::printf("%u IPv4 routes of %u VRFs; medians of %u runs\n\n", workload.routes, MirrorWorkload::vrfs, options.runs);
@@ -207,5 +214,5 @@ int main(int argc, char** argv) {
       "Measures the kernel mirror: routes that come and stand, a restart, cached prefixes that come and go.", options);
   program.routesAre(options.workload.routes, "IPv4 routes", 1000, 3'000'000);
   program.modeIs("agent", "The state machine's process", [&] { runMirrorAgent(options.directory, options.workload); });
-  return program.run<Measurement>(argc, argv, options, print);
+  return program.run<Measurement>(argc, argv, options, print, bars);
 }

@@ -304,17 +304,8 @@ void Measurement::takeOver(const char* phase, const BenchDirectory& directory) {
   add(phase, {{"whole", whole.cpuSeconds() * 1e3 * million / options_.routes}, {"longest slice", 1e3 * longest}});
 }
 
-// --- The table that is printed ---------------------------------------------------------------------------------------
+// --- What is printed -------------------------------------------------------------------------------------------------
 
-// A figure, what it is compared with, and what it may be at most: the ratio, or the figure itself where there is
-// nothing to compare it with.
-struct Bar {
-  const char* phase;
-  const char* figure;
-  const char* rival;
-  double most;
-  const char* unit = "ns";
-};
 constexpr double typedLayer = 1.3;
 constexpr double beside = 1.1;
 constexpr Bar bars[] = {
@@ -356,22 +347,9 @@ constexpr Bar bars[] = {
 };
 
 void print(const Options& options, const Figures& figures) {
-  std::printf("%u IPv4 routes; medians of %u runs\n\n%-26s %-14s %15s %24s %7s %6s\n", options.routes, options.runs, "",
-              "", "", "rival", "ratio", "bar");
-  for (const Bar& bar : bars) {
-    const double figure = figures.median(bar.phase, bar.figure);
-    std::printf("%-26s %-14s %9.0f %-5s", bar.phase, bar.figure, figure, bar.unit);
-    double measured = figure;
-    if (bar.rival != nullptr) {
-      measured = figures.medianRatio(bar.phase, bar.figure, bar.rival);
-      std::printf(" %11.0f %-12s %7.2f", figures.median(bar.phase, bar.rival), bar.rival, measured);
-    } else {
-      std::printf(" %32s", "");
-    }
-    std::printf(" %6g%s\n", bar.most, measured <= bar.most ? "" : "  missed");
-  }
+  std::printf("%u IPv4 routes; medians of %u runs\n", options.routes, options.runs);
   std::printf(
-      "\nbegin to follow a million entries: %.0f ms; a writer of LMDB beside a reader: x %.2f; LMDB takes %.0f bytes "
+      "begin to follow a million entries: %.0f ms; a writer of LMDB beside a reader: x %.2f; LMDB takes %.0f bytes "
       "an entry\n",
       1e3 * figures.median("begin to follow", "table"), figures.medianRatio("beside a reader, LMDB", "beside", "alone"),
       figures.median("bytes an entry", "LMDB, 5"));
@@ -392,5 +370,5 @@ int main(int argc, char** argv) {
   program.modeIs("follower", "The process that follows the table", [&] { runRivalFollower(options.directory); });
   program.modeIs("pinged", "The process that waits for an eventfd", [&] { runPinged(options.directory, eventFd); })
       .add_option("--eventfd", eventFd, "The descriptor, inherited");
-  return program.run<Measurement>(argc, argv, options, print);
+  return program.run<Measurement>(argc, argv, options, print, bars);
 }
