@@ -9,13 +9,39 @@
 //   Ipv4HitBitStatus           4 last address, 1 (32 - length), 4 vrfId    4 hitbit
 //
 // "Last address" is the highest address inside the prefix. Keys compare with memcmp as the typed keys order.
+//
+// What each lookup of a route goes through stands here, for the compiler to put it into the lookup.
 #pragma once
 
 #include "RouteCache/model/Values.h"
 #include "platform/services/AgentBase.h"
 #include "platform/tables/SharedTable.h"
+#include "platform/values/WireBytes.h"
 
 namespace RouteCache {
+
+// The prefix's part of a key. Reading gives nothing for a length that there is not and for other host bits than the
+// writer's, so that one key has one form.
+inline void encodePrefix(Platform::WireWriter& writer, const Prefix& prefix) {
+  writer.number(prefix.last().value()).number(static_cast<std::uint8_t>(Prefix::maxLength - prefix.length()));
+}
+inline void encodePrefix(Platform::WireWriter& writer, const Ip6Prefix& prefix) {
+  writer.address(prefix.addr()).number(static_cast<std::uint8_t>(prefix.length()));
+}
+inline std::optional<Prefix> decodePrefix(Platform::WireReader& reader, const Prefix* /*family*/) {
+  const IpAddr last(reader.number<std::uint32_t>());
+  const auto hostBits = reader.number<std::uint8_t>();
+  if (hostBits > Prefix::maxLength) return std::nullopt;
+  const Prefix prefix(last, Prefix::maxLength - hostBits);
+  return prefix.last() == last ? std::optional(prefix) : std::nullopt;
+}
+inline std::optional<Ip6Prefix> decodePrefix(Platform::WireReader& reader, const Ip6Prefix* /*family*/) {
+  const Ip6Addr addr = reader.address6();
+  const auto length = reader.number<std::uint8_t>();
+  if (length > Ip6Prefix::maxLength) return std::nullopt;
+  const Ip6Prefix prefix(addr, length);
+  return prefix.addr() == addr ? std::optional(prefix) : std::nullopt;
+}
 
 // The key's half of TableTraits, for tables keyed by route.
 template <class Family>
@@ -24,12 +50,19 @@ struct RouteKeyBytes {
   static constexpr std::uint32_t keySize = sizeof(typename Family::Addr) + 1 + 4;
   static constexpr std::uint32_t layoutVersion = 1;
   static constexpr bool variableSize = false;
-  static void encodeKey(const Key& key, std::byte* out);
+  static void encodeKey(const Key& key, std::byte* out) {
+    Platform::WireWriter writer(out);
+    encodePrefix(writer, key.prefix());
+    writer.number(key.vrfId());
+  }
   // Nothing: a length that there is not, or host bits that do not belong.
-  static std::optional<Key> decodeKey(const std::byte* in);
+  static std::optional<Key> decodeKey(const std::byte* in) {
+    Platform::WireReader reader(in);
+    const auto prefix = decodePrefix(reader, static_cast<const typename Family::Prefix*>(nullptr));
+    if (!prefix) return std::nullopt;
+    return Key(*prefix, reader.number<std::uint32_t>());
+  }
 };
-extern template struct RouteKeyBytes<Ipv4Family>;
-extern template struct RouteKeyBytes<Ipv6Family>;
 
 }  // namespace RouteCache
 
@@ -42,8 +75,18 @@ struct TableTraits<RouteCache::BasicRoute<Family>> : RouteCache::RouteKeyBytes<F
   using Value = RouteCache::BasicRoute<Family>;
   using Key = typename Value::Key;
   static constexpr std::uint32_t maxValueSize = 4 + 1;
-  static std::size_t encode(const Value& value, std::byte* out);
-  static std::optional<Value> decode(const Key& key, Bytes in);
+  static std::size_t encode(const Value& value, std::byte* out) {
+    const std::uint8_t inHw = value.inHw() ? 1 : 0;
+    return Platform::WireWriter(out).number(value.adjId().value()).number(inHw).size();
+  }
+  static std::optional<Value> decode(const Key& key, Bytes in) {
+    if (in.size() != maxValueSize) return std::nullopt;
+    Platform::WireReader reader(in.data());
+    const RouteCache::AdjId adjId(reader.number<std::uint32_t>());
+    const auto inHw = reader.number<std::uint8_t>();
+    if (inHw > 1) return std::nullopt;
+    return Value(key, adjId, inHw == 1);
+  }
   static TableFields fields(const Value& value);
   static std::string text(const Value& value) { return Platform::toText(value); }
 };
@@ -54,8 +97,15 @@ template <>
 struct TableTraits<RouteCache::Ipv4ProgrammedRoute> : RouteCache::RouteKeyBytes<RouteCache::Ipv4Family> {
   using Value = RouteCache::Ipv4ProgrammedRoute;
   static constexpr std::uint32_t maxValueSize = 1;
-  static std::size_t encode(const Value& value, std::byte* out);
-  static std::optional<Value> decode(const Key& key, Bytes in);
+  static constexpr std::byte mark{1};
+  static std::size_t encode(const Value& /*value*/, std::byte* out) {
+    *out = mark;
+    return maxValueSize;
+  }
+  static std::optional<Value> decode(const Key& key, Bytes in) {
+    if (in.size() != maxValueSize || in[0] != mark) return std::nullopt;
+    return Value(key);
+  }
   static TableFields fields(const Value& value);
   static std::string text(const Value& value) { return Platform::toText(value); }
 };
@@ -64,8 +114,13 @@ template <>
 struct TableTraits<RouteCache::Ipv4RouteHitBit> : RouteCache::RouteKeyBytes<RouteCache::Ipv4Family> {
   using Value = RouteCache::Ipv4RouteHitBit;
   static constexpr std::uint32_t maxValueSize = 4;
-  static std::size_t encode(const Value& value, std::byte* out);
-  static std::optional<Value> decode(const Key& key, Bytes in);
+  static std::size_t encode(const Value& value, std::byte* out) {
+    return Platform::WireWriter(out).number(value.hitbit()).size();
+  }
+  static std::optional<Value> decode(const Key& key, Bytes in) {
+    if (in.size() != maxValueSize) return std::nullopt;
+    return Value(key, Platform::WireReader(in.data()).number<std::uint32_t>());
+  }
   static TableFields fields(const Value& value);
   static std::string text(const Value& value) { return Platform::toText(value); }
 };

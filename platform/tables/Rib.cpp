@@ -9,17 +9,6 @@ using Routing::Rib::RouteKey;
 using Routing::Rib::RouteCache::Evpn::Via;
 using Routing::Rib::RouteCache::Evpn::ViaNexthop;
 
-namespace {
-
-// An IpGenPrefix from wire parts; the empty one when they are none.
-IpGenPrefix prefixOf(const IpGenAddr& addr, unsigned length) {
-  if (addr.isV4() && length <= Prefix::maxLength) return Prefix(addr.v4(), length);
-  if (addr.isV6() && length <= Ip6Prefix::maxLength) return Ip6Prefix(addr.v6(), length);
-  return {};
-}
-
-}  // namespace
-
 namespace Platform {
 
 std::string TextForm<RouteKey>::to(const RouteKey& value) {
@@ -38,40 +27,6 @@ std::optional<RouteKey> TextForm<RouteKey>::from(std::string_view text) {
 }  // namespace Platform
 
 namespace Pondra {
-
-void TableTraits<Route>::encodeKey(const Key& key, std::byte* out) {
-  WireWriter(out)
-      .number(key.vrfId())
-      .address(key.prefix().addr())
-      .number(static_cast<std::uint8_t>(key.prefix().length()));
-}
-
-std::optional<RouteKey> TableTraits<Route>::decodeKey(const std::byte* in) {
-  WireReader reader(in);
-  const auto vrfId = reader.number<std::uint32_t>();
-  const IpGenAddr addr = reader.address();
-  const IpGenPrefix prefix = prefixOf(addr, reader.number<std::uint8_t>());
-  if (prefix.isEmpty() || !(prefix.addr() == addr)) return std::nullopt;
-  return RouteKey(vrfId, prefix);
-}
-
-std::size_t TableTraits<Route>::encode(const Route& value, std::byte* out) {
-  return WireWriter(out)
-      .number(value.viaKey())
-      .number(value.metric())
-      .number(value.tag())
-      .number(value.preference())
-      .size();
-}
-
-std::optional<Route> TableTraits<Route>::decode(const Key& key, Bytes in) {
-  if (in.size() != maxValueSize) return std::nullopt;
-  WireReader reader(in.data());
-  const auto viaKey = reader.number<std::uint64_t>();
-  const auto metric = reader.number<std::uint32_t>();
-  const auto tag = reader.number<std::uint32_t>();
-  return Route(key, viaKey, reader.number<std::uint8_t>(), metric, tag);
-}
 
 std::vector<std::pair<std::string, std::string>> TableTraits<Route>::fields(const Route& value) {
   return {{"key", Platform::toText(value.key())},

@@ -7,6 +7,7 @@
 #include "platform/tables/SharedTable.h"
 #include "platform/trace/Trace.h"
 #include "platform/values/Net.h"
+#include "platform/values/WireBytes.h"
 
 namespace Routing::Rib {
 
@@ -24,7 +25,12 @@ class RouteKey {
   constexpr bool isEmpty() const { return *this == RouteKey(); }
   constexpr auto operator<=>(const RouteKey&) const = default;
   constexpr bool operator==(const RouteKey&) const = default;
-  constexpr std::uint64_t hash() const { return Platform::hashMix(prefix_.hash(), vrfId_); }
+  constexpr std::uint64_t hash() const {
+    const Ip6Addr addr = prefix_.addr().v6();
+    const auto family = static_cast<std::uint64_t>(prefix_.family());
+    return Platform::hashMix(Platform::hashMix(addr.high(), addr.low()),
+                             std::uint64_t{vrfId_} << 16 | std::uint64_t{prefix_.length()} << 8 | family);
+  }
 
  private:
   std::uint32_t vrfId_ = noVrfId;
@@ -106,14 +112,48 @@ struct TableTraits<Routing::Rib::Route> {
   static constexpr std::uint32_t maxValueSize = 8 + 4 + 4 + 1;
   static constexpr std::uint32_t layoutVersion = 1;
   static constexpr bool variableSize = false;
-  static void encodeKey(const Key& key, std::byte* out);
+  static void encodeKey(const Key& key, std::byte* out) {
+    Platform::WireWriter(out)
+        .number(key.vrfId())
+        .address(key.prefix().addr())
+        .number(static_cast<std::uint8_t>(key.prefix().length()));
+  }
   // Nothing: no family that there is, a length over the family's, or host bits set. Such a key would not lead back to
   // its own bytes.
-  static std::optional<Key> decodeKey(const std::byte* in);
-  static std::size_t encode(const Routing::Rib::Route& value, std::byte* out);
-  static std::optional<Routing::Rib::Route> decode(const Key& key, Bytes in);
+  static std::optional<Key> decodeKey(const std::byte* in) {
+    Platform::WireReader reader(in);
+    const auto vrfId = reader.number<std::uint32_t>();
+    const IpGenAddr addr = reader.address();
+    const IpGenPrefix prefix = prefixOf(addr, reader.number<std::uint8_t>());
+    if (prefix.isEmpty() || !(prefix.addr() == addr)) return std::nullopt;
+    return Key(vrfId, prefix);
+  }
+  static std::size_t encode(const Routing::Rib::Route& value, std::byte* out) {
+    return Platform::WireWriter(out)
+        .number(value.viaKey())
+        .number(value.metric())
+        .number(value.tag())
+        .number(value.preference())
+        .size();
+  }
+  static std::optional<Routing::Rib::Route> decode(const Key& key, Bytes in) {
+    if (in.size() != maxValueSize) return std::nullopt;
+    Platform::WireReader reader(in.data());
+    const auto viaKey = reader.number<std::uint64_t>();
+    const auto metric = reader.number<std::uint32_t>();
+    const auto tag = reader.number<std::uint32_t>();
+    return Routing::Rib::Route(key, viaKey, reader.number<std::uint8_t>(), metric, tag);
+  }
   static std::vector<std::pair<std::string, std::string>> fields(const Routing::Rib::Route& value);
   static std::string text(const Routing::Rib::Route& value);
+
+ private:
+  // Of these parts; the empty one when they are none.
+  static IpGenPrefix prefixOf(const IpGenAddr& addr, unsigned length) {
+    if (addr.isV4() && length <= Prefix::maxLength) return Prefix(addr.v4(), length);
+    if (addr.isV6() && length <= Ip6Prefix::maxLength) return Ip6Prefix(addr.v6(), length);
+    return {};
+  }
 };
 
 // A via takes a count (16 bits) and 37 bytes for each next hop: family 1, address 16, vti 8, VLAN 2, VNI 4, MAC 6.

@@ -40,10 +40,8 @@ void TableEntity::parentIs(const std::shared_ptr<Lattis::Entity>& parent) {
   orphan_ = parent == nullptr;
 }
 
-SharedCollection& TableEntity::readable(std::string_view operation) const {
-  if (orphan_) refuse(operation, orphanText(name()));
-  if (!control_) refuse(operation, notAllowedText(false, following_));
-  return *control_;
+void TableEntity::refuseRead(std::string_view operation) const {
+  refuse(operation, orphan_ ? orphanText(name()) : notAllowedText(false, following_));
 }
 
 SharedCollection& TableEntity::writableFor(std::string_view operation) const {

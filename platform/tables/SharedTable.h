@@ -185,6 +185,8 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   std::uint64_t generation() const { return control_ ? control_->generation() : 0; }
   bool reconciled() const { return control_ && control_->reconciled(); }
   void reconciledIs() { writableFor("reconciledIs").reconciledIs(); }
+  // The number of the table's last change: while it stays the same, every entry does. 0 while there is no table.
+  std::uint64_t lastChange() const { return control_ ? control_->lastSequence() : 0; }
   // True while there is room for one more key.
   bool hasRoom() const { return size() < capacity(); }
 
@@ -223,10 +225,14 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   // The entity learns its parent directory; null makes it an orphan: its operations throw TableError (orphanText).
   void parentIs(const std::shared_ptr<Lattis::Entity>& parent);
   // The collection for reading, after the state has been checked for `operation`.
-  SharedCollection& readable(std::string_view operation) const;
+  SharedCollection& readable(std::string_view operation) const {
+    if (orphan_ || !control_) refuseRead(operation);
+    return *control_;
+  }
   // The collection for writing; throws TableError(notAllowedText) unless this is an attached writer.
   SharedCollection& writableFor(std::string_view operation) const;
   [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
+  [[noreturn]] void refuseRead(std::string_view operation) const;
   // Starts following at the first reactor; returns the last change that a reactor entering now does not hear of.
   std::uint64_t follow();
 
@@ -364,27 +370,35 @@ class Table : public TableEntity {
     Traits::encodeKey(key, bytes.data());
     const auto size = readable("lookup").find(bytes, scratch());
     if (!size) return std::nullopt;
-    auto value = Traits::decode(key, Bytes(scratch()).first(*size));
-    if (!value) control()->reportCorruption("an entry that cannot be decoded");
-    return value;
+    return decoded(key, Bytes(scratch()).first(*size));
   }
   // Looks up all of the keys in their order: visit(number of the key, std::optional<Value>&&). Cheaper than one by one.
   // `visit` must not change the table.
   template <class Visit>
   void entries(std::span<const Key> keys, Visit visit) const {
+    encodedEntries(keys, [&](std::size_t number, const std::optional<Bytes>& found) {
+      visit(number, found ? decoded(keys[number], *found) : std::nullopt);
+    });
+  }
+  // The same for values as they lie in the table: visit(number of the key, std::optional<Bytes>). For who keeps what it
+  // has made of a value, and compares: equal bytes are equal values.
+  template <class Visit>
+  void encodedEntries(std::span<const Key> keys, Visit visit) const {
     constexpr std::size_t group = 64;
     std::array<std::byte, group * Traits::keySize> bytes;
     for (std::size_t first = 0; first < keys.size(); first += group) {
       const std::size_t count = std::min(group, keys.size() - first);
       for (std::size_t i = 0; i < count; ++i) Traits::encodeKey(keys[first + i], bytes.data() + i * Traits::keySize);
-      const auto decode = [&](std::size_t number, const std::optional<Bytes>& found) {
-        std::optional<Value> value;
-        if (found) value = Traits::decode(keys[first + number], *found);
-        if (found && !value) control()->reportCorruption("an entry that cannot be decoded");
-        visit(first + number, std::move(value));
-      };
-      readable("lookup").findMany(Bytes(bytes).first(count * Traits::keySize), scratch(), decode);
+      readable("lookup").findMany(
+          Bytes(bytes).first(count * Traits::keySize), scratch(),
+          [&](std::size_t number, const std::optional<Bytes>& found) { visit(first + number, found); });
     }
+  }
+  // The value of these bytes of the table; nothing, and a report of damage, when they are none.
+  std::optional<Value> decoded(const Key& key, Bytes bytes) const {
+    auto value = Traits::decode(key, bytes);
+    if (!value) control()->reportCorruption("an entry that cannot be decoded");
+    return value;
   }
   bool has(const Key& key) const {
     std::array<std::byte, Traits::keySize> bytes;

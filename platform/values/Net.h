@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <iosfwd>
@@ -11,6 +12,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/values/ByteOrder.h"
 #include "platform/values/Hash.h"
 #include "platform/values/Text.h"
 
@@ -43,17 +45,15 @@ class Ip6Addr {
   constexpr Ip6Addr() = default;
   constexpr explicit Ip6Addr(const Bytes& bytes) : bytes_(bytes) {}
   // From the two halves in host order.
-  constexpr Ip6Addr(std::uint64_t high, std::uint64_t low) {
-    for (unsigned i = 0; i < 8; ++i) {
-      bytes_[i] = static_cast<std::uint8_t>(high >> (56 - 8 * i));
-      bytes_[8 + i] = static_cast<std::uint8_t>(low >> (56 - 8 * i));
-    }
-  }
+  constexpr Ip6Addr(std::uint64_t high, std::uint64_t low)
+      : bytes_(std::bit_cast<Bytes>(Halves{Platform::bigEndian(high), Platform::bigEndian(low)})) {}
   constexpr const Bytes& bytes() const { return bytes_; }
-  constexpr std::uint64_t high() const { return half(0); }  // bytes 0..7 in host order
-  constexpr std::uint64_t low() const { return half(8); }   // bytes 8..15 in host order
-  constexpr bool isZero() const { return high() == 0 && low() == 0; }
-  constexpr bool operator==(const Ip6Addr&) const = default;
+  constexpr std::uint64_t high() const { return Platform::bigEndian(halves()[0]); }  // bytes 0..7 in host order
+  constexpr std::uint64_t low() const { return Platform::bigEndian(halves()[1]); }   // bytes 8..15 in host order
+  constexpr bool isZero() const { return *this == Ip6Addr(); }
+  constexpr bool operator==(const Ip6Addr& other) const {
+    return ((halves()[0] ^ other.halves()[0]) | (halves()[1] ^ other.halves()[1])) == 0;
+  }
   constexpr auto operator<=>(const Ip6Addr& other) const {
     const auto order = high() <=> other.high();
     return order != 0 ? order : low() <=> other.low();
@@ -61,11 +61,8 @@ class Ip6Addr {
   constexpr std::uint64_t hash() const { return Platform::hashMix(Platform::hashOf(high()), low()); }
 
  private:
-  constexpr std::uint64_t half(unsigned from) const {
-    std::uint64_t value = 0;
-    for (unsigned i = 0; i < 8; ++i) value = value << 8 | bytes_[from + i];
-    return value;
-  }
+  using Halves = std::array<std::uint64_t, 2>;  // as they lie in memory
+  constexpr Halves halves() const { return std::bit_cast<Halves>(bytes_); }
   Bytes bytes_{};
 };
 

@@ -50,7 +50,7 @@ class WireWriter {
     out_ += count;
     return *this;
   }
-  WireWriter& address(const Ip6Addr& addr) { return bytes(addr.bytes().data(), 16); }
+  WireWriter& address(const Ip6Addr& addr) { return number(addr.high()).number(addr.low()); }
   // Family, then 16 bytes, an IPv4 address in the last four.
   WireWriter& address(const IpGenAddr& addr) {
     number(static_cast<std::uint8_t>(addr.family()));
