@@ -20,7 +20,8 @@ namespace RouteCache {
 // Growing is spread out: the array that has become too small stays beside its successor, and every insertion carries a
 // few of its slots over.
 //
-// Invariant: every entry is in exactly one of the two arrays; no probe path of the current one has a gap.
+// Invariants: every entry is in exactly one of the two arrays; no probe path of the current one has a gap; a slot's
+// mark says how far from the slot of its hash the entry lies.
 template <class Value, class Key, class KeyOf>
 class FlatTable {
   static_assert(std::is_trivially_copyable_v<Value>);
@@ -61,7 +62,7 @@ class FlatTable {
       closeGap(static_cast<std::size_t>(found - current_.values.get()));
       --current_.used;
     } else {
-      old_.states[static_cast<std::size_t>(found - old_.values.get())] = State::moved;
+      old_.marks[static_cast<std::size_t>(found - old_.values.get())] = moved;
       --old_.used;
     }
     if (empty()) clear();
@@ -85,45 +86,57 @@ class FlatTable {
   void forEach(Visit&& visit) const {
     for (const Array* array : {&current_, &old_}) {
       for (std::size_t i = 0; i < array->size(); ++i) {
-        if (array->states[i] == State::full) visit(array->values.get()[i]);
+        if (isFull(array->marks[i])) visit(array->values.get()[i]);
       }
     }
   }
 
  private:
   static constexpr unsigned slotsPerInsertion = 8;
-  enum class State : std::uint8_t { empty, full, moved };  // moved: a probe path goes on behind it
+  // What a slot holds: nothing, an entry that lies so many slots behind that of its hash, or, in the old array, what
+  // has been carried over, which probe paths go on behind. By their marks alone most other entries on a path are told
+  // apart from the one looked for, and gaps are closed, without a look at any key.
+  using Mark = std::uint8_t;
+  static constexpr Mark empty_ = 0;
+  static constexpr Mark far = 254;  // 253 slots or more
+  static constexpr Mark moved = 255;
+  static bool isFull(Mark mark) { return mark != empty_ && mark != moved; }
+  static Mark markAt(std::size_t distance) { return distance < far - 1 ? static_cast<Mark>(distance + 1) : far; }
   struct Release {
     void operator()(Value* values) const { ::operator delete(values); }
   };
-  // A power of two of slots, or none. Only the states are initialised: untouched slots cost no memory.
+  // A power of two of slots, or none. Only the marks are initialised: untouched slots cost no memory.
   struct Array {
     Array() = default;
     explicit Array(std::size_t slots)
-        : states(slots), values(static_cast<Value*>(::operator new(slots * sizeof(Value)))) {}
-    std::size_t size() const { return states.size(); }
+        : marks(slots), values(static_cast<Value*>(::operator new(slots * sizeof(Value)))) {}
+    std::size_t size() const { return marks.size(); }
     bool has(const Value* value) const {
       return !std::less<>()(value, values.get()) && std::less<>()(value, values.get() + size());
     }
-    std::size_t next(std::size_t i) const { return (i + 1) & (states.size() - 1); }
-    std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (states.size() - 1); }
-    std::vector<State> states;
+    std::size_t next(std::size_t i) const { return (i + 1) & (marks.size() - 1); }
+    std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (marks.size() - 1); }
+    // How many slots `to` lies behind `from`, around the end.
+    std::size_t distance(std::size_t from, std::size_t to) const { return (to - from) & (marks.size() - 1); }
+    std::vector<Mark> marks;
     std::unique_ptr<Value, Release> values;
     std::size_t used = 0;
   };
 
   Value* findIn(Array& array, const Key& key) {
     if (array.used == 0) return nullptr;
-    for (std::size_t i = array.home(key); array.states[i] != State::empty; i = array.next(i)) {
-      if (array.states[i] == State::full && keyOf_(array.values.get()[i]) == key) return array.values.get() + i;
+    std::size_t distance = 0;
+    for (std::size_t i = array.home(key); array.marks[i] != empty_; i = array.next(i), ++distance) {
+      if (array.marks[i] == markAt(distance) && keyOf_(array.values.get()[i]) == key) return array.values.get() + i;
     }
     return nullptr;
   }
 
   Value* place(const Value& value) {
     std::size_t i = current_.home(keyOf_(value));
-    while (current_.states[i] != State::empty) i = current_.next(i);
-    current_.states[i] = State::full;
+    std::size_t distance = 0;
+    for (; current_.marks[i] != empty_; i = current_.next(i)) ++distance;
+    current_.marks[i] = markAt(distance);
     ++current_.used;
     return new (current_.values.get() + i) Value(value);
   }
@@ -136,9 +149,9 @@ class FlatTable {
 
   void carryOver(std::size_t slots) {
     for (; slots > 0 && carried_ < old_.size(); --slots, ++carried_) {
-      if (old_.states[carried_] != State::full) continue;
+      if (!isFull(old_.marks[carried_])) continue;
       place(old_.values.get()[carried_]);
-      old_.states[carried_] = State::moved;
+      old_.marks[carried_] = moved;
       --old_.used;
     }
     if (carried_ == old_.size() && carried_ > 0) {
@@ -149,14 +162,17 @@ class FlatTable {
 
   // Takes the entry out of the current array: each entry whose probe path crosses the hole moves into it.
   void closeGap(std::size_t hole) {
-    for (std::size_t i = current_.next(hole); current_.states[i] != State::empty; i = current_.next(i)) {
-      const std::size_t wanted = current_.home(keyOf_(current_.values.get()[i]));
-      const bool crosses = hole <= i ? (wanted <= hole || wanted > i) : (wanted <= hole && wanted > i);
-      if (!crosses) continue;
-      current_.values.get()[hole] = current_.values.get()[i];
+    for (std::size_t i = current_.next(hole); current_.marks[i] != empty_; i = current_.next(i)) {
+      const Value& value = current_.values.get()[i];
+      const Mark mark = current_.marks[i];
+      const std::size_t distance = mark == far ? current_.distance(current_.home(keyOf_(value)), i) : mark - 1U;
+      const std::size_t gap = current_.distance(hole, i);
+      if (distance < gap) continue;
+      current_.values.get()[hole] = value;
+      current_.marks[hole] = markAt(distance - gap);
       hole = i;
     }
-    current_.states[hole] = State::empty;
+    current_.marks[hole] = empty_;
   }
 
   [[no_unique_address]] KeyOf keyOf_;
