@@ -60,7 +60,7 @@ class ReadAhead {
 // Looks up in the table what `keyOf` names for each of the facts (nothing: it needs no lookup) and hands it on:
 // put(facts, value), the value moved.
 template <class Facts, class Table, class KeyOf, class Put>
-void lookUp(std::span<Facts> facts, const Table& table, KeyOf&& keyOf, Put&& put) {
+void lookUp(std::span<Facts> facts, Table& table, KeyOf&& keyOf, Put&& put) {
   if (facts.size() == 1) {
     if (const auto key = keyOf(facts[0])) put(facts[0], table.entry(*key));
     return;

@@ -6,10 +6,14 @@ namespace RouteCache {
 
 // --- References ------------------------------------------------------------------------------------------------------
 
-AdjId Adjacencies::take(const std::shared_ptr<IpMixedNexthopRef>& ref) {
+AdjId Adjacencies::take(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId guess) {
+  if (ids_.adjIdRefCountAdd(guess, *ref)) return guess;
   AdjId adjId = ids_.adjId(ref);
   if (isAdjacency(adjId)) {
     ids_.adjIdRefCountAdd(adjId);
+    const auto known = ids_.nexthop(adjId);
+    ref->v4nhIs(known->v4nh());
+    ref->v6nhIs(known->v6nh());
     return adjId;
   }
   adjId = ids_.allocateAdjId(ref->v6nh() != nullptr, ref->v4nh() != nullptr);
@@ -131,8 +135,8 @@ void Adjacencies::adopt(const BasicVia<Family>& via) {
   auto ref = ipMixedNexthopRefFactory(v4nh != nullptr, v6nh != nullptr);
   ref->v4nhIs(std::move(v4nh));
   ref->v6nhIs(std::move(v6nh));
-  ids_.nexthopIs(ref, adjId);
   ids_.adjIdRefCountIs(adjId, 0);
+  ids_.nexthopIs(ref, adjId);
   // Where two disagree about a VTEP, a predecessor was killed between rewriting the one and the other: it went in the
   // order of this walk, so the first one has the newer FEC. An empty one may never have been resolved.
   for (const auto& adjacency : via.viaKey()) {

@@ -60,7 +60,8 @@ class Adjacencies {
 
   // --- References ------------------------------------------------------------------------------------------------
   // Finds or allocates the identifier for the next hops, with one more reference. Number 0: the free list is empty.
-  AdjId take(const std::shared_ptr<IpMixedNexthopRef>& ref);
+  // `guess`: what the same `ref` had last, or nothing. The parts of `ref` become those that the identifier stands for.
+  AdjId take(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId guess = AdjId());
   // Releases one route's hold on the identifier, registrations included; with the last one the adjacency goes.
   void deleteAdjFromAdjStatus(AdjId adjId);
   AdjacencyIds& ids() { return ids_; }

@@ -4,6 +4,7 @@
 // Invariants:
 //   - an identifier is in adjIdRefCount from its allocation (count 1) or its adoption (count 0) until it is freed;
 //   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref, which knows its families;
+//   - an identifier's part, if any, is that of reverse(id), which keeps it, and forward of this is the identifier;
 //   - no number is in the free list while an identifier of that number is in use.
 #pragma once
 
@@ -114,6 +115,9 @@ class AdjacencyIds {
   std::uint32_t adjIdRefCount(AdjId adjId) const;  // 0 when absent
   void adjIdRefCountIs(AdjId adjId, std::uint32_t count);
   void adjIdRefCountAdd(AdjId adjId);  // one more
+  // One more, if the identifier stands for the very parts of this reference, and an equal one leads to it. False:
+  // nothing has been counted.
+  bool adjIdRefCountAdd(AdjId adjId, const IpMixedNexthopRef& ref);
   void adjIdRefCountDel(AdjId adjId);
   // The identifiers with count 0, in order: what a clean-up walks.
   const std::set<AdjId>& unreferenced() const { return unreferenced_; }
@@ -160,12 +164,14 @@ class AdjacencyIds {
   struct Entry {
     AdjId adjId;
     std::uint32_t count = 0;
-    std::uint32_t current = 0;  // the generation in which the adjacency was known to be right
+    std::uint32_t current = 0;         // the generation in which the adjacency was known to be right
+    const NexthopRef* part = nullptr;  // first part of its reference, while an equal one leads here
   };
   struct AdjIdOf {
     const AdjId& operator()(const Entry& entry) const { return entry.adjId; }
   };
   void erase(AdjId adjId);
+  void partIs(AdjId adjId, const NexthopRef* part);
   const Platform::TraceHandle& trace_;
   FreeAdjIds free_;
   FlatTable<Entry, AdjId, AdjIdOf> entries_;

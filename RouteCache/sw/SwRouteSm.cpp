@@ -19,6 +19,7 @@ SwRouteSm::SwRouteSm(const SwRouteSmInputs& inputs, Platform::TaskScheduler& sch
       trace_(trace, "RouteCacheSwRouteSm"),
       configWalk_(*inputs.routeConfig, *inputs.route6Config),
       underlay_(*this, inputs.nexthopConfig, inputs.nexthopStatus, inputs.vtiStatusDir, trace_),
+      nexthopSets_(inputs.viaConfig, underlay_),
       adjacencies_(inputs.ipv4AdjStatus, inputs.ipv6AdjStatus, underlay_, trace_),
       unprogrammed_(inputs.unprogrammedRouteConfig, *inputs.routeConfig, *inputs.route6Config, trace_),
       restarted_(restart),
@@ -174,6 +175,11 @@ void SwRouteSm::vrfGone() {
   sides_.of<Family>().syncTask.schedule(0);
 }
 
+void SwRouteSm::handleUnderlay() {
+  nexthopSets_.handleUnderlay();
+  scheduleAllRoutesForProcessing(true, false);
+}
+
 // What rests on answers is decided again.
 void SwRouteSm::handleAnswers() {
   adjacencies_.currentDelAll();
@@ -229,6 +235,8 @@ void SwRouteSm::handleLeftoverProcessing() {
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
 void SwRouteSm::routesProcessed() {
+  constexpr std::size_t mostSets = 65536;  // a stream of changes that never ends brings ever new ones
+  if ((!routeToProcess_.hasFresh() && !configWalk_.pending()) || nexthopSets_.size() > mostSets) nexthopSets_.clear();
   if (!routeToProcess_.hasFresh() && !configWalk_.pending()) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
@@ -306,22 +314,21 @@ void SwRouteSm::processRoute(const RouteKey& key, bool vtep, bool init) {
     routeToProcess_.waitForVrf(key.vrfId());
     return;
   }
-  const auto ref = nexthopRefOf(facts.via);
-  if (!ref) return parkRoute(*facts.route);
-  if (!ref->v4nh() && !ref->v6nh()) {
+  if (!isReady(facts.set)) return parkRoute(*facts.route);
+  if (!facts.set->ref->v4nh() && !facts.set->ref->v6nh()) {
     trace_(6, "v4 and v6 oper status is down, returning");
     parkRoute(*facts.route);
     routeToProcessDel(key);
     return;
   }
   if (key.prefix().isV4()) {
-    decideRoute<Ipv4Family>(facts, ref, vtep, init);
+    decideRoute<Ipv4Family>(facts, vtep, init);
   } else {
-    decideRoute<Ipv6Family>(facts, ref, vtep, init);
+    decideRoute<Ipv6Family>(facts, vtep, init);
   }
 }
 
-void SwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
+void SwRouteSm::lookUpFacts(std::span<RouteFacts> facts) {
   lookUpConfigured<Ipv4Family>(facts);
   lookUpConfigured<Ipv6Family>(facts);
   for (RouteFacts& each : facts) {
@@ -330,9 +337,9 @@ void SwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
     each.hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(piVrfId);
   }
   lookUp(
-      facts, *in_.viaConfig,
+      facts, nexthopSets_,
       [](const RouteFacts& each) { return each.hwVrfId ? std::optional(each.route->viaKey()) : std::nullopt; },
-      [](RouteFacts& each, std::optional<Via>&& via) { each.via = std::move(via); });
+      [](RouteFacts& each, std::optional<NexthopSet*> set) { each.set = set.value_or(nullptr); });
   lookUpPublished<Ipv4Family>(facts);
   lookUpPublished<Ipv6Family>(facts);
 }
@@ -375,26 +382,25 @@ void SwRouteSm::parkRoute(const Route& route) {
   routeToProcessIs(route.key(), RouteQueue::vtepFlag);
 }
 
-// The route's next hops, or null when its via is missing or not ready.
-std::shared_ptr<IpMixedNexthopRef> SwRouteSm::nexthopRefOf(const std::optional<Via>& via) {
-  if (!via) {
+// The route's next hops are there. False: its via is missing or not ready.
+bool SwRouteSm::isReady(NexthopSet* set) {
+  if (set != nullptr) nexthopSets_.bringUpToDate(*set);
+  if (set == nullptr || (!set->isVia && set->fault.empty())) {
     trace_(6, "via not available, returning");
-    return nullptr;
+  } else if (!set->isVia) {
+    trace_(3, "via not available, returning: ", std::string_view(set->fault));
+  } else if (!set->ref) {
+    trace_(6, "nexthop isnt ready, returning");
+  } else {
+    return true;
   }
-  try {
-    auto ref = underlay_.createNexthopRefFromViaConfig(*via);
-    if (!ref) trace_(6, "nexthop isnt ready, returning");
-    return ref;
-  } catch (const RangeError& error) {
-    trace_(3, "via not available, returning: ", std::string_view(error.what()));
-    return nullptr;
-  }
+  return false;
 }
 
 template <class Family>
-void SwRouteSm::decideRoute(const RouteFacts& facts, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep,
-                            bool init) {
+void SwRouteSm::decideRoute(const RouteFacts& facts, bool vtep, bool init) {
   const RouteKey& key = facts.key;
+  const auto& ref = facts.set->ref;
   const BasicRouteVrfKey<Family> statusKey(Family::prefix(key.prefix()), *facts.hwVrfId);
   const auto& published = facts.published<Family>();
   // Asked before anything is taken: what stands stays, and a new route waits for room.
@@ -405,7 +411,8 @@ void SwRouteSm::decideRoute(const RouteFacts& facts, const std::shared_ptr<IpMix
     routeToProcess_.waitForRoom(key.prefix().family());
     return;
   }
-  const AdjId adjId = adjacencies_.take(ref);
+  const AdjId adjId = adjacencies_.take(ref, facts.set->adjId);
+  facts.set->adjId = adjId;
   // A published route holds one registration for each of its VTEPs. One that is not published, was published by a
   // predecessor or changes its next hops holds none of these yet, whatever the flags say.
   const bool held = published && published->adjId() == adjId && !sides_.of<Family>().inherited.has(statusKey);

@@ -39,6 +39,7 @@
 #include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/sw/Adjacencies.h"
 #include "RouteCache/sw/AdjacencySync.h"
+#include "RouteCache/sw/NexthopSets.h"
 #include "RouteCache/sw/RouteConfigWalk.h"
 #include "RouteCache/sw/RouteQueue.h"
 #include "RouteCache/sw/RouteSync.h"
@@ -260,7 +261,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     DeferredTask& adjSyncTask;
   };
 
-  void handleUnderlay() override { scheduleAllRoutesForProcessing(true, false); }
+  void handleUnderlay() override;
   void handleAnswers() override;
   void handleAnswer(const AdjIdColl& adjIds) override;
 
@@ -278,7 +279,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     RouteKey key;
     std::optional<Routing::Rib::Route> route;  // configured
     std::optional<std::uint32_t> hwVrfId;      // this and what follows: of a configured route only
-    std::optional<Via> via;
+    NexthopSet* set = nullptr;                 // null: its via is not there
     std::optional<Ipv4Route> published4;
     std::optional<Ipv6Route> published6;
     template <class Family>
@@ -295,7 +296,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     }
   };
   void readAheadOfFresh();
-  void lookUpFacts(std::span<RouteFacts> facts) const;
+  void lookUpFacts(std::span<RouteFacts> facts);
   template <class Family>
   void lookUpConfigured(std::span<RouteFacts> facts) const;
   template <class Family>
@@ -304,9 +305,9 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   // Steps of processRoute.
   void forgetRoute(const RouteKey& key);
   void parkRoute(const Routing::Rib::Route& route);
-  std::shared_ptr<IpMixedNexthopRef> nexthopRefOf(const std::optional<Via>& via);
+  bool isReady(NexthopSet* set);
   template <class Family>
-  void decideRoute(const RouteFacts& facts, const std::shared_ptr<IpMixedNexthopRef>& ref, bool vtep, bool init);
+  void decideRoute(const RouteFacts& facts, bool vtep, bool init);
   template <class Family>
   void addRoute(const RouteKey& key, AdjId adjId, const std::shared_ptr<Ipv4NexthopRef>& v4nh,
                 const std::shared_ptr<Ipv6NexthopRef>& v6nh, bool vtep, bool init);
@@ -364,6 +365,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   std::size_t leftoverRound_ = 0;    // leftovers still to visit in the round that goes on
   RouteConfigWalk configWalk_;
   Underlay underlay_;
+  NexthopSets nexthopSets_;
   Adjacencies adjacencies_;
   // The VRFs as they were when last heard of, to tell a new VRF from one that moved.
   std::map<std::uint32_t, std::uint32_t> knownHwVrfId_;

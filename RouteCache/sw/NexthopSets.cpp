@@ -1,0 +1,39 @@
+#include "RouteCache/sw/NexthopSets.h"
+
+#include <algorithm>
+
+namespace RouteCache {
+
+std::optional<NexthopSet*> NexthopSets::entry(Key viaKey) {
+  std::optional<NexthopSet*> set;
+  entries(std::span(&viaKey, 1), [&](std::size_t, std::optional<NexthopSet*> found) { set = found; });
+  return set;
+}
+
+NexthopSet* NexthopSets::setOf(Key viaKey, Pondra::Bytes via, std::uint64_t readAt) {
+  NexthopSet& set = sets_[viaKey];
+  if (set.bytes.empty() || !std::ranges::equal(set.bytes, via)) {
+    set = NexthopSet();
+    set.viaKey = viaKey;
+    set.bytes.assign(via.begin(), via.end());
+  }
+  set.readAt = readAt;
+  return &set;
+}
+
+void NexthopSets::make(NexthopSet& set) const {
+  set.underlay = underlayChanges_;
+  set.fault.clear();
+  set.ref = nullptr;
+  const auto via = viaConfig_->decoded(set.viaKey, set.bytes);
+  set.isVia = via.has_value();
+  if (!via) return;
+  try {
+    set.ref = underlay_.createNexthopRefFromViaConfig(*via);
+  } catch (const RangeError& error) {
+    set.isVia = false;
+    set.fault = error.what();
+  }
+}
+
+}  // namespace RouteCache

@@ -1,0 +1,91 @@
+// What vias come to, worked out once for all the routes that leave by one: its next hops with the tunnel interfaces as
+// they are, and the identifier that they had last.
+//
+// Nobody tells of changes of vias, so each route asks: while no via at all has changed, a set is as it was, and after
+// that for as long as its own via's bytes are. Kept while routes are being decided, and dropped when nothing is left to
+// do: sets cost no memory in an agent at rest.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "RouteCache/sw/Underlay.h"
+#include "platform/tables/Rib.h"
+
+namespace RouteCache {
+
+struct NexthopSet {
+  Routing::Rib::ViaKey viaKey = 0;
+  std::uint64_t readAt = 0;                // the table's last change when the via was read
+  std::vector<std::byte> bytes;            // of the via, as they lie in its table
+  std::uint64_t underlay = 0;              // by which tunnel interfaces what follows was made; 0: not yet
+  bool isVia = false;                      // the bytes are those of a via that routes can leave by
+  std::string fault;                       // why not, where there is more to say
+  std::shared_ptr<IpMixedNexthopRef> ref;  // null: not ready
+  AdjId adjId;                             // a guess: what its next hops were known by last
+};
+
+// Looked up in as a table is (see lookUp()).
+class NexthopSets {
+ public:
+  using Key = Routing::Rib::ViaKey;
+  using Value = NexthopSet*;  // until clear()
+
+  // Underlay outlives it.
+  NexthopSets(std::shared_ptr<const Routing::Rib::RouteCache::Evpn::ViaConfig> viaConfig, const Underlay& underlay)
+      : viaConfig_(std::move(viaConfig)), underlay_(underlay) {}
+
+  // The set of a via that stands in the table, not made yet or as it was; nothing: there is no such via.
+  std::optional<NexthopSet*> entry(Key viaKey);
+  template <class Visit>
+  void entries(std::span<const Key> viaKeys, Visit visit) {
+    const std::uint64_t now = viaConfig_->lastChange();
+    constexpr std::size_t group = 64;
+    std::array<Key, group> unknown;
+    std::array<std::size_t, group> numbers;
+    for (std::size_t first = 0; first < viaKeys.size(); first += group) {
+      std::size_t count = 0;
+      for (std::size_t i = first; i < std::min(first + group, viaKeys.size()); ++i) {
+        const auto found = sets_.find(viaKeys[i]);
+        if (found != sets_.end() && found->second.readAt == now) {
+          visit(i, std::optional(&found->second));
+        } else {
+          numbers[count] = i;
+          unknown[count++] = viaKeys[i];
+        }
+      }
+      viaConfig_->encodedEntries(std::span<const Key>(unknown).first(count),
+                                 [&](std::size_t i, const std::optional<Pondra::Bytes>& via) {
+                                   visit(numbers[i], via ? std::optional(setOf(unknown[i], *via, now)) : std::nullopt);
+                                 });
+    }
+  }
+  // Makes the set, or makes it anew after a change of the tunnel interfaces, when it is needed.
+  void bringUpToDate(NexthopSet& set) const {
+    if (set.underlay != underlayChanges_) make(set);
+  }
+  // The tunnel interfaces have changed: every set is made anew before it is used again.
+  void handleUnderlay() { ++underlayChanges_; }
+
+  std::size_t size() const { return sets_.size(); }
+  void clear() { sets_.clear(); }
+
+ private:
+  // Read after the table's change of this number.
+  NexthopSet* setOf(Key viaKey, Pondra::Bytes via, std::uint64_t readAt);
+  void make(NexthopSet& set) const;
+
+  const std::shared_ptr<const Routing::Rib::RouteCache::Evpn::ViaConfig> viaConfig_;
+  const Underlay& underlay_;
+  std::uint64_t underlayChanges_ = 1;
+  std::unordered_map<Key, NexthopSet> sets_;
+};
+
+}  // namespace RouteCache
