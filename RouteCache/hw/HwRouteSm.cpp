@@ -446,9 +446,13 @@ void HwRouteSm::leaveOut(const Ipv4Route& sfeRoute, std::uint32_t hitbit, bool c
 }
 
 void HwRouteSm::processRoute(const Key& key) {
+  decideRoute(readAhead_.of(key, [this](auto one) { lookUpFacts(one); }));
+}
+
+void HwRouteSm::decideRoute(const RouteFacts& facts) {
+  const Key& key = facts.key;
   trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
   withoutAdjacency_.keyDel(key);
-  const RouteFacts& facts = readAhead_.of(key, [this](auto one) { lookUpFacts(one); });
   const auto& sfeRoute = facts.sfeRoute;
   const auto& hwRoute = facts.hwRoute;
   if (sfeRoute && adjacencyStands(sfeRoute->adjId())) {
@@ -471,14 +475,27 @@ void HwRouteSm::processRoute(const Key& key) {
   sfeRouteHitToProcess_.keyDel(key);
 }
 
+// What is known already is not looked up.
 void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
-  const auto keyOf = [](const RouteFacts& each) { return std::optional(each.key); };
-  lookUp(facts, *in_.ipv4SfeRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
-  lookUp(facts, *in_.ipv4HwRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
+  const auto unless = [](bool known, const RouteFacts& each) {
+    return known || each.isFiled ? std::nullopt : std::optional(each.key);
+  };
+  lookUp(
+      facts, *in_.ipv4SfeRouteStatus, [&](const RouteFacts& each) { return unless(each.sfeRoute.has_value(), each); },
+      [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
+  lookUp(
+      facts, *in_.ipv4HwRouteStatus, [&](const RouteFacts& each) { return unless(each.hwRoute.has_value(), each); },
+      [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
   lookUp(
       facts, *in_.ipv4SfeHitBitStatus,
-      [](const RouteFacts& each) { return each.sfeRoute && !each.hwRoute ? std::optional(each.key) : std::nullopt; },
+      [&](const RouteFacts& each) { return unless(!each.sfeRoute || each.hwRoute, each); },
       [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
+}
+
+// A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
+void HwRouteSm::lookUpWalked(std::span<RouteFacts> facts) const {
+  for (RouteFacts& each : facts) each.isFiled = slices_->sliceOf(each.key) != timeSliceInvalid;
+  lookUpFacts(facts);
 }
 
 void HwRouteSm::readAheadOfFresh() {
@@ -518,6 +535,9 @@ void HwRouteSm::handleRouteProcessing() {
   const auto delay = runQueue(routeProcessingTask_, routeToProcess_, routeProcessingInterval_,
                               routeProcessingIntervalDefer_, [this] { return processNextRoute(); });
   readAhead_.clear();
+  walkAhead_.clear();
+  hwWalk_.rest();
+  sfeWalk_.rest();
   if (delay) scheduleRouteProcessingTask(*delay);
   reconcile();
 }
@@ -525,16 +545,20 @@ void HwRouteSm::handleRouteProcessing() {
 // Fresh routes and those whose adjacency has come, then one entry of a walk, then those that wait for room while there
 // is some.
 bool HwRouteSm::processNextRoute() {
+  const auto look = [this](auto facts) { lookUpWalked(facts); };
   if (const auto fresh = routeToProcess_.freshKey()) {
     if (readAhead_.empty()) readAheadOfFresh();
     processRoute(*fresh);
   } else if (const auto ready = withoutAdjacency_.readyKey()) {
     withoutAdjacency_.keyDel(*ready);
-    processSfeWalked(ready);
+    decideSfeWalked(walkAhead_.of(*ready, look));
   } else if (hwWalk_.pending()) {
-    processWalked(hwWalk_.step());
+    const auto note = [](RouteFacts& facts, const Ipv4Route& route) { facts.hwRoute = route; };
+    const RouteFacts* const facts = walkAhead_.step(hwWalk_, note, look);
+    if (facts != nullptr && !facts->isFiled) decideRoute(*facts);
   } else if (sfeWalk_.pending()) {
-    processSfeWalked(sfeWalk_.step());
+    const auto note = [](RouteFacts& facts, const Ipv4Route& route) { facts.sfeRoute = route; };
+    if (const RouteFacts* const facts = walkAhead_.step(sfeWalk_, note, look)) decideSfeWalked(*facts);
   } else if (state_.spaceLeft > 0 && routeToProcess_.hasWaiting()) {
     processRoute(*routeToProcess_.waitingKey());
   } else {
@@ -543,18 +567,13 @@ bool HwRouteSm::processNextRoute() {
   return true;
 }
 
-// A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
-void HwRouteSm::processWalked(const std::optional<Key>& key) {
-  if (key && slices_->sliceOf(*key) == timeSliceInvalid) processRoute(*key);
-}
-
 // Nor does a walk let in those that are hit in software in the order of their keys.
-void HwRouteSm::processSfeWalked(const std::optional<Key>& key) {
-  const std::uint32_t hitbit = key && slices_->sliceOf(*key) == timeSliceInvalid ? sfeHitbit(*key) : 0;
-  if (hitbit == 0) {
-    processWalked(key);
+void HwRouteSm::decideSfeWalked(const RouteFacts& facts) {
+  if (facts.isFiled) return;
+  if (facts.sfeHitbit == 0) {
+    decideRoute(facts);
   } else {
-    sfeRouteHitToProcess_.keyIs(*key, hitbit);
+    sfeRouteHitToProcess_.keyIs(facts.key, facts.sfeHitbit);
     scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);
   }
 }

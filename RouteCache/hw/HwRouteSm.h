@@ -230,6 +230,7 @@ class HwRouteSm final : public Lattis::Entity {
     std::optional<Ipv4Route> sfeRoute;
     std::optional<Ipv4Route> hwRoute;
     std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware
+    bool isFiled = false;         // of one that a walk has met: it is in a slice, and nothing else is known of it
   };
   // The same of a route that is scanned, whose turn writes no other's either. What hardware reports after the look is
   // the next scan's.
@@ -239,6 +240,7 @@ class HwRouteSm final : public Lattis::Entity {
     std::optional<Ipv4Route> hwRoute;  // of one that does not stay in its slice
   };
   void lookUpFacts(std::span<RouteFacts> facts) const;
+  void lookUpWalked(std::span<RouteFacts> facts) const;
   void lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) const;
   void readAheadOfFresh();
   void readAheadOfDue(std::uint16_t slice);
@@ -257,8 +259,8 @@ class HwRouteSm final : public Lattis::Entity {
   void publishSpace();
   bool processNextRoute();
   void reconcile();
-  void processWalked(const std::optional<Key>& key);
-  void processSfeWalked(const std::optional<Key>& key);
+  void decideRoute(const RouteFacts& facts);
+  void decideSfeWalked(const RouteFacts& facts);
   bool processNextHit();
   bool processNextProgrammed();
   void processProgrammedRoute(const Key& key);
@@ -297,7 +299,8 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
-  ReadAhead<RouteFacts> readAhead_;  // of fresh routes; empty between two runs, as is the scan's
+  ReadAhead<RouteFacts> readAhead_;  // of fresh routes; empty between two runs, as are the others
+  ReadAhead<RouteFacts> walkAhead_;  // of the routes of the tables' walks
   ReadAhead<ScanFacts> scanAhead_;
   AdjacencyWait withoutAdjacency_;
   HitQueue sfeRouteHitToProcess_;

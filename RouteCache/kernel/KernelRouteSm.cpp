@@ -1,6 +1,7 @@
 #include "RouteCache/kernel/KernelRouteSm.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <utility>
 
@@ -339,19 +340,9 @@ bool KernelRouteSm::hasRoom(Room room) const {
 
 template <class Family>
 bool KernelRouteSm::isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision) {
-  auto& side = sides_.of<Family>();
-  const Room room = decision.published ? mirrorRoom : cachedRoom;
-  const bool waits = decision.wanted && !hasRoom(room) && !facts.standing;
-  if (waits ? !side.toProcess.has(facts.key) : !side.toProcess.keyDel(facts.key)) {
-    trace_(6, "Not in RouteToProcess");
-    return false;
-  }
-  if (waits) {
-    side.toProcess.waitingKeyIs(facts.key, room);
-    side.task.schedule(routeProcessingIntervalDefer_);
-    return false;
-  }
-  return decision.wanted;
+  if (sides_.of<Family>().toProcess.has(facts.key)) return isAdmitted<Family>(facts, decision);
+  trace_(6, "Not in RouteToProcess");
+  return false;
 }
 
 bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
@@ -367,12 +358,39 @@ bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
 template <class Family>
 void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
   const auto& facts = factsOf<Family>(key);
+  if (!facts.kernel) return decideRoute<Family>(facts);
+  const Decision decision = decide<Family>(key, facts.published);
+  apply<Family>(facts, decision, isRouteAdded<Family>(facts, decision));
+}
+
+// Whether it is queued or a walk has met it.
+template <class Family>
+void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
   if (!facts.kernel) {
-    sides_.of<Family>().toProcess.keyDel(key);
+    sides_.of<Family>().toProcess.keyDel(facts.key);
     return;
   }
-  const Decision decision = decide<Family>(key, facts.published);
-  if (isRouteAdded<Family>(facts, decision)) {
+  const Decision decision = decide<Family>(facts.key, facts.published);
+  apply<Family>(facts, decision, isAdmitted<Family>(facts, decision));
+}
+
+// Takes the route out of the queue, or lets it wait there for the room that it needs.
+template <class Family>
+bool KernelRouteSm::isAdmitted(const RouteFacts<Family>& facts, const Decision& decision) {
+  auto& side = sides_.of<Family>();
+  const Room room = decision.published ? mirrorRoom : cachedRoom;
+  if (decision.wanted && !facts.standing && !hasRoom(room)) {
+    side.toProcess.waitingKeyIs(facts.key, room);
+    side.task.schedule(routeProcessingIntervalDefer_);
+    return false;
+  }
+  side.toProcess.keyDel(facts.key);
+  return decision.wanted;
+}
+
+template <class Family>
+void KernelRouteSm::apply(const RouteFacts<Family>& facts, const Decision& decision, bool isAdded) {
+  if (isAdded) {
     trace_(7, "adding", " ", *facts.kernel);
     writeKernelRoute<Family>(facts);
   } else if (!decision.wanted) {
@@ -381,15 +399,20 @@ void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
   }
 }
 
+// What is known already is not looked up.
 template <class Family>
 void KernelRouteSm::lookUpFacts(std::span<RouteFacts<Family>> facts) const {
   using Facts = RouteFacts<Family>;
   lookUp(
-      facts, sides_.of<Family>().routes, [](const Facts& each) { return std::optional(each.key); },
+      facts, sides_.of<Family>().routes,
+      [](const Facts& each) { return each.published ? std::nullopt : std::optional(each.key); },
       [](Facts& each, const auto& route) { each.published = route.has_value(); });
-  for (Facts& each : facts) each.kernel = kernelKey(each.key);
+  for (Facts& each : facts) {
+    each.kernel = kernelKey(each.key);
+    if (each.standing && each.standing->key() != each.kernel) each.standing.reset();
+  }
   lookUp(
-      facts, *in_.kernelRouteStatus, [](const Facts& each) { return each.kernel; },
+      facts, *in_.kernelRouteStatus, [](const Facts& each) { return each.standing ? std::nullopt : each.kernel; },
       [](Facts& each, const auto& route) { each.standing = route; });
   lookUp(
       facts, sides_.of<Family>().config, [](const Facts& each) { return each.published ? each.kernel : std::nullopt; },
@@ -462,6 +485,7 @@ void KernelRouteSm::handleRouteProcessing() {
   const auto delay = runQueue(side.task, side.toProcess, routeProcessingInterval_, routeProcessingIntervalDefer_,
                               [this] { return processNext<Family>(); });
   side.readAhead.clear();
+  side.walk.rest();
   if (delay) side.task.schedule(*delay);
   reconcile();
 }
@@ -473,20 +497,19 @@ bool KernelRouteSm::processNext() {
   auto& side = sides_.of<Family>();
   if (const auto fresh = side.toProcess.freshKey()) {
     if (side.readAhead.empty()) readAheadOfFresh<Family>();
-    processRoute<Family>(*fresh);
+    decideRoute<Family>(factsOf<Family>(*fresh));
   } else if (!side.trieSweep.empty()) {
     queueTriePrefix<Family>();
   } else if (side.walk.pending()) {
-    if (const auto key = side.walk.step()) {
-      side.toProcess.keyIs(*key);
-      processRoute<Family>(*key);
-    }
+    const auto note = [](RouteFacts<Family>& facts, const auto& /*route*/) { facts.published = true; };
+    const auto look = [this](auto facts) { this->lookUpFacts<Family>(facts); };
+    if (const auto* const facts = side.readAhead.step(side.walk, note, look)) decideRoute<Family>(*facts);
   } else if (side.toProcess.hasWaiting(mirrorRoom) && hasRoom(mirrorRoom)) {
-    processRoute<Family>(*side.toProcess.waitingKey(mirrorRoom));
+    decideRoute<Family>(factsOf<Family>(*side.toProcess.waitingKey(mirrorRoom)));
   } else if (side.toProcess.hasWaiting(cachedRoom) && hasRoom(cachedRoom)) {
-    processRoute<Family>(*side.toProcess.waitingKey(cachedRoom));
+    decideRoute<Family>(factsOf<Family>(*side.toProcess.waitingKey(cachedRoom)));
   } else if (side.toProcess.hasWaiting(review)) {
-    processRoute<Family>(*side.toProcess.waitingKey(review));
+    decideRoute<Family>(factsOf<Family>(*side.toProcess.waitingKey(review)));
   } else {
     return false;
   }
@@ -537,30 +560,64 @@ void KernelRouteSm::handleKernelRouteSync() {
   reconcile();
 }
 
+// The keys of the kernel routes that the walk visits next, as many as there is room for; how many. `at` is behind them
+// then, and the tables have been asked about them.
+std::size_t KernelRouteSm::readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at, std::span<RouteKey> keys) {
+  const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
+  const auto& vrfs = currentKernelRouteVrfIdColl_;
+  sides_.v4.readAhead.clear();
+  sides_.v6.readAhead.clear();
+  std::size_t count = 0;
+  while (count < keys.size() && at != table.end()) {
+    const RouteKey key = at->key();
+    if (!vrfs.contains(key.vrfId())) {
+      const auto next = vrfs.upper_bound(key.vrfId());
+      at = next == vrfs.end() ? table.end() : table.lowerBound(RouteKey(*next, IpGenPrefix()));
+      continue;
+    }
+    keys[count++] = key;
+    if (in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) {
+      const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
+      if (key.prefix().isV4()) {
+        sides_.v4.readAhead.add({key.prefix().v4(), hwVrfId}).standing = *at;
+      } else {
+        sides_.v6.readAhead.add({key.prefix().v6(), hwVrfId}).standing = *at;
+      }
+    }
+    ++at;
+  }
+  lookUpFacts<Ipv4Family>(sides_.v4.readAhead.all());
+  lookUpFacts<Ipv6Family>(sides_.v6.readAhead.all());
+  return count;
+}
+
 void KernelRouteSm::handleKernelRouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
   if (currentKernelRouteVrfIdColl_.empty()) return;
-  const auto& vrfs = currentKernelRouteVrfIdColl_;
   const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
-  const RouteKey from = kernelRouteBookmark_.isEmpty() ? RouteKey(*vrfs.begin(), IpGenPrefix()) : kernelRouteBookmark_;
+  const RouteKey first(*currentKernelRouteVrfIdColl_.begin(), IpGenPrefix());
+  auto at = table.lowerBound(kernelRouteBookmark_.isEmpty() ? first : kernelRouteBookmark_);
   kernelRouteBookmark_ = RouteKey();
   std::uint64_t handled = 0;
-  for (auto route = table.lowerBound(from); route != table.end();) {
-    const RouteKey key = route->key();
-    if (!vrfs.contains(key.vrfId())) {
-      const auto next = vrfs.upper_bound(key.vrfId());
-      if (next == vrfs.end()) break;
-      route = table.lowerBound(RouteKey(*next, IpGenPrefix()));
-      continue;
+  std::array<RouteKey, readAheadGroup> keys;
+  std::size_t next = 0;
+  std::size_t count = 0;
+  for (bool yield = false; !yield; yield = kernelRouteProcessingTask_.shouldYield()) {
+    if (next == count) {
+      count = readKernelRoutes(at, keys);
+      next = 0;
     }
-    ++route;  // before the entry may go
-    processKernelRoute(key);
+    if (count == 0) break;
+    processKernelRoute(keys[next++]);
     ++handled;
-    if (route != table.end() && kernelRouteProcessingTask_.shouldYield()) {
-      kernelRouteBookmark_ = route->key();
-      break;
-    }
   }
+  if (next < count) {
+    kernelRouteBookmark_ = keys[next];
+  } else if (at != table.end()) {
+    kernelRouteBookmark_ = at->key();
+  }
+  sides_.v4.readAhead.clear();
+  sides_.v6.readAhead.clear();
   if (kernelRouteBookmark_.isEmpty()) currentKernelRouteVrfIdColl_ = std::exchange(nextKernelRouteVrfIdColl_, {});
   kernelRouteProcessingTask_.report(handled, currentKernelRouteVrfIdColl_.size() + nextKernelRouteVrfIdColl_.size());
   if (!currentKernelRouteVrfIdColl_.empty()) {
@@ -577,11 +634,9 @@ void KernelRouteSm::processKernelRoute(const RouteKey& key) {
   }
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
   if (key.prefix().isV4()) {
-    ipv4RouteToProcessIs({key.prefix().v4(), hwVrfId});
-    ipv4ProcessRoute({key.prefix().v4(), hwVrfId});
+    decideRoute<Ipv4Family>(factsOf<Ipv4Family>({key.prefix().v4(), hwVrfId}));
   } else {
-    ipv6RouteToProcessIs({key.prefix().v6(), hwVrfId});
-    ipv6ProcessRoute({key.prefix().v6(), hwVrfId});
+    decideRoute<Ipv6Family>(factsOf<Ipv6Family>({key.prefix().v6(), hwVrfId}));
   }
 }
 

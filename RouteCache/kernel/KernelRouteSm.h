@@ -183,7 +183,7 @@ class KernelRouteSm final : public Lattis::Entity {
     const RouteStatus<Family>& routes;
     const Routing::Rib::RouteConfig& config;
     Queue<Key> toProcess;
-    ReadAhead<RouteFacts<Family>> readAhead;  // of fresh keys; empty between two runs
+    ReadAhead<RouteFacts<Family>> readAhead;  // of what a task handles next; empty between two runs
     CoveredRoutesWalk<RouteStatus<Family>> walk;
     bool reconciled = false;  // the published table, and all that had changed by then has been queued
     // Tries by hardware VRF id whose prefixes are to be queued, from this one on.
@@ -218,15 +218,22 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   bool isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision);
   template <class Family>
+  bool isAdmitted(const RouteFacts<Family>& facts, const Decision& decision);
+  template <class Family>
   void wakeWaiting();
   template <class Family>
   void processRoute(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
+  void decideRoute(const RouteFacts<Family>& facts);
+  template <class Family>
+  void apply(const RouteFacts<Family>& facts, const Decision& decision, bool isAdded);
   template <class Family>
   void writeKernelRoute(const RouteFacts<Family>& facts);
   void deleteKernelRoute(const RouteKey& key);
   template <class Family>
   void handleRouteProcessing();
   void reconcile();
+  std::size_t readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at, std::span<RouteKey> keys);
   template <class Family>
   bool processNext();
   template <class Family>

@@ -31,11 +31,14 @@ class CoveredRoutesWalk {
   bool pending() const { return covering_ || !covers_.empty() || laps_.pending(); }
 
   // Looks at one entry of a pending walk. Returns its key when somebody has asked for it; nothing for any other.
-  std::optional<Key> step() {
-    if (!covering_ && covers_.empty()) return laps_.step();
+  // With news of the entries that it has read ahead; rest() follows. See RouteStatusWalk.
+  template <class OnEntry>
+  std::optional<Key> step(OnEntry&& onEntry) {
+    if (!covering_ && covers_.empty()) return laps_.step(onEntry);
     if (!covering_) beginCover(*covers_.freshKey());
     return stepCover();
   }
+  void rest() { laps_.rest(); }
 
   // True when the key is still to come, if it is in the table. Slow: for checks.
   bool willMeet(const Key& key) const {

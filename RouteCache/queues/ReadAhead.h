@@ -14,14 +14,14 @@
 
 namespace RouteCache {
 
+// Enough for lookups to overlap, few enough that what they bring stays in the cache until it is used.
+inline constexpr std::size_t readAheadGroup = 32;
+
 // `Facts` is what is known of one key, which it holds as `key`.
 template <class Facts>
 class ReadAhead {
  public:
   using Key = decltype(Facts::key);
-  // Enough for lookups to overlap, few enough that what they bring stays in the cache until it is used.
-  static constexpr std::size_t group = 32;
-
   // The facts of this key, whose turn it is. What was read ahead for others before it is dropped; a key that has not
   // been read ahead is looked up by itself. `look` fills in what the tables say of facts that have their keys.
   template <class Look>
@@ -34,25 +34,41 @@ class ReadAhead {
   // For the keys whose turns come next: `next` fills in those that there is room for, in this order, and says how many.
   template <class Next, class Look>
   void readNext(Next&& next, Look&& look) {
-    std::array<Key, group> keys;
+    std::array<Key, readAheadGroup> keys;
     const std::size_t count = next(std::span<Key>(keys));
     read(std::span<const Key>(keys).first(count), look);
   }
+  // Goes on by one entry of a walk in groups, and reads ahead when the walk does: note(facts, entry) fills in what the
+  // entry says, `look` the rest. Null where the walk hands out nothing.
+  template <class Walk, class Note, class Look>
+  const Facts* step(Walk& walk, Note&& note, Look&& look) {
+    bool isNew = false;
+    const auto key = walk.step([&](const auto& entry) {
+      if (!std::exchange(isNew, true)) clear();
+      note(add(entry.key()), entry);
+    });
+    if (isNew) look(all());
+    return key ? &of(*key, look) : nullptr;
+  }
+  // A group that is put together one by one: what is known of the key already may be filled in. Whoever does so looks
+  // up the rest for all().
+  Facts& add(const Key& key) {
+    Facts& facts = facts_[count_++] = Facts();
+    facts.key = key;
+    return facts;
+  }
+  std::span<Facts> all() { return std::span(facts_).first(count_); }
   void clear() { next_ = count_ = 0; }
 
  private:
   template <class Look>
   void read(std::span<const Key> keys, Look&& look) {
-    next_ = 0;
-    count_ = keys.size();
-    for (std::size_t i = 0; i < count_; ++i) {
-      facts_[i] = Facts();
-      facts_[i].key = keys[i];
-    }
-    look(std::span(facts_).first(count_));
+    clear();
+    for (const Key& key : keys) add(key);
+    look(all());
   }
 
-  std::array<Facts, group> facts_;
+  std::array<Facts, readAheadGroup> facts_;
   std::size_t next_ = 0;
   std::size_t count_ = 0;
 };
@@ -65,8 +81,8 @@ void lookUp(std::span<Facts> facts, Table& table, KeyOf&& keyOf, Put&& put) {
     if (const auto key = keyOf(facts[0])) put(facts[0], table.entry(*key));
     return;
   }
-  std::array<typename Table::Key, ReadAhead<Facts>::group> keys;
-  std::array<Facts*, ReadAhead<Facts>::group> whose;
+  std::array<typename Table::Key, readAheadGroup> keys;
+  std::array<Facts*, readAheadGroup> whose;
   std::size_t count = 0;
   for (Facts& each : facts) {
     if (const std::optional<typename Table::Key> key = keyOf(each)) {

@@ -5,13 +5,20 @@
 // from where the walk stands then. Asking again before that lap is over moves its end, so that a hundred thousand
 // requests during one lap make it two at most.
 //
+// Whoever has something to look up for each key may take the entries in groups (step(onEntry)): the walk has read those
+// of a group before the first one's turn, and forgets them at rest().
+//
 // Invariant: every key of an owed VRF that was there at the latest request and has not been handed out since is still
 // to come.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <unordered_map>
+#include <utility>
+
+#include "RouteCache/queues/ReadAhead.h"
 
 namespace RouteCache {
 
@@ -19,15 +26,18 @@ template <class Table>
 class RouteStatusWalk {
  public:
   using Key = typename Table::Key;
+  using Value = typename Table::Value;
 
   // The table outlives the walk.
   explicit RouteStatusWalk(const Table& table) : table_(table) {}
 
   void allIs() {
+    rest();
     last_ = mark();
     all_ = last_;
   }
   void vrfIs(std::uint32_t hwVrfId) {
+    rest();
     last_ = mark();
     vrfs_[hwVrfId] = *last_;
   }
@@ -39,22 +49,19 @@ class RouteStatusWalk {
 
   // Looks at one entry of a pending walk. Returns its key when it is owed; nothing for any other, and at a lap's end.
   std::optional<Key> step() {
-    if (!begun_) at_ = table_.begin();
-    begun_ = true;
-    if (at_ == table_.end()) {
-      ++lap_;
-      begun_ = false;
-      // Where the last lap was to end there may be no entry any more.
-      if (lap_ > last_->lap + (last_->from ? 1 : 0)) end();
-      return std::nullopt;
-    }
-    const Key key = at_->key();
-    if (isOver(*last_, key)) {
-      end();
-      return std::nullopt;
-    }
-    ++at_;
-    return isOwed(key) ? std::optional(key) : std::nullopt;
+    return next(1, [](const Value&) {});
+  }
+  // The same, and when it has read the next group of entries: calls onEntry for each of them that will be handed out,
+  // in their order. rest() follows before anybody else may change the table.
+  template <class OnEntry>
+  std::optional<Key> step(OnEntry&& onEntry) {
+    return next(readAheadGroup, onEntry);
+  }
+  // Forgets what it has read and not handed out: it reads that again.
+  void rest() {
+    if (next_ < count_) at_ = table_.lowerBound(entries_[next_].key());
+    next_ = count_ = 0;
+    mayBeOld_ = true;
   }
 
  private:
@@ -64,6 +71,37 @@ class RouteStatusWalk {
     std::uint64_t lap = 0;
   };
 
+  template <class OnEntry>
+  std::optional<Key> next(std::size_t group, OnEntry&& onEntry) {
+    if (!begun_) at_ = table_.begin();
+    begun_ = true;
+    if (next_ == count_) readGroup(group, onEntry);
+    if (count_ == 0) {
+      ++lap_;
+      begun_ = false;
+      // Where the last lap was to end there may be no entry any more.
+      if (lap_ > last_->lap + (last_->from ? 1 : 0)) end();
+      return std::nullopt;
+    }
+    const Key key = entries_[next_].key();
+    if (isOver(*last_, key)) {
+      end();
+      return std::nullopt;
+    }
+    ++next_;
+    return owes(key) ? std::optional(key) : std::nullopt;
+  }
+  template <class OnEntry>
+  void readGroup(std::size_t group, OnEntry&& onEntry) {
+    next_ = count_ = 0;
+    if (std::exchange(mayBeOld_, false) && at_ != table_.end()) at_ = table_.lowerBound(at_->key());
+    for (; count_ < group && at_ != table_.end(); ++at_) {
+      entries_[count_++] = *at_;
+      const Key key = at_->key();
+      if (isOver(*last_, key)) break;
+      if (owes(key)) onEntry(*at_);
+    }
+  }
   Mark mark() const {
     if (!begun_) return {std::nullopt, lap_};
     return at_ == table_.end() ? Mark{std::nullopt, lap_ + 1} : Mark{at_->key(), lap_};
@@ -75,16 +113,15 @@ class RouteStatusWalk {
     const std::uint64_t lap = passed ? lap_ + 1 : lap_;
     return lap <= mark.lap || isBefore(key, mark);
   }
-  bool isOwed(const Key& key) {
+  bool owes(const Key& key) const {
     if (all_ && !isOver(*all_, key)) return true;
-    const auto found = vrfs_.find(key.vrfId());
-    if (found == vrfs_.end()) return false;
-    if (!isOver(found->second, key)) return true;
-    vrfs_.erase(found);
-    return false;
+    if (vrfs_.empty()) return false;
+    const auto vrf = vrfs_.find(key.vrfId());
+    return vrf != vrfs_.end() && !isOver(vrf->second, key);
   }
   void end() {
     begun_ = false;
+    next_ = count_ = 0;
     lap_ = 0;
     all_.reset();
     last_.reset();
@@ -92,8 +129,12 @@ class RouteStatusWalk {
   }
 
   const Table& table_;
-  typename Table::Iterator at_;  // the entry that is looked at next
-  bool begun_ = false;           // else the lap's first entry is
+  typename Table::Iterator at_;  // the entry that is looked at next, behind those that have been read
+  std::array<Value, readAheadGroup> entries_;
+  std::size_t next_ = 0;
+  std::size_t count_ = 0;
+  bool mayBeOld_ = false;  // the entry that at_ has a copy of may have changed since
+  bool begun_ = false;     // else the lap's first entry is
   std::uint64_t lap_ = 0;
   std::optional<Mark> all_;
   std::optional<Mark> last_;  // of the latest request: with it everything is over

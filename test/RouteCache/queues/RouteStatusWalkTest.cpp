@@ -1,6 +1,7 @@
 // The walk that several VRFs may be owed, over a real table that changes under it.
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <random>
 #include <set>
 
@@ -31,11 +32,12 @@ class RouteStatusWalkTest : public testing::Test {
     const std::uint32_t vrfId = number % vrfs;
     return number < vrfs ? Key(Prefix(), vrfId) : Key(Prefix(IpAddr(0x0A000000U + number / vrfs), 32), vrfId);
   }
-  void add(const Key& key) { table->routeIs({key, RouteCache::AdjId(1), false}); }
+  void add(const Key& key) { table->routeIs({key, RouteCache::AdjId(++adjacencies_), false}); }
 
   std::shared_ptr<Ipv4RouteStatus> table;
 
  private:
+  std::uint32_t adjacencies_ = 0;
   TemporaryDirectory directory_;
   Platform::TableTypes types_;
   std::unique_ptr<LinuxPlatform::SharedTableService> service_;
@@ -61,10 +63,24 @@ TEST_F(RouteStatusWalkTest, EveryOwedKeyThatWasThereIsHandedOutAndTheWalkEnds) {
     };
     const auto step = [&] {
       if (!walk.pending()) return;
-      if (const auto key = walk.step()) {
+      // One by one, or in groups: then each key that comes has been told of before, in this order.
+      std::deque<Key> told;
+      const bool inGroups = pick(2) == 0;
+      for (unsigned steps = inGroups ? pick(8) : 1; steps > 0 && walk.pending(); --steps) {
+        const auto note = [&](const auto& route) {
+          ASSERT_EQ(table->route(route.key()), route);
+          told.push_back(route.key());
+        };
+        const auto key = inGroups ? walk.step(note) : walk.step();
+        if (!key) continue;
         ASSERT_TRUE(asked.contains(key->vrfId())) << key->shortText();
         owed.erase(*key);
+        if (!inGroups) continue;
+        ASSERT_FALSE(told.empty());
+        ASSERT_EQ(told.front(), *key);
+        told.pop_front();
       }
+      walk.rest();
       if (!walk.pending()) asked.clear();
     };
     for (int i = 0; i < 600; ++i) {
