@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/values/Prefetch.h"
+
 namespace RouteCache {
 
 // A set of small values that name their key by KeyOf: the key lies in the value, or where the value says. Open
@@ -32,24 +34,28 @@ class FlatTable {
   std::size_t size() const { return current_.used + old_.used; }
   bool empty() const { return size() == 0; }
 
-  Value* find(const Key& key) {
-    if (Value* found = findIn(current_, key)) return found;
-    return findIn(old_, key);
-  }
+  Value* find(const Key& key) { return find(key, key.hash()); }
   const Value* find(const Key& key) const { return const_cast<FlatTable*>(this)->find(key); }
   bool has(const Key& key) const { return find(key) != nullptr; }
+  // Asks memory for what finding, inserting or erasing the key takes.
+  void expect(const Key& key) const {
+    const std::uint64_t hash = key.hash();
+    for (const Array* array : {&current_, &old_}) {
+      if (array->size() == 0) continue;
+      const std::size_t home = array->home(hash);
+      Platform::prefetch(array->marks.data() + home);
+      Platform::prefetch(array->values.get() + home);
+    }
+  }
 
   // Inserts unless the key is there; returns what is there then, and whether it is new.
   std::pair<Value*, bool> insert(const Value& value) {
-    if (Value* found = find(keyOf_(value))) return {found, false};
-    return {add(value), true};
+    const std::uint64_t hash = keyOf_(value).hash();
+    if (Value* found = find(keyOf_(value), hash)) return {found, false};
+    return {add(value, hash), true};
   }
   // Inserts a value whose key is known not to be there.
-  Value* add(const Value& value) {
-    carryOver(slotsPerInsertion);
-    if ((current_.used + 1) * 4 > current_.size() * 3) grow(current_.size() == 0 ? 16 : current_.size() * 2);
-    return place(value);
-  }
+  Value* add(const Value& value) { return add(value, keyOf_(value).hash()); }
 
   bool erase(const Key& key) {
     Value* found = find(key);
@@ -93,15 +99,19 @@ class FlatTable {
 
  private:
   static constexpr unsigned slotsPerInsertion = 8;
-  // What a slot holds: nothing, an entry that lies so many slots behind that of its hash, or, in the old array, what
-  // has been carried over, which probe paths go on behind. By their marks alone most other entries on a path are told
-  // apart from the one looked for, and gaps are closed, without a look at any key.
-  using Mark = std::uint8_t;
-  static constexpr Mark empty_ = 0;
+  // What a slot holds: nothing, an entry, or, in the old array, what has been carried over, which probe paths go on
+  // behind. Of an entry the low byte says how many slots behind that of its hash it lies, the high one are bits of the
+  // hash: nearly all other entries on a path are told apart from the one looked for, and gaps closed, without a look at
+  // any key.
+  using Mark = std::uint16_t;
+  static constexpr Mark vacant = 0;
   static constexpr Mark far = 254;  // 253 slots or more
   static constexpr Mark moved = 255;
-  static bool isFull(Mark mark) { return mark != empty_ && mark != moved; }
+  static bool isFull(Mark mark) { return mark != vacant && mark != moved; }
   static Mark markAt(std::size_t distance) { return distance < far - 1 ? static_cast<Mark>(distance + 1) : far; }
+  static Mark markAt(std::size_t distance, std::uint64_t hash) {
+    return static_cast<Mark>(hash >> 56 << 8 | markAt(distance));
+  }
   struct Release {
     void operator()(Value* values) const { ::operator delete(values); }
   };
@@ -115,7 +125,7 @@ class FlatTable {
       return !std::less<>()(value, values.get()) && std::less<>()(value, values.get() + size());
     }
     std::size_t next(std::size_t i) const { return (i + 1) & (marks.size() - 1); }
-    std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & (marks.size() - 1); }
+    std::size_t home(std::uint64_t hash) const { return static_cast<std::size_t>(hash) & (marks.size() - 1); }
     // How many slots `to` lies behind `from`, around the end.
     std::size_t distance(std::size_t from, std::size_t to) const { return (to - from) & (marks.size() - 1); }
     std::vector<Mark> marks;
@@ -123,20 +133,30 @@ class FlatTable {
     std::size_t used = 0;
   };
 
-  Value* findIn(Array& array, const Key& key) {
+  Value* find(const Key& key, std::uint64_t hash) {
+    if (Value* found = findIn(current_, key, hash)) return found;
+    return findIn(old_, key, hash);
+  }
+  Value* findIn(Array& array, const Key& key, std::uint64_t hash) {
     if (array.used == 0) return nullptr;
     std::size_t distance = 0;
-    for (std::size_t i = array.home(key); array.marks[i] != empty_; i = array.next(i), ++distance) {
-      if (array.marks[i] == markAt(distance) && keyOf_(array.values.get()[i]) == key) return array.values.get() + i;
+    for (std::size_t i = array.home(hash); array.marks[i] != vacant; i = array.next(i), ++distance) {
+      if (array.marks[i] == markAt(distance, hash) && keyOf_(array.values.get()[i]) == key)
+        return array.values.get() + i;
     }
     return nullptr;
   }
 
-  Value* place(const Value& value) {
-    std::size_t i = current_.home(keyOf_(value));
+  Value* add(const Value& value, std::uint64_t hash) {
+    carryOver(slotsPerInsertion);
+    if ((current_.used + 1) * 4 > current_.size() * 3) grow(current_.size() == 0 ? 16 : current_.size() * 2);
+    return place(value, hash);
+  }
+  Value* place(const Value& value, std::uint64_t hash) {
+    std::size_t i = current_.home(hash);
     std::size_t distance = 0;
-    for (; current_.marks[i] != empty_; i = current_.next(i)) ++distance;
-    current_.marks[i] = markAt(distance);
+    for (; current_.marks[i] != vacant; i = current_.next(i)) ++distance;
+    current_.marks[i] = markAt(distance, hash);
     ++current_.used;
     return new (current_.values.get() + i) Value(value);
   }
@@ -150,7 +170,8 @@ class FlatTable {
   void carryOver(std::size_t slots) {
     for (; slots > 0 && carried_ < old_.size(); --slots, ++carried_) {
       if (!isFull(old_.marks[carried_])) continue;
-      place(old_.values.get()[carried_]);
+      const Value& value = old_.values.get()[carried_];
+      place(value, keyOf_(value).hash());
       old_.marks[carried_] = moved;
       --old_.used;
     }
@@ -162,17 +183,17 @@ class FlatTable {
 
   // Takes the entry out of the current array: each entry whose probe path crosses the hole moves into it.
   void closeGap(std::size_t hole) {
-    for (std::size_t i = current_.next(hole); current_.marks[i] != empty_; i = current_.next(i)) {
+    for (std::size_t i = current_.next(hole); current_.marks[i] != vacant; i = current_.next(i)) {
       const Value& value = current_.values.get()[i];
-      const Mark mark = current_.marks[i];
-      const std::size_t distance = mark == far ? current_.distance(current_.home(keyOf_(value)), i) : mark - 1U;
+      const unsigned near = current_.marks[i] & 0xffU;
+      const std::size_t distance = near == far ? current_.distance(current_.home(keyOf_(value).hash()), i) : near - 1;
       const std::size_t gap = current_.distance(hole, i);
       if (distance < gap) continue;
       current_.values.get()[hole] = value;
-      current_.marks[hole] = markAt(distance - gap);
+      current_.marks[hole] = static_cast<Mark>((current_.marks[i] & 0xff00U) | markAt(distance - gap));
       hole = i;
     }
-    current_.marks[hole] = empty_;
+    current_.marks[hole] = vacant;
   }
 
   [[no_unique_address]] KeyOf keyOf_;

@@ -23,6 +23,7 @@ AdjId Adjacencies::take(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId gue
 }
 
 void Adjacencies::deleteAdjFromAdjStatus(AdjId adjId) {
+  if (const auto parts = ids_.adjIdRefCountSub(adjId)) return underlay_.removeMonitoring(parts->v4nh, parts->v6nh);
   // The reference outlives the map entries that go with the last release.
   const auto ref = ids_.nexthop(adjId);
   const bool held = ids_.adjIdRefCount(adjId) > 0;

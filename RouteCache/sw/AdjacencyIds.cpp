@@ -12,10 +12,6 @@ std::uint32_t numberOf(AdjId adjId) {
   return adjId.value() & AdjId::adjacencyIdMask;
 }
 
-const NexthopRef* firstPart(const IpMixedNexthopRef& ref) {
-  return ref.v4nh() ? static_cast<const NexthopRef*>(ref.v4nh().get()) : ref.v6nh().get();
-}
-
 }  // namespace
 
 std::size_t AdjIdNumbers::count() const {
@@ -128,7 +124,7 @@ std::uint32_t AdjacencyIds::adjIdRefCount(AdjId adjId) const {
 }
 
 void AdjacencyIds::adjIdRefCountIs(AdjId adjId, std::uint32_t count) {
-  const auto [entry, isNew] = entries_.insert({adjId, 0, 0, nullptr});
+  const auto [entry, isNew] = entries_.insert({adjId, 0, 0, false, {}});
   if (isNew) numbers_.insert(numberOf(adjId));
   if (count == 0) {
     unreferenced_.insert(adjId);
@@ -146,13 +142,20 @@ void AdjacencyIds::adjIdRefCountAdd(AdjId adjId) {
 
 bool AdjacencyIds::adjIdRefCountAdd(AdjId adjId, const IpMixedNexthopRef& ref) {
   Entry* const entry = entries_.find(adjId);
-  if (entry == nullptr || entry->part == nullptr || entry->part != firstPart(ref)) return false;
+  if (entry == nullptr || !entry->found || entry->parts != partsOf(ref)) return false;
   if (entry->count == 0) {
     adjIdRefCountIs(adjId, 1);
   } else {
     ++entry->count;
   }
   return true;
+}
+
+std::optional<AdjacencyIds::Parts> AdjacencyIds::adjIdRefCountSub(AdjId adjId) {
+  Entry* const entry = entries_.find(adjId);
+  if (entry == nullptr || entry->count < 2) return std::nullopt;
+  --entry->count;
+  return entry->parts;
 }
 
 void AdjacencyIds::adjIdRefCountDel(AdjId adjId) {
@@ -175,14 +178,13 @@ AdjId AdjacencyIds::adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const {
   return ref->v6nh() ? ipv6NexthopToAdjId(ref->v6nh()) : ipv4NexthopToAdjId(ref->v4nh());
 }
 
-void AdjacencyIds::partIs(AdjId adjId, const NexthopRef* part) {
-  Entry* const found = entries_.find(adjId);
-  if (found != nullptr) found->part = part;
-}
-
 void AdjacencyIds::nexthopIs(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId adjId) {
-  partIs(this->adjId(ref), nullptr);  // an equal reference leads to this one from now on
-  partIs(adjId, firstPart(*ref));
+  // An equal reference leads to this identifier from now on.
+  if (Entry* const before = entries_.find(this->adjId(ref))) before->found = false;
+  if (Entry* const entry = entries_.find(adjId)) {
+    entry->found = true;
+    entry->parts = partsOf(*ref);
+  }
   if (adjId.isAdjacencyMixed()) {
     mixed_.nexthopIs(ref, adjId);
   } else if (adjId.isAdjacencyV6()) {
@@ -204,7 +206,10 @@ std::shared_ptr<IpMixedNexthopRef> AdjacencyIds::nexthop(AdjId adjId) const {
 }
 
 void AdjacencyIds::nexthopDel(AdjId adjId) {
-  partIs(adjId, nullptr);
+  if (Entry* const entry = entries_.find(adjId)) {
+    entry->found = false;
+    entry->parts = Parts();
+  }
   if (adjId.isAdjacencyMixed()) {
     mixed_.nexthopDel(adjId);
   } else if (adjId.isAdjacencyV6()) {
@@ -224,9 +229,9 @@ void AdjacencyIds::checkInvariants() const {
     if (numberOf(adjId) == AdjId::adjacencyInvalid || count == 0) return;
     const auto ref = nexthop(adjId);
     PLATFORM_ASSERT_TEXT(ref != nullptr, "an identifier that is held has a next hop");
-    const NexthopRef* const part = entries_.find(adjId)->part;
-    PLATFORM_ASSERT_TEXT(part == nullptr || (part == firstPart(*ref) && this->adjId(ref) == adjId),
-                         "an identifier's part is that of its next hop, which leads to it");
+    const Entry& entry = *entries_.find(adjId);
+    PLATFORM_ASSERT_TEXT(entry.parts == partsOf(*ref), "an identifier's parts are those of its next hop");
+    PLATFORM_ASSERT_TEXT(entry.found == (this->adjId(ref) == adjId), "an identifier is found by its next hop");
     const bool known = ref->isV4() == (ref->v4nh() != nullptr) && ref->isV6() == (ref->v6nh() != nullptr) &&
                        (!ref->v4nh() || (ref->v4nh()->isV4() && !ref->v4nh()->isV6())) &&
                        (!ref->v6nh() || (ref->v6nh()->isV6() && !ref->v6nh()->isV4()));

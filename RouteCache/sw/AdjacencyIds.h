@@ -4,13 +4,14 @@
 // Invariants:
 //   - an identifier is in adjIdRefCount from its allocation (count 1) or its adoption (count 0) until it is freed;
 //   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref, which knows its families;
-//   - an identifier's part, if any, is that of reverse(id), which keeps it, and forward of this is the identifier;
+//   - an identifier's parts are those of reverse(id), which keeps them; it is found if forward(reverse(id)) == id;
 //   - no number is in the free list while an identifier of that number is in use.
 #pragma once
 
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -118,6 +119,14 @@ class AdjacencyIds {
   // One more, if the identifier stands for the very parts of this reference, and an equal one leads to it. False:
   // nothing has been counted.
   bool adjIdRefCountAdd(AdjId adjId, const IpMixedNexthopRef& ref);
+  // What an identifier stands for: the parts of its reference, kept by the maps; null where one is missing.
+  struct Parts {
+    const Ipv4NexthopRef* v4nh = nullptr;
+    const Ipv6NexthopRef* v6nh = nullptr;
+    bool operator==(const Parts&) const = default;
+  };
+  // One less of several, as most are. Nothing: it would be the last one, and has not been counted.
+  std::optional<Parts> adjIdRefCountSub(AdjId adjId);
   void adjIdRefCountDel(AdjId adjId);
   // The identifiers with count 0, in order: what a clean-up walks.
   const std::set<AdjId>& unreferenced() const { return unreferenced_; }
@@ -164,14 +173,15 @@ class AdjacencyIds {
   struct Entry {
     AdjId adjId;
     std::uint32_t count = 0;
-    std::uint32_t current = 0;         // the generation in which the adjacency was known to be right
-    const NexthopRef* part = nullptr;  // first part of its reference, while an equal one leads here
+    std::uint32_t current = 0;  // the generation in which the adjacency was known to be right
+    bool found = false;         // a reference like its parts leads here
+    Parts parts;                // none: it has no reference
   };
   struct AdjIdOf {
     const AdjId& operator()(const Entry& entry) const { return entry.adjId; }
   };
   void erase(AdjId adjId);
-  void partIs(AdjId adjId, const NexthopRef* part);
+  static Parts partsOf(const IpMixedNexthopRef& ref) { return {ref.v4nh().get(), ref.v6nh().get()}; }
   const Platform::TraceHandle& trace_;
   FreeAdjIds free_;
   FlatTable<Entry, AdjId, AdjIdOf> entries_;

@@ -5,6 +5,7 @@
 // a route noted or ahead of the second.
 #pragma once
 
+#include <array>
 #include <optional>
 
 #include "RouteCache/queues/FlatTable.h"
@@ -44,13 +45,22 @@ class AdjacencySync {
   bool note(DeferredTask& task, AdjacencyIds& ids, const Routes& routes, FlatSet<Key>& inherited) {
     if (!routeBookmark_) inherited.reserve(routes.size());
     std::uint64_t handled = 0;
+    std::array<Key, 32> expected;  // so that one insertion does not wait for the other
+    std::size_t count = 0;
+    const auto insertExpected = [&] {
+      for (std::size_t i = 0; i < count; ++i) inherited.insert(expected[i]);
+      count = 0;
+    };
     const auto next = visitUntilYield(task, resumeFrom(routes, routeBookmark_), routes.end(), handled,
                                       [&](const BasicRoute<Family>& route) {
-                                        inherited.insert(route.key());
+                                        inherited.expect(route.key());
+                                        expected[count++] = route.key();
+                                        if (count == expected.size()) insertExpected();
                                         const AdjId adjId = route.adjId();
                                         if (!isAdjacency(adjId) || !isWellFormed(adjId)) return;
                                         if (!ids.numberInUse(adjId)) ids.adjIdRefCountIs(adjId, 0);
                                       });
+    insertExpected();
     routeBookmark_ = bookmarkOf(next, routes.end());
     return !routeBookmark_;
   }

@@ -6,7 +6,9 @@
 // met by the walk that follows.
 #pragma once
 
+#include <array>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "RouteCache/model/Sides.h"
@@ -29,7 +31,7 @@ class RouteSync {
   std::optional<Key> bookmark() const { return bookmark_; }
   bool endedOnce() const { return endedOnce_; }
 
-  // Something has changed that a walk under way may have passed: another one follows it.
+  // A VRF has left its hardware id, which a walk under way may have passed: another one follows it.
   void againIs() { again_ = again_ || bookmark_.has_value(); }
   // Goes on, and calls withdraw(key) for each route that has to go. False: to be continued, or begun again, in the
   // task's next run.
@@ -37,9 +39,8 @@ class RouteSync {
   bool run(DeferredTask& task, std::string_view name, Withdraw&& withdraw) {
     std::uint64_t handled = 0;
     const auto next = visitUntilYield(task, resumeFrom(routes_, bookmark_), routes_.end(), handled,
-                                      [&](const BasicRoute<Family>& route) {
-                                        if (hasGone(route.key())) withdraw(route.key());
-                                      });
+                                      [&](const BasicRoute<Family>& route) { visit(route.key(), withdraw); });
+    withdrawUnconfigured(withdraw);
     bookmark_ = bookmarkOf(next, routes_.end());
     task.report(handled, 0);
     if (bookmark_) {
@@ -52,22 +53,42 @@ class RouteSync {
   }
 
  private:
-  bool hasGone(const Key& key) const {
-    const std::uint32_t piVrfId = vrfIdMap_.hwVrfIdToGlobalVrfId(key.vrfId());
+  // What is not configured when the first walk has ended is told of as it goes: walks after that come of VRFs alone.
+  template <class Withdraw>
+  void visit(const Key& key, Withdraw&& withdraw) {
+    if (hasLeftItsId(key.vrfId())) return withdraw(key);
+    if (endedOnce_) return;
+    asked_[count_] = RouteKey(vrfIdMap_.hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
+    visited_[count_++] = key;
+    if (count_ == group) withdrawUnconfigured(withdraw);
+  }
+
+  bool hasLeftItsId(std::uint32_t hwVrfId) const {
+    const std::uint32_t piVrfId = vrfIdMap_.hwVrfIdToGlobalVrfId(hwVrfId);
     // Mapped back and forward again, the VRF must still have this hardware id.
-    if (!vrfIdMap_.hwVrfIdToGlobalVrfIdHas(key.vrfId()) || !vrfIdMap_.globalVrfIdToHwVrfIdHas(piVrfId) ||
-        vrfIdMap_.globalVrfIdToHwVrfId(piVrfId) != key.vrfId()) {
-      trace_(5, "key has gone away. Deleting vrfId: ", key.vrfId());
-      return true;
-    }
-    const RouteKey routeKey(piVrfId, key.prefix());
-    if (config_.has(routeKey)) {
-      trace_(9, routeKey, " still in pondra");
+    if (vrfIdMap_.hwVrfIdToGlobalVrfIdHas(hwVrfId) && vrfIdMap_.globalVrfIdToHwVrfIdHas(piVrfId) &&
+        vrfIdMap_.globalVrfIdToHwVrfId(piVrfId) == hwVrfId) {
       return false;
     }
-    trace_(5, routeKey, " has gone away. Deleting ");
+    trace_(5, "key has gone away. Deleting vrfId: ", hwVrfId);
     return true;
   }
+
+  // Of those that have been visited; looked up together, so that none waits for memory by itself.
+  template <class Withdraw>
+  void withdrawUnconfigured(Withdraw&& withdraw) {
+    const std::size_t count = std::exchange(count_, 0);
+    config_.encodedEntries(std::span<const RouteKey>(asked_).first(count), [&](std::size_t i, const auto& found) {
+      if (found) {
+        trace_(9, asked_[i], " still in pondra");
+      } else {
+        trace_(5, asked_[i], " has gone away. Deleting ");
+        withdraw(visited_[i]);
+      }
+    });
+  }
+
+  static constexpr std::size_t group = 32;
 
   const RouteStatus<Family>& routes_;
   const Routing::Rib::RouteConfig& config_;
@@ -76,6 +97,10 @@ class RouteSync {
   std::optional<Key> bookmark_;  // set: a walk is under way
   bool again_ = false;
   bool endedOnce_ = false;
+  // Visited in this run and not looked up yet.
+  std::array<Key, group> visited_;
+  std::array<RouteKey, group> asked_;
+  std::size_t count_ = 0;
 };
 
 }  // namespace RouteCache

@@ -357,11 +357,14 @@ void SwRouteSm::lookUpConfigured(std::span<RouteFacts> facts) const {
 template <class Family>
 void SwRouteSm::lookUpPublished(std::span<RouteFacts> facts) const {
   using Key = BasicRouteVrfKey<Family>;
+  const auto& side = sides_.of<Family>();
   lookUp(
-      facts, *sides_.of<Family>().routes,
-      [](const RouteFacts& each) {
+      facts, *side.routes,
+      [&](const RouteFacts& each) {
         if (!each.hwVrfId || each.key.prefix().family() != Family::family) return std::optional<Key>();
-        return std::optional(Key(Family::prefix(each.key.prefix()), *each.hwVrfId));
+        const Key key(Family::prefix(each.key.prefix()), *each.hwVrfId);
+        side.inherited.expect(key);
+        return std::optional(key);
       },
       [](RouteFacts& each, std::optional<BasicRoute<Family>>&& route) {
         each.template published<Family>() = std::move(route);

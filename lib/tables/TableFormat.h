@@ -62,6 +62,7 @@
 #include "platform/tables/SharedTable.h"
 #include "platform/values/ByteOrder.h"
 #include "platform/values/Hash.h"
+#include "platform/values/Prefetch.h"
 
 #if defined(__SSE2__) && !defined(__SANITIZE_THREAD__) && !defined(SHARED_TABLE_BEFORE_LOAD)
 #define SHARED_TABLE_FOUR_WORDS_AT_A_TIME
@@ -98,12 +99,7 @@ void store(Word& word, Word value) {
   std::atomic_ref<Word>(word).store(value, std::memory_order_release);
 }
 
-// Asks memory for what will be read soon. Compilers take a function that does nothing else for one without effect, and
-// leave its calls out: the empty statement has one.
-inline void prefetch(const void* address) {
-  __builtin_prefetch(address);
-  asm volatile("");
-}
+using Platform::prefetch;
 
 // Whole words: the last one is filled up with zero bytes.
 void storeBytes(std::uint64_t* to, Bytes from);
