@@ -31,7 +31,7 @@ class RouteSync {
   std::optional<Key> bookmark() const { return bookmark_; }
   bool endedOnce() const { return endedOnce_; }
 
-  // A VRF has left its hardware id, which a walk under way may have passed: another one follows it.
+  // Something has changed that a walk under way may have passed: another one follows it.
   void againIs() { again_ = again_ || bookmark_.has_value(); }
   // Goes on, and calls withdraw(key) for each route that has to go. False: to be continued, or begun again, in the
   // task's next run.
@@ -53,11 +53,9 @@ class RouteSync {
   }
 
  private:
-  // What is not configured when the first walk has ended is told of as it goes: walks after that come of VRFs alone.
   template <class Withdraw>
   void visit(const Key& key, Withdraw&& withdraw) {
     if (hasLeftItsId(key.vrfId())) return withdraw(key);
-    if (endedOnce_) return;
     asked_[count_] = RouteKey(vrfIdMap_.hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
     visited_[count_++] = key;
     if (count_ == group) withdrawUnconfigured(withdraw);
