@@ -30,6 +30,7 @@ using RouteCache::Ipv4RouteStatus;
 
 struct Options : BenchOptions {
   HardwareWorkload workload;
+  PingedOptions pinged;
 };
 
 // --- The other processes ---------------------------------------------------------------------------------------------
@@ -170,6 +171,7 @@ void Measurement::standing() {
   outside.publish(workload_.routes, workload_.sfeRoutes(), false);
   agent.ask("settle");
   latency("hit, idle", agent, outside, "serve", workload_.routes);
+  add("hit, idle", "two pings", secondsOfPings(options_.directory, 2, workload_.samples()));
   latency("hit, scanning", agent, outside, "serve scan", workload_.routes + workload_.samples());
   age(agent, outside);
   uncache(agent);
@@ -260,5 +262,6 @@ int main(int argc, char** argv) {
   program.modeIs("agent", "The state machine's process",
                  [&] { runHardwareAgent(options.directory, options.workload); });
   program.modeIs("plain", "The rival's process", [&] { runPlainSlices(options.directory); });
+  program.pingedIs(options.pinged);
   return program.run<Measurement>(argc, argv, options, print, bars);
 }

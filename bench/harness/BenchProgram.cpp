@@ -27,6 +27,13 @@ CLI::App& BenchProgram::modeIs(const char* name, const char* what, std::function
   return *mode;
 }
 
+void BenchProgram::pingedIs(PingedOptions& pinged) {
+  CLI::App& mode = modeIs("pinged", "A process that waits for an eventfd",
+                          [this, &pinged] { runPinged(options_.directory, pinged); });
+  mode.add_option("--eventfd", pinged.eventFd, "The descriptor, inherited");
+  mode.add_option("--next-eventfd", pinged.nextEventFd, "What it writes to then; -1: it notes the time instead");
+}
+
 int BenchProgram::run(int argc, char** argv, const std::function<void()>& measure) {
   try {
     app_.callback([this, &measure] {

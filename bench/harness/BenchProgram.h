@@ -10,6 +10,7 @@
 #include "bench/harness/Bars.h"
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/Figures.h"
+#include "bench/harness/Pings.h"
 
 namespace Bench {
 
@@ -29,6 +30,8 @@ class BenchProgram {
   void routesAre(std::uint32_t& routes, const char* what, std::uint32_t least, std::uint32_t most);
   // Another of the benchmark's processes alone, which this program starts itself as, on the tables in --dir.
   CLI::App& modeIs(const char* name, const char* what, std::function<void()> run);
+  // For `Pings`.
+  void pingedIs(PingedOptions& pinged);
 
   // The whole of main(), which returns what this does: a mode, or as many runs of a Measurement, made of the options,
   // as is asked, and then its figures and how they stand to the bars on standard output, as JSON or as `print` has it.

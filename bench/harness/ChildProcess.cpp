@@ -1,10 +1,12 @@
 #include "bench/harness/ChildProcess.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
@@ -41,7 +43,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
   ::close(ends[1]);
   ::close(spoken[1]);
   input_ = spoken[0];
-  output_ = ::fdopen(ends[0], "r");
+  output_ = ends[0];
   if (fault != 0) {
     pid_ = -1;
     throw std::system_error(fault, std::generic_category(), "posix_spawn");
@@ -49,12 +51,15 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
 }
 
 ChildProcess::~ChildProcess() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  if (output_ != nullptr) std::fclose(output_);
+  kill();
+  if (output_ >= 0) ::close(output_);
   if (input_ >= 0) ::close(input_);
+}
+
+void ChildProcess::kill() {
+  if (pid_ <= 0) return;
+  ::kill(pid_, SIGKILL);
+  ::waitpid(std::exchange(pid_, -1), nullptr, 0);
 }
 
 void ChildProcess::tell(const std::string& line) {
@@ -63,20 +68,35 @@ void ChildProcess::tell(const std::string& line) {
 }
 
 std::string ChildProcess::line() {
-  char* line = nullptr;
-  std::size_t size = 0;
-  const ssize_t length = ::getline(&line, &size, output_);
-  std::string text(line == nullptr || length < 0 ? "" : line);
-  std::free(line);
-  if (text.empty()) throw std::runtime_error(name_ + ": the process ended without a report");
-  return text;
+  std::size_t end = 0;
+  while ((end = read_.find('\n')) == std::string::npos) {
+    if (!readMore()) throw std::runtime_error(name_ + ": the process ended without a report");
+  }
+  std::string line = read_.substr(0, end + 1);
+  read_.erase(0, end + 1);
+  return line;
+}
+
+bool ChildProcess::hasLine() {
+  pollfd output{output_, POLLIN, 0};
+  return read_.find('\n') != std::string::npos || ::poll(&output, 1, 0) > 0;
 }
 
 void ChildProcess::readAll(const std::function<void(std::string_view)>& content) {
-  std::array<char, 64 * 1024> buffer;  // NOLINT: filled by fread
-  while (const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), output_)) {
-    content(std::string_view(buffer.data(), count));
+  do {
+    content(std::exchange(read_, {}));
+  } while (readMore());
+}
+
+bool ChildProcess::readMore() {
+  pollfd output{output_, POLLIN, 0};
+  if (::poll(&output, 1, static_cast<int>(patience * 1000)) == 0) {
+    throw std::runtime_error(name_ + ": no report within " + std::to_string(static_cast<int>(patience)) + " seconds");
   }
+  std::array<char, 64 * 1024> buffer;  // NOLINT: filled by read
+  const ssize_t count = ::read(output_, buffer.data(), buffer.size());
+  if (count > 0) read_.append(buffer.data(), static_cast<std::size_t>(count));
+  return count > 0;
 }
 
 void ChildProcess::stop() {
@@ -89,6 +109,15 @@ void ChildProcess::wait() {
   int status = 0;
   ::waitpid(std::exchange(pid_, -1), &status, 0);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error(name_ + ": the process failed");
+}
+
+double processorSeconds(pid_t process) {
+  clockid_t clock{};
+  timespec time{};
+  if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
+    throw std::system_error(errno, std::generic_category(), "the clock of a process");
+  }
+  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
 nlohmann::json residentMemory(pid_t process) {

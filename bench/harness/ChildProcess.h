@@ -4,7 +4,6 @@
 
 #include <sys/types.h>
 
-#include <cstdio>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -25,8 +24,10 @@ class ChildProcess {
   // One line on its standard input. A process that has ended hears nothing: that it has, the next report tells.
   void tell(const std::string& line);
   // The next line of its standard output, or the report that it is; throws std::runtime_error when the process has
-  // ended instead.
+  // ended instead, or says nothing for `patience`.
+  static constexpr double patience = 300;  // seconds; where a machine is slow or busy a million routes take a minute
   std::string line();
+  bool hasLine();  // already
   nlohmann::json report() { return nlohmann::json::parse(line()); }
   // What it reports of this.
   nlohmann::json ask(const std::string& command) {
@@ -40,13 +41,21 @@ class ChildProcess {
   // std::runtime_error when it failed.
   void stop();
   void wait();
+  // Ends it at once (SIGKILL).
+  void kill();
 
  private:
+  bool readMore();  // false: that was all
+
   std::string name_;
   pid_t pid_ = -1;
-  std::FILE* output_ = nullptr;
+  std::string read_;  // and not handed out yet
+  int output_ = -1;
   int input_ = -1;
 };
+
+// Of the processor that a process has had; throws std::system_error when it has ended.
+double processorSeconds(pid_t process);
 
 // For a report: a process's lines of /proc/PID/status that speak of resident memory, in bytes. 0 is this process.
 nlohmann::json residentMemory(pid_t process = 0);

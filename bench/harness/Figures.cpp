@@ -14,7 +14,21 @@ double medianOf(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
+std::vector<std::string> keysOf(const auto& map) {
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : map) keys.push_back(key);
+  return keys;
+}
+
 }  // namespace
+
+std::vector<std::string> Figures::phases() const {
+  return keysOf(values_);
+}
+
+std::vector<std::string> Figures::figuresOf(const std::string& phase) const {
+  return keysOf(values_.at(phase));
+}
 
 double Figures::median(const std::string& phase, const std::string& figure) const {
   return medianOf(values_.at(phase).at(figure));

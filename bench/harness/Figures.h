@@ -17,6 +17,8 @@ class Figures {
   bool has(const std::string& phase, const std::string& figure) const {
     return has(phase) && values_.at(phase).contains(figure);
   }
+  std::vector<std::string> phases() const;
+  std::vector<std::string> figuresOf(const std::string& phase) const;
   // The last of the figure's values, which must be there; and the median of all.
   double latest(const std::string& phase, const std::string& figure) const {
     return values_.at(phase).at(figure).back();

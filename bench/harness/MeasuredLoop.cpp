@@ -2,8 +2,10 @@
 
 #include <sys/epoll.h>
 
+#include <algorithm>
 #include <iostream>
 #include <sstream>
+#include <utility>
 
 #include "bench/harness/ChildProcess.h"
 
@@ -36,36 +38,78 @@ json workReport(const Stopwatch& stopwatch, double privateBytesBefore) {
           {"grownBytes", privateBytes() - privateBytesBefore}};
 }
 
+// --- Who holds the thread --------------------------------------------------------------------------------------------
+
+void LongestRun::add(const LongestRun& other) {
+  seconds = std::max(seconds, other.seconds);
+  cpuSeconds = std::max(cpuSeconds, other.cpuSeconds);
+}
+
+void RunTimer::timed(LongestRun& longest, const std::function<void()>& body) {
+  const Stopwatch run;
+  body();
+  longest.add({run.seconds(), run.cpuSeconds()});
+}
+
 std::unique_ptr<Platform::Task> RunTimer::taskIs(std::string_view name, Platform::TaskPriority priority,
                                                  std::function<void()> body) {
-  return loop_.taskIs(name, priority, [this, body = std::move(body)] {
-    const Stopwatch run;
-    body();
-    held = std::max(held, run.seconds());
-    heldCpu = std::max(heldCpu, run.cpuSeconds());
-  });
+  LongestRun& longest = longest_[std::string(name)];
+  return loop_.taskIs(name, priority, [&longest, body = std::move(body)] { timed(longest, body); });
 }
+
+void RunTimer::run(const std::string& name, const std::function<void()>& body) {
+  timed(longest_[name], body);
+}
+
+std::map<std::string, LongestRun> RunTimer::takeLongestRuns() {
+  auto runs = longest_;
+  for (auto& [name, longest] : longest_) longest = {};
+  return runs;
+}
+
+LongestRun RunTimer::takeLongestRun() {
+  LongestRun all;
+  for (const auto& [name, longest] : takeLongestRuns()) all.add(longest);
+  return all;
+}
+
+TimedDelivery::TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService& tables)
+    : loop_(tasks.loop()),
+      tables_(tables),
+      task_(tasks.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })) {
+  loop_.fdIs(tables_.wakeupFd(), EPOLLIN,
+             [this, &tasks](std::uint32_t) { tasks.run("wakeup", [this] { tables_.handleWakeup(); }); });
+  loop_.afterBatchIs([this] { tables_.flush(); });
+}
+
+TimedDelivery::~TimedDelivery() {
+  loop_.afterBatchIs(nullptr);
+  loop_.fdDel(tables_.wakeupFd());
+}
+
+void TimedDelivery::deliver() {
+  if (!tables_.deliverChanges([this] { return task_->shouldYield(); })) wanted();
+}
+
+bool TimedDelivery::isDone() {
+  if (!tables_.pendingChanges()) return true;
+  wanted();
+  return false;
+}
+
+// --- The loop --------------------------------------------------------------------------------------------------------
 
 MeasuredLoop::MeasuredLoop(const std::string& directory)
-    : trace_(directory), tables_(directory, [this] { deliveryTask_->scheduleWithin(0); }) {
-  deliveryTask_ = tasks_.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); });
-  loop_.fdIs(tables_.service().wakeupFd(), EPOLLIN, [this](std::uint32_t) { tables_.service().handleWakeup(); });
-  loop_.afterBatchIs([this] { tables_.service().flush(); });
-}
-
-void MeasuredLoop::deliver() {
-  if (!tables_.service().deliverChanges([this] { return deliveryTask_->shouldYield(); })) {
-    deliveryTask_->scheduleWithin(0);
-  }
-}
+    : trace_(directory), tables_(directory, [this] { delivery_.wanted(); }), delivery_(tasks_, tables_.service()) {}
 
 json MeasuredLoop::work(const std::function<bool()>& isOver) {
-  tasks_.held = tasks_.heldCpu = 0;
+  tasks_.takeLongestRun();
   const Stopwatch whole;
   while (!isOver()) loop_.runOnce(1);
   json done = workReport(whole, privateBytesBefore_);
-  done["heldSeconds"] = tasks_.held;
-  done["heldCpuSeconds"] = tasks_.heldCpu;
+  const LongestRun longest = tasks_.takeLongestRun();
+  done["heldSeconds"] = longest.seconds;
+  done["heldCpuSeconds"] = longest.cpuSeconds;
   return done;
 }
 
@@ -75,11 +119,7 @@ json MeasuredLoop::settle() {
 
 // What waits for its turn comes within seconds.
 bool MeasuredLoop::isSettled() {
-  if (tables_.service().pendingChanges()) {
-    deliveryTask_->scheduleWithin(0);
-    return false;
-  }
-  return isIdle();
+  return delivery_.isDone() && isIdle();
 }
 
 }  // namespace Bench

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <istream>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -32,6 +33,13 @@ double privateBytes();
 // how many bytes its private part has grown since it was that large.
 nlohmann::json workReport(const Stopwatch& stopwatch, double privateBytesBefore);
 
+// How long one run held the thread at most.
+struct LongestRun {
+  double seconds = 0;
+  double cpuSeconds = 0;
+  void add(const LongestRun& other);
+};
+
 // Passes tasks on to the event loop and keeps the times of the longest runs.
 class RunTimer final : public Platform::TaskScheduler {
  public:
@@ -40,12 +48,40 @@ class RunTimer final : public Platform::TaskScheduler {
                                          std::function<void()> body) override;
   double now() const override { return loop_.now(); }
   std::vector<Platform::TaskStatistics> statistics() const override { return loop_.statistics(); }
+  LinuxPlatform::EventLoop& loop() { return loop_; }
 
-  double held = 0;  // seconds
-  double heldCpu = 0;
+  // Something else that holds the thread, counted as a task of this name.
+  void run(const std::string& name, const std::function<void()>& body);
+
+  // Since the last time that this was called: of each task by its name, and of all.
+  std::map<std::string, LongestRun> takeLongestRuns();
+  LongestRun takeLongestRun();
 
  private:
+  static void timed(LongestRun& longest, const std::function<void()>& body);
+
   LinuxPlatform::EventLoop& loop_;
+  std::map<std::string, LongestRun> longest_;  // an entry stays where it is
+};
+
+// What others change in shared tables reaches the reactors, in runs of a task that count as any. The service outlives
+// it.
+class TimedDelivery {
+ public:
+  TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService& tables);
+  ~TimedDelivery();
+  TimedDelivery(const TimedDelivery&) = delete;
+  TimedDelivery& operator=(const TimedDelivery&) = delete;
+  void wanted() { task_->scheduleWithin(0); }
+  // Nothing is to be delivered; else it soon will be.
+  bool isDone();
+
+ private:
+  void deliver();
+
+  LinuxPlatform::EventLoop& loop_;
+  LinuxPlatform::SharedTableService& tables_;
+  std::unique_ptr<Platform::Task> task_;
 };
 
 // The members stand in the order of their making.
@@ -75,13 +111,11 @@ class MeasuredLoop {
   bool isIdle() const { return loop_.nextDue() > loop_.now() + never / 2; }
 
  private:
-  void deliver();
-
   LinuxPlatform::EventLoop loop_;
   RunTimer tasks_{loop_};
   LinuxPlatform::FileTraceFacility trace_;
   Tables tables_;
-  std::unique_ptr<Platform::Task> deliveryTask_;
+  TimedDelivery delivery_;
   double privateBytesBefore_ = 0;
 };
 

@@ -2,19 +2,27 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "bench/pipeline/PipelineWorkload.h"
 
 namespace Bench {
 
-// Runs an agent on the tables in the directory until SIGTERM. For each target in turn it waits until that many routes
-// are published and nothing is left to do, and prints one line of JSON with the time, the memory and the tasks:
+// Runs an agent on the tables in the directory until its standard input ends, and obeys lines of that, one after the
+// other, which it answers when they are done:
 //
-//   {"event": "settled", "published": 1000000, "at": 12.5, "seconds": 2.5, "memory": {...}, "tasks": [...]}
+//   settle ROUTES [WAITING]   so many routes are published, and stand wherever else they belong; so many are queued
+//                             because they lack something; and nothing else is left to do
+//   reconcile                 every table that it writes is reconciled
+//   set PATH FIELD VALUE      at once, as `routecache set` does
+//   del PATH FIELD
 //
-// "at" is the machine's monotonic clock, "seconds" the time since the process was started. After a restart the walk
-// over what was published before goes on without pauses from there, and {"event": "walked"} is printed at its end.
-void runPipelineAgent(const std::string& directory, const Workload& workload, const std::vector<std::size_t>& targets);
+// An answer is one line of JSON: {"at": 12.5, "seconds": 2.5, "startSeconds": 0.1, "cpuSeconds": 2.4, "memory": {...},
+// "held": {"routeProcessingTask": [0.0041, 0.004], ...}}. "at" is the machine's monotonic clock, "seconds" the time
+// since the process was started, of it "startSeconds" until the agent stood and began to work; "cpuSeconds" the
+// processor's time since then or, from the second "settle" or "reconcile" on, since the one before; "held" how long
+// each task, or the start, held the thread at most in that time, in seconds and processor seconds.
+//
+// The walks with which a restart ends begin at once: the switch brings nothing that they would have to wait for.
+void runPipelineAgent(const std::string& directory, const Workload& workload);
 
 }  // namespace Bench

@@ -57,20 +57,19 @@ class Publisher {
 
 }  // namespace
 
-RivalFigures runPipelineRival(const std::string& directory, const Workload& workload) {
-  const std::size_t mapSize = (std::size_t{workload.routes} + workload.nexthopSets) * 1024 + (std::size_t{64} << 20);
+RivalFigures runPipelineRival(const std::string& directory, const Tools::RibChange& change) {
+  const std::size_t mapSize = (change.routes.size() + change.vias.size()) * 1024 + (std::size_t{64} << 20);
   const BenchDirectory ribDirectory(directory);
   const BenchDirectory publishedDirectory(directory);
   LmdbStore rib(ribDirectory.path(), mapSize);
   LmdbStore published(publishedDirectory.path(), mapSize);
   const MDB_dbi ribRoutes = rib.database("routes");
   const MDB_dbi ribVias = rib.database("vias");
-  const auto change = workload.rib();
   for (const auto& via : change.vias) rib.putValue(ribVias, via);
   for (const auto& route : change.routes) rib.putValue(ribRoutes, route);
   rib.commit();
 
-  const double start = monotonicSeconds();
+  const Stopwatch stopwatch;
   Publisher publisher(published);
   rib.walk(ribRoutes, [&](Bytes key, Bytes bytes) {
     using RouteTraits = Pondra::TableTraits<Routing::Rib::Route>;
@@ -80,7 +79,7 @@ RivalFigures runPipelineRival(const std::string& directory, const Workload& work
     publisher.publish(route, via);
   });
   published.commit();
-  return {monotonicSeconds() - start, publisher.routes(), publisher.adjacencies()};
+  return {stopwatch.cpuSeconds(), publisher.routes(), publisher.adjacencies()};
 }
 
 }  // namespace Bench

@@ -1,20 +1,17 @@
 #include "bench/rivals/RivalReader.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/epoll.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <iostream>
 #include <memory>
 #include <new>
 #include <sstream>
-#include <system_error>
 
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/MeasuredLoop.h"
+#include "bench/harness/Pings.h"
 #include "bench/harness/Tables.h"
 #include "bench/rivals/RivalWorks.h"
 
@@ -122,7 +119,7 @@ class Follower final : public TypedStore::Table::Reactor {
   Follower(std::shared_ptr<const TypedStore::Table> table, Stamp* stamp)
       : Reactor(table), routes_(std::move(table)), stamp_(stamp) {}
   void handleEntry(const RivalKey& key) override {
-    if (stamp_->seconds().load() == 0) stamp_->seconds() = monotonicSeconds();
+    stamp_->hear();
     ++heard_;
     if (routes_->route(key)) ++found_;
   }
@@ -188,28 +185,6 @@ void runRivalFollower(const std::string& directory) {
     loop.settle();
     return follower.report();
   });
-}
-
-void runPinged(const std::string& directory, int eventFd) {
-  Stamp stamp(directory);
-  std::cout << "{}" << std::endl;
-  for (std::uint64_t written = 0; ::read(eventFd, &written, sizeof written) == sizeof written && written == 1;) {
-    stamp.seconds() = monotonicSeconds();
-  }
-}
-
-Stamp::Stamp(const std::string& directory) {
-  const std::string name = directory + "/stamp";
-  const int fd = ::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0 || ::ftruncate(fd, sizeof *seconds_) != 0) throw std::system_error(errno, std::generic_category(), name);
-  void* const mapped = ::mmap(nullptr, sizeof *seconds_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  ::close(fd);
-  if (mapped == MAP_FAILED) throw std::system_error(errno, std::generic_category(), name);
-  seconds_ = static_cast<std::atomic<double>*>(mapped);  // of zero bytes, which are 0 seconds
-}
-
-Stamp::~Stamp() {
-  ::munmap(seconds_, sizeof *seconds_);
 }
 
 }  // namespace Bench

@@ -1,7 +1,6 @@
 // TableRivalsBench's other processes, which read what its own one writes.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -13,24 +12,7 @@ namespace Bench {
 void runRivalReader(const std::string& directory, std::uint32_t routes);
 
 // Follows the routes' table and looks up what it is told of. Obeys "serve": until the next line, and then until nothing
-// is left to tell; and "report", when it is there. Notes the time of a change in `Stamp`, if none is noted.
+// is left to tell; and "report", when it is there. Notes the time of a change in the directory's `Stamp`.
 void runRivalFollower(const std::string& directory);
-
-// Waits for the eventfd, and notes the time whenever 1 is written to it; ends when that is more. Reports when it is
-// there.
-void runPinged(const std::string& directory, int eventFd);
-
-// Where a process notes when it heard: monotonicSeconds(), 0 for not yet; in a file of the directory that all map.
-class Stamp {
- public:
-  explicit Stamp(const std::string& directory);
-  Stamp(const Stamp&) = delete;
-  Stamp& operator=(const Stamp&) = delete;
-  ~Stamp();
-  std::atomic<double>& seconds() { return *seconds_; }
-
- private:
-  std::atomic<double>* seconds_;
-};
 
 }  // namespace Bench

@@ -1,23 +1,19 @@
 // One shared table against what else could hold a million routes: LMDB and Abseil's maps, in the same run. This process
 // writes, others read and follow. bench/README.md says what the figures mean.
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "bench/harness/BenchProgram.h"
 #include "bench/harness/ChildProcess.h"
+#include "bench/harness/Pings.h"
 #include "bench/harness/Tables.h"
 #include "bench/harness/WorkFigures.h"
 #include "bench/rivals/RivalReader.h"
@@ -90,7 +86,6 @@ class Measurement {
   RivalRoutes routes_;
   std::vector<RawRoute<5>> rawShuffled_, rawOrdered_, rawChanged_;
   std::vector<RawStore<5>::Key> rawKeys_;
-  std::mt19937_64 random_{1};
   Figures figures_;
 };
 
@@ -221,64 +216,30 @@ void Measurement::follow(const BenchDirectory& directory, TypedStore& followed, 
   follower.wait();
 }
 
-// Where a process sleeps decides what it costs to wake it: the two that are compared share a processor, and the one
-// that wakes them has another, if there is one.
-void runOn(pid_t process, unsigned processor) {
-  cpu_set_t processors;
-  CPU_ZERO(&processors);
-  CPU_SET(processor, &processors);
-  require(::sched_setaffinity(process, sizeof processors, &processors) == 0, "a process runs where it is told to");
-}
-
 // From a write to the reactor's call in another process that had nothing to do, and the same for an eventfd.
 void Measurement::notify(const BenchDirectory& directory, TypedStore& store, Tables& tables) {
   const unsigned samples = std::clamp(options_.routes / 1000, 20U, 1000U);
-  const int eventFd = ::eventfd(0, 0);  // inherited
   ChildProcess follower = child("follower", directory);
-  ChildProcess pinged({"pinged", "--dir", directory.path(), "--eventfd", std::to_string(eventFd)});
-  cpu_set_t anywhere;
-  require(::sched_getaffinity(0, sizeof anywhere, &anywhere) == 0, "the processors are known");
-  unsigned first = 0, last = CPU_SETSIZE - 1;
-  while (!CPU_ISSET(first, &anywhere)) ++first;
-  while (!CPU_ISSET(last, &anywhere)) --last;
-  for (const ChildProcess* woken : {&follower, &pinged}) runOn(woken->pid(), last);
-  runOn(0, first);
+  const Processors processors;
+  Pings pings(directory.path(), 1, processors);
+  processors.runOnLast(follower.pid());
+  processors.runOnFirst();
   Stamp stamp(directory.path());
-  const auto write = [eventFd](std::uint64_t value) { return ::write(eventFd, &value, sizeof value); };
-  std::uniform_real_distribution<double> pause(0.5e-3, 2.5e-3);
-  const auto sample = [&](const auto& act) {
-    std::this_thread::sleep_for(std::chrono::duration<double>(pause(random_)));
-    stamp.seconds() = 0;
-    const double start = monotonicSeconds();
-    act();
-    while (stamp.seconds() == 0) {
-      require(monotonicSeconds() - start < 10, "the other process hears of it");
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return 1e6 * (stamp.seconds() - start);
-  };
   std::vector<double> notified, woken;
-  pinged.report();
   follower.ask("report");
   follower.tell("serve");
   for (unsigned i = 0; i < samples; ++i) {
-    woken.push_back(sample([&] { write(1); }));
-    notified.push_back(sample([&] {
+    woken.push_back(1e6 * stamp.secondsUntilHeard([&] { pings.ping(); }));
+    notified.push_back(1e6 * stamp.secondsUntilHeard([&] {
       store.put(routes_.changed[i]);
       tables.service().flush();
     }));
   }
   require(follower.ask("enough")["heard"] >= samples, "the follower hears of every change");
-  write(2);
   follower.wait();
-  pinged.wait();
-  ::close(eventFd);
-  ::sched_setaffinity(0, sizeof anywhere, &anywhere);
-  const auto median = [](std::vector<double>& values) {
-    std::ranges::sort(values);
-    return values[values.size() / 2];
-  };
-  add("write to notified reader", {{"table", median(notified)}, {"eventfd ping", median(woken)}});
+  std::ranges::sort(notified);
+  std::ranges::sort(woken);
+  add("write to notified reader", {{"table", medianOf(notified)}, {"eventfd ping", medianOf(woken)}});
 }
 
 // In the slices of an event loop. The figures are milliseconds of processor time; of the whole, for a million entries.
@@ -362,13 +323,12 @@ void print(const Options& options, const Figures& figures) {
 int main(int argc, char** argv) {
   using namespace Bench;
   Options options;
-  int eventFd = -1;
+  PingedOptions pinged;
   BenchProgram program("TableRivalsBench", "Measures one shared table beside LMDB and Abseil's maps.", options);
   program.routesAre(options.routes, "IPv4 routes", 1000, RivalRoutes::most);
   program.modeIs("reader", "The process that looks up and walks",
                  [&] { runRivalReader(options.directory, options.routes); });
   program.modeIs("follower", "The process that follows the table", [&] { runRivalFollower(options.directory); });
-  program.modeIs("pinged", "The process that waits for an eventfd", [&] { runPinged(options.directory, eventFd); })
-      .add_option("--eventfd", eventFd, "The descriptor, inherited");
+  program.pingedIs(pinged);
   return program.run<Measurement>(argc, argv, options, print, bars);
 }

@@ -1,16 +1,12 @@
 // The show commands at full size: the real launcher with all routes published, this process as who asks and reads, and
 // what reading costs the agent in memory, in time and in routes. bench/README.md says what the figures mean.
-#include <time.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <thread>
 
 #include "bench/harness/BenchProgram.h"
@@ -31,15 +27,6 @@ struct Options : BenchOptions {
 };
 
 // --- The agent's process, from outside -------------------------------------------------------------------------------
-
-double processorSeconds(pid_t process) {
-  clockid_t clock{};
-  timespec time{};
-  if (::clock_getcpuclockid(process, &clock) != 0 || ::clock_gettime(clock, &time) != 0) {
-    throw std::system_error(errno, std::generic_category(), "the clock of a process");
-  }
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
 
 // Looks every few milliseconds how much private memory a process has.
 class MemoryWatch {
