@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "RouteCache/model/Values.h"
-#include "RouteCache/queues/KeyRings.h"
+#include "RouteCache/queues/FlatTable.h"
 
 namespace RouteCache {
 
@@ -29,12 +29,17 @@ constexpr std::uint16_t timeSliceOfIdle(std::uint16_t seconds) {
   return static_cast<std::uint16_t>(timeSliceMax - seconds / secondsPerTimeSlice);
 }
 
-// All slices over one index of keys. 30 to 40 bytes a route.
+// All slices over one index of keys. 20 to 30 bytes a route, returned when the last has gone.
 //
 // A slice is visited one key at a time: the visit takes the keys that are in the slice when it begins, each once, in
 // the order of their filing, whatever is filed or removed meanwhile. One visit at a time.
 //
-// Invariant: a key is in at most one slice; every key of a slice is in its ring, or due, or set aside.
+// Keys lie in rows, so that a visit reads memory as it comes. A row whose keys have all had their turn goes back into
+// its slice as a whole; but keys of a row that has lost most of its own move together, for that takes a look at the
+// index for each.
+//
+// Invariant: a key is in at most one slice, and the index says where it lies; a row is of one slice, and in its list,
+// or among those of the visit that have not had their turn, or set aside; it holds at least one key.
 class HitBitTimeSlices {
  public:
   using Key = Ipv4RouteVrfKey;
@@ -48,7 +53,7 @@ class HitBitTimeSlices {
   // timeSliceInvalid when it is in none.
   std::uint16_t sliceOf(const Key& key) const;
   std::uint32_t size(std::uint16_t slice) const { return sizes_[slice]; }
-  std::size_t size() const { return rings_.size(); }
+  std::size_t size() const { return index_.size(); }
   // A copy, in the order of filing.
   std::vector<Key> keys(std::uint16_t slice) const;
 
@@ -58,7 +63,7 @@ class HitBitTimeSlices {
   // turn; so does passDue(), which leaves it in the slice.
   std::optional<Key> due() const;
   // The keys that due() would give one after the other, as many as there is room for; how many.
-  std::size_t dueKeys(std::span<Key> keys) const { return rings_.firstKeys(dueRing_, keys); }
+  std::size_t dueKeys(std::span<Key> keys) const;
   void passDue();
   // Those whose turn has not come stay in the slice, ahead of those that were passed.
   void endVisit();
@@ -70,19 +75,75 @@ class HitBitTimeSlices {
   void forgetAside();
 
  private:
-  // Puts what is in `part` ahead of what is in the slice.
-  void putBack(std::uint32_t part, std::uint16_t slice);
-  struct Data {
-    std::uint16_t slice = timeSliceInvalid;
+  static constexpr unsigned rowSize = 32;
+  struct Row {
+    std::array<Key, rowSize> keys;
+    std::uint32_t live = 0;  // a bit for each key that is there
+    std::uint16_t slice = 0;
+    std::uint8_t filled = 0;  // places that have been given out, from the first on
   };
-  using Rings = KeyRings<Key, Data>;
+  // Rows in blocks, so that growing moves none of them.
+  class Rows {
+   public:
+    Row& operator[](std::uint32_t row) { return blocks_[row / blockSize][row % blockSize]; }
+    const Row& operator[](std::uint32_t row) const { return blocks_[row / blockSize][row % blockSize]; }
+    std::uint32_t add() {
+      if (free_.empty() && size_ % blockSize == 0) blocks_.push_back(std::make_unique<Row[]>(blockSize));
+      if (free_.empty()) return size_++;
+      const std::uint32_t row = free_.back();
+      free_.pop_back();
+      return row;
+    }
+    void free(std::uint32_t row) { free_.push_back(row); }
+    std::uint32_t size() const { return size_; }
 
-  Rings rings_;
-  std::array<Rings::Node, timeSliceInvalid> ringOf_{};
+   private:
+    static constexpr std::uint32_t blockSize = 64;
+    std::vector<std::unique_ptr<Row[]>> blocks_;
+    std::vector<std::uint32_t> free_;
+    std::uint32_t size_ = 0;
+  };
+  // A key's: its row's number and its number in the row.
+  using Place = std::uint32_t;
+  static constexpr std::uint32_t worthReturning = 128;  // rows
+  struct KeyAt {
+    const Rows* rows;
+    const Key& operator()(Place place) const { return (*rows)[place / rowSize].keys[place % rowSize]; }
+  };
+  // A link is a list's head, by the number of the list, or a row's, by `lists` and the number of the row.
+  using Link = std::uint32_t;
+  static constexpr Link dueList = timeSliceInvalid;  // behind those of the slices
+  static constexpr Link asideList = dueList + 1;
+  static constexpr Link lists = asideList + 1;
+  struct Links {
+    Link previous = 0;
+    Link next = 0;
+  };
+
+  const Row& rowAt(Link link) const { return rows_[link - lists]; }
+  Row& rowAt(Link link) { return rows_[link - lists]; }
+  Link first(Link list) const { return links_[list].next < lists ? 0 : links_[list].next; }  // 0: none
+  Link next(Link row) const { return first(row); }
+  void append(Link list, Link row);
+  void unlink(Link row);
+  void splice(Link from, Link to);
+  void putBack(Link part, std::uint16_t slice);
+
+  Place add(const Key& key, std::uint16_t slice);
+  void take(Place place);
+  void release(Link row);
+  void returnMemory();
+  void pour(Link row, std::uint32_t which);
+  void beginTurn();
+  void endTurn();
+  void putPassedBack();
+
+  Rows rows_;
+  std::vector<Links> links_;
+  FlatTable<Place, Key, KeyAt> index_;  // the keys lie in the rows
   std::array<std::uint32_t, timeSliceInvalid> sizes_{};
-  Rings::Node dueRing_;  // of the visited slice: whose turn is to come
   std::uint16_t visited_ = timeSliceInvalid;
-  Rings::Node asideRing_;
+  std::uint32_t dueKeys_ = 0;  // of the visit's first row, the keys whose turn is to come
   std::uint16_t aside_ = timeSliceInvalid;
 };
 
