@@ -229,7 +229,7 @@ class HwRouteSm final : public Lattis::Entity {
     Key key;
     std::optional<Ipv4Route> sfeRoute;
     std::optional<Ipv4Route> hwRoute;
-    std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware
+    std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware, or that is to be aged
     bool isFiled = false;         // of one that a walk has met: it is in a slice, and nothing else is known of it
   };
   // The same of a route that is scanned, whose turn writes no other's either. What hardware reports after the look is
@@ -241,9 +241,11 @@ class HwRouteSm final : public Lattis::Entity {
   };
   void lookUpFacts(std::span<RouteFacts> facts) const;
   void lookUpWalked(std::span<RouteFacts> facts) const;
+  void lookUpAged(std::span<RouteFacts> facts) const;
   void lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) const;
   void readAheadOfFresh();
   void readAheadOfDue(std::uint16_t slice);
+  void readAheadOfAged(std::uint32_t most);
 
   // Whether the VRF's trie holds prefixes now.
   void notePrefixes(std::uint32_t hwVrfId, bool any);
@@ -299,7 +301,7 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
-  ReadAhead<RouteFacts> readAhead_;  // of fresh routes; empty between two runs, as are the others
+  ReadAhead<RouteFacts> readAhead_;  // of fresh routes, of those to be aged; empty between two runs, as are the others
   ReadAhead<RouteFacts> walkAhead_;  // of the routes of the tables' walks
   ReadAhead<ScanFacts> scanAhead_;
   AdjacencyWait withoutAdjacency_;

@@ -211,20 +211,36 @@ std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
   while (removed < count && !yield) {
     const auto key = slices_->due();
     if (!key) break;
+    if (readAhead_.empty()) readAheadOfAged(count - removed);
     slices_->passDue();
     if (ageRoute(*key, slice)) ++removed;
     ++scanned_;
     yield = hwHitbitScanTask_.shouldYield();
   }
+  readAhead_.clear();
   if (removed == count || !slices_->due()) slices_->endVisit();
   aged_ += removed;
   return removed;
 }
 
+void HwRouteSm::lookUpAged(std::span<RouteFacts> facts) const {
+  const auto keyOf = [](const RouteFacts& each) { return std::optional(each.key); };
+  lookUp(facts, *in_.ipv4HwRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
+  lookUp(facts, *in_.ipv4SfeRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
+  lookUp(facts, *in_.ipv4SfeHitBitStatus, keyOf,
+         [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
+}
+
+void HwRouteSm::readAheadOfAged(std::uint32_t most) {
+  const auto next = [&](auto keys) { return slices_->dueKeys(keys.first(std::min<std::size_t>(keys.size(), most))); };
+  readAhead_.readNext(next, [this](auto facts) { lookUpAged(facts); });
+}
+
 bool HwRouteSm::ageRoute(const Key& key, std::uint16_t slice) {
-  if (routeToProcess_.has(key)) return false;
-  const auto route = in_.ipv4HwRouteStatus->route(key);
-  if (!route || !isRouteCacheable(key) || sfeHitbit(key) != 0) return false;
+  const RouteFacts& facts = readAhead_.of(key, [this](auto one) { lookUpAged(one); });
+  const auto& route = facts.hwRoute;
+  if (!route || routeToProcess_.has(key)) return false;
+  if (facts.sfeHitbit != 0 || !isCacheable(key, facts.sfeRoute.value_or(Ipv4Route()))) return false;
   trace_(6, " ageing prefix: ", key.prefix(), " vrfId: ", key.vrfId());
   if (!in_.routeCacheConfig->ageingKeepsRoute()) {
     removeAgedRoute(*route);
