@@ -13,17 +13,19 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-// Prefixes from a small space, at every kind of depth, so that random ones nest, meet again and part.
+// Prefixes from a small space, at every kind of depth, so that random ones nest, meet again and part; or from one that
+// holds thousands.
 template <class P>
-P randomPrefix(std::mt19937& random) {
+P randomPrefix(std::mt19937& random, bool wide = false) {
   if constexpr (std::is_same_v<P, Prefix>) {
     static constexpr unsigned lengths[] = {0, 1, 2, 7, 8, 9, 15, 16, 23, 24, 25, 30, 31, 32};
-    return {IpAddr(static_cast<std::uint32_t>(random()) & 0xC0830103), lengths[random() % std::size(lengths)]};
+    const auto bits = static_cast<std::uint32_t>(random()) & (wide ? 0xF3FFC303 : 0xC0830103);
+    return {IpAddr(bits), lengths[random() % std::size(lengths)]};
   } else {
     static constexpr unsigned lengths[] = {0, 1, 2, 32, 33, 62, 63, 64, 65, 66, 96, 126, 127, 128};
-    const std::uint64_t high = random() & 0x00000003;
+    const std::uint64_t high = random() & (wide ? 0x00007FFF : 0x00000003);
     const std::uint64_t low = random() & 0x80000003;
-    return {Ip6Addr(high << 62 | high, low << 32 | low), lengths[random() % std::size(lengths)]};
+    return {Ip6Addr(high << (wide ? 49 : 62) | high, low << 32 | low), lengths[random() % std::size(lengths)]};
   }
 }
 
@@ -41,7 +43,8 @@ class TrieTest : public ::testing::Test {
   class Recorder : public TrieType::Reactor {
    public:
     using TrieType::Reactor::Reactor;
-    void handleRouteCachePrefix(std::uint32_t id) override {
+    void handleRouteCachePrefix(std::uint32_t reported) override {
+      id = reported;
       const std::optional<P> prefix = this->trie()->prefix(id);
       ASSERT_TRUE(prefix.has_value());
       const std::optional<bool> value = this->trie()->route(*prefix);
@@ -55,7 +58,53 @@ class TrieTest : public ::testing::Test {
     }
     std::vector<Report> reports;
     int deletions = 0;
+    std::uint32_t id = 0;            // of the last report
     std::function<void()> onReport;  // once
+  };
+
+  // A trie, and what must be in it.
+  struct Twins {
+    TrieType& trie;
+    std::map<P, bool> model;
+
+    // Adds or sets it, in so many of a hundred cases; else it goes, or the next that is there.
+    void change(std::mt19937& random, const P& prefix, unsigned growing) {
+      if (random() % 100 < growing) {
+        const bool value = random() % 2 == 0;
+        trie.routeIs(prefix, value);
+        model[prefix] = value;
+      } else {
+        const auto near = model.lower_bound(prefix);
+        const P victim = near != model.end() && random() % 4 != 0 ? near->first : prefix;
+        trie.routeDel(victim);
+        model.erase(victim);
+      }
+    }
+    void compare(const P& probe) const {
+      ASSERT_EQ(trie.size(), model.size());
+      const auto found = model.find(probe);
+      ASSERT_EQ(trie.route(probe), found == model.end() ? std::nullopt : std::optional(found->second));
+      std::optional<P> longest;
+      for (unsigned length = 0; length <= probe.length(); ++length) {
+        if (model.contains(shortened(probe, length))) longest = shortened(probe, length);
+      }
+      ASSERT_EQ(trie.longestMatch(probe), longest) << Platform::toText(probe);
+      const auto bound = model.lower_bound(probe);
+      const auto place = trie.lowerBound(probe);
+      ASSERT_EQ(place == trie.end(), bound == model.end()) << Platform::toText(probe);
+      if (bound != model.end()) {
+        ASSERT_EQ(place->prefix, bound->first);
+      }
+    }
+    void walk() const {
+      auto expected = model.begin();
+      for (const auto& route : trie) {
+        ASSERT_EQ(route.prefix, expected->first);
+        ASSERT_EQ(route.value, expected->second);
+        ++expected;
+      }
+      ASSERT_EQ(expected, model.end());
+    }
   };
 
   static P prefix(const char* v4, const char* v6) { return Platform::fromText<P>(std::is_same_v<P, Prefix> ? v4 : v6); }
@@ -77,59 +126,46 @@ using Families = ::testing::Types<Prefix, Ip6Prefix>;
 TYPED_TEST_SUITE(TrieTest, Families);
 
 TYPED_TEST(TrieTest, AgreesWithAnOrderedMapUnderRandomOperations) {
-  using P = TypeParam;
   for (unsigned seed = 1; seed <= 5; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    auto& trie = *this->shared;
-    std::map<P, std::pair<bool, std::uint32_t>> model;  // value and id
+    typename TestFixture::Twins twins{*this->shared, {}};
     for (int step = 0; step < 4000; ++step) {
-      const P prefix = randomPrefix<P>(random);
       const bool growing = step / 1000 % 2 == 0;
-      if (random() % 100 < (growing ? 70 : 10)) {
-        const bool value = random() % 2 == 0;
-        trie.routeIs(prefix, value);
-        const auto id = trie.id(prefix);
-        ASSERT_TRUE(id.has_value());
-        model.try_emplace(prefix, value, *id).first->second.first = value;
-      } else {
-        const auto near = model.lower_bound(prefix);
-        const P victim = near != model.end() && random() % 4 != 0 ? near->first : prefix;
-        trie.routeDel(victim);
-        model.erase(victim);
+      twins.change(random, randomPrefix<TypeParam>(random), growing ? 70 : 10);
+      twins.trie.assertInvariant();
+      ASSERT_NO_FATAL_FAILURE(twins.compare(randomPrefix<TypeParam>(random)));
+      if (step % 50 == 0) {
+        ASSERT_NO_FATAL_FAILURE(twins.walk());
       }
-      trie.assertInvariant();
-      ASSERT_EQ(trie.size(), model.size());
-
-      const P probe = randomPrefix<P>(random);
-      const auto found = model.find(probe);
-      ASSERT_EQ(trie.route(probe), found == model.end() ? std::nullopt : std::optional(found->second.first));
-      std::optional<P> longest;
-      for (unsigned length = 0; length <= probe.length(); ++length) {
-        if (model.contains(shortened(probe, length))) longest = shortened(probe, length);
-      }
-      ASSERT_EQ(trie.longestMatch(probe), longest) << Platform::toText(probe);
-      const auto bound = model.lower_bound(probe);
-      const auto place = trie.lowerBound(probe);
-      ASSERT_EQ(place == trie.end(), bound == model.end()) << Platform::toText(probe);
-      if (bound != model.end()) {
-        ASSERT_EQ(place->prefix, bound->first);
-      }
-      if (step % 50 != 0) continue;
-      auto expected = model.begin();
-      for (const auto& route : trie) {
-        ASSERT_EQ(route.prefix, expected->first);
-        ASSERT_EQ(route.value, expected->second.first);
-        ASSERT_EQ(route.id, expected->second.second);  // stable from the day it was added
-        ASSERT_EQ(trie.prefix(route.id), route.prefix);
-        ++expected;
-      }
-      ASSERT_EQ(expected, model.end());
     }
-    for (const auto& [prefix, value] : model) trie.routeDel(prefix);
-    ASSERT_TRUE(trie.empty());
-    ASSERT_EQ(trie.nodeCount(), 1U);
+    for (const auto& route : twins.model) twins.trie.routeDel(route.first);
+    ASSERT_TRUE(twins.trie.empty());
+    ASSERT_EQ(twins.trie.bytes(), typename TestFixture::TrieType().bytes());
   }
+}
+
+// What comes with size, a table of all first bits and memory in pieces, comes and goes.
+TYPED_TEST(TrieTest, AgreesWithAnOrderedMapWhenLarge) {
+  std::mt19937 random(1);
+  typename TestFixture::Twins twins{*this->shared, {}};
+  const auto goTo = [&](std::size_t size, unsigned growing) {
+    for (unsigned step = 0; twins.model.size() != size; ++step) {
+      twins.change(random, randomPrefix<TypeParam>(random, true), growing);
+      if (step % 4096 == 0) twins.trie.assertInvariant();
+      if (step % 128 == 0) twins.compare(randomPrefix<TypeParam>(random, true));
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+    twins.trie.assertInvariant();
+    twins.walk();
+  };
+  goTo(20'000, 90);
+  const std::size_t most = twins.trie.bytes();
+  EXPECT_LE(most, 56 * twins.trie.size());
+  goTo(2000, 20);
+  EXPECT_LE(twins.trie.bytes(), most / 6);
+  goTo(17'000, 90);
+  goTo(0, 10);
 }
 
 TYPED_TEST(TrieTest, AWalkGoesOnAfterItsPrefixAndOthersAreGone) {
@@ -157,11 +193,10 @@ TYPED_TEST(TrieTest, ReportsEachChangeOnceItIsVisible) {
   trie.routeDel(this->narrow);     // nothing there
   trie.routeIs(this->narrow, true);
   trie.routeIs(this->narrow, false);
-  const auto id = trie.id(this->narrow);
   trie.routeDel(this->narrow);
   EXPECT_THAT(recorder.reports,
               ElementsAre(Change(this->narrow, 1), Change(this->narrow, 0), Change(this->narrow, -1)));
-  EXPECT_EQ(trie.prefix(*id), std::nullopt) << "resolvable only while its removal is reported";
+  EXPECT_EQ(trie.prefix(recorder.id), std::nullopt) << "resolvable only while it is reported";
 }
 
 // Reactors change the trie, leave, enter and let go of the trie from inside a notification.
