@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <set>
+#include <span>
 
 #include "RouteCache/sw/RouteQueue.h"
 #include "platform/tables/Rib.h"
@@ -26,8 +27,9 @@ class RouteConfigWalk {
   bool pending() const { return current_ || nextAll_ || !nextVrfs_.empty(); }
   // True when a walk that is still to come, or the rest of the one under way, will meet this key.
   bool willMeet(const RouteKey& key) const;
-  // Puts up to `count` of the next routes into the queue.
-  void step(RouteQueue& queue, unsigned count);
+  // Puts the next routes into the queue, as many as there is room for in `met`, which gets them as they stand now; how
+  // many.
+  std::size_t step(RouteQueue& queue, std::span<Routing::Rib::Route> met);
 
  private:
   struct Walk {

@@ -1,6 +1,7 @@
 #include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
+#include <array>
 
 #include "platform/values/Assert.h"
 
@@ -260,11 +261,10 @@ void SwRouteSm::reconcile() {
 
 // Routes that a reaction has put in, and those that a walk over the configuration brings. False: it is time to yield.
 bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
-  constexpr unsigned walkStep = 64;  // enough to make a step of the walk cheap, few enough to stay in the cache
   bool goOn = true;
   while (goOn && (routeToProcess_.hasFresh() || configWalk_.pending())) {
     if (!routeToProcess_.hasFresh()) {
-      configWalk_.step(routeToProcess_, walkStep);
+      readAheadOfWalk();
       continue;
     }
     if (readAhead_.empty()) readAheadOfFresh();
@@ -279,6 +279,15 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
 void SwRouteSm::readAheadOfFresh() {
   readAhead_.readNext([this](auto keys) { return routeToProcess_.freshKeys(keys); },
                       [this](auto facts) { lookUpFacts(facts); });
+}
+
+// Goes on with the walk; what it meets is fresh, and known already.
+void SwRouteSm::readAheadOfWalk() {
+  std::array<Route, readAheadGroup> met;
+  const std::size_t count = configWalk_.step(routeToProcess_, met);
+  readAhead_.clear();
+  for (std::size_t i = 0; i < count; ++i) readAhead_.add(met[i].key()).route = met[i];
+  lookUpFacts(readAhead_.all());
 }
 
 template <class Family>
@@ -349,7 +358,8 @@ void SwRouteSm::lookUpConfigured(std::span<RouteFacts> facts) const {
   lookUp(
       facts, sides_.of<Family>().config,
       [](const RouteFacts& each) {
-        return each.key.prefix().family() == Family::family ? std::optional(each.key) : std::nullopt;
+        const bool isWanted = !each.route && each.key.prefix().family() == Family::family;
+        return isWanted ? std::optional(each.key) : std::nullopt;
       },
       [](RouteFacts& each, const std::optional<Route>& route) { each.route = route; });
 }

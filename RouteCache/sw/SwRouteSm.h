@@ -277,7 +277,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   // the routes over it again when it changes.
   struct RouteFacts {
     RouteKey key;
-    std::optional<Routing::Rib::Route> route;  // configured
+    std::optional<Routing::Rib::Route> route;  // configured; known already where a walk has met it
     std::optional<std::uint32_t> hwVrfId;      // this and what follows: of a configured route only
     NexthopSet* set = nullptr;                 // null: its via is not there
     std::optional<Ipv4Route> published4;
@@ -296,6 +296,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     }
   };
   void readAheadOfFresh();
+  void readAheadOfWalk();
   void lookUpFacts(std::span<RouteFacts> facts);
   template <class Family>
   void lookUpConfigured(std::span<RouteFacts> facts) const;
