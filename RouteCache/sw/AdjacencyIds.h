@@ -114,6 +114,8 @@ class AdjacencyIds {
 
   bool adjIdRefCountHas(AdjId adjId) const { return entries_.has(adjId); }
   std::uint32_t adjIdRefCount(AdjId adjId) const;  // 0 when absent
+  // Asks memory for what counting references to this one takes.
+  void expect(AdjId adjId) const { entries_.expect(adjId); }
   void adjIdRefCountIs(AdjId adjId, std::uint32_t count);
   void adjIdRefCountAdd(AdjId adjId);  // one more
   // One more, if the identifier stands for the very parts of this reference, and an equal one leads to it. False:

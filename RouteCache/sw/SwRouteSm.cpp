@@ -348,7 +348,12 @@ void SwRouteSm::lookUpFacts(std::span<RouteFacts> facts) {
   lookUp(
       facts, nexthopSets_,
       [](const RouteFacts& each) { return each.hwVrfId ? std::optional(each.route->viaKey()) : std::nullopt; },
-      [](RouteFacts& each, std::optional<NexthopSet*> set) { each.set = set.value_or(nullptr); });
+      [this](RouteFacts& each, std::optional<NexthopSet*> set) {
+        each.set = set.value_or(nullptr);
+        if (!set || !(*set)->ref) return;
+        adjacencies_.ids().expect((*set)->adjId);
+        underlay_.expect(*(*set)->ref);
+      });
   lookUpPublished<Ipv4Family>(facts);
   lookUpPublished<Ipv6Family>(facts);
 }

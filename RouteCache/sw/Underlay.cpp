@@ -337,6 +337,15 @@ void Underlay::removeMonitoring(const Ipv4NexthopRef* v4nh, const Ipv6NexthopRef
   if (v4nh != nullptr) forEachVtep(*v4nh, [this](const IpAddr& vtep) { removeMonitoring(vtep); });
 }
 
+void Underlay::expect(const IpMixedNexthopRef& ref) const {
+  const auto expectEach = [](const auto& vteps, const auto& part) {
+    if (!part) return;
+    for (const auto& nexthop : part->via()) vteps.expect(nexthop.remoteVtepIp());
+  };
+  expectEach(vteps_.v4, ref.v4nh());
+  expectEach(vteps_.v6, ref.v6nh());
+}
+
 bool Underlay::cleanUpRequests(DeferredTask& task) {
   const auto& requests = nexthopVrfConfig_->nexthop();
   std::uint64_t handled = 0;

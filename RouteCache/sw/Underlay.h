@@ -74,6 +74,8 @@ class Underlay {
   void addMonitoring(const Addr& vtep);
   template <class Addr>
   void removeMonitoring(const Addr& vtep);
+  // Asks memory for what registering these next hops takes.
+  void expect(const IpMixedNexthopRef& ref) const;
   // Withdraws requests that nobody has registered, in slices. False: to be continued in the task's next run.
   bool cleanUpRequests(DeferredTask& task);
   IpGenAddr vtepCleanupBookmark() const { return vtepCleanupBookmark_; }

@@ -47,6 +47,8 @@ class VtepMonitor {
     return found == nullptr ? 0 : found->count;
   }
   const RefCounts& refCounts() const { return refCounts_; }
+  // Asks memory for what one use more or less takes.
+  void expect(const Addr& addr) const { refCounts_.expect(addr); }
 
   // What is known of an address in use.
   struct Use {

@@ -288,7 +288,9 @@ void SharedTableService::handleWakeup() {
 }
 
 void SharedTableService::flush() {
-  for (const auto& [path, mount] : mounts_) mount.collection->flush();
+  for (const auto& written : std::exchange(context_->unflushed, {})) {
+    if (const auto collection = written.lock()) collection->flush();
+  }
 }
 
 void SharedTableService::checkInvariants() const {

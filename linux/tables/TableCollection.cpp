@@ -201,7 +201,7 @@ void TableCollection::finishIndexes() const {
   if (!writer_ || writer_->verified()) return;
   const std::uint64_t before = writer_->sequence();
   writer_->finishIndexes();
-  if (writer_->sequence() != before) ++unflushed_;
+  if (writer_->sequence() != before) unflushedIs();
 }
 
 std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
@@ -283,7 +283,8 @@ bool TableCollection::erase(Bytes key) {
 }
 
 void TableCollection::written() {
-  if (++unflushed_ >= writesPerFlush) flush();
+  unflushedIs();
+  if (unflushed_ >= writesPerFlush) tell();
   if (follower_ && dueIs()) context_->wantDelivery();
 }
 
@@ -293,8 +294,18 @@ bool TableCollection::dueIs() {
   return true;
 }
 
-void TableCollection::flush() {
-  if (unflushed_ == 0) return;
+void TableCollection::unflushedIs() const {
+  ++unflushed_;
+  if (!std::exchange(isUnflushed_, true)) context_->unflushed.push_back(weak_from_this());
+}
+
+void TableCollection::flush() const {
+  isUnflushed_ = false;
+  tell();
+}
+
+void TableCollection::tell() const {
+  if (unflushed_ == 0 || !file_) return;
   unflushed_ = 0;
   file_->ringDoorbell();
 }

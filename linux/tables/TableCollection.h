@@ -28,9 +28,10 @@ struct TableServiceContext {
   std::function<void(const std::string& path, const std::string& what)>
       corruptionHandler;  // empty: reportDamage prints
   std::function<void()> deliveryWanted;
-  bool hugePages = false;                               // asked for by writers
-  bool deliveryAsked = false;                           // since the last delivery
-  std::vector<std::weak_ptr<TableCollection>> due;      // tables that the next delivery has to look at
+  bool hugePages = false;                                       // asked for by writers
+  bool deliveryAsked = false;                                   // since the last delivery
+  std::vector<std::weak_ptr<TableCollection>> due;              // tables that the next delivery has to look at
+  std::vector<std::weak_ptr<const TableCollection>> unflushed;  // tables written to
   std::vector<std::weak_ptr<TableCollection>> adopted;  // written here, their indexes not yet compared with the entries
   std::set<std::pair<std::string, std::string>> printed;
   std::set<std::string> shortages;
@@ -98,7 +99,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   bool verify();
   bool verified() const { return !writer_ || writer_->verified(); }
   // Makes those who watch the file look, if anything was written.
-  void flush();
+  void flush() const;
   void checkInvariants() const;
 
  private:
@@ -133,6 +134,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void tellBroken();
   bool deliverKeys(const std::shared_ptr<ChangeFollower>& follower, const std::function<bool()>& shouldYield);
   void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
+  void unflushedIs() const;
+  void tell() const;
   void written();
   TableWriter& writerFor(std::string_view operation);
   [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
@@ -148,6 +151,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::unique_ptr<TableWriter> writer_;
   WriterWords ownWords_;                         // a writer's
   mutable std::uint32_t unflushed_ = 0;          // writes since the last flush, or that the indexes were built anew
+  mutable bool isUnflushed_ = false;             // named in the context
   bool roomFound_ = false, roomMissed_ = false;  // in the last write: much was asked for and given, some was refused
   bool roomTold_ = false;                        // that there is none
   std::string notPutBack_;                       // why the file could not be put back when that was last tried
