@@ -50,6 +50,8 @@ class HitBitTimeSlices {
   void file(const Key& key, std::uint16_t slice);
   void remove(const Key& key);
   void removeAll(std::uint16_t slice);
+  // Asks memory for what filing, removing or finding the key takes.
+  void expect(const Key& key) const { index_.expect(key); }
   // timeSliceInvalid when it is in none.
   std::uint16_t sliceOf(const Key& key) const;
   std::uint32_t size(std::uint16_t slice) const { return sizes_[slice]; }

@@ -494,13 +494,17 @@ void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
 
 // A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
 void HwRouteSm::lookUpWalked(std::span<RouteFacts> facts) const {
+  for (const RouteFacts& each : facts) slices_->expect(each.key);
   for (RouteFacts& each : facts) each.isFiled = slices_->sliceOf(each.key) != timeSliceInvalid;
   lookUpFacts(facts);
 }
 
 void HwRouteSm::readAheadOfFresh() {
-  readAhead_.readNext([this](auto keys) { return routeToProcess_.freshKeys(keys); },
-                      [this](auto facts) { lookUpFacts(facts); });
+  const auto look = [this](auto facts) {
+    for (const RouteFacts& each : facts) slices_->expect(each.key);
+    lookUpFacts(facts);
+  };
+  readAhead_.readNext([this](auto keys) { return routeToProcess_.freshKeys(keys); }, look);
 }
 
 void HwRouteSm::writeHwRoute(const Ipv4Route& sfeRoute, bool isNew) {

@@ -99,7 +99,9 @@ void HwRouteSm::lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) c
   lookUp(
       facts, *in_.ipv4HwRouteStatus,
       [&](const ScanFacts& each) {
-        return reportedSlice(each.hit, slice) == slice ? std::nullopt : std::optional(each.key);
+        if (reportedSlice(each.hit, slice) == slice) return std::optional<Key>();
+        slices_->expect(each.key);
+        return std::optional(each.key);
       },
       [](ScanFacts& each, const auto& route) { each.hwRoute = route; });
 }

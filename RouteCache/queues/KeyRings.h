@@ -1,5 +1,5 @@
 // Keys in rings: each key stands in at most one of a number of ordered lists, and moves from one to another, or all of
-// one list to the end of another, in constant time. What the work queues and the time slices are made of.
+// one list to the end of another, in constant time. What the work queues are made of.
 #pragma once
 
 #include <cstdint>
