@@ -142,7 +142,7 @@ void AdjacencyIds::adjIdRefCountAdd(AdjId adjId) {
 
 bool AdjacencyIds::adjIdRefCountAdd(AdjId adjId, const IpMixedNexthopRef& ref) {
   Entry* const entry = entries_.find(adjId);
-  if (entry == nullptr || !entry->found || entry->parts != partsOf(ref)) return false;
+  if (entry == nullptr || !entry->leadsHere || entry->parts != partsOf(ref)) return false;
   if (entry->count == 0) {
     adjIdRefCountIs(adjId, 1);
   } else {
@@ -179,10 +179,14 @@ AdjId AdjacencyIds::adjId(const std::shared_ptr<IpMixedNexthopRef>& ref) const {
 }
 
 void AdjacencyIds::nexthopIs(const std::shared_ptr<IpMixedNexthopRef>& ref, AdjId adjId) {
-  // An equal reference leads to this identifier from now on.
-  if (Entry* const before = entries_.find(this->adjId(ref))) before->found = false;
+  // An equal reference leads to this identifier from now on: one of its class, which says more than the parts that are
+  // there where a mixed adjacency has lost one.
+  const AdjId before = adjId.isAdjacencyMixed() ? ipMixedNexthopToAdjId(ref)
+                       : adjId.isAdjacencyV6()  ? ipv6NexthopToAdjId(ref->v6nh())
+                                                : ipv4NexthopToAdjId(ref->v4nh());
+  if (Entry* const entry = entries_.find(before)) entry->leadsHere = false;
   if (Entry* const entry = entries_.find(adjId)) {
-    entry->found = true;
+    entry->leadsHere = true;
     entry->parts = partsOf(*ref);
   }
   if (adjId.isAdjacencyMixed()) {
@@ -207,7 +211,7 @@ std::shared_ptr<IpMixedNexthopRef> AdjacencyIds::nexthop(AdjId adjId) const {
 
 void AdjacencyIds::nexthopDel(AdjId adjId) {
   if (Entry* const entry = entries_.find(adjId)) {
-    entry->found = false;
+    entry->leadsHere = false;
     entry->parts = Parts();
   }
   if (adjId.isAdjacencyMixed()) {
@@ -231,7 +235,7 @@ void AdjacencyIds::checkInvariants() const {
     PLATFORM_ASSERT_TEXT(ref != nullptr, "an identifier that is held has a next hop");
     const Entry& entry = *entries_.find(adjId);
     PLATFORM_ASSERT_TEXT(entry.parts == partsOf(*ref), "an identifier's parts are those of its next hop");
-    PLATFORM_ASSERT_TEXT(entry.found == (this->adjId(ref) == adjId), "an identifier is found by its next hop");
+    PLATFORM_ASSERT_TEXT(entry.leadsHere == (this->adjId(ref) == adjId), "an identifier is found by its next hop");
     const bool known = ref->isV4() == (ref->v4nh() != nullptr) && ref->isV6() == (ref->v6nh() != nullptr) &&
                        (!ref->v4nh() || (ref->v4nh()->isV4() && !ref->v4nh()->isV6())) &&
                        (!ref->v6nh() || (ref->v6nh()->isV6() && !ref->v6nh()->isV4()));

@@ -4,7 +4,7 @@
 // Invariants:
 //   - an identifier is in adjIdRefCount from its allocation (count 1) or its adoption (count 0) until it is freed;
 //   - forward and reverse maps agree: forward(ref) == id implies reverse(id) equals ref, which knows its families;
-//   - an identifier's parts are those of reverse(id), which keeps them; it is found if forward(reverse(id)) == id;
+//   - an identifier's parts are those of reverse(id), which keeps them; it leads here if forward(reverse(id)) == id;
 //   - no number is in the free list while an identifier of that number is in use.
 #pragma once
 
@@ -176,7 +176,7 @@ class AdjacencyIds {
     AdjId adjId;
     std::uint32_t count = 0;
     std::uint32_t current = 0;  // the generation in which the adjacency was known to be right
-    bool found = false;         // a reference like its parts leads here
+    bool leadsHere = false;     // a reference like its parts
     Parts parts;                // none: it has no reference
   };
   struct AdjIdOf {

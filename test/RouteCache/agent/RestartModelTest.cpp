@@ -51,6 +51,14 @@ const std::vector<std::function<void(SimulatedSwitch&)>>& story() {
         sw.vti("Vxlan1", "192.0.2.1", "2001:db8::1");
         sw.routeGone("10.9.0.0/16", 9);
       },
+      [](SimulatedSwitch& sw) {  // a part of a mixed adjacency, by itself
+        sw.via(3, {sw.nexthop("10.255.0.1", "Vxlan1", 10010)});
+        sw.route("10.3.0.0/16", 2, 3);
+      },
+      [](SimulatedSwitch& sw) {  // of the mixed one both parts go, one after the other
+        sw.route("10.1.0.0/16", 1, 3);
+        sw.route("2001:db8:1::/48", 1, 3);
+      },
   };
   return steps;
 }
