@@ -45,6 +45,8 @@ class HitBitTimeSlices {
   using Key = Ipv4RouteVrfKey;
 
   HitBitTimeSlices();
+  HitBitTimeSlices(const HitBitTimeSlices&) = delete;
+  HitBitTimeSlices& operator=(const HitBitTimeSlices&) = delete;
 
   // Takes the key out of the slice where it is, if any, and puts it at the end of this one.
   void file(const Key& key, std::uint16_t slice);

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "RouteCache/queues/FlatTable.h"
+#include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/sw/Adjacencies.h"
 
 namespace RouteCache {
@@ -45,7 +46,7 @@ class AdjacencySync {
   bool note(DeferredTask& task, AdjacencyIds& ids, const Routes& routes, FlatSet<Key>& inherited) {
     if (!routeBookmark_) inherited.reserve(routes.size());
     std::uint64_t handled = 0;
-    std::array<Key, 32> expected;  // so that one insertion does not wait for the other
+    std::array<Key, readAheadGroup> expected;  // so that one insertion does not wait for the other
     std::size_t count = 0;
     const auto insertExpected = [&] {
       for (std::size_t i = 0; i < count; ++i) inherited.insert(expected[i]);

@@ -21,6 +21,11 @@ NexthopSet* NexthopSets::setOf(Key viaKey, Pondra::Bytes via, std::uint64_t read
   return &set;
 }
 
+void NexthopSets::dropSome() {
+  for (unsigned i = 0; i < 4096 && !sets_.empty(); ++i) sets_.erase(sets_.begin());
+  if (sets_.empty()) sets_ = {};
+}
+
 void NexthopSets::make(NexthopSet& set) const {
   set.underlay = underlayChanges_;
   set.fault.clear();

@@ -6,7 +6,6 @@
 // do: sets cost no memory in an agent at rest.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -16,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/sw/Underlay.h"
 #include "platform/tables/Rib.h"
 
@@ -36,7 +36,9 @@ struct NexthopSet {
 class NexthopSets {
  public:
   using Key = Routing::Rib::ViaKey;
-  using Value = NexthopSet*;  // until clear()
+  using Value = NexthopSet*;  // until dropSome()
+  // A stream of changes that never ends brings ever new ones: beyond so many some are dropped in between.
+  static constexpr std::size_t most = 65536;
 
   // Underlay outlives it.
   NexthopSets(std::shared_ptr<const Routing::Rib::RouteCache::Evpn::ViaConfig> viaConfig, const Underlay& underlay)
@@ -44,28 +46,26 @@ class NexthopSets {
 
   // The set of a via that stands in the table, not made yet or as it was; nothing: there is no such via.
   std::optional<NexthopSet*> entry(Key viaKey);
+  // Of a group that is read ahead.
   template <class Visit>
   void entries(std::span<const Key> viaKeys, Visit visit) {
     const std::uint64_t now = viaConfig_->lastChange();
-    constexpr std::size_t group = 64;
-    std::array<Key, group> unknown;
-    std::array<std::size_t, group> numbers;
-    for (std::size_t first = 0; first < viaKeys.size(); first += group) {
-      std::size_t count = 0;
-      for (std::size_t i = first; i < std::min(first + group, viaKeys.size()); ++i) {
-        const auto found = sets_.find(viaKeys[i]);
-        if (found != sets_.end() && found->second.readAt == now) {
-          visit(i, std::optional(&found->second));
-        } else {
-          numbers[count] = i;
-          unknown[count++] = viaKeys[i];
-        }
+    std::array<Key, readAheadGroup> unknown;
+    std::array<std::size_t, readAheadGroup> numbers;
+    std::size_t count = 0;
+    for (std::size_t i = 0; i < viaKeys.size(); ++i) {
+      const auto found = sets_.find(viaKeys[i]);
+      if (found != sets_.end() && found->second.readAt == now) {
+        visit(i, std::optional(&found->second));
+      } else {
+        numbers[count] = i;
+        unknown[count++] = viaKeys[i];
       }
-      viaConfig_->encodedEntries(std::span<const Key>(unknown).first(count),
-                                 [&](std::size_t i, const std::optional<Pondra::Bytes>& via) {
-                                   visit(numbers[i], via ? std::optional(setOf(unknown[i], *via, now)) : std::nullopt);
-                                 });
     }
+    viaConfig_->encodedEntries(std::span<const Key>(unknown).first(count),
+                               [&](std::size_t i, const std::optional<Pondra::Bytes>& via) {
+                                 visit(numbers[i], via ? std::optional(setOf(unknown[i], *via, now)) : std::nullopt);
+                               });
   }
   // Makes the set, or makes it anew after a change of the tunnel interfaces, when it is needed.
   void bringUpToDate(NexthopSet& set) const {
@@ -75,7 +75,8 @@ class NexthopSets {
   void handleUnderlay() { ++underlayChanges_; }
 
   std::size_t size() const { return sets_.size(); }
-  void clear() { sets_.clear(); }
+  // So many that it takes no noticeable time. Those that stay are as good as before.
+  void dropSome();
 
  private:
   // Read after the table's change of this number.

@@ -36,25 +36,4 @@ bool RouteConfigWalk::beginNext() {
   return current_.has_value();
 }
 
-std::size_t RouteConfigWalk::step(RouteQueue& queue, std::span<Routing::Rib::Route> met) {
-  if (!current_ && !beginNext()) return 0;
-  std::size_t count = 0;
-  const Routing::Rib::RouteConfig& config = *configs_[current_->family];
-  auto route = current_->from ? config.lowerBound(*current_->from) : config.begin();
-  for (; route != config.end() && count < met.size(); ++route) {
-    if (current_->vrf && route->key().vrfId() != *current_->vrf) break;
-    queue.routeToProcessAdd(route->key(), current_->flags);
-    met[count++] = *route;
-  }
-  if (route != config.end() && count == met.size()) {
-    current_->from = route->key();
-  } else if (current_->family == 0) {
-    current_->family = 1;
-    current_->from = current_->vrf ? std::optional(RouteKey(*current_->vrf, IpGenPrefix())) : std::nullopt;
-  } else {
-    current_.reset();
-  }
-  return count;
-}
-
 }  // namespace RouteCache

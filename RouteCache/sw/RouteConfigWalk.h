@@ -4,7 +4,6 @@
 
 #include <optional>
 #include <set>
-#include <span>
 
 #include "RouteCache/sw/RouteQueue.h"
 #include "platform/tables/Rib.h"
@@ -27,9 +26,10 @@ class RouteConfigWalk {
   bool pending() const { return current_ || nextAll_ || !nextVrfs_.empty(); }
   // True when a walk that is still to come, or the rest of the one under way, will meet this key.
   bool willMeet(const RouteKey& key) const;
-  // Puts the next routes into the queue, as many as there is room for in `met`, which gets them as they stand now; how
-  // many.
-  std::size_t step(RouteQueue& queue, std::span<Routing::Rib::Route> met);
+  // Puts the next so many routes into the queue, and tells met(route, belongs) of each as it stands now. One that does
+  // not belong lies in the other family's table, which decides nothing about it.
+  template <class Met>
+  void step(RouteQueue& queue, std::size_t most, Met&& met);
 
  private:
   struct Walk {
@@ -45,5 +45,26 @@ class RouteConfigWalk {
   std::optional<std::uint8_t> nextAll_;
   std::set<std::uint32_t> nextVrfs_;
 };
+
+template <class Met>
+void RouteConfigWalk::step(RouteQueue& queue, std::size_t most, Met&& met) {
+  if (!current_ && !beginNext()) return;
+  std::size_t count = 0;
+  const Routing::Rib::RouteConfig& config = *configs_[current_->family];
+  auto route = current_->from ? config.lowerBound(*current_->from) : config.begin();
+  for (; route != config.end() && count < most; ++route, ++count) {
+    if (current_->vrf && route->key().vrfId() != *current_->vrf) break;
+    queue.routeToProcessAdd(route->key(), current_->flags);
+    met(*route, route->key().prefix().isV4() == (current_->family == 0));
+  }
+  if (route != config.end() && count == most) {
+    current_->from = route->key();
+  } else if (current_->family == 0) {
+    current_->family = 1;
+    current_->from = current_->vrf ? std::optional(RouteKey(*current_->vrf, IpGenPrefix())) : std::nullopt;
+  } else {
+    current_.reset();
+  }
+}
 
 }  // namespace RouteCache

@@ -14,6 +14,7 @@
 #include "RouteCache/model/Sides.h"
 #include "RouteCache/model/VrfIdMap.h"
 #include "RouteCache/queues/DeferredTask.h"
+#include "RouteCache/queues/ReadAhead.h"
 #include "platform/tables/Rib.h"
 
 namespace RouteCache {
@@ -58,7 +59,7 @@ class RouteSync {
     if (hasLeftItsId(key.vrfId())) return withdraw(key);
     asked_[count_] = RouteKey(vrfIdMap_.hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
     visited_[count_++] = key;
-    if (count_ == group) withdrawUnconfigured(withdraw);
+    if (count_ == visited_.size()) withdrawUnconfigured(withdraw);
   }
 
   bool hasLeftItsId(std::uint32_t hwVrfId) const {
@@ -86,8 +87,6 @@ class RouteSync {
     });
   }
 
-  static constexpr std::size_t group = 32;
-
   const RouteStatus<Family>& routes_;
   const Routing::Rib::RouteConfig& config_;
   const VrfIdMap& vrfIdMap_;
@@ -96,8 +95,8 @@ class RouteSync {
   bool again_ = false;
   bool endedOnce_ = false;
   // Visited in this run and not looked up yet.
-  std::array<Key, group> visited_;
-  std::array<RouteKey, group> asked_;
+  std::array<Key, readAheadGroup> visited_;
+  std::array<RouteKey, readAheadGroup> asked_;
   std::size_t count_ = 0;
 };
 

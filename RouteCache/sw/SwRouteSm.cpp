@@ -1,7 +1,6 @@
 #include "RouteCache/sw/SwRouteSm.h"
 
 #include <algorithm>
-#include <array>
 
 #include "platform/values/Assert.h"
 
@@ -236,9 +235,10 @@ void SwRouteSm::handleLeftoverProcessing() {
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
 void SwRouteSm::routesProcessed() {
-  constexpr std::size_t mostSets = 65536;  // a stream of changes that never ends brings ever new ones
-  if ((!routeToProcess_.hasFresh() && !configWalk_.pending()) || nexthopSets_.size() > mostSets) nexthopSets_.clear();
-  if (!routeToProcess_.hasFresh() && !configWalk_.pending()) processedOnce_ = true;
+  const bool atRest = !routeToProcess_.hasFresh() && !configWalk_.pending();
+  if (atRest || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
+  if (atRest && nexthopSets_.size() > 0) scheduleRouteProcessingTask(routeProcessingInterval_);
+  if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
   if (!routeToProcess_.empty() || configWalk_.pending()) return;
@@ -265,6 +265,7 @@ bool SwRouteSm::processFreshRoutes(std::uint64_t& handled) {
   while (goOn && (routeToProcess_.hasFresh() || configWalk_.pending())) {
     if (!routeToProcess_.hasFresh()) {
       readAheadOfWalk();
+      goOn = routeToProcess_.hasFresh() || !routeProcessingTask_.shouldYield();
       continue;
     }
     if (readAhead_.empty()) readAheadOfFresh();
@@ -283,10 +284,11 @@ void SwRouteSm::readAheadOfFresh() {
 
 // Goes on with the walk; what it meets is fresh, and known already.
 void SwRouteSm::readAheadOfWalk() {
-  std::array<Route, readAheadGroup> met;
-  const std::size_t count = configWalk_.step(routeToProcess_, met);
   readAhead_.clear();
-  for (std::size_t i = 0; i < count; ++i) readAhead_.add(met[i].key()).route = met[i];
+  configWalk_.step(routeToProcess_, readAheadGroup, [this](const Route& route, bool belongs) {
+    RouteFacts& facts = readAhead_.add(route.key());
+    if (belongs) facts.route = route;
+  });
   lookUpFacts(readAhead_.all());
 }
 

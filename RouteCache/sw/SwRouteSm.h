@@ -273,8 +273,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   std::optional<BasicRouteVrfKey<Family>> tableKey(const RouteKey& key) const;
 
   // What the tables say of a route that is to be decided. Its decision writes no route but its own, and the id map
-  // gives no two VRFs one hardware id: what has been read ahead of others stays right. The via is the RIB's, who queues
-  // the routes over it again when it changes.
+  // gives no two VRFs one hardware id: what has been read ahead of others stays right. The via is the RIB's, who
+  // rewrites the routes that leave by it when it changes.
   struct RouteFacts {
     RouteKey key;
     std::optional<Routing::Rib::Route> route;  // configured; known already where a walk has met it

@@ -270,14 +270,16 @@ class RouteConfigWalkTest : public testing::Test {
   void configure(const std::string& text) { table(text).routeIs(Routing::Rib::Route(key(text))); }
   void remove(const std::string& text) { table(text).routeDel(key(text)); }
   Routing::Rib::RouteConfig& table(const std::string& text) { return key(text).prefix().isV4() ? *routes : *routes6; }
-  // What a step hands out is what it has put at the queue's end.
+  // What a step tells of is what it has put at the queue's end.
   void step(std::size_t count) {
-    std::vector<Routing::Rib::Route> met(count);
-    met.resize(walk->step(queue, met));
-    std::vector<RouteQueue::RouteKey> fresh;
+    std::vector<RouteQueue::RouteKey> met, fresh;
+    walk->step(queue, count, [&](const Routing::Rib::Route& route, bool belongs) {
+      EXPECT_TRUE(belongs);
+      met.push_back(route.key());
+    });
     queue.forEachFresh([&](const RouteQueue::RouteKey& key) { fresh.push_back(key); });
     ASSERT_GE(fresh.size(), met.size());
-    for (std::size_t i = 1; i <= met.size(); ++i) EXPECT_EQ(met[met.size() - i].key(), fresh[fresh.size() - i]);
+    EXPECT_TRUE(std::equal(met.rbegin(), met.rend(), fresh.rbegin()));
   }
   // Walks to the end in steps of this many; what it queued, in order, with flags where they are not the VTEP's.
   std::vector<std::string> walkAll(unsigned count) {

@@ -374,6 +374,17 @@ TEST_P(SwRouteSmTest, AKeyThatIsNoneHoldsUpNobody) {
   EXPECT_EQ(sw.published().size(), 74u);
 }
 
+TEST_P(SwRouteSmTest, ARouteInTheOtherFamilysTableIsNone) {
+  sw.via(0, {sw.nexthop("10.255.0.1")});
+  sw.start();
+  settle();
+  sw.misplacedRoute("2001:db8:5::/48", 1);
+  sw.misplacedRoute("10.5.0.0/16", 1);
+  sw.vti("Vxlan1", "192.0.2.2", "2001:db8::2");  // every route is decided again
+  settle();
+  EXPECT_TRUE(sw.published().empty());
+}
+
 TEST_P(SwRouteSmTest, ARouteSyncOnceBegunGoesOnToItsEndAndTakesTurns) {
   sw.vrf("blue", 2, 102);
   sw.via(1, {sw.nexthop("10.255.0.1")});
