@@ -16,6 +16,7 @@ double medianOf(std::vector<double> values) {
 
 std::vector<std::string> keysOf(const auto& map) {
   std::vector<std::string> keys;
+  keys.reserve(map.size());
   for (const auto& [key, value] : map) keys.push_back(key);
   return keys;
 }
