@@ -12,6 +12,7 @@ TableDelivery::TableDelivery(LinuxPlatform::EventLoop& loop, LinuxPlatform::Shar
     : loop_(loop),
       tables_(tables),
       deliveryTask_(loop.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })),
+      backlogTask_(loop.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })),
       pollTask_(loop.taskIs("tablePollTask", Platform::TaskPriority::delivery, [this] { poll(); })) {
   pollTask_->scheduleWithin(pollInterval);
   if (tables_.wakeupFd() >= 0) {
@@ -32,7 +33,8 @@ void TableDelivery::poll() {
 }
 
 void TableDelivery::deliver() {
-  if (!tables_.deliverChanges([this] { return deliveryTask_->shouldYield(); })) wanted();
+  if (tables_.deliverChanges([this] { return deliveryTask_->shouldYield(); })) return;
+  (tables_.listenersAreBusy() ? backlogTask_ : deliveryTask_)->scheduleWithin(0);
 }
 
 }  // namespace Tools

@@ -27,6 +27,7 @@ class TableDelivery {
   LinuxPlatform::EventLoop& loop_;
   LinuxPlatform::SharedTableService& tables_;
   std::unique_ptr<Platform::Task> deliveryTask_;
+  std::unique_ptr<Platform::Task> backlogTask_;  // the same, in turn with those who are told and have too much to do
   std::unique_ptr<Platform::Task> pollTask_;
 };
 

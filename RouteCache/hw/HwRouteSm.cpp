@@ -157,7 +157,8 @@ void HwRouteSm::handleInitialized() {
 
   thresholdReactor_ = std::make_unique<ThresholdReactor>(*this, in_.cliConfig);
   configReactor_ = std::make_unique<ConfigReactor>(*this, in_.routeCacheConfig);
-  Pondra::follow(swRouteReactor_, *this, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute, &HwRouteSm::handleSwWriter);
+  Pondra::follow(swRouteReactor_, *this, in_.ipv4SfeRouteStatus, &HwRouteSm::handleSwRoute, &HwRouteSm::appetite,
+                 &HwRouteSm::handleSwWriter);
   sfeReconciled_ = in_.ipv4SfeRouteStatus->reconciled();
   Pondra::follow(sfeHitReactor_, *this, in_.ipv4SfeHitBitStatus, &HwRouteSm::handleSfeRouteHit);
   if (in_.ipv4SfeProgrammedRouteStatus) {
@@ -260,6 +261,12 @@ void HwRouteSm::handleSwRoute(const Key& key) {
   trace_(7, "sfe route: ", key.prefix(), " vrfId: ", key.vrfId());
   routeToProcess_.keyIs(key);
   scheduleRouteProcessingTask(policy_->isScarce() ? routeProcessingIntervalDefer_ : routeProcessingInterval_);
+}
+
+// A task that is put off handles nothing meanwhile: nobody waits for it.
+Pondra::Appetite HwRouteSm::appetite() const {
+  const bool isPutOff = routeProcessingInterval_ > 0 || policy_->isScarce();
+  return isPutOff ? Pondra::Appetite::everything : Pondra::appetiteWith(routeToProcess_.freshCount());
 }
 
 void HwRouteSm::handleSwRoute() {

@@ -120,13 +120,15 @@ void KernelRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
   Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute,
-                 &KernelRouteSm::handleSwWriter<Ipv4Family>);
+                 &KernelRouteSm::appetite<Ipv4Family>, &KernelRouteSm::handleSwWriter<Ipv4Family>);
   Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute,
-                 &KernelRouteSm::handleSwWriter<Ipv6Family>);
+                 &KernelRouteSm::appetite<Ipv6Family>, &KernelRouteSm::handleSwWriter<Ipv6Family>);
   handleSwWriter<Ipv4Family>();
   handleSwWriter<Ipv6Family>();
-  Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
-  Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
+  Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig,
+                 &KernelRouteSm::appetite<Ipv4Family>);
+  Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig,
+                 &KernelRouteSm::appetite<Ipv6Family>);
   vrfIdReactor_ = std::make_unique<VrfIdFollower<KernelRouteSm>>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
@@ -162,10 +164,17 @@ std::string KernelRouteSm::fault() const {
 // --- Reactions -------------------------------------------------------------------------------------------------------
 
 template <class Family>
-void KernelRouteSm::queueKey(const BasicRouteVrfKey<Family>& key) {
+void KernelRouteSm::queueKey(const BasicRouteVrfKey<Family>& key, double seconds) {
   trace_(7, "prefix: ", key.prefix(), " vrfId: ", key.vrfId());
   sides_.of<Family>().toProcess.keyIs(key);
-  sides_.of<Family>().task.schedule(routeProcessingInterval_);
+  sides_.of<Family>().task.schedule(seconds);
+}
+
+// A task that is put off handles nothing meanwhile: nobody waits for it.
+template <class Family>
+Pondra::Appetite KernelRouteSm::appetite() const {
+  return routeProcessingInterval_ > 0 ? Pondra::Appetite::everything
+                                      : Pondra::appetiteWith(sides_.of<Family>().toProcess.freshCount());
 }
 
 template <class Family>
@@ -186,12 +195,12 @@ void KernelRouteSm::trieSweepIs(std::uint32_t hwVrfId) {
 
 void KernelRouteSm::handleIpv4SwRoute(const Ipv4RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<Ipv4Family>(key);
+  queueKey<Ipv4Family>(key, routeProcessingInterval_);
 }
 
 void KernelRouteSm::handleIpv6SwRoute(const Ipv6RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<Ipv6Family>(key);
+  queueKey<Ipv6Family>(key, routeProcessingInterval_);
 }
 
 void KernelRouteSm::handleIpv4SwRoute() {
@@ -226,12 +235,12 @@ void KernelRouteSm::reconcile() {
 
 void KernelRouteSm::handleIpv4CachedRoute(const Ipv4RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<Ipv4Family>(key);
+  queueKey<Ipv4Family>(key, routeProcessingInterval_);
 }
 
 void KernelRouteSm::handleIpv6CachedRoute(const Ipv6RouteVrfKey& key) {
   trace_(9, __PRETTY_FUNCTION__);
-  queueKey<Ipv6Family>(key);
+  queueKey<Ipv6Family>(key, routeProcessingInterval_);
 }
 
 void KernelRouteSm::scheduleSwIpv4RouteStatusWalk(std::uint32_t hwVrfId) {
@@ -242,14 +251,17 @@ void KernelRouteSm::scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId) {
   vrfWalkIs<Ipv6Family>(hwVrfId);
 }
 
+// As a rule the route is published anew, too: it is decided once for both if that comes first.
 void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
+  constexpr double untilPublished = 0.005;  // seconds: a slice of route processing
+  const double seconds = std::max(routeProcessingInterval_, untilPublished);
   trace_(9, __PRETTY_FUNCTION__);
   if (!in_.kernelRouteStatus->has(key) || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return;
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
   if (key.prefix().isV4()) {
-    queueKey<Ipv4Family>({key.prefix().v4(), hwVrfId});
+    queueKey<Ipv4Family>({key.prefix().v4(), hwVrfId}, seconds);
   } else {
-    queueKey<Ipv6Family>({key.prefix().v6(), hwVrfId});
+    queueKey<Ipv6Family>({key.prefix().v6(), hwVrfId}, seconds);
   }
 }
 

@@ -239,7 +239,9 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   void queueTriePrefix();
   template <class Family>
-  void queueKey(const BasicRouteVrfKey<Family>& key);
+  void queueKey(const BasicRouteVrfKey<Family>& key, double seconds);
+  template <class Family>
+  Pondra::Appetite appetite() const;
   template <class Family>
   void vrfWalkIs(std::uint32_t hwVrfId);
   template <class Family>

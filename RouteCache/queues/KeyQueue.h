@@ -7,6 +7,7 @@
 #include <array>
 #include <optional>
 #include <span>
+#include <utility>
 
 #include "RouteCache/queues/KeyRings.h"
 
@@ -23,27 +24,35 @@ class KeyQueue {
   std::size_t size() const { return rings_.size(); }
   bool empty() const { return rings_.empty(); }
   bool has(const Key& key) const { return rings_.find(key) != Rings::none; }
-  bool hasFresh() const { return rings_.first(fresh_) != Rings::none; }
+  bool hasFresh() const { return freshCount_ != 0; }
+  std::size_t freshCount() const { return freshCount_; }
   bool hasWaiting(unsigned kind = 0) const { return rings_.first(waiting_[kind]) != Rings::none; }
 
   // Queues the key, fresh; behind the other fresh ones, where one that was queued fresh keeps its place.
   void keyIs(const Key& key) {
     const auto node = rings_.insert(key);
-    if (rings_.data(node).fresh) return;
-    rings_.data(node).fresh = true;
+    if (std::exchange(rings_.data(node).fresh, true)) return;
+    ++freshCount_;
     rings_.append(fresh_, node);
   }
   // Queues the key, or keeps it queued, among those that wait for room.
   void waitingKeyIs(const Key& key, unsigned kind = 0) {
     const auto node = rings_.insert(key);
-    rings_.data(node).fresh = false;
+    if (std::exchange(rings_.data(node).fresh, false)) --freshCount_;
     rings_.append(waiting_[kind], node);
   }
   // All that wait for one kind wait for the other now, behind those that do already.
   void waitingKindIs(unsigned from, unsigned to) { rings_.splice(waiting_[from], waiting_[to]); }
   // False: it was not queued.
-  bool keyDel(const Key& key) { return rings_.eraseKey(key); }
-  void keyDelAll() { rings_.clearKeys(); }
+  bool keyDel(const Key& key) {
+    const auto gone = rings_.eraseKey(key);
+    if (gone && gone->fresh) --freshCount_;
+    return gone.has_value();
+  }
+  void keyDelAll() {
+    rings_.clearKeys();
+    freshCount_ = 0;
+  }
 
   // The oldest key of its kind, which stays queued. Whoever handles it deletes it or lets it wait.
   std::optional<Key> freshKey() const { return keyAt(rings_.first(fresh_)); }
@@ -70,6 +79,7 @@ class KeyQueue {
   Rings rings_;
   typename Rings::Node fresh_;
   std::array<typename Rings::Node, kinds> waiting_;
+  std::size_t freshCount_ = 0;
 };
 
 }  // namespace RouteCache

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <utility>
 #include <vector>
@@ -47,11 +48,13 @@ class KeyRings {
     return *index_.add(node);
   }
   void erase(Node node) { eraseAt(index_.find(Key(nodes_[node].key))); }
-  // False: there is no such key.
-  bool eraseKey(const Key& key) {
+  // What was kept with the key; nothing: there is no such key.
+  std::optional<Data> eraseKey(const Key& key) {
     Node* const found = index_.find(key);
-    if (found != nullptr) eraseAt(found);
-    return found != nullptr;
+    if (found == nullptr) return std::nullopt;
+    const Data data = nodes_[*found].data;
+    eraseAt(found);
+    return data;
   }
   // Every key; the rings stay.
   void clearKeys() {

@@ -2,8 +2,8 @@
 // they are, and the identifier that they had last.
 //
 // Nobody tells of changes of vias, so each route asks: while no via at all has changed, a set is as it was, and after
-// that for as long as its own via's bytes are. Kept while routes are being decided, and dropped when nothing is left to
-// do: sets cost no memory in an agent at rest.
+// that for as long as its own via's bytes are. Kept while routes are being decided, and dropped when none has been
+// for a while: sets cost no memory in an agent at rest.
 #pragma once
 
 #include <array>

@@ -1,5 +1,7 @@
 #include "RouteCache/sw/RouteQueue.h"
 
+#include <utility>
+
 #include "platform/values/Assert.h"
 
 namespace RouteCache {
@@ -8,13 +10,15 @@ void RouteQueue::append(Node ring, Node node) {
   unlink(node);
   rings_.append(ring, node);
   rings_.data(node).leftover = ring == leftover_;
+  rings_.data(node).told = ring == fresh_;
   if (ring == leftover_) ++leftovers_;
+  if (ring == fresh_) ++told_;
 }
 
 void RouteQueue::unlink(Node node) {
   rings_.unlink(node);
-  if (rings_.data(node).leftover) --leftovers_;
-  rings_.data(node).leftover = false;
+  if (std::exchange(rings_.data(node).leftover, false)) --leftovers_;
+  if (std::exchange(rings_.data(node).told, false)) --told_;
 }
 
 std::optional<std::uint8_t> RouteQueue::flags(const RouteKey& key) const {
@@ -48,6 +52,7 @@ void RouteQueue::routeToProcessDelAll() {
   for (const auto& vrf : vrfRings_) rings_.ringDel(vrf.second);
   vrfRings_.clear();
   leftovers_ = 0;
+  told_ = 0;
   visited_ = none;
 }
 

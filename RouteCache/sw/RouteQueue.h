@@ -63,6 +63,8 @@ class RouteQueue {
   void visitEnded();
 
   bool hasFresh() const;
+  // Keys that reactions have put in and that are still fresh: those of a VRF that was woken are not counted.
+  std::size_t toldCount() const { return told_; }
   bool isWaitingForRoom(AddressFamily family) const;
   // All keys that wait for this VRF become fresh. Costs the same however many there are.
   void wakeVrf(std::uint32_t piVrfId);
@@ -77,6 +79,7 @@ class RouteQueue {
   struct Data {
     std::uint8_t flags = 0;
     bool leftover = false;
+    bool told = false;
   };
   using Rings = KeyRings<RouteKey, Data>;
   using Node = Rings::Node;
@@ -96,6 +99,7 @@ class RouteQueue {
   const Node room6_ = rings_.ringIs();
   std::unordered_map<std::uint32_t, Node> vrfRings_;  // by pi VRF id
   std::size_t leftovers_ = 0;
+  std::size_t told_ = 0;
   Node visited_ = none;
   Node visitedGoesTo_ = none;
 };

@@ -54,8 +54,8 @@ SwRouteSm::~SwRouteSm() {
 
 void SwRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
-  Pondra::follow(routeReactor_, *this, in_.routeConfig, &SwRouteSm::handleRoute);
-  Pondra::follow(route6Reactor_, *this, in_.route6Config, &SwRouteSm::handleRoute);
+  Pondra::follow(routeReactor_, *this, in_.routeConfig, &SwRouteSm::handleRoute, &SwRouteSm::appetite);
+  Pondra::follow(route6Reactor_, *this, in_.route6Config, &SwRouteSm::handleRoute, &SwRouteSm::appetite);
   if (in_.ipv4HwRouteStatus) {
     Pondra::follow(hwRouteReactor_, *this, in_.ipv4HwRouteStatus, &SwRouteSm::handleHwRoute);
   }
@@ -117,6 +117,12 @@ void SwRouteSm::handleRoute(const RouteKey& key) {
 void SwRouteSm::handleRoute() {
   trace_(9, __PRETTY_FUNCTION__);
   if (enableRouteProcessing_) scheduleAllRoutesForProcessing(true, true);
+}
+
+// A task that is put off handles nothing meanwhile: nobody waits for it.
+Pondra::Appetite SwRouteSm::appetite() const {
+  return routeProcessingInterval_ > 0 ? Pondra::Appetite::everything
+                                      : Pondra::appetiteWith(routeToProcess_.toldCount());
 }
 
 void SwRouteSm::scheduleAllRoutesForProcessing(bool vtep, bool init) {
@@ -204,7 +210,7 @@ void SwRouteSm::handleRouteProcessing() {
       hasRoomForWaiting<Ipv6Family>()) {
     scheduleRouteProcessingTask(routeProcessingInterval_);
   }
-  routesProcessed();
+  routesProcessed(handled);
 }
 
 // The leftovers in turn, until the time slice ends; each round is due routeProcessingIntervalDefer after the one before
@@ -229,15 +235,18 @@ void SwRouteSm::handleLeftoverProcessing() {
   } else {
     leftoverRound_ = 0;
   }
-  routesProcessed();
+  routesProcessed(handled);
 }
 
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
-void SwRouteSm::routesProcessed() {
+void SwRouteSm::routesProcessed(std::uint64_t handled) {
+  // A stream of changes leaves nothing to do again and again: it has ended when a run finds nothing a while later.
+  constexpr double quiet = 1;  // seconds
   const bool atRest = !routeToProcess_.hasFresh() && !configWalk_.pending();
-  if (atRest || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
-  if (atRest && nexthopSets_.size() > 0) scheduleRouteProcessingTask(routeProcessingInterval_);
+  const bool ended = atRest && handled == 0;
+  if (ended || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
+  if (atRest && nexthopSets_.size() > 0) scheduleRouteProcessingTask(ended ? routeProcessingInterval_ : quiet);
   if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);

@@ -83,7 +83,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
 
   // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
   void handleRoute(const RouteKey& key);
-  void handleRoute();  // every configured route
+  void handleRoute();                 // every configured route
+  Pondra::Appetite appetite() const;  // for configured routes
   void handleHwRoute(const Ipv4RouteVrfKey& key);
   void handleVrfId(std::uint32_t piVrfId);
   // Queues every configured route; a walk that the route-processing task does in slices. Asked for again while it runs,
@@ -350,7 +351,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   bool processRoutesThatFindRoom(std::uint64_t& handled);
   template <class Family>
   bool hasRoomForWaiting() const;
-  void routesProcessed();
+  void routesProcessed(std::uint64_t handled);
   void reconcile();
   void processVisited(const RouteQueue::Visit& visit);
 

@@ -76,7 +76,8 @@ LongestRun RunTimer::takeLongestRun() {
 TimedDelivery::TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService& tables)
     : loop_(tasks.loop()),
       tables_(tables),
-      task_(tasks.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })) {
+      task_(tasks.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })),
+      backlogTask_(tasks.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })) {
   loop_.fdIs(tables_.wakeupFd(), EPOLLIN,
              [this, &tasks](std::uint32_t) { tasks.run("wakeup", [this] { tables_.handleWakeup(); }); });
   loop_.afterBatchIs([this] { tables_.flush(); });
@@ -88,7 +89,8 @@ TimedDelivery::~TimedDelivery() {
 }
 
 void TimedDelivery::deliver() {
-  if (!tables_.deliverChanges([this] { return task_->shouldYield(); })) wanted();
+  if (tables_.deliverChanges([this] { return task_->shouldYield(); })) return;
+  (tables_.listenersAreBusy() ? backlogTask_ : task_)->scheduleWithin(0);
 }
 
 bool TimedDelivery::isDone() {

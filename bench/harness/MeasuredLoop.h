@@ -82,6 +82,7 @@ class TimedDelivery {
   LinuxPlatform::EventLoop& loop_;
   LinuxPlatform::SharedTableService& tables_;
   std::unique_ptr<Platform::Task> task_;
+  std::unique_ptr<Platform::Task> backlogTask_;
 };
 
 // The members stand in the order of their making.

@@ -1,8 +1,11 @@
 #include "lib/tables/ChangeFollower.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace LinuxPlatform {
+
+using Pondra::Appetite;
 
 void ChangeFollower::start(const TableView& view) {
   view_ = view;
@@ -60,7 +63,7 @@ void ChangeFollower::forgetAll() {
 
 void ChangeFollower::seen(const Entry& entry) {
   const std::uint64_t version = entry.version;
-  if (scanNext_ >= scanEnd_ && sequenceOf(version) <= cursor_) return;  // told of, and remembered
+  if (scan_.empty() && sequenceOf(version) <= cursor_) return;  // told of, and remembered
   if (knownLive(entry.slot)) {
     const KeyWords known = knownKey(entry.slot);
     if (same(known, entry.key)) return;
@@ -70,40 +73,50 @@ void ChangeFollower::seen(const Entry& entry) {
 }
 
 void ChangeFollower::scanAll() {
-  scanNext_ = 0;
-  scanEnd_ = view_->image().highWater();
+  scan_ = {0, view_->image().highWater()};
+  nextRound_ = {};
+}
+
+void ChangeFollower::scanLater(std::uint32_t slot) {
+  (scan_.empty() || slot >= scan_.next ? scan_ : nextRound_).add(slot);
 }
 
 bool ChangeFollower::pending() const {
-  return view_ && (!departed_.empty() || old_ || scanNext_ < scanEnd_ || cursor_ != view_->headSequence());
+  return view_ && (!departed_.empty() || old_ || !scan_.empty() || cursor_ != view_->headSequence());
 }
 
-bool ChangeFollower::deliver(const Tell& tell) {
-  if (!view_) return true;
+void ChangeFollower::deliver(Listener& listener) {
+  if (!view_) return;
   const std::uint64_t until = view_->headSequence();
-  return tellDeparted(tell) && tellSlots(tell) && tellGone(tell) && tellRing(until, tell);
+  if (!tellDeparted(listener)) return;
+  const bool scanned = tellSlots(listener);
+  if (old_ && (!scanned || !tellGone(listener))) return;
+  tellRing(until, listener);
 }
 
-bool ChangeFollower::tellDeparted(const Tell& tell) {
+bool ChangeFollower::tellDeparted(Listener& listener) {
   while (!departed_.empty()) {
+    if (listener.appetite() == Appetite::nothing) return false;
     const KeyWords key = departed_.back();
     departed_.pop_back();
-    if (!tell(key, view_->headSequence())) return false;
+    listener.keyChanged(key, view_->headSequence());
   }
   return true;
 }
 
 // The keys of the replaced table, once all slots of the new one have been looked at: who is not remembered to be there
 // now has gone, or has gone and come back.
-bool ChangeFollower::tellGone(const Tell& tell) {
-  while (old_ && old_->next < old_->told.size()) {
+bool ChangeFollower::tellGone(Listener& listener) {
+  while (old_->next < old_->told.size()) {
+    if (listener.appetite() == Appetite::nothing) return false;
     const std::uint32_t slot = old_->next++;
     if ((old_->told[slot] & 1) == 0) continue;
     const KeyWords key = keyAt(old_->keys, slot);
     Entry found;
     const bool there = view_->findByIndex(key, nullptr, found) == true;
-    if (there && knownLive(found.slot) && same(knownKey(found.slot), key)) continue;
-    if (!tell(key, view_->headSequence())) return false;
+    if (!there || !knownLive(found.slot) || !same(knownKey(found.slot), key)) {
+      listener.keyChanged(key, view_->headSequence());
+    }
   }
   old_.reset();
   return true;
@@ -123,18 +136,26 @@ bool ChangeFollower::isAsBefore(const KeyWords& key) {
          std::equal(value.begin(), value.begin() + size, oldValue.begin());
 }
 
-bool ChangeFollower::tellSlots(const Tell& tell) {
-  while (scanNext_ < scanEnd_) {
-    if (!tellSlot(scanNext_++, nullptr, tell)) return false;
+bool ChangeFollower::tellSlots(Listener& listener) {
+  constexpr std::uint32_t slotsPerLook = 512;  // most of them have nothing to tell
+  for (std::uint32_t looked = 0; !scan_.empty(); ++looked) {
+    const std::uint32_t slot = scan_.next;
+    const bool asks = looked % slotsPerLook == 0 || hasMoved(slot);
+    if (asks && listener.appetite() != Appetite::everything) return false;
+    ++scan_.next;
+    tellSlot(slot, nullptr, listener);
+    if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
   }
   if (old_) old_->comparable = false;  // what has been told since is not what the old table held
   return true;
 }
 
-bool ChangeFollower::tellRing(std::uint64_t until, const Tell& tell) {
+void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
   const TableImage& image = view_->image();
   const std::uint64_t ringSize = image.geometry().ringSize;
   while (cursor_ != until) {
+    const Appetite appetite = listener.appetite();
+    if (appetite == Appetite::nothing) return;
     const std::uint64_t* entry = image.ring(cursor_ + 1);
     const std::uint64_t word = load(*entry);
     const auto slot = static_cast<std::uint32_t>(word);
@@ -147,36 +168,50 @@ bool ChangeFollower::tellRing(std::uint64_t until, const Tell& tell) {
       if (damaged && head - cursor_ < ringSize) (*report_)("the change ring is damaged");
       cursor_ = head;
       scanAll();
-      return tellSlots(tell);
+      tellSlots(listener);
+      return;
     }
     ++cursor_;
-    if (!tellSlot(slot, &changed, tell)) return false;
+    if (appetite != Appetite::everything && isNew(slot, changed)) {
+      scanLater(slot);
+    } else {
+      tellSlot(slot, &changed, listener);
+    }
   }
-  return true;
 }
 
-bool ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, const Tell& tell) {
-  const TableImage& image = view_->image();
-  const bool moved = told(load(image.version(slot))) != (slot < told_.size() ? told_[slot] : 0);
+bool ChangeFollower::hasMoved(std::uint32_t slot) const {
+  return told(load(view_->image().version(slot))) != (slot < told_.size() ? told_[slot] : 0);
+}
+
+// An entry that is there, in a slot of which none was known: nobody misses it yet.
+bool ChangeFollower::isNew(std::uint32_t slot, const KeyWords& changed) const {
   SlotImage contents;
-  bool goOn = true;
-  if (moved && image.readSlot(slot, contents)) {
+  const TableImage& image = view_->image();
+  return !knownLive(slot) && image.readSlot(slot, contents) && isLive(contents.version()) &&
+         same(image.keyIn(contents), changed);
+}
+
+void ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener) {
+  const TableImage& image = view_->image();
+  SlotImage contents;
+  if (hasMoved(slot) && image.readSlot(slot, contents)) {
     const std::uint64_t version = contents.version();
     const KeyWords key = image.keyIn(contents);
     const bool wasLive = knownLive(slot);
     const KeyWords before = wasLive ? knownKey(slot) : KeyWords{};
     const bool nowLive = isLive(version);
     remember(slot, told(version), key);
-    // All of them are told, whatever `tell` says to the first: the memory has moved on.
+    // All of them are told, whatever the listener wants after the first: the memory has moved on.
     const std::uint64_t sequence = sequenceOf(version);
-    if (wasLive && !(nowLive && same(before, key))) goOn = tell(before, sequence) && goOn;
-    if (nowLive && !(changed == nullptr && isAsBefore(key))) goOn = tell(key, sequence) && goOn;
-    if (changed == nullptr || (wasLive && same(before, *changed)) || (nowLive && same(key, *changed))) return goOn;
+    if (wasLive && !(nowLive && same(before, key))) listener.keyChanged(before, sequence);
+    if (nowLive && !(changed == nullptr && isAsBefore(key))) listener.keyChanged(key, sequence);
+    if (changed == nullptr || (wasLive && same(before, *changed)) || (nowLive && same(key, *changed))) return;
   } else if (changed == nullptr || (slot < told_.size() && same(knownKey(slot), *changed))) {
-    return true;
+    return;
   }
   // The key came and went before anybody looked, and another may have the slot.
-  return tell(*changed, cursor_) && goOn;
+  listener.keyChanged(*changed, cursor_);
 }
 
 void ChangeFollower::remember(std::uint32_t slot, std::uint64_t toldNow, const KeyWords& key) {

@@ -1,14 +1,15 @@
 // Following a table's changes: a reader's own cursor in the change ring, and its own memory of what it knows.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
+#include "platform/tables/SharedTable.h"
 
 namespace LinuxPlatform {
 
@@ -16,10 +17,20 @@ namespace LinuxPlatform {
 // per slot the key that its process last knew to be there and the change it was told of last, so the difference between
 // memory and slot is what has changed. What the process finds out by reading ahead of the changes it was told of counts
 // as known, too: a key that it saw must not go unnoticed because its slot was given away before its turn came.
+//
+// Who is told may have too much to do to take everything: entries that are new to him are then passed over in the ring
+// and found by looking at their slots, later and in the order of these. So the ring is not overrun by a load that he is
+// slower than, and what happens beside it to an entry that he knows is told before the load is.
 class ChangeFollower {
  public:
-  // `sequence` is that of the key's latest change. False: stop here.
-  using Tell = std::function<bool(const KeyWords& key, std::uint64_t sequence)>;
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    // `sequence` is that of the key's latest change.
+    virtual void keyChanged(const KeyWords& key, std::uint64_t sequence) = 0;
+    // How much of what has changed it is to be told now: asked before each.
+    virtual Pondra::Appetite appetite() = 0;
+  };
 
   explicit ChangeFollower(const DamageReport& report) : report_(&report) {}
 
@@ -33,8 +44,8 @@ class ChangeFollower {
   // This process has read an entry of the table.
   void seen(const Entry& entry);
   bool pending() const;
-  // Tells of the changes up to now until there are no more (true) or `tell` says stop (false).
-  bool deliver(const Tell& tell);
+  // Tells of the changes up to now until there are no more, or the listener wants no more of them.
+  void deliver(Listener& listener);
 
  private:
   // The change that was told last: its sequence, and whether the slot was an entry; as the version words have them.
@@ -55,25 +66,38 @@ class ChangeFollower {
     bool comparable = true;  // false: an index is damaged, and everything is told
     std::vector<std::byte> value, oldValue;
   };
-  bool tellDeparted(const Tell& tell);
-  bool tellGone(const Tell& tell);
+  // Slots that are still to be looked at.
+  struct Slots {
+    std::uint32_t next = 0, end = 0;
+    bool empty() const { return next >= end; }
+    void add(std::uint32_t slot) {
+      *this = empty() ? Slots{slot, slot + 1} : Slots{std::min(next, slot), std::max(end, slot + 1)};
+    }
+  };
+  // Each tells until there is nothing of its kind left; false: the listener wants no more.
+  bool tellDeparted(Listener& listener);
+  bool tellGone(Listener& listener);
   bool isAsBefore(const KeyWords& key);
-  bool tellSlots(const Tell& tell);
-  bool tellRing(std::uint64_t until, const Tell& tell);
+  bool tellSlots(Listener& listener);
+  void tellRing(std::uint64_t until, Listener& listener);
   // Tells what has become of a slot since it was last told. With the key of a ring entry: of this key in any case,
   // unless it has been told since its change.
-  bool tellSlot(std::uint32_t slot, const KeyWords* changed, const Tell& tell);
+  void tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener);
+  bool hasMoved(std::uint32_t slot) const;
+  bool isNew(std::uint32_t slot, const KeyWords& changed) const;
+  void scanLater(std::uint32_t slot);
   void scanAll();
   void forgetAll();
 
   const DamageReport* report_;
   std::optional<TableView> view_;
-  std::uint64_t cursor_ = 0;                  // sequence of the last change taken from the ring
-  std::vector<std::uint64_t> told_;           // by slot
-  std::vector<std::uint64_t> keys_;           // by slot, keyWordCount words each
-  std::vector<KeyWords> departed_;            // known keys that are still to be told and no slot's any more
-  std::optional<Predecessor> old_;            // until both tables have been looked through
-  std::uint32_t scanNext_ = 0, scanEnd_ = 0;  // slots that are still to be looked at
+  std::uint64_t cursor_ = 0;         // sequence of the last change taken from the ring
+  std::vector<std::uint64_t> told_;  // by slot
+  std::vector<std::uint64_t> keys_;  // by slot, keyWordCount words each
+  std::vector<KeyWords> departed_;   // known keys that are still to be told and no slot's any more
+  std::optional<Predecessor> old_;   // until both tables have been looked through
+  Slots scan_;                       // in this round
+  Slots nextRound_;                  // that the round has passed by already; empty when it is
 };
 
 }  // namespace LinuxPlatform

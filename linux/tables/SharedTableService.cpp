@@ -197,7 +197,9 @@ bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield
     }
     if (collection->pending()) collection->dueIs();
   }
-  return verifyAdopted(stop) && context_->due.empty();
+  const bool verified = verifyAdopted(stop);
+  listenersAreBusy_ = verified && !yielded && !context_->due.empty();
+  return verified && context_->due.empty();
 }
 
 // What nobody waits for comes last.

@@ -49,11 +49,14 @@ class SharedTableService final : public Pondra::TableService {
   void corruptionHandlerIs(std::function<void(const std::string& path, const std::string& what)> handler) override;
 
   // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
-  // changes, table by table, until shouldYield (asked after each change) says stop. True: nothing is left. Tables take
-  // turns at being first. Looks at the tables that something is known of, or at all when there are none. After that,
-  // tables that were taken over from another writer are compared with themselves, some entries at a time; what does not
-  // agree is mended, and indexes that were known to be wrong are built. Not called from inside a reactor.
+  // changes, table by table, as many as they want, until shouldYield (asked after each) says stop. True: nothing is
+  // left. Tables take turns at being first. Looks at the tables that something is known of, or at all when there are
+  // none. After that, tables that were taken over from another writer are compared with themselves, some entries at a
+  // time; what does not agree is mended, and indexes that were known to be wrong are built. Not called from inside a
+  // reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
+  // The last delivery has left only what those who are told want later: it is their turn to work.
+  bool listenersAreBusy() const { return listenersAreBusy_; }
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
   // Reads a word per table, and asks who the files are: those of written tables, those that were refused or have been
   // cut short under their reader, and all when names have changed in the directory. Finds also what a writer changed
@@ -105,6 +108,7 @@ class SharedTableService final : public Pondra::TableService {
   unsigned polls_ = 0;
   FileIdentity directoryState_;  // when all files were last asked
   std::string firstServed_;      // path at which the next delivery begins
+  bool listenersAreBusy_ = false;
 };
 
 // A table file as its header describes it, for tools that list tables.

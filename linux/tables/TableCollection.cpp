@@ -11,6 +11,7 @@
 
 namespace LinuxPlatform {
 
+using Pondra::Appetite;
 using Pondra::MountKind;
 using Pondra::TableError;
 using Pondra::WriteResult;
@@ -338,30 +339,51 @@ bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
   return !pending();
 }
 
+// Hands what a follower tells on to the sink, which may stop following, or start again, from inside any of its calls,
+// or unmount the table.
+class TableCollection::Delivery final : public ChangeFollower::Listener {
+ public:
+  Delivery(TableCollection& table, std::shared_ptr<ChangeFollower> follower, const std::function<bool()>& shouldYield)
+      : table_(table), follower_(std::move(follower)), shouldYield_(shouldYield), file_(table.file_) {}
+  bool followed() const { return table_.follower_ == follower_; }
+
+  void keyChanged(const KeyWords& words, std::uint64_t sequence) override {
+    if (!followed()) return;
+    const MutableBytes key(bytes_.data(), table_.layout_.keySize);
+    keyBytes(words, key);
+    // A slot that is gone has no sequence to tell when its entry went.
+    const bool broken = file_->broken();
+    table_.newestTold_ = std::max(table_.newestTold_ + (broken ? 1 : 0), table_.sequenceBase_ + sequence);
+    table_.sink_->keyChanged(key, broken ? table_.newestTold_ : table_.sequenceBase_ + sequence);
+  }
+  // However short the slice, each delivery gets further.
+  Appetite appetite() override {
+    if (!followed() || (std::exchange(begun_, true) && shouldYield_())) return Appetite::nothing;
+    return table_.sink_->appetite();
+  }
+
+ private:
+  TableCollection& table_;
+  const std::shared_ptr<ChangeFollower> follower_;
+  const std::function<bool()>& shouldYield_;
+  const std::shared_ptr<TableFile> file_;
+  std::array<std::byte, Pondra::maxKeySize> bytes_{};
+  bool begun_ = false;
+};
+
 // False: the sink does not follow any more, or there is more to deliver.
 bool TableCollection::deliverKeys(const std::shared_ptr<ChangeFollower>& follower,
                                   const std::function<bool()>& shouldYield) {
-  const std::shared_ptr<TableFile> file = file_;  // the sink may unmount the table
-  // The sink may stop following, or start again, from inside any of its calls.
-  const auto followed = [&] { return follower_ == follower; };
+  Delivery delivery(*this, follower, shouldYield);
   if (!streaming_) {
     streaming_ = true;
     sink_->quiescedChanged(false);
   }
-  std::array<std::byte, Pondra::maxKeySize> bytes;
-  const MutableBytes key(bytes.data(), layout_.keySize);
-  follower->deliver([&](const KeyWords& words, std::uint64_t sequence) {
-    if (!followed()) return false;
-    keyBytes(words, key);
-    // A slot that is gone has no sequence to tell when its entry went.
-    newestTold_ = std::max(newestTold_ + (file->broken() ? 1 : 0), sequenceBase_ + sequence);
-    sink_->keyChanged(key, file->broken() ? newestTold_ : sequenceBase_ + sequence);
-    return followed() && !shouldYield();
-  });
-  if (!followed() || follower->pending()) return false;
+  follower->deliver(delivery);
+  if (!delivery.followed() || follower->pending()) return false;
   streaming_ = false;
   sink_->quiescedChanged(true);
-  return followed();
+  return delivery.followed();
 }
 
 bool TableCollection::verify() {

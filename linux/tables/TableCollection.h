@@ -77,7 +77,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
 
   // Lets go of file and lock; whoever still holds the collection finds it empty. Tells the sink.
   void close();
-  // Hands changes to the sink until there are none or shouldYield says stop. True: nothing is left.
+  // Hands changes to the sink until there are none, it wants no more, or shouldYield says stop. True: nothing is left.
   bool deliver(const std::function<bool()>& shouldYield);
   bool pending() const {
     return replacementDue_ || streaming_ || (follower_ && (follower_->pending() || writerWords() != toldWriter_));
@@ -132,6 +132,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   // The counter may be among what was cut off.
   std::uint64_t nextBase() const { return std::max(lastSequence(), newestTold_) + 1; }
   void tellBroken();
+  class Delivery;
   bool deliverKeys(const std::shared_ptr<ChangeFollower>& follower, const std::function<bool()>& shouldYield);
   void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
   void unflushedIs() const;

@@ -35,6 +35,14 @@ class ReactorList {
                         [](const ReactorType* reactor) { return reactor != nullptr; });
   }
 
+  // Calls visit(reactor) for each reactor; it must not change the list.
+  template <class Visit>
+  void forEach(Visit&& visit) const {
+    for (const ReactorType* reactor : reactors_) {
+      if (reactor != nullptr) visit(*reactor);
+    }
+  }
+
   // Calls tell(reactor) for each reactor that was there at the start and still is, in the order of their entering.
   template <class Tell>
   void notify(Tell&& tell) {

@@ -89,6 +89,21 @@ inline constexpr std::size_t maxKeySize = 40;
 
 enum class WriteResult : std::uint8_t { ok, full };
 
+// What somebody who is told of changes can take now. Who has much to do yet is better told later, by the table that
+// keeps the changes anyway, than made to keep them, too. An entry that he knows and that is another or gone does not
+// wait for those that are new to him: as long as it is not told, he goes on by what is wrong.
+// In the order of how much there is to do: the busiest of those who follow a table decides.
+enum class Appetite : std::uint8_t { everything, changesOfKnown, nothing };
+
+// Keys told and not yet handled from which on new entries wait, or everything does. So few that handling them takes
+// about a millisecond: a change that is told waits behind no more.
+inline constexpr std::size_t busyFrom = 1024;
+inline constexpr std::size_t fullFrom = 2 * busyFrom;
+inline Appetite appetiteWith(std::size_t keysToHandle) {
+  if (keysToHandle < busyFrom) return Appetite::everything;
+  return keysToHandle < fullFrom ? Appetite::changesOfKnown : Appetite::nothing;
+}
+
 // Where a walk stands: room for what a collection's seek() keeps between two steps of it. Each walk has its own; a copy
 // goes on by itself.
 class WalkPlace {
@@ -120,6 +135,8 @@ class SharedCollection {
     // `sequence` is the number of the key's latest change among all changes of this collection: every change has a
     // higher number than those before it. Keys are told in no particular order.
     virtual void keyChanged(Bytes key, std::uint64_t sequence) = 0;
+    // Asked before each key that is told. What is left out is told when the sink wants it.
+    virtual Appetite appetite() const { return Appetite::everything; }
     virtual void quiescedChanged(bool quiesced) = 0;
     // From inside unmount(), too: mounted() is false then, and reads find nothing.
     virtual void mountStatusChanged() = 0;
@@ -293,6 +310,9 @@ class Table : public TableEntity {
     virtual ~Reactor() { const_cast<Table&>(*table_).reactors_.remove(this); }
     // The entry under the key was added, changed or removed: a lookup tells which.
     virtual void handleEntry(const Key& key) = 0;
+    // What it can be told of now. Less than everything only while it is about to handle what it has been told of, or
+    // the others who follow the table would wait for nothing.
+    virtual Appetite appetite() const { return Appetite::everything; }
     virtual void handleQuiesced(bool /*quiesced*/) {}
     // The table has appeared, become readable, or been unmounted: mounted() tells which.
     virtual void handleMountStatus() {}
@@ -487,6 +507,11 @@ class Table : public TableEntity {
     } else {
       control()->reportCorruption("a key that cannot be decoded");
     }
+  }
+  Appetite appetite() const final {
+    Appetite least = Appetite::everything;
+    reactors_.forEach([&](const Reactor& reactor) { least = std::max(least, reactor.appetite()); });
+    return least;
   }
   void deliverWriter() final {
     reactors_.notify([](Reactor& reactor) { reactor.handleWriter(); });

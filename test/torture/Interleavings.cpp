@@ -246,8 +246,7 @@ class Judge {
   }
   void deliver(std::uint64_t most) {
     reader_.follower = follower_.get();
-    std::uint64_t told = 0;
-    follower_->deliver([&](const KeyWords& key, std::uint64_t) {
+    Listener listener(most, [this](const KeyWords& key) {
       if (const auto number = keys_.number(key)) {
         const auto value = reader_.find(*number);
         believed_.erase(*number);
@@ -255,8 +254,8 @@ class Judge {
       } else {
         fail("a follower hears of a key that never was");
       }
-      return ++told < most;
     });
+    follower_->deliver(listener);
     reader_.follower = nullptr;
   }
 

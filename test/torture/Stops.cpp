@@ -368,14 +368,13 @@ void stopMigrations(unsigned seed) {
     Believer& follower = believer;
     // Lookups go to the new table from now on.
     const auto catchUp = [&](std::uint64_t most) {
-      std::uint64_t told = 0;
-      follower.follower.deliver([&](const KeyWords& key, std::uint64_t) {
+      Listener listener(most, [&](const KeyWords& key) {
         const auto number = at.keys.number(key);
         const auto value = newReader.find(*number);
         follower.believed.erase(*number);
         if (value) follower.believed[*number] = *value;
-        return ++told < most;
       });
+      follower.follower.deliver(listener);
     };
     catchUp(1 + at.random() % 4);
     writer->applyRandom(20, model, at.random);

@@ -238,18 +238,17 @@ Model Reader::walk() {
   return found;
 }
 
-bool Believer::deliver(std::uint64_t most) {
-  std::uint64_t told = 0;
-  return follower.deliver([&](const KeyWords& key, std::uint64_t) {
+void Believer::deliver(std::uint64_t most) {
+  Listener listener(most, [this](const KeyWords& key) {
     const auto number = keys_.number(key);
-    if (!number) return ++told < most;  // damage may make one up; a lookup would show that it is not there
+    if (!number) return;  // damage may make one up; a lookup would show that it is not there
     if (auto value = reader.find(*number)) {
       believed[*number] = std::move(*value);
     } else {
       believed.erase(*number);
     }
-    return ++told < most;
   });
+  follower.deliver(listener);
 }
 
 void Believer::catchUp() {

@@ -154,6 +154,25 @@ class Reader {
   Entry entry_;
 };
 
+// Hears of so many keys, and has had enough of new ones after half of them.
+class Listener final : public ChangeFollower::Listener {
+ public:
+  Listener(std::uint64_t most, std::function<void(const KeyWords& key)> hear) : most_(most), hear_(std::move(hear)) {}
+  void keyChanged(const KeyWords& key, std::uint64_t) override {
+    ++heard_;
+    hear_(key);
+  }
+  Pondra::Appetite appetite() override {
+    if (heard_ >= most_) return Pondra::Appetite::nothing;
+    return heard_ > most_ / 2 ? Pondra::Appetite::changesOfKnown : Pondra::Appetite::everything;
+  }
+
+ private:
+  const std::uint64_t most_;
+  std::uint64_t heard_ = 0;
+  const std::function<void(const KeyWords& key)> hear_;
+};
+
 // A process that believes what it is told.
 class Believer {
  public:
@@ -162,8 +181,7 @@ class Believer {
     reader.follower = &follower;
     believed = reader.walk();
   }
-  // True: nothing is left.
-  bool deliver(std::uint64_t most = ~std::uint64_t{0});
+  void deliver(std::uint64_t most = ~std::uint64_t{0});
   void catchUp();
 
   Reader reader;

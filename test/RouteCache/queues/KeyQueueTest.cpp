@@ -1,6 +1,7 @@
 // The work queue against a plain model: a key is fresh or waiting since some moment.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 
@@ -54,6 +55,8 @@ TEST(KeyQueueTest, FreshKeysKeepTheirPlaceAndWaitingOnesStandApart) {
       const auto waiting = model.oldest(false);
       ASSERT_EQ(queue.freshKey(), fresh);
       ASSERT_EQ(queue.waitingKey(), waiting);
+      const auto isFresh = [](const auto& entry) { return entry.second.fresh; };
+      ASSERT_EQ(queue.freshCount(), static_cast<std::size_t>(std::ranges::count_if(model.keys, isFresh)));
       ASSERT_EQ(queue.hasFresh(), fresh.has_value());
       ASSERT_EQ(queue.hasWaiting(), waiting.has_value());
       ASSERT_EQ(queue.bookmark(), fresh ? *fresh : waiting.value_or(Key()));

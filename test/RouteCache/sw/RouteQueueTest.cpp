@@ -136,6 +136,7 @@ class RandomQueue {
     }
     while (visitAt({Place::fresh}) || visitAt({Place::leftover})) finishVisit();
     ASSERT_TRUE(queue.empty());
+    ASSERT_EQ(queue.toldCount(), 0U);
   }
 
   RouteQueue queue;
@@ -207,6 +208,7 @@ class RandomQueue {
     ASSERT_EQ(queue.size(), model.flags().size());
     for (const auto& [route, flags] : model.flags()) ASSERT_EQ(queue.flags(route), flags);
     ASSERT_EQ(queue.hasFresh(), model.count({Place::fresh}) > 0);
+    ASSERT_LE(queue.toldCount(), model.count({Place::fresh}));
     ASSERT_EQ(queue.leftoverCount(), model.count({Place::leftover}));
     ASSERT_EQ(queue.isWaitingForRoom(AddressFamily::ipv4), model.count({Place::room, 4}) > 0);
     ASSERT_EQ(queue.isWaitingForRoom(AddressFamily::ipv6), model.count({Place::room, 6}) > 0);
@@ -230,6 +232,7 @@ TEST(RouteQueueTest, AQueueThatHasRunEmptyIsAsGoodAsNew) {
   for (int round = 0; round < 2; ++round) {
     // Enough for the queue to give its memory back at the end.
     for (std::uint32_t i = 0; i < 5000; ++i) queue.routeToProcessIs({i % 2, Prefix(IpAddr(i << 8), 24)}, 1);
+    EXPECT_EQ(queue.toldCount(), 5000u);
     std::uint32_t visits = 0;
     while (const auto visit = queue.visitFresh()) {
       EXPECT_EQ(visit->key.prefix().v4().addr().value(), visits++ << 8);
@@ -241,6 +244,7 @@ TEST(RouteQueueTest, AQueueThatHasRunEmptyIsAsGoodAsNew) {
       queue.visitEnded();
     }
     EXPECT_EQ(visits, 5000u);
+    EXPECT_EQ(queue.toldCount(), 0u);
     EXPECT_EQ(queue.size(), 2500u);
     queue.wakeVrf(1);
     while (const auto visit = queue.visitFresh()) queue.routeToProcessDel(visit->key);

@@ -351,6 +351,32 @@ TEST_P(SwRouteSmTest, AFreshChangeDoesNotDragAlongWhatIsTriedAgain) {
   EXPECT_FALSE(sw.sm().restart());
 }
 
+TEST_P(SwRouteSmTest, AChangeOvertakesALoad) {
+  constexpr unsigned loaded = 20'000;
+  const auto keyOf = [](unsigned i) { return Platform::toText(Prefix(IpAddr(0x14000000 + i), 32)); };
+  sw.capability(loaded + 1, loaded + 1, 100);
+  sw.checkEveryRunIs(false);
+  sw.via(1, {sw.nexthop("10.255.0.1")});
+  sw.via(2, {sw.nexthop("10.255.0.2")});
+  sw.route("10.0.0.0/8", 1, 1);
+  sw.start();
+  settle();
+  for (unsigned i = 0; i < loaded; ++i) sw.route(keyOf(i), 1, 1);
+  sw.route("10.0.0.0/8", 1, 2);
+  std::size_t publishedBefore = 0;
+  sw.scheduler.afterRunIs([&] {
+    sw.afterRun();
+    const RouteCache::Ipv4RouteVrfKey key(Platform::fromText<Prefix>("10.0.0.0/8"), 101);
+    const auto& table = *sw.agent().ipv4HwRouteStatus();
+    if (publishedBefore == 0 && table.route(key)->adjId() != AdjId(1)) publishedBefore = table.size();
+  });
+  settle();
+  EXPECT_GT(publishedBefore, 0U);
+  EXPECT_LT(publishedBefore, loaded / 4);
+  EXPECT_EQ(sw.published().size(), loaded + 1);
+  sw.agent().checkInvariants();
+}
+
 TEST_P(SwRouteSmTest, WhomTheRecordHadNoRoomForIsRecordedSoonAfterThereIsSome) {
   sw.recordCapacity(40);
   for (int i = 0; i <= 40; ++i) sw.route("10.0." + std::to_string(i) + ".0/24", 9, 1);
