@@ -1,10 +1,10 @@
 #include "host/AgentHost.h"
 
 #include <cstdlib>
+#include <iostream>
 #include <string_view>
 
 #include "host/AgentLibrary.h"
-#include "lib/statedb/EmbeddedStateDb.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/files/InputFile.h"
@@ -27,6 +27,11 @@ LinuxPlatform::PathTypes allPathTypes() {
   return types;
 }
 
+// What others make of the rest: the agent its requests, the resolver the answers.
+std::set<std::string, std::less<>> derivedPaths() {
+  return {Paths::nexthopConfig, Paths::nexthopStatus};
+}
+
 std::string traceDirectory(const std::string& runDir) {
   const char* given = std::getenv("ZEPHLOGDIR");
   return given != nullptr && *given != '\0' ? given : runDir;
@@ -41,27 +46,47 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
       traceFile_(settings.traceFile),
       hugePages_(settings.hugePages),
       trace_(traceDirectory(settings.runDir)),
-      stateDb_(std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes_, scheduler)),
+      stateDb_(entityTypes_, scheduler),
+      remembers_(settings.remembers),
+      fresh_(settings.fresh),
       commands_(scheduler),
       agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
   if (!traceFile_) trace_.levels().defaultIs(-1);
   for (const auto& option : settings.trace) trace_.levels().optionIs(option);
   LinuxPlatform::addPlatformTypes(entityTypes_, tableTypes_);
   agent_->registerTypes(entityTypes_, tableTypes_, vocabulary_);
-  loadScenario(settings.scenario);
+  stateDb_.entitiesAre(content(settings));
+  resolverIs();
 }
 
 LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> deliveryWanted) {
   tables_.emplace(runDir_, tableTypes_, std::move(deliveryWanted));
   if (hugePages_) tables_->hugePagesAreWanted();
+  if (fresh_) LinuxPlatform::forgetKeptState(runDir_);
+  if (remembers_) keeper_.emplace(stateDb_, scheduler_, runDir_, derivedPaths());
   return *tables_;
 }
 
-void AgentHost::loadScenario(const std::string& file) {
-  const std::string text = LinuxPlatform::readInput(file, mostScenarioBytes);
-  stateDb_->entitiesAre(LinuxPlatform::parseScenario(text, file, entityTypes_, allPathTypes()));
+// The scenario is read in any case: it has to be a good one on the day when it is needed.
+Lattis::Entities AgentHost::content(const AgentHostSettings& settings) {
+  const std::string text = LinuxPlatform::readInput(settings.scenario, mostScenarioBytes);
+  auto entities = LinuxPlatform::parseScenario(text, settings.scenario, entityTypes_, allPathTypes());
+  contentSource_ = "state from " + settings.scenario;
+  if (!settings.remembers || settings.fresh) return entities;
+  std::vector<std::string> faults;
+  auto kept = LinuxPlatform::readKeptState(runDir_, entityTypes_, allPathTypes(), faults);
+  for (const auto& fault : faults) {
+    std::cerr << Platform::printable(fault) << (kept ? "; the content before that is used" : "; it is left out")
+              << std::endl;
+  }
+  if (!kept) return entities;
+  contentSource_ = "state from " + kept->file + ", as changed since its start from a scenario; --fresh begins again";
+  return std::move(kept->entities);
+}
+
+void AgentHost::resolverIs() {
   const auto entity = [this]<class T>(const char* path, const char* typeName) {
-    auto typed = std::dynamic_pointer_cast<T>(stateDb_->entityOrNew(path, typeName));
+    auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
     PLATFORM_ASSERT(typed);
     return typed;
   };
@@ -74,7 +99,7 @@ void AgentHost::loadScenario(const std::string& file) {
 
 void AgentHost::start(std::function<void()> ready) {
   Platform::AgentServices services;
-  services.stateDb = stateDb_.get();
+  services.stateDb = &stateDb_;
   services.tables = &*tables_;
   services.scheduler = &scheduler_;
   services.trace = &trace_;
@@ -85,12 +110,13 @@ void AgentHost::start(std::function<void()> ready) {
     return static_cast<const char*>(std::getenv(name));
   };
   agent_->servicesIs(services);
-  stateDb_->afterMountsIs(std::move(ready));
+  stateDb_.afterMountsIs(std::move(ready));
   agent_->doInit();
 }
 
 void AgentHost::stop() {
   agent_.reset();
+  keeper_.reset();
   if (tables_) tables_->flush();
 }
 

@@ -11,15 +11,17 @@
 #include "lib/control/AgentCommands.h"
 #include "lib/resolver/UnderlayResolver.h"
 #include "linux/files/TraceFile.h"
+#include "linux/statedb/KeptState.h"
 #include "linux/tables/SharedTableService.h"
 #include "platform/services/AgentBase.h"
 #include "platform/services/TaskScheduler.h"
-#include "platform/state/StateDb.h"
 
 namespace Tools {
 
 struct AgentHostSettings {
-  std::string scenario;  // file
+  std::string scenario;    // file
+  bool remembers = false;  // what the state database held at the end of the run directory's last agent; keeps it, too
+  bool fresh = false;      // begins again from the scenario all the same
   std::string runDir;
   std::string agentLibrary;
   std::string agentName = "RouteCache";
@@ -47,14 +49,17 @@ class AgentHost {
   // Destroys the agent and wakes who follows its tables.
   void stop();
 
-  Lattis::StateDb& stateDb() { return *stateDb_; }
+  Lattis::StateDb& stateDb() { return stateDb_; }
   LinuxPlatform::SharedTableService& tables() { return *tables_; }
   // What is asked of the agent; the replies it makes go before the host.
   LinuxPlatform::AgentCommands& commands() { return commands_; }
   const std::string& agentName() const { return agentName_; }
+  // Where the content of the state database is from, in one line.
+  const std::string& contentSource() const { return contentSource_; }
 
  private:
-  void loadScenario(const std::string& file);
+  Lattis::Entities content(const AgentHostSettings& settings);
+  void resolverIs();
 
   // In the order of their making; the agent goes first.
   Platform::TaskScheduler& scheduler_;
@@ -66,7 +71,11 @@ class AgentHost {
   Lattis::EntityTypes entityTypes_;
   Platform::TableTypes tableTypes_;
   Platform::TraceVocabulary vocabulary_;
-  std::unique_ptr<Lattis::StateDb> stateDb_;
+  LinuxPlatform::EmbeddedStateDb stateDb_;
+  bool remembers_;
+  bool fresh_;
+  std::string contentSource_;
+  std::optional<LinuxPlatform::StateKeeper> keeper_;
   std::optional<LinuxPlatform::SharedTableService> tables_;
   LinuxPlatform::AgentCommands commands_;
   std::unique_ptr<LinuxPlatform::UnderlayResolver> resolver_;

@@ -55,6 +55,7 @@ Launcher::Launcher(const RunOptions& options)
   delivery_.emplace(loop_, host_.openTables([this] { delivery_->wanted(); }));
   serveOperators();
   host_.start([this] {
+    tell(false, {}, host_.contentSource());
     tell(false, {}, "ready: agent " + host_.agentName() + " in " + directory_->path());
     flushOutput();  // who waits for the line waits for ever without it: an agent that cannot tell it ends
   });
@@ -80,9 +81,16 @@ void addRunCommand(CLI::App& app, ToolContext&) {
   options->agent.agentLibrary = defaultAgentLibrary();
   CLI::App* command = app.add_subcommand("run", "Run the agent until SIGTERM");
   command->footer("Example: routecache run --scenario examples/leaf.json --run-dir /tmp/leaf --trace 5");
-  command->add_option("--scenario", options->agent.scenario, "Content of the state database at the start, a JSON file")
+  command
+      ->add_option(
+          "--scenario", options->agent.scenario,
+          "Content of the state database at the first start in the run directory, a JSON file; later starts go "
+          "on with what was changed since")
       ->type_name("FILE")
       ->required();
+  command->add_flag("--fresh", options->agent.fresh,
+                    "Forget what was changed since, and begin again from the scenario");
+  options->agent.remembers = true;
   addRunDirOption(*command, options->agent.runDir);
   command->add_option("--agent", options->agent.agentLibrary, "The agent's library")
       ->type_name("LIB")

@@ -125,18 +125,20 @@ std::vector<std::string> EmbeddedStateDb::paths() const {
   return {paths.begin(), paths.end()};
 }
 
-std::shared_ptr<Entity> EmbeddedStateDb::changeable(std::string_view path) const {
-  auto found = entity(path);
+void EmbeddedStateDb::change(std::string_view path,
+                             const std::function<void(const std::shared_ptr<Entity>&)>& carryOut) const {
+  const auto found = entity(path);
   if (!found) throw std::invalid_argument("nothing is at this path");
-  return found;
+  carryOut(found);
+  if (changed_ && !localEntities_.contains(path)) changed_();
 }
 
 void EmbeddedStateDb::fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) {
-  setField(changeable(path), field, value);
+  change(path, [&](const auto& entity) { setField(entity, field, value); });
 }
 
 void EmbeddedStateDb::fieldDel(std::string_view path, std::string_view field) {
-  delField(changeable(path), field);
+  change(path, [&](const auto& entity) { delField(entity, field); });
 }
 
 }  // namespace LinuxPlatform

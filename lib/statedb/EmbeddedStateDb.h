@@ -32,16 +32,23 @@ class EmbeddedStateDb final : public Lattis::StateDb {
   void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) override;
   void fieldDel(std::string_view path, std::string_view field) override;
 
+  // Called after each change by text of an entity of the database.
+  void changedIs(std::function<void()> hook) { changed_ = std::move(hook); }
+  // Without the local ones.
+  const Lattis::Entities& databaseEntities() const { return entities_; }
+
  private:
   class Group;
   void complete();
-  std::shared_ptr<Lattis::Entity> changeable(std::string_view path) const;
+  // Carries a change of the entity at the path out.
+  void change(std::string_view path, const std::function<void(const std::shared_ptr<Lattis::Entity>&)>& carryOut) const;
 
   const Lattis::EntityTypes& types_;
   Lattis::Entities entities_;
   Lattis::Entities localEntities_;
   std::deque<std::shared_ptr<Group>> closed_;  // groups whose completion is owed
   std::function<void()> afterMounts_;
+  std::function<void()> changed_;
   std::unique_ptr<Platform::Task> completionTask_;
 };
 

@@ -11,6 +11,7 @@
 #include "lib/statedb/EntityFields.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
+#include "lib/statedb/ScenarioText.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Nexthop.h"
 #include "platform/state/Vrf.h"
@@ -67,6 +68,32 @@ TEST_F(ScenarioTest, FillsAttributesCollectionsAndChildren) {
   const auto vrfs = get.operator()<Routing::Hardware::RouteStatus>("somewhere/else");
   EXPECT_EQ(vrfs->vrfStatus("red")->hwVrfId(), 7U);
   EXPECT_NE(vrfs->vrfStatus("blue"), nullptr);
+}
+
+TEST_F(ScenarioTest, EntitiesBecomeAScenarioThatMakesThemAgain) {
+  const auto textOf = [](const Lattis::Entities& entities) {
+    LinuxPlatform::ScenarioText scenario(entities);
+    std::string text;
+    while (scenario.step(text)) {
+    }
+    return text;
+  };
+  const std::string text = R"({
+    "routecache/cliconfig": {"lowThresholdHwUtilPercentage": 10},
+    "vrf/vrfNameStatus": {"nameToId": {"default": 1, "a \"b\" \\ c[1]] \u00e9\n": 2}},
+    "interface/status/eth/vxlan": {"vtiStatus": {"Vxlan1": {
+        "operStatus": "up", "ipv4Addr": "10.0.0.1", "extendedVlanToVniMap": {"10": 10010, "11": "none"}}, "Vxlan2": {}}},
+    "routing/underlay/route": {},
+    "somewhere/else": {"type": "Routing::Hardware::RouteStatus", "vrfStatus": {"red": {"hwVrfId": 7}, "blue": {}}}
+  })";
+  const std::string made = textOf(parse(text));
+  EXPECT_EQ(textOf(parse(made)), made);
+  for (const char* part : {R"("lowThresholdHwUtilPercentage": "10")", R"("a \"b\" \\ c[1]] é\n": "2")",
+                           R"("11": "none")", R"("hwVrfId": "7")", R"("blue": {)", R"("routing/underlay/route": {)"}) {
+    EXPECT_THAT(made, HasSubstr(part));
+  }
+  EXPECT_EQ(textOf({}), "{}\n");
+  EXPECT_EQ(textOf(parse("{}")), "{}\n");
 }
 
 TEST_F(ScenarioTest, BadOnesAreOneLineThatSaysWhere) {

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "test/support/Command.h"
+#include "test/support/Content.h"
+#include "test/support/Eventually.h"
 #include "test/support/TemporaryDirectory.h"
 
 using testing::HasSubstr;
@@ -63,6 +65,65 @@ TEST_F(RunTest, OneAgentRunsAnswersAndStopsInOrder) {
   EXPECT_THAT(lines[2], HasSubstr(" 9 RouteCacheAgent: virtual void RouteCacheAgent::Agent::doMountsComplete("
                                   "Lattis::MountStatus, const Ptr&)"));
   EXPECT_THAT(lines[3], HasSubstr(" 9 RouteCacheAgent: void RouteCacheAgent::Agent::startStateMachines()"));
+}
+
+// Whether the process was stopped or killed; and a file that was damaged since is told, and the one before goes on.
+TEST_F(RunTest, WhatWasSetOutlivesTheAgent) {
+  const auto set = [this](const std::string& id) {
+    EXPECT_EQ(Command("set vrf/vrfNameStatus nameToId[red] " + id + inRunDir).wait().exitCode, 0);
+  };
+  const std::string state = runDir + "/state.json";
+  const auto isKept = [&](const std::string& id) {
+    return eventually([&] { return contentOf(state).find("\"" + id + "\"") != std::string::npos; });
+  };
+  {
+    Command first(run);
+    ASSERT_TRUE(first.says("state from " + scenario));
+    ASSERT_TRUE(first.says("ready: "));
+    set("3");
+    EXPECT_EQ(first.stop(SIGTERM).exitCode, 0) << "what is not written yet is written now";
+  }
+  {
+    Command stopped(run);
+    ASSERT_TRUE(stopped.says("state from " + state));
+    ASSERT_TRUE(stopped.says("ready: "));
+    EXPECT_EQ(redOfAgent().out, "3\n");
+    set("4");
+    EXPECT_TRUE(isKept("4"));
+    stopped.stop(SIGKILL);
+  }
+  std::filesystem::resize_file(state, 20);
+  {
+    Command damaged(run);
+    ASSERT_TRUE(damaged.says("state from " + state + ".old"));
+    ASSERT_TRUE(damaged.says("ready: "));
+    EXPECT_EQ(redOfAgent().out, "3\n");
+    const Outcome outcome = damaged.stop(SIGTERM);
+    EXPECT_THAT(outcome.err, HasSubstr(state + ": line 2: "));
+    EXPECT_THAT(outcome.err, HasSubstr("the content before that is used"));
+  }
+  for (const char* options : {" --fresh", ""}) {
+    Command again(run + options);
+    ASSERT_TRUE(again.says("state from " + scenario));
+    ASSERT_TRUE(again.says("ready: "));
+    EXPECT_EQ(redOfAgent().out, "2\n");
+    EXPECT_EQ(again.stop(SIGTERM).exitCode, 0);
+  }
+}
+
+// The disk is full, or somebody has put something in the way: the agent goes on, says so once, and writes when it can.
+TEST_F(RunTest, WhatCannotBeKeptIsTold) {
+  Command agent(run);
+  ASSERT_TRUE(agent.says("ready: "));
+  const std::string inTheWay = runDir + "/state.json.new";
+  std::filesystem::create_directories(inTheWay + "/x");
+  EXPECT_EQ(Command("set vrf/vrfNameStatus nameToId[red] 3" + inRunDir).wait().exitCode, 0);
+  EXPECT_TRUE(agent.complains(inTheWay));
+  EXPECT_FALSE(std::filesystem::exists(runDir + "/state.json"));
+  std::filesystem::remove_all(inTheWay);
+  EXPECT_TRUE(eventually([this] { return std::filesystem::exists(runDir + "/state.json"); }));
+  const Outcome outcome = agent.stop(SIGTERM);
+  EXPECT_EQ(linesOf(outcome.err).size(), 1U) << outcome.err;
 }
 
 TEST_F(RunTest, AFileThatMayNotGrowIsAnError) {
