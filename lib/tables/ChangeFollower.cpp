@@ -13,8 +13,7 @@ void ChangeFollower::start(const TableView& view) {
   forgetAll();
   const TableImage& image = view.image();
   const std::uint32_t end = image.highWater();
-  told_.resize(end);
-  keys_.resize(std::size_t{end} * image.geometry().keyWordCount);
+  known_.sizeIs(end);
   SlotImage contents;
   for (std::uint32_t slot = 0; slot < end; ++slot) {
     // A slot that keeps changing has changes after the cursor.
@@ -22,6 +21,7 @@ void ChangeFollower::start(const TableView& view) {
       remember(slot, told(contents.version()), image.keyIn(contents));
     }
   }
+  scannedUntil_ = view.headSequence();
 }
 
 void ChangeFollower::restart(const TableView& view) {
@@ -33,32 +33,26 @@ void ChangeFollower::restart(const TableView& view) {
 
 void ChangeFollower::restart(const TableView& view, const TableView& old, std::shared_ptr<const void> keep) {
   // Replaced again before it was looked through: nobody knows what has been told of it, so everything is.
-  const auto depart = [this](const std::vector<std::uint64_t>& told, const std::vector<std::uint64_t>& keys) {
-    for (std::uint32_t slot = 0; slot < told.size(); ++slot) {
-      if ((told[slot] & 1) != 0) departed_.push_back(keyAt(keys, slot));
+  const auto depart = [this](const SlotMemory& known) {
+    for (std::uint32_t slot = 0; slot < known.size(); ++slot) {
+      if (isLiveIn(known, slot)) departed_.push_back(keyIn(known, slot));
     }
   };
   if (old_) {
-    depart(old_->told, old_->keys);
-    depart(told_, keys_);
+    depart(old_->known);
+    depart(known_);
     old_.reset();
   } else {
     const std::size_t valueSize = view.image().geometry().maxValueSize;
-    old_ = Predecessor{old, std::move(keep), std::exchange(told_, {}), std::exchange(keys_, {}), 0, true, {}, {}};
+    old_ = Predecessor{old, std::move(keep), std::exchange(known_, SlotMemory(1)), 0, true, {}, {}};
     old_->value.resize(valueSize);
     old_->oldValue.resize(valueSize);
   }
   restart(view);
 }
 
-// Room for every slot there can be is taken at once: memory that is not touched costs nothing, and growing later would
-// copy all of it in one go.
 void ChangeFollower::forgetAll() {
-  const TableGeometry& geometry = view_->image().geometry();
-  told_.clear();
-  keys_.clear();
-  told_.reserve(geometry.slots);
-  keys_.reserve(std::size_t{geometry.slots} * geometry.keyWordCount);
+  known_ = SlotMemory(1 + view_->image().geometry().keyWordCount);
 }
 
 void ChangeFollower::seen(const Entry& entry) {
@@ -73,7 +67,8 @@ void ChangeFollower::seen(const Entry& entry) {
 }
 
 void ChangeFollower::scanAll() {
-  scan_ = {0, view_->image().highWater()};
+  scannedUntil_ = view_->headSequence();
+  scan_ = {0, std::max(view_->image().highWater(), known_.size())};
   nextRound_ = {};
 }
 
@@ -82,7 +77,7 @@ void ChangeFollower::scanLater(std::uint32_t slot) {
 }
 
 bool ChangeFollower::pending() const {
-  return view_ && (!departed_.empty() || old_ || !scan_.empty() || cursor_ != view_->headSequence());
+  return view_ && (!departed_.empty() || old_ || !scan_.empty() || cursor_ != view_->headSequence() || isTooLong());
 }
 
 void ChangeFollower::deliver(Listener& listener) {
@@ -92,6 +87,7 @@ void ChangeFollower::deliver(Listener& listener) {
   const bool scanned = tellSlots(listener);
   if (old_ && (!scanned || !tellGone(listener))) return;
   tellRing(until, listener);
+  if (scan_.empty() && departed_.empty() && isTooLong()) forgetBeyond();
 }
 
 bool ChangeFollower::tellDeparted(Listener& listener) {
@@ -107,11 +103,11 @@ bool ChangeFollower::tellDeparted(Listener& listener) {
 // The keys of the replaced table, once all slots of the new one have been looked at: who is not remembered to be there
 // now has gone, or has gone and come back.
 bool ChangeFollower::tellGone(Listener& listener) {
-  while (old_->next < old_->told.size()) {
+  while (old_->next < old_->known.size()) {
     if (listener.appetite() == Appetite::nothing) return false;
     const std::uint32_t slot = old_->next++;
-    if ((old_->told[slot] & 1) == 0) continue;
-    const KeyWords key = keyAt(old_->keys, slot);
+    if (!isLiveIn(old_->known, slot)) continue;
+    const KeyWords key = keyIn(old_->known, slot);
     Entry found;
     const bool there = view_->findByIndex(key, nullptr, found) == true;
     if (!there || !knownLive(found.slot) || !same(knownKey(found.slot), key)) {
@@ -130,9 +126,9 @@ bool ChangeFollower::isAsBefore(const KeyWords& key) {
   const auto inOld = old_->view.findByIndex(key, &oldValue, before);
   const auto inNew = view_->findByIndex(key, &value, now);
   old_->comparable = inOld && inNew;  // an index that contradicts itself is not asked again and again
-  if (!old_->comparable || !*inOld || !*inNew || before.slot >= old_->told.size()) return false;
+  if (!old_->comparable || !*inOld || !*inNew || before.slot >= old_->known.size()) return false;
   const auto size = static_cast<std::ptrdiff_t>(now.size);
-  return old_->told[before.slot] == told(before.version) && before.size == now.size &&
+  return *old_->known[before.slot] == told(before.version) && before.size == now.size &&
          std::equal(value.begin(), value.begin() + size, oldValue.begin());
 }
 
@@ -144,6 +140,7 @@ bool ChangeFollower::tellSlots(Listener& listener) {
     if (asks && listener.appetite() != Appetite::everything) return false;
     ++scan_.next;
     tellSlot(slot, nullptr, listener);
+    scannedUntil_ = view_->headSequence();
     if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
   }
   if (old_) old_->comparable = false;  // what has been told since is not what the old table held
@@ -158,11 +155,12 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
     if (appetite == Appetite::nothing) return;
     const std::uint64_t* entry = image.ring(cursor_ + 1);
     const std::uint64_t word = load(*entry);
-    const auto slot = static_cast<std::uint32_t>(word);
+    const std::uint32_t slot = ringSlot(word);
     const KeyWords changed = image.loadKey(entry + 1);
     const std::uint64_t head = view_->headSequence();
-    const bool damaged = head < cursor_ || slot >= image.geometry().slots ||
-                         word != ringWord(slot, changed, image.geometry().keyWordCount, cursor_ + 1);
+    const std::uint64_t whole =
+        ringWord(static_cast<std::uint32_t>(word), changed, image.geometry().keyWordCount, cursor_ + 1);
+    const bool damaged = head < cursor_ || slot >= image.geometry().slots || word != whole;
     // The writer may be filling the place after the head's, which is that of the change ringSize before it.
     if (damaged || head - cursor_ >= ringSize) {
       if (damaged && head - cursor_ < ringSize) (*report_)("the change ring is damaged");
@@ -172,6 +170,8 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
       return;
     }
     ++cursor_;
+    // What has been passed over may have moved before it was told.
+    if (isMove(word) && scan_.empty() && cursor_ > scannedUntil_ && tookNote(slot, changed)) continue;
     if (appetite != Appetite::everything && isNew(slot, changed)) {
       scanLater(slot);
     } else {
@@ -180,34 +180,67 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
   }
 }
 
-bool ChangeFollower::hasMoved(std::uint32_t slot) const {
-  return told(load(view_->image().version(slot))) != (slot < told_.size() ? told_[slot] : 0);
+// The key's entry, or its value, has moved: what there was to tell of it has been told, and the slot that it came from
+// is still remembered under its key. False: not so, for another key was known to be here, or more has changed since.
+bool ChangeFollower::tookNote(std::uint32_t slot, const KeyWords& key) {
+  SlotImage contents;
+  if (!look(slot, contents) || !view_->image().hasKey(contents, key) || !isLive(contents.version())) return false;
+  if (sequenceOf(contents.version()) != cursor_) return false;
+  if (knownLive(slot) && !same(knownKey(slot), key)) return false;
+  remember(slot, told(contents.version()), key);
+  return true;
+}
+
+// Beyond the mark there is nothing, and nobody looks: that would make the pages come back.
+bool ChangeFollower::look(std::uint32_t slot, SlotImage& contents) const {
+  contents = {};
+  return slot >= view_->image().highWater() || view_->image().readSlot(slot, contents);
+}
+
+std::uint64_t ChangeFollower::versionOf(std::uint32_t slot) const {
+  return slot < view_->image().highWater() ? load(view_->image().version(slot)) : 0;
+}
+
+// Whether the table has become much smaller.
+bool ChangeFollower::isTooLong() const {
+  constexpr std::uint32_t leastGain = 8192;
+  return known_.size() >= leastGain && known_.size() / 2 > view_->image().highWater();
+}
+
+// Once everything has been told, what is remembered beyond the mark has gone or moved. The mark is asked for first: a
+// change that has moved it since shows in the head.
+void ChangeFollower::forgetBeyond() {
+  const std::uint32_t end = view_->image().highWater();
+  if (cursor_ != view_->headSequence()) return;
+  known_.sizeIs(end);
+  forgotten_ = true;
 }
 
 // An entry that is there, in a slot of which none was known: nobody misses it yet.
 bool ChangeFollower::isNew(std::uint32_t slot, const KeyWords& changed) const {
   SlotImage contents;
-  const TableImage& image = view_->image();
-  return !knownLive(slot) && image.readSlot(slot, contents) && isLive(contents.version()) &&
-         same(image.keyIn(contents), changed);
+  return !knownLive(slot) && look(slot, contents) && isLive(contents.version()) &&
+         same(view_->image().keyIn(contents), changed);
 }
 
 void ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener) {
   const TableImage& image = view_->image();
   SlotImage contents;
-  if (hasMoved(slot) && image.readSlot(slot, contents)) {
+  if (hasMoved(slot) && look(slot, contents)) {
     const std::uint64_t version = contents.version();
     const KeyWords key = image.keyIn(contents);
     const bool wasLive = knownLive(slot);
     const KeyWords before = wasLive ? knownKey(slot) : KeyWords{};
     const bool nowLive = isLive(version);
-    remember(slot, told(version), key);
+    // What came and went before anybody looked is not told yet: it may be known from the slot that it moved from. A
+    // look at all slots meets it there.
+    remember(slot, told(version), nowLive || changed == nullptr ? key : *changed);
     // All of them are told, whatever the listener wants after the first: the memory has moved on.
     const std::uint64_t sequence = sequenceOf(version);
     if (wasLive && !(nowLive && same(before, key))) listener.keyChanged(before, sequence);
     if (nowLive && !(changed == nullptr && isAsBefore(key))) listener.keyChanged(key, sequence);
     if (changed == nullptr || (wasLive && same(before, *changed)) || (nowLive && same(key, *changed))) return;
-  } else if (changed == nullptr || (slot < told_.size() && same(knownKey(slot), *changed))) {
+  } else if (changed == nullptr || (toldOf(slot) != 0 && same(knownKey(slot), *changed))) {
     return;
   }
   // The key came and went before anybody looked, and another may have the slot.
@@ -215,19 +248,15 @@ void ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, Liste
 }
 
 void ChangeFollower::remember(std::uint32_t slot, std::uint64_t toldNow, const KeyWords& key) {
-  const unsigned words = view_->image().geometry().keyWordCount;
-  if (slot >= told_.size()) {
-    told_.resize(std::size_t{slot} + 1);
-    keys_.resize((std::size_t{slot} + 1) * words);
-  }
-  told_[slot] = toldNow;
-  std::copy_n(key.words.begin(), words, keys_.begin() + static_cast<std::ptrdiff_t>(std::size_t{slot} * words));
+  if (slot >= known_.size()) known_.sizeIs(slot + 1);
+  std::uint64_t* const words = known_[slot];
+  words[0] = toldNow;
+  std::copy_n(key.words.begin(), view_->image().geometry().keyWordCount, words + 1);
 }
 
-KeyWords ChangeFollower::keyAt(const std::vector<std::uint64_t>& keys, std::uint32_t slot) const {
-  const unsigned words = view_->image().geometry().keyWordCount;
+KeyWords ChangeFollower::keyIn(const SlotMemory& known, std::uint32_t slot) const {
   KeyWords key;
-  std::copy_n(keys.begin() + static_cast<std::ptrdiff_t>(std::size_t{slot} * words), words, key.words.begin());
+  std::copy_n(known[slot] + 1, view_->image().geometry().keyWordCount, key.words.begin());
   return key;
 }
 

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
+#include "lib/tables/SlotMemory.h"
 #include "lib/tables/TableFormat.h"
 #include "lib/tables/TableView.h"
 #include "platform/tables/SharedTable.h"
@@ -21,6 +23,9 @@ namespace LinuxPlatform {
 // Who is told may have too much to do to take everything: entries that are new to him are then passed over in the ring
 // and found by looking at their slots, later and in the order of these. So the ring is not overrun by a load that he is
 // slower than, and what happens beside it to an entry that he knows is told before the load is.
+//
+// An entry that moves to another slot is remembered in both, and nobody is told; unless the slots were being looked at
+// meanwhile, for the new one may have been passed before the entry came.
 class ChangeFollower {
  public:
   class Listener {
@@ -46,22 +51,25 @@ class ChangeFollower {
   bool pending() const;
   // Tells of the changes up to now until there are no more, or the listener wants no more of them.
   void deliver(Listener& listener);
+  // Whether much of the memory has been freed since this was last asked.
+  bool takeForgotten() { return std::exchange(forgotten_, false); }
 
  private:
   // The change that was told last: its sequence, and whether the slot was an entry; as the version words have them.
   static std::uint64_t told(std::uint64_t version) { return sequenceOf(version) << 1 | (isLive(version) ? 1 : 0); }
   static constexpr std::uint64_t seenOnly = 1;  // known to be an entry; no change of it was told
   void remember(std::uint32_t slot, std::uint64_t toldNow, const KeyWords& key);
-  bool knownLive(std::uint32_t slot) const { return slot < told_.size() && (told_[slot] & 1) != 0; }
-  KeyWords knownKey(std::uint32_t slot) const { return keyAt(keys_, slot); }
-  KeyWords keyAt(const std::vector<std::uint64_t>& keys, std::uint32_t slot) const;
+  std::uint64_t toldOf(std::uint32_t slot) const { return slot < known_.size() ? *known_[slot] : 0; }
+  bool knownLive(std::uint32_t slot) const { return (toldOf(slot) & 1) != 0; }
+  KeyWords knownKey(std::uint32_t slot) const { return keyIn(known_, slot); }
+  static bool isLiveIn(const SlotMemory& known, std::uint32_t slot) { return (*known[slot] & 1) != 0; }
+  KeyWords keyIn(const SlotMemory& known, std::uint32_t slot) const;
   bool same(const KeyWords& a, const KeyWords& b) const { return view_->image().compare(a, b) == 0; }
   // The table that this one has replaced, and what was known of it.
   struct Predecessor {
     TableView view;
     std::shared_ptr<const void> keep;
-    std::vector<std::uint64_t> told;
-    std::vector<std::uint64_t> keys;
+    SlotMemory known;
     std::uint32_t next = 0;  // the slot that is looked at next for a key that has gone
     bool comparable = true;  // false: an index is damaged, and everything is told
     std::vector<std::byte> value, oldValue;
@@ -83,21 +91,27 @@ class ChangeFollower {
   // Tells what has become of a slot since it was last told. With the key of a ring entry: of this key in any case,
   // unless it has been told since its change.
   void tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener);
-  bool hasMoved(std::uint32_t slot) const;
+  bool hasMoved(std::uint32_t slot) const { return told(versionOf(slot)) != toldOf(slot); }
   bool isNew(std::uint32_t slot, const KeyWords& changed) const;
+  bool tookNote(std::uint32_t slot, const KeyWords& key);
+  bool look(std::uint32_t slot, SlotImage& contents) const;
+  std::uint64_t versionOf(std::uint32_t slot) const;
+  bool isTooLong() const;
+  void forgetBeyond();
   void scanLater(std::uint32_t slot);
   void scanAll();
   void forgetAll();
 
   const DamageReport* report_;
   std::optional<TableView> view_;
-  std::uint64_t cursor_ = 0;         // sequence of the last change taken from the ring
-  std::vector<std::uint64_t> told_;  // by slot
-  std::vector<std::uint64_t> keys_;  // by slot, keyWordCount words each
-  std::vector<KeyWords> departed_;   // known keys that are still to be told and no slot's any more
-  std::optional<Predecessor> old_;   // until both tables have been looked through
-  Slots scan_;                       // in this round
-  Slots nextRound_;                  // that the round has passed by already; empty when it is
+  std::uint64_t cursor_ = 0;        // sequence of the last change taken from the ring
+  SlotMemory known_{1};             // by slot: what was told, and the key's words
+  std::vector<KeyWords> departed_;  // known keys that are still to be told and no slot's any more
+  std::optional<Predecessor> old_;  // until both tables have been looked through
+  Slots scan_;                      // in this round
+  Slots nextRound_;                 // that the round has passed by already; empty when it is
+  bool forgotten_ = false;
+  std::uint64_t scannedUntil_ = 0;  // the table's changes when slots were last looked at
 };
 
 }  // namespace LinuxPlatform

@@ -127,6 +127,30 @@ void HashIndexWriter::takeOutOf(std::uint32_t line, std::uint32_t word) const {
   }
 }
 
+void HashIndexWriter::redirect(std::uint64_t hash, const Place& place, std::uint32_t to) const {
+  put(place.line, place.number, tagOf(hash) | (to + 1));
+}
+
+void HashIndexWriter::finishRedirect(std::uint64_t hash, std::uint32_t from, std::uint32_t to) const {
+  const std::uint32_t old = tagOf(hash) | (from + 1), now = tagOf(hash) | (to + 1);
+  const std::uint32_t home = homeOf(hash);
+  std::uint32_t line = home;
+  do {
+    std::uint32_t* words = image_.bucketLine(line);
+    if (const std::uint32_t at = matches(words, old, ~std::uint32_t{0}); at != 0) {
+      put(line, static_cast<unsigned>(std::countr_zero(at)), now);
+      return;
+    }
+    // Its writer may have stopped between word and check. A check that does not fit for another reason stays so.
+    const std::uint32_t first = load(words[0]);
+    const std::uint32_t whole = firstWord(words, overflowOf(first));
+    const std::uint32_t changed = old ^ now;
+    const bool isHalf = (first ^ (changed ^ changed >> 16) << 16) == whole;
+    if (isHalf && matches(words, now, ~std::uint32_t{0}) != 0) store(words[0], whole);
+    line = overflowOf(first) == 0 ? home : after(line);
+  } while (line != home);
+}
+
 // How many entries lie behind the line whose home is there or before.
 std::uint32_t HashIndexWriter::countOverflow(std::uint32_t line) const {
   const auto distance = [this](std::uint32_t from, std::uint32_t to) {
@@ -178,7 +202,7 @@ bool HashIndexWriter::agrees(std::uint64_t live) const {
 void formatTable(const TableImage& image) {
   TableState& state = image.state();
   for (std::uint64_t* word : {&state.headSequence, &state.liveCount, &state.operation, &state.epoch, &state.root,
-                              &state.highWater, &state.looseOrder}) {
+                              &state.highWater, &state.looseOrder, &state.moving, &state.nodesMoved}) {
     storeNumber(*word, 0);
   }
   for (std::uint64_t& word : state.nodesUsed) storeNumber(word, 0);

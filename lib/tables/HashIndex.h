@@ -4,7 +4,7 @@
 // A bucket is a line of 16 words. The first: in its low half how many entries have their home in this line or before it
 // and lie in a line behind it, in its high half a check over the line. The other fifteen: 0, or slot number + 1 in the
 // low bits (TableGeometry::slotBits) and a tag, the rest of the key's hash, in the high ones. An entry lies in the
-// first line from its home on that had a place when it came, and never moves. A search goes on behind a line while the
+// first line from its home on that had a place when it came, and stays there. A search goes on behind a line while the
 // line's count says that entries have overflowed. Of 2^16 - 1 overflowed entries a line loses count, and every search
 // that meets it goes on: keys that fall together are slow, never lost.
 //
@@ -117,6 +117,10 @@ class HashIndexWriter : public HashIndex {
   // Behind a writer that died in a change of this key: takes out the word of the slot, if it is there, and puts right
   // what this change had left in the lines from the key's home on.
   void takeOut(std::uint64_t hash, std::uint32_t slot) const;
+  // The key's entry, whose word is there, has moved to this slot.
+  void redirect(std::uint64_t hash, const Place& place, std::uint32_t to) const;
+  // Behind a writer that died in that, or before.
+  void finishRedirect(std::uint64_t hash, std::uint32_t from, std::uint32_t to) const;
   // Empties it.
   void clear() const;
   // Whether every line is whole and leads to live slots with its tags, so many in all; for checks.

@@ -22,6 +22,7 @@ const std::uint32_t* RadixOrder::rootCell() const {
 }
 
 bool RadixOrder::collect(const KeyWords& from, bool inclusive, Batch& out) const {
+  const std::uint64_t epoch = load(image_.state().epoch);
   const std::uint64_t head = loadNumber(image_.state().headSequence);
   const std::uint64_t root = load(image_.state().root);
   out.count = 0;
@@ -30,7 +31,7 @@ bool RadixOrder::collect(const KeyWords& from, bool inclusive, Batch& out) const
   Search search{&from, inclusive, {}, &out};
   const auto ref = static_cast<NodeRef>(numberIn(root));
   if (ref != 0 && !visit(rootCell(), ref, 0, true, search)) return false;
-  return loadNumber(image_.state().headSequence) - head < mostChanges;
+  return loadNumber(image_.state().headSequence) - head < mostChanges && load(image_.state().epoch) == epoch;
 }
 
 bool RadixOrder::isBehind(const Batch& batch, const KeyWords& key) const {
@@ -80,6 +81,7 @@ bool RadixOrder::visitSlot(const std::uint32_t* cell, NodeRef ref, unsigned dept
     const bool read = image_.readSlot(slot, here);
     if (load(*cell) != ref) return false;
     if (read) {
+      if (here.version() == 0) return false;  // nothing leads to a slot that holds nothing
       const int order = image_.compare(image_.keyIn(here), *search.from);
       if (stateOf(here.version()) == SlotState::free || order < 0 || (order == 0 && !search.inclusive)) {
         search.out->passed = slot;

@@ -11,8 +11,8 @@
 //
 // Reading: the node's version, the reference that led there once more, the bytes, and the version again, after
 // everything below has been read. So what was read is what the node held while it was in the tree, and whatever key was
-// there all the time was met. A version counts to 2^15: a search during which the table changed thousands of times
-// starts again.
+// there all the time was met. A version counts to 2^15, and from its beginning where pages were given back: a search
+// during which the table changed thousands of times, or its epoch has moved, starts again.
 #pragma once
 
 #include <algorithm>
@@ -124,8 +124,16 @@ class RadixOrderWriter : private RadixOrder {
   bool leadsTo(const KeyWords& key, std::uint32_t slot) const;
   // The slot that stands under this very key; nothing: none.
   std::optional<std::uint32_t> find(const KeyWords& key) const;
+  // The key's slot is this one from now on, and not the other. False: that does not stand there.
+  bool redirect(const KeyWords& key, std::uint32_t from, std::uint32_t to);
   // Empties it.
   void clear();
+
+  // --- giving back; see PlacePool.h
+  std::array<PlacePool, nodeKinds>& pools() { return pools_; }
+  const std::array<PlacePool, nodeKinds>& pools() const { return pools_; }
+  // Moves a node to a free place before it, where there is one. False: nothing leads to it.
+  bool move(unsigned kind, std::uint32_t number);
   // Whether it leads to so many live slots, each under its key, in order and from whole nodes; for checks. `lost`:
   // nodes that are neither in it nor free, which damage alone can bring about.
   bool agrees(std::uint64_t live, std::uint32_t& lost) const;
@@ -176,6 +184,7 @@ class RadixOrderWriter : private RadixOrder {
   // Whether a node may be larger than need be, for there was no room for another.
   void looseIs(bool loose) { storeNumber(image_.state().looseOrder, loose ? 1 : 0); }
   bool join(const Cell& cell, std::uint8_t byte, NodeRef only);
+  std::optional<std::uint32_t> slotBelow(NodeRef ref) const;
   // Goes down with the key as far as it is led. `way` gets the cells of the nodes that are its, from the root.
   Spot follow(const KeyWords& key, std::vector<Cell>* way) const;
   void expectNode(NodeRef ref, const KeyWords& key, unsigned depth) const;

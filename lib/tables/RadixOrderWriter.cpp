@@ -413,6 +413,48 @@ void RadixOrderWriter::joinAbove(const Cell& cell) {
   if (kindOf(refOf(cell)) == 0 && liveCount(refOf(cell)) == 1) shrink(cell);
 }
 
+bool RadixOrderWriter::redirect(const KeyWords& key, std::uint32_t from, std::uint32_t to) {
+  const Cell cell = follow(key, nullptr).cell;
+  if (refOf(cell) != refOfSlot(from)) return false;
+  refIs(cell, refOfSlot(to));
+  return true;
+}
+
+// --- Giving back -----------------------------------------------------------------------------------------------------
+
+std::optional<std::uint32_t> RadixOrderWriter::slotBelow(NodeRef ref) const {
+  for (unsigned depth = 0; isSane(ref, depth); ++depth) {
+    if (isSlot(ref)) return slotIn(ref);
+    depth += prefixLengthIn(load(nodeAt(ref)[1]));
+    NodeRef below = 0;
+    forEachChild(ref, [&](std::uint8_t, NodeRef child) { below = child; });
+    ref = below;
+  }
+  return std::nullopt;
+}
+
+// A node does not know what leads to it: the keys below it do. One of them is named as being changed meanwhile, so that
+// the next writer takes back what this one has filled or left.
+bool RadixOrderWriter::move(unsigned kind, std::uint32_t number) {
+  const NodeRef ref = refOfNode(kind, number);
+  const auto slot = slotBelow(ref);
+  if (!slot || !nodeIsWhole(nodeAt(ref), kind)) return false;
+  std::vector<Cell> way;
+  follow(image_.keyOf(*slot), &way);
+  const auto cell = std::find_if(way.begin(), way.end(), [&](const Cell& at) { return refOf(at) == ref; });
+  if (cell == way.end()) return false;
+  if (pools_[kind].isFullBefore(number)) return true;
+  TableState& state = image_.state();
+  storeNumber(state.operation, std::uint64_t{*slot} + 1);
+  const NodeRef moved = copy(ref, kind, prefixOf(ref));
+  finish(moved);
+  refIs(*cell, moved);
+  retire(ref);
+  storeNumber(state.nodesMoved, numberIn(loadNumber(state.nodesMoved) + 1));
+  storeNumber(state.operation, 0);
+  return true;
+}
+
 bool RadixOrderWriter::leadsTo(const KeyWords& key, std::uint32_t slot) const {
   return refOf(follow(key, nullptr).cell) == refOfSlot(slot);
 }
@@ -544,7 +586,7 @@ bool RadixOrderWriter::agrees(std::uint64_t live, std::uint32_t& lost) const {
   if (ref != 0 && !survey(ref, 0, found)) return false;
   lost = 0;
   for (unsigned kind = 0; kind < nodeKinds; ++kind) {
-    const std::size_t known = found.nodes[kind] + pools_[kind].freed().size();
+    const std::size_t known = std::size_t{found.nodes[kind]} + pools_[kind].free();
     if (known > pools_[kind].used()) return false;
     lost += pools_[kind].used() - static_cast<std::uint32_t>(known);
   }

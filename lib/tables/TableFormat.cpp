@@ -9,8 +9,7 @@ namespace {
 
 // Sections are given room on the filesystem by themselves.
 std::size_t onPage(std::size_t offset) {
-  constexpr std::size_t page = 4096;
-  return (offset + page - 1) / page * page;
+  return (offset + tablePage - 1) / tablePage * tablePage;
 }
 
 // Entries of a bucket line, of its 15 places: few lines overflow, and there is always one with room.

@@ -10,8 +10,8 @@
 //   nodes          the ordered index: nodes of four sizes (RadixNode.h)
 //   heap           values that do not fit a slot, in places of up to maxHeapClasses sizes
 //
-// The slots are the truth; buckets, ring, nodes and free places are derived from them and can be rebuilt. An entry
-// never moves from its slot.
+// The slots are the truth; buckets, ring, nodes and free places are derived from them and can be rebuilt. Slots, nodes
+// and heap are used from their beginnings on, to a high-water mark each.
 //
 // A slot lies in one cache line:
 //   bytes        field
@@ -46,6 +46,21 @@
 //
 // No load and no store meets a page that the filesystem has no room for: header, state, buckets and ring have theirs
 // when the file gets its name, slots, nodes and heap before their high-water mark passes it (Reserve).
+//
+// Giving memory back: what lies at the end of a section is moved into free places before it, the mark goes down, the
+// epoch is counted on by two, and then the pages from the mark on are given back (Release): they read as zero bytes.
+//   entry   is written into the free slot as a new one, under a sequence of its own; for a moment both slots are live
+//   and
+//           hold the same. Then the hash index's word and the order's reference are stored, one store each, and then
+//           the old slot is free. A search that was led to the old slot finds it live, or finds that what had led there
+//           leads elsewhere by now.
+//   value   in the heap: as if it were changed to what it is.
+//   node    is copied, and the one reference that led to it stored; like any change of the order.
+// The ring says of the first two that nothing has changed (ringMoved). Whoever looks at all slots may have passed the
+// new one before the entry came and meet the old one when it has gone: the ring tells.
+// Zero bytes are no entry (a free slot), no damage (an index that leads there has changed since, or is wrong) and no
+// node (its check does not fit). The versions of nodes in pages that come back begin anew: a search in the order during
+// which the epoch has moved starts again.
 #pragma once
 
 #include <algorithm>
@@ -81,10 +96,11 @@ static_assert(std::atomic_ref<std::uint64_t>::is_always_lock_free &&
               "words are shared between processes");
 
 // A test that compiles these files for itself puts a writer's changes between two loads of a reader, or stops a writer
-// before a store.
+// before a store; pages are so small there that small tables have some to give back.
 #ifndef SHARED_TABLE_BEFORE_LOAD
 #define SHARED_TABLE_BEFORE_LOAD() static_cast<void>(0)
 #define SHARED_TABLE_BEFORE_STORE(word) static_cast<void>(0)
+#define SHARED_TABLE_PAGE 4096
 #endif
 
 template <class Word>
@@ -263,7 +279,7 @@ constexpr bool isSoundWithoutEntry(std::uint64_t version) {
 
 inline constexpr std::uint64_t tableMagic = 0x454c424154434f52;
 inline constexpr std::uint32_t tableEndianTag = 0x01020304;
-inline constexpr std::uint32_t tableFormatVersion = 2;
+inline constexpr std::uint32_t tableFormatVersion = 3;
 inline constexpr std::uint32_t maxSlots = Pondra::maxCapacity;
 inline constexpr unsigned nodeKinds = 4;
 inline constexpr unsigned maxHeapClasses = 28;
@@ -311,15 +327,20 @@ static_assert(sizeof(TableHeader) == 1280, "other processes read these bytes");
 //        0     8  headSequence *  of the last change; its ring entry and its slot are visible before it
 //        8     8  liveCount *     entries
 //       16     8  operation *     slot + 1 that is being put into the indexes or taken out; 0: none
-//       24     8  epoch *         odd while the indexes are being rebuilt: only the slots may be read then
+//       24     8  epoch *         odd while the indexes are being rebuilt: only the slots may be read then; counted on
+//       by
+//                                 two before pages are given back
 //       32     8  root *          reference to the first node of the order (RadixNode.h); 0: no entries
-//       40     8  highWater *     slots from this number on have never been used
+//       40     8  highWater *     slots from this number on hold nothing
 //       48     8  doorbell        written with write(2), never mapped stores: wakes those who watch the file
-//       56    32  nodesUsed *     nodes of each kind from this number on have never been used
+//       56    32  nodesUsed *     nodes of each kind from this number on hold nothing
 //       88   224  heapUsed *      places of each size of the heap, likewise
 //      312     8  generation      of the writer: counted on by each that takes the table over; 0: none has yet
 //      320     8  reconciled      the generation whose writer has last said that the table holds what it should
 //      328     8  looseOrder *    1: nodes of the order may be larger than need be; no room was left for smaller ones
+//      336     8  moving *        while `operation` names the slot that an entry moves to: slot + 1 that it comes from;
+//                                 0: that is no move
+//      344     8  nodesMoved *    how often a node of the order has been moved
 struct TableState {
   std::uint64_t headSequence;
   std::uint64_t liveCount;
@@ -333,13 +354,19 @@ struct TableState {
   std::uint64_t generation;
   std::uint64_t reconciled;
   std::uint64_t looseOrder;
+  std::uint64_t moving;
+  std::uint64_t nodesMoved;
 };
-static_assert(sizeof(TableState) == 336, "other processes read these bytes");
+static_assert(sizeof(TableState) == 352, "other processes read these bytes");
 inline constexpr std::size_t tableStateOffset = 2048;
 
 // Makes sure that these bytes of the file have room on its filesystem. False: they have not, and what needs them is not
 // done.
 using Reserve = std::function<bool(std::size_t begin, std::size_t end)>;
+// Gives the pages of these bytes, which nothing leads to, back to the filesystem: they are zero bytes from then on.
+// False: it keeps them.
+using Release = std::function<bool(std::size_t begin, std::size_t end)>;
+inline constexpr std::size_t tablePage = SHARED_TABLE_PAGE;  // bytes; sections begin on one
 
 // Places of one size in the file, numbered from 0.
 struct PlaceSection {
@@ -501,7 +528,7 @@ class TableImage {
   std::uint32_t* bucketLine(std::uint32_t number) const {
     return reinterpret_cast<std::uint32_t*>(base_ + geometry_->bucketLines + std::size_t{number} * 64);
   }
-  // Slot number in the low half, its check in the high one; then the words of the key.
+  // Slot number in the low half, with ringMoved or without, its check in the high one; then the words of the key.
   std::uint64_t* ring(std::uint64_t sequence) const {
     return words(geometry_->ring + (sequence & (geometry_->ringSize - 1)) * geometry_->ringWords * 8);
   }
@@ -567,7 +594,7 @@ class TableImage {
   }
   // A prefetch is no access: the number may be any.
   void expectSlot(std::uint32_t number) const { prefetch(base_ + geometry_->slotPlaces.at(number)); }
-  // Slots that were ever used; all that there are when the mark is damaged.
+  // Slots from here on hold nothing; all that there are when the mark is damaged.
   std::uint32_t highWater() const;
 
  private:
@@ -586,7 +613,15 @@ class TableImage {
   const TableGeometry* geometry_;
 };
 
-// The check of a ring entry, in its high half.
+// Beside the slot of a ring entry: the entry or its value has been moved, and is what it was.
+inline constexpr std::uint32_t ringMoved = std::uint32_t{1} << 31;
+constexpr std::uint32_t ringSlot(std::uint64_t word) {
+  return static_cast<std::uint32_t>(word) & ~ringMoved;
+}
+constexpr bool isMove(std::uint64_t word) {
+  return (word & ringMoved) != 0;
+}
+// A ring entry's first word: its check in the high half. `slot`: with ringMoved or without.
 inline std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned keyWordCount, std::uint64_t sequence) {
   const std::uint64_t sum = checkSum(key, keyWordCount, 0, 0, sequence ^ std::uint64_t{slot} << 32);
   return std::uint64_t{checkIn(sum)} << 32 | slot;

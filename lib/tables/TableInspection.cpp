@@ -91,9 +91,9 @@ template <class Holds>
 bool TableInspection::comesToHold(Holds holds) const {
   unsigned calm = 0;
   for (unsigned i = 0; i < mostLooks && calm < calmLooks; ++i) {
-    const std::uint64_t before = head(), operation = load(image_.state().operation);
+    const auto before = activity();
     if (holds()) return true;
-    calm = head() == before && load(image_.state().operation) == operation ? calm + 1 : 0;
+    calm = activity() == before ? calm + 1 : 0;
   }
   return false;
 }
@@ -128,6 +128,8 @@ bool TableInspection::checkState() {
   sound(state.headSequence, "changes");
   sound(state.liveCount, "entries");
   sound(state.highWater, "used slots");
+  sound(state.moving, "the entry that is moved");
+  sound(state.nodesMoved, "moved nodes");
   for (const std::uint64_t& word : state.nodesUsed) sound(word, "used nodes");
   for (const std::uint64_t& word : state.heapUsed) sound(word, "used places");
   const bool readable = sound(state.root, "the order") && sound(state.epoch, "rebuilding");

@@ -66,6 +66,11 @@ class TableInspection {
 
   void fault(const std::string& what);
   std::uint64_t head() const { return load(image_.state().headSequence); }
+  // What moves when a writer is at work.
+  std::array<std::uint64_t, 4> activity() const {
+    const TableState& state = image_.state();
+    return {head(), load(state.operation), load(state.epoch), load(state.nodesMoved)};
+  }
   template <class Holds>
   bool comesToHold(Holds holds) const;
   bool checkState();

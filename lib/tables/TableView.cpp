@@ -25,7 +25,7 @@ std::atomic<std::uint64_t> views = 0;
 
 // What moves when a writer is at work.
 struct TableView::Activity {
-  std::uint64_t head, operation, epoch, root;
+  std::uint64_t head, operation, epoch, root, nodesMoved;
   bool operator==(const Activity&) const = default;
 };
 
@@ -91,7 +91,7 @@ TableView::ValueRead TableView::judge(const SlotImage& entry, std::size_t size, 
 void TableView::lookAtPassed(std::uint32_t slot, const SlotImage& here) const {
   std::size_t size = 0;
   const bool damaged = isLive(here.version()) ? readValue(slot, here, {}, size) == ValueRead::damaged
-                                              : here.version() == 0 || !isSoundWithoutEntry(here.version());
+                                              : !isSoundWithoutEntry(here.version());
   if (damaged) reportEntry(slot);
 }
 
@@ -118,7 +118,7 @@ TableView::Outcome TableView::tryEntry(std::uint32_t slot, const SlotImage& here
 
 TableView::Activity TableView::activity() const {
   const TableState& state = image_.state();
-  return {load(state.headSequence), load(state.operation), load(state.epoch), load(state.root)};
+  return {load(state.headSequence), load(state.operation), load(state.epoch), load(state.root), load(state.nodesMoved)};
 }
 
 template <class Attempt>
@@ -302,6 +302,7 @@ std::optional<TableView::Outcome> TableView::tryPlace(std::uint32_t slot, const 
   SlotImage here;
   if (slot >= image_.geometry().slots || !image_.readSlot(slot, here)) return Outcome::contradiction;
   if (!isLive(here.version())) {
+    if (here.version() == 0) return Outcome::contradiction;  // nothing leads to a slot that holds nothing
     if (!isSoundWithoutEntry(here.version())) reportEntry(slot);
     if (!image_.hasKey(here, key)) return std::nullopt;
     // On its way in or out; a free one has been taken out of the index before.
@@ -387,6 +388,7 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
     const std::uint32_t slot = cursor.batch.slots[number];
     SlotImage here;
     if (!image_.readSlot(slot, here)) return Outcome::contradiction;
+    if (here.version() == 0) return cursor.view = 0, Outcome::contradiction;
     if (stateOf(here.version()) != SlotState::free && RadixOrder::hasPath(cursor.batch, number, here)) {
       const KeyWords key = image_.keyIn(here);
       const int order = image_.compare(key, past);
@@ -432,6 +434,7 @@ const TableView::InOrder& TableView::inOrder() const {
     return order != 0 ? order < 0 : load(image_.version(a.second)) > load(image_.version(b.second));
   });
   inOrder_.reset(new InOrder{head, {found.begin(), found.end(), InOrder::Before{image_}}});
+  bringUpToDate(*inOrder_);  // of entries that have moved meanwhile from slots ahead to slots behind
   return *inOrder_;
 }
 
@@ -446,8 +449,8 @@ bool TableView::bringUpToDate(InOrder& known) const {
     const std::uint64_t* entry = image_.ring(sequence);
     const std::uint64_t word = load(*entry);
     const KeyWords key = image_.loadKey(entry + 1);
-    const auto slot = static_cast<std::uint32_t>(word);
-    if (word != ringWord(slot, key, image_.geometry().keyWordCount, sequence)) return false;
+    const std::uint32_t slot = ringSlot(word);
+    if (word != ringWord(static_cast<std::uint32_t>(word), key, image_.geometry().keyWordCount, sequence)) return false;
     // Not of a slot that has been given up: the key may stand in another one.
     if (slot < image_.geometry().slots && image_.readSlot(slot, here) && isLive(here.version()) &&
         image_.hasKey(here, key)) {
@@ -464,19 +467,28 @@ bool TableView::scanFor(const KeyWords& key, const MutableBytes* value, Entry& f
   return scanFrom(key, true, out, found) && image_.compare(found.key, key) == 0;
 }
 
+// An entry that is passed over may have moved: then the ring tells where.
 bool TableView::scanFrom(const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const {
-  const InOrder& all = inOrder();
-  auto at = inclusive ? all.slots.lower_bound(from) : all.slots.upper_bound(from);
-  for (; at != all.slots.end(); ++at) {
-    SlotImage here;
-    Outcome outcome = Outcome::contradiction;
-    for (unsigned i = 0; i < busyTries && outcome == Outcome::contradiction; ++i) {
-      if (!image_.readSlot(at->second, here) || !isLive(here.version()) || !image_.hasKey(here, at->first)) break;
-      outcome = tryEntry(at->second, here, &value, found);
+  for (unsigned tries = 1;; ++tries) {
+    const InOrder& all = inOrder();
+    bool passed = false, there = false;
+    auto at = inclusive ? all.slots.lower_bound(from) : all.slots.upper_bound(from);
+    for (; at != all.slots.end() && !there; ++at) {
+      there = scanAt(at->second, at->first, value, found);
+      passed = passed || !there;
     }
-    if (outcome == Outcome::found) return true;
+    if (!passed || tries == busyTries || headSequence() == all.head) return there;
   }
-  return false;
+}
+
+bool TableView::scanAt(std::uint32_t slot, const KeyWords& key, MutableBytes value, Entry& found) const {
+  SlotImage here;
+  Outcome outcome = Outcome::contradiction;
+  for (unsigned i = 0; i < busyTries && outcome == Outcome::contradiction; ++i) {
+    if (!image_.readSlot(slot, here) || !isLive(here.version()) || !image_.hasKey(here, key)) return false;
+    outcome = tryEntry(slot, here, &value, found);
+  }
+  return outcome == Outcome::found;
 }
 
 }  // namespace LinuxPlatform

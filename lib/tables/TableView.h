@@ -105,6 +105,7 @@ class TableView {
   bool bringUpToDate(InOrder& known) const;
   bool scanFor(const KeyWords& key, const MutableBytes* value, Entry& found) const;
   bool scanFrom(const KeyWords& from, bool inclusive, MutableBytes value, Entry& found) const;
+  bool scanAt(std::uint32_t slot, const KeyWords& key, MutableBytes value, Entry& found) const;
 
   TableImage image_;
   HashIndex hash_;

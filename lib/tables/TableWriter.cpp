@@ -108,7 +108,7 @@ void TableWriter::storeWords(std::uint32_t slot, const SlotImage& from, unsigned
   for (unsigned i = first; i < end; ++i) store(to[i], from.words[i]);
 }
 
-WriteResult TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value) {
+WriteResult TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes value, Announced as) {
   const TableGeometry& geometry = image_.geometry();
   if (geometry.inHeap && !heap_[geometry.heapClassFor(value.size())].ready(1)) return WriteResult::full;
   const unsigned other = 1 - bufferOf(load(image_.version(slot)));
@@ -121,7 +121,7 @@ WriteResult TableWriter::update(std::uint32_t slot, const KeyWords& key, Bytes v
   const std::uint32_t check = fillBuffer(words, other, key, value, sequence_ + 1);
   const unsigned begin = geometry.bufferAt(other);
   storeWords(slot, words, begin / 8, (begin + geometry.payload + geometry.checkBytes + 7) / 8);
-  publish(slot, key, versionWord(sequence_ + 1, other, check));
+  publish(slot, key, versionWord(sequence_ + 1, other, check), as);
   giveBack(old);
   return WriteResult::ok;
 }
@@ -215,16 +215,17 @@ void TableWriter::giveBack(const std::optional<HeapExtent>& extent) {
 }
 
 // Shows a change to everybody: the ring's entry stands before the change, the head's sequence after it.
-void TableWriter::publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version) {
+void TableWriter::publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version, Announced as) {
   ++sequence_;
-  announce(slot, key);
+  announce(slot, key, as);
   store(image_.version(slot), version);
   storeNumber(image_.state().headSequence, sequence_);
 }
 
-void TableWriter::announce(std::uint32_t slot, const KeyWords& key) {
+void TableWriter::announce(std::uint32_t slot, const KeyWords& key, Announced as) {
   std::uint64_t* entry = image_.ring(sequence_);
-  store(*entry, ringWord(slot, key, image_.geometry().keyWordCount, sequence_));
+  const std::uint32_t named = as == Announced::move ? slot | ringMoved : slot;
+  store(*entry, ringWord(named, key, image_.geometry().keyWordCount, sequence_));
   image_.storeKey(entry + 1, key);
 }
 
@@ -248,7 +249,8 @@ std::uint32_t TableWriter::checkInvariants() const {
   PLATFORM_ASSERT(loadNumber(state.liveCount) == liveCount_);
   PLATFORM_ASSERT(loadNumber(state.headSequence) == sequence_);
   PLATFORM_ASSERT(loadNumber(state.highWater) == slots_.used());
-  PLATFORM_ASSERT(liveCount_ + slots_.freed().size() == slots_.used());
+  PLATFORM_ASSERT(loadNumber(state.moving) == 0);
+  PLATFORM_ASSERT(liveCount_ + slots_.free() == slots_.used());
   PLATFORM_ASSERT(hash_.agrees(liveCount_));
   std::uint32_t lost = 0;
   PLATFORM_ASSERT(order_.agrees(liveCount_, lost));
@@ -258,7 +260,7 @@ std::uint32_t TableWriter::checkInvariants() const {
   PLATFORM_ASSERT(found.damaged.empty());
   PLATFORM_ASSERT(found.unannounced.empty());
   std::uint64_t places = 0;
-  for (const PlacePool& pool : heap_) places += pool.used() - pool.freed().size();
+  for (const PlacePool& pool : heap_) places += pool.used() - pool.free();
   PLATFORM_ASSERT(!image_.geometry().inHeap || places == liveCount_);
   return lost;
 }

@@ -9,6 +9,10 @@
 // know is asked of the other as well. Indexes that a take-over has found to be wrong are rebuilt so, too, unless
 // somebody is waiting for them (finishIndexes()): who reads the table meanwhile looks at all slots.
 //
+// A table that was much fuller gives its memory back, some places at a time (giveMemoryBack()): what lies at the end of
+// a section moves to free places before it (TableFormat.h). A move is announced like any other change, in `operation`
+// and `moving`, so the next writer either finds no trace of it or brings it to its end.
+//
 // What goes over the whole table in one go, and so holds the thread: a look at the version words of all slots when a
 // writer is made (some 7 ms a million entries; some 20 where its state or a free slot is damaged, or values lie in the
 // heap), at the order's nodes too when the last writer stopped in a change (some 10 ms), and all of it, with the
@@ -36,8 +40,9 @@ class TableWriter {
  public:
   // Adopts what lies in the table: finishes the last change, drops damaged entries (reported), rebuilds the indexes
   // where they are known to be wrong. `reserve` makes room for what is about to be used; without it there always is
-  // room.
-  TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve = {});
+  // room. `release` takes it back; without it no memory is given back.
+  TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve = {},
+              Release release = {});
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
@@ -58,6 +63,15 @@ class TableWriter {
   void finishIndexes();
   // Begins again: a reader has met a contradiction.
   void verifyAgain() { verification_ = Verification{0, std::vector<bool>(slots_.used()), {}, false}; }
+
+  // Whether less than half of what the table has memory for holds anything, in one of its sections, and there is much
+  // to win: giveMemoryBack() is worth the while when nobody else has anything to do.
+  bool isSparse() const;
+  // Goes on giving memory back, by about so many places, and some hundred pages at the most. True: nothing is left to
+  // do. Changes may come in between.
+  bool giveMemoryBack(std::uint32_t places);
+  // No more of it for now.
+  void endGivingBack();
 
   std::uint64_t size() const { return liveCount_; }
   std::uint64_t sequence() const { return sequence_; }
@@ -80,6 +94,13 @@ class TableWriter {
     std::uint32_t next = 0;  // slot
     std::uint32_t damaged = 0;
   };
+  // How far it has come with giving memory back: section by section.
+  struct GivingBack {
+    enum class Stage : std::uint8_t { order, slots, values, heap, nodes } stage = Stage::order;
+    unsigned number = 0;     // of heap class or kind of node
+    std::uint32_t next = 0;  // slot whose value is looked at next
+  };
+  enum class Announced : std::uint8_t { change, move };
   enum class Look : std::uint8_t { quick, thorough };  // at the version words alone; at whole entries
   // What a walk over the slots has found.
   struct Survey {
@@ -91,7 +112,7 @@ class TableWriter {
   };
 
   // --- changes
-  Pondra::WriteResult update(std::uint32_t slot, const KeyWords& key, Bytes value);
+  Pondra::WriteResult update(std::uint32_t slot, const KeyWords& key, Bytes value, Announced as = Announced::change);
   bool insert(const KeyWords& key, std::uint64_t hash, Bytes value);
   bool remove(const HashIndexWriter::Place& place, const KeyWords& key, std::uint64_t hash);
   bool hasRoom(std::size_t valueSize);
@@ -104,12 +125,24 @@ class TableWriter {
   SlotImage loadWords(std::uint32_t slot) const;
   std::optional<HeapExtent> extentOf(std::uint32_t slot);
   void giveBack(const std::optional<HeapExtent>& extent);
-  void publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version);
+  void publish(std::uint32_t slot, const KeyWords& key, std::uint64_t version, Announced as = Announced::change);
   void publish(std::uint32_t slot, std::uint64_t version) { publish(slot, image_.keyOf(slot), version); }
-  void announce(std::uint32_t slot, const KeyWords& key);
-  void announce(std::uint32_t slot) { announce(slot, image_.keyOf(slot)); }
+  void announce(std::uint32_t slot, const KeyWords& key, Announced as);
+  void announce(std::uint32_t slot) { announce(slot, image_.keyOf(slot), Announced::change); }
   void liveCountIs(std::uint64_t count);
   [[noreturn]] void refuse(const char* what) const;
+
+  // --- giving back
+  template <class Visit>
+  void forEachPool(Visit visit);
+  bool putInOrder(std::uint32_t places);
+  template <class Move>
+  bool giveBackEnd(PlacePool& pool, std::uint32_t places, Move move);
+  void giveBackPages(PlacePool& pool);
+  std::optional<std::size_t> wholeValue(std::uint32_t slot);
+  bool moveEntry(std::uint32_t from);
+  bool moveValues(std::uint32_t places);
+  void nextStage(GivingBack::Stage stage);
 
   // --- taking over
   void repair(const std::string& what);
@@ -123,6 +156,9 @@ class TableWriter {
   void adoptHeap(Survey& found);
   void adoptSequence(const Survey& found);
   void finish(std::uint32_t interrupted, bool indexesStay);
+  static constexpr std::uint32_t nowhere = ~std::uint32_t{0};
+  std::uint32_t slotMovedFrom(std::uint32_t to) const;
+  void finishMove(std::uint32_t from, std::uint32_t to, bool indexesStay);
   void discard(std::span<const std::uint32_t> damaged);
   void rebuildIndexes();
   void goOnRebuilding(std::uint32_t entries);
@@ -135,6 +171,7 @@ class TableWriter {
   bool verifyOrder(std::uint32_t count);
 
   const Reserve reserve_;  // the pools refer to it
+  const Release release_;
   TableImage image_;
   DamageReport report_;
   TableView view_;
@@ -148,6 +185,8 @@ class TableWriter {
   std::uint64_t sequence_ = 0;
   std::optional<Verification> verification_;
   std::optional<Rebuild> rebuild_;
+  std::optional<GivingBack> givingBack_;
+  bool keepsPages_ = false;  // the filesystem takes none back
   std::vector<std::byte> scratch_;
 };
 

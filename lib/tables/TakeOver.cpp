@@ -6,8 +6,10 @@
 
 namespace LinuxPlatform {
 
-TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve)
+TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve,
+                         Release release)
     : reserve_(std::move(reserve)),
+      release_(std::move(release)),
       image_(image),
       report_(std::move(report)),
       view_(image, report_),
@@ -29,6 +31,7 @@ TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, Damage
     verifyAgain();
   }
   storeNumber(image_.state().operation, 0);
+  storeNumber(image_.state().moving, 0);
 }
 
 void TableWriter::repair(const std::string& what) {
@@ -44,20 +47,22 @@ bool TableWriter::stateIsSound() const {
   const TableState& state = image_.state();
   const auto sound = [](const std::uint64_t& word) { return isSound(load(word)); };
   return sound(state.headSequence) && sound(state.liveCount) && sound(state.operation) && sound(state.epoch) &&
-         sound(state.root) && sound(state.highWater) && sound(state.looseOrder) &&
-         std::all_of(std::begin(state.nodesUsed), std::end(state.nodesUsed), sound) &&
+         sound(state.root) && sound(state.highWater) && sound(state.looseOrder) && sound(state.moving) &&
+         sound(state.nodesMoved) && std::all_of(std::begin(state.nodesUsed), std::end(state.nodesUsed), sound) &&
          std::all_of(std::begin(state.heapUsed), std::end(state.heapUsed), sound);
 }
 
 // Learns from the slots what is live and what is free. False: the indexes must be rebuilt.
 bool TableWriter::adopt() {
   TableState& state = image_.state();
+  givingBack_.reset();
   const bool soundState = stateIsSound();
   if (!soundState) {
     report_("its state is damaged");
     for (auto* unused = std::begin(state.heapUsed) + heap_.size(); unused != std::end(state.heapUsed); ++unused) {
       storeNumber(*unused, 0);  // all other words are stored when it is known what belongs there
     }
+    if (!isSound(load(state.nodesMoved))) storeNumber(state.nodesMoved, 0);
   }
   bool sound = soundState && indexesStand();
   std::optional<std::uint32_t> interrupted;
@@ -73,6 +78,8 @@ bool TableWriter::adopt() {
     sound = order_.adopt(interrupted ? &key : nullptr);
   }
 
+  const std::uint32_t movedFrom = interrupted ? slotMovedFrom(*interrupted) : nowhere;
+
   // Whether each entry is whole is left to verify(), or to the rebuild; not for values in the heap, whose places are
   // counted.
   Survey found;
@@ -87,8 +94,11 @@ bool TableWriter::adopt() {
   adoptSequence(found);
   std::reverse(found.free.begin(), found.free.end());  // the lowest are taken first
   slots_.adopt(used, std::move(found.free));
-  liveCountIs(found.live);
+  const bool isTwice =
+      movedFrom != nowhere && !std::binary_search(found.damaged.begin(), found.damaged.end(), movedFrom);
+  liveCountIs(isTwice ? found.live - 1 : found.live);
   sound = sound && found.damaged.empty();
+  if (isTwice) finishMove(movedFrom, *interrupted, sound);
   if (interrupted) finish(*interrupted, sound);
   discard(found.damaged);
   return sound;
@@ -208,6 +218,29 @@ void TableWriter::finish(std::uint32_t interrupted, bool indexesStay) {
   }
   store(image_.version(interrupted), versionWord(sequenceOf(version), SlotState::free));
   slots_.give(interrupted);
+}
+
+// The slot from which the last writer was moving an entry to this one, when both hold it; or `nowhere`.
+std::uint32_t TableWriter::slotMovedFrom(std::uint32_t to) const {
+  const std::uint64_t moving = load(image_.state().moving);
+  if (!isSound(moving) || numberIn(moving) == 0 || numberIn(moving) > image_.geometry().slots) return nowhere;
+  const auto from = static_cast<std::uint32_t>(numberIn(moving)) - 1;
+  const std::uint64_t before = load(image_.version(from)), after = load(image_.version(to));
+  const bool both = from != to && isLive(before) && isLive(after) && sequenceOf(before) < sequenceOf(after) &&
+                    image_.compare(image_.keyOf(from), image_.keyOf(to)) == 0 && entryIsWhole(to);
+  return both ? from : nowhere;
+}
+
+void TableWriter::finishMove(std::uint32_t from, std::uint32_t to, bool indexesStay) {
+  const KeyWords key = image_.keyOf(to);
+  if (indexesStay) {
+    order_.redirect(key, from, to);
+    hash_.finishRedirect(hash_.hashOf(key), from, to);
+  }
+  const auto extent = extentOf(from);
+  store(image_.version(from), versionWord(sequenceOf(load(image_.version(to))), SlotState::free));
+  slots_.give(from);
+  giveBack(extent);
 }
 
 void TableWriter::discard(std::span<const std::uint32_t> damaged) {

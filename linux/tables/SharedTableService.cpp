@@ -215,6 +215,26 @@ bool SharedTableService::verifyAdopted(const std::function<bool()>& shouldYield)
   return true;
 }
 
+bool SharedTableService::hasMemoryToGive() const {
+  return !context_->sparse.empty() || context_->memoryFreed;
+}
+
+bool SharedTableService::takeMemoryFreed() {
+  return std::exchange(context_->memoryFreed, false);
+}
+
+bool SharedTableService::giveMemoryBack(const std::function<bool()>& shouldYield) {
+  while (!context_->sparse.empty()) {
+    const auto collection = context_->sparse.back().lock();
+    if (!collection || collection->giveMemoryBack()) {
+      context_->sparse.pop_back();
+    } else if (shouldYield()) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void SharedTableService::findPending() {
   for (const auto& [path, mount] : mounts_) {
     if (mount.collection->pending()) mount.collection->dueIs();

@@ -63,6 +63,16 @@ class SharedTableService final : public Pondra::TableService {
   // that died before it flushed. Every tenth call tries the files that were refused again.
   bool pendingChanges();
 
+  // Whether tables that are written here, and have not changed much for half a second, keep much more memory than their
+  // entries need, which pendingChanges() finds out; or takeMemoryFreed() has something to say.
+  bool hasMemoryToGive() const;
+  // Goes on giving that memory back until shouldYield (asked after some dozens of microseconds) says stop: when nobody
+  // else has anything to do. True: nothing is left to give.
+  bool giveMemoryBack(const std::function<bool()>& shouldYield);
+  // Whether tables, written or followed here, have become so much smaller since this was last asked that this process
+  // has freed memory, too, which the allocator may keep.
+  bool takeMemoryFreed();
+
   // Readable when another process flushed, made or replaced a table: call handleWakeup() then. -1 when the kernel has
   // no more of its kind; changes are then found by pendingChanges() alone.
   int wakeupFd() const { return wakeup_.get(); }

@@ -19,6 +19,9 @@ using Pondra::WriteResult;
 namespace {
 // A writer that forgets to flush is noticed after so many writes.
 constexpr std::uint32_t writesPerFlush = 4096;
+// A table is quiet when it has not changed more often for so long.
+constexpr std::uint64_t fewChanges = 1024;
+constexpr std::chrono::milliseconds quietTime(500);
 }  // namespace
 
 void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
@@ -68,6 +71,10 @@ Reserve TableCollection::roomIn(const TableFile& file) {
   };
 }
 
+Release TableCollection::releaseIn(const TableFile& file) {
+  return [&file](std::size_t offset, std::size_t end) { return file.release(offset, end); };
+}
+
 void TableCollection::tellPages(const TableFile& file) const {
   const int reason = file.takeRefusal();
   if (reason == 0) return;
@@ -103,7 +110,7 @@ void TableCollection::openForWriting(std::uint32_t capacity) {
   } else {
     const bool isNew = !file_;
     if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity, context_->hugePages);
-    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_));
+    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_), releaseIn(*file_));
     storeWriterWords(*file_);
     if (isNew) file_->publish();
     tellPages(*file_);
@@ -163,7 +170,8 @@ void TableCollection::countAnew() {
 // which its readers go on reading until they notice. It stays the writer of that when there is no room for a copy.
 void TableCollection::copyEntries(std::uint32_t capacity) {
   const auto takeStock = [&] {
-    writer_ = std::make_unique<TableWriter>(file_->image(), file_->capacity(), report_, roomIn(*file_));
+    writer_ =
+        std::make_unique<TableWriter>(file_->image(), file_->capacity(), report_, roomIn(*file_), releaseIn(*file_));
   };
   const bool known = writer_ != nullptr;
   if (!known) takeStock();
@@ -173,7 +181,7 @@ void TableCollection::copyEntries(std::uint32_t capacity) {
   if (known) takeStock();  // what is lost of a file that was cut short
   while (!writer_->verify(file_->capacity())) {
   }
-  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_, roomIn(*next));
+  auto writer = std::make_unique<TableWriter>(next->image(), capacity, report_, roomIn(*next), releaseIn(*next));
   writer->copyFrom(TableView(file_->image(), report_));
   storeWriterWords(*next);
   next->publish();
@@ -380,6 +388,7 @@ bool TableCollection::deliverKeys(const std::shared_ptr<ChangeFollower>& followe
     sink_->quiescedChanged(false);
   }
   follower->deliver(delivery);
+  context_->memoryFreed = follower->takeForgotten() || context_->memoryFreed;
   if (!delivery.followed() || follower->pending()) return false;
   streaming_ = false;
   sink_->quiescedChanged(true);
@@ -400,8 +409,38 @@ bool TableCollection::verify() {
   return done;
 }
 
+void TableCollection::lookForSparseness() {
+  const auto now = std::chrono::steady_clock::now();
+  if (writer_->sequence() - sequenceSeen_ > fewChanges) {
+    sequenceSeen_ = writer_->sequence();
+    quietSince_ = now;
+  } else if (now - quietSince_ >= quietTime) {
+    sequenceSeen_ = writer_->sequence();
+    quietSince_ = now;
+    if (!isSparse_ && writer_->isSparse()) {
+      isSparse_ = true;
+      context_->sparse.push_back(weak_from_this());
+    }
+  }
+}
+
+bool TableCollection::giveMemoryBack() {
+  constexpr std::uint32_t placesAtATime = 64;
+  if (!writer_) return true;
+  const std::uint64_t before = writer_->sequence();
+  const bool quiet = before - sequenceSeen_ <= fewChanges;
+  if (!quiet) writer_->endGivingBack();
+  const bool done = !quiet || writer_->giveMemoryBack(placesAtATime);
+  sequenceSeen_ += writer_->sequence() - before;
+  if (writer_->sequence() != before) written();  // whoever follows has slots to remember
+  isSparse_ = !done;
+  context_->memoryFreed = context_->memoryFreed || done;
+  return done;
+}
+
 void TableCollection::checkReplacement(bool retry) {
   if (kind_ == MountKind::writer) {
+    lookForSparseness();
     replacementDue_ = !ownFilesStand() && (!notCopied_ || retry);
     if (writer_->verified() && view_->takeContradiction()) {
       writer_->verifyAgain();

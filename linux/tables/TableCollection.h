@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,6 +34,8 @@ struct TableServiceContext {
   std::vector<std::weak_ptr<TableCollection>> due;              // tables that the next delivery has to look at
   std::vector<std::weak_ptr<const TableCollection>> unflushed;  // tables written to
   std::vector<std::weak_ptr<TableCollection>> adopted;  // written here, their indexes not yet compared with the entries
+  std::vector<std::weak_ptr<TableCollection>> sparse;   // written here, with memory to give back
+  bool memoryFreed = false;                             // of this process, by tables that have become smaller
   std::set<std::pair<std::string, std::string>> printed;
   std::set<std::string> shortages;
 
@@ -98,6 +101,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   // Written here: goes on comparing what was adopted (TableWriter::verify), by some dozens of microseconds. True: done.
   bool verify();
   bool verified() const { return !writer_ || writer_->verified(); }
+  // Written here: goes on giving memory back (TableWriter::giveMemoryBack), likewise. True: that is done, or has to
+  // wait for quieter times.
+  bool giveMemoryBack();
   // Makes those who watch the file look, if anything was written.
   void flush() const;
   void checkInvariants() const;
@@ -119,6 +125,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void tellPages(const TableFile& file) const;
   // What a writer asks for room in its file.
   Reserve roomIn(const TableFile& file);
+  static Release releaseIn(const TableFile& file);
+  // Puts the table among those that have memory to give back, if it has and nobody has changed it for a while.
+  void lookForSparseness();
   // After a write that asked for room. That the disk is full is told once, until it is not.
   void tellRoom(Pondra::WriteResult result);
   void finishIndexes() const;
@@ -157,6 +166,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   bool roomTold_ = false;                        // that there is none
   std::string notPutBack_;                       // why the file could not be put back when that was last tried
   bool notCopied_ = false;                       // because there was no room for a copy of the entries
+  bool isSparse_ = false;                        // named in the context
+  std::uint64_t sequenceSeen_ = 0;               // when it was last asked whether it is quiet, and when that was
+  std::chrono::steady_clock::time_point quietSince_;
 
   Sink* sink_ = nullptr;
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is

@@ -327,6 +327,18 @@ bool TableFile::allocate(std::size_t offset, std::size_t end) const {
   return result == 0 || (errno != ENOSPC && errno != EDQUOT);
 }
 
+// What is asked for again may lie in pages of 2 MiB again.
+bool TableFile::release(std::size_t offset, std::size_t end) const {
+  int result = 0;
+  do {
+    result = fallocate(fd_.get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                       static_cast<off_t>(end - offset));
+  } while (result != 0 && errno == EINTR);
+  for (std::size_t block = offset / hugePage; block < smallYet_.size() && block * hugePage < end; ++block)
+    smallYet_[block] = true;
+  return result == 0;
+}
+
 void TableFile::ringDoorbell() const {
   const char ring = 1;
   // Nothing depends on it but the speed of notification.

@@ -121,6 +121,9 @@ class TableFile {
   // there is none. A filesystem that cannot promise room is believed to have it: it is MappingGuard then that keeps
   // those alive who touch what it has no room for. Writable files only.
   bool reserve(std::size_t offset, std::size_t end) const;
+  // Gives the whole pages among these bytes back: they are zero bytes from then on. False: the filesystem cannot.
+  // Writable files only.
+  bool release(std::size_t offset, std::size_t end) const;
   // Bytes have gone from under the mapping, and somebody has touched them: see MappingGuard.
   bool broken() const { return mapping_.broken(); }
   // The same, or they would be gone when somebody did. Writable files only.

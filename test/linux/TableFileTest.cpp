@@ -19,6 +19,8 @@
 #include <map>
 #include <thread>
 
+#include "lib/tables/ChangeFollower.h"
+#include "lib/tables/TableWriter.h"
 #include "linux/tables/MappingGuard.h"
 #include "linux/tables/SharedTableService.h"
 #include "test/support/Eventually.h"
@@ -30,6 +32,7 @@ namespace {
 using LinuxPlatform::FileDescriptor;
 using LinuxPlatform::MappingGuard;
 using LinuxPlatform::SharedTableService;
+using LinuxPlatform::TableWriter;
 using Pondra::CollectionInfo;
 using Pondra::MountKind;
 using Pondra::TableError;
@@ -323,6 +326,107 @@ TEST_F(TableFileTest, PagesOfTwoMebibytesAreGivenOrRefusedInALine) {
     EXPECT_TRUE(whole || refusals > 0);
   }
   if (hasShared) std::filesystem::remove_all(shared);
+}
+
+// How a table that was much fuller gives its memory back: with values in the slots, and with values in the heap.
+class TableMemoryTest : public testing::TestWithParam<std::uint32_t> {
+ protected:
+  static constexpr std::uint32_t capacity = 60000, kept = 10;  // one in so many
+
+  std::unique_ptr<LinuxPlatform::TableFile> file(const std::string& path) const {
+    std::filesystem::create_directories(directory.path() + "/tables");
+    auto made = LinuxPlatform::TableFile::create(directory.path() + "/tables", path, layout, capacity, capacity);
+    made->publish();
+    return made;
+  }
+  TableWriter writer(const LinuxPlatform::TableFile& in) {
+    return {in.image(), capacity, report, [&in](std::size_t begin, std::size_t end) { return in.reserve(begin, end); },
+            [this, &in](std::size_t begin, std::size_t end) { return !refuses && in.release(begin, end); }};
+  }
+  // Keys lie scattered: who stays is next to others that go.
+  static LinuxPlatform::KeyWords key(std::uint32_t number) { return {{Platform::hashMix(number, 0), number}}; }
+  std::vector<std::byte> value(std::uint32_t number) const {
+    return std::vector<std::byte>(layout.maxValueSize, static_cast<std::byte>(number * 7));
+  }
+  void fill(TableWriter& table, std::uint32_t step) const {
+    for (std::uint32_t number = 0; number < capacity; number += step) table.write(key(number), value(number));
+  }
+  static void thin(TableWriter& table) {
+    for (std::uint32_t number = 0; number < capacity; ++number) {
+      if (number % kept != 0) table.erase(key(number));
+    }
+  }
+  std::size_t bytesOf(const std::string& path) const {
+    struct stat status {};
+    EXPECT_EQ(stat((directory.path() + "/tables/" + path + ".table").c_str(), &status), 0);
+    return static_cast<std::size_t>(status.st_blocks) * 512;
+  }
+  void expectKept(const TableWriter& table, const LinuxPlatform::TableView& view) const {
+    table.checkInvariants();
+    std::vector<std::byte> found(layout.maxValueSize);
+    LinuxPlatform::Entry entry;
+    for (std::uint32_t number = 0; number < capacity; ++number) {
+      ASSERT_EQ(view.find(key(number), found, entry), number % kept == 0) << number;
+      if (number % kept == 0) ASSERT_EQ(found, value(number));
+    }
+  }
+
+  TemporaryDirectory directory;
+  const Pondra::TableLayout layout{"Test::Memory", "entry", 1, 16, GetParam(), false};
+  const LinuxPlatform::DamageReport report = [](std::string_view what) { ADD_FAILURE() << what; };
+  bool refuses = false;
+};
+INSTANTIATE_TEST_SUITE_P(Values, TableMemoryTest, testing::Values(4U, 100U));
+
+TEST_P(TableMemoryTest, GoesBackToWhatTheEntriesNeedAndTellsNobody) {
+  const auto peaked = file("peaked"), modest = file("modest");
+  TableWriter fewer = writer(*modest);
+  fill(fewer, kept);
+  {
+    TableWriter table = writer(*peaked);
+    fill(table, 1);
+    const LinuxPlatform::TableView view(peaked->image(), report);
+    LinuxPlatform::ChangeFollower follower(report);
+    follower.start(view);
+    const auto deliver = [&] {
+      std::uint64_t told = 0;
+      follower.deliver([&](const LinuxPlatform::KeyWords&, std::uint64_t) { return ++told != 0; });
+      return told;
+    };
+    EXPECT_FALSE(table.isSparse());
+    thin(table);
+    EXPECT_EQ(deliver(), capacity - capacity / kept);
+    ASSERT_TRUE(table.isSparse());
+    while (!table.giveMemoryBack(64)) EXPECT_EQ(deliver(), 0U);
+    EXPECT_FALSE(table.isSparse());
+    EXPECT_EQ(deliver(), 0U);
+    EXPECT_FALSE(follower.pending());
+    EXPECT_TRUE(follower.takeForgotten());
+    EXPECT_LT(bytesOf("peaked"), bytesOf("modest") * 11 / 10);
+    expectKept(table, view);
+
+    thin(table);  // nothing is there to go
+    for (std::uint32_t number = 0; number < capacity; number += kept) table.erase(key(number));
+    EXPECT_EQ(deliver(), capacity / kept) << "who moved is known where it is now";
+    fill(table, kept);
+    deliver();
+  }
+  TableWriter next = writer(*peaked);
+  while (!next.verify(1000)) {
+  }
+  expectKept(next, LinuxPlatform::TableView(peaked->image(), report));
+}
+
+TEST_P(TableMemoryTest, StaysWhereTheFilesystemTakesNoneBack) {
+  const auto only = file("only");
+  TableWriter table = writer(*only);
+  fill(table, 1);
+  thin(table);
+  refuses = true;
+  while (!table.giveMemoryBack(1000)) {
+  }
+  EXPECT_FALSE(table.isSparse()) << "it is not tried again and again";
+  expectKept(table, LinuxPlatform::TableView(only->image(), report));
 }
 
 // A disk of one megabyte, in a namespace of this child's own. False: nobody may have one here.

@@ -151,6 +151,8 @@ class DamagedTable {
       if (change.kind == Change::Kind::write) {
         written[change.number].push_back(change.value);
         writer.writer.write(keys_[change.number], std::as_bytes(std::span(change.value)));
+      } else if (change.kind == Change::Kind::giveBack) {
+        writer.giveBack(8, 2);
       } else {
         writer.writer.erase(keys_[change.number]);
       }

@@ -39,3 +39,4 @@ inline void beforeStore(void* word, std::size_t size) {
 
 #define SHARED_TABLE_BEFORE_LOAD() Torture::beforeLoad()
 #define SHARED_TABLE_BEFORE_STORE(word) Torture::beforeStore(&(word), sizeof(word))
+#define SHARED_TABLE_PAGE 64

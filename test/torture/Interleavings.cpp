@@ -96,6 +96,12 @@ class Fiber {
       return;
     }
     Change change = randomChange(shape_, random_);
+    if (change.kind == Change::Kind::giveBack) {  // a part of it: changes come in between
+      if (random_() % 4 == 0) writer_->settle();  // until then nothing moves
+      writer_->giveBack(1 + random_() % 8, 1 + static_cast<std::uint32_t>(random_() % 3));
+      if (random_() % 8 == 0) writer_->writer.endGivingBack();
+      return endOperation();
+    }
     // Some numbers are hot, and a quarter stays once it has come.
     if (random_() % 4 == 0) change.number %= 3;
     if (change.number % 4 == 0 && change.kind == Change::Kind::erase) return;

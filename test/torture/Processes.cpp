@@ -57,6 +57,11 @@ class Side {
     change.kind == Change::Kind::write ? void(table->write(keys_.bytes(change.number), value))
                                        : void(table->erase(keys_.bytes(change.number)));
   }
+  // A step of it, as if the table had been quiet.
+  void giveBack() {
+    table->checkReplacement();
+    table->giveMemoryBack();
+  }
   void poll() {
     table->checkReplacement();
     table->adoptReplacement();
@@ -182,6 +187,7 @@ struct Stage {
       for (std::uint64_t step = from + 1;; ++step) {
         side.apply(stepOf(step));
         board->done = step;
+        if (step % 16 == 0) side.giveBack();
       }
     });
   }

@@ -12,17 +12,20 @@ namespace {
 
 // Pages that the file has, and how many it may have.
 struct Disk {
+  static constexpr std::size_t page = LinuxPlatform::tablePage;
   std::set<std::size_t> pages;
   std::size_t most = ~std::size_t{0};
   bool sharesPages = false;  // a filesystem that has to find room for a page that is written again
   bool give(std::size_t begin, std::size_t end) {
-    constexpr std::size_t page = 4096;
     std::size_t wanted = 0;
     for (std::size_t number = begin / page; number * page < end; ++number)
       wanted += sharesPages || !pages.contains(number) ? 1 : 0;
     if (pages.size() + wanted > most) return false;
     for (std::size_t number = begin / page; number * page < end; ++number) pages.insert(number);
     return true;
+  }
+  void takeBack(std::size_t begin, std::size_t end) {
+    pages.erase(pages.lower_bound((begin + page - 1) / page), pages.lower_bound(end / page));
   }
 };
 
@@ -37,6 +40,7 @@ class CrampedTable {
     for (unsigned phase = 0; phase < 12; ++phase) {
       for (unsigned i = 0; i < shape_.capacity; ++i) change(phase % 3);
       check();
+      if (writer_->isSparse()) giveBack();
       disk_.most = random_() % 4 == 0 ? ~std::size_t{0} : random_() % 3 * (disk_.pages.size() / 2 + random_() % 60);
       const bool damage = random_() % 3 == 0;
       if (damage) flipBitOf(random_() % 2 == 0 ? memory_.image.state().root : memory_.image.state().nodesUsed[0]);
@@ -61,11 +65,22 @@ class CrampedTable {
   void flipBitOf(std::uint64_t& word) { word ^= std::uint64_t{1} << random_() % 48; }
   void open() {
     writer_.reset();
-    writer_ =
-        std::make_unique<TableWriter>(memory_.image, shape_.capacity, reader_.report,
-                                      [this](std::size_t begin, std::size_t end) { return disk_.give(begin, end); });
+    writer_ = std::make_unique<TableWriter>(
+        memory_.image, shape_.capacity, reader_.report,
+        [this](std::size_t begin, std::size_t end) { return disk_.give(begin, end); },
+        [this](std::size_t begin, std::size_t end) {
+          disk_.takeBack(begin, end);
+          return releaseIn(memory_)(begin, end);
+        });
     while (!writer_->verify(1000)) {
     }
+  }
+  void giveBack() {
+    while (!writer_->giveMemoryBack(100)) {
+    }
+    if (writer_->isSparse()) fail("it is sparse after all was given back");
+    check();
+    count("tables made smaller");
   }
   Pondra::WriteResult write(std::uint32_t number) {
     std::string value = randomValue(shape_, random_);

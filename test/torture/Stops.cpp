@@ -31,6 +31,7 @@ void atEveryStore(const std::function<void()>& operation, std::function<void()> 
 // The states that a table passes through during a change, one entry at a time.
 std::vector<Model> statesOf(const Model& before, const Change& change) {
   std::vector<Model> states{before};
+  if (change.kind == Change::Kind::giveBack) return states;
   if (change.kind == Change::Kind::eraseAll) {
     for (Model model = before; !model.empty();) {
       model.erase(model.begin());
@@ -245,7 +246,8 @@ void stopOperations(unsigned seed) {
   } changes[] = {{Change::Kind::write, false, room},
                  {Change::Kind::write, true, some},
                  {Change::Kind::erase, true, some},
-                 {Change::Kind::eraseAll, true, some}};
+                 {Change::Kind::eraseAll, true, some},
+                 {Change::Kind::giveBack, true, some}};
   for (const auto& change : changes) {
     if (!change.possible) continue;
     at.changeIs(change.kind, change.there);

@@ -156,6 +156,7 @@ void Memory::bytesAre(const std::string& bytes) {
 
 std::string Change::text() const {
   if (kind == Kind::eraseAll) return "erase all";
+  if (kind == Kind::giveBack) return "give memory back";
   return (kind == Kind::write ? "write " : "erase ") + std::to_string(number);
 }
 
@@ -167,6 +168,7 @@ void Change::applyTo(Model& model) const {
 
 Change randomChange(const Shape& shape, Random& random) {
   const auto number = static_cast<std::uint32_t>(random() % shape.universe);
+  if (random() % 12 == 0) return {Change::Kind::giveBack, 0, {}};
   if (random() % 5 < 2) return {Change::Kind::erase, number, {}};
   return {Change::Kind::write, number, randomValue(shape, random)};
 }
@@ -265,11 +267,31 @@ void Writer::apply(const Change& change, Model& model) {
   } else if (change.kind == Change::Kind::erase) {
     if (writer.erase(keys_[change.number]) != model.contains(change.number)) fail(change.text() + ": was it there");
     change.applyTo(model);
+  } else if (change.kind == Change::Kind::giveBack) {
+    while (!giveBack(1, 2)) {
+    }
   } else {
     while (const auto first = reader.seek(0, true)) writer.erase(keys_[first->first]);
     change.applyTo(model);
   }
   count("changes");
+}
+
+LinuxPlatform::Release releaseIn(const Memory& memory) {
+  return [&memory](std::size_t begin, std::size_t end) {
+    const std::size_t words = (end - begin) / sizeof(std::uint64_t);
+    for (std::size_t i = 0; i < words; ++i) LinuxPlatform::store(memory.image.words(begin)[i], std::uint64_t{0});
+    count("pages given back", (end - begin) / LinuxPlatform::tablePage);
+    return true;
+  };
+}
+
+bool Writer::giveBack(unsigned steps, std::uint32_t places) {
+  const std::uint64_t before = writer.sequence();
+  bool done = false;
+  while (steps-- > 0 && !done) done = writer.giveMemoryBack(places);
+  count("moves", writer.sequence() - before);
+  return done;
 }
 
 void Writer::check(const Model& model) {

@@ -105,7 +105,7 @@ class Memory {
 std::string difference(const Model& found, const Model& wanted);
 
 struct Change {
-  enum class Kind { write, erase, eraseAll } kind = Kind::write;
+  enum class Kind { write, erase, eraseAll, giveBack } kind = Kind::write;
   std::uint32_t number = 0;
   std::string value;
   std::string text() const;
@@ -192,6 +192,9 @@ class Believer {
   const Keys& keys_;
 };
 
+// What a filesystem does with pages that it gets back; word by word, so that others meet it half done.
+LinuxPlatform::Release releaseIn(const Memory& memory);
+
 // A writer that is compared with a model at every call.
 class Writer {
  public:
@@ -199,9 +202,11 @@ class Writer {
       : shape_(shape),
         keys_(keys),
         memory_(memory),
-        writer(memory.image, shape.capacity, report),
+        writer(memory.image, shape.capacity, report, {}, releaseIn(memory)),
         reader(memory, shape, keys) {}
   void apply(const Change& change, Model& model);
+  // So many steps of giving memory back, each about so many places. True: nothing is left to do.
+  bool giveBack(unsigned steps, std::uint32_t places);
   void applyRandom(unsigned changes, Model& model, Random& random) {
     while (changes-- > 0) apply(randomChange(shape_, random), model);
   }
