@@ -316,6 +316,8 @@ std::size_t rct_session::changes(std::span<rct_change> out) {
   std::uint64_t seconds = 0;
   if (::read(second_.get(), &seconds, sizeof seconds) == sizeof seconds) {
     service_.pendingChanges();
+    unsigned steps = 0;  // some milliseconds at the most
+    service_.giveMemoryBack([&steps] { return ++steps == 32; });
     for (const auto& [path, table] : tables_) table->lookAfterWriter();
   }
   service_.handleWakeup();

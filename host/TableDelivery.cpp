@@ -2,6 +2,8 @@
 
 #include <sys/epoll.h>
 
+#include "host/FreeMemory.h"
+
 namespace Tools {
 
 namespace {
@@ -13,7 +15,8 @@ TableDelivery::TableDelivery(LinuxPlatform::EventLoop& loop, LinuxPlatform::Shar
       tables_(tables),
       deliveryTask_(loop.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })),
       backlogTask_(loop.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })),
-      pollTask_(loop.taskIs("tablePollTask", Platform::TaskPriority::delivery, [this] { poll(); })) {
+      pollTask_(loop.taskIs("tablePollTask", Platform::TaskPriority::delivery, [this] { poll(); })),
+      memoryTask_(loop.taskIs("tableMemoryTask", Platform::TaskPriority::background, [this] { giveMemoryBack(); })) {
   pollTask_->scheduleWithin(pollInterval);
   if (tables_.wakeupFd() >= 0) {
     loop_.fdIs(tables_.wakeupFd(), EPOLLIN, [this](std::uint32_t) { tables_.handleWakeup(); });
@@ -29,7 +32,16 @@ TableDelivery::~TableDelivery() {
 // Finds what nobody woke us for: changes of a writer that died before it told.
 void TableDelivery::poll() {
   if (tables_.pendingChanges()) wanted();
+  if (tables_.hasMemoryToGive()) memoryTask_->scheduleWithin(0);
   pollTask_->scheduleWithin(pollInterval);
+}
+
+void TableDelivery::giveMemoryBack() {
+  if (!tables_.giveMemoryBack([this] { return memoryTask_->shouldYield(); })) {
+    memoryTask_->scheduleWithin(0);
+  } else if (tables_.takeMemoryFreed()) {
+    giveFreeMemoryBack();
+  }
 }
 
 void TableDelivery::deliver() {

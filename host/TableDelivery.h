@@ -1,5 +1,5 @@
 // Shared tables on an event loop: the changes that a process follows reach its reactors, and those that it makes wake
-// the others.
+// the others. Memory that tables do not need any more goes back when there is nothing else to do.
 #pragma once
 
 #include <memory>
@@ -23,12 +23,14 @@ class TableDelivery {
  private:
   void deliver();
   void poll();
+  void giveMemoryBack();
 
   LinuxPlatform::EventLoop& loop_;
   LinuxPlatform::SharedTableService& tables_;
   std::unique_ptr<Platform::Task> deliveryTask_;
   std::unique_ptr<Platform::Task> backlogTask_;  // the same, in turn with those who are told and have too much to do
   std::unique_ptr<Platform::Task> pollTask_;
+  std::unique_ptr<Platform::Task> memoryTask_;
 };
 
 }  // namespace Tools
