@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "bench/harness/ChildProcess.h"
+#include "host/FreeMemory.h"
 
 namespace Bench {
 
@@ -77,7 +78,8 @@ TimedDelivery::TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService&
     : loop_(tasks.loop()),
       tables_(tables),
       task_(tasks.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })),
-      backlogTask_(tasks.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })) {
+      backlogTask_(tasks.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })),
+      memoryTask_(tasks.taskIs("tableMemoryTask", Platform::TaskPriority::background, [this] { giveMemoryBack(); })) {
   loop_.fdIs(tables_.wakeupFd(), EPOLLIN,
              [this, &tasks](std::uint32_t) { tasks.run("wakeup", [this] { tables_.handleWakeup(); }); });
   loop_.afterBatchIs([this] { tables_.flush(); });
@@ -93,10 +95,19 @@ void TimedDelivery::deliver() {
   (tables_.listenersAreBusy() ? backlogTask_ : task_)->scheduleWithin(0);
 }
 
+void TimedDelivery::giveMemoryBack() {
+  if (!tables_.giveMemoryBack([this] { return memoryTask_->shouldYield(); })) {
+    memoryTask_->scheduleWithin(0);
+  } else if (tables_.takeMemoryFreed()) {
+    Tools::giveFreeMemoryBack();
+  }
+}
+
 bool TimedDelivery::isDone() {
-  if (!tables_.pendingChanges()) return true;
-  wanted();
-  return false;
+  const bool pending = tables_.pendingChanges();
+  if (pending) wanted();
+  if (tables_.hasMemoryToGive()) memoryTask_->scheduleWithin(0);
+  return !pending && !tables_.hasMemoryToGive();
 }
 
 // --- The loop --------------------------------------------------------------------------------------------------------

@@ -78,11 +78,13 @@ class TimedDelivery {
 
  private:
   void deliver();
+  void giveMemoryBack();
 
   LinuxPlatform::EventLoop& loop_;
   LinuxPlatform::SharedTableService& tables_;
   std::unique_ptr<Platform::Task> task_;
   std::unique_ptr<Platform::Task> backlogTask_;
+  std::unique_ptr<Platform::Task> memoryTask_;
 };
 
 // The members stand in the order of their making.

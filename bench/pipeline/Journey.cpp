@@ -239,6 +239,7 @@ double bytesOfTenth(const std::string& parentDirectory, const Workload& workload
   Tools::RibChange tenth = rib;
   std::erase_if(tenth.routes, [i = 0U](const auto&) mutable { return i++ % 10 != 0; });
   JourneySwitch tested(parentDirectory, workload, tenth);
+  tested.routing().roomIs(rib.routes.size());
   tested.routing().load();
   tested.startAgent();
   return sharedAndPrivate(tested.settle(tenth.routes.size()));
@@ -261,6 +262,7 @@ void measurePeak(const std::string& parentDirectory, const Workload& workload, c
   double bytes = sharedAndPrivate(tested.settle(left));
   while (bytes > 1.1 * without && waiting.seconds() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    tested.routing().rest();
     bytes = sharedAndPrivate(tested.settle(left));
   }
   figures.add(phase, "bytes", bytes);

@@ -1,5 +1,7 @@
 #include "bench/pipeline/RoutingProcess.h"
 
+#include <algorithm>
+
 #include "bench/harness/BenchDirectory.h"
 #include "platform/values/Paths.h"
 
@@ -10,7 +12,7 @@ RoutingProcess::RoutingProcess(const std::string& directory, const Tools::RibCha
 
 double RoutingProcess::apply(const Tools::RibChange& change) {
   constexpr std::uint32_t leastRoom = 1024;
-  const auto routes = static_cast<std::uint32_t>(rib_.routes.size());
+  const auto routes = static_cast<std::uint32_t>(std::max(room_, rib_.routes.size()));
   const double start = monotonicSeconds();
   writer_.apply(change, routes + routes / 4 + leastRoom);
   flush();
@@ -38,6 +40,13 @@ double RoutingProcess::withdraw(const std::function<bool(std::size_t)>& doomed) 
   writer_.remove([&doomed, number = std::size_t{0}](const RouteKey&) mutable { return doomed(number++); });
   flush();
   return start;
+}
+
+void RoutingProcess::rest() {
+  tables_.service().pendingChanges();
+  tables_.service().deliverChanges([] { return false; });
+  tables_.service().giveMemoryBack([] { return false; });
+  flush();
 }
 
 Routing::Rib::RouteConfig& RoutingProcess::writer() {

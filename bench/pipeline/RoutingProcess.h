@@ -20,6 +20,9 @@ class RoutingProcess {
   // Holds the tables, with room for a quarter more routes, from the first change on.
   RoutingProcess(const std::string& directory, const Tools::RibChange& rib);
 
+  // From the first change on there is room for so many routes, and a quarter more, even if there are fewer.
+  void roomIs(std::size_t routes) { room_ = routes; }
+
   // Each returns when the first entry of it was written (monotonicSeconds()).
   double load();
   double loadVias();
@@ -32,6 +35,8 @@ class RoutingProcess {
   void write(const Route& route) { writer().routeIs(route); }
   void remove(const RouteKey& key) { writer().routeDel(key); }
   void flush() { tables_.service().flush(); }
+  // What a process does about once a second, and when it has nothing else to do.
+  void rest();
 
   const Tools::RibChange& rib() const { return rib_; }
 
@@ -40,6 +45,7 @@ class RoutingProcess {
   double apply(const Tools::RibChange& change);
 
   const Tools::RibChange& rib_;
+  std::size_t room_ = 0;
   Tables tables_;
   Tools::RibWriter writer_;
 };
