@@ -240,6 +240,12 @@ void HwRouteSm::hwSpaceBufferIs(std::uint32_t entries) {
   if (initialized_) publishSpace();
 }
 
+// A shorter interval counts for what is queued, too.
+void HwRouteSm::routeProcessingIntervalIs(double seconds) {
+  routeProcessingInterval_ = seconds;
+  if (routeToProcess_.hasFresh()) scheduleRouteProcessingTask(seconds);
+}
+
 // A shorter interval counts for the scan that is waiting, too.
 void HwRouteSm::hwHitbitScanIntervalIs(double seconds) {
   hwHitbitScanInterval_ = seconds;
@@ -263,10 +269,9 @@ void HwRouteSm::handleSwRoute(const Key& key) {
   scheduleRouteProcessingTask(policy_->isScarce() ? routeProcessingIntervalDefer_ : routeProcessingInterval_);
 }
 
-// A task that is put off handles nothing meanwhile: nobody waits for it.
 Pondra::Appetite HwRouteSm::appetite() const {
-  const bool isPutOff = routeProcessingInterval_ > 0 || policy_->isScarce();
-  return isPutOff ? Pondra::Appetite::everything : Pondra::appetiteWith(routeToProcess_.freshCount());
+  return routeProcessingTask_.isDue() ? Pondra::appetiteWith(routeToProcess_.freshCount())
+                                      : Pondra::Appetite::everything;
 }
 
 void HwRouteSm::handleSwRoute() {

@@ -178,7 +178,7 @@ class HwRouteSm final : public Lattis::Entity {
   void hwSpaceBufferIs(std::uint32_t entries);
   // Seconds, finite. The second, at least 0.001, holds at or above the low level, and for keys that wait.
   double routeProcessingInterval() const { return routeProcessingInterval_; }
-  void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
+  void routeProcessingIntervalIs(double seconds);
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
   void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
   double hwHitbitScanInterval() const { return hwHitbitScanInterval_; }  // between two full scans, at least 0.001

@@ -119,16 +119,14 @@ std::shared_ptr<KernelRouteSm> KernelRouteSmIs(const KernelRouteSmInputs& inputs
 void KernelRouteSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
-  Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute,
-                 &KernelRouteSm::appetite<Ipv4Family>, &KernelRouteSm::handleSwWriter<Ipv4Family>);
-  Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute,
-                 &KernelRouteSm::appetite<Ipv6Family>, &KernelRouteSm::handleSwWriter<Ipv6Family>);
+  Pondra::follow(swRouteReactor_, *this, in_.swIpv4RouteStatus, &KernelRouteSm::handleIpv4SwRoute, nullptr,
+                 &KernelRouteSm::handleSwWriter<Ipv4Family>);
+  Pondra::follow(swRoute6Reactor_, *this, in_.swIpv6RouteStatus, &KernelRouteSm::handleIpv6SwRoute, nullptr,
+                 &KernelRouteSm::handleSwWriter<Ipv6Family>);
   handleSwWriter<Ipv4Family>();
   handleSwWriter<Ipv6Family>();
-  Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig,
-                 &KernelRouteSm::appetite<Ipv4Family>);
-  Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig,
-                 &KernelRouteSm::appetite<Ipv6Family>);
+  Pondra::follow(routeReactor_, *this, in_.routeConfig, &KernelRouteSm::handleRouteConfig);
+  Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
   vrfIdReactor_ = std::make_unique<VrfIdFollower<KernelRouteSm>>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
   for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
@@ -168,13 +166,6 @@ void KernelRouteSm::queueKey(const BasicRouteVrfKey<Family>& key, double seconds
   trace_(7, "prefix: ", key.prefix(), " vrfId: ", key.vrfId());
   sides_.of<Family>().toProcess.keyIs(key);
   sides_.of<Family>().task.schedule(seconds);
-}
-
-// A task that is put off handles nothing meanwhile: nobody waits for it.
-template <class Family>
-Pondra::Appetite KernelRouteSm::appetite() const {
-  return routeProcessingInterval_ > 0 ? Pondra::Appetite::everything
-                                      : Pondra::appetiteWith(sides_.of<Family>().toProcess.freshCount());
 }
 
 template <class Family>
@@ -253,9 +244,9 @@ void KernelRouteSm::scheduleSwIpv6RouteStatusWalk(std::uint32_t hwVrfId) {
 
 // As a rule the route is published anew, too: it is decided once for both if that comes first.
 void KernelRouteSm::handleRouteConfig(const RouteKey& key) {
+  trace_(9, __PRETTY_FUNCTION__);
   constexpr double untilPublished = 0.005;  // seconds: a slice of route processing
   const double seconds = std::max(routeProcessingInterval_, untilPublished);
-  trace_(9, __PRETTY_FUNCTION__);
   if (!in_.kernelRouteStatus->has(key) || !in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) return;
   const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
   if (key.prefix().isV4()) {

@@ -241,8 +241,6 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   void queueKey(const BasicRouteVrfKey<Family>& key, double seconds);
   template <class Family>
-  Pondra::Appetite appetite() const;
-  template <class Family>
   void vrfWalkIs(std::uint32_t hwVrfId);
   template <class Family>
   void trieSweepIs(std::uint32_t hwVrfId);

@@ -23,7 +23,13 @@ class DeferredTask {
  public:
   DeferredTask(Platform::TaskScheduler& scheduler, const Platform::TraceHandle& trace, std::string_view name,
                Platform::TaskPriority priority, std::function<void()> body)
-      : name_(name), trace_(trace), task_(scheduler.taskIs(name, priority, std::move(body))) {}
+      : name_(name),
+        trace_(trace),
+        isDue_(std::make_shared<bool>(false)),
+        task_(scheduler.taskIs(name, priority, [isDue = isDue_, body = std::move(body)] {
+          *isDue = false;
+          body();
+        })) {}
 
   const std::string& name() const { return name_; }
   // Asks for a run after at most this many seconds; an earlier pending run stays where it is.
@@ -31,7 +37,10 @@ class DeferredTask {
     trace_(8, name_, " scheduling in ", seconds);
     if (seconds > std::numeric_limits<double>::max()) return;
     task_->scheduleWithin(seconds);
+    *isDue_ = *isDue_ || seconds <= 0;
   }
+  // A run at once has been asked for: it comes as soon as others have had their turns.
+  bool isDue() const { return *isDue_; }
   bool shouldYield() { return task_->shouldYield(); }
   // What the run that ends now has handled, and what still waits.
   void report(std::uint64_t workDone, std::uint64_t workPending) {
@@ -42,6 +51,7 @@ class DeferredTask {
  private:
   std::string name_;
   const Platform::TraceHandle& trace_;
+  std::shared_ptr<bool> isDue_;
   std::unique_ptr<Platform::Task> task_;
 };
 

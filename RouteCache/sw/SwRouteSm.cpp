@@ -119,10 +119,15 @@ void SwRouteSm::handleRoute() {
   if (enableRouteProcessing_) scheduleAllRoutesForProcessing(true, true);
 }
 
-// A task that is put off handles nothing meanwhile: nobody waits for it.
+// A shorter interval counts for what is queued, too.
+void SwRouteSm::routeProcessingIntervalIs(double seconds) {
+  routeProcessingInterval_ = seconds;
+  if (routeToProcess_.hasFresh()) scheduleRouteProcessingTask(seconds);
+}
+
 Pondra::Appetite SwRouteSm::appetite() const {
-  return routeProcessingInterval_ > 0 ? Pondra::Appetite::everything
-                                      : Pondra::appetiteWith(routeToProcess_.toldCount());
+  return routeProcessingTask_.isDue() ? Pondra::appetiteWith(routeToProcess_.toldCount())
+                                      : Pondra::Appetite::everything;
 }
 
 void SwRouteSm::scheduleAllRoutesForProcessing(bool vtep, bool init) {
@@ -243,14 +248,19 @@ void SwRouteSm::handleLeftoverProcessing() {
 void SwRouteSm::routesProcessed(std::uint64_t handled) {
   // A stream of changes leaves nothing to do again and again: it has ended when a run finds nothing a while later.
   constexpr double quiet = 1;  // seconds
-  const bool atRest = !routeToProcess_.hasFresh() && !configWalk_.pending();
+  const bool handledAll = !routeToProcess_.hasFresh() && !configWalk_.pending();
+  const bool atRest = handledAll && in_.routeConfig->quiesced() && in_.route6Config->quiesced();
   const bool ended = atRest && handled == 0;
   if (ended || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
-  if (atRest && nexthopSets_.size() > 0) scheduleRouteProcessingTask(ended ? routeProcessingInterval_ : quiet);
+  if (ended && nexthopSets_.size() > 0) {
+    scheduleRouteProcessingTask(routeProcessingInterval_);
+  } else if (handledAll && (!atRest || nexthopSets_.size() > 0)) {
+    scheduleRouteProcessingTask(std::max(quiet, routeProcessingInterval_));
+  }
   if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
-  if (!routeToProcess_.empty() || configWalk_.pending()) return;
+  if (!routeToProcess_.empty() || !atRest) return;
   if (restart_) {
     scheduleAdjCleanupTask(0);
     scheduleVtepResolutionCleanupTask(0);

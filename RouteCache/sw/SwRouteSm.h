@@ -207,7 +207,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   bool ipv6AdjSyncDone() const { return sides_.v6.adjSync.done(); }
   bool enableRouteProcessing() const { return enableRouteProcessing_; }
   double routeProcessingInterval() const { return routeProcessingInterval_; }
-  void routeProcessingIntervalIs(double seconds) { routeProcessingInterval_ = seconds; }
+  void routeProcessingIntervalIs(double seconds);
   double routeProcessingIntervalDefer() const { return routeProcessingIntervalDefer_; }
   void routeProcessingIntervalDeferIs(double seconds) { routeProcessingIntervalDefer_ = seconds; }
   double adjProcessingInterval() const { return adjProcessingInterval_; }

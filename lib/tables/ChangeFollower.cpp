@@ -28,6 +28,7 @@ void ChangeFollower::restart(const TableView& view) {
   view_ = view;
   forgetAll();
   cursor_ = view.headSequence();
+  scan_ = nextRound_ = {};
   scanAll();
 }
 
@@ -68,8 +69,14 @@ void ChangeFollower::seen(const Entry& entry) {
 
 void ChangeFollower::scanAll() {
   scannedUntil_ = view_->headSequence();
-  scan_ = {0, std::max(view_->image().highWater(), known_.size())};
-  nextRound_ = {};
+  const std::uint32_t end = std::max(view_->image().highWater(), known_.size());
+  // Who is overrun again and again gets through all slots nevertheless: a round that is under way goes on.
+  if (scan_.empty()) {
+    scan_ = {0, end};
+  } else {
+    nextRound_ = {0, scan_.next};
+    scan_.end = end;
+  }
 }
 
 void ChangeFollower::scanLater(std::uint32_t slot) {
@@ -139,9 +146,9 @@ bool ChangeFollower::tellSlots(Listener& listener) {
     const bool asks = looked % slotsPerLook == 0 || hasMoved(slot);
     if (asks && listener.appetite() != Appetite::everything) return false;
     ++scan_.next;
+    if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
     tellSlot(slot, nullptr, listener);
     scannedUntil_ = view_->headSequence();
-    if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
   }
   if (old_) old_->comparable = false;  // what has been told since is not what the old table held
   return true;

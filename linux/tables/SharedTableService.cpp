@@ -188,17 +188,19 @@ bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield
   const std::vector<std::shared_ptr<TableCollection>> round = takeDue();
   for (const auto& collection : round) collection->adoptReplacement();
 
-  bool yielded = false;
+  bool yielded = false, onlyBusy = true;
   const std::function<bool()> stop = [&] { return yielded = yielded || shouldYield(); };
   for (const auto& collection : round) {
     if (!yielded) {
       collection->deliver(stop);
-      if (yielded) firstServed_ = collection->path() + '\0';  // the path after this one
+      if (stop()) firstServed_ = collection->path() + '\0';  // the path after this one
     }
-    if (collection->pending()) collection->dueIs();
+    if (!collection->pending()) continue;
+    collection->dueIs();
+    onlyBusy = onlyBusy && collection->listenerIsBusy();
   }
   const bool verified = verifyAdopted(stop);
-  listenersAreBusy_ = verified && !yielded && !context_->due.empty();
+  listenersAreBusy_ = verified && !yielded && onlyBusy && !context_->due.empty();
   return verified && context_->due.empty();
 }
 

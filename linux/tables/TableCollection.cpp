@@ -367,7 +367,9 @@ class TableCollection::Delivery final : public ChangeFollower::Listener {
   // However short the slice, each delivery gets further.
   Appetite appetite() override {
     if (!followed() || (std::exchange(begun_, true) && shouldYield_())) return Appetite::nothing;
-    return table_.sink_->appetite();
+    const Appetite appetite = table_.sink_->appetite();
+    table_.listenerIsBusy_ = appetite != Appetite::everything;
+    return appetite;
   }
 
  private:

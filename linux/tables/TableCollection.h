@@ -82,6 +82,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void close();
   // Hands changes to the sink until there are none, it wants no more, or shouldYield says stop. True: nothing is left.
   bool deliver(const std::function<bool()>& shouldYield);
+  // The sink wanted no more when it was last asked.
+  bool listenerIsBusy() const { return listenerIsBusy_; }
   bool pending() const {
     return replacementDue_ || streaming_ || (follower_ && (follower_->pending() || writerWords() != toldWriter_));
   }
@@ -172,10 +174,11 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
 
   Sink* sink_ = nullptr;
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
-  bool streaming_ = false;                    // the sink has been told of a change and not yet of their end
-  WriterWords toldWriter_;                    // what the sink knows of the writer
-  std::uint64_t sequenceBase_ = 0;            // added to the file's sequences, so that they ascend across a replacement
-  std::uint64_t newestTold_ = 0;              // of the sequences that the sink knows
+  bool listenerIsBusy_ = false;
+  bool streaming_ = false;          // the sink has been told of a change and not yet of their end
+  WriterWords toldWriter_;          // what the sink knows of the writer
+  std::uint64_t sequenceBase_ = 0;  // added to the file's sequences, so that they ascend across a replacement
+  std::uint64_t newestTold_ = 0;    // of the sequences that the sink knows
   bool due_ = false;
   bool replacementDue_ = false;
   bool brokenTold_ = false;  // of the mapped file

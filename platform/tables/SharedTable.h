@@ -98,7 +98,7 @@ enum class Appetite : std::uint8_t { everything, changesOfKnown, nothing };
 // Keys told and not yet handled from which on new entries wait, or everything does. So few that handling them takes
 // about a millisecond: a change that is told waits behind no more.
 inline constexpr std::size_t busyFrom = 1024;
-inline constexpr std::size_t fullFrom = 2 * busyFrom;
+inline constexpr std::size_t fullFrom = busyFrom + busyFrom / 4;
 inline Appetite appetiteWith(std::size_t keysToHandle) {
   if (keysToHandle < busyFrom) return Appetite::everything;
   return keysToHandle < fullFrom ? Appetite::changesOfKnown : Appetite::nothing;
@@ -204,6 +204,8 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   void reconciledIs() { writableFor("reconciledIs").reconciledIs(); }
   // The number of the table's last change: while it stays the same, every entry does. 0 while there is no table.
   std::uint64_t lastChange() const { return control_ ? control_->lastSequence() : 0; }
+  // Nothing is left to tell of what has changed, as far as anybody has looked.
+  bool quiesced() const { return quiesced_; }
   // True while there is room for one more key.
   bool hasRoom() const { return size() < capacity(); }
 
@@ -259,13 +261,17 @@ class TableEntity : public Lattis::Entity, private SharedCollection::Sink {
   virtual void deliverMountStatus() = 0;
   virtual void deliverWriter() = 0;
   void keyChanged(Bytes key, std::uint64_t sequence) final;
-  void quiescedChanged(bool quiesced) final { deliverQuiesced(quiesced); }
+  void quiescedChanged(bool quiesced) final {
+    quiesced_ = quiesced;
+    deliverQuiesced(quiesced);
+  }
   void mountStatusChanged() final { deliverMountStatus(); }
   void writerChanged() final;
 
   std::shared_ptr<SharedCollection> control_;
   std::shared_ptr<Lattis::Entity> parent_;
   bool following_ = false;
+  bool quiesced_ = true;
   bool orphan_ = false;
 };
 

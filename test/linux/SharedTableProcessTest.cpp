@@ -290,7 +290,7 @@ TEST_F(SharedTableProcessTest, UnusableFilesAreRefusedInWords) {
       {"something else", std::string(good.size(), 'x'), "no table"},
       {"other byte order", withByte(offsetof(LinuxPlatform::TableHeader, endianTag)), "byte order"},
       {"other format", withByte(offsetof(LinuxPlatform::TableHeader, formatVersion)),
-       "format 66, not 2: another version of this program wrote it"},
+       "format 67, not 3: another version of this program wrote it"},
       {"other value layout", withByte(offsetof(LinuxPlatform::TableHeader, layoutVersion)), "damaged"},
       {"scribbled slot count", withByte(offsetof(LinuxPlatform::TableHeader, slots)), "damaged"},
       {"scribbled name", withByte(offsetof(LinuxPlatform::TableHeader, path)), "damaged"},

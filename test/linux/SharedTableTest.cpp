@@ -240,7 +240,7 @@ TYPED_TEST(SharedTableTest, DeliveryStopsWhenAskedAndGoesOnFairly) {
   EXPECT_EQ(followsFirst.heard.size(), 2U);
   EXPECT_EQ(followsSecond.heard.size(), 1U) << "one table starves the other";
   while (!this->backend.deliver(*this->writing, afterEach)) ++runs;
-  EXPECT_EQ(runs, 18U);
+  EXPECT_EQ(runs, 19U);
   for (const auto* follower : {&followsFirst, &followsSecond}) {
     EXPECT_EQ(follower->heard.size(), 10U);
     EXPECT_THAT(follower->quiescedHeard, ElementsAre(false, true));
@@ -283,6 +283,57 @@ TYPED_TEST(SharedTableTest, WhoIsBusyIsToldOfWhatHeKnowsFirstAndOfEverythingInTh
     for (const auto& value : *written) there[value.number] = value.word;
     EXPECT_EQ(busy.believed, there);
   }
+}
+
+// However much is changed in front of it, over and over, a change is told to one who handles all that he was told of.
+TYPED_TEST(SharedTableTest, AStreamFasterThanItsReaderHoldsUpNobodyForEver) {
+  const auto written = this->writer(4000);
+  for (std::uint64_t key = 0; key < 4000; ++key) written->routeIs({key, 1});
+  Follower busy(this->reader());
+  busy.most = 1024;
+  written->routeIs({3999, 2});
+  for (std::uint64_t cycle = 0; cycle < 20 && busy.believed[3999] != 2; ++cycle) {
+    for (std::uint64_t i = 0; i < 5000; ++i) written->routeIs({i % 3000, 2 + cycle});
+    busy.take();
+    this->backend.deliver(*this->writing, [] { return false; });
+    this->backend.deliver(*this->reading, [] { return false; });
+  }
+  EXPECT_EQ(busy.believed[3999], 2U);
+}
+
+// Also what is seen from inside the last call of a round through the slots.
+TYPED_TEST(SharedTableTest, KeySeenWhileOthersAreOwedIsToldOfWhenItGoes) {
+  const auto written = this->writer(16);
+  const auto read = this->reader();
+  Follower busy(read);
+  const auto deliver = [&](Pondra::Appetite wants, std::size_t most) {
+    busy.take();
+    busy.wants = wants;
+    busy.most = most;
+    this->backend.deliver(*this->writing, [] { return false; });
+    return this->backend.deliver(*this->reading, [] { return false; });
+  };
+  using Pondra::Appetite;
+  for (std::uint64_t key = 0; key < 10; ++key) written->routeIs({key, 1});
+  deliver(Appetite::changesOfKnown, SIZE_MAX);
+  deliver(Appetite::everything, 5);
+  written->routeDel(busy.heard.front());
+  deliver(Appetite::changesOfKnown, SIZE_MAX);
+  written->routeIs({77, 7});  // in a slot that the round has passed
+  deliver(Appetite::changesOfKnown, SIZE_MAX);
+  busy.onEntry = [&](std::uint64_t) {
+    if (busy.heard.size() == 5 && read->has(77)) busy.believed[77] = 7;
+  };
+  deliver(Appetite::everything, 5);
+  busy.onEntry = nullptr;
+  written->routeDel(77);
+  written->routeIs({88, 8});
+  for (int i = 0; i < 40; ++i) written->routeIs({9, 9});
+  deliver(Appetite::nothing, SIZE_MAX);
+  EXPECT_TRUE(deliver(Appetite::everything, SIZE_MAX));
+  std::map<std::uint64_t, std::uint64_t> there;
+  for (const auto& value : *written) there[value.number] = value.word;
+  EXPECT_EQ(busy.believed, there);
 }
 
 TYPED_TEST(SharedTableTest, ReactorsMayLeaveAndWriteWhileBeingTold) {
