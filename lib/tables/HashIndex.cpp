@@ -170,14 +170,16 @@ std::uint32_t HashIndexWriter::countOverflow(std::uint32_t line) const {
   return std::min(count, mostOverflow);
 }
 
-void HashIndexWriter::clear() const {
-  for (std::uint32_t line = 0; line < buckets_; ++line) {
+bool HashIndexWriter::clear(std::uint32_t first, std::uint32_t count) const {
+  const std::uint32_t end = first + std::min(count, buckets_ - first);
+  for (std::uint32_t line = first; line < end; ++line) {
     std::uint32_t* words = image_.bucketLine(line);
     for (unsigned i = 1; i <= places; ++i) {
       if (load(words[i]) != 0) store(words[i], std::uint32_t{0});
     }
     store(words[0], firstWord(words, 0));
   }
+  return end == buckets_;
 }
 
 bool HashIndexWriter::agrees(std::uint64_t live) const {
@@ -199,15 +201,20 @@ bool HashIndexWriter::agrees(std::uint64_t live) const {
   return found == live;
 }
 
-void formatTable(const TableImage& image) {
-  TableState& state = image.state();
+namespace {
+void formatState(TableState& state) {
   for (std::uint64_t* word : {&state.headSequence, &state.liveCount, &state.operation, &state.epoch, &state.root,
                               &state.highWater, &state.looseOrder, &state.moving, &state.nodesMoved}) {
     storeNumber(*word, 0);
   }
   for (std::uint64_t& word : state.nodesUsed) storeNumber(word, 0);
   for (std::uint64_t& word : state.heapUsed) storeNumber(word, 0);
-  HashIndexWriter(image).clear();
+}
+}  // namespace
+
+bool formatTable(const TableImage& image, std::uint32_t firstLine, std::uint32_t lines) {
+  if (firstLine == 0) formatState(image.state());
+  return HashIndexWriter(image).clear(firstLine, lines);
 }
 
 }  // namespace LinuxPlatform

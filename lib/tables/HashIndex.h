@@ -121,8 +121,9 @@ class HashIndexWriter : public HashIndex {
   void redirect(std::uint64_t hash, const Place& place, std::uint32_t to) const;
   // Behind a writer that died in that, or before.
   void finishRedirect(std::uint64_t hash, std::uint32_t from, std::uint32_t to) const;
-  // Empties it.
-  void clear() const;
+  // Empties it, by so many lines, or all. False: there are more behind them.
+  bool clear(std::uint32_t first, std::uint32_t count) const;
+  void clear() const { clear(0, buckets_); }
   // Whether every line is whole and leads to live slots with its tags, so many in all; for checks.
   bool agrees(std::uint64_t live) const;
 

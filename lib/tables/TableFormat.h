@@ -627,7 +627,8 @@ inline std::uint64_t ringWord(std::uint32_t slot, const KeyWords& key, unsigned 
   return std::uint64_t{checkIn(sum)} << 32 | slot;
 }
 
-// Makes an empty table of these zero bytes; their header stands already.
-void formatTable(const TableImage& image);
+// Makes an empty table of these zero bytes; their header stands already. By so many lines of the hash index: false when
+// there are more behind them, which are asked for in turn.
+bool formatTable(const TableImage& image, std::uint32_t firstLine = 0, std::uint32_t lines = ~std::uint32_t{0});
 
 }  // namespace LinuxPlatform

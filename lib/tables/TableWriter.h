@@ -14,9 +14,9 @@
 // and `moving`, so the next writer either finds no trace of it or brings it to its end.
 //
 // What goes over the whole table in one go, and so holds the thread: a look at the version words of all slots when a
-// writer is made (some 7 ms a million entries; some 20 where its state or a free slot is damaged, or values lie in the
-// heap), at the order's nodes too when the last writer stopped in a change (some 10 ms), and all of it, with the
-// indexes (some 100 ms), when damage shows while the table is written.
+// writer is made, but not in parts (some 7 ms a million entries; some 20 where its state or a free slot is damaged, or
+// values lie in the heap), at the order's nodes too when the last writer stopped in a change (some 10 ms), and all of
+// it, with the indexes (some 100 ms), when damage shows while the table is written.
 #pragma once
 
 #include <cstdint>
@@ -43,6 +43,12 @@ class TableWriter {
   // room. `release` takes it back; without it no memory is given back.
   TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve = {},
               Release release = {});
+  // The same in parts: takeOver() looks at about so many more slots, and nothing else is asked of the writer before it
+  // has come to the end (true).
+  struct InParts {};
+  TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve, Release release,
+              InParts);
+  bool takeOver(std::uint32_t slots);
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
@@ -110,6 +116,15 @@ class TableWriter {
     std::uint64_t live = 0;
     std::uint32_t usedEnd = 0;
   };
+  // A take-over under way: the slots are looked at from `next` to `end`.
+  struct Adoption {
+    bool sound = false;  // the indexes need not be rebuilt
+    std::optional<std::uint32_t> interrupted;
+    std::uint32_t movedFrom = nowhere;  // where the interrupted slot's entry stands as well
+    Look look = Look::quick;
+    std::uint32_t next = 0, end = 0;
+    Survey found;
+  };
 
   // --- changes
   Pondra::WriteResult update(std::uint32_t slot, const KeyWords& key, Bytes value, Announced as = Announced::change);
@@ -148,9 +163,12 @@ class TableWriter {
   void repair(const std::string& what);
   bool stateIsSound() const;
   bool adopt();
+  void beginAdoption();
+  void beginSurvey(Look look);
+  bool surveyPart(std::uint32_t slots);
+  bool endAdoption();
   void survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Look look,
               Survey& found) const;
-  bool surveyAll(std::optional<std::uint32_t> interrupted, Look look, Survey& found) const;
   bool isUntouched(std::uint32_t slot) const;
   bool entryIsWhole(std::uint32_t slot) const;
   void adoptHeap(Survey& found);
@@ -183,6 +201,7 @@ class TableWriter {
   bool inserts_ = true;  // the last write did
   std::uint64_t liveCount_ = 0;
   std::uint64_t sequence_ = 0;
+  std::optional<Adoption> adoption_;
   std::optional<Verification> verification_;
   std::optional<Rebuild> rebuild_;
   std::optional<GivingBack> givingBack_;

@@ -8,6 +8,13 @@ namespace LinuxPlatform {
 
 TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve,
                          Release release)
+    : TableWriter(image, capacity, std::move(report), std::move(reserve), std::move(release), InParts()) {
+  while (!takeOver(image.geometry().slots)) {
+  }
+}
+
+TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, DamageReport report, Reserve reserve,
+                         Release release, InParts)
     : reserve_(std::move(reserve)),
       release_(std::move(release)),
       image_(image),
@@ -23,7 +30,12 @@ TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, Damage
   }
   if (isSound(load(image.state().epoch)) && !indexesStand())
     report_("the last writer ended while it rebuilt the index");
-  const bool sound = adopt();
+  beginAdoption();
+}
+
+bool TableWriter::takeOver(std::uint32_t slots) {
+  if (!surveyPart(slots)) return false;
+  const bool sound = endAdoption();
   if (!sound || (slots_.used() == 0 && hash_.count() != 0U)) {
     report_("the index is rebuilt from the entries");
     rebuildIndexes();
@@ -32,6 +44,7 @@ TableWriter::TableWriter(const TableImage& image, std::uint32_t capacity, Damage
   }
   storeNumber(image_.state().operation, 0);
   storeNumber(image_.state().moving, 0);
+  return true;
 }
 
 void TableWriter::repair(const std::string& what) {
@@ -54,6 +67,13 @@ bool TableWriter::stateIsSound() const {
 
 // Learns from the slots what is live and what is free. False: the indexes must be rebuilt.
 bool TableWriter::adopt() {
+  beginAdoption();
+  while (!surveyPart(image_.geometry().slots)) {
+  }
+  return endAdoption();
+}
+
+void TableWriter::beginAdoption() {
   TableState& state = image_.state();
   givingBack_.reset();
   const bool soundState = stateIsSound();
@@ -78,15 +98,54 @@ bool TableWriter::adopt() {
     sound = order_.adopt(interrupted ? &key : nullptr);
   }
 
-  const std::uint32_t movedFrom = interrupted ? slotMovedFrom(*interrupted) : nowhere;
-
+  adoption_.emplace();
+  adoption_->sound = sound;
+  adoption_->interrupted = interrupted;
+  adoption_->movedFrom = interrupted ? slotMovedFrom(*interrupted) : nowhere;
   // Whether each entry is whole is left to verify(), or to the rebuild; not for values in the heap, whose places are
   // counted.
-  Survey found;
-  if (!soundState || image_.geometry().inHeap || !surveyAll(interrupted, Look::quick, found)) {
-    found = {};
-    sound = surveyAll(interrupted, Look::thorough, found) && sound;
+  beginSurvey(!soundState || image_.geometry().inHeap ? Look::thorough : Look::quick);
+}
+
+void TableWriter::beginSurvey(Look look) {
+  const std::uint64_t highWater = load(image_.state().highWater);
+  adoption_->look = look;
+  adoption_->next = 0;
+  adoption_->end = isSound(highWater) ? image_.highWater() : image_.geometry().slots;
+  adoption_->found = {};
+}
+
+// True: all slots have been looked at that have to be. What was found may contradict the table's state: where the first
+// look was a quick one, there is another.
+bool TableWriter::surveyPart(std::uint32_t slots) {
+  const std::uint32_t end = adoption_->next + std::min(slots, adoption_->end - adoption_->next);
+  survey(adoption_->next, end, adoption_->interrupted, adoption_->look, adoption_->found);
+  adoption_->next = end;
+  if (end < adoption_->end) return false;
+  const Survey& found = adoption_->found;
+  const bool thorough = adoption_->look == Look::thorough;
+  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
+  const bool fits =
+      found.live + found.damaged.size() >= loadNumber(image_.state().liveCount) || adoption_->interrupted.has_value();
+  if (fits && (thorough || found.damaged.empty())) return true;
+  if (!thorough) {
+    beginSurvey(Look::thorough);
+    return false;
   }
+  adoption_->sound = false;
+  const bool beyond = end < image_.geometry().slots;
+  adoption_->end = image_.geometry().slots;
+  return !beyond;
+}
+
+// Puts to use what the slots have told. False: the indexes must be rebuilt.
+bool TableWriter::endAdoption() {
+  TableState& state = image_.state();
+  bool sound = adoption_->sound;
+  const std::optional<std::uint32_t> interrupted = adoption_->interrupted;
+  const std::uint32_t movedFrom = adoption_->movedFrom;
+  Survey found = std::move(adoption_->found);
+  adoption_.reset();
   const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : 0;
   const std::uint32_t used = std::max(end, found.usedEnd);
   std::erase_if(found.free, [&](std::uint32_t slot) { return slot >= used; });
@@ -102,18 +161,6 @@ bool TableWriter::adopt() {
   if (interrupted) finish(*interrupted, sound);
   discard(found.damaged);
   return sound;
-}
-
-// False: what was found contradicts the table's state.
-bool TableWriter::surveyAll(std::optional<std::uint32_t> interrupted, Look look, Survey& found) const {
-  const TableState& state = image_.state();
-  const std::uint32_t slots = image_.geometry().slots;
-  const std::uint32_t end = isSound(load(state.highWater)) ? image_.highWater() : slots;
-  survey(0, end, interrupted, look, found);
-  // A count that does not fit has two explanations: a writer that died in mid-change, or a damaged high-water mark.
-  const bool fits = found.live + found.damaged.size() >= loadNumber(state.liveCount) || interrupted;
-  if (!fits && look == Look::thorough) survey(end, slots, interrupted, look, found);
-  return fits && (look == Look::thorough || found.damaged.empty());
 }
 
 void TableWriter::survey(std::uint32_t from, std::uint32_t to, std::optional<std::uint32_t> interrupted, Look look,

@@ -82,19 +82,59 @@ void SharedTableService::hugePagesAreWanted() {
 
 void SharedTableService::mount(const std::string& path, const std::string& typeName, MountKind kind,
                                const std::optional<CollectionInfo>& info) {
-  addMount(path, typeName, kind, info, Unreadable::error);
+  addMount(path, typeName, kind, info, Unreadable::error, [] { return false; });
+}
+
+bool SharedTableService::mountPart(const std::string& path, const std::string& typeName, MountKind kind,
+                                   const std::optional<CollectionInfo>& info,
+                                   const std::function<bool()>& shouldYield) {
+  return addMount(path, typeName, kind, info, Unreadable::error, shouldYield);
+}
+
+bool SharedTableService::followPart(const std::string& path, const std::function<bool()>& shouldYield) {
+  const auto found = mounts_.find(path);
+  return found == mounts_.end() || found->second.collection->prepareToFollow(shouldYield);
 }
 
 void SharedTableService::mountWhenReadable(const std::string& path, const std::string& typeName) {
-  addMount(path, typeName, MountKind::reader, std::nullopt, Unreadable::waits);
+  addMount(path, typeName, MountKind::reader, std::nullopt, Unreadable::waits, [] { return false; });
 }
 
-void SharedTableService::addMount(const std::string& path, const std::string& typeName, MountKind kind,
-                                  const std::optional<CollectionInfo>& info, Unreadable unreadable) {
-  if (const auto found = mounts_.find(path); found != mounts_.end()) {
-    if (found->second.typeName == typeName && found->second.collection->kind() == kind) return;
-    refuseMount(path, "it is mounted here already, with another type or kind");
+bool SharedTableService::addMount(const std::string& path, const std::string& typeName, MountKind kind,
+                                  const std::optional<CollectionInfo>& info, Unreadable unreadable,
+                                  const std::function<bool()>& shouldYield) {
+  auto begun = opening_.find(path);
+  const auto mounted = mounts_.find(path);
+  if (const bool isBegun = begun != opening_.end(); isBegun || mounted != mounts_.end()) {
+    const Mount& mount = isBegun ? begun->second : mounted->second;
+    if (mount.typeName != typeName || mount.collection->kind() != kind) {
+      refuseMount(path, "it is mounted here already, with another type or kind");
+    }
+    if (!isBegun) return true;
+  } else {
+    begun = opening_.emplace(path, newMount(path, typeName, kind, info, unreadable)).first;
   }
+  try {
+    if (kind == MountKind::writer && !begun->second.collection->open(shouldYield)) return false;
+  } catch (...) {
+    opening_.erase(begun);
+    throw;
+  }
+  const Mount& mount = mounts_.insert(opening_.extract(begun)).position->second;
+  mount.table->handleParent(directoryOf(path));
+  mount.table->controlIs(mount.collection);
+  if (!mount.collection->verified()) context_->adopted.push_back(mount.collection);
+  if (kind == MountKind::writer) {
+    writers_[path] = mount.collection;
+  } else {
+    readers_[tableFileName(path)] = mount.collection;
+  }
+  return true;
+}
+
+SharedTableService::Mount SharedTableService::newMount(const std::string& path, const std::string& typeName,
+                                                       MountKind kind, const std::optional<CollectionInfo>& info,
+                                                       Unreadable unreadable) {
   const std::shared_ptr<TableEntity> table = types_.make(typeName, leafOf(path));
   if (!table) refuseMount(path, "no table type is called " + typeName);
   const Pondra::TableLayout layout = table->layout();
@@ -105,12 +145,7 @@ void SharedTableService::addMount(const std::string& path, const std::string& ty
   } else {
     watchDirectory();
   }
-  auto collection = std::make_shared<TableCollection>(context_, path, kind, layout, capacity, unreadable);
-  table->handleParent(directoryOf(path));
-  table->controlIs(collection);
-  if (!collection->verified()) context_->adopted.push_back(collection);
-  if (kind != MountKind::writer) readers_[tableFileName(path)] = collection;
-  mounts_.emplace(path, Mount{typeName, table, std::move(collection)});
+  return {typeName, table, std::make_shared<TableCollection>(context_, path, kind, layout, capacity, unreadable)};
 }
 
 // In a directory that others may write into, a writer's files could become theirs.
@@ -140,15 +175,22 @@ std::shared_ptr<Lattis::Entity> SharedTableService::directoryOf(const std::strin
 void SharedTableService::watchDirectory() {
   if (watching_ || !wakeup_) return;
   watchWanted_ = true;
-  watching_ = inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO) >= 0;
+  watched_ = fileIdentity(context_->directory);  // first: what takes its place meanwhile is found to be another
+  watch_ = inotify_add_watch(wakeup_.get(), context_->directory.c_str(), IN_MODIFY | IN_MOVED_TO | IN_CREATE);
+  watching_ = watch_ >= 0;
 }
 
 void SharedTableService::unmount(const std::string& path) {
+  opening_.erase(path);
   const auto found = mounts_.find(path);
   if (found == mounts_.end()) return;
   const Mount mount = std::move(found->second);
   mounts_.erase(found);
-  if (mount.collection->kind() != MountKind::writer) readers_.erase(tableFileName(path));
+  if (mount.collection->kind() == MountKind::writer) {
+    writers_.erase(path);
+  } else {
+    readers_.erase(tableFileName(path));
+  }
   mount.collection->flush();
   mount.collection->close();
   mount.table->handleParent(nullptr);
@@ -255,21 +297,43 @@ bool SharedTableService::namesChanged() {
   return true;
 }
 
-void SharedTableService::checkFiles(bool all, bool retry) {
-  for (const auto& [path, mount] : mounts_) {
-    TableCollection& collection = *mount.collection;
-    const bool suspect = collection.refused() || collection.broken() || collection.kind() == MountKind::writer;
-    if (all || suspect) collection.checkReplacement(retry);
-  }
+bool SharedTableService::pendingChanges() {
+  // Among what is told may be the end of the watch.
+  const bool missed = watchStands() ? readEvents() || !watchStands() : watching_ || namesChanged();
+  for (const auto& [path, collection] : writers_) lookAt(*collection, false);
+  lookAround(missed);
+  return !context_->due.empty() || !context_->adopted.empty();
 }
 
-bool SharedTableService::pendingChanges() {
-  constexpr unsigned pollsPerRetry = 10;
+// Whether the kernel has been telling what happens in the directory since the last call. Another may have taken the
+// place of the one that is watched.
+bool SharedTableService::watchStands() {
+  if (watching_ && fileIdentity(context_->directory).isSameFile(watched_)) return true;
+  if (std::exchange(watching_, false)) inotify_rm_watch(wakeup_.get(), watch_);
   if (watchWanted_) watchDirectory();
-  const bool changed = namesChanged();
-  checkFiles(changed, ++polls_ % pollsPerRetry == 0);
-  findPending();
-  return !context_->due.empty() || !context_->adopted.empty();
+  return false;
+}
+
+void SharedTableService::lookAround(bool all) {
+  std::size_t left = all ? mounts_.size() : std::min(mounts_.size(), tablesAPoll);
+  auto at = mounts_.lower_bound(nextLooked_);
+  if (nextLooked_.empty()) ++rounds_;
+  for (; left > 0; --left) {
+    if (at == mounts_.end()) {
+      ++rounds_;
+      at = mounts_.begin();
+    }
+    if (at->second.collection->kind() != MountKind::writer) lookAt(*at->second.collection, all);
+    ++at;
+  }
+  nextLooked_ = at == mounts_.end() ? std::string() : at->first;
+}
+
+void SharedTableService::lookAt(TableCollection& collection, bool all) {
+  constexpr unsigned roundsPerRetry = 10;
+  const bool suspect = collection.refused() || collection.broken() || collection.kind() == MountKind::writer;
+  if (all || suspect) collection.checkReplacement(rounds_ % roundsPerRetry == 0);
+  if (collection.pending()) collection.dueIs();
 }
 
 void SharedTableService::handleFileEvent(std::string_view fileName, bool written) {
@@ -284,6 +348,12 @@ void SharedTableService::handleFileEvent(std::string_view fileName, bool written
 }
 
 void SharedTableService::handleWakeup() {
+  if (readEvents()) lookAround(true);
+  if (!context_->due.empty()) context_->wantDelivery();
+}
+
+// True: not all of what has happened was told.
+bool SharedTableService::readEvents() {
   constexpr std::size_t largestEvent = sizeof(inotify_event) + NAME_MAX + 1;
   alignas(inotify_event) std::array<char, 4096> events;
   bool lost = false;
@@ -295,7 +365,8 @@ void SharedTableService::handleWakeup() {
       inotify_event event;
       std::memcpy(&event, events.data() + at, sizeof event);
       const char* const name = events.data() + at + sizeof event;
-      if ((event.mask & IN_IGNORED) != 0) watching_ = false;  // the directory was removed
+      // The directory was removed, not another one before it.
+      if ((event.mask & IN_IGNORED) != 0 && event.wd == watch_) watching_ = false;
       if ((event.mask & IN_Q_OVERFLOW) != 0) {
         lost = true;
       } else if (event.len > 0) {
@@ -304,11 +375,7 @@ void SharedTableService::handleWakeup() {
       at += sizeof event + event.len;
     }
   }
-  if (lost) {
-    checkFiles(true, false);
-    findPending();
-  }
-  if (!context_->due.empty()) context_->wantDelivery();
+  return lost;
 }
 
 void SharedTableService::flush() {

@@ -43,6 +43,9 @@ class SharedTableService final : public Pondra::TableService {
 
   void mount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
              const std::optional<Pondra::CollectionInfo>& info = std::nullopt) override;
+  bool mountPart(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+                 const std::optional<Pondra::CollectionInfo>& info, const std::function<bool()>& shouldYield) override;
+  bool followPart(const std::string& path, const std::function<bool()>& shouldYield) override;
   void mountWhenReadable(const std::string& path, const std::string& typeName) override;
   void unmount(const std::string& path) override;
   std::shared_ptr<Pondra::TableEntity> entity(std::string_view path) const override;
@@ -58,10 +61,13 @@ class SharedTableService final : public Pondra::TableService {
   // The last delivery has left only what those who are told want later: it is their turn to work.
   bool listenersAreBusy() const { return listenersAreBusy_; }
   // Whether any mounted table has something to deliver, or has appeared, been replaced or, written here, been removed.
-  // Reads a word per table, and asks who the files are: those of written tables, those that were refused or have been
-  // cut short under their reader, and all when names have changed in the directory. Finds also what a writer changed
-  // that died before it flushed. Every tenth call tries the files that were refused again.
+  // Hears what the kernel has told of the directory, reads a word per table, and asks who the files are: those of
+  // written tables, those that were refused or have been cut short under their reader, and all when names have changed
+  // and the kernel was not there to tell. Finds also what a writer changed that died before it flushed. Of more than
+  // tablesAPoll tables it looks at so many, in turn, and at all when something may have been missed. Every tenth round
+  // tries the files that were refused again.
   bool pendingChanges();
+  static constexpr std::size_t tablesAPoll = 2048;
 
   // Whether tables that are written here, and have not changed much for half a second, keep much more memory than their
   // entries need, which pendingChanges() finds out; or takeMemoryFreed() has something to say.
@@ -91,14 +97,20 @@ class SharedTableService final : public Pondra::TableService {
     std::shared_ptr<TableCollection> collection;
   };
 
-  void addMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
-                const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable);
+  bool addMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+                const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable,
+                const std::function<bool()>& shouldYield);
+  Mount newMount(const std::string& path, const std::string& typeName, Pondra::MountKind kind,
+                 const std::optional<Pondra::CollectionInfo>& info, Unreadable unreadable);
   std::shared_ptr<Lattis::Entity> directoryOf(const std::string& path);
   void makeDirectories();
   void watchDirectory();
   void checkOwner(const std::string& path);
   bool namesChanged();
-  void checkFiles(bool all, bool retry);
+  bool watchStands();
+  void lookAround(bool all);
+  void lookAt(TableCollection& collection, bool all);
+  bool readEvents();
   void handleFileEvent(std::string_view fileName, bool written);
   bool verifyAdopted(const std::function<bool()>& shouldYield);
   // Puts every table that has something to deliver among those that are due.
@@ -112,10 +124,15 @@ class SharedTableService final : public Pondra::TableService {
   FileDescriptor wakeup_;
   bool watchWanted_ = false;
   bool watching_ = false;
+  int watch_ = -1;
+  FileIdentity watched_;  // the directory
   std::map<std::string, Mount, std::less<>> mounts_;
+  std::map<std::string, Mount, std::less<>> opening_;  // mounted in parts, and not yet to the end
   std::map<std::string, std::shared_ptr<TableCollection>, std::less<>> readers_;   // by file name
+  std::map<std::string, std::shared_ptr<TableCollection>, std::less<>> writers_;   // by path
   std::map<std::string, std::weak_ptr<Lattis::Entity>, std::less<>> directories_;  // by path
-  unsigned polls_ = 0;
+  unsigned rounds_ = 0;                                                            // through all tables, by polls
+  std::string nextLooked_;       // path at which the next poll goes on; empty: another round begins
   FileIdentity directoryState_;  // when all files were last asked
   std::string firstServed_;      // path at which the next delivery begins
   bool listenersAreBusy_ = false;

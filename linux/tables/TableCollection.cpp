@@ -44,20 +44,18 @@ TableCollection::TableCollection(std::shared_ptr<TableServiceContext> context, s
       path_(std::move(path)),
       kind_(kind),
       layout_(std::move(layout)),
-      report_([this](std::string_view what) { reportCorruption(what); }) {
-  if (kind_ == MountKind::writer) {
-    openForWriting(capacity);
-  } else {
-    const FileIdentity identity = fileIdentity(fileName());
-    try {
-      file_ = openForReading();
-    } catch (const TableError& error) {
-      if (unreadable == Unreadable::error) throw;
-      found_ = true;
-      refuseFile(identity, error);
-    }
+      report_([this](std::string_view what) { reportCorruption(what); }),
+      wantedCapacity_(capacity) {
+  if (kind_ == MountKind::writer) return;
+  const FileIdentity identity = fileIdentity(fileName());
+  try {
+    file_ = openForReading();
+  } catch (const TableError& error) {
+    if (unreadable == Unreadable::error) throw;
+    found_ = true;
+    refuseFile(identity, error);
   }
-  if (file_) view_.emplace(file_->image(), report_);
+  opened();
 }
 
 Reserve TableCollection::roomIn(const TableFile& file) {
@@ -100,22 +98,47 @@ std::unique_ptr<TableFile> TableCollection::openForReading() {
   return file;
 }
 
-void TableCollection::openForWriting(std::uint32_t capacity) {
-  lock_ = lockTable(context_->directory, path_);
-  file_ = TableFile::open(context_->directory, path_, layout_, true);
+bool TableCollection::open(const std::function<bool()>& shouldYield) {
+  constexpr std::uint32_t slotsAtATime = 16384;
+  if (!file_) beginWriting();
+  if (opened_) return true;
+  while (isNew_ && !writer_ && !file_->preparePart()) {
+    if (shouldYield()) return false;
+  }
+  if (!writer_) {
+    writer_ = std::make_unique<TableWriter>(file_->image(), wantedCapacity_, report_, roomIn(*file_), releaseIn(*file_),
+                                            TableWriter::InParts());
+  }
+  while (!writer_->takeOver(slotsAtATime)) {
+    if (shouldYield()) return false;
+  }
+  storeWriterWords(*file_);
+  if (isNew_) file_->publish();
+  tellPages(*file_);
+  if (writer_->sequence() > maxSequence / 2) countAnew();
+  opened();
+  return true;
+}
+
+// A table of another capacity is copied in one go.
+void TableCollection::beginWriting() {
+  const std::string& directory = context_->directory;
+  lock_ = lockTable(directory, path_);
+  file_ = TableFile::open(directory, path_, layout_, true);
   if (file_ && context_->hugePages) file_->hugePagesAreWanted();
   beginGeneration();
-  if (file_ && file_->capacity() != capacity) {
-    copyEntries(capacity);
-  } else {
-    const bool isNew = !file_;
-    if (isNew) file_ = TableFile::create(context_->directory, path_, layout_, capacity, capacity, context_->hugePages);
-    writer_ = std::make_unique<TableWriter>(file_->image(), capacity, report_, roomIn(*file_), releaseIn(*file_));
-    storeWriterWords(*file_);
-    if (isNew) file_->publish();
-    tellPages(*file_);
-    if (writer_->sequence() > maxSequence / 2) countAnew();
+  isNew_ = !file_;
+  if (isNew_) {
+    file_ = TableFile::begin(directory, path_, layout_, wantedCapacity_, wantedCapacity_, context_->hugePages);
+  } else if (file_->capacity() != wantedCapacity_) {
+    copyEntries(wantedCapacity_);
+    opened();
   }
+}
+
+void TableCollection::opened() {
+  if (file_) view_.emplace(file_->image(), report_);
+  opened_ = true;
 }
 
 // A new table begins with the time, in microseconds: made anew after it was lost, it does not look like the same
@@ -320,22 +343,40 @@ void TableCollection::tell() const {
 }
 
 std::uint64_t TableCollection::follow(Sink* sink) {
+  const auto prepared = sink_ == nullptr ? std::exchange(follower_, nullptr) : nullptr;
   sink_ = nullptr;
   follower_.reset();
   streaming_ = false;
   toldWriter_ = writerWords();
   if (sink != nullptr) {
     sink_ = sink;
-    follower_ = std::make_shared<ChangeFollower>(report_);
-    if (view_) follower_->start(*view_);
+    follower_ = prepared ? prepared : std::make_shared<ChangeFollower>(report_);
+    if (prepared) {
+      prepared->deliver([](const KeyWords&, std::uint64_t) { return true; });
+    } else if (view_) {
+      follower_->start(*view_);
+    }
   }
   newestTold_ = std::max(newestTold_, lastSequence());
   return lastSequence();
 }
 
+bool TableCollection::prepareToFollow(const std::function<bool()>& shouldYield) {
+  constexpr unsigned keysAtATime = 256;
+  if (sink_ != nullptr || !view_ || kind_ == MountKind::keyedReader) return true;
+  if (!follower_) {
+    follower_ = std::make_shared<ChangeFollower>(report_);
+    follower_->restart(*view_);  // what it tells is what it remembers
+  }
+  unsigned keys = 0;
+  follower_->deliver([&](const KeyWords&, std::uint64_t) { return ++keys % keysAtATime != 0 || !shouldYield(); });
+  return !follower_->pending();
+}
+
 bool TableCollection::deliver(const std::function<bool()>& shouldYield) {
   const std::shared_ptr<ChangeFollower> follower = follower_;
   if (!follower) return true;
+  if (sink_ == nullptr) return prepareToFollow(shouldYield);
   const WriterWords writer = writerWords();
   if (std::exchange(toldWriter_.generation, writer.generation) != writer.generation) {
     sink_->writerChanged();
@@ -481,6 +522,7 @@ void TableCollection::adoptReplacement() {
   if (!same) brokenTold_ = false;
   const bool appeared = !file_;
   if (!appeared) sequenceBase_ = nextBase();
+  if (sink_ == nullptr) follower_.reset();  // it takes stock of the other file anew
   const auto old = std::exchange(file_, std::move(next));
   const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
   if (!follower_) return;
@@ -526,6 +568,7 @@ void TableCollection::putBack() {
 }
 
 void TableCollection::copyWholeEntries() {
+  if (sink_ == nullptr) follower_.reset();
   const auto old = file_;  // the follower's until it has gone over
   const std::uint64_t base = nextBase();
   notCopied_ = true;

@@ -53,10 +53,16 @@ struct TableServiceContext {
 
 class TableCollection final : public Pondra::SharedCollection, public std::enable_shared_from_this<TableCollection> {
  public:
-  // Opens the table: a reader's may be missing. Throws TableError. A reader's layout without a type's name stands for
-  // whatever layout the first file has that it can read.
+  // Opens the table: a reader's may be missing, and a writer's is opened by open(). Throws TableError. A reader's
+  // layout without a type's name stands for whatever layout the first file has that it can read.
   TableCollection(std::shared_ptr<TableServiceContext> context, std::string path, Pondra::MountKind kind,
                   Pondra::TableLayout layout, std::uint32_t capacity, Unreadable unreadable = Unreadable::error);
+
+  // Goes on to make a writer's table or to take it over until that is done (true) or shouldYield, asked after each
+  // part, says stop (false). Throws TableError. Before it is done nothing else is asked of the collection.
+  bool open(const std::function<bool()>& shouldYield);
+  // Takes stock of the table, in parts as above, for a sink that is to follow it: follow() goes on from there.
+  bool prepareToFollow(const std::function<bool()>& shouldYield);
 
   const Pondra::TableLayout& layout() const { return layout_; }
   const std::string& path() const override { return path_; }
@@ -85,7 +91,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   // The sink wanted no more when it was last asked.
   bool listenerIsBusy() const { return listenerIsBusy_; }
   bool pending() const {
-    return replacementDue_ || streaming_ || (follower_ && (follower_->pending() || writerWords() != toldWriter_));
+    const auto writerChanged = [this] { return sink_ != nullptr && writerWords() != toldWriter_; };
+    return replacementDue_ || streaming_ || (follower_ && (follower_->pending() || writerChanged()));
   }
   // Puts the table among those that the next delivery looks at; false: it is one already.
   bool dueIs();
@@ -134,7 +141,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   void tellRoom(Pondra::WriteResult result);
   void finishIndexes() const;
   std::unique_ptr<TableFile> openForReading();
-  void openForWriting(std::uint32_t capacity);
+  void beginWriting();
+  void opened();
   void copyEntries(std::uint32_t capacity);
   void countAnew();
   bool ownFilesStand() const;
@@ -157,6 +165,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   Pondra::MountKind kind_;
   Pondra::TableLayout layout_;
   DamageReport report_;
+  std::uint32_t wantedCapacity_;  // a writer's
+  bool isNew_ = false;            // it is making the file
+  bool opened_ = false;
   TableLock lock_;
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
@@ -173,7 +184,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::chrono::steady_clock::time_point quietSince_;
 
   Sink* sink_ = nullptr;
-  std::shared_ptr<ChangeFollower> follower_;  // there while a sink is
+  std::shared_ptr<ChangeFollower> follower_;  // there while a sink is, or is expected: then it tells nobody
   bool listenerIsBusy_ = false;
   bool streaming_ = false;          // the sink has been told of a change and not yet of their end
   WriterWords toldWriter_;          // what the sink knows of the writer

@@ -246,6 +246,15 @@ std::unique_ptr<TableFile> TableFile::mapFile(std::string name, FileDescriptor f
 std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const std::string& path,
                                              const Pondra::TableLayout& layout, std::uint32_t capacity,
                                              std::uint32_t slots, bool hugePages) {
+  auto table = begin(directory, path, layout, capacity, slots, hugePages);
+  while (!table->preparePart()) {
+  }
+  return table;
+}
+
+std::unique_ptr<TableFile> TableFile::begin(const std::string& directory, const std::string& path,
+                                            const Pondra::TableLayout& layout, std::uint32_t capacity,
+                                            std::uint32_t slots, bool hugePages) {
   const std::string name = directory + "/" + tableFileName(path);
   const std::string temporary = name + ".new";
   const TableGeometry geometry(layout, slots);
@@ -264,16 +273,31 @@ std::unique_ptr<TableFile> TableFile::create(const std::string& directory, const
   std::uint64_t seed = 0;
   if (getrandom(&seed, sizeof seed, 0) != sizeof seed) giveUp("no random number for the table's seed");
   std::unique_ptr<TableFile> table(new TableFile(name, std::move(fd), geometry, capacity, base, true));
-  // Slots, nodes and heap are given theirs as they are used.
   table->unpublished_ = true;
   if (hugePages) table->hugePagesAreWanted();
-  if (!table->reserve(0, table->geometry_.slotPlaces.begin)) {
-    refuse(path, "no space left on " + directory + " for the table");
-  }
-  const TableHeader header = tableHeader(path, layout, capacity, slots, seed);
-  std::memcpy(base, &header, sizeof header);
-  formatTable(table->image());
+  const auto header = tableHeader(path, layout, capacity, slots, seed);
+  table->header_ = std::make_unique<TableHeader>(header);
   return table;
+}
+
+// Slots, nodes and heap are given room as they are used.
+bool TableFile::preparePart() {
+  constexpr std::size_t bytesAtATime = std::size_t{1} << 20;
+  constexpr std::uint32_t linesAtATime = 8192;
+  const std::size_t first = geometry_.slotPlaces.begin;
+  if (reservedTo_ < first) {
+    const std::size_t end = std::min(first, reservedTo_ + bytesAtATime);
+    if (!reserve(reservedTo_, end)) {
+      refuse(header_->path, "no space left on " + name_.substr(0, name_.rfind('/')) + " for the table");
+    }
+    reservedTo_ = end;
+    return false;
+  }
+  if (header_) std::memcpy(mapping_.base(), header_.get(), sizeof *header_);
+  header_.reset();
+  const bool done = formatTable(image_, linesMade_, linesAtATime);
+  linesMade_ += linesAtATime;
+  return done;
 }
 
 void TableFile::publish() {

@@ -109,6 +109,12 @@ class TableFile {
   static std::unique_ptr<TableFile> create(const std::string& directory, const std::string& path,
                                            const Pondra::TableLayout& layout, std::uint32_t capacity,
                                            std::uint32_t slots, bool hugePages = false);
+  // The same, but for the bytes, which preparePart() gives their room and their first contents, by some hundreds of
+  // microseconds: until it says so (true) the file is no table. It throws as create() does.
+  static std::unique_ptr<TableFile> begin(const std::string& directory, const std::string& path,
+                                          const Pondra::TableLayout& layout, std::uint32_t capacity,
+                                          std::uint32_t slots, bool hugePages);
+  bool preparePart();
   // From now on the kernel is asked for one page for each 2 MiB of which some are reserved for the first time; all of
   // them are taken then. It can from Linux 6.1 on, for files of a tmpfs. What it refuses goes on in small pages.
   void hugePagesAreWanted();
@@ -157,6 +163,9 @@ class TableFile {
   TableImage image_;
   FileIdentity identity_;
   bool unpublished_ = false;
+  std::unique_ptr<TableHeader> header_;  // of a file that is being made, until it has room
+  std::size_t reservedTo_ = 0;
+  std::uint32_t linesMade_ = 0;
   mutable std::vector<bool> smallYet_;  // by 2 MiB: the kernel is to be asked for one page; empty: it is not asked
   mutable int refusal_ = 0;
 };

@@ -588,6 +588,17 @@ class TableService {
   // TableError: unknown type, another type or layout at the path, a second writer, damage that leaves nothing to read.
   virtual void mount(const std::string& path, const std::string& typeName, MountKind kind,
                      const std::optional<CollectionInfo>& info = std::nullopt) = 0;
+  // The same in parts, for who must not hold the thread while a large table is made or taken over: goes on until the
+  // table is mounted (true), or until shouldYield, asked after each part, says stop (false); then it is called again
+  // with the same arguments. Until it is mounted entity() does not find the table, and unmount() gives it up.
+  virtual bool mountPart(const std::string& path, const std::string& typeName, MountKind kind,
+                         const std::optional<CollectionInfo>& info, const std::function<bool()>& /*shouldYield*/) {
+    mount(path, typeName, kind, info);
+    return true;
+  }
+  // Makes ready, in parts as above, for the first reactor of a mounted table, which otherwise takes stock of all its
+  // entries when it registers.
+  virtual bool followPart(const std::string& /*path*/, const std::function<bool()>& /*shouldYield*/) { return true; }
   // Mounts a reader that waits for a table it can read: whatever lies at the path now, it is no TableError. A file that
   // is no such table, or cannot be opened, is reported once to the corruption handler, and tried again when it has
   // changed and now and then. The reactors hear of the mount then, not of the entries that they find (they walk): which

@@ -424,6 +424,61 @@ TYPED_TEST(SharedTableTest, TheNextWriterFindsWhatWasPublishedInATableOfAnyCapac
   this->backend.checkInvariants(*this->writing);
 }
 
+// A table that is made, taken over and followed in parts, while others have their turns between these.
+TYPED_TEST(SharedTableTest, AMountInPartsEndsWhereAWholeOneWould) {
+  constexpr std::uint32_t capacity = 40000;
+  constexpr std::uint64_t entries = 35000;
+  const auto stop = [] { return true; };
+  const auto part = [&](Pondra::TableService& service, const char* typeName = FixedTable::typeName) {
+    return service.mountPart(this->path, typeName, MountKind::writer, CollectionInfo{"route", capacity}, stop);
+  };
+  EXPECT_FALSE(part(*this->writing));
+  EXPECT_EQ(this->writing->entity(this->path), nullptr);
+  EXPECT_THAT(this->errorOf([&] { part(*this->writing, SizedTable::typeName); }), HasSubstr("another type or kind"));
+  EXPECT_THAT(this->errorOf([&] { part(*this->backend.service()); }),
+              HasSubstr("another process is the table's writer"));
+  EXPECT_FALSE(this->reader()->mounted()) << "a table in the making is none";
+  this->writing->unmount(this->path);  // given up: whoever comes next makes it
+  this->writing = this->backend.service();
+  while (!part(*this->writing)) {
+  }
+  auto written = this->writing->template get<FixedTable>(this->path);
+  for (std::uint64_t key = 0; key < entries; ++key) written->routeIs({key, 1});
+  this->settle();
+
+  this->writing = this->backend.service();
+  int parts = 1;
+  for (; !part(*this->writing); ++parts) EXPECT_EQ(this->writing->entity(this->path), nullptr);
+  EXPECT_GT(parts, 2);
+  written = this->writing->template get<FixedTable>(this->path);
+  EXPECT_EQ(written->size(), entries);
+
+  // What changes while a reader makes ready, more than any ring can tell of, is no change to who registers then.
+  EXPECT_FALSE(this->reading->followPart(this->path, stop));
+  for (std::uint64_t key = 0; key < entries; ++key) {
+    if (key % 4 == 0) written->routeDel(key);
+    if (key % 4 == 1) written->routeIs({key, 2});
+    if (key % 4 == 2) written->routeIs({key, 3});
+  }
+  this->backend.deliver(*this->reading, stop);
+  for (parts = 1; !this->reading->followPart(this->path, stop);) ++parts;
+  EXPECT_GT(parts, 10);
+  written->routeIs({4, 4});
+  Follower there(this->reader());
+  this->settle();
+  EXPECT_THAT(there.take(), IsEmpty());
+  EXPECT_THAT(there.quiescedHeard, IsEmpty());
+  // From now on none is missed, however many there are: those that have gone least of all.
+  for (int times = 0; times < 9; ++times) {
+    for (std::uint64_t key = 9000; key < 19000; ++key) written->routeIs({key, 5});
+  }
+  for (std::uint64_t key = 9000; key < 19000; ++key) written->routeDel(key);
+  this->settle();
+  EXPECT_GE(there.take().size(), 7500U) << "and some that came and went";
+  EXPECT_EQ(there.believed.size(), written->size());
+  this->backend.checkInvariants(*this->writing);
+}
+
 TYPED_TEST(SharedTableTest, EachWriterBeginsAnotherGenerationAndEndsItsRestart) {
   auto written = this->writer();
   const auto read = this->reader();
