@@ -109,8 +109,8 @@ void AgentHost::start(std::function<void()> ready) {
     if (!traceFile_ && std::string_view(name) == "ZEPHLOG_DISABLE") return "1";
     return static_cast<const char*>(std::getenv(name));
   };
+  services.started = std::move(ready);
   agent_->servicesIs(services);
-  stateDb_.afterMountsIs(std::move(ready));
   agent_->doInit();
 }
 

@@ -44,7 +44,8 @@ class AgentHost {
   // The shared tables of the run directory, which is made when it is missing. Once, before start(); `deliveryWanted` is
   // as SharedTableService has it.
   LinuxPlatform::SharedTableService& openTables(std::function<void()> deliveryWanted);
-  // Starts the agent; the rest of its start-up is a matter of the scheduler. `ready` is called when that is over.
+  // Starts the agent; the rest of its start-up is a matter of the scheduler. `ready` is called when everything that can
+  // be asked or set is there.
   void start(std::function<void()> ready);
   // Destroys the agent and wakes who follows its tables.
   void stop();

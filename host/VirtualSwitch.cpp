@@ -116,7 +116,7 @@ VirtualSwitch::VirtualSwitch(const VirtualSwitchSettings& settings)
     deliver(planeTables_);
   });
   host_.start([this, sets = settings.sets] {
-    if (std::exchange(ready_, true)) return;
+    ready_ = true;
     for (const auto& what : sets) set(what);
   });
   scheduler_.runDue();

@@ -17,6 +17,7 @@ extern "C" Platform::AgentBase* agentFactory(const char* name) {
 Agent::Agent(std::string name) : AgentBase(std::move(name)) {}
 
 Agent::~Agent() {
+  steps_.clear();
   vrfIdMapDel();
   vrfCachedRouteDel();
   cliCallbackWithFormatDel();
@@ -25,6 +26,7 @@ Agent::~Agent() {
   hwRouteSmDel();
   kernelRouteSmDel();
   sfeTableTask_.reset();
+  startTask_.reset();
 }
 
 void Agent::registerTypes(Lattis::EntityTypes& entities, Platform::TableTypes& tables,
@@ -95,17 +97,59 @@ void Agent::doMountsComplete(Lattis::MountStatus status, const std::shared_ptr<L
   nextHopStatus_ = em->get<Routing::NexthopStatus>(Paths::nexthopStatus);
   vtiStatusDir_ = em->get<Vxlan::VtiStatusDir>(Paths::vtiStatusDir);
   mountTables();
-  startStateMachines();
+  stepIs([this] {
+    startStateMachines();
+    return Progress::done;
+  });
+}
+
+// --- The start's task ------------------------------------------------------------------------------------------------
+
+void Agent::stepIs(std::function<Progress()> step) {
+  // Nothing decides about routes before the start is over; changes of tables are delivered in between.
+  if (!startTask_) {
+    startTask_ =
+        services().scheduler->taskIs("agentStartTask", Platform::TaskPriority::delivery, [this] { handleStart(); });
+  }
+  steps_.push_back({std::move(step)});
+  startTask_->scheduleWithin(0);
+}
+
+void Agent::handleStart() {
+  std::uint64_t taken = 0;
+  while (!steps_.empty()) {
+    // A step may add others.
+    const Step step = std::move(steps_.front());
+    steps_.pop_front();
+    const Progress progress = step.take();
+    if (progress != Progress::done) steps_.push_front(step);
+    if (progress == Progress::waits) break;
+    if (progress == Progress::done) ++taken;
+    if (steps_.empty() || !startTask_->shouldYield()) continue;
+    startTask_->scheduleWithin(0);
+    break;
+  }
+  startTask_->workCountIs(taken);
+  startTask_->workPendingIs(steps_.size());
 }
 
 // Mounts the table and fetches it by its path; a table of another type leaves the attribute empty. Writers have a
 // capacity.
 template <class T>
-std::shared_ptr<T> Agent::mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity) {
-  std::optional<Pondra::CollectionInfo> info;
-  if (kind == Pondra::MountKind::writer) info = Pondra::CollectionInfo{T::collectionName, capacity};
-  services().tables->mount(path, T::typeName, kind, info);
-  return services().tables->template get<T>(path);
+void Agent::mountIs(std::shared_ptr<T> Agent::*table, const char* path, Pondra::MountKind kind, Use use,
+                    std::uint32_t capacity) {
+  const auto shouldYield = [this] { return startTask_->shouldYield(); };
+  stepIs([=, this] {
+    std::optional<Pondra::CollectionInfo> info;
+    if (kind == Pondra::MountKind::writer) info = Pondra::CollectionInfo{T::collectionName, capacity};
+    Pondra::TableService& tables = *services().tables;
+    if (!tables.mountPart(path, T::typeName, kind, info, shouldYield)) return Progress::more;
+    this->*table = tables.template get<T>(path);
+    return Progress::done;
+  });
+  if (use == Use::followed) {
+    stepIs([=, this] { return services().tables->followPart(path, shouldYield) ? Progress::done : Progress::more; });
+  }
 }
 
 void Agent::mountTables() {
@@ -115,22 +159,24 @@ void Agent::mountTables() {
   const std::uint32_t sfeSize = routeCacheCapability_->sfeRouteTableSize();
   const std::uint32_t adjSize = routeCacheCapability_->adjacencyTableSize();
 
-  routeConfig_ = mounted<Routing::Rib::RouteConfig>(Paths::ribRoutes, MountKind::reader);
-  route6Config_ = mounted<Routing::Rib::RouteConfig>(Paths::rib6Routes, MountKind::reader);
-  viaConfig_ = mounted<Routing::Rib::RouteCache::Evpn::ViaConfig>(Paths::ribVias, MountKind::keyedReader);
-  ipv4HwHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(Paths::hwHitBits, MountKind::reader);
-  ipv4SfeHitBitStatus_ = mounted<RouteCache::Ipv4HitBitStatus>(Paths::sfeHitBits, MountKind::reader);
-  ipv4SfeProgrammedRouteStatus_ =
-      mounted<RouteCache::Ipv4ProgrammedRouteStatus>(Paths::sfeProgrammed, MountKind::reader);
-  unprogrammedRouteConfig_ =
-      mounted<Routing::Rib::RouteConfig>(Paths::unprogrammed, MountKind::writer, unprogrammedRouteTableSize());
-  ipv4SfeRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(Paths::sfeRoutes, MountKind::writer, sfeSize);
-  ipv4HwRouteStatus_ = mounted<RouteCache::Ipv4RouteStatus>(Paths::hwRoutes, MountKind::writer, hwSize);
-  ipv6HwRouteStatus_ = mounted<RouteCache::Ipv6RouteStatus>(Paths::hw6Routes, MountKind::writer, hwSize);
-  ipv4AdjStatus_ = mounted<RouteCache::Ipv4AdjacencyStatus>(Paths::adjacencies, MountKind::writer, adjSize);
-  ipv6AdjStatus_ = mounted<RouteCache::Ipv6AdjacencyStatus>(Paths::adjacencies6, MountKind::writer, adjSize);
-  kernelRouteStatus_ =
-      mounted<Routing::Rib::RouteConfig>(Paths::kernelRoutes, MountKind::writer, hwSize + kernelRouteBuffer());
+  const bool caching = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
+  const Use byCaching = caching ? Use::followed : Use::lookups;
+
+  mountIs(&Agent::routeConfig_, Paths::ribRoutes, MountKind::reader, Use::followed);
+  mountIs(&Agent::route6Config_, Paths::rib6Routes, MountKind::reader, Use::followed);
+  mountIs(&Agent::viaConfig_, Paths::ribVias, MountKind::keyedReader, Use::lookups);
+  mountIs(&Agent::ipv4HwHitBitStatus_, Paths::hwHitBits, MountKind::reader, Use::lookups);
+  mountIs(&Agent::ipv4SfeHitBitStatus_, Paths::sfeHitBits, MountKind::reader, byCaching);
+  mountIs(&Agent::ipv4SfeProgrammedRouteStatus_, Paths::sfeProgrammed, MountKind::reader, byCaching);
+  mountIs(&Agent::unprogrammedRouteConfig_, Paths::unprogrammed, MountKind::writer, Use::lookups,
+          unprogrammedRouteTableSize());
+  mountIs(&Agent::ipv4SfeRouteStatus_, Paths::sfeRoutes, MountKind::writer, byCaching, sfeSize);
+  mountIs(&Agent::ipv4HwRouteStatus_, Paths::hwRoutes, MountKind::writer, Use::followed, hwSize);
+  mountIs(&Agent::ipv6HwRouteStatus_, Paths::hw6Routes, MountKind::writer, Use::followed, hwSize);
+  mountIs(&Agent::ipv4AdjStatus_, Paths::adjacencies, MountKind::writer, byCaching, adjSize);
+  mountIs(&Agent::ipv6AdjStatus_, Paths::adjacencies6, MountKind::writer, byCaching, adjSize);
+  mountIs(&Agent::kernelRouteStatus_, Paths::kernelRoutes, MountKind::writer, Use::lookups,
+          hwSize + kernelRouteBuffer());
 }
 
 // Everything but the hardware's caching flag, which counts as false when it is missing.
@@ -169,6 +215,14 @@ void Agent::startStateMachines() {
   vrfIdMapIs();
   vrfCachedRouteIs();
   vrfSmIs();
+  stepIs([this] {
+    if (vrfSm_ && !vrfSm_->initialized()) return Progress::waits;
+    makeRouteStateMachines();
+    return Progress::done;
+  });
+}
+
+void Agent::makeRouteStateMachines() {
   hwRouteCachingEnabled_ = routingHwStatus_ && routingHwStatus_->hwRouteCachingEnabled();
   if (hwRouteCachingEnabled_) {
     swRouteSmIs(ipv4HwRouteStatus_, ipv4SfeRouteStatus_, ipv6HwRouteStatus_);
@@ -181,13 +235,23 @@ void Agent::startStateMachines() {
     inputsAreReady();
     emptySfeTable();
   }
+  stepIs([this] {
+    if (services().started) services().started();
+    return Progress::done;
+  });
 }
 
 void Agent::inputsAreReady() {
   inputsReady_ = true;
-  if (swRouteSm_) swRouteSm_->handleInitialized();
-  if (hwRouteSm_) hwRouteSm_->handleInitialized();
-  if (kernelRouteSm_) kernelRouteSm_->handleInitialized();
+  const auto startIs = [this](auto Agent::*sm) {
+    stepIs([this, sm] {
+      if (this->*sm && !(this->*sm)->initialized()) (this->*sm)->handleInitialized();
+      return Progress::done;
+    });
+  };
+  startIs(&Agent::swRouteSm_);
+  startIs(&Agent::hwRouteSm_);
+  startIs(&Agent::kernelRouteSm_);
 }
 
 // A predecessor with caching off has published to the hardware's table alone. With caching on a hardware route that the
@@ -315,6 +379,7 @@ void Agent::vrfSmIs() {
   vrfSmDel();
   vrfSm_ = RouteCache::VrfSmIs(hwRouteStatus_, piVrfIdMap_, vrfIdMap_, vrfCachedRoute_, *services().tables,
                                *services().scheduler, *services().trace);
+  vrfSm_->initializedHandlerIs([this] { startTask_->scheduleWithin(0); });
 }
 
 void Agent::swRouteSmIs(std::shared_ptr<const RouteCache::Ipv4RouteStatus> readOnlyIpv4,

@@ -1,9 +1,15 @@
 // The agent: start-up, the mounts of every input and output, and the state machines over them.
 //
-// created (agentFactory) -> doInit: tracing, state-database mounts -> doMountsComplete: shared tables, state machines,
-// which start as soon as the tables are as they take them over. There is no way back but destruction.
+// created (agentFactory) -> doInit: tracing, state-database mounts -> doMountsComplete -> the start's task: shared
+// tables, one after the other, then the state machines, which start as soon as the tables are as they take them over.
+// There is no way back but destruction.
+//
+// The start has so much to do that its task does it step by step, a time slice at a time. It goes before the tasks that
+// decide routes; what happens between two of its runs finds what has been made by then.
 #pragma once
 
+#include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,10 +45,11 @@ class Agent final : public Platform::AgentBase {
   void doInit() override;
   // Aborts when the mounts failed or an input that the state machines cannot do without is missing.
   void doMountsComplete(Lattis::MountStatus status, const std::shared_ptr<Lattis::EntityManager>& em) override;
+  // Begins to; its task ends it.
   void startStateMachines();
   void checkInvariants() const override;
 
-  // What is mounted; null before doMountsComplete, and for a path that holds another type.
+  // What is mounted; null before that, and for a path that holds another type.
   const auto& routingHwStatus() const { return routingHwStatus_; }
   const auto& hwRouteStatus() const { return hwRouteStatus_; }
   const auto& piVrfIdMap() const { return piVrfIdMap_; }
@@ -113,10 +120,21 @@ class Agent final : public Platform::AgentBase {
   void kernelRouteSmDel();
 
  private:
+  // A step of the start: done; to be called again; the same, by whom it waits for.
+  enum class Progress : std::uint8_t { done, more, waits };
+  struct Step {
+    std::function<Progress()> take;
+  };
+  enum class Use : std::uint8_t { lookups, followed };  // by reactors, too
+
   void traceFileIs();
+  void stepIs(std::function<Progress()> step);
+  void handleStart();
   void mountTables();
   template <class T>
-  std::shared_ptr<T> mounted(const char* path, Pondra::MountKind kind, std::uint32_t capacity = 0);
+  void mountIs(std::shared_ptr<T> Agent::*table, const char* path, Pondra::MountKind kind, Use use,
+               std::uint32_t capacity = 0);
+  void makeRouteStateMachines();
   void requireInputs() const;
   void endCommands();
   bool predecessorLeft() const;
@@ -129,7 +147,7 @@ class Agent final : public Platform::AgentBase {
   void handleSfeCleanup();
   // The tables' writers mark what they write when they have brought it in line. This marks what is not marked yet.
   void reconcileAllTables();
-  // The state machines that are there start, and those made from now on start at once.
+  // The state machines that are there start, one step each, and those made from now on start at once.
   void inputsAreReady();
 
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);  // goes with the agent: late completions ask
@@ -137,6 +155,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<Lattis::EntityManager> entityManager_;
   bool hwRouteCachingEnabled_ = false;
   bool inputsReady_ = false;
+  std::deque<Step> steps_;  // that the start still has to take
 
   // Declared so that members release in the right order: last declared, first released.
   std::shared_ptr<Routing::Rib::RouteConfig> kernelRouteStatus_;
@@ -163,6 +182,7 @@ class Agent final : public Platform::AgentBase {
   std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus_;
   std::shared_ptr<const Routing::Hardware::Status> routingHwStatus_;
 
+  std::unique_ptr<Platform::Task> startTask_;
   std::unique_ptr<RouteCache::DeferredTask> sfeTableTask_;
   std::optional<RouteCache::Ipv4RouteVrfKey> sfeFillBookmark_;
   std::shared_ptr<RouteCache::KernelRouteSm> kernelRouteSm_;

@@ -60,10 +60,10 @@ VrfSm::VrfSm(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus
   hwVrfReactor_ = std::make_unique<HwVrfReactor>(*this, hwRouteStatus_);
   piVrfReactor_ = std::make_unique<PiVrfReactor>(*this, piVrfIdMap_);
   dropStalePairs();
-  handleHwVrfCreation();
-  handlePIVrfCreation();
-  for (const auto& entry : hwRouteStatus_->vrfStatus()) hwVrfStatusIs(entry.second);
-  handleInitialized();
+  // Ahead of the tasks that decide routes: theirs wait for their VRFs.
+  walkTask_ = std::make_unique<DeferredTask>(scheduler_, trace_, "vrfWalkTask", Platform::TaskPriority::delivery,
+                                             [this] { handleVrfWalk(); });
+  handleVrfWalk();
 }
 
 VrfSm::~VrfSm() {
@@ -82,13 +82,73 @@ std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteSta
 void VrfSm::handleInitialized() {
   trace_(9, __PRETTY_FUNCTION__);
   initialized_ = true;
+  if (initializedHandler_) initializedHandler_();
+}
+
+// --- The walk of the start -------------------------------------------------------------------------------------------
+
+void VrfSm::handleVrfWalk() {
+  while (walkStage()) {
+    walkBookmark_.reset();
+    if (walkStage_ == Stage::reactors) {
+      walkTask_.reset();
+      handleInitialized();
+      return;
+    }
+    walkStage_ = walkStage_ == Stage::hardware ? Stage::platform : Stage::reactors;
+  }
+  walkPaused_ = true;
+  walkTask_->schedule(0);
+}
+
+bool VrfSm::walkStage() {
+  switch (walkStage_) {
+    case Stage::hardware:
+      return handleHwVrfCreation();
+    case Stage::platform:
+      return handlePIVrfCreation();
+    case Stage::reactors:
+      return followHwVrfs();
+  }
+  return true;
+}
+
+namespace {
+const std::string& textOf(const L3::VrfName& name) {
+  return name.text();
+}
+const std::string& textOf(const std::string& name) {
+  return name;
+}
+}  // namespace
+
+template <class Map, class Visit>
+bool VrfSm::walkOn(const Map& vrfs, Visit&& visit) {
+  using Name = typename Map::key_type;
+  auto at = walkBookmark_ ? vrfs.lower_bound(Name(*walkBookmark_)) : vrfs.begin();
+  while (at != vrfs.end()) {
+    visit(*at);
+    ++at;
+    if (at == vrfs.end() || !walkTask_->shouldYield()) continue;
+    walkBookmark_ = textOf(at->first);
+    return false;
+  }
+  return true;
+}
+
+bool VrfSm::followHwVrfs() {
+  return walkOn(hwRouteStatus_->vrfStatus(), [this](const auto& entry) {
+    hwVrfStatusIs(entry.second);
+    // Until now nobody would have heard of another hardware id.
+    if (walkPaused_) applyRule(entry.first);
+  });
 }
 
 // --- Events ----------------------------------------------------------------------------------------------------------
 
-void VrfSm::handleHwVrfCreation() {
+bool VrfSm::handleHwVrfCreation() {
   trace_(9, __PRETTY_FUNCTION__);
-  for (const auto& entry : hwRouteStatus_->vrfStatus()) handleHwVrfCreation(entry.first);
+  return walkOn(hwRouteStatus_->vrfStatus(), [this](const auto& entry) { handleHwVrfCreation(entry.first); });
 }
 
 void VrfSm::handleHwVrfCreation(const L3::VrfName& name) {
@@ -96,11 +156,12 @@ void VrfSm::handleHwVrfCreation(const L3::VrfName& name) {
   applyRule(name);
 }
 
-void VrfSm::handlePIVrfCreation() {
+bool VrfSm::handlePIVrfCreation() {
   trace_(9, __PRETTY_FUNCTION__);
   trace_(8, "piVrf ", piVrfIdMap_->name());
-  for (const auto& entry : piVrfIdMap_->nameToId()) handlePIVrfCreation(entry.first);
-  trace_(8, "done");
+  const bool done = walkOn(piVrfIdMap_->nameToId(), [this](const auto& entry) { handlePIVrfCreation(entry.first); });
+  if (done) trace_(8, "done");
+  return done;
 }
 
 void VrfSm::handlePIVrfCreation(const std::string& name) {
@@ -148,6 +209,7 @@ VrfSm::Ids VrfSm::idsOf(const L3::VrfName& name) const {
 
 // The map outlives the state machine: what it holds that no complete VRF claims goes before anything is added.
 void VrfSm::dropStalePairs() {
+  if (vrfIdMap_->hwVrfIdToGlobalVrfIds().empty() && vrfIdMap_->globalVrfIdToHwVrfIds().empty()) return;
   std::map<std::uint32_t, std::uint32_t> claimed;  // hardware id -> pi id
   for (const auto& entry : hwRouteStatus_->vrfStatus()) {
     if (isComplete(entry.first)) claimed[idsOf(entry.first).hwVrfId] = idsOf(entry.first).piVrfId;

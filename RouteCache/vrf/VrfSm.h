@@ -8,10 +8,16 @@
 // Invariants: the two directions of VrfIdMap are each other's inverse; each pair in it belongs to one name; a name that
 // has a pair has its tries. When two names claim one id, the one heard of last has it, and the other gets it back when
 // it is free again. Each event costs the same however many VRFs there are.
+//
+// What stands at the start is walked a time slice at a time; what changes meanwhile is brought at once, by its own
+// reaction, wherever the walk stands. A VRF that the walk has not come to yet has no pair.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -19,6 +25,7 @@
 
 #include "RouteCache/model/VrfCachedRoute.h"
 #include "RouteCache/model/VrfIdMap.h"
+#include "RouteCache/queues/DeferredTask.h"
 #include "RouteCache/vrf/VrfCachedRouteSm.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
@@ -42,13 +49,14 @@ class VrfSm {
   // Releases the reactors, the VRFs' state machines and the FIB tables; the id map and the tries stay as they are.
   ~VrfSm();
 
+  // All VRFs of the start have been walked.
   void handleInitialized();
   bool initialized() const { return initialized_; }
+  // Called when it becomes so, from a task.
+  void initializedHandlerIs(std::function<void()> handler) { initializedHandler_ = std::move(handler); }
 
   // The same rule for all: the name is complete or it is not.
-  void handleHwVrfCreation();
   void handleHwVrfCreation(const L3::VrfName& name);
-  void handlePIVrfCreation();
   void handlePIVrfCreation(const std::string& name);
   // The one place that changes VrfIdMap. `add`: the VRF is complete.
   void updateVrfMap(const L3::VrfName& name, bool add);
@@ -84,6 +92,17 @@ class VrfSm {
   using Claims = std::set<std::pair<std::uint32_t, L3::VrfName>>;
   using NamesById = std::unordered_map<std::uint32_t, L3::VrfName>;
 
+  // What the walk of the start goes over, in this order.
+  enum class Stage : std::uint8_t { hardware, platform, reactors };
+
+  void handleVrfWalk();
+  bool walkStage();
+  // For all names of that source, from where the last slice stopped. False: the walk's task should yield.
+  bool handleHwVrfCreation();
+  bool handlePIVrfCreation();
+  template <class Map, class Visit>
+  bool walkOn(const Map& vrfs, Visit&& visit);
+  bool followHwVrfs();
   bool isComplete(const L3::VrfName& name) const;
   void applyRule(const L3::VrfName& name);
   Ids idsOf(const L3::VrfName& name) const;
@@ -114,6 +133,11 @@ class VrfSm {
   std::map<std::uint32_t, std::shared_ptr<VrfCachedRouteSm>> vrfCachedRouteSm_;
   std::map<std::uint32_t, L3::VrfName> fibOf_;  // the name whose FIB tables are mounted for a hardware id
   bool initialized_ = false;
+  std::function<void()> initializedHandler_;
+  std::unique_ptr<DeferredTask> walkTask_;  // null: the walk is over
+  Stage walkStage_ = Stage::hardware;
+  std::optional<std::string> walkBookmark_;  // the name where it goes on; nothing: at the beginning
+  bool walkPaused_ = false;                  // something may have changed since a name was walked first
 
   // Last: they call back into all of the above.
   std::unique_ptr<HwVrfReactor> hwVrfReactor_;
@@ -121,7 +145,8 @@ class VrfSm {
   std::map<L3::VrfName, std::unique_ptr<HwVrfStatusReactor>> hwVrfStatus_;
 };
 
-// Makes the state machine; it is complete when this returns.
+// Makes the state machine; the first time slice of its walk is done when this returns, the rest in runs of
+// "vrfWalkTask".
 std::shared_ptr<VrfSm> VrfSmIs(std::shared_ptr<const Routing::Hardware::RouteStatus> hwRouteStatus,
                                std::shared_ptr<const Vrf::VrfIdMap::NameToIdMap> piVrfIdMap,
                                std::shared_ptr<VrfIdMap> vrfIdMap, std::shared_ptr<VrfCachedRoute> vrfCachedRoute,

@@ -87,7 +87,6 @@ void EmbeddedStateDb::complete() {
   closed_.pop_front();
   if (!closed_.empty()) completionTask_->scheduleWithin(0);
   group->complete();
-  if (afterMounts_) afterMounts_();
 }
 
 void EmbeddedStateDb::entitiesAre(const Entities& entities) {

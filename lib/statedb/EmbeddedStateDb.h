@@ -24,7 +24,6 @@ class EmbeddedStateDb final : public Lattis::StateDb {
 
   std::shared_ptr<Lattis::MountGroup> mountGroup() override;
   void localEntityIs(const std::string& path, std::shared_ptr<Lattis::Entity> entity) override;
-  void afterMountsIs(std::function<void()> hook) override { afterMounts_ = std::move(hook); }
   void entitiesAre(const Lattis::Entities& entities) override;
   std::shared_ptr<Lattis::Entity> entityOrNew(const std::string& path, const std::string& typeName) override;
   std::shared_ptr<Lattis::Entity> entity(std::string_view path) const override;
@@ -47,7 +46,6 @@ class EmbeddedStateDb final : public Lattis::StateDb {
   Lattis::Entities entities_;
   Lattis::Entities localEntities_;
   std::deque<std::shared_ptr<Group>> closed_;  // groups whose completion is owed
-  std::function<void()> afterMounts_;
   std::function<void()> changed_;
   std::unique_ptr<Platform::Task> completionTask_;
 };

@@ -342,6 +342,24 @@ void TableCollection::tell() const {
   file_->ringDoorbell();
 }
 
+namespace {
+
+// Lets a follower remember what the table holds.
+class NobodyListens final : public ChangeFollower::Listener {
+ public:
+  explicit NobodyListens(const std::function<bool()>& shouldYield) : shouldYield_(shouldYield) {}
+  void keyChanged(const KeyWords&, std::uint64_t) override {}
+  Appetite appetite() override {
+    return std::exchange(begun_, true) && shouldYield_() ? Appetite::nothing : Appetite::everything;
+  }
+
+ private:
+  const std::function<bool()>& shouldYield_;
+  bool begun_ = false;
+};
+
+}  // namespace
+
 std::uint64_t TableCollection::follow(Sink* sink) {
   const auto prepared = sink_ == nullptr ? std::exchange(follower_, nullptr) : nullptr;
   sink_ = nullptr;
@@ -352,7 +370,9 @@ std::uint64_t TableCollection::follow(Sink* sink) {
     sink_ = sink;
     follower_ = prepared ? prepared : std::make_shared<ChangeFollower>(report_);
     if (prepared) {
-      prepared->deliver([](const KeyWords&, std::uint64_t) { return true; });
+      const std::function<bool()> never = [] { return false; };
+      NobodyListens nobody(never);
+      prepared->deliver(nobody);
     } else if (view_) {
       follower_->start(*view_);
     }
@@ -362,14 +382,13 @@ std::uint64_t TableCollection::follow(Sink* sink) {
 }
 
 bool TableCollection::prepareToFollow(const std::function<bool()>& shouldYield) {
-  constexpr unsigned keysAtATime = 256;
   if (sink_ != nullptr || !view_ || kind_ == MountKind::keyedReader) return true;
   if (!follower_) {
     follower_ = std::make_shared<ChangeFollower>(report_);
     follower_->restart(*view_);  // what it tells is what it remembers
   }
-  unsigned keys = 0;
-  follower_->deliver([&](const KeyWords&, std::uint64_t) { return ++keys % keysAtATime != 0 || !shouldYield(); });
+  NobodyListens nobody(shouldYield);
+  follower_->deliver(nobody);
   return !follower_->pending();
 }
 

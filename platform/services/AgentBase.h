@@ -1,7 +1,8 @@
 // What the launcher and an agent know of each other. The launcher loads the agent's library, calls its one factory, and
 // drives the agent it gets:
 //
-//   factory(name) -> registerTypes -> servicesIs -> doInit -> (mounts) -> doMountsComplete -> ... -> destruction
+//   factory(name) -> registerTypes -> servicesIs -> doInit -> (mounts) -> doMountsComplete -> (its own start, in tasks)
+//   -> started -> ... -> destruction
 //
 // Everything happens on the launcher's event thread.
 #pragma once
@@ -50,6 +51,8 @@ struct AgentServices {
   std::shared_ptr<const Clock> clock;  // for the run-time budgets of commands; there whenever commands is
   // Reads an environment variable; null when it is not set.
   std::function<const char*(const char* name)> environment;
+  // Called once, when the agent has made everything that operators and commands ask for; empty: nobody waits for it.
+  std::function<void()> started;
 };
 
 class AgentBase {

@@ -89,8 +89,6 @@ class StateDb {
   virtual void localEntityIs(const std::string& path, std::shared_ptr<Entity> entity) = 0;  // null takes it away
 
   // --- For launchers ---
-  // Called each time a mount group's completion has been called.
-  virtual void afterMountsIs(std::function<void()> hook) = 0;
   // Puts entities in, all together; one that stands at such a path is replaced for later mounts only.
   virtual void entitiesAre(const Entities& entities) = 0;
   // Of the database only: the one there is, or a new one as a mount makes it; null for a type that nobody registered.

@@ -50,7 +50,7 @@ void SimulatedSwitch::afterRun() {
 }
 
 void SimulatedSwitch::deliver() {
-  if (!agentTables || !mountsDone_) return;
+  if (!agentTables || !started_) return;
   agentTables->pendingChanges();
   agentTables->deliverChanges([] { return false; });
 }
@@ -274,10 +274,10 @@ void SimulatedSwitch::start(std::uint64_t writesToLive) {
     const auto found = environment.find(name);
     return found == environment.end() ? nullptr : found->second.c_str();
   };
+  services.started = [this] { started_ = true; };
   agent_->servicesIs(services);
   if (recordCapacity_ != 0) agent_->unprogrammedRouteTableSizeIs(recordCapacity_);
   identifiersLimited_ = false;
-  stateDb->afterMountsIs([this] { mountsDone_ = true; });
   agent_->doInit();
 }
 
@@ -285,7 +285,7 @@ void SimulatedSwitch::stop() {
   agent_.reset();
   mortalTables_.reset();
   agentTables.reset();
-  mountsDone_ = false;
+  started_ = false;
 }
 
 void SimulatedSwitch::advance(double seconds) {

@@ -137,5 +137,5 @@ class SimulatedSwitch {
   std::uint32_t identifiers_ = 0;
   bool identifiersLimited_ = false;
   bool checkEveryRun_ = true;
-  bool mountsDone_ = false;
+  bool started_ = false;
 };

@@ -41,7 +41,6 @@ class RecordingStateDb final : public Lattis::StateDb {
     real_.localEntityIs(path, std::move(entity));
   }
   // An agent asks for no more.
-  void afterMountsIs(std::function<void()>) override { ADD_FAILURE(); }
   void entitiesAre(const Lattis::Entities&) override { ADD_FAILURE(); }
   std::shared_ptr<Lattis::Entity> entityOrNew(const std::string&, const std::string&) override { return nullptr; }
   std::shared_ptr<Lattis::Entity> entity(std::string_view) const override { return nullptr; }
@@ -414,6 +413,100 @@ TEST_F(AgentTest, MayBeStoppedBeforeItsMountsAreDone) {
   start();
   sw.advance(40);
   EXPECT_EQ(sw.published().size(), 2u);
+}
+
+// --- A start in slices -----------------------------------------------------------------------------------------------
+
+// Whatever happens between two runs of a start, and wherever: it ends as one does to which it happened before.
+TEST(AgentStartTest, WhatHappensInTheMiddleOfAStartIsFoundByIt) {
+  const struct {
+    const char* what;
+    std::function<void(SimulatedSwitch&)> change;
+  } cases[] = {
+      {"nothing", [](SimulatedSwitch&) {}},
+      {"a route, and its VRF",
+       [](SimulatedSwitch& sw) {
+         sw.route("10.7.0.0/16", 7, 1);
+         sw.vrf("green", 7, 107);
+       }},
+      {"a VRF that goes", [](SimulatedSwitch& sw) { sw.vrfGone("red"); }},
+      {"a VRF that moves, and its route that goes",
+       [](SimulatedSwitch& sw) {
+         sw.hwVrf("red", 111);
+         sw.routeGone("10.0.0.0/8", 1);
+       }},
+      {"the tunnel goes", [](SimulatedSwitch& sw) { sw.vtiDown("Vxlan1"); }},
+      {"killed, and started again",
+       [](SimulatedSwitch& sw) {
+         sw.stop();
+         sw.start();
+       }},
+  };
+  for (const bool caching : {false, true}) {
+    for (const auto& c : cases) {
+      std::map<std::string, std::string> expected;
+      std::map<std::string, bool> hardware;
+      std::uint64_t runs = 0;
+      for (std::uint64_t at = 0; at <= runs; at += 2) {
+        SCOPED_TRACE(std::string(c.what) + (caching ? ", caching, " : ", ") + std::to_string(at));
+        SimulatedSwitch sw;
+        sw.capability(16, 16, 16);
+        sw.recordCapacity(16);
+        configure(sw);
+        sw.vrf("blue", 2, 102);
+        sw.route("10.2.0.0/16", 2, 1);
+        sw.hwRouteCaching(false);  // the next life finds a table of the other arrangement
+        sw.start();
+        sw.advance(1);
+        sw.stop();
+        sw.hwRouteCaching(caching);
+        if (at == 0) c.change(sw);
+        if (sw.running()) sw.stop();
+        sw.scheduler.yieldAfterEntriesIs(1);
+        std::uint64_t run = 0;
+        sw.scheduler.afterRunIs([&] {
+          sw.afterRun();
+          const bool over = sw.running() && sw.agent().kernelRouteSm() && sw.agent().kernelRouteSm()->initialized();
+          if (at == 0 && !over) ++runs;
+          sw.scheduler.yieldAfterEntriesIs(over ? 0 : 1);
+          if (++run == at) c.change(sw);
+        });
+        sw.start();
+        sw.advance(30);
+        if (at == 0) {
+          expected = sw.published();
+          hardware = sw.hardware();
+          EXPECT_GT(runs, 15U) << "a start that is worth interrupting";
+        }
+        EXPECT_EQ(sw.published(), expected);
+        EXPECT_EQ(sw.hardware(), hardware);
+        EXPECT_EQ(Written(sw.agent()).reconciled(), 7);
+        if (testing::Test::HasFailure()) return;
+      }
+    }
+  }
+}
+
+TEST(AgentStartTest, CommandsBeforeItsEndAreToldSoAndTheLauncherHearsOfItOnce) {
+  SimulatedSwitch sw;
+  configure(sw);
+  sw.scheduler.yieldAfterEntriesIs(1);
+  sw.start();
+  std::set<std::string> answers;
+  sw.scheduler.afterRunIs([&] {
+    sw.afterRun();
+    if (!sw.agent().cliCallbackWithFormat() || sw.agent().swRouteSm()) return;
+    try {
+      const auto request =
+          std::make_shared<Agent::AgentCommandRequest>("showRouteCacheVrf#Vred", Agent::OutputFormat::text);
+      sw.agent().cliCallbackWithFormat()->createAgentAsyncCommandRequestSm(request);
+    } catch (const std::exception& error) {
+      answers.insert(error.what());
+    }
+  });
+  sw.advance(1);
+  EXPECT_THAT(answers, ElementsAre("the agent is not processing routes"));
+  EXPECT_EQ(sw.published().size(), 2U);
 }
 
 // --- Settings --------------------------------------------------------------------------------------------------------

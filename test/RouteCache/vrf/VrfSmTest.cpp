@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <random>
 #include <set>
 #include <sstream>
@@ -41,8 +42,9 @@ class Vrfs {
  public:
   explicit Vrfs(int traceLevel = -1) : trace(traceLevel) {}
 
+  void begin() { sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, scheduler, trace); }
   void start() {
-    sm = RouteCache::VrfSmIs(hardware, names, ids, tries, fib, scheduler, trace);
+    begin();
     EXPECT_TRUE(sm->initialized());
   }
   void pi(const std::string& name, std::uint32_t piVrfId) { names->nameToIdIs(name, piVrfId); }
@@ -202,6 +204,53 @@ TEST(VrfSmTest, IgnoresNamesThatHardwareCannotHave) {
   EXPECT_EQ(vrfs.trace.count("VRF name over 100 bytes, ignored"), 3u);
 }
 
+TEST(VrfSmTest, AWalkInSlicesMeetsWhatChangesMeanwhile) {
+  const struct {
+    const char* what;
+    std::string before, meanwhile, state;
+  } cases[] = {
+      {"nothing", "", "", "1=101 2=102 3=103 a b c"},
+      {"one that has been walked goes", "", "hwGone a", "2=102 3=103 b c"},
+      {"one that has not", "", "piGone c; hwGone c", "1=101 2=102 a b"},
+      {"one appears before where it stands", "", "pi A 9; hw A 109", "1=101 2=102 3=103 9=109 A a b c"},
+      {"one appears behind", "", "hw d 104; pi d 4", "1=101 2=102 3=103 4=104 a b c d"},
+      {"a hardware id that nobody listens to yet", "", "hw a 111", "2=102 3=103 1=111 a b c"},
+      {"one that was 0", "hw b 0", "hw b 112", "1=101 3=103 2=112 a b c"},
+      {"a pi id", "", "pi a 7", "2=102 3=103 7=101 a b c"},
+  };
+  for (const auto& c : cases) {
+    // Wherever the walk of three names and their reactors stands.
+    for (int runs = 0; runs < 8; ++runs) {
+      SCOPED_TRACE(c.what + std::string(" after ") + std::to_string(runs));
+      Vrfs vrfs;
+      vrfs.scheduler.yieldAfterEntriesIs(1);
+      vrfs.play("pi a 1; hw a 101; pi b 2; hw b 102; pi c 3; hw c 103; " + c.before);
+      int told = 0;
+      vrfs.begin();
+      vrfs.sm->initializedHandlerIs([&] { ++told; });
+      vrfs.scheduler.afterRunIs([&, run = 0]() mutable {
+        if (run++ == runs) vrfs.play(c.meanwhile);
+      });
+      EXPECT_FALSE(vrfs.sm->initialized());
+      vrfs.scheduler.advance(1);
+      vrfs.scheduler.advance(1);
+      EXPECT_TRUE(vrfs.sm->initialized());
+      EXPECT_EQ(told, 1);
+      std::istringstream expected(c.state), found(vrfs.state());
+      using Words = std::istream_iterator<std::string>;
+      EXPECT_EQ(std::set<std::string>(Words(found), Words()), std::set<std::string>(Words(expected), Words()));
+    }
+  }
+  // One that goes in the middle leaves nobody behind.
+  Vrfs vrfs;
+  vrfs.scheduler.yieldAfterEntriesIs(1);
+  vrfs.play("pi a 1; hw a 101; pi b 2; hw b 102");
+  vrfs.begin();
+  vrfs.sm.reset();
+  vrfs.scheduler.advance(1);
+  EXPECT_EQ(vrfs.state(), "1=101");
+}
+
 TEST(VrfSmTest, MapsAndTriesOutliveIt) {
   Vrfs vrfs;
   vrfs.play("start; pi red 1; hw red 101");
@@ -259,8 +308,22 @@ TEST(VrfSmTest, ThousandsOfVrfsAreRenumbered) {
 
 class RandomVrfs : public Vrfs {
  public:
-  explicit RandomVrfs(unsigned seed) : random_(seed) {
-    start();
+  // With VRFs before the start, which walks them in slices while they change.
+  RandomVrfs(unsigned seed, bool sliced) : random_(seed) {
+    if (sliced) {
+      scheduler.yieldAfterEntriesIs(1);
+      for (int i = 0; i < 8; ++i) change();
+      begin();
+      for (int i = 0; i < 60 && !sm->initialized(); ++i) {
+        if (pick(2) == 0) change();
+        if (pick(2) == 0) scheduler.advance(0.001);
+      }
+      scheduler.advance(1);
+      EXPECT_TRUE(sm->initialized());
+      checkPairs();
+    } else {
+      start();
+    }
     counter_ = std::make_unique<VrfIdCounter>(ids);
   }
 
@@ -361,7 +424,7 @@ class RandomVrfs : public Vrfs {
 TEST(VrfSmTest, EveryPairBelongsToOneNameAndOnlyChangesAreTold) {
   for (unsigned seed = 0; seed < 40; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    RandomVrfs vrfs(seed);
+    RandomVrfs vrfs(seed, seed % 2 == 1);
     for (int i = 0; i < 250 && !testing::Test::HasFailure(); ++i) vrfs.step();
   }
 }
