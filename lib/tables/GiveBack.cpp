@@ -30,7 +30,7 @@ void TableWriter::endGivingBack() {
 bool TableWriter::giveMemoryBack(std::uint32_t places) {
   using Stage = GivingBack::Stage;
   if (!release_ || keepsPages_ || !verified() || !indexesStand()) return endGivingBack(), true;
-  if (!givingBack_) givingBack_.emplace();
+  if (!givingBack_) givingBack_ = GivingBack();
   bool done = false;
   switch (givingBack_->stage) {
     case Stage::order:

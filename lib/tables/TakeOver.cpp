@@ -98,7 +98,7 @@ void TableWriter::beginAdoption() {
     sound = order_.adopt(interrupted ? &key : nullptr);
   }
 
-  adoption_.emplace();
+  adoption_ = Adoption();
   adoption_->sound = sound;
   adoption_->interrupted = interrupted;
   adoption_->movedFrom = interrupted ? slotMovedFrom(*interrupted) : nowhere;
