@@ -123,9 +123,14 @@ bool TableWriter::moveEntry(std::uint32_t from) {
   std::memcpy(words.bytes() + 8, key.words.data(), image_.geometry().keySize);
   const std::uint32_t check = fillBuffer(words, 0, key, Bytes(scratch_).first(*size), sequence_ + 1);
   storeWords(to, words, 1, image_.geometry().slotWords);
-  publish(to, key, versionWord(sequence_ + 1, 0, check), Announced::move);
+  // Counted when the indexes lead there: whoever was led to the old slot and finds it free finds that changes have come
+  // since, and who was led anywhere after the count was led to the new one.
+  ++sequence_;
+  announce(to, key, Announced::move);
+  store(image_.version(to), versionWord(sequence_, 0, check));
   hash_.redirect(hash, place, to);
   order_.redirect(key, from, to);
+  storeNumber(state.headSequence, sequence_);
   store(image_.version(from), versionWord(sequence_, SlotState::free));
   storeNumber(state.operation, 0);
   storeNumber(state.moving, 0);

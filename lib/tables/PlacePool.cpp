@@ -78,7 +78,7 @@ bool PlacePool::reserveTo(std::uint64_t places) {
 // --- Giving back -----------------------------------------------------------------------------------------------------
 
 std::size_t PlacePool::keptEnd() const {
-  return pageEnd(section_.at(std::min<std::uint64_t>(used_ + ahead(used_), section_.count)));
+  return std::min(pageEnd(section_.at(used_) + leastAhead), pageEnd(section_.end()));
 }
 
 std::size_t PlacePool::reservedEnd() const {
@@ -88,8 +88,7 @@ std::size_t PlacePool::reservedEnd() const {
 
 bool PlacePool::isSparse() const {
   const std::uint32_t taken = used_ - free();
-  return taken < reserved_ / 2 &&
-         (reserved_ - taken - std::min<std::uint64_t>(reserved_ - taken, ahead(taken))) * section_.size >= leastSurplus;
+  return taken < reserved_ / 2 && std::size_t{reserved_ - taken} * section_.size >= leastAhead + leastSurplus;
 }
 
 bool PlacePool::putInOrder(std::uint32_t places) {

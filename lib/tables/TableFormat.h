@@ -49,11 +49,10 @@
 //
 // Giving memory back: what lies at the end of a section is moved into free places before it, the mark goes down, the
 // epoch is counted on by two, and then the pages from the mark on are given back (Release): they read as zero bytes.
-//   entry   is written into the free slot as a new one, under a sequence of its own; for a moment both slots are live
-//   and
-//           hold the same. Then the hash index's word and the order's reference are stored, one store each, and then
-//           the old slot is free. A search that was led to the old slot finds it live, or finds that what had led there
-//           leads elsewhere by now.
+//   entry   is written into the free slot as a new one, under a sequence of its own; for a moment both are live and
+//           the same. Then the hash index's word and the order's reference are stored, one store each, then the head's
+//           sequence, and then the old slot is free. A search that was led to the old slot finds it live, or finds
+//           that what had led there leads elsewhere by now, or that changes have come since.
 //   value   in the heap: as if it were changed to what it is.
 //   node    is copied, and the one reference that led to it stored; like any change of the order.
 // The ring says of the first two that nothing has changed (ringMoved). Whoever looks at all slots may have passed the

@@ -124,14 +124,16 @@ TableView::Activity TableView::activity() const {
 template <class Attempt>
 TableView::Outcome TableView::settle(Attempt attempt) const {
   unsigned calm = 0;
+  std::uint64_t operation = 0;  // meanwhile: the writer may come to its end before anybody asks
   for (unsigned i = 0; i < busyTries && calm < calmTries; ++i) {
     const Activity before = activity();
     const Outcome outcome = attempt();
     if (outcome != Outcome::contradiction) return outcome;
     calm = activity() == before ? calm + 1 : 0;
+    operation = before.operation;
   }
   // A writer that has stopped in mid-change has left one line or one node whose check does not fit.
-  if (calm == calmTries && load(image_.state().operation) == checkedWord(0)) {
+  if (calm == calmTries && operation == checkedWord(0)) {
     contradicted_ = true;
     (*report_)("the index contradicts itself");
   }
@@ -353,6 +355,12 @@ bool TableView::isOutdated(const KeyWords& from, WalkCursor& cursor) const {
   return false;
 }
 
+// Whether the entry that was met when the slot was read ahead may be in another one by now.
+bool TableView::mayHaveMoved(const SlotImage& here, const KeyWords& past, bool inclusive, WalkCursor& cursor) const {
+  if (sequenceOf(here.version()) <= cursor.head) return false;
+  return inclusive ? headSequence() != cursor.head : isOutdated(past, cursor);
+}
+
 bool TableView::readAhead(const KeyWords& from, bool inclusive, WalkCursor& cursor) const {
   constexpr unsigned first = 1;
   const bool goesOn = cursor.view == id_;
@@ -388,7 +396,9 @@ TableView::Outcome TableView::trySeek(const KeyWords& from, bool inclusive, Muta
     const std::uint32_t slot = cursor.batch.slots[number];
     SlotImage here;
     if (!image_.readSlot(slot, here)) return Outcome::contradiction;
-    if (here.version() == 0) return cursor.view = 0, Outcome::contradiction;
+    if (here.version() == 0 || mayHaveMoved(here, past, inclusive, cursor)) {
+      return cursor.view = 0, Outcome::contradiction;
+    }
     if (stateOf(here.version()) != SlotState::free && RadixOrder::hasPath(cursor.batch, number, here)) {
       const KeyWords key = image_.keyIn(here);
       const int order = image_.compare(key, past);

@@ -97,6 +97,7 @@ class TableView {
                                   Entry& found) const;
   Outcome trySeek(const KeyWords& from, bool inclusive, MutableBytes value, WalkCursor& cursor, Entry& found) const;
   bool isOutdated(const KeyWords& from, WalkCursor& cursor) const;
+  bool mayHaveMoved(const SlotImage& here, const KeyWords& past, bool inclusive, WalkCursor& cursor) const;
   bool readAhead(const KeyWords& from, bool inclusive, WalkCursor& cursor) const;
   Outcome tryEntry(std::uint32_t slot, const SlotImage& here, const MutableBytes* value, Entry& found) const;
   void reportEntry(std::uint32_t slot) const;
