@@ -21,7 +21,7 @@ void ChangeFollower::start(const TableView& view) {
       remember(slot, told(contents.version()), image.keyIn(contents));
     }
   }
-  scannedUntil_ = view.headSequence();
+  scannedUntil_ = view.headSequence() + 1;
 }
 
 void ChangeFollower::restart(const TableView& view) {
@@ -68,7 +68,7 @@ void ChangeFollower::seen(const Entry& entry) {
 }
 
 void ChangeFollower::scanAll() {
-  scannedUntil_ = view_->headSequence();
+  scannedUntil_ = view_->headSequence() + 1;
   const std::uint32_t end = std::max(view_->image().highWater(), known_.size());
   // Who is overrun again and again gets through all slots nevertheless: a round that is under way goes on.
   if (scan_.empty()) {
@@ -148,7 +148,7 @@ bool ChangeFollower::tellSlots(Listener& listener) {
     ++scan_.next;
     if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
     tellSlot(slot, nullptr, listener);
-    scannedUntil_ = view_->headSequence();
+    scannedUntil_ = view_->headSequence() + 1;
   }
   if (old_) old_->comparable = false;  // what has been told since is not what the old table held
   return true;
@@ -179,7 +179,7 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
     ++cursor_;
     // What has been passed over may have moved before it was told.
     if (isMove(word) && scan_.empty() && cursor_ > scannedUntil_ && tookNote(slot, changed)) continue;
-    if (appetite != Appetite::everything && isNew(slot, changed)) {
+    if (appetite != Appetite::everything && !isMove(word) && isNew(slot, changed)) {
       scanLater(slot);
     } else {
       tellSlot(slot, &changed, listener);

@@ -111,7 +111,8 @@ class ChangeFollower {
   Slots scan_;                      // in this round
   Slots nextRound_;                 // that the round has passed by already; empty when it is
   bool forgotten_ = false;
-  std::uint64_t scannedUntil_ = 0;  // the table's changes when slots were last looked at
+  // The table's changes when slots were last looked at, and one that may have been under way.
+  std::uint64_t scannedUntil_ = 0;
 };
 
 }  // namespace LinuxPlatform

@@ -32,7 +32,7 @@ class Side {
     std::filesystem::create_directories(context_->directory);
     context_->corruptionHandler = [this](const std::string&, const std::string& what) { damage.push_back(what); };
     table = std::make_shared<TableCollection>(context_, "t", kind, filed.layout(), capacity);
-    table->open([] { return false; });
+    if (kind == MountKind::writer) table->open([] { return false; });
   }
   virtual ~Side() { table->close(); }
   std::optional<std::string> find(std::uint32_t number) {
