@@ -122,11 +122,15 @@ void Agent::handleStart() {
     const Step step = std::move(steps_.front());
     steps_.pop_front();
     const Progress progress = step.take();
-    if (progress != Progress::done) steps_.push_front(step);
+    const bool isDone = progress == Progress::done || progress == Progress::pauses;
+    if (isDone) {
+      ++taken;
+    } else {
+      steps_.push_front(step);
+    }
     if (progress == Progress::waits) break;
-    if (progress == Progress::done) ++taken;
-    if (steps_.empty() || !startTask_->shouldYield()) continue;
-    startTask_->scheduleWithin(0);
+    if (progress != Progress::pauses && !startTask_->shouldYield()) continue;
+    if (!steps_.empty()) startTask_->scheduleWithin(0);
     break;
   }
   startTask_->workCountIs(taken);
@@ -218,7 +222,7 @@ void Agent::startStateMachines() {
   stepIs([this] {
     if (vrfSm_ && !vrfSm_->initialized()) return Progress::waits;
     makeRouteStateMachines();
-    return Progress::done;
+    return Progress::pauses;
   });
 }
 
@@ -246,7 +250,7 @@ void Agent::inputsAreReady() {
   const auto startIs = [this](auto Agent::*sm) {
     stepIs([this, sm] {
       if (this->*sm && !(this->*sm)->initialized()) (this->*sm)->handleInitialized();
-      return Progress::done;
+      return Progress::pauses;  // each has something for every VRF
     });
   };
   startIs(&Agent::swRouteSm_);

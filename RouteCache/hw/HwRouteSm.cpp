@@ -167,7 +167,7 @@ void HwRouteSm::handleInitialized() {
   Pondra::follow(adjReactor_, *this, in_.ipv4AdjStatus, &HwRouteSm::handleAdjacency);
   Pondra::follow(adj6Reactor_, *this, in_.ipv6AdjStatus, &HwRouteSm::handleAdjacency);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
-  for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
+  for (const std::uint32_t hwVrfId : in_.vrfCachedRoute->vrfTrieIds()) trieIs(hwVrfId);
   evaluateCachingEnabled(false);
 
   handleSwRoute();

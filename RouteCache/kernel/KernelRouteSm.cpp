@@ -75,6 +75,23 @@ void KernelRouteSm::trieReactorDel(std::uint32_t hwVrfId) {
   sides_.of<Family>().trieSweep.erase(hwVrfId);
 }
 
+void KernelRouteSm::handleTrieFollow() {
+  if (!followTries<Ipv4Family>() || !followTries<Ipv6Family>()) trieFollowTask_.schedule(0);
+}
+
+// One that has come since, or in another's place, is followed already.
+template <class Family>
+bool KernelRouteSm::followTries() {
+  auto& side = sides_.of<Family>();
+  while (!side.triesToFollow.empty()) {
+    const std::uint32_t hwVrfId = side.triesToFollow.back();
+    side.triesToFollow.pop_back();
+    if (!side.tries.contains(hwVrfId)) trieReactorIs<Family>(hwVrfId);
+    if (trieFollowTask_.shouldYield()) return false;
+  }
+  return true;
+}
+
 void KernelRouteSm::trieIs(std::uint32_t hwVrfId) {
   trieReactorIs<Ipv4Family>(hwVrfId);
 }
@@ -107,7 +124,10 @@ KernelRouteSm::KernelRouteSm(const KernelRouteSmInputs& inputs, Platform::TaskSc
       kernelRouteSyncTask_(scheduler, trace_, "kernelRouteSyncTask", TaskPriority::processing,
                            [this] { handleKernelRouteSync(); }),
       waitingReviewTask_(scheduler, trace_, "kernelWaitingReviewTask", TaskPriority::processing,
-                         [this] { handleWaitingReview(); }) {}
+                         [this] { handleWaitingReview(); }),
+      // Ahead of the tasks that decide: what goes from a trie that nobody follows yet is told to nobody.
+      trieFollowTask_(scheduler, trace_, "kernelTrieFollowTask", TaskPriority::delivery,
+                      [this] { handleTrieFollow(); }) {}
 
 KernelRouteSm::~KernelRouteSm() = default;
 
@@ -129,8 +149,13 @@ void KernelRouteSm::handleInitialized() {
   Pondra::follow(route6Reactor_, *this, in_.route6Config, &KernelRouteSm::handleRouteConfig);
   vrfIdReactor_ = std::make_unique<VrfIdFollower<KernelRouteSm>>(*this, in_.vrfIdMap);
   vrfCachedRouteReactor_ = std::make_unique<VrfCachedRouteReactor>(*this, in_.vrfCachedRoute);
-  for (const auto& vrf : in_.vrfCachedRoute->vrfTries()) trieIs(vrf.first);
-  for (const auto& vrf : in_.vrfCachedRoute->vrfTries6()) trie6Is(vrf.first);
+  const auto reversed = [](std::vector<std::uint32_t> ids) {
+    std::reverse(ids.begin(), ids.end());
+    return ids;
+  };
+  sides_.v4.triesToFollow = reversed(in_.vrfCachedRoute->vrfTrieIds());
+  sides_.v6.triesToFollow = reversed(in_.vrfCachedRoute->vrfTrie6Ids());
+  handleTrieFollow();
   handleIpv4SwRoute();
   handleIpv6SwRoute();
   scheduleKernelRouteSyncTask(routeProcessingIntervalDefer_);
@@ -673,7 +698,9 @@ void KernelRouteSm::checkCachedPrefixes() const {
       return in_.vrfCachedRoute->vrfTries6();
     }
   };
+  const auto& toFollow = sides_.of<Family>().triesToFollow;
   for (const auto& [hwVrfId, cached] : tries()) {
+    if (std::find(toFollow.begin(), toFollow.end(), hwVrfId) != toFollow.end()) continue;
     const auto sweep = sides_.of<Family>().trieSweep.find(hwVrfId);
     for (const auto& route : *cached) {
       const BasicRouteVrfKey<Family> key(route.prefix, hwVrfId);

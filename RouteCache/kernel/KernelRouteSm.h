@@ -30,6 +30,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "RouteCache/model/Capability.h"
 #include "RouteCache/model/Sides.h"
@@ -190,6 +191,7 @@ class KernelRouteSm final : public Lattis::Entity {
     std::map<std::uint32_t, typename Family::Prefix> trieSweep;
     DeferredTask task;
     std::map<std::uint32_t, std::unique_ptr<TrieReactor<Family>>> tries;
+    std::vector<std::uint32_t> triesToFollow;  // that stood at the start, the first one last
   };
 
   // What the tables say of a route, room aside.
@@ -251,6 +253,10 @@ class KernelRouteSm final : public Lattis::Entity {
   void trieReactorIs(std::uint32_t hwVrfId);
   template <class Family>
   void trieReactorDel(std::uint32_t hwVrfId);
+  // Follows the tries that stood at the start, a time slice at a time: before the first decision all are followed.
+  void handleTrieFollow();
+  template <class Family>
+  bool followTries();
   // Cached prefixes have gone untold: those that wait for room may not be wanted any more.
   void reviewWaiting();
   template <class Family>
@@ -287,6 +293,7 @@ class KernelRouteSm final : public Lattis::Entity {
   DeferredTask kernelRouteProcessingTask_;
   DeferredTask kernelRouteSyncTask_;
   DeferredTask waitingReviewTask_;
+  DeferredTask trieFollowTask_;
 
   // Last: they call back into all of the above.
   std::unique_ptr<Follower<Ipv4RouteStatus>> swRouteReactor_;

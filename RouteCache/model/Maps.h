@@ -1,6 +1,7 @@
 // What the entities that are maps have in common: looking up, putting in, and showing themselves as text.
 #pragma once
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -39,6 +40,16 @@ bool insertOrReplace(Map& map, const typename Map::key_type& key, typename Map::
 template <class Map>
 auto inOrder(const Map& map) {
   return std::map<typename Map::key_type, typename Map::mapped_type>(map.begin(), map.end());
+}
+
+// The keys alone.
+template <class Map>
+auto keysInOrder(const Map& map) {
+  std::vector<typename Map::key_type> keys;
+  keys.reserve(map.size());
+  for (const auto& entry : map) keys.push_back(entry.first);
+  std::sort(keys.begin(), keys.end());
+  return keys;
 }
 
 // Fields over hashed maps, read only: `all` puts the entries in order, for their keys; what is asked of one entry is

@@ -43,6 +43,9 @@ void VrfCachedRoute::vrfTrieDelAll() {
 std::map<std::uint32_t, std::shared_ptr<Routing::Trie>> VrfCachedRoute::vrfTries() const {
   return inOrder(tries_);
 }
+std::vector<std::uint32_t> VrfCachedRoute::vrfTrieIds() const {
+  return keysInOrder(tries_);
+}
 
 std::shared_ptr<Routing6::Trie> VrfCachedRoute::vrfTrie6(std::uint32_t hwVrfId) const {
   return valueOrDefault(tries6_, hwVrfId);
@@ -58,6 +61,9 @@ void VrfCachedRoute::vrfTrie6DelAll() {
 }
 std::map<std::uint32_t, std::shared_ptr<Routing6::Trie>> VrfCachedRoute::vrfTries6() const {
   return inOrder(tries6_);
+}
+std::vector<std::uint32_t> VrfCachedRoute::vrfTrie6Ids() const {
+  return keysInOrder(tries6_);
 }
 
 const Lattis::EntityType& VrfCachedRoute::entityType() const {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "platform/state/Entity.h"
 #include "platform/values/Net.h"
@@ -40,12 +41,14 @@ class VrfCachedRoute final : public Lattis::Entity {
   void vrfTrieDel(std::uint32_t hwVrfId);
   void vrfTrieDelAll();
   std::map<std::uint32_t, std::shared_ptr<Routing::Trie>> vrfTries() const;  // a copy, in order
+  std::vector<std::uint32_t> vrfTrieIds() const;                             // hardware VRF ids, in order
 
   std::shared_ptr<Routing6::Trie> vrfTrie6(std::uint32_t hwVrfId) const;
   void vrfTrie6Is(std::uint32_t hwVrfId, std::shared_ptr<Routing6::Trie> trie);
   void vrfTrie6Del(std::uint32_t hwVrfId);
   void vrfTrie6DelAll();
   std::map<std::uint32_t, std::shared_ptr<Routing6::Trie>> vrfTries6() const;
+  std::vector<std::uint32_t> vrfTrie6Ids() const;
 
   const Lattis::EntityType& entityType() const override;
 
