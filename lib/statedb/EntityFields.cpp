@@ -184,6 +184,41 @@ void setField(const std::shared_ptr<Entity>& entity, std::string_view field, con
   }
 }
 
+FieldFacts fieldFacts(const std::shared_ptr<Entity>& scratch, std::string_view field) {
+  FieldFacts facts;
+  facts.isSettable = true;
+  std::shared_ptr<Entity> holder = scratch;
+  std::function<void()> undo;
+  try {
+    const std::vector<FieldStep> steps = parseField(field);
+    for (const FieldStep& step : steps) {
+      if (!holder) refuse("'" + facts.canonical + "' is a value, it has no fields");
+      if (!facts.canonical.empty()) facts.canonical += '.';
+      const AttributeField* attribute = step.key ? nullptr : holder->entityType().attribute(step.name);
+      if (attribute != nullptr) {
+        facts.canonical += step.name;
+        facts.isSettable = facts.isSettable && attribute->set != nullptr;
+        facts.unset = attribute->get(*holder);
+        holder = nullptr;
+        continue;
+      }
+      const CollectionField& collection = collectionOf(*holder, step.name);
+      const std::string& given = keyOf(step);
+      const std::string key = collection.keyText ? collection.keyText(given) : given;
+      facts.canonical += entryField(collection.name, key);
+      facts.isSettable = facts.isSettable && (collection.set || collection.childIs);
+      std::shared_ptr<Entity> child = collection.childIs ? collection.childIs(*holder, key) : nullptr;
+      if (child && !undo) undo = [holder, &collection, key] { collection.del(*holder, key); };
+      holder = std::move(child);
+    }
+  } catch (...) {
+    if (undo) undo();
+    throw;
+  }
+  if (undo) undo();
+  return facts;
+}
+
 void delField(const std::shared_ptr<Entity>& entity, std::string_view field) {
   const std::vector<FieldStep> steps = parseField(field);
   const Way way = walkTo(entity, steps, false);

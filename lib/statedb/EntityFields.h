@@ -36,6 +36,16 @@ std::string entryField(const std::string& collection, const std::string& key);
 void setField(const std::shared_ptr<Lattis::Entity>& entity, std::string_view field,
               const std::optional<std::string>& value);
 
+// What a field is to its type, whatever an entity holds at the moment.
+struct FieldFacts {
+  std::string canonical;             // as FieldWalk has it: each key in the one text that its collection tells it in
+  bool isSettable = false;           // from outside
+  std::optional<std::string> unset;  // of an attribute: what it has when nobody has set it
+};
+// `scratch` is an entity of the type that nobody sets anything in; it is as before afterwards. Throws with one line
+// when the type has no such field or a key is none.
+FieldFacts fieldFacts(const std::shared_ptr<Lattis::Entity>& scratch, std::string_view field);
+
 // Removes an entry of a collection. Throws with one line when there is none, or the field is no entry.
 void delField(const std::shared_ptr<Lattis::Entity>& entity, std::string_view field);
 

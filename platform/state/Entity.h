@@ -33,7 +33,8 @@ struct AttributeField {
 // `set`, `del` and `childIs` are empty for a collection that cannot be changed from outside.
 struct CollectionField {
   std::string name;
-  std::function<std::vector<std::string>(const Entity&)> keys;                     // in key order
+  std::function<std::vector<std::string>(const Entity&)> keys;  // in key order
+  std::function<std::string(std::string_view)> keyText;  // a key's one text, as keys() has it; empty: any text is one
   std::function<std::optional<std::string>(const Entity&, std::string_view)> get;  // nothing: no such entry
   std::function<void(Entity&, std::string_view key, std::string_view value)> set;  // inserts or replaces
   std::function<bool(Entity&, std::string_view key)> del;                          // false: no such entry
@@ -73,6 +74,9 @@ class Entity : public std::enable_shared_from_this<Entity> {
   // Why the values it has cannot work together, in one line; empty when they can. Whoever sets fields from outside (a
   // scenario, an operator's set) asks afterwards and puts the old values back when there is an answer.
   virtual std::string fault() const { return {}; }
+  // Called after the reactors of each change of this entity itself, not of its children: for a database that keeps it
+  // elsewhere, too. One at a time; it must not let go of the entity.
+  void changeHookIs(std::function<void()> hook) { changeHook_ = std::move(hook); }
 
  protected:
   // Calls tell(reactor) for each reactor, as the entity type's own Reactor class. A reaction may let go of the entity.
@@ -80,6 +84,7 @@ class Entity : public std::enable_shared_from_this<Entity> {
   void notify(Tell&& tell) const {
     const auto keepAlive = weak_from_this().lock();
     reactors_.notify([&](EntityReactor& reactor) { tell(static_cast<Reactor&>(reactor)); });
+    if (changeHook_) changeHook_();
   }
 
  private:
@@ -87,6 +92,7 @@ class Entity : public std::enable_shared_from_this<Entity> {
   friend class ReactorOf;
   std::string name_;
   mutable Platform::ReactorList<EntityReactor> reactors_;  // watching changes nothing of what the entity says
+  std::function<void()> changeHook_;
 };
 
 // A reactor on one entity of type E, which it keeps alive. E's own Reactor class derives from ReactorOf<E> and adds one
@@ -137,6 +143,7 @@ CollectionField mapField(std::string name) {
     for (const auto& entry : (static_cast<const E&>(e).*map)()) keys.push_back(Platform::toText<K>(entry.first));
     return keys;
   };
+  field.keyText = [](std::string_view key) { return Platform::toText<K>(Platform::fromText<K>(key)); };
   field.get = [](const Entity& e, std::string_view key) -> std::optional<std::string> {
     const Map& entries = (static_cast<const E&>(e).*map)();
     const auto found = entries.find(Platform::fromText<K>(key));
@@ -168,6 +175,7 @@ CollectionField childField(std::string name) {
     for (const auto& entry : (static_cast<const E&>(e).*map)()) keys.push_back(Platform::toText<K>(entry.first));
     return keys;
   };
+  field.keyText = [](std::string_view key) { return Platform::toText<K>(Platform::fromText<K>(key)); };
   field.del = [](Entity& e, std::string_view text) {
     const K key = Platform::fromText<K>(text);
     if (!(static_cast<const E&>(e).*map)().contains(key)) return false;
