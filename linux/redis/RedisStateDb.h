@@ -1,0 +1,59 @@
+// The state database in a Redis server that many processes share.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "lib/statedb/EmbeddedStateDb.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/redis/RedisMirror.h"
+
+namespace LinuxPlatform {
+
+struct RedisStateDbSettings : RedisSettings {
+  std::set<std::string, std::less<>> privatePaths;  // of the database, but of this process alone
+  std::set<std::string, std::less<>> offeredPaths;  // of local entities that others find in the server, to be read
+};
+
+// Entities stand in this process as in the embedded database, and RedisMirror.h keeps them and the server the same. A
+// mount group completes when everything that is followed has been read: an agent that waits for its first content waits.
+//
+// An operator's change is checked here and stands at once; the server has it with the next answer, and nothing but the
+// server's end takes it back, not this process' end either. With the server out of reach it is refused.
+class RedisStateDb final : public Lattis::StateDb {
+ public:
+  RedisStateDb(const Lattis::EntityTypes& types, EventLoop& loop, RedisStateDbSettings settings);
+  ~RedisStateDb() override;
+
+  std::shared_ptr<Lattis::MountGroup> mountGroup() override;
+  void localEntityIs(const std::string& path, std::shared_ptr<Lattis::Entity> entity) override;
+  // Writes them to the server, in the place of what is there. Throws std::invalid_argument when it cannot be reached.
+  void entitiesAre(const Lattis::Entities& entities) override;
+  std::shared_ptr<Lattis::Entity> entityOrNew(const std::string& path, const std::string& typeName) override;
+  std::shared_ptr<Lattis::Entity> entity(std::string_view path) const override { return db_.entity(path); }
+  std::vector<std::string> paths() const override { return db_.paths(); }
+  void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) override;
+  void fieldDel(std::string_view path, std::string_view field) override;
+
+  RedisMirror& mirror() { return mirror_; }
+
+ private:
+  class Group;
+  class Statistics;
+  // Null: this process' own.
+  std::shared_ptr<Lattis::Entity> sharedEntity(const std::string& path) const;
+  void follow(const std::string& path, const std::shared_ptr<Lattis::Entity>& entity);
+
+  const Lattis::EntityTypes& types_;
+  const RedisStateDbSettings settings_;
+  EmbeddedStateDb db_;
+  std::map<std::string, std::shared_ptr<Lattis::Entity>, std::less<>> scratch_;  // by type name
+  RedisMirror mirror_;
+};
+
+}  // namespace LinuxPlatform
