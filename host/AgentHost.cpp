@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "host/AgentLibrary.h"
+#include "host/StatePaths.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/statedb/Scenario.h"
 #include "linux/files/InputFile.h"
@@ -16,21 +17,6 @@
 namespace Tools {
 
 namespace {
-
-constexpr std::size_t mostScenarioBytes = 256 * 1024 * 1024;  // some millions of entries
-
-LinuxPlatform::PathTypes allPathTypes() {
-  LinuxPlatform::PathTypes types = LinuxPlatform::platformPathTypes();
-  types[Paths::config] = "RouteCache::Config";
-  types[Paths::cliConfig] = "RouteCache::CliConfig";
-  types[Paths::capability] = "RouteCache::Capability";
-  return types;
-}
-
-// What others make of the rest: the agent its requests, the resolver the answers.
-std::set<std::string, std::less<>> derivedPaths() {
-  return {Paths::nexthopConfig, Paths::nexthopStatus};
-}
 
 std::string traceDirectory(const std::string& runDir) {
   const char* given = std::getenv("ZEPHLOGDIR");
@@ -46,8 +32,10 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
       traceFile_(settings.traceFile),
       hugePages_(settings.hugePages),
       trace_(traceDirectory(settings.runDir)),
-      stateDb_(entityTypes_, scheduler),
-      remembers_(settings.remembers),
+      stateDb_(settings.stateDb ? settings.stateDb(entityTypes_)
+                                : std::make_unique<LinuxPlatform::EmbeddedStateDb>(entityTypes_, scheduler)),
+      embedded_(dynamic_cast<LinuxPlatform::EmbeddedStateDb*>(stateDb_.get())),
+      remembers_(settings.remembers && embedded_ != nullptr),
       fresh_(settings.fresh),
       commands_(scheduler),
       agent_(agentFromLibrary(settings.agentLibrary, settings.agentName)) {
@@ -55,7 +43,7 @@ AgentHost::AgentHost(const AgentHostSettings& settings, Platform::TaskScheduler&
   for (const auto& option : settings.trace) trace_.levels().optionIs(option);
   LinuxPlatform::addPlatformTypes(entityTypes_, tableTypes_);
   agent_->registerTypes(entityTypes_, tableTypes_, vocabulary_);
-  stateDb_.entitiesAre(content(settings));
+  if (embedded_ != nullptr) embedded_->entitiesAre(content(settings));
   resolverIs();
 }
 
@@ -63,7 +51,7 @@ LinuxPlatform::SharedTableService& AgentHost::openTables(std::function<void()> d
   tables_.emplace(runDir_, tableTypes_, std::move(deliveryWanted));
   if (hugePages_) tables_->hugePagesAreWanted();
   if (fresh_) LinuxPlatform::forgetKeptState(runDir_);
-  if (remembers_) keeper_.emplace(stateDb_, scheduler_, runDir_, derivedPaths());
+  if (remembers_) keeper_.emplace(*embedded_, scheduler_, runDir_, derivedPaths());
   return *tables_;
 }
 
@@ -86,7 +74,7 @@ Lattis::Entities AgentHost::content(const AgentHostSettings& settings) {
 
 void AgentHost::resolverIs() {
   const auto entity = [this]<class T>(const char* path, const char* typeName) {
-    auto typed = std::dynamic_pointer_cast<T>(stateDb_.entityOrNew(path, typeName));
+    auto typed = std::dynamic_pointer_cast<T>(stateDb_->entityOrNew(path, typeName));
     PLATFORM_ASSERT(typed);
     return typed;
   };
@@ -99,7 +87,7 @@ void AgentHost::resolverIs() {
 
 void AgentHost::start(std::function<void()> ready) {
   Platform::AgentServices services;
-  services.stateDb = &stateDb_;
+  services.stateDb = stateDb_.get();
   services.tables = &*tables_;
   services.scheduler = &scheduler_;
   services.trace = &trace_;

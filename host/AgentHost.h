@@ -19,6 +19,8 @@
 namespace Tools {
 
 struct AgentHostSettings {
+  // Makes the state database, which then brings its content along; none: the embedded one, filled from the scenario.
+  std::function<std::unique_ptr<Lattis::StateDb>(const Lattis::EntityTypes&)> stateDb;
   std::string scenario;    // file
   bool remembers = false;  // what the state database held at the end of the run directory's last agent; keeps it, too
   bool fresh = false;      // begins again from the scenario all the same
@@ -50,12 +52,12 @@ class AgentHost {
   // Destroys the agent and wakes who follows its tables.
   void stop();
 
-  Lattis::StateDb& stateDb() { return stateDb_; }
+  Lattis::StateDb& stateDb() { return *stateDb_; }
   LinuxPlatform::SharedTableService& tables() { return *tables_; }
   // What is asked of the agent; the replies it makes go before the host.
   LinuxPlatform::AgentCommands& commands() { return commands_; }
   const std::string& agentName() const { return agentName_; }
-  // Where the content of the state database is from, in one line.
+  // Where the content of the embedded database is from, in one line; empty: there is another one.
   const std::string& contentSource() const { return contentSource_; }
 
  private:
@@ -72,7 +74,8 @@ class AgentHost {
   Lattis::EntityTypes entityTypes_;
   Platform::TableTypes tableTypes_;
   Platform::TraceVocabulary vocabulary_;
-  LinuxPlatform::EmbeddedStateDb stateDb_;
+  std::unique_ptr<Lattis::StateDb> stateDb_;
+  LinuxPlatform::EmbeddedStateDb* embedded_;  // null: it is another one
   bool remembers_;
   bool fresh_;
   std::string contentSource_;

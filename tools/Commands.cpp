@@ -11,6 +11,7 @@ void addCommands(CLI::App& app, ToolContext& context) {
   addSimulateCommand(app, context);
   addTableCommand(app, context);
   addControlCommands(app, context);
+  addStateDbCommand(app, context);
   addShowCommand(app, context);
   addTasksCommand(app, context);
   addTraceCommand(app, context);

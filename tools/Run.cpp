@@ -1,6 +1,7 @@
 // `routecache run`: the launcher. It owns everything that the agent works with and drives the agent from its event
 // loop.
 #include <CLI/CLI.hpp>
+#include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -18,6 +19,7 @@
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/StateDbOptions.h"
 
 namespace Tools {
 
@@ -29,36 +31,53 @@ using LinuxPlatform::RunDirectory;
 
 struct RunOptions {
   AgentHostSettings agent;
+  StateDbOptions stateDb;
   double timeSliceMilliseconds = EventLoop::defaultTimeSlice * 1000;
 };
 
 // One running agent.
 class Launcher {
  public:
-  explicit Launcher(const RunOptions& options);
+  explicit Launcher(RunOptions options);
   ~Launcher() { host_.stop(); }
   void run();
 
  private:
   void serveOperators();
 
+  AgentHostSettings settings(RunOptions& options);
+
   std::optional<RunDirectory> directory_;  // once options and scenario are known to be good; held until the end
   EventLoop loop_;
+  std::string contentSource_;  // where the state is from, in one line
   AgentHost host_;
   std::optional<TableDelivery> delivery_;
   std::unique_ptr<ControlSocket> control_;
 };
 
-Launcher::Launcher(const RunOptions& options)
-    : loop_(options.timeSliceMilliseconds / 1000), host_(options.agent, loop_) {
+Launcher::Launcher(RunOptions options) : loop_(options.timeSliceMilliseconds / 1000), host_(settings(options), loop_) {
   directory_.emplace(options.agent.runDir);
   delivery_.emplace(loop_, host_.openTables([this] { delivery_->wanted(); }));
   serveOperators();
+  if (contentSource_.empty()) contentSource_ = host_.contentSource();
   host_.start([this] {
-    tell(false, {}, host_.contentSource());
+    tell(false, {}, contentSource_);
     tell(false, {}, "ready: agent " + host_.agentName() + " in " + directory_->path());
     flushOutput();  // who waits for the line waits for ever without it: an agent that cannot tell it ends
   });
+}
+
+AgentHostSettings Launcher::settings(RunOptions& options) {
+  if (!options.stateDb.isShared()) {
+    if (options.agent.scenario.empty()) throw Platform::BadText("--scenario or --state-db is wanted");
+    return options.agent;
+  }
+  const auto stateDb = options.stateDb.settings([](const std::string& line) { std::cerr << line << std::endl; });
+  contentSource_ = "state from " + stateDb.address.text + ", switch " + stateDb.switchName;
+  options.agent.stateDb = [this, stateDb](const Lattis::EntityTypes& types) {
+    return std::make_unique<LinuxPlatform::RedisStateDb>(types, loop_, stateDb);
+  };
+  return options.agent;
 }
 
 void Launcher::serveOperators() {
@@ -81,15 +100,14 @@ void addRunCommand(CLI::App& app, ToolContext&) {
   options->agent.agentLibrary = defaultAgentLibrary();
   CLI::App* command = app.add_subcommand("run", "Run the agent until SIGTERM");
   command->footer("Example: routecache run --scenario examples/leaf.json --run-dir /tmp/leaf --trace 5");
-  command
-      ->add_option(
-          "--scenario", options->agent.scenario,
-          "Content of the state database at the first start in the run directory, a JSON file; later starts go "
-          "on with what was changed since")
-      ->type_name("FILE")
-      ->required();
-  command->add_flag("--fresh", options->agent.fresh,
-                    "Forget what was changed since, and begin again from the scenario");
+  CLI::Option* scenario = command->add_option(
+      "--scenario", options->agent.scenario,
+      "Content of the state database at the first start in the run directory, a JSON file; later starts go "
+      "on with what was changed since");
+  scenario->type_name("FILE");
+  command->add_flag("--fresh", options->agent.fresh, "Forget what was changed since, and begin again from the scenario")
+      ->needs(scenario);
+  addStateDbOptions(*command, options->stateDb)->excludes(scenario);
   options->agent.remembers = true;
   addRunDirOption(*command, options->agent.runDir);
   command->add_option("--agent", options->agent.agentLibrary, "The agent's library")

@@ -1,0 +1,78 @@
+#include "host/SharedState.h"
+
+#include <csignal>
+#include <stdexcept>
+
+#include "host/AgentLibrary.h"
+#include "host/StatePaths.h"
+#include "lib/statedb/PlatformTypes.h"
+
+namespace Tools {
+
+namespace {
+
+constexpr double patience = 10;  // seconds without any progress
+constexpr double look = 0.1;     // seconds between two looks
+
+}  // namespace
+
+SharedState::SharedState(const LinuxPlatform::RedisStateDbSettings& settings, const std::string& agentLibrary)
+    : agent_(agentFromLibrary(agentLibrary, "RouteCache")), db_(types_, loop_, settings) {
+  std::signal(SIGPIPE, SIG_IGN);  // a server that goes is an error of the write
+  Platform::TableTypes tables;
+  Platform::TraceVocabulary vocabulary;
+  LinuxPlatform::addPlatformTypes(types_, tables);
+  agent_->registerTypes(types_, tables, vocabulary);
+}
+
+void SharedState::waitUntil(const std::function<bool()>& reached) {
+  const LinuxPlatform::RedisMirror& mirror = db_.mirror();
+  const LinuxPlatform::MonotonicClock clock;
+  double progressAt = clock.now();
+  std::size_t unanswered = 0;
+  std::uint64_t readings = 0;
+  while (!reached()) {
+    loop_.runOnce(look);
+    if (mirror.session().unanswered() != unanswered || mirror.readings() != readings) {
+      unanswered = mirror.session().unanswered();
+      readings = mirror.readings();
+      progressAt = clock.now();
+    }
+    if (clock.now() - progressAt < patience && (mirror.session().fault().empty() || mirror.session().isOpen())) continue;
+    const std::string& fault = mirror.session().fault();
+    throw std::runtime_error("state database at " + mirror.session().settings().address.text + ": " +
+                             (fault.empty() ? "no answer" : fault));
+  }
+}
+
+std::shared_ptr<Lattis::Entity> SharedState::entity(const std::string& path) {
+  const auto types = allPathTypes();
+  const auto type = types.find(path);
+  if (type == types.end() || derivedPaths().contains(path)) {
+    throw Platform::BadText("nothing is at the path '" + path + "'");
+  }
+  auto entity = db_.entityOrNew(path, type->second);
+  const LinuxPlatform::RedisMirror& mirror = db_.mirror();
+  waitUntil([&] { return mirror.isSettled() || mirror.markIsMissing(); });
+  if (mirror.isSettled()) return entity;
+  const auto& settings = mirror.session().settings();
+  throw std::runtime_error("state database at " + settings.address.text + ": the content of switch '" +
+                           settings.switchName + "' is not complete (routecache statedb fill puts one there)");
+}
+
+void SharedState::waitUntilWritten() {
+  waitUntil([this] { return db_.mirror().isSettled(); });
+}
+
+void SharedState::fill(const Lattis::Entities& entities) {
+  waitUntil([this] { return db_.mirror().session().isOpen(); });
+  db_.entitiesAre(entities);
+  db_.mirror().completeIs();
+  waitUntilWritten();
+}
+
+void SharedState::followWhile(const std::function<bool()>& more) {
+  while (more()) loop_.runOnce(look);
+}
+
+}  // namespace Tools
