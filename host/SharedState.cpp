@@ -38,7 +38,8 @@ void SharedState::waitUntil(const std::function<bool()>& reached) {
       readings = mirror.readings();
       progressAt = clock.now();
     }
-    if (clock.now() - progressAt < patience && (mirror.session().fault().empty() || mirror.session().isOpen())) continue;
+    if (clock.now() - progressAt < patience && (mirror.session().fault().empty() || mirror.session().isOpen()))
+      continue;
     const std::string& fault = mirror.session().fault();
     throw std::runtime_error("state database at " + mirror.session().settings().address.text + ": " +
                              (fault.empty() ? "no answer" : fault));

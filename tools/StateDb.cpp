@@ -28,8 +28,8 @@ void fill(const FillOptions& options) {
   const std::string text = LinuxPlatform::readInput(options.scenario, mostScenarioBytes);
   const auto entities = LinuxPlatform::parseScenario(text, options.scenario, state.types(), allPathTypes());
   state.fill(entities);
-  tell(false, {}, "filled " + options.stateDb.address + ", switch " + options.stateDb.switchName + ", from " +
-                      options.scenario);
+  tell(false, {},
+       "filled " + options.stateDb.address + ", switch " + options.stateDb.switchName + ", from " + options.scenario);
 }
 
 }  // namespace

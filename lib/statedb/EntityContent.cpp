@@ -69,7 +69,7 @@ void EntityContent::heard(std::string field, std::optional<std::string> value) {
 void EntityContent::readingEnds() {
   reading_ = false;
   passedOver_.clear();
-  if (ofEverything_) sweeping_ = std::string();
+  if (ofEverything_) sweeping_.emplace();
 }
 
 void EntityContent::readingIsDropped() {
@@ -96,15 +96,20 @@ bool EntityContent::step() {
   return true;
 }
 
+EntityContent::KnownFields::iterator EntityContent::Sweep::next(KnownFields& fields) {
+  const auto found = last_ ? fields.upper_bound(*last_) : fields.begin();
+  if (found != fields.end()) last_ = found->first;
+  return found;
+}
+
 // A field that the reading of everything has not met is gone.
 void EntityContent::sweepStep() {
-  const auto next = sweeping_->empty() ? known_.begin() : known_.upper_bound(*sweeping_);
+  const auto next = sweeping_->next(known_);
   if (next == known_.end()) {
     sweeping_.reset();
-    return;
+  } else if (next->second.seen != round_) {
+    heard_.emplace(next->first, std::nullopt);
   }
-  if (next->second.seen != round_) heard_.emplace(next->first, std::nullopt);
-  *sweeping_ = next->first;
 }
 
 // All is known before anything is carried out: whether a child goes depends on all of its fields.
@@ -137,6 +142,9 @@ void EntityContent::carryStep() {
   const auto node = toCarry_.extract(toCarry_.begin());
   try {
     carry(node.key(), node.mapped());
+  } catch (const Platform::BadText&) {
+    // A field that is none takes nothing along when it goes.
+    if (node.mapped()) toRetry_.insert_or_assign(node.key(), node.mapped());
   } catch (const std::exception&) {
     toRetry_.insert_or_assign(node.key(), node.mapped());
   }
@@ -264,7 +272,7 @@ bool EntityContent::outputStep(Changes& toWrite) {
     const auto item = outputs_->next();
     if (!item) {
       outputs_.reset();
-      outputSweep_ = std::string();
+      outputSweep_.emplace();
       return true;
     }
     if (!item->value || fieldFacts(scratch_, item->field).isSettable) return true;
@@ -274,12 +282,11 @@ bool EntityContent::outputStep(Changes& toWrite) {
     return true;
   }
   if (!outputSweep_) return false;
-  const auto next = outputSweep_->empty() ? known_.begin() : known_.upper_bound(*outputSweep_);
+  const auto next = outputSweep_->next(known_);
   if (next == known_.end()) {
     outputSweep_.reset();
     return false;
   }
-  *outputSweep_ = next->first;
   if (next->second.seen == round_) return true;
   try {
     if (!fieldFacts(scratch_, next->first).isSettable) toWrite[next->first] = std::nullopt;

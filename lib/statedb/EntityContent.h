@@ -31,8 +31,8 @@ namespace LinuxPlatform {
 // An attribute that is gone from the database has what it has when nobody sets it; a child entity goes with the last of
 // its fields.
 //
-// Invariants: `known_` is what the database held at the last good reading and what has been written to it since; nothing
-// is in both heard_ and, as passedOver_, written since the reading began.
+// Invariants: `known_` is what the database held at the last good reading and what has been written to it since;
+// nothing is in both heard_ and, as passedOver_, written since the reading began.
 class EntityContent {
  public:
   // A field and its value; nothing: it is gone.
@@ -81,6 +81,15 @@ class EntityContent {
     std::uint32_t seen = 0;  // number of the round (a reading, or of the outputs) that met it last
   };
   using KnownFields = std::map<std::string, Known, std::less<>>;
+  // A walk through known_, which may change meanwhile.
+  class Sweep {
+   public:
+    // fields.end() at the end.
+    KnownFields::iterator next(KnownFields& fields);
+
+   private:
+    std::optional<std::string> last_;
+  };
   // A value that has been refused, and told.
   struct Standing {
     std::optional<std::string> value;
@@ -107,17 +116,17 @@ class EntityContent {
 
   bool reading_ = false;
   bool ofEverything_ = false;
-  std::set<std::string> passedOver_;   // written since the reading began
-  Changes heard_;                      // what differs, not in known_ yet
-  std::optional<std::string> sweeping_;  // the field behind which known_ is still to be looked through for what is gone
-  Changes toCarry_;                    // in known_, not in the entity
-  Changes toRetry_;                    // refused so far
-  Changes retried_;                    // refused again in this round of retries
+  std::set<std::string> passedOver_;  // written since the reading began
+  Changes heard_;                     // what differs, not in known_ yet
+  std::optional<Sweep> sweeping_;     // for what is gone
+  Changes toCarry_;                   // in known_, not in the entity
+  Changes toRetry_;                   // refused so far
+  Changes retried_;                   // refused again in this round of retries
   bool retryHelped_ = false;
   std::map<std::string, Standing> standing_;
 
   std::optional<FieldWalk> outputs_;
-  std::optional<std::string> outputSweep_;
+  std::optional<Sweep> outputSweep_;
 };
 
 }  // namespace LinuxPlatform

@@ -211,9 +211,9 @@ FieldFacts fieldFacts(const std::shared_ptr<Entity>& scratch, std::string_view f
       if (child && !undo) undo = [holder, &collection, key] { collection.del(*holder, key); };
       holder = std::move(child);
     }
-  } catch (...) {
+  } catch (const std::exception& error) {
     if (undo) undo();
-    throw;
+    throw BadText(error.what());
   }
   if (undo) undo();
   return facts;

@@ -17,9 +17,9 @@ using Platform::TaskPriority;
 
 namespace {
 
-constexpr double markPoll = 1;         // seconds between two looks for the mark, should nobody tell of it
-constexpr double outputsPause = 0.2;   // seconds for which changes of an entity's own fields are gathered
-constexpr std::size_t pieceFields = 512;      // of a hash, in one answer or command: some tenths of a millisecond
+constexpr double markPoll = 1;                 // seconds between two looks for the mark, should nobody tell of it
+constexpr double outputsPause = 0.2;           // seconds for which changes of an entity's own fields are gathered
+constexpr std::size_t pieceFields = 512;       // of a hash, in one answer or command: some tenths of a millisecond
 constexpr std::size_t mostSingleFields = 256;  // of one hash; more of them, and all of it is read
 constexpr unsigned mostDisturbances = 3;
 constexpr std::uint64_t mostRefusalLines = 20;  // in a row; all are counted
@@ -83,7 +83,8 @@ bool RedisMirror::isSettled() const {
   return session_.isOpen() && isSynced() && session_.unanswered() == 0 && ownMessages_.empty() && waiting_.empty() &&
          std::all_of(followed_.begin(), followed_.end(), [](const auto& entry) {
            const Followed& followed = entry.second;
-           return !followed.allWanted && followed.fieldsWanted.empty() && !followed.outputsAreDue && !followed.isWriting;
+           return !followed.allWanted && followed.fieldsWanted.empty() && !followed.outputsAreDue &&
+                  !followed.isWriting;
          });
 }
 
@@ -335,7 +336,8 @@ bool RedisMirror::writeOutputs() {
 void RedisMirror::checkWritable() const {
   const std::string where = "the state database at " + session_.settings().address.text;
   if (!session_.isOpen()) throw std::invalid_argument(where + " cannot be reached, it takes no changes");
-  if (session_.unanswered() > mostUnanswered) throw std::invalid_argument(where + " does not answer, it takes no changes");
+  if (session_.unanswered() > mostUnanswered)
+    throw std::invalid_argument(where + " does not answer, it takes no changes");
 }
 
 void RedisMirror::fieldIsWritten(const std::string& path, const std::string& field) {
@@ -443,8 +445,7 @@ void RedisMirror::tellRefusal(const std::string& path, const std::string& line) 
 }
 
 void RedisMirror::notice(const std::string& line) const {
-  session_.settings().notice(
-      printable("state database at " + session_.settings().address.text + ": " + line));
+  session_.settings().notice(printable("state database at " + session_.settings().address.text + ": " + line));
 }
 
 }  // namespace LinuxPlatform

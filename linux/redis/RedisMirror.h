@@ -24,15 +24,15 @@ struct redisReply;
 
 namespace LinuxPlatform {
 
-// No change is missed: the session listens first, then everything is read, and what is told meanwhile is read again; the
-// same whenever the session opens again. What is read is compared with what was known, and differences alone are carried
-// out, a time slice at a time.
+// No change is missed: the session listens first, then everything is read, and what is told meanwhile is read again;
+// the same whenever the session opens again. What is read is compared with what was known, and differences alone are
+// carried out, a time slice at a time.
 //
 // What is read counts only when the switch's content is complete after it was read: a server that came back empty has
 // no mark, and then what is known stays until a writer has put the content back and the mark with it.
 //
-// A hash is read in pieces. Somebody who puts another one in its place meanwhile tells of the whole path, and then it is
-// read again; a change of single fields is read afterwards.
+// A hash is read in pieces. Somebody who puts another one in its place meanwhile tells of the whole path, and then it
+// is read again; a change of single fields is read afterwards.
 //
 // Invariants: one reading at a time, and none while differences are carried out; a field that this process has written
 // since a reading began is not taken from it. While there is something to do, and the session can do it, the task is

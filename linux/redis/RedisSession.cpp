@@ -40,7 +40,8 @@ std::optional<std::string> numericAddress(const std::string& host) {
 
 // Of the server as a whole, whatever it was asked.
 bool speaksOfServer(std::string_view error) {
-  constexpr std::string_view kinds[] = {"LOADING", "NOAUTH", "WRONGPASS", "NOPERM", "MASTERDOWN", "CLUSTERDOWN", "BUSY"};
+  constexpr std::string_view kinds[] = {"LOADING",    "NOAUTH",      "WRONGPASS", "NOPERM",
+                                        "MASTERDOWN", "CLUSTERDOWN", "BUSY"};
   return std::any_of(std::begin(kinds), std::end(kinds), [error](auto kind) { return error.starts_with(kind); });
 }
 
@@ -109,8 +110,9 @@ void RedisSession::connect(const RedisAddress& numeric) {
     return fail(error.what());
   }
   stepsToOpen_ = 3;
-  messages_->subscribe({settings_.switchName, fenceChannel_}, [this] { stepIsOpened(); },
-                       [this](const auto& channel, const auto& text) { handleMessage(channel, text); });
+  messages_->subscribe(
+      {settings_.switchName, fenceChannel_}, [this] { stepIsOpened(); },
+      [this](const auto& channel, const auto& text) { handleMessage(channel, text); });
   commands_->command({"PING"}, [this](const redisReply& reply) {
     if (reply.type == REDIS_REPLY_ERROR) return fail(std::string(reply.str, reply.len));
     stepIsOpened();

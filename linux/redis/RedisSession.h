@@ -26,9 +26,9 @@ struct RedisSettings {
   std::function<void(const std::string& line)> notice;
 };
 
-// Open, it has both connections, and hears what is published on the switch's channel from then on. It closes when either
-// is lost or has not answered for some seconds, and opens again: after a tenth of a second at first, after up to five
-// when that fails again and again, a part of it by chance, as a fleet of switches may have lost the same server.
+// Open, it has both connections, and hears what is published on the switch's channel from then on. It closes when
+// either is lost or has not answered for some seconds, and opens again: after a tenth of a second at first, after up to
+// five when that fails again and again, a part of it by chance, as a fleet of switches may have lost the same server.
 // Nothing waits: a server that stands still costs what is kept for it, and that is bounded by who uses this.
 //
 // Its handlers are called from the event loop.

@@ -26,14 +26,12 @@ class RedisStateDb::Statistics final : public Entity {
   const Lattis::EntityType& entityType() const override {
     using This = Statistics;
     using Lattis::readOnlyField;
-    static const Lattis::EntityType type{"Platform::StateDbStatistics",
-                                         {readOnlyField<This, &This::state>("state"),
-                                          readOnlyField<This, &This::lastFault>("fault"),
-                                          readOnlyField<This, &This::openings>("sessions"),
-                                          readOnlyField<This, &This::readings>("readings"),
-                                          readOnlyField<This, &This::refusals>("refusals"),
-                                          readOnlyField<This, &This::refusedFields>("refusedFields")},
-                                         {}};
+    static const Lattis::EntityType type{
+        "Platform::StateDbStatistics",
+        {readOnlyField<This, &This::state>("state"), readOnlyField<This, &This::lastFault>("fault"),
+         readOnlyField<This, &This::openings>("sessions"), readOnlyField<This, &This::readings>("readings"),
+         readOnlyField<This, &This::refusals>("refusals"), readOnlyField<This, &This::refusedFields>("refusedFields")},
+        {}};
     return type;
   }
 

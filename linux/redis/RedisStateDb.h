@@ -21,7 +21,8 @@ struct RedisStateDbSettings : RedisSettings {
 };
 
 // Entities stand in this process as in the embedded database, and RedisMirror.h keeps them and the server the same. A
-// mount group completes when everything that is followed has been read: an agent that waits for its first content waits.
+// mount group completes when everything that is followed has been read: an agent that waits for its first content
+// waits.
 //
 // An operator's change is checked here and stands at once; the server has it with the next answer, and nothing but the
 // server's end takes it back, not this process' end either. With the server out of reach it is refused.
