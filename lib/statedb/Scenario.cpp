@@ -1,9 +1,11 @@
 #include "lib/statedb/Scenario.h"
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "platform/values/Printable.h"
@@ -13,9 +15,20 @@ namespace LinuxPlatform {
 using Lattis::AttributeField;
 using Lattis::CollectionField;
 using Lattis::Entity;
-using Json = nlohmann::ordered_json;  // fields are set in the order in which the file has them
 
 namespace {
+
+// The parser's objects, in the order in which the file has their fields, for that is the order in which they are set. A
+// new key is not looked for among those before it, a hundred thousand of them in a large object: `parsed` has.
+template <class Key, class Value, class Less = std::less<Key>,
+          class Allocator = std::allocator<std::pair<const Key, Value>>>
+struct FileObject : nlohmann::ordered_map<Key, Value, Less, Allocator> {
+  using Base = nlohmann::ordered_map<Key, Value, Less, Allocator>;
+  using Base::Base;
+  Value& operator[](const Key& key) { return this->emplace_back(key, Value()).second; }
+  Value& operator[](Key&& key) { return this->emplace_back(std::move(key), Value()).second; }
+};
+using Json = nlohmann::basic_json<FileObject>;
 
 [[noreturn]] void refuse(const std::string& place, const std::string& reason) {
   throw ScenarioError(Platform::printable(place + ": " + reason));
