@@ -134,7 +134,7 @@ void RedisMirror::proceed() {
 }
 
 void RedisMirror::work() {
-  if (!carryOut()) return proceed();
+  if (carryOut()) return proceed();
   if (isSynced() && !waiting_.empty()) {
     for (const auto& call : std::exchange(waiting_, {})) call();
   }
@@ -144,19 +144,16 @@ void RedisMirror::work() {
   if (!writeOutputs()) proceed();
 }
 
-// False: there is more to do.
+// False: there was nothing to do. Else what comes next has a time slice of its own.
 bool RedisMirror::carryOut() {
   std::uint64_t steps = 0;
   for (auto& [path, followed] : followed_) {
     while (followed.content.step()) {
-      ++steps;
-      if (!task_->shouldYield()) continue;
-      task_->workCountIs(steps);
-      return false;
+      task_->workCountIs(++steps);
+      if (task_->shouldYield()) return true;
     }
   }
-  task_->workCountIs(steps);
-  return true;
+  return steps > 0;
 }
 
 // --- The mark --------------------------------------------------------------------------------------------------------
@@ -403,7 +400,7 @@ void RedisMirror::contentIsWritten(const std::string& path) {
   command(path, {"MULTI"});
   command(path, {"DEL", key});
   std::vector<std::string> words{"HSET", key};
-  std::optional<std::string> child;  // one of which no field has been met
+  std::string child;  // one of which no field has been met
   const auto add = [&](const std::string& field, const std::string& value) {
     words.push_back(field);
     words.push_back(value);
@@ -414,15 +411,15 @@ void RedisMirror::contentIsWritten(const std::string& path) {
   };
   FieldWalk walk(content.entity(), "");
   while (const auto item = walk.next()) {
-    if (child && !item->field.starts_with(*child + ".")) add(*child, "");
-    child.reset();
+    if (!child.empty() && !item->field.starts_with(child + ".")) add(child, "");
+    child.clear();
     if (!item->value) {
       child = item->field;
     } else if (content.isSettable(item->field)) {
       add(item->field, *item->value);
     }
   }
-  if (child) add(*child, "");
+  if (!child.empty()) add(child, "");
   if (words.size() > 2) command(path, words);
   command(path, {"EXEC"});
   publish(path);

@@ -151,8 +151,8 @@ TEST(EntityContentTest, OwnFieldsGoTheOtherWay) {
   config.everythingIs({{"cachingEnabled", "true"}, {"ageingKeepsRoute", "true"}, {"else", "1"}});
   EXPECT_FALSE(config.entity->cachingEnabled()) << "nobody else's to say";
   EXPECT_TRUE(config.entity->ageingKeepsRoute());
-  EXPECT_THAT(toWrite(), ElementsAre(testing::Pair("cachingEnabled", "false"),
-                                     testing::Pair("ipv4PrefixHwSpaceLeft", "0")));
+  EXPECT_THAT(toWrite(),
+              ElementsAre(testing::Pair("cachingEnabled", "false"), testing::Pair("ipv4PrefixHwSpaceLeft", "0")));
   EXPECT_THAT(toWrite(), IsEmpty());
   config.entity->ipv4PrefixHwSpaceLeftIs(7);
   EXPECT_THAT(toWrite(), ElementsAre(testing::Pair("ipv4PrefixHwSpaceLeft", "7")));
@@ -182,8 +182,8 @@ class Model {
     for (const auto& [field, value] : known_) {
       expected[field] = value;
       const std::string child = field.substr(0, field.find("]") + 1);
-      for (const auto& [name, unset] : Fields{{"", ""}, {".operStatus", "down"}, {".ipv4Addr", "0.0.0.0"},
-                                              {".ipv6Addr", "::"}}) {
+      for (const auto& [name, unset] :
+           Fields{{"", ""}, {".operStatus", "down"}, {".ipv4Addr", "0.0.0.0"}, {".ipv6Addr", "::"}}) {
         expected.try_emplace(child + name, unset);
       }
     }

@@ -158,7 +158,7 @@ TEST_F(BadInputTest, IsOneLineAndExitCodeTwoAndLeavesNothing) {
       {"fib add 10.0.0.0/8 --vrf \xff", "", "'?' is not a VRF name"},
       {"mow", "", "mow"},
       {"", "", "a subcommand is wanted"},
-      {"run" + inDir, "", "--scenario is required"},
+      {"run" + inDir, "", "--scenario or --state-db is wanted"},
       {start + "misspelt.json", "", "misspelt.json: vrf/vrfNameStatus.nameToId[red]: 'two' is not a number"},
       {start + "mistaken.json", "", "mistaken.json: vrf/vrfNameStatus.type: what stands here is always a "},
       {start + "huge.json", "", "huge.json: routecache/capability: hwRouteTableSize must be 1 to 268433408"},
