@@ -230,16 +230,20 @@ bool SharedTableService::deliverChanges(const std::function<bool()>& shouldYield
   const std::vector<std::shared_ptr<TableCollection>> round = takeDue();
   for (const auto& collection : round) collection->adoptReplacement();
 
-  bool yielded = false, onlyBusy = true;
+  bool yielded = false, onlyBusy = true, isTurnOver = false;
   const std::function<bool()> stop = [&] { return yielded = yielded || shouldYield(); };
   for (const auto& collection : round) {
-    if (!yielded) {
-      collection->deliver(stop);
-      if (stop()) firstServed_ = collection->path() + '\0';  // the path after this one
+    if (!yielded) collection->deliver(stop);
+    const bool isLeft = collection->pending();
+    const bool isBusy = isLeft && collection->listenerIsBusy();
+    // Whoever follows several tables must not hear of the same one first each time, and then want no more.
+    if ((stop() || isBusy) && !isTurnOver) {
+      isTurnOver = true;
+      firstServed_ = collection->path() + '\0';  // the path after this one
     }
-    if (!collection->pending()) continue;
+    if (!isLeft) continue;
     collection->dueIs();
-    onlyBusy = onlyBusy && collection->listenerIsBusy();
+    onlyBusy = onlyBusy && isBusy;
   }
   const bool verified = verifyAdopted(stop);
   listenersAreBusy_ = verified && !yielded && onlyBusy && !context_->due.empty();

@@ -53,10 +53,10 @@ class SharedTableService final : public Pondra::TableService {
 
   // Goes over to tables that appeared or were replaced, puts those back that are written here, and tells reactors of
   // changes, table by table, as many as they want, until shouldYield (asked after each) says stop. True: nothing is
-  // left. Tables take turns at being first. Looks at the tables that something is known of, or at all when there are
-  // none. After that, tables that were taken over from another writer are compared with themselves, some entries at a
-  // time; what does not agree is mended, and indexes that were known to be wrong are built. Not called from inside a
-  // reactor.
+  // left. Tables take turns at being first: the one behind that at which a slice ended or a listener had enough. Looks
+  // at the tables that something is known of, or at all when there are none. After that, tables that were taken over
+  // from another writer are compared with themselves, some entries at a time; what does not agree is mended, and
+  // indexes that were known to be wrong are built. Not called from inside a reactor.
   bool deliverChanges(const std::function<bool()>& shouldYield);
   // The last delivery has left only what those who are told want later: it is their turn to work.
   bool listenersAreBusy() const { return listenersAreBusy_; }

@@ -301,6 +301,40 @@ TYPED_TEST(SharedTableTest, AStreamFasterThanItsReaderHoldsUpNobodyForEver) {
   EXPECT_EQ(busy.believed[3999], 2U);
 }
 
+// Nor does a table whose changes alone are too much for who follows two keep him from hearing of the other.
+TYPED_TEST(SharedTableTest, TablesTakeTurnsAtWhoeverFollowsBoth) {
+  for (const bool floodsFirst : {true, false}) {
+    SCOPED_TRACE(floodsFirst);
+    const std::string paths[] = {"a" + std::to_string(floodsFirst), "b" + std::to_string(floodsFirst)};
+    std::vector<std::shared_ptr<FixedTable>> written;
+    std::vector<std::unique_ptr<Follower>> both;
+    for (const auto& at : paths) {
+      written.push_back(this->mount(*this->writing, MountKind::writer, 100, at));
+      for (std::uint64_t key = 0; key < 100; ++key) written.back()->routeIs({key, 1});
+      both.push_back(std::make_unique<Follower>(this->mount(*this->reading, MountKind::reader, 0, at)));
+    }
+    std::size_t told = 0;
+    for (const auto& each : both) {
+      each->onEntry = [&](std::uint64_t) {
+        for (const auto& one : both) one->wants = ++told < 20 ? one->wants : Pondra::Appetite::nothing;
+      };
+    }
+    FixedTable &flooded = *written[floodsFirst ? 0 : 1], &calm = *written[floodsFirst ? 1 : 0];
+    Follower& waits = *both[floodsFirst ? 1 : 0];
+    for (std::uint64_t cycle = 2; cycle < 6; ++cycle) {
+      calm.routeIs({7, cycle});
+      for (int tries = 0; tries < 4; ++tries) {
+        told = 0;
+        for (const auto& one : both) one->wants = Pondra::Appetite::everything;
+        for (std::uint64_t key = 0; key < 100; ++key) flooded.routeIs({key, cycle});
+        this->backend.deliver(*this->writing, [] { return false; });
+        this->backend.deliver(*this->reading, [] { return false; });
+      }
+      EXPECT_EQ(waits.believed[7], cycle);
+    }
+  }
+}
+
 // Also what is seen from inside the last call of a round through the slots.
 TYPED_TEST(SharedTableTest, KeySeenWhileOthersAreOwedIsToldOfWhenItGoes) {
   const auto written = this->writer(16);
