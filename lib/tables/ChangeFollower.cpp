@@ -150,7 +150,6 @@ bool ChangeFollower::tellSlots(Listener& listener) {
     tellSlot(slot, nullptr, listener);
     scannedUntil_ = view_->headSequence() + 1;
   }
-  if (old_) old_->comparable = false;  // what has been told since is not what the old table held
   return true;
 }
 

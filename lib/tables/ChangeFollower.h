@@ -26,6 +26,17 @@ namespace LinuxPlatform {
 //
 // An entry that moves to another slot is remembered in both, and nobody is told; unless the slots were being looked at
 // meanwhile, for the new one may have been passed before the entry came.
+//
+// While a table that was replaced is compared with its successor the ring waits, whoever is busy: what it tells would
+// have to be known to the comparison. That is one round through the slots, in which each delivery gets further; who has
+// gone with the old table comes at its end.
+//
+// Invariant: each key under which the table holds something else than the listener was told
+//   - is among departed_; or
+//   - is in a slot, or known to have been in one, of scan_ or nextRound_, whose version is not the one remembered; or
+//   - is named by the ring behind cursor_; or
+//   - stands in old_ as known, in a slot from old_->next on.
+// nextRound_ lies before scan_.next, and is empty when scan_ is.
 class ChangeFollower {
  public:
   class Listener {
@@ -111,7 +122,8 @@ class ChangeFollower {
   Slots scan_;                      // in this round
   Slots nextRound_;                 // that the round has passed by already; empty when it is
   bool forgotten_ = false;
-  // The table's changes when slots were last looked at, and one that may have been under way.
+  // The table's changes when slots were last looked at, and one that may have been under way: of a move up to then
+  // nobody knows whether that look has met the entry, so it is told.
   std::uint64_t scannedUntil_ = 0;
 };
 

@@ -370,6 +370,54 @@ TYPED_TEST(SharedTableTest, KeySeenWhileOthersAreOwedIsToldOfWhenItGoes) {
   EXPECT_EQ(busy.believed, there);
 }
 
+// One writer follows another, with room for more or fewer, while a busy reader has not been told all of either table.
+TYPED_TEST(SharedTableTest, ATableIsReplacedWhileOthersOfItsKeysAreOwed) {
+  using Pondra::Appetite;
+  for (unsigned seed = 0; seed < 40; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const auto pick = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
+    const std::string at = "t" + std::to_string(seed);
+    const auto writerOf = [&](unsigned capacity) {
+      return this->mount(*this->writing, MountKind::writer, capacity, at);
+    };
+    auto written = writerOf(40);
+    const auto read = this->mount(*this->reading, MountKind::reader, 0, at);
+    Follower busy(read);
+    bool all = false;
+    for (unsigned step = 0; step < 120; ++step) {
+      for (unsigned changes = pick(30); changes > 0; --changes) {
+        const std::uint64_t key = pick(36);
+        if (pick(3) == 0) {
+          written->routeDel(key);
+        } else {
+          written->routeIs({key, pick(3)});
+        }
+      }
+      if (pick(6) == 0) {  // the next one's table is another file, which the reader may come to late
+        written.reset();
+        this->writing.reset();
+        this->writing = this->backend.service();
+        written = writerOf(40 + pick(3));
+      }
+      if (pick(3) == 0) read->has(pick(36));
+      busy.take();
+      busy.most = pick(10);
+      busy.wants = static_cast<Appetite>(pick(3));
+      this->backend.deliver(*this->writing, [] { return false; });
+      if (pick(4) != 0) this->backend.deliver(*this->reading, [] { return false; });
+    }
+    busy.wants = Appetite::everything;
+    busy.most = SIZE_MAX;
+    for (int tries = 0; tries < 3 && !all; ++tries) all = this->backend.deliver(*this->reading, [] { return false; });
+    EXPECT_TRUE(all);
+    std::map<std::uint64_t, std::uint64_t> there;
+    for (const auto& value : *written) there[value.number] = value.word;
+    EXPECT_EQ(busy.believed, there);
+    if (testing::Test::HasFailure()) break;
+  }
+}
+
 TYPED_TEST(SharedTableTest, ReactorsMayLeaveAndWriteWhileBeingTold) {
   const auto table = this->writer();
   auto leaving = std::make_unique<Follower>(table);
