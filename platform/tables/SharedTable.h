@@ -9,6 +9,11 @@
 // - A change is visible before it is notified, and notified from the event loop, never from inside a write. Changes of
 //   one key may be merged; no key that changed, removals included, is ever missed, however late the reader is.
 // - A reactor hears of changes made after its registration. Entries already there are not replayed.
+// - Who is told may say how much he can take (Appetite). What he does not take now is told later, from what the table
+//   and its changes say then; changes of keys that he knows are not kept waiting for keys that are new to him, unless
+//   the table has just been replaced. As long as anything is left, the stream of changes has not paused, and nobody is
+//   told that the table is reconciled. An implementer may also tell everything at once, whatever the listener says:
+//   that is right, but a listener slower than the changes then has to keep them, and goes by what was for longer.
 // - A table outlives its writer: the next writer of the same type finds what was published, whatever instruction the
 //   last one died at; with another capacity the entries are kept (when there are more than the new capacity holds, all
 //   are kept and none is added until there are fewer). Another type or layout is a TableError.
@@ -135,7 +140,8 @@ class SharedCollection {
     // `sequence` is the number of the key's latest change among all changes of this collection: every change has a
     // higher number than those before it. Keys are told in no particular order.
     virtual void keyChanged(Bytes key, std::uint64_t sequence) = 0;
-    // Asked before each key that is told. What is left out is told when the sink wants it.
+    // Asked before each key that is told; again later, while something is left out, as nobody tells when more is
+    // wanted.
     virtual Appetite appetite() const { return Appetite::everything; }
     virtual void quiescedChanged(bool quiesced) = 0;
     // From inside unmount(), too: mounted() is false then, and reads find nothing.
