@@ -349,17 +349,11 @@ std::optional<Routing::Rib::RouteKey> KernelRouteSm::kernelKey(const Key& key) c
   return RouteKey(in_.vrfIdMap->hwVrfIdToGlobalVrfId(key.vrfId()), key.prefix());
 }
 
+// Room aside.
 template <class Family>
-KernelRouteSm::Decision KernelRouteSm::decide(const BasicRouteVrfKey<Family>& key, bool published) const {
-  Decision decision;
-  decision.published = published;
+bool KernelRouteSm::isWanted(const BasicRouteVrfKey<Family>& key, bool published) const {
   const auto cached = trie<Family>(key.vrfId());
-  if (decision.published) {
-    decision.wanted = !cached || !cached->longestMatch(key.prefix());
-  } else {
-    decision.wanted = cached && cached->has(key.prefix());
-  }
-  return decision;
+  return published ? !cached || !cached->longestMatch(key.prefix()) : cached && cached->has(key.prefix());
 }
 
 bool KernelRouteSm::hasRoom(Room room) const {
@@ -367,64 +361,64 @@ bool KernelRouteSm::hasRoom(Room room) const {
 }
 
 template <class Family>
-bool KernelRouteSm::isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision) {
-  if (sides_.of<Family>().toProcess.has(facts.key)) return isAdmitted<Family>(facts, decision);
+bool KernelRouteSm::isQueued(const BasicRouteVrfKey<Family>& key) const {
+  if (sides_.of<Family>().toProcess.has(key)) return true;
   trace_(6, "Not in RouteToProcess");
   return false;
 }
 
+template <class Family>
+bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key) {
+  if (!isQueued<Family>(key)) return false;
+  const auto& facts = factsOf<Family>(key);
+  return isAdmitted<Family>(facts, isWanted<Family>(key, facts.published));
+}
+
 bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
-  const auto& facts = factsOf<Ipv4Family>(key);
-  return isRouteAdded<Ipv4Family>(facts, decide<Ipv4Family>(key, facts.published));
+  return isRouteAdded<Ipv4Family>(key);
 }
 
 bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
-  const auto& facts = factsOf<Ipv6Family>(key);
-  return isRouteAdded<Ipv6Family>(facts, decide<Ipv6Family>(key, facts.published));
+  return isRouteAdded<Ipv6Family>(key);
 }
 
+// What is not queued may be deleted, but only a walk adds it.
 template <class Family>
 void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
   const auto& facts = factsOf<Family>(key);
-  if (!facts.kernel) return decideRoute<Family>(facts);
-  const Decision decision = decide<Family>(key, facts.published);
-  apply<Family>(facts, decision, isRouteAdded<Family>(facts, decision));
+  if (facts.kernel && !isQueued<Family>(key) && isWanted<Family>(key, facts.published)) return;
+  decideRoute<Family>(facts);
 }
 
-// Whether it is queued or a walk has met it.
+// Of a route that is queued, or that a walk has met.
 template <class Family>
 void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
   if (!facts.kernel) {
     sides_.of<Family>().toProcess.keyDel(facts.key);
     return;
   }
-  const Decision decision = decide<Family>(facts.key, facts.published);
-  apply<Family>(facts, decision, isAdmitted<Family>(facts, decision));
+  const bool wanted = isWanted<Family>(facts.key, facts.published);
+  if (isAdmitted<Family>(facts, wanted)) {
+    trace_(7, "adding", " ", *facts.kernel);
+    writeKernelRoute<Family>(facts);
+  } else if (!wanted) {
+    trace_(7, "deleting", " ", *facts.kernel);
+    if (facts.standing) deleteKernelRoute(*facts.kernel);
+  }
 }
 
 // Takes the route out of the queue, or lets it wait there for the room that it needs.
 template <class Family>
-bool KernelRouteSm::isAdmitted(const RouteFacts<Family>& facts, const Decision& decision) {
+bool KernelRouteSm::isAdmitted(const RouteFacts<Family>& facts, bool wanted) {
   auto& side = sides_.of<Family>();
-  const Room room = decision.published ? mirrorRoom : cachedRoom;
-  if (decision.wanted && !facts.standing && !hasRoom(room)) {
+  const Room room = facts.published ? mirrorRoom : cachedRoom;
+  if (wanted && !facts.standing && !hasRoom(room)) {
     side.toProcess.waitingKeyIs(facts.key, room);
     side.task.schedule(routeProcessingIntervalDefer_);
     return false;
   }
   side.toProcess.keyDel(facts.key);
-  return decision.wanted;
-}
-
-template <class Family>
-void KernelRouteSm::apply(const RouteFacts<Family>& facts, const Decision& decision, bool isAdded) {
-  if (isAdded) {
-    trace_(7, "adding", " ", *facts.kernel);
-    writeKernelRoute<Family>(facts);
-  } else if (!decision.wanted) {
-    trace_(7, "deleting", " ", *facts.kernel);
-    if (facts.standing) deleteKernelRoute(*facts.kernel);
-  }
+  return wanted;
 }
 
 // What is known already is not looked up.
@@ -681,7 +675,7 @@ void KernelRouteSm::checkPublished() const {
     const auto kernel = kernelKey(route.key());
     if (!kernel || isAwaited<Family>(route.key())) continue;
     const auto standing = in_.kernelRouteStatus->route(*kernel);
-    PLATFORM_ASSERT_TEXT(decide<Family>(route.key()).wanted == standing.has_value(),
+    PLATFORM_ASSERT_TEXT(isWanted<Family>(route.key()) == standing.has_value(),
                          "a published route has a kernel route exactly if no cached prefix covers it");
     const auto configured = sides_.of<Family>().config.route(*kernel);
     PLATFORM_ASSERT_TEXT(!standing || !configured || *standing == *configured,
@@ -719,7 +713,7 @@ template <class Family>
 void KernelRouteSm::checkWaiting() const {
   const auto key = sides_.of<Family>().toProcess.waitingKey(cachedRoom);
   if (!key || reviewOwed_ || sides_.of<Family>().walk.willMeet(*key)) return;
-  PLATFORM_ASSERT_TEXT(kernelKey(*key) && decide<Family>(*key).wanted,
+  PLATFORM_ASSERT_TEXT(kernelKey(*key) && isWanted<Family>(*key),
                        "a cached prefix that waits for room is of a mapped VRF and wanted");
 }
 
@@ -737,7 +731,7 @@ void KernelRouteSm::checkKernelRoutes() const {
                          "a kernel route's VRF is mapped, or ahead of a kernel walk");
     const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
     const auto isRight = [this]<class Family>(const BasicRouteVrfKey<Family>& tableKey) {
-      return isAwaited<Family>(tableKey) || decide<Family>(tableKey).wanted;
+      return isAwaited<Family>(tableKey) || isWanted<Family>(tableKey);
     };
     PLATFORM_ASSERT_TEXT(key.prefix().isV4() ? isRight.operator()<Ipv4Family>({key.prefix().v4(), hwVrfId})
                                              : isRight.operator()<Ipv6Family>({key.prefix().v6(), hwVrfId}),

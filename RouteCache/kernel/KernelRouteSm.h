@@ -194,18 +194,13 @@ class KernelRouteSm final : public Lattis::Entity {
     std::vector<std::uint32_t> triesToFollow;  // that stood at the start, the first one last
   };
 
-  // What the tables say of a route, room aside.
-  struct Decision {
-    bool published = false;
-    bool wanted = false;
-  };
   template <class Family>
   auto trie(std::uint32_t hwVrfId) const;  // null when there is none
   template <class Family>
-  Decision decide(const BasicRouteVrfKey<Family>& key, bool published) const;
+  bool isWanted(const BasicRouteVrfKey<Family>& key, bool published) const;
   template <class Family>
-  Decision decide(const BasicRouteVrfKey<Family>& key) const {
-    return decide<Family>(key, sides_.of<Family>().routes.has(key));
+  bool isWanted(const BasicRouteVrfKey<Family>& key) const {
+    return isWanted<Family>(key, sides_.of<Family>().routes.has(key));
   }
   template <class Family>
   void lookUpFacts(std::span<RouteFacts<Family>> facts) const;
@@ -218,17 +213,17 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Key>
   std::optional<RouteKey> kernelKey(const Key& key) const;
   template <class Family>
-  bool isRouteAdded(const RouteFacts<Family>& facts, const Decision& decision);
+  bool isQueued(const BasicRouteVrfKey<Family>& key) const;
   template <class Family>
-  bool isAdmitted(const RouteFacts<Family>& facts, const Decision& decision);
+  bool isRouteAdded(const BasicRouteVrfKey<Family>& key);
+  template <class Family>
+  bool isAdmitted(const RouteFacts<Family>& facts, bool wanted);
   template <class Family>
   void wakeWaiting();
   template <class Family>
   void processRoute(const BasicRouteVrfKey<Family>& key);
   template <class Family>
   void decideRoute(const RouteFacts<Family>& facts);
-  template <class Family>
-  void apply(const RouteFacts<Family>& facts, const Decision& decision, bool isAdded);
   template <class Family>
   void writeKernelRoute(const RouteFacts<Family>& facts);
   void deleteKernelRoute(const RouteKey& key);
