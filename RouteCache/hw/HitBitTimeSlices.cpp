@@ -254,6 +254,44 @@ void HitBitTimeSlices::forgetAside() {
   aside_ = timeSliceInvalid;
 }
 
+// --- Invariants ------------------------------------------------------------------------------------------------------
+
+// Of a row in a list; how many keys it holds.
+std::uint32_t HitBitTimeSlices::checkRow(Link link, std::uint16_t slice) const {
+  const Row& row = rowAt(link);
+  PLATFORM_ASSERT_TEXT(row.slice == slice, "a row is in a list of its slice");
+  PLATFORM_ASSERT_TEXT(row.live != 0 && row.filled <= rowSize, "a row holds a key, and no more than it has places");
+  PLATFORM_ASSERT_TEXT(static_cast<unsigned>(std::bit_width(row.live)) <= row.filled, "a key's place was given out");
+  forBits(row.live, [&](unsigned number) {
+    const Place* const known = index_.find(row.keys[number]);
+    PLATFORM_ASSERT_TEXT(known != nullptr && *known == (link - lists) * rowSize + number,
+                         "the index says where a key lies");
+  });
+  return static_cast<std::uint32_t>(std::popcount(row.live));
+}
+
+void HitBitTimeSlices::checkInvariants() const {
+  std::array<std::uint32_t, timeSliceInvalid> sizes{};
+  std::size_t rows = 0;
+  std::size_t keys = 0;
+  for (Link list = 0; list < lists; ++list) {
+    const auto slice = list == dueList ? visited_ : list == asideList ? aside_ : static_cast<std::uint16_t>(list);
+    for (Link link = first(list); link != 0; link = next(link), ++rows) {
+      PLATFORM_ASSERT_TEXT(slice < timeSliceInvalid, "without a visit nothing is due, and nothing aside unasked");
+      PLATFORM_ASSERT_TEXT(links_[links_[link].previous].next == link, "both neighbours of a row name it");
+      const std::uint32_t held = checkRow(link, slice);
+      sizes[slice] += held;
+      keys += held;
+    }
+  }
+  PLATFORM_ASSERT_TEXT(sizes == sizes_, "a slice counts its keys");
+  PLATFORM_ASSERT_TEXT(keys == index_.size(), "the index knows the keys of the rows and no others");
+  PLATFORM_ASSERT_TEXT(rows == rows_.taken(), "a row is in a list, or free");
+  const Link turn = first(dueList);
+  PLATFORM_ASSERT_TEXT((turn != 0) == (dueKeys_ != 0), "while a visit has rows, it is a key's turn");
+  PLATFORM_ASSERT_TEXT(turn == 0 || (dueKeys_ & ~rowAt(turn).live) == 0, "whose turn is to come is there");
+}
+
 std::shared_ptr<HitBitTimeSliceColl> HitBitTimeSliceCollIs(std::shared_ptr<HitBitTimeSlices> slices,
                                                            std::uint16_t slice) {
   return std::make_shared<HitBitTimeSliceColl>(std::move(slices), slice);

@@ -38,8 +38,13 @@ constexpr std::uint16_t timeSliceOfIdle(std::uint16_t seconds) {
 // its slice as a whole; but keys of a row that has lost most of its own move together, for that takes a look at the
 // index for each.
 //
-// Invariant: a key is in at most one slice, and the index says where it lies; a row is of one slice, and in its list,
-// or among those of the visit that have not had their turn, or set aside; it holds at least one key.
+// Invariants (checkInvariants):
+//   - a key is in at most one slice, and the index says where it lies;
+//   - a row is of one slice, and in its list, or among those of the visit that have not had their turn, or set aside;
+//   it
+//     holds at least one key, or is free for the next slice that needs one;
+//   - of the visit's first row the keys whose turn is to come are noted, and at least one is; of others none has had
+//   it.
 class HitBitTimeSlices {
  public:
   using Key = Ipv4RouteVrfKey;
@@ -78,6 +83,9 @@ class HitBitTimeSlices {
   void visitAside();
   void forgetAside();
 
+  // Aborts when an invariant does not hold. Walks everything.
+  void checkInvariants() const;
+
  private:
   static constexpr unsigned rowSize = 32;
   struct Row {
@@ -100,6 +108,7 @@ class HitBitTimeSlices {
     }
     void free(std::uint32_t row) { free_.push_back(row); }
     std::uint32_t size() const { return size_; }
+    std::size_t taken() const { return size_ - free_.size(); }
 
    private:
     static constexpr std::uint32_t blockSize = 64;
@@ -141,6 +150,7 @@ class HitBitTimeSlices {
   void beginTurn();
   void endTurn();
   void putPassedBack();
+  std::uint32_t checkRow(Link link, std::uint16_t slice) const;
 
   Rows rows_;
   std::vector<Links> links_;

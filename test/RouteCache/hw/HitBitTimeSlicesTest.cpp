@@ -98,6 +98,7 @@ constexpr std::uint16_t sliceNumbers[] = {0, 7, RouteCache::timeSliceMax, RouteC
                                           RouteCache::timeSliceNewAdditionsToDel};
 
 void expectEqual(const HitBitTimeSlices& slices, const Model& model) {
+  slices.checkInvariants();
   ASSERT_EQ(slices.size(), model.size());
   ASSERT_EQ(slices.visiting(), model.visiting());
   ASSERT_EQ(slices.due(), model.due());
