@@ -230,11 +230,17 @@ class HwRouteSm final : public Lattis::Entity {
     Key key;
     std::optional<Ipv4Route> sfeRoute;
     std::optional<Ipv4Route> hwRoute;
-    std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware, or that is to be aged
+    std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware
     bool isFiled = false;         // of one that a walk has met: it is in a slice, and nothing else is known of it
   };
-  // The same of a route that is scanned, whose turn writes no other's either. What hardware reports after the look is
-  // the next scan's.
+  // The same of a route that is to be aged, and of one that is scanned: neither's turn writes another's. What hardware
+  // reports after the look is the next scan's.
+  struct AgedFacts {
+    Key key;
+    std::optional<Ipv4Route> hwRoute;
+    std::optional<Ipv4Route> sfeRoute;
+    std::uint32_t sfeHitbit = 0;
+  };
   struct ScanFacts {
     Key key;
     std::optional<Ipv4RouteHitBit> hit;
@@ -242,7 +248,7 @@ class HwRouteSm final : public Lattis::Entity {
   };
   void lookUpFacts(std::span<RouteFacts> facts) const;
   void lookUpWalked(std::span<RouteFacts> facts) const;
-  void lookUpAged(std::span<RouteFacts> facts) const;
+  void lookUpAged(std::span<AgedFacts> facts) const;
   void lookUpScanned(std::span<ScanFacts> facts, std::uint16_t slice) const;
   void readAheadOfFresh();
   void readAheadOfDue(std::uint16_t slice);
@@ -302,9 +308,11 @@ class HwRouteSm final : public Lattis::Entity {
   double hwHitbitScanInterval_ = 40.0;
 
   KeyQueue<Key> routeToProcess_;
-  ReadAhead<RouteFacts> readAhead_;  // of fresh routes, of those to be aged; empty between two runs, as are the others
+  // Each is empty between two runs of its task.
+  ReadAhead<RouteFacts> readAhead_;  // of fresh routes
   ReadAhead<RouteFacts> walkAhead_;  // of the routes of the tables' walks
   ReadAhead<ScanFacts> scanAhead_;
+  ReadAhead<AgedFacts> agedAhead_;
   AdjacencyWait withoutAdjacency_;
   HitQueue sfeRouteHitToProcess_;
   KeyQueue<Key> sfeProgrammedRouteToProcess_;

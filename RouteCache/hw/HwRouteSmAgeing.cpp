@@ -213,33 +213,33 @@ std::uint32_t HwRouteSm::ageHwRoutes(std::uint16_t slice, std::uint32_t count) {
   while (removed < count && !yield) {
     const auto key = slices_->due();
     if (!key) break;
-    if (readAhead_.empty()) readAheadOfAged(count - removed);
+    if (agedAhead_.empty()) readAheadOfAged(count - removed);
     slices_->passDue();
     if (ageRoute(*key, slice)) ++removed;
     ++scanned_;
     yield = hwHitbitScanTask_.shouldYield();
   }
-  readAhead_.clear();
+  agedAhead_.clear();
   if (removed == count || !slices_->due()) slices_->endVisit();
   aged_ += removed;
   return removed;
 }
 
-void HwRouteSm::lookUpAged(std::span<RouteFacts> facts) const {
-  const auto keyOf = [](const RouteFacts& each) { return std::optional(each.key); };
-  lookUp(facts, *in_.ipv4HwRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
-  lookUp(facts, *in_.ipv4SfeRouteStatus, keyOf, [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
+void HwRouteSm::lookUpAged(std::span<AgedFacts> facts) const {
+  const auto keyOf = [](const AgedFacts& each) { return std::optional(each.key); };
+  lookUp(facts, *in_.ipv4HwRouteStatus, keyOf, [](AgedFacts& each, const auto& route) { each.hwRoute = route; });
+  lookUp(facts, *in_.ipv4SfeRouteStatus, keyOf, [](AgedFacts& each, const auto& route) { each.sfeRoute = route; });
   lookUp(facts, *in_.ipv4SfeHitBitStatus, keyOf,
-         [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
+         [](AgedFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
 }
 
 void HwRouteSm::readAheadOfAged(std::uint32_t most) {
   const auto next = [&](auto keys) { return slices_->dueKeys(keys.first(std::min<std::size_t>(keys.size(), most))); };
-  readAhead_.readNext(next, [this](auto facts) { lookUpAged(facts); });
+  agedAhead_.readNext(next, [this](auto facts) { lookUpAged(facts); });
 }
 
 bool HwRouteSm::ageRoute(const Key& key, std::uint16_t slice) {
-  const RouteFacts& facts = readAhead_.of(key, [this](auto one) { lookUpAged(one); });
+  const AgedFacts& facts = agedAhead_.of(key, [this](auto one) { lookUpAged(one); });
   const auto& route = facts.hwRoute;
   if (!route || routeToProcess_.has(key)) return false;
   if (facts.sfeHitbit != 0 || !isCacheable(key, facts.sfeRoute.value_or(Ipv4Route()))) return false;
@@ -281,6 +281,7 @@ void HwRouteSm::checkSpace() const {
 }
 
 void HwRouteSm::checkSlices() const {
+  slices_->checkInvariants();
   std::size_t filed = 0;
   for (const auto& [slice, coll] : hwHitbitColl_) {
     PLATFORM_ASSERT_TEXT(coll->route().size() == coll->size(), "a slice counts its routes");
