@@ -27,7 +27,7 @@ void NexthopSets::dropSome() {
 }
 
 void NexthopSets::make(NexthopSet& set) const {
-  set.underlay = underlayChanges_;
+  set.underlayChange = underlayChanges_;
   set.fault.clear();
   set.ref = nullptr;
   const auto via = viaConfig_->decoded(set.viaKey, set.bytes);

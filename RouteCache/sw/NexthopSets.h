@@ -25,7 +25,7 @@ struct NexthopSet {
   Routing::Rib::ViaKey viaKey = 0;
   std::uint64_t readAt = 0;                // the table's last change when the via was read
   std::vector<std::byte> bytes;            // of the via, as they lie in its table
-  std::uint64_t underlay = 0;              // by which tunnel interfaces what follows was made; 0: not yet
+  std::uint64_t underlayChange = 0;        // after which of the tunnel interfaces what follows was made; 0: not yet
   bool isVia = false;                      // the bytes are those of a via that routes can leave by
   std::string fault;                       // why not, where there is more to say
   std::shared_ptr<IpMixedNexthopRef> ref;  // null: not ready
@@ -69,7 +69,7 @@ class NexthopSets {
   }
   // Makes the set, or makes it anew after a change of the tunnel interfaces, when it is needed.
   void bringUpToDate(NexthopSet& set) const {
-    if (set.underlay != underlayChanges_) make(set);
+    if (set.underlayChange != underlayChanges_) make(set);
   }
   // The tunnel interfaces have changed: every set is made anew before it is used again.
   void handleUnderlay() { ++underlayChanges_; }

@@ -246,22 +246,28 @@ void SwRouteSm::handleLeftoverProcessing() {
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
 void SwRouteSm::routesProcessed(std::uint64_t handled) {
-  // A stream of changes leaves nothing to do again and again: it has ended when a run finds nothing a while later.
-  constexpr double quiet = 1;  // seconds
   const bool handledAll = !routeToProcess_.hasFresh() && !configWalk_.pending();
   const bool atRest = handledAll && in_.routeConfig->quiesced() && in_.route6Config->quiesced();
-  const bool ended = atRest && handled == 0;
-  if (ended || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
-  if (ended && nexthopSets_.size() > 0) {
-    scheduleRouteProcessingTask(routeProcessingInterval_);
-  } else if (handledAll && (!atRest || nexthopSets_.size() > 0)) {
-    scheduleRouteProcessingTask(std::max(quiet, routeProcessingInterval_));
-  }
+  if (handledAll) lookForStreamsEnd(atRest, handled);
+  if (nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
   if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
-  if (!routeToProcess_.empty() || !atRest) return;
-  if (restart_) {
+  if (routeToProcess_.empty() && atRest) endRestart();
+}
+
+// A stream of changes leaves nothing to do again and again: it has ended when a run finds nothing a while later. Then
+// the next-hop sets go, some in each run.
+void SwRouteSm::lookForStreamsEnd(bool atRest, std::uint64_t handled) {
+  constexpr double quiet = 1;  // seconds
+  const bool ended = atRest && handled == 0;
+  if (ended) nexthopSets_.dropSome();
+  if (atRest && nexthopSets_.size() == 0) return;
+  scheduleRouteProcessingTask(ended ? routeProcessingInterval_ : std::max(quiet, routeProcessingInterval_));
+}
+
+void SwRouteSm::endRestart() {
+  if (enableRouteProcessing_ && restart_) {
     scheduleAdjCleanupTask(0);
     scheduleVtepResolutionCleanupTask(0);
   }
@@ -403,7 +409,7 @@ void SwRouteSm::lookUpPublished(std::span<RouteFacts> facts) const {
         return std::optional(key);
       },
       [](RouteFacts& each, std::optional<BasicRoute<Family>>&& route) {
-        each.template published<Family>() = std::move(route);
+        each.published.of<Family>() = std::move(route);
       });
 }
 
@@ -441,7 +447,7 @@ void SwRouteSm::decideRoute(const RouteFacts& facts, bool vtep, bool init) {
   const RouteKey& key = facts.key;
   const auto& ref = facts.set->ref;
   const BasicRouteVrfKey<Family> statusKey(Family::prefix(key.prefix()), *facts.hwVrfId);
-  const auto& published = facts.published<Family>();
+  const auto& published = facts.published.of<Family>();
   // Asked before anything is taken: what stands stays, and a new route waits for room.
   if (!published && !sides_.of<Family>().routes->hasRoom()) {
     sides_.of<Family>().room.refused(trace_, "route table full, parked: ", key);
@@ -646,11 +652,7 @@ void SwRouteSm::initRouteProcessing() {
 
 void SwRouteSm::handleInitComplete() {
   trace_(9, __PRETTY_FUNCTION__);
-  if (enableRouteProcessing_ && restart_) {
-    scheduleAdjCleanupTask(0);
-    scheduleVtepResolutionCleanupTask(0);
-  }
-  restart_ = false;
+  endRestart();
   if (initCompleteHandler_) initCompleteHandler_();
 }
 

@@ -273,6 +273,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   template <class Family>
   std::optional<BasicRouteVrfKey<Family>> tableKey(const RouteKey& key) const;
 
+  template <class Family>
+  using Published = std::optional<BasicRoute<Family>>;
   // What the tables say of a route that is to be decided. Its decision writes no route but its own, and the id map
   // gives no two VRFs one hardware id: what has been read ahead of others stays right. The via is the RIB's, who
   // rewrites the routes that leave by it when it changes.
@@ -281,20 +283,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     std::optional<Routing::Rib::Route> route;  // configured; known already where a walk has met it
     std::optional<std::uint32_t> hwVrfId;      // this and what follows: of a configured route only
     NexthopSet* set = nullptr;                 // null: its via is not there
-    std::optional<Ipv4Route> published4;
-    std::optional<Ipv6Route> published6;
-    template <class Family>
-    const std::optional<BasicRoute<Family>>& published() const {
-      return const_cast<RouteFacts*>(this)->published<Family>();
-    }
-    template <class Family>
-    std::optional<BasicRoute<Family>>& published() {
-      if constexpr (std::is_same_v<Family, Ipv4Family>) {
-        return published4;
-      } else {
-        return published6;
-      }
-    }
+    Sides<Published> published;                // of the key's family
   };
   void readAheadOfFresh();
   void readAheadOfWalk();
@@ -352,6 +341,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   template <class Family>
   bool hasRoomForWaiting() const;
   void routesProcessed(std::uint64_t handled);
+  void lookForStreamsEnd(bool atRest, std::uint64_t handled);
+  void endRestart();
   void reconcile();
   void processVisited(const RouteQueue::Visit& visit);
 
