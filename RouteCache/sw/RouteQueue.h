@@ -4,12 +4,12 @@
 // visited first, in the order of arrival. A key that a visit leaves queued is set apart by what it waits for:
 //   - a VRF: not visited again before that VRF is woken;
 //   - room in a route table: not visited again before there is room;
-//   - anything else (via, tunnel interface, resolution, an adjacency's room): a *leftover*, visited in turn, a time
-//   slice
-//     a second.
+//   - anything else (via, tunnel interface, resolution, an adjacency's room): a *leftover*, visited in turn, in rounds.
 // So half a million routes of a VRF that never comes cost nothing.
 //
-// Invariant: every queued key is in exactly one ring, or is the one being visited; its flags are kept with it.
+// Invariant: every queued key is in exactly one ring, or is the one being visited; its flags are kept with it. A key is
+// told while it is in the fresh ring and has been put there by itself, and a leftover while it is in that ring; both
+// are counted.
 #pragma once
 
 #include <cstdint>
