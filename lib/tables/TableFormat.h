@@ -326,9 +326,8 @@ static_assert(sizeof(TableHeader) == 1280, "other processes read these bytes");
 //        0     8  headSequence *  of the last change; its ring entry and its slot are visible before it
 //        8     8  liveCount *     entries
 //       16     8  operation *     slot + 1 that is being put into the indexes or taken out; 0: none
-//       24     8  epoch *         odd while the indexes are being rebuilt: only the slots may be read then; counted on
-//       by
-//                                 two before pages are given back
+//       24     8  epoch *         odd while the indexes are being rebuilt: only the slots may be read then;
+//                                 counted on by two before pages are given back
 //       32     8  root *          reference to the first node of the order (RadixNode.h); 0: no entries
 //       40     8  highWater *     slots from this number on hold nothing
 //       48     8  doorbell        written with write(2), never mapped stores: wakes those who watch the file

@@ -47,7 +47,7 @@ struct TrieFamily<Prefix> {
   static constexpr const char* trieName = "CachedRouteTrie";
   static Bits bits(const Prefix& prefix) { return prefix.addr().value(); }
   static Prefix prefix(Bits bits, unsigned length) { return {IpAddr(bits), length}; }
-  // Five bits from this one on, those beyond the address being 0.
+  // Five bits from this one on, those beyond the address being 0: of the last five, at depth 30, these are three.
   static unsigned slot(Bits bits, unsigned depth) {
     return static_cast<unsigned>(std::uint64_t{bits} << 3 >> (30 - depth)) & 31;
   }
@@ -73,6 +73,7 @@ struct TrieFamily<Ip6Prefix> {
   static constexpr const char* trieName = "CachedRouteTrie6";
   static Bits bits(const Ip6Prefix& prefix) { return {prefix.addr().high(), prefix.addr().low()}; }
   static Ip6Prefix prefix(Bits bits, unsigned length) { return {Ip6Addr(bits.high, bits.low), length}; }
+  // As above. `low` is shifted in two steps, for one by 64 bits, at depth 0, is undefined; so is `top` below.
   static unsigned slot(const Bits& bits, unsigned depth) {
     const std::uint64_t from =
         depth < 64 ? bits.high << depth | bits.low >> 1 >> (63 - depth) : bits.low << (depth - 64);
