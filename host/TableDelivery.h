@@ -12,16 +12,23 @@ namespace Tools {
 // Both outlive it. Takes the loop's afterBatch hook, for flushing.
 class TableDelivery {
  public:
+  // Looks by itself, about once a second, for what nobody has woken it for.
   TableDelivery(LinuxPlatform::EventLoop& loop, LinuxPlatform::SharedTableService& tables);
+  // With tasks of that scheduler, which works on the loop; looks when look() is called.
+  TableDelivery(LinuxPlatform::EventLoop& loop, Platform::TaskScheduler& tasks,
+                LinuxPlatform::SharedTableService& tables);
   TableDelivery(const TableDelivery&) = delete;
   TableDelivery& operator=(const TableDelivery&) = delete;
   ~TableDelivery();
 
   // There is something to deliver: what the service calls when it wants a delivery.
   void wanted() { deliveryTask_->scheduleWithin(0); }
+  // Looks for changes that nobody has told of and for memory to give back. True: there are some, and a task comes to
+  // it.
+  bool look();
 
  private:
-  void deliver();
+  void deliver(Platform::Task& task);
   void poll();
   void giveMemoryBack();
 
@@ -29,8 +36,8 @@ class TableDelivery {
   LinuxPlatform::SharedTableService& tables_;
   std::unique_ptr<Platform::Task> deliveryTask_;
   std::unique_ptr<Platform::Task> backlogTask_;  // the same, in turn with those who are told and have too much to do
-  std::unique_ptr<Platform::Task> pollTask_;
   std::unique_ptr<Platform::Task> memoryTask_;
+  std::unique_ptr<Platform::Task> pollTask_;  // null: others ask for looks
 };
 
 }  // namespace Tools

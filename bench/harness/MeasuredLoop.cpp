@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "bench/harness/ChildProcess.h"
-#include "host/FreeMemory.h"
 
 namespace Bench {
 
@@ -75,39 +74,10 @@ LongestRun RunTimer::takeLongestRun() {
 }
 
 TimedDelivery::TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService& tables)
-    : loop_(tasks.loop()),
-      tables_(tables),
-      task_(tasks.taskIs("tableDeliveryTask", Platform::TaskPriority::delivery, [this] { deliver(); })),
-      backlogTask_(tasks.taskIs("tableBacklogTask", Platform::TaskPriority::processing, [this] { deliver(); })),
-      memoryTask_(tasks.taskIs("tableMemoryTask", Platform::TaskPriority::background, [this] { giveMemoryBack(); })) {
-  loop_.fdIs(tables_.wakeupFd(), EPOLLIN,
-             [this, &tasks](std::uint32_t) { tasks.run("wakeup", [this] { tables_.handleWakeup(); }); });
-  loop_.afterBatchIs([this] { tables_.flush(); });
-}
-
-TimedDelivery::~TimedDelivery() {
-  loop_.afterBatchIs(nullptr);
-  loop_.fdDel(tables_.wakeupFd());
-}
-
-void TimedDelivery::deliver() {
-  if (tables_.deliverChanges([this] { return task_->shouldYield(); })) return;
-  (tables_.listenersAreBusy() ? backlogTask_ : task_)->scheduleWithin(0);
-}
-
-void TimedDelivery::giveMemoryBack() {
-  if (!tables_.giveMemoryBack([this] { return memoryTask_->shouldYield(); })) {
-    memoryTask_->scheduleWithin(0);
-  } else if (tables_.takeMemoryFreed()) {
-    Tools::giveFreeMemoryBack();
-  }
-}
-
-bool TimedDelivery::isDone() {
-  const bool pending = tables_.pendingChanges();
-  if (pending) wanted();
-  if (tables_.hasMemoryToGive()) memoryTask_->scheduleWithin(0);
-  return !pending && !tables_.hasMemoryToGive();
+    : delivery_(tasks.loop(), tasks, tables) {
+  // In place of the delivery's own.
+  tasks.loop().fdIs(tables.wakeupFd(), EPOLLIN,
+                    [&tasks, &tables](std::uint32_t) { tasks.run("wakeup", [&tables] { tables.handleWakeup(); }); });
 }
 
 // --- The loop --------------------------------------------------------------------------------------------------------

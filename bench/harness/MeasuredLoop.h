@@ -15,6 +15,7 @@
 
 #include "bench/harness/BenchDirectory.h"
 #include "bench/harness/Tables.h"
+#include "host/TableDelivery.h"
 #include "linux/files/TraceFile.h"
 #include "linux/loop/EventLoop.h"
 
@@ -64,27 +65,17 @@ class RunTimer final : public Platform::TaskScheduler {
   std::map<std::string, LongestRun> longest_;  // an entry stays where it is
 };
 
-// What others change in shared tables reaches the reactors, in runs of a task that count as any. The service outlives
-// it.
+// The delivery that runs in an agent, in runs of tasks that count as any. It looks for changes when it is asked whether
+// it is done. The service outlives it.
 class TimedDelivery {
  public:
   TimedDelivery(RunTimer& tasks, LinuxPlatform::SharedTableService& tables);
-  ~TimedDelivery();
-  TimedDelivery(const TimedDelivery&) = delete;
-  TimedDelivery& operator=(const TimedDelivery&) = delete;
-  void wanted() { task_->scheduleWithin(0); }
+  void wanted() { delivery_.wanted(); }
   // Nothing is to be delivered; else it soon will be.
-  bool isDone();
+  bool isDone() { return !delivery_.look(); }
 
  private:
-  void deliver();
-  void giveMemoryBack();
-
-  LinuxPlatform::EventLoop& loop_;
-  LinuxPlatform::SharedTableService& tables_;
-  std::unique_ptr<Platform::Task> task_;
-  std::unique_ptr<Platform::Task> backlogTask_;
-  std::unique_ptr<Platform::Task> memoryTask_;
+  Tools::TableDelivery delivery_;
 };
 
 // The members stand in the order of their making.
