@@ -9,7 +9,8 @@
 // of a group before the first one's turn, and forgets them at rest().
 //
 // Invariant: every key of an owed VRF that was there at the latest request and has not been handed out since is still
-// to come.
+// to come: it is among the entries that have been read and not handed out, or from at_ on in this lap, or in the next.
+// At rest none is read ahead, and at_ is the entry that is looked at next.
 #pragma once
 
 #include <array>
@@ -129,12 +130,12 @@ class RouteStatusWalk {
   }
 
   const Table& table_;
-  typename Table::Iterator at_;  // the entry that is looked at next, behind those that have been read
-  std::array<Value, readAheadGroup> entries_;
+  typename Table::Iterator at_;  // the entry that is looked at next, behind those that have been read; once begun_
+  bool begun_ = false;           // the lap
+  bool mayBeOld_ = false;        // the entry that at_ has a copy of may have changed since
+  std::array<Value, readAheadGroup> entries_;  // read ahead: those from next_ to count_ are to come
   std::size_t next_ = 0;
   std::size_t count_ = 0;
-  bool mayBeOld_ = false;  // the entry that at_ has a copy of may have changed since
-  bool begun_ = false;     // else the lap's first entry is
   std::uint64_t lap_ = 0;
   std::optional<Mark> all_;
   std::optional<Mark> last_;  // of the latest request: with it everything is over
