@@ -115,26 +115,17 @@ void Agent::stepIs(std::function<Progress()> step) {
   startTask_->scheduleWithin(0);
 }
 
+// One step at a time: some hold the thread for a time slice by themselves.
 void Agent::handleStart() {
-  std::uint64_t taken = 0;
-  while (!steps_.empty()) {
-    // A step may add others.
-    const Step step = std::move(steps_.front());
-    steps_.pop_front();
-    const Progress progress = step.take();
-    const bool isDone = progress == Progress::done || progress == Progress::pauses;
-    if (isDone) {
-      ++taken;
-    } else {
-      steps_.push_front(step);
-    }
-    if (progress == Progress::waits) break;
-    if (progress != Progress::pauses && !startTask_->shouldYield()) continue;
-    if (!steps_.empty()) startTask_->scheduleWithin(0);
-    break;
-  }
-  startTask_->workCountIs(taken);
+  if (steps_.empty()) return;
+  // A step may add others.
+  const Step step = std::move(steps_.front());
+  steps_.pop_front();
+  const Progress progress = step.take();
+  if (progress != Progress::done) steps_.push_front(step);
+  startTask_->workCountIs(progress == Progress::done ? 1 : 0);
   startTask_->workPendingIs(steps_.size());
+  if (progress != Progress::waits && !steps_.empty()) startTask_->scheduleWithin(0);
 }
 
 // Mounts the table and fetches it by its path; a table of another type leaves the attribute empty. Writers have a
@@ -222,7 +213,7 @@ void Agent::startStateMachines() {
   stepIs([this] {
     if (vrfSm_ && !vrfSm_->initialized()) return Progress::waits;
     makeRouteStateMachines();
-    return Progress::pauses;
+    return Progress::done;
   });
 }
 
@@ -250,7 +241,7 @@ void Agent::inputsAreReady() {
   const auto startIs = [this](auto Agent::*sm) {
     stepIs([this, sm] {
       if (this->*sm && !(this->*sm)->initialized()) (this->*sm)->handleInitialized();
-      return Progress::pauses;  // each has something for every VRF
+      return Progress::done;
     });
   };
   startIs(&Agent::swRouteSm_);

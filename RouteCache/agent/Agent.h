@@ -120,9 +120,8 @@ class Agent final : public Platform::AgentBase {
   void kernelRouteSmDel();
 
  private:
-  // A step of the start: done; done, and what comes next has a time slice of its own; to be called again; the same, by
-  // whom it waits for.
-  enum class Progress : std::uint8_t { done, pauses, more, waits };
+  // A step of the start, a run of its task each: done; to be called again; the same, by whom it waits for.
+  enum class Progress : std::uint8_t { done, more, waits };
   struct Step {
     std::function<Progress()> take;
   };

@@ -1,8 +1,8 @@
 // The state database of a large switch, in a Redis server and embedded: what a start takes, and what it costs when the
 // server was away and nothing has changed. bench/README.md says what the figures mean.
-#include <CLI/CLI.hpp>
 #include <hiredis/hiredis.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -109,9 +109,9 @@ class Measurement {
 };
 
 std::string Measurement::content() const {
-  nlohmann::json scenario = {
-      {"routing/hardware/status", {{"hwRouteCachingEnabled", false}}},
-      {"routecache/capability", {{"hwRouteTableSize", 65536}, {"sfeRouteTableSize", 64}, {"adjacencyTableSize", 1024}}}};
+  nlohmann::json scenario = {{"routing/hardware/status", {{"hwRouteCachingEnabled", false}}},
+                             {"routecache/capability",
+                              {{"hwRouteTableSize", 65536}, {"sfeRouteTableSize", 64}, {"adjacencyTableSize", 1024}}}};
   for (std::uint32_t vrf = 1; vrf <= options_.vrfs; ++vrf) {
     const std::string name = "vrf" + std::to_string(vrf);
     scenario["vrf/vrfNameStatus"]["nameToId"][name] = vrf;
@@ -129,7 +129,8 @@ std::string Measurement::content() const {
 std::unique_ptr<ChildProcess> Measurement::started(const std::string& phase, const BenchDirectory& directory,
                                                    const std::vector<std::string>& database) {
   const Stopwatch starting;
-  auto agent = std::make_unique<ChildProcess>(with({"run", "--run-dir", directory.path()}, database), ROUTECACHE_PROGRAM);
+  auto agent =
+      std::make_unique<ChildProcess>(with({"run", "--run-dir", directory.path()}, database), ROUTECACHE_PROGRAM);
   agent->line();  // where its state is from
   agent->line();  // ready
   figures_.add(phase, "seconds", starting.seconds());
@@ -184,7 +185,8 @@ void Measurement::loseAndFind(const Server& server, const ChildProcess& agent, c
 }
 
 void print(const Options& options, const Figures& figures) {
-  std::printf("%u VRFs, %u underlay routes; medians of %u runs\n\n", options.vrfs, options.underlayRoutes, options.runs);
+  std::printf("%u VRFs, %u underlay routes; medians of %u runs\n\n", options.vrfs, options.underlayRoutes,
+              options.runs);
   std::printf("%-16s %9s %9s %9s %9s\n", "", "seconds", "CPU s", "held, ms", "MB");
   for (const auto& phase : figures.phases()) {
     const auto median = [&](const char* figure) {
