@@ -56,6 +56,7 @@ void ShowSwitch::start(const Workload& workload, std::uint32_t furtherRoutes) {
   std::ofstream(scenario) << whole.scenario();
   launcher_ = std::make_unique<ChildProcess>(
       std::vector<std::string>{"run", "--scenario", scenario, "--run-dir", directory_.path()}, ROUTECACHE_PROGRAM);
+  launcher_->line();  // where its state is from
   launcher_->line();  // ready
 }
 

@@ -19,9 +19,6 @@ using Pondra::WriteResult;
 namespace {
 // A writer that forgets to flush is noticed after so many writes.
 constexpr std::uint32_t writesPerFlush = 4096;
-// A table is quiet when it has not changed more often for so long.
-constexpr std::uint64_t fewChanges = 1024;
-constexpr std::chrono::milliseconds quietTime(500);
 }  // namespace
 
 void TableServiceContext::reportDamage(const std::string& path, const std::string& what) {
@@ -62,9 +59,7 @@ Reserve TableCollection::roomIn(const TableFile& file) {
   return [this, &file](std::size_t offset, std::size_t end) {
     const bool room = file.reserve(offset, end);
     tellPages(file);
-    // A place more may lie on a page that the file has already.
-    if (room) roomFound_ = roomFound_ || end - offset >= PlacePool::leastAhead;
-    if (!room) roomMissed_ = true;
+    room_.asked(room, end - offset >= PlacePool::leastAhead);
     return room;
   };
 }
@@ -78,13 +73,6 @@ void TableCollection::tellPages(const TableFile& file) const {
   if (reason == 0) return;
   context_->reportShortage(path_, std::string("the kernel gives no pages of 2 MiB here (") + std::strerror(reason) +
                                       "): tables go on with small ones");
-}
-
-void TableCollection::tellRoom(WriteResult result) {
-  if (result == WriteResult::ok && roomFound_ && !roomMissed_) roomTold_ = false;
-  if (result == WriteResult::full && roomMissed_ && !std::exchange(roomTold_, true)) {
-    reportCorruption("no space left on " + context_->directory + ": no entries are added until there is some");
-  }
 }
 
 std::unique_ptr<TableFile> TableCollection::openForReading() {
@@ -300,9 +288,11 @@ WriteResult TableCollection::write(Bytes key, Bytes value) {
   if (value.size() > layout_.maxValueSize) {
     refuse("Is", Pondra::payloadText(layout_.typeName, value.size(), layout_.maxValueSize));
   }
-  roomFound_ = roomMissed_ = false;
+  room_.writeBegins();
   const WriteResult result = writer.write(keyWords(key), value);
-  if (roomFound_ || roomMissed_) tellRoom(result);
+  if (room_.writeEnds(result)) {
+    reportCorruption("no space left on " + context_->directory + ": no entries are added until there is some");
+  }
   if (result == WriteResult::ok) written();
   return result;
 }
@@ -472,28 +462,19 @@ bool TableCollection::verify() {
 }
 
 void TableCollection::lookForSparseness() {
-  const auto now = std::chrono::steady_clock::now();
-  if (writer_->sequence() - sequenceSeen_ > fewChanges) {
-    sequenceSeen_ = writer_->sequence();
-    quietSince_ = now;
-  } else if (now - quietSince_ >= quietTime) {
-    sequenceSeen_ = writer_->sequence();
-    quietSince_ = now;
-    if (!isSparse_ && writer_->isSparse()) {
-      isSparse_ = true;
-      context_->sparse.push_back(weak_from_this());
-    }
-  }
+  if (!quietClock_.isQuiet(writer_->sequence()) || isSparse_ || !writer_->isSparse()) return;
+  isSparse_ = true;
+  context_->sparse.push_back(weak_from_this());
 }
 
 bool TableCollection::giveMemoryBack() {
   constexpr std::uint32_t placesAtATime = 64;
   if (!writer_) return true;
   const std::uint64_t before = writer_->sequence();
-  const bool quiet = before - sequenceSeen_ <= fewChanges;
+  const bool quiet = quietClock_.staysQuiet(before);
   if (!quiet) writer_->endGivingBack();
   const bool done = !quiet || writer_->giveMemoryBack(placesAtATime);
-  sequenceSeen_ += writer_->sequence() - before;
+  quietClock_.ownChanges(writer_->sequence() - before);
   if (writer_->sequence() != before) written();  // whoever follows has slots to remember
   isSparse_ = !done;
   context_->memoryFreed = context_->memoryFreed || done;

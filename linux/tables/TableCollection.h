@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -16,6 +15,8 @@
 #include "lib/tables/ChangeFollower.h"
 #include "lib/tables/TableView.h"
 #include "lib/tables/TableWriter.h"
+#include "linux/tables/QuietClock.h"
+#include "linux/tables/RoomNotice.h"
 #include "linux/tables/TableFile.h"
 #include "platform/tables/SharedTable.h"
 
@@ -137,8 +138,6 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   static Release releaseIn(const TableFile& file);
   // Puts the table among those that have memory to give back, if it has and nobody has changed it for a while.
   void lookForSparseness();
-  // After a write that asked for room. That the disk is full is told once, until it is not.
-  void tellRoom(Pondra::WriteResult result);
   void finishIndexes() const;
   std::unique_ptr<TableFile> openForReading();
   void beginWriting();
@@ -172,16 +171,14 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
-  WriterWords ownWords_;                         // a writer's
-  mutable std::uint32_t unflushed_ = 0;          // writes since the last flush, or that the indexes were built anew
-  mutable bool isUnflushed_ = false;             // named in the context
-  bool roomFound_ = false, roomMissed_ = false;  // in the last write: much was asked for and given, some was refused
-  bool roomTold_ = false;                        // that there is none
-  std::string notPutBack_;                       // why the file could not be put back when that was last tried
-  bool notCopied_ = false;                       // because there was no room for a copy of the entries
-  bool isSparse_ = false;                        // named in the context
-  std::uint64_t sequenceSeen_ = 0;               // when it was last asked whether it is quiet, and when that was
-  std::chrono::steady_clock::time_point quietSince_;
+  WriterWords ownWords_;                 // a writer's
+  mutable std::uint32_t unflushed_ = 0;  // writes since the last flush, or that the indexes were built anew
+  mutable bool isUnflushed_ = false;     // named in the context
+  RoomNotice room_;
+  std::string notPutBack_;  // why the file could not be put back when that was last tried
+  bool notCopied_ = false;  // because there was no room for a copy of the entries
+  bool isSparse_ = false;   // named in the context
+  QuietClock quietClock_;
 
   Sink* sink_ = nullptr;
   std::shared_ptr<ChangeFollower> follower_;  // there while a sink is, or is expected: then it tells nobody
