@@ -28,6 +28,15 @@ std::vector<std::string> wayTo(const std::string& canonical) {
   return way;
 }
 
+// Nothing: the type has no such field.
+std::optional<FieldFacts> factsOrNone(const std::shared_ptr<Entity>& scratch, const std::string& field) {
+  try {
+    return fieldFacts(scratch, field);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
 EntityContent::EntityContent(std::shared_ptr<Entity> entity, std::shared_ptr<Entity> scratch, Refused refused)
@@ -118,17 +127,19 @@ void EntityContent::foldStep() {
   const std::string& field = node.key();
   forget(field);
   standing_.erase(field);
-  if (toCarry_.empty()) {
-    for (const auto& [name, refused] : standing_) {
-      if (refused.contradicts) toRetry_.insert_or_assign(name, refused.value);
-    }
-  }
+  if (toCarry_.empty()) retryContradictions();
   if (node.mapped()) {
     known_.insert_or_assign(field, Known{*node.mapped(), round_});
   } else {
     known_.erase(field);
   }
   toCarry_.insert(std::move(node));
+}
+
+void EntityContent::retryContradictions() {
+  for (const auto& [field, refused] : standing_) {
+    if (refused.contradicts) toRetry_.insert_or_assign(field, refused.value);
+  }
 }
 
 // Of what is still to be carried out.
@@ -142,9 +153,6 @@ void EntityContent::carryStep() {
   const auto node = toCarry_.extract(toCarry_.begin());
   try {
     carry(node.key(), node.mapped());
-  } catch (const Platform::BadText&) {
-    // A field that is none takes nothing along when it goes.
-    if (node.mapped()) toRetry_.insert_or_assign(node.key(), node.mapped());
   } catch (const std::exception&) {
     toRetry_.insert_or_assign(node.key(), node.mapped());
   }
@@ -187,13 +195,17 @@ bool EntityContent::isCarriedOut() const {
 }
 
 void EntityContent::carry(const std::string& field, const std::optional<std::string>& value) {
-  const FieldFacts facts = fieldFacts(scratch_, field);
-  if (facts.canonical != field) throw Platform::BadText("it is to be called '" + facts.canonical + "'");
-  if (!facts.isSettable) return;
+  const std::optional<FieldFacts> facts = value ? fieldFacts(scratch_, field) : factsOrNone(scratch_, field);
+  if (!facts) return;  // it has never been taken, and is gone
+  if (facts->canonical != field) {
+    if (!value) return;
+    throw Platform::BadText("it is to be called '" + facts->canonical + "'");
+  }
+  if (!facts->isSettable) return;
   if (value) {
     carryValue(field, *value);
   } else {
-    carryRemoval(field, facts);
+    carryRemoval(field, *facts);
   }
 }
 
@@ -237,6 +249,7 @@ void EntityContent::written(const std::string& field, std::optional<std::string>
   heard_.erase(field);
   forget(field);
   standing_.erase(field);
+  retryContradictions();
   if (value) {
     known_.insert_or_assign(field, Known{*std::move(value), round_});
   } else {
@@ -252,6 +265,17 @@ std::vector<std::string> EntityContent::fieldsOf(const std::string& field) const
     fields.push_back(next->first);
   }
   return fields;
+}
+
+std::optional<std::string> EntityContent::bareWithout(const std::string& field,
+                                                      const std::vector<std::string>& deleted) const {
+  const std::vector<std::string> way = wayTo(field);
+  if (way.size() < 2) return std::nullopt;
+  const std::string& holder = way[way.size() - 2];
+  for (const auto& other : fieldsOf(holder)) {
+    if (std::find(deleted.begin(), deleted.end(), other) == deleted.end()) return std::nullopt;
+  }
+  return holder;
 }
 
 std::optional<std::string> EntityContent::known(const std::string& field) const {
@@ -288,11 +312,8 @@ bool EntityContent::outputStep(Changes& toWrite) {
     return false;
   }
   if (next->second.seen == round_) return true;
-  try {
-    if (!fieldFacts(scratch_, next->first).isSettable) toWrite[next->first] = std::nullopt;
-  } catch (const std::exception&) {
-    // Somebody else's mistake, which has been told.
-  }
+  const auto facts = factsOrNone(scratch_, next->first);  // none: somebody else's mistake, which has been told
+  if (facts && !facts->isSettable) toWrite[next->first] = std::nullopt;
   return true;
 }
 

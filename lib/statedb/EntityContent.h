@@ -62,6 +62,8 @@ class EntityContent {
   void written(const std::string& field, std::optional<std::string> value);
   // The fields that go with this one when it is deleted, as the database has them: itself, and those of a child.
   std::vector<std::string> fieldsOf(const std::string& field) const;
+  // The child that would have no field any more without these, of which `field` is one: it stays, and is to be told of.
+  std::optional<std::string> bareWithout(const std::string& field, const std::vector<std::string>& deleted) const;
   std::optional<std::string> known(const std::string& field) const;
   std::size_t size() const { return known_.size(); }
 
@@ -98,6 +100,7 @@ class EntityContent {
 
   void sweepStep();
   void foldStep();
+  void retryContradictions();
   void forget(const std::string& field);
   void carryStep();
   void retryStep();

@@ -22,6 +22,7 @@ constexpr double outputsPause = 0.2;           // seconds for which changes of a
 constexpr std::size_t pieceFields = 512;       // of a hash, in one answer or command: some tenths of a millisecond
 constexpr std::size_t mostSingleFields = 256;  // of one hash; more of them, and all of it is read
 constexpr unsigned mostDisturbances = 3;
+constexpr double outputsRest = 5;  // seconds for which a server that has refused a change is spared the next
 constexpr std::uint64_t mostRefusalLines = 20;  // in a row; all are counted
 constexpr std::size_t mostUnanswered = 4096;    // commands; then changes by text are refused
 
@@ -116,6 +117,7 @@ void RedisMirror::handleMessage(const std::string& text) {
     return;
   }
   if (!isComplete_) return askForMark();
+  if (text == "complete") return handleRefill();
   const std::size_t pathEnd = text.find(' ');
   const auto found = followed_.find(text.substr(0, pathEnd));
   if (found == followed_.end()) return;
@@ -126,6 +128,13 @@ void RedisMirror::handleMessage(const std::string& text) {
     followed.allWanted = true;
     if (reading_ && reading_->path == found->first && pathEnd == std::string::npos) reading_->isDisturbed = true;
   }
+  proceed();
+}
+
+// All of it may be another one, whether this process has seen it without the mark or not.
+void RedisMirror::handleRefill() {
+  for (auto& [path, followed] : followed_) followed.allWanted = true;
+  if (reading_) reading_->isDisturbed = true;
   proceed();
 }
 
@@ -163,6 +172,7 @@ void RedisMirror::askForMark() {
   markIsAsked_ = true;
   session_.command({"EXISTS", keyOf("complete")}, [this](const redisReply& reply) {
     markIsAsked_ = false;
+    if (reply.type == REDIS_REPLY_ERROR) return session_.fail(textOf(reply));
     handleMark(reply.type == REDIS_REPLY_INTEGER && reply.integer != 0);
   });
 }
@@ -257,6 +267,7 @@ void RedisMirror::readFields(Path wanted) {
 void RedisMirror::askWhetherItCounts(bool withFence) {
   reading_->fencePassed = !withFence;
   session_.command({"EXISTS", keyOf("complete")}, [this](const redisReply& reply) {
+    if (reply.type == REDIS_REPLY_ERROR) return session_.fail(textOf(reply));
     reading_->isComplete = reply.type == REDIS_REPLY_INTEGER && reply.integer != 0;
     endReading();
   });
@@ -279,7 +290,7 @@ void RedisMirror::endReading() {
   followed->disturbances = 0;
   followed->wasRead = true;
   followed->content.readingEnds();
-  if (followed->content.hasOutputs()) followed->isWriting = true;
+  if (ownsOutputs(*followed)) compareOutputs(*followed);
   reading_.reset();
   proceed();
 }
@@ -287,7 +298,7 @@ void RedisMirror::endReading() {
 // It will be read anew; after a fault of its own with the next change or session, lest it is asked again for ever.
 void RedisMirror::dropReading(const std::string& why) {
   Followed* followed = beingRead();
-  if (!why.empty()) notice(keyOf(reading_->path) + ": " + why + "; what is known of it stays");
+  if (!why.empty()) tellRefusal(reading_->path, why + "; what is known of it stays");
   reading_.reset();
   if (followed != nullptr) {
     followed->content.readingIsDropped();
@@ -300,9 +311,34 @@ void RedisMirror::dropReading(const std::string& why) {
 
 void RedisMirror::handleChange(const std::string& path) {
   const auto found = followed_.find(path);
-  if (found == followed_.end() || !found->second.content.hasOutputs()) return;
+  if (found == followed_.end() || !ownsOutputs(found->second)) return;
   found->second.outputsAreDue = true;
-  outputsTask_->scheduleWithin(outputsPause);
+  outputsTask_->scheduleWithin(std::max(outputsPause, restOfOutputs()));
+}
+
+bool RedisMirror::ownsOutputs(const Followed& followed) const {
+  return session_.settings().ownsOutputs && followed.content.hasOutputs();
+}
+
+std::optional<std::string> RedisMirror::outputOf(const std::string& path, const std::string& field) const {
+  const auto found = followed_.find(path);
+  if (found == followed_.end() || found->second.content.isSettable(field)) return std::nullopt;
+  return found->second.content.known(field);
+}
+
+double RedisMirror::restOfOutputs() const {
+  return writeRefusedAt_ ? std::max(*writeRefusedAt_ + outputsRest - loop_.now(), 0.0) : 0;
+}
+
+// They have been read: what differs is written at once.
+void RedisMirror::compareOutputs(Followed& followed) {
+  const double rest = restOfOutputs();
+  if (rest == 0) {
+    followed.isWriting = true;
+    return;
+  }
+  followed.outputsAreDue = true;
+  outputsTask_->scheduleWithin(rest);
 }
 
 // The entities' own fields, a piece at a time, as the server answers. False: the time slice is spent.
@@ -351,12 +387,14 @@ std::vector<std::string> RedisMirror::fieldsOf(const std::string& path, const st
   return found == followed_.end() ? std::vector<std::string>{} : found->second.content.fieldsOf(field);
 }
 
-void RedisMirror::fieldsAreDeleted(const std::string& path, const std::vector<std::string>& fields) {
+void RedisMirror::fieldsAreDeleted(const std::string& path, const std::string& field,
+                                   const std::vector<std::string>& fields) {
   if (fields.empty()) return;
   EntityContent::Changes changes;
-  for (const auto& field : fields) changes.emplace(field, std::nullopt);
+  for (const auto& deleted : fields) changes.emplace(deleted, std::nullopt);
+  if (const auto bare = followed_.find(path)->second.content.bareWithout(field, fields)) changes.emplace(*bare, "");
   write(path, changes);
-  publish(fields.size() == 1 ? path + " " + fields.front() : path);
+  publish(changes.size() == 1 ? path + " " + changes.begin()->first : path);
   session_.flush();
 }
 
@@ -382,7 +420,9 @@ void RedisMirror::command(const std::string& path, const std::vector<std::string
 void RedisMirror::handleWritten(const std::string& path, const redisReply& reply) {
   --unansweredWrites_;
   if (reply.type == REDIS_REPLY_ERROR) {
-    notice(keyOf(path) + ": it refuses a change: " + textOf(reply));
+    writeFault_ = textOf(reply);
+    writeRefusedAt_ = loop_.now();
+    tellRefusal(path, "a change by this process: " + writeFault_);
     const auto found = followed_.find(path);
     if (found != followed_.end()) found->second.allWanted = true;
   }

@@ -60,7 +60,7 @@ class RedisMirror {
   void fieldIsWritten(const std::string& path, const std::string& field);
   // What belongs to the field, to be asked before it goes from the entity; and after it has gone.
   std::vector<std::string> fieldsOf(const std::string& path, const std::string& field) const;
-  void fieldsAreDeleted(const std::string& path, const std::vector<std::string>& fields);
+  void fieldsAreDeleted(const std::string& path, const std::string& field, const std::vector<std::string>& fields);
   // Puts all of an entity that is followed there, in the place of what is there.
   void contentIsWritten(const std::string& path);
   // The content of this switch is all there.
@@ -70,6 +70,10 @@ class RedisMirror {
   bool isSettled() const;
   const RedisSession& session() const { return session_; }
   bool isComplete() const { return isComplete_; }
+  // Why the server has refused a change of this process, the last one; empty: it has taken all.
+  const std::string& writeFault() const { return writeFault_; }
+  // A field that cannot be set from outside, as its owner has put it there.
+  std::optional<std::string> outputOf(const std::string& path, const std::string& field) const;
   // It has been looked for, and is not there.
   bool markIsMissing() const { return missingMarkIsTold_; }
   std::uint64_t refusals() const { return refusals_; }
@@ -101,6 +105,7 @@ class RedisMirror {
   void handleOpened();
   void handleClosed();
   void handleMessage(const std::string& text);
+  void handleRefill();
   void proceed();
   void work();
   bool carryOut();
@@ -116,6 +121,9 @@ class RedisMirror {
   void endReading();
   void dropReading(const std::string& why);
   void handleChange(const std::string& path);
+  bool ownsOutputs(const Followed& followed) const;
+  double restOfOutputs() const;
+  void compareOutputs(Followed& followed);
   bool writeOutputs();
   void write(const std::string& path, const EntityContent::Changes& changes);
   void command(const std::string& path, const std::vector<std::string>& words);
@@ -125,6 +133,8 @@ class RedisMirror {
   void notice(const std::string& line) const;
 
   std::uint64_t refusals_ = 0;
+  std::string writeFault_;
+  std::optional<double> writeRefusedAt_;  // last
   std::uint64_t readings_ = 0;
   std::uint64_t toldRefusals_ = 0;  // since the last pause
   double refusalsTold_ = 0;         // when

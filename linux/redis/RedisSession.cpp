@@ -123,8 +123,8 @@ void RedisSession::connect(const RedisAddress& numeric) {
 void RedisSession::stepIsOpened() {
   if (--stepsToOpen_ > 0 || failure_) return;
   state_ = State::open;
+  since_ = loop_.now();
   ++openings_;
-  delay_ = firstDelay;
   fault_.clear();
   if (!std::exchange(toldFault_, {}).empty()) {
     settings_.notice("state database at " + settings_.address.text + ": reached again");
@@ -146,10 +146,14 @@ void RedisSession::close() {
   messages_.reset();
   fences_.clear();
   checkedAt_.reset();
-  if (toldFault_.empty()) {
+  if (wasOpen && loop_.now() - since_ >= checkInterval) {
+    delay_ = firstDelay;
+    lastFault_.clear();
+  }
+  if (toldFault_.empty() && lastFault_ != fault_) {
     settings_.notice("state database at " + settings_.address.text + ": " + fault_ +
                      "; what is known stays, and it is tried again and again");
-    toldFault_ = fault_;
+    lastFault_ = toldFault_ = fault_;
   }
   const double part = std::uniform_real_distribution<>(0.5, 1)(chance_);
   timerTask_->scheduleWithin(delay_ * part);

@@ -22,14 +22,17 @@ struct RedisSettings {
   RedisAddress address;
   RedisCredentials credentials;
   std::string switchName;  // every key and channel begins with it
+  // What cannot be set from outside is this process' to write; else it is another's, and read.
+  bool ownsOutputs = true;
   // One line for whoever runs the process.
   std::function<void(const std::string& line)> notice;
 };
 
 // Open, it has both connections, and hears what is published on the switch's channel from then on. It closes when
 // either is lost or has not answered for some seconds, and opens again: after a tenth of a second at first, after up to
-// five when that fails again and again, a part of it by chance, as a fleet of switches may have lost the same server.
-// Nothing waits: a server that stands still costs what is kept for it, and that is bounded by who uses this.
+// five when that fails again and again, a part of it by chance, as a fleet of switches may have lost the same server. A
+// server that lets us in and closes again soon, for one reason, fails again and again too, and is told once. Nothing
+// waits: a server that stands still costs what is kept for it, and that is bounded by who uses this.
 //
 // Its handlers are called from the event loop.
 class RedisSession {
@@ -90,8 +93,9 @@ class RedisSession {
   int stepsToOpen_ = 0;
   std::optional<std::string> failure_;  // that is to be acted on, outside of the connections' calls
   std::string fault_;
-  std::string toldFault_;
-  double since_ = 0;  // when the state began
+  std::string toldFault_;  // not "reached again" since
+  std::string lastFault_;  // told, and not followed by a session that has stood for a while
+  double since_ = 0;       // when the state began
   double delay_ = firstDelay;
   std::uint64_t openings_ = 0;
   std::uint64_t nextFence_ = 0;

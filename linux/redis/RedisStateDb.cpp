@@ -131,7 +131,7 @@ void RedisStateDb::fieldDel(std::string_view path, std::string_view field) {
   const std::string canonical = fieldFacts(scratch_.at(entity->entityType().name), field).canonical;
   const std::vector<std::string> fields = mirror_.fieldsOf(where, canonical);
   db_.fieldDel(path, field);
-  mirror_.fieldsAreDeleted(where, fields);
+  mirror_.fieldsAreDeleted(where, canonical, fields);
 }
 
 }  // namespace LinuxPlatform

@@ -42,6 +42,7 @@ class RedisStateDb final : public Lattis::StateDb {
   void fieldDel(std::string_view path, std::string_view field) override;
 
   RedisMirror& mirror() { return mirror_; }
+  const RedisMirror& mirror() const { return mirror_; }
 
  private:
   class Group;
