@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <stdexcept>
+#include <utility>
 
 #include "host/AgentLibrary.h"
 #include "host/StatePaths.h"
@@ -16,13 +17,21 @@ constexpr double look = 0.1;     // seconds between two looks
 
 }  // namespace
 
-SharedState::SharedState(const LinuxPlatform::RedisStateDbSettings& settings, const std::string& agentLibrary)
-    : agent_(agentFromLibrary(agentLibrary, "RouteCache")), db_(types_, loop_, settings) {
+SharedState::SharedState(const LinuxPlatform::RedisStateDbSettings& given, const std::string& agentLibrary)
+    : agent_(agentFromLibrary(agentLibrary, "RouteCache")), db_(types_, loop_, settings(given)) {
   std::signal(SIGPIPE, SIG_IGN);  // a server that goes is an error of the write
   Platform::TableTypes tables;
   Platform::TraceVocabulary vocabulary;
   LinuxPlatform::addPlatformTypes(types_, tables);
   agent_->registerTypes(types_, tables, vocabulary);
+}
+
+LinuxPlatform::RedisStateDbSettings SharedState::settings(LinuxPlatform::RedisStateDbSettings settings) {
+  settings.ownsOutputs = false;
+  settings.notice = [this, notice = std::move(settings.notice)](const std::string& line) {
+    if (isFollowing_) notice(line);
+  };
+  return settings;
 }
 
 void SharedState::waitUntil(const std::function<bool()>& reached) {
@@ -41,9 +50,12 @@ void SharedState::waitUntil(const std::function<bool()>& reached) {
     if (clock.now() - progressAt < patience && (mirror.session().fault().empty() || mirror.session().isOpen()))
       continue;
     const std::string& fault = mirror.session().fault();
-    throw std::runtime_error("state database at " + mirror.session().settings().address.text + ": " +
-                             (fault.empty() ? "no answer" : fault));
+    fail(fault.empty() ? "no answer" : fault);
   }
+}
+
+void SharedState::fail(const std::string& why) const {
+  throw std::runtime_error("state database at " + db_.mirror().session().settings().address.text + ": " + why);
 }
 
 std::shared_ptr<Lattis::Entity> SharedState::entity(const std::string& path) {
@@ -56,13 +68,15 @@ std::shared_ptr<Lattis::Entity> SharedState::entity(const std::string& path) {
   const LinuxPlatform::RedisMirror& mirror = db_.mirror();
   waitUntil([&] { return mirror.isSettled() || mirror.markIsMissing(); });
   if (mirror.isSettled()) return entity;
-  const auto& settings = mirror.session().settings();
-  throw std::runtime_error("state database at " + settings.address.text + ": the content of switch '" +
-                           settings.switchName + "' is not complete (routecache statedb fill puts one there)");
+  fail("the content of switch '" + mirror.session().settings().switchName +
+       "' is not complete (routecache statedb fill puts one there)");
 }
 
 void SharedState::waitUntilWritten() {
-  waitUntil([this] { return db_.mirror().isSettled(); });
+  const LinuxPlatform::RedisMirror& mirror = db_.mirror();
+  const auto isRefused = [&] { return !mirror.writeFault().empty() && mirror.session().unanswered() == 0; };
+  waitUntil([&] { return mirror.isSettled() || isRefused(); });
+  if (!mirror.writeFault().empty()) fail(mirror.writeFault());
 }
 
 void SharedState::fill(const Lattis::Entities& entities) {
@@ -73,6 +87,7 @@ void SharedState::fill(const Lattis::Entities& entities) {
 }
 
 void SharedState::followWhile(const std::function<bool()>& more) {
+  isFollowing_ = true;
   while (more()) loop_.runOnce(look);
 }
 

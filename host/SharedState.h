@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "linux/loop/EventLoop.h"
@@ -22,16 +23,24 @@ class SharedState {
   std::shared_ptr<Lattis::Entity> entity(const std::string& path);
   Lattis::StateDb& stateDb() { return db_; }
   const Lattis::EntityTypes& types() const { return types_; }
-  // Until the server has answered to everything that was written.
+  // A field that only the agent sets, as it has put it there; nothing: another field, or no agent has.
+  std::optional<std::string> outputOf(const std::string& path, const std::string& field) const {
+    return db_.mirror().outputOf(path, field);
+  }
+  // Until the server has answered to everything that was written, and has taken it.
   void waitUntilWritten();
   // Puts a whole content there, marked as complete when all of it is there.
   void fill(const Lattis::Entities& entities);
-  // Runs for as long as `more` says, which is asked after each change, and now and then.
+  // Runs for as long as `more` says, which is asked after each change, and now and then. Here alone the settings'
+  // notice is called: whoever waits for one thing is told by what is thrown.
   void followWhile(const std::function<bool()>& more);
 
  private:
+  LinuxPlatform::RedisStateDbSettings settings(LinuxPlatform::RedisStateDbSettings settings);
   void waitUntil(const std::function<bool()>& reached);
+  [[noreturn]] void fail(const std::string& why) const;
 
+  bool isFollowing_ = false;  // what happens on the way is told
   Lattis::EntityTypes types_;
   std::unique_ptr<Platform::AgentBase> agent_;  // never started
   LinuxPlatform::EventLoop loop_;

@@ -65,14 +65,14 @@ auto atField(const FieldOptions& options, Action&& action) {
   }
 }
 
-// A line for each field: from the entity itself, or as an agent tells them.
-void fieldsOf(const FieldOptions& options, const std::shared_ptr<Lattis::Entity>& entity, const TakeLine& take) {
-  if (!entity) return askAgent(options.runDir, options.request("get"), take);
+// A line for each field: of a shared database, or as an agent tells them.
+void fieldsOf(const FieldOptions& options, SharedState* state, const TakeLine& take) {
+  if (state == nullptr) return askAgent(options.runDir, options.request("get"), take);
   atField(options, [&] {
-    LinuxPlatform::FieldWalk walk(entity, options.field.value_or(""));
+    LinuxPlatform::FieldWalk walk(state->stateDb().entity(*options.path), options.field.value_or(""));
     while (const auto item = walk.next()) {
       Json line{{"field", item->field}};
-      if (item->value) line["value"] = *item->value;
+      if (item->value) line["value"] = state->outputOf(*options.path, item->field).value_or(*item->value);
       take(line);
     }
   });
@@ -114,9 +114,9 @@ void place(Json& root, const std::string& field, const Json& line) {
   }
 }
 
-void printFields(const FieldOptions& options, const std::shared_ptr<Lattis::Entity>& entity) {
+void printFields(const FieldOptions& options, SharedState* state) {
   Json all = Json::object();
-  fieldsOf(options, entity, [&](const Json& line) {
+  fieldsOf(options, state, [&](const Json& line) {
     const std::string field = line.value("field", "");
     const std::string value = line.value("value", "");
     if (options.json) {
@@ -136,14 +136,14 @@ void printFields(const FieldOptions& options, const std::shared_ptr<Lattis::Enti
 
 using Fields = std::map<std::string, std::optional<std::string>>;  // a child entity has no value
 
-Fields fieldsNow(const FieldOptions& options, const std::shared_ptr<Lattis::Entity>& entity) {
+Fields fieldsNow(const FieldOptions& options, SharedState* state) {
   Fields fields;
   const auto add = [&fields](const Json& line) {
     auto& value = fields[line.value("field", "")];
     if (line.contains("value")) value = line.value("value", "");
   };
   try {
-    fieldsOf(options, entity, add);
+    fieldsOf(options, state, add);
   } catch (const Platform::BadText&) {
     fields.clear();  // it may come back
   }
@@ -177,16 +177,16 @@ void printChanges(const FieldOptions& options, const Fields& before, const Field
 // Until somebody ends this process, or the agent that is asked.
 void watchFields(const FieldOptions& options) {
   Fields shown;
-  const auto show = [&](const std::shared_ptr<Lattis::Entity>& entity) {
-    Fields now = fieldsNow(options, entity);
+  const auto show = [&](SharedState* state) {
+    Fields now = fieldsNow(options, state);
     printChanges(options, shown, now);
     shown = std::move(now);
   };
   if (options.stateDb.isShared()) {
     const auto state = sharedState(options);
-    const auto entity = state->entity(*options.path);
+    state->entity(*options.path);
     state->followWhile([&] {
-      show(entity);
+      show(state.get());
       return true;
     });
   }
@@ -203,7 +203,8 @@ void get(const FieldOptions& options) {
   if (options.watch) return watchFields(options);
   if (!options.stateDb.isShared()) return printFields(options, nullptr);
   const auto state = sharedState(options);
-  printFields(options, state->entity(*options.path));
+  state->entity(*options.path);
+  printFields(options, state.get());
 }
 
 // Only when the server has it, too.
