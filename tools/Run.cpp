@@ -75,7 +75,9 @@ AgentHostSettings Launcher::settings(RunOptions& options) {
   const auto stateDb = options.stateDb.settings([](const std::string& line) { std::cerr << line << std::endl; });
   contentSource_ = "state from " + stateDb.address.text + ", switch " + stateDb.switchName;
   options.agent.stateDb = [this, stateDb](const Lattis::EntityTypes& types) {
-    return std::make_unique<LinuxPlatform::RedisStateDb>(types, loop_, stateDb);
+    auto made = std::make_unique<LinuxPlatform::RedisStateDb>(types, loop_, stateDb);
+    made->localEntityIs("platform/stateDb", made->statistics());
+    return made;
   };
   return options.agent;
 }

@@ -44,11 +44,14 @@ class RedisStateDb::Group final : public Lattis::MountGroup, public std::enable_
   explicit Group(RedisStateDb& db) : db_(db), group_(db.db_.mountGroup()) {}
 
   void mount(std::string path, std::string typeName, std::string mode) override {
+    PLATFORM_ASSERT(!closed_);
     group_->mount(path, typeName, std::move(mode));
     requests_.emplace_back(std::move(path), std::move(typeName));
   }
 
   void close(Lattis::MountsComplete complete) override {
+    PLATFORM_ASSERT(!closed_);
+    closed_ = true;
     for (const auto& [path, typeName] : requests_) db_.entityOrNew(path, typeName);
     db_.mirror_.whenSynced(
         [group = group_, complete = std::move(complete)]() mutable { group->close(std::move(complete)); });
@@ -59,14 +62,17 @@ class RedisStateDb::Group final : public Lattis::MountGroup, public std::enable_
   RedisStateDb& db_;
   std::shared_ptr<Lattis::MountGroup> group_;  // of the entities that stand here
   std::vector<std::pair<std::string, std::string>> requests_;
+  bool closed_ = false;
 };
 
 RedisStateDb::RedisStateDb(const Lattis::EntityTypes& types, EventLoop& loop, RedisStateDbSettings settings)
-    : types_(types), settings_(std::move(settings)), db_(types, loop), mirror_(loop, settings_) {
-  db_.localEntityIs("platform/stateDb", std::make_shared<Statistics>(mirror_));
-}
+    : types_(types), settings_(std::move(settings)), db_(types, loop), mirror_(loop, settings_) {}
 
 RedisStateDb::~RedisStateDb() = default;
+
+std::shared_ptr<Entity> RedisStateDb::statistics() const {
+  return std::make_shared<Statistics>(mirror_);
+}
 
 std::shared_ptr<Lattis::MountGroup> RedisStateDb::mountGroup() {
   return std::make_shared<Group>(*this);

@@ -41,6 +41,8 @@ class RedisStateDb final : public Lattis::StateDb {
   void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) override;
   void fieldDel(std::string_view path, std::string_view field) override;
 
+  // How it stands with the server, for operators; not to be used after the database.
+  std::shared_ptr<Lattis::Entity> statistics() const;
   RedisMirror& mirror() { return mirror_; }
   const RedisMirror& mirror() const { return mirror_; }
 

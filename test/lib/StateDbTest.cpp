@@ -2,14 +2,21 @@
 
 #include <map>
 #include <memory>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "lib/statedb/EmbeddedStateDb.h"
+#include "lib/statedb/EntityFields.h"
 #include "lib/statedb/PlatformTypes.h"
 #include "lib/tasks/SimulatedScheduler.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/redis/RedisStateDb.h"
 #include "platform/state/Hardware.h"
 #include "platform/state/Vrf.h"
+#include "platform/state/Vxlan.h"
+#include "test/support/RedisServer.h"
 
 using Lattis::Entity;
 using Lattis::EntityManager;
@@ -21,13 +28,53 @@ using NameToIdMap = Vrf::VrfIdMap::NameToIdMapWrapper;
 
 namespace {
 
-// The promises of the state database's interface, put to every implementation. A driver makes one over these types and
-// lets it finish what it is at.
+// The promises of the state database's interface, put to every implementation. A driver makes one over these types, lets
+// it finish what it is at, and is somebody else who changes a field; nothing: it goes.
 struct Embedded {
   explicit Embedded(const Lattis::EntityTypes& types) : db(types, scheduler) {}
   void settle() { scheduler.advance(0); }
+  void otherSets(const std::string& path, const std::string& field, const std::optional<std::string>& value) {
+    if (value) {
+      const bool isChild = value->empty();
+      db.fieldIs(path, field, isChild ? std::nullopt : value);
+    } else {
+      db.fieldDel(path, field);
+    }
+  }
   LinuxPlatform::SimulatedScheduler scheduler;
   LinuxPlatform::EmbeddedStateDb db;
+};
+
+struct InRedis {
+  explicit InRedis(const Lattis::EntityTypes& types) : db(types, loop, settings(server.address())) {
+    loop.stopOnSignals();
+    server.ask("SET leaf|complete 1");
+    settle();
+  }
+  static LinuxPlatform::RedisStateDbSettings settings(const std::string& address) {
+    LinuxPlatform::RedisStateDbSettings all;
+    all.address = LinuxPlatform::parseRedisAddress(address);
+    all.switchName = "leaf";
+    all.notice = [](const std::string&) {};
+    return all;
+  }
+  void settle() {
+    server.ask("PING");  // with its answer, what was published before is in this process' socket
+    for (int turns = 0; turns < 10 || !db.mirror().isSettled(); ++turns) loop.runOnce(turns < 10 ? 0 : 0.01);
+  }
+  void otherSets(const std::string& path, const std::string& field, const std::optional<std::string>& value) const {
+    if (value) {
+      server.command({"HSET", "leaf|" + path, field, *value});
+    } else {
+      for (const auto& [name, old] : server.hash("leaf|" + path)) {
+        if (name == field || name.starts_with(field + ".")) server.command({"HDEL", "leaf|" + path, name});
+      }
+    }
+    server.command({"PUBLISH", "leaf", path});
+  }
+  RedisServer server;
+  LinuxPlatform::EventLoop loop;
+  LinuxPlatform::RedisStateDb db;
 };
 
 // Whose fault() is the only one to say what its value must not be.
@@ -84,7 +131,7 @@ class StateDbTest : public testing::Test {
 template <class Driver>
 using StateDbDeathTest = StateDbTest<Driver>;
 
-using Databases = testing::Types<Embedded>;
+using Databases = testing::Types<Embedded, InRedis>;
 TYPED_TEST_SUITE(StateDbTest, Databases);
 TYPED_TEST_SUITE(StateDbDeathTest, Databases);
 
@@ -207,6 +254,82 @@ TYPED_TEST(StateDbTest, WhatIsRefusedChangesNothing) {
   EXPECT_EQ(manager->template get<Limits>("limits")->low(), 1U);
   EXPECT_THAT(manager->template get<RouteStatus>("vrfs")->vrfStatus(), IsEmpty());
   EXPECT_THAT(this->db.paths(), ElementsAre("limits", "vrfs"));
+}
+
+using Fields = std::map<std::string, std::string>;
+
+Fields fieldsOf(const std::shared_ptr<Entity>& entity) {
+  Fields fields;
+  LinuxPlatform::FieldWalk walk(entity, "");
+  while (const auto item = walk.next()) fields[item->field] = item->value.value_or("");
+  return fields;
+}
+
+TYPED_TEST(StateDbTest, EveryKindOfFieldIsChangedByAnybody) {
+  const std::string path = "interface/status/eth/vxlan";
+  const auto manager = this->mounted({{path, "Vxlan::VtiStatusDir"}, {"limits", "Limits", "w"}});
+  const auto interfaces = manager->entity(path);
+  const Fields made{{"vtiStatus[Vxlan1]", ""},
+                    {"vtiStatus[Vxlan1].operStatus", "up"},
+                    {"vtiStatus[Vxlan1].ipv4Addr", "192.0.2.1"},
+                    {"vtiStatus[Vxlan1].ipv6Addr", "::"},
+                    {"vtiStatus[Vxlan1].extendedVlanToVniMap[10]", "10010"},
+                    {"vtiStatus[Vxlan2]", ""},
+                    {"vtiStatus[Vxlan2].operStatus", "down"},
+                    {"vtiStatus[Vxlan2].ipv4Addr", "0.0.0.0"},
+                    {"vtiStatus[Vxlan2].ipv6Addr", "::"}};
+  for (const char* field : {"vtiStatus[Vxlan1].operStatus", "vtiStatus[Vxlan1].ipv4Addr", "vtiStatus[Vxlan2]",
+                            "vtiStatus[Vxlan1].extendedVlanToVniMap[10]"}) {
+    this->driver.otherSets(path, field, made.at(field));
+    this->driver.settle();
+  }
+  EXPECT_EQ(fieldsOf(interfaces), made);
+  this->db.fieldDel(path, "vtiStatus[Vxlan1].extendedVlanToVniMap[10]");
+  this->driver.otherSets(path, "vtiStatus[Vxlan2]", std::nullopt);
+  this->driver.settle();
+  EXPECT_EQ(fieldsOf(interfaces).size(), 4U);
+  this->db.fieldIs(path, "vtiStatus[Vxlan2]", std::nullopt);
+  this->driver.settle();
+  this->driver.otherSets(path, "vtiStatus[Vxlan1]", std::nullopt);
+  this->driver.settle();
+  EXPECT_EQ(fieldsOf(interfaces).size(), 4U);
+  this->db.fieldDel(path, "vtiStatus[Vxlan2]");
+  this->driver.settle();
+  EXPECT_THAT(fieldsOf(interfaces), IsEmpty());
+
+  this->driver.otherSets("limits", "low", "7");
+  this->driver.settle();
+  EXPECT_EQ(manager->template get<Limits>("limits")->low(), 7U);
+}
+
+TYPED_TEST(StateDbTest, TwoWritersEndWithWhatWasWrittenLast) {
+  const auto names = this->mounted({{"names", "Vrf::VrfIdMap::NameToIdMapWrapper"}})->entity("names");
+  std::mt19937 random(1);
+  const auto pick = [&random](std::size_t below) { return random() % below; };
+  Fields expected;
+  for (int round = 0; round < 40; ++round) {
+    // Each of them twice in a row, before anybody has heard of the other.
+    for (int change = 0; change < 10; ++change) {
+      const std::string field = "nameToId[vrf" + std::to_string(pick(8)) + "]";
+      const bool goes = expected.contains(field) && pick(3) == 0;
+      const auto value = goes ? std::nullopt : std::optional(std::to_string(1 + pick(100)));
+      if (pick(2) == 0) {
+        this->driver.otherSets("names", field, value);
+      } else if (fieldsOf(names).contains(field) || value) {
+        value ? this->db.fieldIs("names", field, value) : this->db.fieldDel("names", field);
+        this->driver.settle();
+      } else {
+        continue;  // it has not come yet
+      }
+      if (value) {
+        expected[field] = *value;
+      } else {
+        expected.erase(field);
+      }
+    }
+    this->driver.settle();
+    ASSERT_EQ(fieldsOf(names), expected);
+  }
 }
 
 TYPED_TEST(StateDbDeathTest, MisuseOfAGroup) {
