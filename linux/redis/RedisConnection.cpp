@@ -31,7 +31,7 @@ RedisConnection::RedisConnection(EventLoop& loop, const RedisAddress& address, c
                                     : redisAsyncConnectUnix(address.socket.c_str());
   if (context_ == nullptr) throw std::bad_alloc();
   if (context_->err != 0) {
-    const std::string why = context_->errstr;
+    const std::string why = context_->errstr != nullptr ? context_->errstr : "";
     redisAsyncFree(context_);
     throw std::runtime_error(why);
   }
@@ -41,7 +41,9 @@ RedisConnection::RedisConnection(EventLoop& loop, const RedisAddress& address, c
     if (!credentials.user.empty()) words.push_back(credentials.user);
     words.push_back(credentials.password);
     command(words, [this](const redisReply& reply) {
-      if (reply.type == REDIS_REPLY_ERROR) refusal_ = textOf(reply);
+      if (reply.type != REDIS_REPLY_ERROR) return;
+      refusal_ = textOf(reply);
+      lost_(refusal_);
     });
   }
 }
@@ -78,9 +80,9 @@ void RedisConnection::ready(std::uint32_t events) {
 void RedisConnection::handleLoss() {
   if (fd_ >= 0) loop_.fdDel(fd_);
   fd_ = -1;
-  const std::string why = !refusal_.empty() ? refusal_ : context_->errstr != nullptr ? context_->errstr : "";
+  const std::string why = context_->errstr != nullptr ? context_->errstr : "";
   context_ = nullptr;
-  if (!isEnding_) lost_(why.empty() ? "the connection was closed" : why);
+  if (!isEnding_ && refusal_.empty()) lost_(why.empty() ? "the connection was closed" : why);
 }
 
 void RedisConnection::command(const std::vector<std::string>& words, Answer answer) {

@@ -18,8 +18,9 @@ namespace LinuxPlatform {
 // Commands go out in their order, and their answers come in it. Nothing here waits: a command is put into a buffer that
 // leaves when the server takes it. Its owner keeps the number of unanswered commands small.
 //
-// A connection that is lost tells so once, from the event loop; no answer comes afterwards. It must not be destroyed
-// from inside one of its calls. Whoever has one ignores SIGPIPE (EventLoop::stopOnSignals does).
+// A connection that is lost, or whose credentials are refused, tells so once, from the event loop; no answer comes
+// afterwards. It must not be destroyed from inside one of its calls. Whoever has one ignores SIGPIPE
+// (EventLoop::stopOnSignals does).
 class RedisConnection {
  public:
   // An answer may be of any type, errors included (hiredis.h: REDIS_REPLY_...); it is gone after the call.
