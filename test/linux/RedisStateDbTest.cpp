@@ -496,4 +496,33 @@ TEST_F(RedisStateDbTest, ConnectionsThatAreCutCostNothingButTime) {
   EXPECT_GT(proxy.cuts(), 30U);
 }
 
+// Neither a line nor a question again and again.
+TEST_F(RedisStateDbTest, AServerThatRefusesIsLeftAlone) {
+  server.ask("REPLICAOF 127.0.0.1 1");
+  Peer peer(types, loop, server.address());
+  peer.caching()->cachingEnabledIs(true);
+  EXPECT_TRUE(until([&] { return !peer.db.mirror().writeFault().empty(); }));
+  turn(2000);
+  EXPECT_LT(peer.db.mirror().readings(), 20U);
+  EXPECT_LT(peer.told.size(), 20U);
+  EXPECT_THAT(peer.told.front(), HasSubstr("READONLY"));
+  server.ask("REPLICAOF NO ONE");
+  EXPECT_TRUE(until([&] { return stored(config)["cachingEnabled"] == "true"; }));
+
+  // One who may not read what he is there for.
+  server.command({"ACL", "SETUSER", "u", "on", ">secret", "~other|*", "&*", "+@all"});
+  Peer stranger(types, loop, server.address(), {"u", "secret"});
+  stranger.nameMap();
+  EXPECT_TRUE(until([&] { return stranger.db.mirror().session().openings() >= 3; }));
+  EXPECT_THAT(stranger.db.mirror().session().fault() + stranger.told.front(), HasSubstr("NOPERM"));
+  EXPECT_LE(stranger.told.size(), 3U);
+
+  server.ask("CONFIG SET requirepass secret");
+  Peer wrong(types, loop, server.address(), {"", "no"});
+  Peer right(types, loop, server.address(), {"", "secret"});
+  EXPECT_TRUE(until([&] { return right.db.mirror().session().isOpen() && !wrong.told.empty(); }));
+  turn(1000);
+  EXPECT_THAT(wrong.told, ElementsAre(HasSubstr("WRONGPASS")));
+}
+
 }  // namespace
