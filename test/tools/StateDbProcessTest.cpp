@@ -1,5 +1,5 @@
-// A running agent whose state lies in a Redis server, and what becomes of its routes when that server or the agent goes;
-// and the commands at the edges of such a database.
+// A running agent whose state lies in a Redis server, and what becomes of its routes when that server or the agent
+// goes; and the commands at the edges of such a database.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -60,9 +60,8 @@ class StateDbProcessTest : public testing::Test {
   bool isFollowed() {
     const std::string value = std::to_string(++mark);
     put("vrf/vrfNameStatus", "nameToId[mark]", value);
-    return eventually([&] {
-      return Command("get vrf/vrfNameStatus nameToId[mark]" + inRunDir).wait().out == value + "\n";
-    });
+    return eventually(
+        [&] { return Command("get vrf/vrfNameStatus nameToId[mark]" + inRunDir).wait().out == value + "\n"; });
   }
   // Keys that a `table watch --json` has seen go.
   static std::set<std::string> removalsIn(Command& watch) {
@@ -141,8 +140,9 @@ TEST_F(StateDbProcessTest, WhatWasSetJustBeforeTheAgentWasKilledIsThere) {
   ASSERT_TRUE(watch.says("["));
   std::size_t routes = 100;
   for (const std::string id : {"11", "12", "13"}) {
-    EXPECT_EQ(Command("set routing/hardware/route/status vrfStatus[v" + id + "].hwVrfId 1" + id + inRunDir).wait().exitCode,
-              0);
+    EXPECT_EQ(
+        Command("set routing/hardware/route/status vrfStatus[v" + id + "].hwVrfId 1" + id + inRunDir).wait().exitCode,
+        0);
     EXPECT_EQ(Command("set vrf/vrfNameStatus nameToId[v" + id + "] " + id + inRunDir).wait().exitCode, 0);
     EXPECT_EQ(agent->stop(SIGKILL).exitCode, -SIGKILL);
     EXPECT_TRUE(eventually([&] { return server.hash("leaf|vrf/vrfNameStatus")["nameToId[v" + id + "]"] == id; }));
