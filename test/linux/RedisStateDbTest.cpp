@@ -393,7 +393,7 @@ TEST_F(RedisStateDbTest, WhoeverWritesAllEndEqual) {
                fieldsOf(peer->vtis()) == vtiFields;
       });
     };
-    (void)until(areEqual);
+    EXPECT_TRUE(until(areEqual)) << "round " << round;
     turn(20);
     for (Peer* peer : peers) {
       ASSERT_EQ(fieldsOf(peer->nameMap()), expected(names, "Vrf::VrfIdMap::NameToIdMapWrapper")) << "round " << round;
