@@ -79,7 +79,10 @@ void SharedState::waitUntilWritten() {
   if (!mirror.writeFault().empty()) fail(mirror.writeFault());
 }
 
-void SharedState::fill(const Lattis::Entities& entities) {
+void SharedState::fill(Lattis::Entities entities) {
+  for (const auto& [path, type] : allPathTypes()) {
+    if (!derivedPaths().contains(path)) entities.try_emplace(path, types_.make(type, path));
+  }
   waitUntil([this] { return db_.mirror().session().isOpen(); });
   db_.entitiesAre(entities);
   db_.mirror().completeIs();

@@ -29,8 +29,9 @@ class SharedState {
   }
   // Until the server has answered to everything that was written, and has taken it.
   void waitUntilWritten();
-  // Puts a whole content there, marked as complete when all of it is there.
-  void fill(const Lattis::Entities& entities);
+  // Puts a whole content there, marked as complete when all of it is there; a path that it does not name has nothing
+  // set.
+  void fill(Lattis::Entities entities);
   // Runs for as long as `more` says, which is asked after each change, and now and then. Here alone the settings'
   // notice is called: whoever waits for one thing is told by what is thrown.
   void followWhile(const std::function<bool()>& more);

@@ -49,7 +49,8 @@ class Launcher {
 
   std::optional<RunDirectory> directory_;  // once options and scenario are known to be good; held until the end
   EventLoop loop_;
-  std::string contentSource_;  // where the state is from, in one line
+  std::string contentSource_;                          // where the state is from, in one line
+  LinuxPlatform::RedisMirror* sharedState_ = nullptr;  // null: the state is embedded
   AgentHost host_;
   std::optional<TableDelivery> delivery_;
   std::unique_ptr<ControlSocket> control_;
@@ -61,6 +62,7 @@ Launcher::Launcher(RunOptions options) : loop_(options.timeSliceMilliseconds / 1
   serveOperators();
   if (contentSource_.empty()) contentSource_ = host_.contentSource();
   host_.start([this] {
+    if (sharedState_ != nullptr) sharedState_->outputsAreOwned();
     tell(false, {}, contentSource_);
     tell(false, {}, "ready: agent " + host_.agentName() + " in " + directory_->path());
     flushOutput();  // who waits for the line waits for ever without it: an agent that cannot tell it ends
@@ -72,11 +74,13 @@ AgentHostSettings Launcher::settings(RunOptions& options) {
     if (options.agent.scenario.empty()) throw Platform::BadText("--scenario or --state-db is wanted");
     return options.agent;
   }
-  const auto stateDb = options.stateDb.settings([](const std::string& line) { std::cerr << line << std::endl; });
+  auto stateDb = options.stateDb.settings([](const std::string& line) { std::cerr << line << std::endl; });
+  stateDb.ownsOutputs = false;  // before the start what a predecessor has said stands
   contentSource_ = "state from " + stateDb.address.text + ", switch " + stateDb.switchName;
   options.agent.stateDb = [this, stateDb](const Lattis::EntityTypes& types) {
     auto made = std::make_unique<LinuxPlatform::RedisStateDb>(types, loop_, stateDb);
     made->localEntityIs("platform/stateDb", made->statistics());
+    sharedState_ = &made->mirror();
     return made;
   };
   return options.agent;

@@ -1,5 +1,9 @@
 #include "linux/redis/RedisAddress.h"
 
+#include <sys/un.h>
+
+#include <algorithm>
+
 #include "platform/values/Text.h"
 
 namespace LinuxPlatform {
@@ -22,6 +26,9 @@ RedisAddress parseRedisAddress(std::string_view text) {
   if (text.starts_with(unixScheme)) {
     address.socket = text.substr(unixScheme.size());
     if (!address.socket.starts_with('/')) refuse(text);
+    if (address.socket.size() >= sizeof(sockaddr_un::sun_path)) {
+      throw Platform::BadText("'" + Platform::printable(text) + "' is longer than the path of a socket may be");
+    }
     return address;
   }
   if (!text.starts_with(tcpScheme)) refuse(text);

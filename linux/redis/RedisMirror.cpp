@@ -37,7 +37,8 @@ bool isText(const redisReply& reply) {
 }  // namespace
 
 RedisMirror::RedisMirror(EventLoop& loop, RedisSettings settings)
-    : loop_(loop),
+    : ownsOutputs_(settings.ownsOutputs),
+      loop_(loop),
       session_(loop, std::move(settings),
                {[this] { handleOpened(); }, [this] { handleClosed(); },
                 [this](const std::string& text) { handleMessage(text); }}),
@@ -101,6 +102,7 @@ void RedisMirror::handleOpened() {
   for (auto& [path, followed] : followed_) followed.allWanted = true;
   isComplete_ = false;
   markIsAsked_ = false;
+  for (auto& change : std::exchange(unconfirmed_, {})) carryOver(std::move(change));
   proceed();
 }
 
@@ -317,7 +319,15 @@ void RedisMirror::handleChange(const std::string& path) {
 }
 
 bool RedisMirror::ownsOutputs(const Followed& followed) const {
-  return session_.settings().ownsOutputs && followed.content.hasOutputs();
+  return ownsOutputs_ && followed.content.hasOutputs();
+}
+
+void RedisMirror::outputsAreOwned() {
+  ownsOutputs_ = true;
+  for (auto& [path, followed] : followed_) {
+    if (followed.wasRead && ownsOutputs(followed)) compareOutputs(followed);
+  }
+  proceed();
 }
 
 std::optional<std::string> RedisMirror::outputOf(const std::string& path, const std::string& field) const {
@@ -377,9 +387,7 @@ void RedisMirror::fieldIsWritten(const std::string& path, const std::string& fie
   const auto found = followed_.find(path);
   if (found == followed_.end()) return;
   const auto item = FieldWalk(found->second.content.entity(), field).next();
-  write(path, {{field, item->value.value_or("")}});
-  publish(path + " " + field);
-  session_.flush();
+  carryOver({path, {{field, item->value.value_or("")}}, path + " " + field});
 }
 
 std::vector<std::string> RedisMirror::fieldsOf(const std::string& path, const std::string& field) const {
@@ -393,8 +401,21 @@ void RedisMirror::fieldsAreDeleted(const std::string& path, const std::string& f
   EntityContent::Changes changes;
   for (const auto& deleted : fields) changes.emplace(deleted, std::nullopt);
   if (const auto bare = followed_.find(path)->second.content.bareWithout(field, fields)) changes.emplace(*bare, "");
-  write(path, changes);
-  publish(changes.size() == 1 ? path + " " + changes.begin()->first : path);
+  const std::string message = changes.size() == 1 ? path + " " + changes.begin()->first : path;
+  carryOver({path, std::move(changes), message});
+}
+
+void RedisMirror::carryOver(Change change) {
+  if (!follows(change.path)) return;
+  write(change.path, change.fields);
+  ++ownMessages_[change.message];
+  ++unansweredWrites_;
+  session_.command({"PUBLISH", session_.settings().switchName, change.message},
+                   [this, path = change.path](const redisReply& reply) {
+                     unconfirmed_.pop_front();
+                     handleWritten(path, reply);
+                   });
+  unconfirmed_.push_back(std::move(change));
   session_.flush();
 }
 

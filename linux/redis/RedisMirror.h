@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -66,6 +67,9 @@ class RedisMirror {
   // The content of this switch is all there.
   void completeIs();
 
+  // What cannot be set from outside is this process' to write from now on (RedisSettings::ownsOutputs).
+  void outputsAreOwned();
+
   // Nothing is on its way, in either direction.
   bool isSettled() const;
   const RedisSession& session() const { return session_; }
@@ -93,6 +97,12 @@ class RedisMirror {
     unsigned disturbances = 0;  // readings in a row that were of no use
   };
   using Path = std::map<std::string, Followed, std::less<>>::iterator;
+  // Of an operator: it stands here, and is written again to a server that was lost before it answered.
+  struct Change {
+    std::string path;
+    EntityContent::Changes fields;
+    std::string message;
+  };
   struct Reading {
     std::string path;
     std::uint64_t number = 0;  // of the one that is read
@@ -125,6 +135,7 @@ class RedisMirror {
   double restOfOutputs() const;
   void compareOutputs(Followed& followed);
   bool writeOutputs();
+  void carryOver(Change change);
   void write(const std::string& path, const EntityContent::Changes& changes);
   void command(const std::string& path, const std::vector<std::string>& words);
   void handleWritten(const std::string& path, const redisReply& reply);
@@ -145,6 +156,8 @@ class RedisMirror {
   std::uint64_t nextNumber_ = 0;
   std::optional<Reading> reading_;
   std::size_t unansweredWrites_ = 0;
+  std::deque<Change> unconfirmed_;
+  bool ownsOutputs_;
   std::map<std::string, unsigned> ownMessages_;  // published by this process and not heard yet
   std::vector<std::function<void()>> waiting_;   // for everything to be read
   EventLoop& loop_;

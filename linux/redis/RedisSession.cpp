@@ -27,15 +27,20 @@ bool isNumeric(const std::string& host) {
 }
 
 // Waits for name servers.
-std::optional<std::string> numericAddress(const std::string& host) {
+std::vector<std::string> numericAddresses(const std::string& host) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return std::nullopt;
-  char text[NI_MAXHOST] = "";
-  const int status = getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return {};
+  std::vector<std::string> addresses;
+  for (const addrinfo* address = found; address != nullptr; address = address->ai_next) {
+    char text[NI_MAXHOST] = "";
+    if (getnameinfo(address->ai_addr, address->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0) {
+      addresses.emplace_back(text);
+    }
+  }
   freeaddrinfo(found);
-  return status == 0 ? std::optional<std::string>(text) : std::nullopt;
+  return addresses;
 }
 
 // Of the server as a whole, whatever it was asked.
@@ -81,10 +86,10 @@ void RedisSession::begin() {
   if (!address.socket.empty() || isNumeric(address.host)) return connect(address);
   // A thread that may outlive this: name servers that do not answer keep it for half a minute.
   state_ = State::lookingUp;
-  std::promise<std::optional<std::string>> promise;
+  std::promise<std::vector<std::string>> promise;
   lookedUp_ = promise.get_future();
   std::thread([host = address.host, promise = std::move(promise)]() mutable {
-    promise.set_value(numericAddress(host));
+    promise.set_value(numericAddresses(host));
   }).detach();
   timerTask_->scheduleWithin(lookUpPoll);
 }
@@ -94,9 +99,9 @@ void RedisSession::lookUp() {
     return timerTask_->scheduleWithin(lookUpPoll);
   }
   const auto found = lookedUp_.get();
-  if (!found) return fail("the name of the host is not known");
+  if (found.empty()) return fail("the name of the host is not known");
   RedisAddress numeric = settings_.address;
-  numeric.host = *found;
+  numeric.host = found[nextAddress_++ % found.size()];
   connect(numeric);
 }
 

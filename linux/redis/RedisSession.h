@@ -22,7 +22,8 @@ struct RedisSettings {
   RedisAddress address;
   RedisCredentials credentials;
   std::string switchName;  // every key and channel begins with it
-  // What cannot be set from outside is this process' to write; else it is another's, and read.
+  // What cannot be set from outside is this process' to write; else it is another's and read, or will be its own later
+  // (RedisMirror::outputsAreOwned).
   bool ownsOutputs = true;
   // One line for whoever runs the process.
   std::function<void(const std::string& line)> notice;
@@ -89,7 +90,8 @@ class RedisSession {
   State state_ = State::resting;
   std::unique_ptr<RedisConnection> commands_;
   std::unique_ptr<RedisConnection> messages_;
-  std::future<std::optional<std::string>> lookedUp_;  // the host's numeric address
+  std::future<std::vector<std::string>> lookedUp_;  // the host's numeric addresses
+  std::size_t nextAddress_ = 0;                     // to be tried, of those
   int stepsToOpen_ = 0;
   std::optional<std::string> failure_;  // that is to be acted on, outside of the connections' calls
   std::string fault_;

@@ -24,8 +24,9 @@ struct RedisStateDbSettings : RedisSettings {
 // mount group completes when everything that is followed has been read: an agent that waits for its first content
 // waits.
 //
-// An operator's change is checked here and stands at once; the server has it with the next answer, and nothing but the
-// server's end takes it back, not this process' end either. With the server out of reach it is refused.
+// An operator's change is checked here, stands at once and is given to the system for the server before this process
+// goes on; it is written again when the connection is lost before the server has answered. With the server out of reach
+// it is refused.
 class RedisStateDb final : public Lattis::StateDb {
  public:
   RedisStateDb(const Lattis::EntityTypes& types, EventLoop& loop, RedisStateDbSettings settings);

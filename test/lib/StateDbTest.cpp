@@ -28,8 +28,8 @@ using NameToIdMap = Vrf::VrfIdMap::NameToIdMapWrapper;
 
 namespace {
 
-// The promises of the state database's interface, put to every implementation. A driver makes one over these types, lets
-// it finish what it is at, and is somebody else who changes a field; nothing: it goes.
+// The promises of the state database's interface, put to every implementation. A driver makes one over these types,
+// lets it finish what it is at, and is somebody else who changes a field; nothing: it goes.
 struct Embedded {
   explicit Embedded(const Lattis::EntityTypes& types) : db(types, scheduler) {}
   void settle() { scheduler.advance(0); }

@@ -60,7 +60,8 @@ CLI::Option* addStateDbOptions(CLI::App& command, StateDbOptions& options) {
   address->type_name("ADDRESS");
   command.add_option("--switch", options.switchName, "Whose content it is there, as others may have theirs")
       ->type_name("NAME")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->needs(address);
   CLI::Option* password = command.add_option("--state-db-password-file", options.passwordFile,
                                              "File with the server's password in its first line");
   password->type_name("FILE")->needs(address);
