@@ -66,8 +66,9 @@ std::shared_ptr<Lattis::Entity> SharedState::entity(const std::string& path) {
   }
   auto entity = db_.entityOrNew(path, type->second);
   const LinuxPlatform::RedisMirror& mirror = db_.mirror();
-  waitUntil([&] { return mirror.isSettled() || mirror.markIsMissing(); });
+  waitUntil([&] { return mirror.isSettled() || mirror.markIsMissing() || !mirror.faultOf(path).empty(); });
   if (mirror.isSettled()) return entity;
+  if (!mirror.faultOf(path).empty()) fail(path + ": " + mirror.faultOf(path));
   fail("the content of switch '" + mirror.session().settings().switchName +
        "' is not complete (routecache statedb fill puts one there)");
 }

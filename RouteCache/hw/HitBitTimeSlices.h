@@ -41,10 +41,8 @@ constexpr std::uint16_t timeSliceOfIdle(std::uint16_t seconds) {
 // Invariants (checkInvariants):
 //   - a key is in at most one slice, and the index says where it lies;
 //   - a row is of one slice, and in its list, or among those of the visit that have not had their turn, or set aside;
-//   it
-//     holds at least one key, or is free for the next slice that needs one;
-//   - of the visit's first row the keys whose turn is to come are noted, and at least one is; of others none has had
-//   it.
+//   - a row holds at least one key, or is free for the next slice that needs one;
+//   - of the visit's first row the keys whose turn is to come are noted, and at least one is; of others none had it.
 class HitBitTimeSlices {
  public:
   using Key = Ipv4RouteVrfKey;

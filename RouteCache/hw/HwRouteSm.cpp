@@ -270,8 +270,7 @@ void HwRouteSm::handleSwRoute(const Key& key) {
 }
 
 Pondra::Appetite HwRouteSm::appetite() const {
-  return routeProcessingTask_.isDue() ? Pondra::appetiteWith(routeToProcess_.freshCount())
-                                      : Pondra::Appetite::everything;
+  return appetiteOf(routeProcessingTask_, routeToProcess_.freshCount());
 }
 
 void HwRouteSm::handleSwRoute() {

@@ -371,7 +371,7 @@ template <class Family>
 bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key) {
   if (!isQueued<Family>(key)) return false;
   const auto& facts = factsOf<Family>(key);
-  return isAdmitted<Family>(facts, isWanted<Family>(key, facts.published));
+  return admit<Family>(facts, isWanted<Family>(key, facts.published));
 }
 
 bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
@@ -382,7 +382,8 @@ bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
   return isRouteAdded<Ipv6Family>(key);
 }
 
-// What is not queued may be deleted, but only a walk adds it.
+// For callers outside, as the two doors above: the tasks know what is queued, and use decideRoute. What is not queued
+// may be deleted, but only a walk adds it.
 template <class Family>
 void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
   const auto& facts = factsOf<Family>(key);
@@ -398,7 +399,7 @@ void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
     return;
   }
   const bool wanted = isWanted<Family>(facts.key, facts.published);
-  if (isAdmitted<Family>(facts, wanted)) {
+  if (admit<Family>(facts, wanted)) {
     trace_(7, "adding", " ", *facts.kernel);
     writeKernelRoute<Family>(facts);
   } else if (!wanted) {
@@ -409,7 +410,7 @@ void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
 
 // Takes the route out of the queue, or lets it wait there for the room that it needs.
 template <class Family>
-bool KernelRouteSm::isAdmitted(const RouteFacts<Family>& facts, bool wanted) {
+bool KernelRouteSm::admit(const RouteFacts<Family>& facts, bool wanted) {
   auto& side = sides_.of<Family>();
   const Room room = facts.published ? mirrorRoom : cachedRoom;
   if (wanted && !facts.standing && !hasRoom(room)) {
@@ -431,6 +432,7 @@ void KernelRouteSm::lookUpFacts(std::span<RouteFacts<Family>> facts) const {
       [](Facts& each, const auto& route) { each.published = route.has_value(); });
   for (Facts& each : facts) {
     each.kernel = kernelKey(each.key);
+    // A walk through the kernel's table has met it under the key of before: the VRF's id has changed meanwhile.
     if (each.standing && each.standing->key() != each.kernel) each.standing.reset();
   }
   lookUp(

@@ -217,7 +217,7 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   bool isRouteAdded(const BasicRouteVrfKey<Family>& key);
   template <class Family>
-  bool isAdmitted(const RouteFacts<Family>& facts, bool wanted);
+  bool admit(const RouteFacts<Family>& facts, bool wanted);
   template <class Family>
   void wakeWaiting();
   template <class Family>

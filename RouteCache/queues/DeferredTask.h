@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -13,6 +14,7 @@
 #include <string_view>
 
 #include "platform/services/TaskScheduler.h"
+#include "platform/tables/SharedTable.h"
 #include "platform/trace/Trace.h"
 
 namespace RouteCache {
@@ -39,7 +41,8 @@ class DeferredTask {
     task_->scheduleWithin(seconds);
     *isDue_ = *isDue_ || seconds <= 0;
   }
-  // A run at once has been asked for: it comes as soon as others have had their turns.
+  // A run at once has been asked for: it comes as soon as others have had their turns. A later run does not count, even
+  // when its time has come.
   bool isDue() const { return *isDue_; }
   bool shouldYield() { return task_->shouldYield(); }
   // What the run that ends now has handled, and what still waits.
@@ -54,6 +57,12 @@ class DeferredTask {
   std::shared_ptr<bool> isDue_;
   std::unique_ptr<Platform::Task> task_;
 };
+
+// What a listener can take that has been told of so many keys for this task to handle. Only one that is about to work
+// is busy: what it is not told now is told when it has worked, and while its run is put off that would be nothing.
+inline Pondra::Appetite appetiteOf(const DeferredTask& task, std::size_t told) {
+  return task.isDue() ? Pondra::appetiteWith(told) : Pondra::Appetite::everything;
+}
 
 // Handles what `next` finds (false: nothing more) until the task should yield. True: there may be more.
 template <class Next>

@@ -126,8 +126,7 @@ void SwRouteSm::routeProcessingIntervalIs(double seconds) {
 }
 
 Pondra::Appetite SwRouteSm::appetite() const {
-  return routeProcessingTask_.isDue() ? Pondra::appetiteWith(routeToProcess_.toldCount())
-                                      : Pondra::Appetite::everything;
+  return appetiteOf(routeProcessingTask_, routeToProcess_.toldCount());
 }
 
 void SwRouteSm::scheduleAllRoutesForProcessing(bool vtep, bool init) {

@@ -4,6 +4,8 @@
 #include <exception>
 #include <utility>
 
+#include "platform/values/Assert.h"
+
 namespace LinuxPlatform {
 
 using Lattis::Entity;
@@ -240,6 +242,13 @@ bool EntityContent::hasFieldOf(const std::string& child) const {
   const std::string prefix = child + ".";
   const auto first = known_.lower_bound(prefix);
   return first != known_.end() && first->first.starts_with(prefix);
+}
+
+void EntityContent::checkInvariants() const {
+  for (const auto& field : passedOver_) PLATFORM_ASSERT(!heard_.contains(field));
+  for (const Changes* changes : {&toCarry_, &toRetry_, &retried_}) {
+    for (const auto& [field, value] : *changes) PLATFORM_ASSERT(known(field) == value);
+  }
 }
 
 // --- Written by this process -----------------------------------------------------------------------------------------

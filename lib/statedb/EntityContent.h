@@ -23,7 +23,7 @@ namespace LinuxPlatform {
 
 // What is read of the database is first heard, field by field, and compared with what was known; when the reading has
 // proved good, the differences are carried out on the entity, in steps, as an operator's changes would be. Fields that
-// cannot be set from outside are the entity's own: they go the other way (differsInOutputs).
+// cannot be set from outside are the entity's own: they go the other way (outputStep).
 //
 // A field that the entity refuses stays as it is in the entity and is told once. Some are good only together with
 // others: what contradicts others is tried again after them, and whenever others change.
@@ -31,8 +31,9 @@ namespace LinuxPlatform {
 // An attribute that is gone from the database has what it has when nobody sets it; a child entity goes with the last of
 // its fields.
 //
-// Invariants: `known_` is what the database held at the last good reading and what has been written to it since;
-// nothing is in both heard_ and, as passedOver_, written since the reading began.
+// Invariants (checkInvariants): `known_`, with what is still in heard_, is what the database held at the last good
+// reading and what has been written to it since; what is to be carried out is what `known_` has; of a field that was
+// written since a reading began nothing is heard.
 class EntityContent {
  public:
   // A field and its value; nothing: it is gone.
@@ -56,6 +57,8 @@ class EntityContent {
   bool isCarriedOut() const;
   // Fields of the database that the entity has not taken.
   std::size_t refusedFields() const { return standing_.size(); }
+
+  void checkInvariants() const;
 
   // --- Written to the database by this process ---
   // What a reading that is under way has heard of the field, or hears, is older.

@@ -11,13 +11,9 @@
 
 namespace LinuxPlatform {
 
-namespace {
-
 std::string textOf(const redisReply& reply) {
   return reply.str == nullptr ? std::string() : std::string(reply.str, reply.len);
 }
-
-}  // namespace
 
 struct RedisConnection::Pending {
   RedisConnection& connection;

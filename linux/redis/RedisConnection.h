@@ -15,6 +15,9 @@ struct redisReply;
 
 namespace LinuxPlatform {
 
+// Of a text or an error.
+std::string textOf(const redisReply& reply);
+
 // Commands go out in their order, and their answers come in it. Nothing here waits: a command is put into a buffer that
 // leaves when the server takes it. Its owner keeps the number of unanswered commands small.
 //

@@ -3,6 +3,7 @@
 #include <hiredis/hiredis.h>
 
 #include <algorithm>
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -26,12 +27,9 @@ constexpr double outputsRest = 5;  // seconds for which a server that has refuse
 constexpr std::uint64_t mostRefusalLines = 20;  // in a row; all are counted
 constexpr std::size_t mostUnanswered = 4096;    // commands; then changes by text are refused
 
-std::string textOf(const redisReply& reply) {
-  return reply.str == nullptr ? std::string() : std::string(reply.str, reply.len);
-}
-
-bool isText(const redisReply& reply) {
-  return reply.type == REDIS_REPLY_STRING;
+// Nothing: there is none.
+std::optional<std::string> valueOf(const redisReply& reply) {
+  return reply.type == REDIS_REPLY_STRING ? std::optional(textOf(reply)) : std::nullopt;
 }
 
 }  // namespace
@@ -90,6 +88,11 @@ bool RedisMirror::isSettled() const {
          });
 }
 
+std::string RedisMirror::faultOf(std::string_view path) const {
+  const auto found = followed_.find(path);
+  return found == followed_.end() ? std::string() : found->second.fault;
+}
+
 std::uint64_t RedisMirror::refusedFields() const {
   std::uint64_t fields = 0;
   for (const auto& [path, followed] : followed_) fields += followed.content.refusedFields();
@@ -100,7 +103,7 @@ std::uint64_t RedisMirror::refusedFields() const {
 
 void RedisMirror::handleOpened() {
   for (auto& [path, followed] : followed_) followed.allWanted = true;
-  isComplete_ = false;
+  mark_.reset();
   markIsAsked_ = false;
   for (auto& change : std::exchange(unconfirmed_, {})) carryOver(std::move(change));
   proceed();
@@ -118,7 +121,7 @@ void RedisMirror::handleMessage(const std::string& text) {
     if (--own->second == 0) ownMessages_.erase(own);
     return;
   }
-  if (!isComplete_) return askForMark();
+  if (!mark_) return askForMark();
   if (text == "complete") return handleRefill();
   const std::size_t pathEnd = text.find(' ');
   const auto found = followed_.find(text.substr(0, pathEnd));
@@ -150,7 +153,7 @@ void RedisMirror::work() {
     for (const auto& call : std::exchange(waiting_, {})) call();
   }
   if (!session_.isOpen() || reading_) return;
-  if (!isComplete_) return askForMark();
+  if (!mark_) return askForMark();
   if (readNext()) return;
   if (!writeOutputs()) proceed();
 }
@@ -172,17 +175,17 @@ bool RedisMirror::carryOut() {
 void RedisMirror::askForMark() {
   if (markIsAsked_ || !session_.isOpen()) return;
   markIsAsked_ = true;
-  session_.command({"EXISTS", keyOf("complete")}, [this](const redisReply& reply) {
+  session_.command({"GET", keyOf("complete")}, [this](const redisReply& reply) {
     markIsAsked_ = false;
     if (reply.type == REDIS_REPLY_ERROR) return session_.fail(textOf(reply));
-    handleMark(reply.type == REDIS_REPLY_INTEGER && reply.integer != 0);
+    handleMark(valueOf(reply));
   });
 }
 
-void RedisMirror::handleMark(bool isThere) {
-  if (isThere == isComplete_ && isThere) return;
-  isComplete_ = isThere;
-  if (isThere) {
+void RedisMirror::handleMark(std::optional<std::string> mark) {
+  if (mark && mark == mark_) return;
+  mark_ = std::move(mark);
+  if (mark_) {
     if (std::exchange(missingMarkIsTold_, false)) notice("its content is complete again");
     for (auto& [path, followed] : followed_) followed.allWanted = true;
     return proceed();
@@ -258,8 +261,7 @@ void RedisMirror::readFields(Path wanted) {
       return dropReading("an answer that HMGET does not give");
     }
     for (std::size_t i = 0; i < reply.elements; ++i) {
-      const redisReply& value = *reply.element[i];
-      followed->content.heard((*fields)[i], isText(value) ? std::optional(textOf(value)) : std::nullopt);
+      followed->content.heard((*fields)[i], valueOf(*reply.element[i]));
     }
     askWhetherItCounts(false);
   });
@@ -268,9 +270,10 @@ void RedisMirror::readFields(Path wanted) {
 // With a fence: after everything has been heard that was published before.
 void RedisMirror::askWhetherItCounts(bool withFence) {
   reading_->fencePassed = !withFence;
-  session_.command({"EXISTS", keyOf("complete")}, [this](const redisReply& reply) {
+  session_.command({"GET", keyOf("complete")}, [this](const redisReply& reply) {
     if (reply.type == REDIS_REPLY_ERROR) return session_.fail(textOf(reply));
-    reading_->isComplete = reply.type == REDIS_REPLY_INTEGER && reply.integer != 0;
+    reading_->markIsRead = true;
+    reading_->mark = valueOf(reply);
     endReading();
   });
   if (!withFence) return;
@@ -281,16 +284,18 @@ void RedisMirror::askWhetherItCounts(bool withFence) {
 }
 
 void RedisMirror::endReading() {
-  if (!reading_->isComplete || !reading_->fencePassed) return;
-  const bool counts = *reading_->isComplete;
+  if (!reading_->markIsRead || !reading_->fencePassed) return;
+  const bool counts = reading_->mark && reading_->mark == mark_;
   Followed* followed = beingRead();
   if (!counts || followed == nullptr || (reading_->isDisturbed && ++followed->disturbances < mostDisturbances)) {
+    const std::optional<std::string> mark = reading_->mark;
     dropReading({});
-    if (!counts) handleMark(false);
+    if (!counts) handleMark(mark);
     return;
   }
   followed->disturbances = 0;
   followed->wasRead = true;
+  followed->fault.clear();
   followed->content.readingEnds();
   if (ownsOutputs(*followed)) compareOutputs(*followed);
   reading_.reset();
@@ -304,7 +309,8 @@ void RedisMirror::dropReading(const std::string& why) {
   reading_.reset();
   if (followed != nullptr) {
     followed->content.readingIsDropped();
-    followed->allWanted = why.empty();
+    if (why.empty()) followed->allWanted = true;  // and what was told meanwhile stays wanted
+    followed->fault = why;
   }
   proceed();
 }
@@ -351,7 +357,7 @@ void RedisMirror::compareOutputs(Followed& followed) {
   outputsTask_->scheduleWithin(rest);
 }
 
-// The entities' own fields, a piece at a time, as the server answers. False: the time slice is spent.
+// The entities' own fields, a piece at a time, as the server answers. False: there is more to do at once.
 bool RedisMirror::writeOutputs() {
   for (auto& [path, followed] : followed_) {
     if (!followed.isWriting) continue;
@@ -487,7 +493,8 @@ void RedisMirror::contentIsWritten(const std::string& path) {
 }
 
 void RedisMirror::completeIs() {
-  command("complete", {"SET", keyOf("complete"), "1"});
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  command("complete", {"SET", keyOf("complete"), std::to_string(now.count())});
   publish("complete");
 }
 
@@ -496,10 +503,10 @@ void RedisMirror::completeIs() {
 void RedisMirror::tellRefusal(const std::string& path, const std::string& line) {
   constexpr double pause = 10;  // seconds without refusals, and the next ones are told again
   ++refusals_;
-  if (loop_.now() - refusalsTold_ > pause) toldRefusals_ = 0;
-  refusalsTold_ = loop_.now();
-  if (++toldRefusals_ < mostRefusalLines) return notice(keyOf(path) + " " + line + "; refused");
-  if (toldRefusals_ == mostRefusalLines) notice("more is refused; platform/stateDb counts it");
+  if (loop_.now() - lastRefusalAt_ > pause) linesInARow_ = 0;
+  lastRefusalAt_ = loop_.now();
+  if (++linesInARow_ < mostRefusalLines) return notice(keyOf(path) + " " + line + "; refused");
+  if (linesInARow_ == mostRefusalLines) notice("more is refused; platform/stateDb counts it");
 }
 
 void RedisMirror::notice(const std::string& line) const {

@@ -1,7 +1,7 @@
 // Entities that follow their content in Redis, and write what is their own there.
 //
 //   SWITCH|MOUNT PATH      a hash: the fields of the entity at the path, named as `routecache get` names them
-//   SWITCH|complete        any value: the content of this switch is all there
+//   SWITCH|complete        any value: the content of this switch is all there; another value: it is another content
 //   channel SWITCH         "PATH" or "PATH FIELD": what has changed, told after the change
 #pragma once
 
@@ -29,8 +29,8 @@ namespace LinuxPlatform {
 // the same whenever the session opens again. What is read is compared with what was known, and differences alone are
 // carried out, a time slice at a time.
 //
-// What is read counts only when the switch's content is complete after it was read: a server that came back empty has
-// no mark, and then what is known stays until a writer has put the content back and the mark with it.
+// What is read counts only when the switch's content has the same mark after it was read: a server that came back empty
+// has none, and then what is known stays until a writer has put the content back and the mark with it.
 //
 // A hash is read in pieces. Somebody who puts another one in its place meanwhile tells of the whole path, and then it
 // is read again; a change of single fields is read afterwards.
@@ -59,6 +59,8 @@ class RedisMirror {
   void checkWritable() const;
   // After the entity has been changed so: the database has it as soon as it can be reached, and others are told.
   void fieldIsWritten(const std::string& path, const std::string& field);
+  // Why the path cannot be read; empty: it can, or is not followed.
+  std::string faultOf(std::string_view path) const;
   // What belongs to the field, to be asked before it goes from the entity; and after it has gone.
   std::vector<std::string> fieldsOf(const std::string& path, const std::string& field) const;
   void fieldsAreDeleted(const std::string& path, const std::string& field, const std::vector<std::string>& fields);
@@ -73,7 +75,7 @@ class RedisMirror {
   // Nothing is on its way, in either direction.
   bool isSettled() const;
   const RedisSession& session() const { return session_; }
-  bool isComplete() const { return isComplete_; }
+  bool isComplete() const { return mark_.has_value(); }
   // Why the server has refused a change of this process, the last one; empty: it has taken all.
   const std::string& writeFault() const { return writeFault_; }
   // A field that cannot be set from outside, as its owner has put it there.
@@ -94,6 +96,7 @@ class RedisMirror {
     bool outputsAreDue = false;
     bool isWriting = false;  // its own fields, a piece at a time
     bool hasWritten = false;
+    std::string fault{};        // why the last reading came to nothing
     unsigned disturbances = 0;  // readings in a row that were of no use
   };
   using Path = std::map<std::string, Followed, std::less<>>::iterator;
@@ -107,8 +110,9 @@ class RedisMirror {
     std::string path;
     std::uint64_t number = 0;  // of the one that is read
     bool isDisturbed = false;
-    std::optional<bool> isComplete{};  // the mark's answer
     bool fencePassed = false;
+    bool markIsRead = false;
+    std::optional<std::string> mark{};  // after everything else
   };
 
   std::string keyOf(const std::string& path) const { return session_.settings().switchName + "|" + path; }
@@ -120,7 +124,7 @@ class RedisMirror {
   void work();
   bool carryOut();
   void askForMark();
-  void handleMark(bool isThere);
+  void handleMark(std::optional<std::string> mark);
   bool readNext();
   // Null: it is not followed any more.
   Followed* beingRead();
@@ -147,9 +151,9 @@ class RedisMirror {
   std::string writeFault_;
   std::optional<double> writeRefusedAt_;  // last
   std::uint64_t readings_ = 0;
-  std::uint64_t toldRefusals_ = 0;  // since the last pause
-  double refusalsTold_ = 0;         // when
-  bool isComplete_ = false;
+  std::uint64_t linesInARow_ = 0;  // without a pause between them
+  double lastRefusalAt_ = 0;
+  std::optional<std::string> mark_;  // nothing: the content is not complete, or that is not known
   bool markIsAsked_ = false;
   bool missingMarkIsTold_ = false;
   std::map<std::string, Followed, std::less<>> followed_;

@@ -119,7 +119,7 @@ void RedisSession::connect(const RedisAddress& numeric) {
       {settings_.switchName, fenceChannel_}, [this] { stepIsOpened(); },
       [this](const auto& channel, const auto& text) { handleMessage(channel, text); });
   commands_->command({"PING"}, [this](const redisReply& reply) {
-    if (reply.type == REDIS_REPLY_ERROR) return fail(std::string(reply.str, reply.len));
+    if (reply.type == REDIS_REPLY_ERROR) return fail(textOf(reply));
     stepIsOpened();
   });
   timerTask_->scheduleWithin(openingLimit);
@@ -181,8 +181,8 @@ void RedisSession::command(const std::vector<std::string>& words, RedisConnectio
   if (!isOpen()) return;
   commands_->command(words, [this, answer = std::move(answer)](const redisReply& reply) {
     if (failure_) return;
-    if (reply.type == REDIS_REPLY_ERROR && speaksOfServer({reply.str, reply.len})) {
-      return fail(std::string(reply.str, reply.len));
+    if (reply.type == REDIS_REPLY_ERROR && speaksOfServer(textOf(reply))) {
+      return fail(textOf(reply));
     }
     answer(reply);
   });
@@ -195,7 +195,9 @@ void RedisSession::flush() {
 void RedisSession::fence(std::function<void()> passed) {
   const std::uint64_t number = nextFence_++;
   fences_[number] = std::move(passed);
-  command({"PUBLISH", fenceChannel_, std::to_string(number)}, [](const redisReply&) {});
+  command({"PUBLISH", fenceChannel_, std::to_string(number)}, [this](const redisReply& reply) {
+    if (reply.type == REDIS_REPLY_ERROR) fail(textOf(reply));  // it would never come back
+  });
 }
 
 void RedisSession::handleMessage(const std::string& channel, const std::string& text) {

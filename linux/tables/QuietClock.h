@@ -9,8 +9,9 @@ namespace LinuxPlatform {
 // Counts changes by the table's sequence.
 class QuietClock {
  public:
-  // A look from time to time: the table has not changed more than a few times for half a second. Once for each half.
-  bool isQuiet(std::uint64_t sequence) {
+  // A look from time to time: the table has not changed more than a few times for half a second. True once for each
+  // half.
+  bool takeQuiet(std::uint64_t sequence) {
     const auto now = std::chrono::steady_clock::now();
     const bool isBusy = !staysQuiet(sequence);
     if (!isBusy && now - since_ < quietTime) return false;

@@ -462,7 +462,7 @@ bool TableCollection::verify() {
 }
 
 void TableCollection::lookForSparseness() {
-  if (!quietClock_.isQuiet(writer_->sequence()) || isSparse_ || !writer_->isSparse()) return;
+  if (!quietClock_.takeQuiet(writer_->sequence()) || isSparse_ || !writer_->isSparse()) return;
   isSparse_ = true;
   context_->sparse.push_back(weak_from_this());
 }

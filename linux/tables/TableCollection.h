@@ -101,7 +101,7 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   // Notices that the mount's name leads to another file than the one mapped; adoptReplacement() goes over to it. A file
   // that was refused is tried again when it has changed, or when `retry` says so; so is one that broke under the
   // mapping. A writer, whose files nobody else may touch, puts its own in the place again, with the entries that are
-  // whole, and tells so.
+  // whole, and tells so; it also looks whether there is memory to give back, or a contradiction to verify.
   void checkReplacement(bool retry = false);
   void adoptReplacement();
   // The file under the name has been refused, and nothing is known to have changed since.

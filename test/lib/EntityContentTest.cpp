@@ -176,6 +176,7 @@ class Model {
         return readSome();
     }
   }
+  void checkInvariants() const { tunnels_.content.checkInvariants(); }
   void check() {
     tunnels_.carryOut();
     Fields expected;
@@ -291,6 +292,7 @@ TEST(EntityContentTest, FollowsAnyReadings) {
     Model model(seed);
     for (int i = 0; i < 200; ++i) {
       model.step();
+      model.checkInvariants();
       if (i % 4 == 0) model.check();
       if (testing::Test::HasFatalFailure()) return;
     }

@@ -478,7 +478,7 @@ TEST_F(RedisStateDbTest, ConnectionsThatAreCutCostNothingButTime) {
   settle({&peer});
   NameReactions reactions(map);
   clock->speedIs(100);  // or it waits longer and longer for a server that does not get better
-  std::string own;  // what an operator set last: once taken it is not lost with the connection
+  std::string own;      // what an operator set last: once taken it is not lost with the connection
   for (unsigned i = 0; i < 300; ++i) {
     proxy.cutAfter(1 + chance() % (i % 4 == 0 ? 200 : 60000));
     try {
