@@ -94,8 +94,8 @@ void RedisConnection::command(const std::vector<std::string>& words, Answer answ
   auto pending = std::make_unique<Pending>(Pending{*this, std::move(answer)});
   const int status = redisAsyncCommandArgv(context_, answered, pending.get(), static_cast<int>(words.size()),
                                            texts.data(), lengths.data());
-  if (status != REDIS_OK) return;  // it is being lost
-  pending.release();
+  if (status != REDIS_OK) return;        // it is being lost
+  static_cast<void>(pending.release());  // answered() takes it
   ++unanswered_;
 }
 

@@ -480,7 +480,7 @@ TEST_F(RedisStateDbTest, ConnectionsThatAreCutCostNothingButTime) {
   clock->speedIs(100);  // or it waits longer and longer for a server that does not get better
   std::string own;      // what an operator set last: once taken it is not lost with the connection
   for (unsigned i = 0; i < 300; ++i) {
-    proxy.cutAfter(1 + chance() % (i % 4 == 0 ? 200 : 60000));
+    proxy.cutAfter(1 + static_cast<std::int64_t>(chance() % (i % 4 == 0 ? 200 : 60000)));
     try {
       peer.db.fieldIs(names, "nameToId[own]", std::to_string(i + 1));
       own = std::to_string(i + 1);
