@@ -584,22 +584,21 @@ void KernelRouteSm::handleKernelRouteSync() {
   reconcile();
 }
 
-// The keys of the kernel routes that the walk visits next, as many as there is room for; how many. `at` is behind them
-// then, and the tables have been asked about them.
-std::size_t KernelRouteSm::readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at, std::span<RouteKey> keys) {
+// The kernel routes that the walk visits next. `at` is behind them then, and the tables have been asked about them.
+KernelRouteSm::KernelRouteGroup KernelRouteSm::readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at) {
   const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
   const auto& vrfs = currentKernelRouteVrfIdColl_;
   sides_.v4.readAhead.clear();
   sides_.v6.readAhead.clear();
-  std::size_t count = 0;
-  while (count < keys.size() && at != table.end()) {
+  KernelRouteGroup group;
+  while (group.count < group.keys.size() && at != table.end()) {
     const RouteKey key = at->key();
     if (!vrfs.contains(key.vrfId())) {
       const auto next = vrfs.upper_bound(key.vrfId());
       at = next == vrfs.end() ? table.end() : table.lowerBound(RouteKey(*next, IpGenPrefix()));
       continue;
     }
-    keys[count++] = key;
+    group.keys[group.count++] = key;
     if (in_.vrfIdMap->globalVrfIdToHwVrfIdHas(key.vrfId())) {
       const std::uint32_t hwVrfId = in_.vrfIdMap->globalVrfIdToHwVrfId(key.vrfId());
       if (key.prefix().isV4()) {
@@ -612,42 +611,43 @@ std::size_t KernelRouteSm::readKernelRoutes(Routing::Rib::RouteConfig::Iterator&
   }
   lookUpFacts<Ipv4Family>(sides_.v4.readAhead.all());
   lookUpFacts<Ipv6Family>(sides_.v6.readAhead.all());
-  return count;
+  return group;
 }
 
 void KernelRouteSm::handleKernelRouteProcessing() {
   trace_(9, __PRETTY_FUNCTION__);
   if (currentKernelRouteVrfIdColl_.empty()) return;
-  const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
-  const RouteKey first(*currentKernelRouteVrfIdColl_.begin(), IpGenPrefix());
-  auto at = table.lowerBound(kernelRouteBookmark_.isEmpty() ? first : kernelRouteBookmark_);
-  kernelRouteBookmark_ = RouteKey();
-  std::uint64_t handled = 0;
-  std::array<RouteKey, readAheadGroup> keys;
-  std::size_t next = 0;
-  std::size_t count = 0;
-  for (bool yield = false; !yield; yield = kernelRouteProcessingTask_.shouldYield()) {
-    if (next == count) {
-      count = readKernelRoutes(at, keys);
-      next = 0;
-    }
-    if (count == 0) break;
-    processKernelRoute(keys[next++]);
-    ++handled;
-  }
-  if (next < count) {
-    kernelRouteBookmark_ = keys[next];
-  } else if (at != table.end()) {
-    kernelRouteBookmark_ = at->key();
-  }
-  sides_.v4.readAhead.clear();
-  sides_.v6.readAhead.clear();
+  const std::uint64_t handled = walkKernelRoutes();
   if (kernelRouteBookmark_.isEmpty()) currentKernelRouteVrfIdColl_ = std::exchange(nextKernelRouteVrfIdColl_, {});
   kernelRouteProcessingTask_.report(handled, currentKernelRouteVrfIdColl_.size() + nextKernelRouteVrfIdColl_.size());
   if (!currentKernelRouteVrfIdColl_.empty()) {
     scheduleKernelRouteProcessingTask(std::max(routeProcessingInterval_, walkPause));
   }
   reconcile();
+}
+
+// From the bookmark on, for a time slice; how many. The bookmark is empty afterwards when the walk has come to its end.
+std::uint64_t KernelRouteSm::walkKernelRoutes() {
+  const Routing::Rib::RouteConfig& table = *in_.kernelRouteStatus;
+  const RouteKey first(*currentKernelRouteVrfIdColl_.begin(), IpGenPrefix());
+  auto at = table.lowerBound(kernelRouteBookmark_.isEmpty() ? first : kernelRouteBookmark_);
+  kernelRouteBookmark_ = RouteKey();
+  KernelRouteGroup group;
+  std::uint64_t handled = 0;
+  do {
+    if (group.empty()) group = readKernelRoutes(at);
+    if (group.empty()) break;
+    processKernelRoute(group.keys[group.next++]);
+    ++handled;
+  } while (!kernelRouteProcessingTask_.shouldYield());
+  if (!group.empty()) {
+    kernelRouteBookmark_ = group.keys[group.next];
+  } else if (at != table.end()) {
+    kernelRouteBookmark_ = at->key();
+  }
+  sides_.v4.readAhead.clear();
+  sides_.v6.readAhead.clear();
+  return handled;
 }
 
 void KernelRouteSm::processKernelRoute(const RouteKey& key) {

@@ -25,6 +25,9 @@
 //   - a cached prefix that waits for room is of a mapped VRF and still cached, or those that wait are to be reviewed.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -164,6 +167,14 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Table>
   using Follower = Pondra::TableFollower<Table, KernelRouteSm>;
 
+  // Of the walk through the kernel's routes: those whose turn comes next.
+  struct KernelRouteGroup {
+    std::array<RouteKey, readAheadGroup> keys;
+    std::size_t next = 0;
+    std::size_t count = 0;
+    bool empty() const { return next == count; }
+  };
+
   // What the tables say of a route that is to be decided. Its decision writes no kernel route but its own, and the id
   // map gives no two VRFs one hardware id: what has been read ahead of others stays right.
   template <class Family>
@@ -230,7 +241,8 @@ class KernelRouteSm final : public Lattis::Entity {
   template <class Family>
   void handleRouteProcessing();
   void reconcile();
-  std::size_t readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at, std::span<RouteKey> keys);
+  KernelRouteGroup readKernelRoutes(Routing::Rib::RouteConfig::Iterator& at);
+  std::uint64_t walkKernelRoutes();
   template <class Family>
   bool processNext();
   template <class Family>
