@@ -27,7 +27,7 @@ struct NexthopSet {
   std::vector<std::byte> bytes;            // of the via, as they lie in its table
   std::uint64_t underlayChange = 0;        // after which of the tunnel interfaces what follows was made; 0: not yet
   bool isVia = false;                      // the bytes are those of a via that routes can leave by
-  std::string fault;                       // why not, where there is more to say
+  std::string fault;                       // why not, where there is more to say; else empty
   std::shared_ptr<IpMixedNexthopRef> ref;  // null: not ready
   AdjId adjId;                             // a guess: what its next hops were known by last
 };

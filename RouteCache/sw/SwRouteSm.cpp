@@ -349,7 +349,11 @@ void SwRouteSm::processRoute(const RouteKey& key, bool vtep, bool init) {
     routeToProcess_.waitForVrf(key.vrfId());
     return;
   }
-  if (!isReady(facts.set)) return parkRoute(*facts.route);
+  if (facts.set != nullptr) nexthopSets_.bringUpToDate(*facts.set);
+  if (facts.set == nullptr || !facts.set->ref) {
+    traceNotReady(facts.set);
+    return parkRoute(*facts.route);
+  }
   if (!facts.set->ref->v4nh() && !facts.set->ref->v6nh()) {
     trace_(6, "v4 and v6 oper status is down, returning");
     parkRoute(*facts.route);
@@ -426,19 +430,15 @@ void SwRouteSm::parkRoute(const Route& route) {
   routeToProcessIs(route.key(), RouteQueue::vtepFlag);
 }
 
-// The route's next hops are there. False: its via is missing or not ready.
-bool SwRouteSm::isReady(NexthopSet* set) {
-  if (set != nullptr) nexthopSets_.bringUpToDate(*set);
-  if (set == nullptr || (!set->isVia && set->fault.empty())) {
-    trace_(6, "via not available, returning");
-  } else if (!set->isVia) {
+// Why there is nothing to leave by. Null: the via is not there.
+void SwRouteSm::traceNotReady(const NexthopSet* set) const {
+  if (set != nullptr && !set->fault.empty()) {
     trace_(3, "via not available, returning: ", std::string_view(set->fault));
-  } else if (!set->ref) {
-    trace_(6, "nexthop isnt ready, returning");
+  } else if (set == nullptr || !set->isVia) {
+    trace_(6, "via not available, returning");
   } else {
-    return true;
+    trace_(6, "nexthop isnt ready, returning");
   }
-  return false;
 }
 
 template <class Family>

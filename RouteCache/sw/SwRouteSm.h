@@ -282,7 +282,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
     RouteKey key;
     std::optional<Routing::Rib::Route> route;  // configured; known already where a walk has met it
     std::optional<std::uint32_t> hwVrfId;      // this and what follows: of a configured route only
-    NexthopSet* set = nullptr;                 // null: its via is not there
+    NexthopSet* set = nullptr;                 // of all routes of its via, until dropSome(); null: the via is not there
     Sides<Published> published;                // of the key's family
   };
   void readAheadOfFresh();
@@ -296,7 +296,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   // Steps of processRoute.
   void forgetRoute(const RouteKey& key);
   void parkRoute(const Routing::Rib::Route& route);
-  bool isReady(NexthopSet* set);
+  void traceNotReady(const NexthopSet* set) const;
   template <class Family>
   void decideRoute(const RouteFacts& facts, bool vtep, bool init);
   template <class Family>
