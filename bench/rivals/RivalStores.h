@@ -76,7 +76,7 @@ template <std::size_t valueSize>
 std::uint32_t told(const RawRoute<valueSize>& route) {
   std::uint32_t number = 0;
   std::memcpy(&number, route.value.data(), sizeof number);
-  return static_cast<std::uint32_t>(Platform::bigEndian(number) >> 32);
+  return Platform::bigEndian(number);
 }
 inline std::array<std::uint64_t, 2> rawKey(const RivalKey& key) {
   const LinuxPlatform::KeyWords words = LinuxPlatform::keyWords(encodedKey<RivalRoute>(key));
