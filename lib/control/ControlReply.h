@@ -21,6 +21,8 @@ class ControlReply {
   // than a moment: it is asked again after others had their turn. False: there is no more. Throws with one line when
   // the rest is impossible; what it has appended by then is sent.
   virtual bool produce(std::string& content) = 0;
+  // There is no more to produce before something else has happened. Whoever asks comes back a moment later.
+  virtual bool isWaiting() const { return false; }
 };
 
 }  // namespace LinuxPlatform

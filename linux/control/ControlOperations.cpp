@@ -1,5 +1,8 @@
 #include "linux/control/ControlOperations.h"
 
+#include <chrono>
+#include <memory>
+#include <optional>
 #include <stdexcept>
 
 #include "lib/statedb/EntityFields.h"
@@ -39,6 +42,33 @@ class FieldsReply final : public ControlReply {
 
  private:
   FieldWalk walk_;
+};
+
+// Of a change: when the database has taken it.
+class TakenReply final : public ControlReply {
+ public:
+  // Null: it has.
+  static std::unique_ptr<ControlReply> after(Lattis::StateDb& stateDb) {
+    auto reply = std::make_unique<TakenReply>();
+    stateDb.whenTaken([outcome = std::weak_ptr(reply->outcome_)](const std::string& fault) {
+      if (const auto held = outcome.lock()) *held = fault;
+    });
+    if (*reply->outcome_ == "") return nullptr;
+    return reply;
+  }
+  bool produce(std::string&) override {
+    if (*outcome_ && !(*outcome_)->empty()) throw std::runtime_error("the state database refuses it: " + **outcome_);
+    if (*outcome_) return false;
+    if (std::chrono::steady_clock::now() - begun_ < longest) return true;
+    throw std::runtime_error("the change is made here, but the state database has not taken it yet");
+  }
+  bool isWaiting() const override { return true; }
+
+ private:
+  static constexpr std::chrono::seconds longest{5};
+  using Outcome = std::optional<std::string>;  // nothing: not yet; else why it was refused, or nothing
+  const std::shared_ptr<Outcome> outcome_ = std::make_shared<Outcome>();
+  const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
 };
 
 std::optional<std::string> optionalOf(const ControlSocket::Request& request, std::string_view name) {
@@ -104,7 +134,7 @@ void addEntityOperations(ControlSocket& socket, Lattis::StateDb& stateDb) {
     const std::string field = requiredOf(request, "field");
     entityAt(stateDb, path);
     atField(path, field, [&] { stateDb.fieldIs(path, field, optionalOf(request, "value")); });
-    return nullptr;
+    return TakenReply::after(stateDb);
   });
 
   socket.opIs("del", Access::change, [&stateDb](const Request& request) -> Reply {
@@ -112,7 +142,7 @@ void addEntityOperations(ControlSocket& socket, Lattis::StateDb& stateDb) {
     const std::string field = requiredOf(request, "field");
     entityAt(stateDb, path);
     atField(path, field, [&] { stateDb.fieldDel(path, field); });
-    return nullptr;
+    return TakenReply::after(stateDb);
   });
 }
 

@@ -2,8 +2,8 @@
 //
 //   get    path, field   its fields: {"field", "value"} each, {"field"} for a child entity; no field: all of the entity
 //   get                  what there is: {"path", "type"} each
-//   set    path, field, value   no value: makes the child entity
-//   del    path, field
+//   set    path, field, value   no value: makes the child entity. Answered when the state database has taken it
+//   del    path, field          likewise
 //   tasks                the scheduler's statistics, one line for each task
 //   command  type, command, format   carries out a command of the agent's; the format of its output is "text" or "json"
 //

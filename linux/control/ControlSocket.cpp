@@ -28,6 +28,8 @@ namespace {
 constexpr std::size_t outgoingMark = 64 * 1024;
 // Seconds until newcomers are looked for again that found no place or no descriptor.
 constexpr double acceptInterval = 0.25;
+// Seconds until a reply that waits for something is looked after again.
+constexpr double waitingInterval = 0.01;
 
 std::string doneLine() {
   return "{\"done\":true}\n";
@@ -95,6 +97,7 @@ ControlSocket::ControlSocket(EventLoop& loop, const std::string& path, double cl
     : loop_(loop), path_(path), patience_(clientPatience), statistics_(std::make_shared<Statistics>("control")) {
   listenAt(path);
   acceptTask_ = loop.taskIs("controlAcceptTask", Platform::TaskPriority::urgent, [this] { acceptClients(); });
+  waitingTask_ = loop.taskIs("controlWaitingTask", Platform::TaskPriority::urgent, [this] { serveWaiting(); });
   acceptTask_->scheduleWithin(0);
 }
 
@@ -232,8 +235,18 @@ ControlSocket::Fate ControlSocket::serve(Client& client) {
   } while (!acceptTask_->shouldYield());  // the slice of this callback, whichever task is asked
   if (const Fate fate = send(client); fate != Fate::keep) return fate;
   // No new requests are read while one is being answered: their sender waits in its own memory.
-  watch(client, EPOLLOUT);
+  const bool isWaiting = client.outgoing.empty() && client.reply && client.reply->isWaiting();
+  watch(client, isWaiting ? 0U : std::uint32_t{EPOLLOUT});
+  if (isWaiting) waitingTask_->scheduleWithin(waitingInterval);
   return Fate::keep;
+}
+
+void ControlSocket::serveWaiting() {
+  std::vector<int> waiting;
+  for (const auto& [fd, client] : clients_) {
+    if (client->watched == 0) waiting.push_back(fd);
+  }
+  for (const int fd : waiting) handleClient(fd, 0);
 }
 
 ControlSocket::Fate ControlSocket::send(Client& client) {

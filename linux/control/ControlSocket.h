@@ -98,6 +98,7 @@ class ControlSocket {
   bool produce(Client& client);
   void watch(Client& client, std::uint32_t events);
   void end(int fd, Fate fate);
+  void serveWaiting();
 
   EventLoop& loop_;
   std::string path_;
@@ -108,7 +109,8 @@ class ControlSocket {
   std::map<std::string, Operation, std::less<>> operations_;
   std::map<int, std::unique_ptr<Client>> clients_;
   std::shared_ptr<Statistics> statistics_;
-  std::unique_ptr<Platform::Task> acceptTask_;  // looks again when there was no place or descriptor for a client
+  std::unique_ptr<Platform::Task> acceptTask_;   // looks again when there was no place or descriptor for a client
+  std::unique_ptr<Platform::Task> waitingTask_;  // looks again after replies that wait for something
 };
 
 }  // namespace LinuxPlatform

@@ -372,7 +372,7 @@ bool RedisMirror::writeOutputs() {
     }
     if (!changes.empty()) {
       followed.hasWritten = true;
-      write(path, changes);
+      write(path, changes, false);
     }
     if (isMore) return false;
     followed.isWriting = false;
@@ -411,21 +411,36 @@ void RedisMirror::fieldsAreDeleted(const std::string& path, const std::string& f
   carryOver({path, std::move(changes), message});
 }
 
+void RedisMirror::whenTaken(std::function<void(const std::string& fault)> call) {
+  if (unconfirmed_.empty()) return call({});
+  unconfirmed_.back().waiting.push_back(std::move(call));
+}
+
 void RedisMirror::carryOver(Change change) {
-  if (!follows(change.path)) return;
-  write(change.path, change.fields);
+  if (!follows(change.path)) {
+    for (const auto& call : change.waiting) call({});
+    return;
+  }
+  write(change.path, change.fields, true);
   ++ownMessages_[change.message];
   ++unansweredWrites_;
   session_.command({"PUBLISH", session_.settings().switchName, change.message},
-                   [this, path = change.path](const redisReply& reply) {
-                     unconfirmed_.pop_front();
-                     handleWritten(path, reply);
-                   });
+                   [this](const redisReply& reply) { changeIsAnswered(reply); });
+  change.fault.clear();
   unconfirmed_.push_back(std::move(change));
   session_.flush();
 }
 
-void RedisMirror::write(const std::string& path, const EntityContent::Changes& changes) {
+// The oldest, and this is the last answer to it.
+void RedisMirror::changeIsAnswered(const redisReply& reply) {
+  const Change change = std::move(unconfirmed_.front());
+  unconfirmed_.pop_front();
+  handleWritten(change.path, reply);
+  const std::string fault = reply.type == REDIS_REPLY_ERROR ? textOf(reply) : change.fault;
+  for (const auto& call : change.waiting) call(fault);
+}
+
+void RedisMirror::write(const std::string& path, const EntityContent::Changes& changes, bool isOperators) {
   EntityContent& content = followed_.find(path)->second.content;
   std::vector<std::string> set{"HSET", keyOf(path)};
   std::vector<std::string> del{"HDEL", keyOf(path)};
@@ -435,13 +450,16 @@ void RedisMirror::write(const std::string& path, const EntityContent::Changes& c
     if (value) words.push_back(*value);
     content.written(field, value);
   }
-  if (set.size() > 2) command(path, set);
-  if (del.size() > 2) command(path, del);
+  if (set.size() > 2) command(path, set, isOperators);
+  if (del.size() > 2) command(path, del, isOperators);
 }
 
-void RedisMirror::command(const std::string& path, const std::vector<std::string>& words) {
+void RedisMirror::command(const std::string& path, const std::vector<std::string>& words, bool isOperators) {
   ++unansweredWrites_;
-  session_.command(words, [this, path](const redisReply& reply) { handleWritten(path, reply); });
+  session_.command(words, [this, path, isOperators](const redisReply& reply) {
+    if (isOperators && reply.type == REDIS_REPLY_ERROR) unconfirmed_.front().fault = textOf(reply);
+    handleWritten(path, reply);
+  });
 }
 
 void RedisMirror::handleWritten(const std::string& path, const redisReply& reply) {

@@ -59,6 +59,8 @@ class RedisMirror {
   void checkWritable() const;
   // After the entity has been changed so: the database has it as soon as it can be reached, and others are told.
   void fieldIsWritten(const std::string& path, const std::string& field);
+  // Calls back when the server has answered all of these until now; perhaps at once. `fault`: why the last was refused.
+  void whenTaken(std::function<void(const std::string& fault)> call);
   // Why the path cannot be read; empty: it can, or is not followed.
   std::string faultOf(std::string_view path) const;
   // What belongs to the field, to be asked before it goes from the entity; and after it has gone.
@@ -105,6 +107,8 @@ class RedisMirror {
     std::string path;
     EntityContent::Changes fields;
     std::string message;
+    std::string fault{};  // why the server has refused some of it
+    std::vector<std::function<void(const std::string& fault)>> waiting{};
   };
   struct Reading {
     std::string path;
@@ -140,8 +144,9 @@ class RedisMirror {
   void compareOutputs(Followed& followed);
   bool writeOutputs();
   void carryOver(Change change);
-  void write(const std::string& path, const EntityContent::Changes& changes);
-  void command(const std::string& path, const std::vector<std::string>& words);
+  void write(const std::string& path, const EntityContent::Changes& changes, bool isOperators);
+  void command(const std::string& path, const std::vector<std::string>& words, bool isOperators = false);
+  void changeIsAnswered(const redisReply& reply);
   void handleWritten(const std::string& path, const redisReply& reply);
   void publish(const std::string& text);
   void tellRefusal(const std::string& path, const std::string& line);

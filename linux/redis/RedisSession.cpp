@@ -43,10 +43,9 @@ std::vector<std::string> numericAddresses(const std::string& host) {
   return addresses;
 }
 
-// Of the server as a whole, whatever it was asked.
+// Of the server as a whole, whatever it was asked. NOPERM is not: others may be permitted.
 bool speaksOfServer(std::string_view error) {
-  constexpr std::string_view kinds[] = {"LOADING",    "NOAUTH",      "WRONGPASS", "NOPERM",
-                                        "MASTERDOWN", "CLUSTERDOWN", "BUSY"};
+  constexpr std::string_view kinds[] = {"LOADING", "NOAUTH", "WRONGPASS", "MASTERDOWN", "CLUSTERDOWN", "BUSY"};
   return std::any_of(std::begin(kinds), std::end(kinds), [error](auto kind) { return error.starts_with(kind); });
 }
 

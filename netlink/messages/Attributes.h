@@ -66,8 +66,8 @@ class Attributes {
   Bytes bytes_;
 };
 
-// The message that `rest`, aligned to four bytes, begins with, which goes from there with its padding. Null: there is none that is whole; no
-// byte is taken then.
+// The message that `rest`, aligned to four bytes, begins with, which goes from there with its padding. Null: there is
+// none that is whole; no byte is taken then.
 const nlmsghdr* nextMessage(Bytes& rest);
 
 // What stands in a message before its attributes: an rtmsg, a ndmsg, ... Null: the message is too short. And the

@@ -56,8 +56,8 @@ class MessageBuffer {
   void append(const void* data, std::size_t size);  // and padding to four bytes
 
   std::vector<std::byte> bytes_;
-  std::size_t messages_ = 0;         // that have ended
-  std::size_t messageAt_ = 0;        // the one being built
+  std::size_t messages_ = 0;          // that have ended
+  std::size_t messageAt_ = 0;         // the one being built
   std::vector<std::size_t> nestsAt_;  // being built
 };
 

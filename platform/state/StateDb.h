@@ -107,6 +107,10 @@ class StateDb {
   // then.
   virtual void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) = 0;
   virtual void fieldDel(std::string_view path, std::string_view field) = 0;
+  // Calls back, perhaps at once, when the database has taken the changes by text that were made before, so that the
+  // death of this process does not lose them; with `fault`, one line, if it has refused the last of them. While a
+  // database is out of reach it takes nothing.
+  virtual void whenTaken(std::function<void(const std::string& fault)> call) { call({}); }
 };
 
 }  // namespace Lattis

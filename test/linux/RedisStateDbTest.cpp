@@ -525,6 +525,21 @@ TEST_F(RedisStateDbTest, AServerThatRefusesIsLeftAlone) {
   EXPECT_THAT(stranger.db.mirror().session().fault() + stranger.told.front(), HasSubstr("NOPERM"));
   EXPECT_LE(stranger.told.size(), 3U);
 
+  // And one who may not write: the change that was made here is undone, and who made it is told.
+  server.command({"ACL", "SETUSER", "reader", "on", ">secret", "%R~*", "&*", "+@all"});
+  Peer reader(types, loop, server.address(), {"reader", "secret"});
+  const auto map = reader.nameMap();
+  ASSERT_TRUE(until([&] { return reader.db.mirror().isSettled(); }));
+  std::optional<std::string> fault;
+  reader.db.fieldIs("vrf/vrfNameStatus", "nameToId[new]", "9");
+  reader.db.whenTaken([&](const std::string& why) { fault = why; });
+  EXPECT_EQ(fault, std::nullopt) << "before the server has answered";
+  EXPECT_TRUE(until([&] { return fault && !map->nameToId("new"); }));
+  EXPECT_THAT(fault.value_or(""), HasSubstr("NOPERM"));
+  fault.reset();
+  reader.db.whenTaken([&](const std::string& why) { fault = why; });
+  EXPECT_EQ(fault, "") << "nothing is on its way";
+
   server.ask("CONFIG SET requirepass secret");
   Peer wrong(types, loop, server.address(), {"", "no"});
   Peer right(types, loop, server.address(), {"", "secret"});

@@ -95,7 +95,11 @@ TEST_F(StateDbProcessTest, WhateverHappensToTheServerRoutesStayWhoseStateDoes) {
   do {
     EXPECT_EQ(Command("get vrf/vrfNameStatus nameToId[red]" + inRunDir).wait().out, "2\n");
   } while (std::chrono::steady_clock::now() - stopped < std::chrono::seconds(3));
+  Command waiting("set vrf/vrfNameStatus nameToId[kept] 77" + inRunDir);
+  EXPECT_TRUE(
+      eventually([&] { return Command("get vrf/vrfNameStatus nameToId[kept]" + inRunDir).wait().out == "77\n"; }));
   server.signal(SIGCONT);
+  EXPECT_EQ(waiting.wait().exitCode, 0) << "answered when the server has it";
   EXPECT_TRUE(isFollowed());
 
   server.kill();
@@ -145,7 +149,7 @@ TEST_F(StateDbProcessTest, WhatWasSetJustBeforeTheAgentWasKilledIsThere) {
         0);
     EXPECT_EQ(Command("set vrf/vrfNameStatus nameToId[v" + id + "] " + id + inRunDir).wait().exitCode, 0);
     EXPECT_EQ(agent->stop(SIGKILL).exitCode, -SIGKILL);
-    EXPECT_TRUE(eventually([&] { return server.hash("leaf|vrf/vrfNameStatus")["nameToId[v" + id + "]"] == id; }));
+    EXPECT_EQ(server.hash("leaf|vrf/vrfNameStatus")["nameToId[v" + id + "]"], id) << "it was answered";
     startAgent();
     routes += 100;
     EXPECT_TRUE(eventually([&] { return published().size() == routes; })) << id;
