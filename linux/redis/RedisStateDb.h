@@ -42,7 +42,7 @@ class RedisStateDb final : public Lattis::StateDb {
   std::vector<std::string> paths() const override { return db_.paths(); }
   void fieldIs(std::string_view path, std::string_view field, const std::optional<std::string>& value) override;
   void fieldDel(std::string_view path, std::string_view field) override;
-  void whenTaken(std::function<void(const std::string& fault)> call) override { mirror_.whenTaken(std::move(call)); }
+  void whenTaken(const std::function<void(const std::string& fault)>& call) override { mirror_.whenTaken(call); }
 
   // How it stands with the server, for operators; not to be used after the database.
   std::shared_ptr<Lattis::Entity> statistics() const;

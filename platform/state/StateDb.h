@@ -110,7 +110,7 @@ class StateDb {
   // Calls back, perhaps at once, when the database has taken the changes by text that were made before, so that the
   // death of this process does not lose them; with `fault`, one line, if it has refused the last of them. While a
   // database is out of reach it takes nothing.
-  virtual void whenTaken(std::function<void(const std::string& fault)> call) { call({}); }
+  virtual void whenTaken(const std::function<void(const std::string& fault)>& call) { call({}); }
 };
 
 }  // namespace Lattis
