@@ -26,11 +26,10 @@ constexpr const char* makesNoSense = "its answer makes no sense";
 
 class Connection {
  public:
-  explicit Connection(const std::string& runDirectory)
-      : runDirectory_(runDirectory), fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  Connection(const std::string& path, std::string who)
+      : who_(std::move(who)), fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = LinuxPlatform::RunDirectory::controlPath(runDirectory);
     if (path.size() >= sizeof address.sun_path) fail("its path is too long for a socket");
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const timeval timeout{answerSeconds, 0};
@@ -77,9 +76,7 @@ class Connection {
     }
   }
 
-  [[noreturn]] void fail(const std::string& reason) const {
-    throw std::runtime_error("the agent in " + runDirectory_ + ": " + reason);
-  }
+  [[noreturn]] void fail(const std::string& reason) const { throw std::runtime_error(who_ + ": " + reason); }
 
  private:
   [[noreturn]] void failed() const {
@@ -99,11 +96,15 @@ class Connection {
     received_.append(buffer.data(), static_cast<std::size_t>(count));
   }
 
-  std::string runDirectory_;
+  std::string who_;
   LinuxPlatform::FileDescriptor fd_;
   std::string received_;
   std::size_t start_ = 0;  // of the first byte that has not been handed out
 };
+
+Connection agentIn(const std::string& runDirectory) {
+  return {LinuxPlatform::RunDirectory::controlPath(runDirectory), "the agent in " + runDirectory};
+}
 
 // What cannot be sent as it is must not become something else on its way.
 void checkUtf8(const Json& request) {
@@ -130,19 +131,26 @@ void ask(Connection& connection, const Json& request, Content&& content) {
 
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
   checkUtf8(request);
-  Connection connection(runDirectory);
+  Connection connection = agentIn(runDirectory);
   ask(connection, request, content);
 }
 
 void askAgentForBytes(const std::string& runDirectory, const Json& request,
                       const std::function<void(std::string_view)>& content) {
   checkUtf8(request);
-  Connection connection(runDirectory);
+  Connection connection = agentIn(runDirectory);
   ask(connection, request, [&](const Json& line) {
     const auto count = line.find("bytes");
     if (count == line.end() || !count->is_number_unsigned()) connection.fail(makesNoSense);
     connection.bytes(count->get<std::uint64_t>(), content);
   });
+}
+
+void askProcess(const std::string& socketPath, const std::string& who, const Json& request,
+                const std::function<void(const Json&)>& content) {
+  checkUtf8(request);
+  Connection connection(socketPath, who);
+  ask(connection, request, content);
 }
 
 }  // namespace Tools

@@ -19,4 +19,9 @@ void askAgent(const std::string& runDirectory, const Json& request, const std::f
 void askAgentForBytes(const std::string& runDirectory, const Json& request,
                       const std::function<void(std::string_view)>& content);
 
+// The same of another process that answers on a control socket of its own, at this path; `who` is what complaints call
+// it.
+void askProcess(const std::string& socketPath, const std::string& who, const Json& request,
+                const std::function<void(const Json&)>& content);
+
 }  // namespace Tools

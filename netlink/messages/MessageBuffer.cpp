@@ -32,6 +32,15 @@ void MessageBuffer::messageEnds() {
   ++messages_;
 }
 
+void MessageBuffer::answerIsWanted() {
+  PLATFORM_ASSERT(messages_ > 0);
+  std::uint16_t flags = 0;
+  std::byte* at = bytes_.data() + messageAt_ + offsetof(nlmsghdr, nlmsg_flags);
+  std::memcpy(&flags, at, sizeof flags);
+  flags |= NLM_F_ACK;
+  std::memcpy(at, &flags, sizeof flags);
+}
+
 void MessageBuffer::add(std::uint16_t type, Bytes payload) {
   PLATFORM_ASSERT(payload.size() <= UINT16_MAX - sizeof(nlattr));
   const nlattr header{static_cast<std::uint16_t>(sizeof header + payload.size()), type};

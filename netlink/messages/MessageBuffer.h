@@ -22,6 +22,8 @@ class MessageBuffer {
     append(&header, sizeof header);
   }
   void messageEnds();
+  // The last message that has ended asks for an answer also when all is well.
+  void answerIsWanted();
 
   void add(std::uint16_t type, Bytes payload);
   // In host order.

@@ -69,7 +69,13 @@ Socket::Receipt Socket::receive(Bytes& messages) {
 
 Socket::Outcome Socket::exchange(const MessageBuffer& batch, std::uint32_t firstSequence) {
   Outcome outcome;
-  send(batch);
+  try {
+    send(batch);
+  } catch (const std::system_error& error) {
+    if (error.code().value() != ENOBUFS && error.code().value() != ENOMEM) throw;
+    outcome.isWhole = false;  // for want of memory
+    return outcome;
+  }
   for (bool isLast = false; !isLast;) {
     Bytes rest;
     const Receipt receipt = receive(rest);

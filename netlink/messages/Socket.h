@@ -29,8 +29,7 @@ class Socket {
     bool isWhole = true;  // false: answers were lost, so what was carried out is not known
   };
   // Sends a batch, whose messages are numbered from `firstSequence` on without a gap, and gathers the answers: the last
-  // one has to ask for an answer (NLM_F_ACK); from the others refusals alone are heard. Throws std::system_error when
-  // the kernel does not take the batch.
+  // one has to want its answer (answerIsWanted()); from the others refusals alone are heard. Throws std::system_error.
   Outcome exchange(const MessageBuffer& batch, std::uint32_t firstSequence);
 
   // Sends what is answered by a dump, or not at all. Throws std::system_error.
