@@ -1,0 +1,241 @@
+// `routecache kernel`: mirrors published routes into this machine's kernel, until SIGTERM. What it has put there stays.
+#include <sys/file.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "host/Output.h"
+#include "host/TableDelivery.h"
+#include "host/TableTypes.h"
+#include "linux/control/ControlClient.h"
+#include "linux/control/ControlOperations.h"
+#include "linux/control/ControlSocket.h"
+#include "linux/files/OwnFiles.h"
+#include "linux/files/ProcessLimits.h"
+#include "linux/loop/EventLoop.h"
+#include "linux/tables/SharedTableService.h"
+#include "netlink/kernel/KernelFlush.h"
+#include "netlink/kernel/KernelMirror.h"
+#include "platform/values/Paths.h"
+#include "platform/values/Printable.h"
+#include "tools/commandline/Commands.h"
+#include "tools/commandline/Common.h"
+#include "tools/commandline/OptionChecks.h"
+
+namespace Tools {
+
+namespace {
+
+using LinuxPlatform::controlLine;
+using LinuxPlatform::ControlReply;
+using LinuxPlatform::ControlSocket;
+using Netlink::KernelMirror;
+using Netlink::MirrorSettings;
+using Platform::BadText;
+
+constexpr const char* statusOp = "kernelStatus";
+constexpr std::size_t refusedShown = 20;
+
+struct KernelOptions {
+  std::string runDir;
+  std::string published = "sfe";
+  std::optional<std::uint32_t> tableBase;
+  std::vector<std::string> vrfIds;
+  std::vector<std::string> vnis;
+  MirrorSettings mirror;
+  bool status = false;
+  bool flush = false;
+  bool json = false;
+};
+
+std::string controlPath(const std::string& runDir) {
+  return runDir + "/kernel.control";
+}
+
+// NUMBER=NUMBER of an option, both in their range.
+std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std::string& text, std::uint32_t mostFirst,
+                                                   std::uint32_t mostSecond) {
+  const auto fail = [&] {
+    throw BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " +
+                  std::to_string(mostFirst) + ", =, 0 to " + std::to_string(mostSecond));
+  };
+  const auto sign = text.find('=');
+  if (sign == std::string::npos) fail();
+  const auto first = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(0, sign));
+  const auto second = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(sign + 1));
+  if (!first || !second || *first > mostFirst || *second > mostSecond) fail();
+  return {*first, *second};
+}
+
+std::uint32_t checkedTable(const char* option, std::uint32_t table) {
+  if (!MirrorSettings::isUsable(table)) {
+    throw BadText(std::string(option) + ": the kernel's table " + std::to_string(table) + " is not for routes");
+  }
+  return table;
+}
+
+MirrorSettings settingsOf(const KernelOptions& options) {
+  MirrorSettings settings = options.mirror;
+  settings.tableBase = options.tableBase;
+  for (const auto& text : options.vrfIds) {
+    const auto [hwVrfId, table] = numberPair("--vrf-id", text, UINT32_MAX, UINT32_MAX);
+    for (const auto& other : settings.tables) {
+      if (other.second == table && other.first != hwVrfId) throw BadText("--vrf-id: two VRFs in one table");
+    }
+    if (!settings.tables.emplace(hwVrfId, checkedTable("--vrf-id", table)).second) {
+      throw BadText("--vrf-id: VRF " + std::to_string(hwVrfId) + " twice");
+    }
+  }
+  if (!settings.tableBase && settings.tables.empty()) throw BadText("--table-base or --vrf-id is wanted");
+  for (const auto& text : options.vnis) {
+    const auto [vlan, vni] = numberPair("--vni", text, UINT16_MAX, Vxlan::Vni::max);
+    if (!settings.vnis.emplace(static_cast<Bridging::ExtendedVlanId>(vlan), vni).second) {
+      throw BadText("--vni: VLAN " + std::to_string(vlan) + " twice");
+    }
+  }
+  settings.routePath = options.published == "hw" ? Paths::hwRoutes : Paths::sfeRoutes;
+  settings.route6Path = Paths::hw6Routes;  // the only one of this family
+  return settings;
+}
+
+// --- The mirror ------------------------------------------------------------------------------------------------------
+
+class StatusReply final : public ControlReply {
+ public:
+  explicit StatusReply(const KernelMirror& mirror) {
+    for (const auto& [name, value] : mirror.figures()) {
+      lines_ += controlLine({{"name", name}, {"value", std::to_string(value)}});
+    }
+    for (const auto& refused : mirror.refused(refusedShown)) {
+      lines_ += controlLine({{"route", refused.route}, {"error", std::generic_category().message(refused.error)}});
+    }
+  }
+  bool produce(std::string& lines) override {
+    lines += lines_;
+    return false;
+  }
+
+ private:
+  std::string lines_;
+};
+
+// One of these in a run directory: two would undo each other's work.
+LinuxPlatform::FileDescriptor lockIn(const std::string& runDir) {
+  auto file = LinuxPlatform::openOrCreate(runDir + "/kernel.lock", LinuxPlatform::lockMode);
+  if (!file.fd) throw std::runtime_error(file.fault);
+  if (flock(file.fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    throw std::runtime_error(runDir + ": another process mirrors these tables into the kernel");
+  }
+  return std::move(file.fd);
+}
+
+void mirror(const KernelOptions& options) {
+  const MirrorSettings settings = settingsOf(options);
+  LinuxPlatform::raiseDescriptorLimit();
+  LinuxPlatform::EventLoop loop;
+  const Platform::TableTypes types = allTableTypes();
+  std::optional<TableDelivery> delivery;
+  LinuxPlatform::SharedTableService tables(options.runDir, types, [&] {
+    if (delivery) delivery->wanted();
+  });
+  delivery.emplace(loop, tables);
+  const auto lock = lockIn(options.runDir);
+  KernelMirror kernelMirror(tables, loop, settings);
+  ControlSocket control(loop, controlPath(options.runDir));
+  control.opIs(statusOp, ControlSocket::Access::ask,
+               [&](const auto&) { return std::make_unique<StatusReply>(kernelMirror); });
+  LinuxPlatform::addTaskOperation(control, loop);
+  tell(false, {}, "ready: " + settings.routePath + " of " + options.runDir + " goes to the kernel");
+  flushOutput();
+  loop.stopOnSignals();
+  loop.run();
+}
+
+void showStatus(const KernelOptions& options) {
+  Json status = Json::object();
+  Json refused = Json::array();
+  askProcess(controlPath(options.runDir), "the mirror of " + options.runDir, {{"op", statusOp}}, [&](const Json& line) {
+    if (line.contains("name")) {
+      status[line.value("name", "")] = Platform::fromText<std::uint64_t>(line.value("value", "0"));
+    } else {
+      refused.push_back(line);
+    }
+  });
+  if (options.json) {
+    status["refusedRoutes"] = refused;
+    std::printf("%s\n", status.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
+    return;
+  }
+  for (const auto& [name, value] : status.items()) {
+    std::printf("%-16s %12llu\n", Platform::printable(name).c_str(),
+                static_cast<unsigned long long>(value.get<std::uint64_t>()));
+  }
+  for (const Json& route : refused) {
+    std::printf("refused          %s: %s\n", Platform::printable(route.value("route", "")).c_str(),
+                Platform::printable(route.value("error", "")).c_str());
+  }
+}
+
+void flush(const KernelOptions& options) {
+  const auto lock = lockIn(options.runDir);
+  const auto flushed = Netlink::flushKernel();
+  tell(options.json,
+       {{"routes", flushed.routes}, {"nexthops", flushed.nexthops}, {"neighbours", flushed.neighbours}},
+       "removed " + counted(flushed.routes, "route") + ", " + counted(flushed.nexthops, "next hop") + ", " +
+           counted(flushed.neighbours, "neighbour"));
+}
+
+}  // namespace
+
+void addKernelCommand(CLI::App& app, ToolContext&) {
+  auto options = std::make_shared<KernelOptions>();
+  CLI::App* command = app.add_subcommand("kernel", "Mirror published routes into this machine's kernel until SIGTERM");
+  command->footer("Example: routecache kernel --table-base 1000 --vni 10=10010 --device vxlan0 --run-dir /run/routecache");
+  addRunDirOption(*command, options->runDir);
+  command->add_option("--table", options->published, "Which IPv4 routes: what software forwards, or what hardware does")
+      ->check(CLI::IsMember({"sfe", "hw"}))
+      ->capture_default_str();
+  command
+      ->add_option("--table-base", options->tableBase,
+                   "The kernel's table of a VRF is this number and its hardware id added up")
+      ->check(wholeNumber(0, UINT32_MAX))
+      ->type_name("NUMBER");
+  command->add_option("--vrf-id", options->vrfIds, "The kernel's table of the VRF with this hardware id")
+      ->type_name("ID=TABLE")
+      ->take_all();
+  command->add_option("--vni", options->vnis, "The VNI that routes over this VLAN are sent with")
+      ->type_name("VLAN=VNI")
+      ->take_all();
+  command
+      ->add_option("--device", options->mirror.device,
+                   "VXLAN device (external mode) of all routes (default: the one called as the tunnel interface)")
+      ->type_name("NAME");
+  command->add_option("--metric", options->mirror.metric, "Metric of the routes")
+      ->check(wholeNumber(1, UINT32_MAX))
+      ->capture_default_str();
+  command
+      ->add_option("--compare-interval", options->mirror.compareInterval,
+                   "The kernel is compared with the tables so often, also without a cause")
+      ->type_name("SECONDS")
+      ->check(realNumber(leastSeconds, mostSeconds))
+      ->capture_default_str();
+  CLI::Option* status = command->add_flag("--status", options->status, "Show how far a running mirror is");
+  CLI::Option* flushing =
+      command->add_flag("--flush", options->flush, "Remove what a mirror has put into the kernel, and end");
+  flushing->excludes(status);
+  command->add_flag("--json", options->json, "Print JSON, with --status or --flush");
+  command->callback([options] {
+    if (options->status) return showStatus(*options);
+    if (options->flush) return flush(*options);
+    mirror(*options);
+  });
+}
+
+}  // namespace Tools
