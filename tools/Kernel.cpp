@@ -1,4 +1,5 @@
 // `routecache kernel`: mirrors published routes into this machine's kernel, until SIGTERM. What it has put there stays.
+#include <net/if.h>
 #include <sys/file.h>
 
 #include <CLI/CLI.hpp>
@@ -72,6 +73,12 @@ std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std
   const auto second = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(sign + 1));
   if (!first || !second || *first > mostFirst || *second > mostSecond) fail();
   return {*first, *second};
+}
+
+// What a link can be called.
+std::string isDeviceName(const std::string& name) {
+  const bool fits = !name.empty() && name.size() < IFNAMSIZ && name.find_first_of("/ \t\n") == std::string::npos;
+  return fits ? "" : "'" + Platform::printable(name) + "' is no name of a device";
 }
 
 std::uint32_t checkedTable(const char* option, std::uint32_t table) {
@@ -186,8 +193,7 @@ void showStatus(const KernelOptions& options) {
 void flush(const KernelOptions& options) {
   const auto lock = lockIn(options.runDir);
   const auto flushed = Netlink::flushKernel();
-  tell(options.json,
-       {{"routes", flushed.routes}, {"nexthops", flushed.nexthops}, {"neighbours", flushed.neighbours}},
+  tell(options.json, {{"routes", flushed.routes}, {"nexthops", flushed.nexthops}, {"neighbours", flushed.neighbours}},
        "removed " + counted(flushed.routes, "route") + ", " + counted(flushed.nexthops, "next hop") + ", " +
            counted(flushed.neighbours, "neighbour"));
 }
@@ -197,7 +203,8 @@ void flush(const KernelOptions& options) {
 void addKernelCommand(CLI::App& app, ToolContext&) {
   auto options = std::make_shared<KernelOptions>();
   CLI::App* command = app.add_subcommand("kernel", "Mirror published routes into this machine's kernel until SIGTERM");
-  command->footer("Example: routecache kernel --table-base 1000 --vni 10=10010 --device vxlan0 --run-dir /run/routecache");
+  command->footer(
+      "Example: routecache kernel --table-base 1000 --vni 10=10010 --device vxlan0 --run-dir /run/routecache");
   addRunDirOption(*command, options->runDir);
   command->add_option("--table", options->published, "Which IPv4 routes: what software forwards, or what hardware does")
       ->check(CLI::IsMember({"sfe", "hw"}))
@@ -216,6 +223,7 @@ void addKernelCommand(CLI::App& app, ToolContext&) {
   command
       ->add_option("--device", options->mirror.device,
                    "VXLAN device (external mode) of all routes (default: the one called as the tunnel interface)")
+      ->check(isDeviceName)
       ->type_name("NAME");
   command->add_option("--metric", options->mirror.metric, "Metric of the routes")
       ->check(wholeNumber(1, UINT32_MAX))
@@ -232,6 +240,7 @@ void addKernelCommand(CLI::App& app, ToolContext&) {
   flushing->excludes(status);
   command->add_flag("--json", options->json, "Print JSON, with --status or --flush");
   command->callback([options] {
+    if (options->json && !options->status && !options->flush) throw BadText("--json goes with --status or --flush");
     if (options->status) return showStatus(*options);
     if (options->flush) return flush(*options);
     mirror(*options);

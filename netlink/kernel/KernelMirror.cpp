@@ -365,7 +365,8 @@ bool KernelMirror::removeStrays() {
 // --- For operators ---------------------------------------------------------------------------------------------------
 
 bool KernelMirror::isIdle() const {
-  return step_ == Step::idle && !comparisonOwed_ && adjacencyQueue_.empty() && routes4_->queued() == 0 && routes6_->queued() == 0;
+  return step_ == Step::idle && !comparisonOwed_ && adjacencyQueue_.empty() && routes4_->queued() == 0 &&
+         routes6_->queued() == 0;
 }
 
 std::vector<std::pair<std::string, std::uint64_t>> KernelMirror::figures() const {

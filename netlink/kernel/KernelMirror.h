@@ -60,7 +60,20 @@ class KernelMirror final : private BatchOutcome {
   void checkInvariants() const { nexthops_.checkInvariants(); }
 
  private:
-  enum class Step : std::uint8_t { idle, links, neighbours, nexthops, routes4, routes6, adjacencies, groups, settling, walk4, walk6, strays };
+  enum class Step : std::uint8_t {
+    idle,
+    links,
+    neighbours,
+    nexthops,
+    routes4,
+    routes6,
+    adjacencies,
+    groups,
+    settling,
+    walk4,
+    walk6,
+    strays
+  };
 
   void handleRefused(const Subject& subject, int error) override;
   void handleDone(const Subject& subject) override;

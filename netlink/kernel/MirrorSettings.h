@@ -15,7 +15,8 @@ struct MirrorSettings {
   std::map<std::uint32_t, std::uint32_t> tables;
   std::optional<std::uint32_t> tableBase;
   std::map<Bridging::ExtendedVlanId, std::uint32_t> vnis;
-  std::string device;  // VXLAN device of all next hops; empty: the one that is called as the next hop's tunnel interface
+  std::string
+      device;  // VXLAN device of all next hops; empty: the one that is called as the next hop's tunnel interface
   std::uint32_t metric = 20;
   double compareInterval = 300;  // seconds
   std::string routePath;         // of the IPv4 routes
@@ -33,7 +34,8 @@ struct MirrorSettings {
     for (const auto& [hwVrfId, named] : tables) {
       if (named == table) return hwVrfId;
     }
-    if (!tableBase || table < *tableBase || tables.contains(table - *tableBase) || !isUsable(table)) return std::nullopt;
+    if (!tableBase || table < *tableBase || tables.contains(table - *tableBase) || !isUsable(table))
+      return std::nullopt;
     return table - *tableBase;
   }
   // 0 is no table, and 255 the kernel's own, of this machine's addresses.

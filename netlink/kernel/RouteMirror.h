@@ -55,7 +55,7 @@ class RouteMirror {
   std::size_t size() const { return sent_.size(); }  // routes of the kernel
   std::size_t queued() const { return queue_.size(); }
   const Refusals<Key>& refusals() const { return refusals_; }
-  std::size_t waiting() const;    // for their adjacency
+  std::size_t waiting() const;                               // for their adjacency
   std::size_t unmapped() const { return unmapped_.size(); }  // routes of VRFs without a table
   std::size_t unreconciled() const { return absent_.size(); }
 
@@ -86,7 +86,7 @@ class RouteMirror {
   static constexpr std::size_t retriesAtOnce = 1024;
   struct Sent {
     Key key;
-    RouteCache::AdjId adjId;   // number 0: it leads elsewhere
+    RouteCache::AdjId adjId;  // number 0: it leads elsewhere
     std::uint32_t epoch = 0;  // in which the kernel was last known to have it
   };
   struct KeyOf {
@@ -132,7 +132,7 @@ class RouteMirror {
   RouteCache::FlatSet<Key> queued_;
   RouteCache::FlatTable<Sent, Key, KeyOf> sent_;
   std::unordered_map<std::uint32_t, RouteCache::FlatSet<Key>> waiting_;  // by the adjacency's id
-  RouteCache::FlatSet<Key> absent_;    // not published, but perhaps only not yet again
+  RouteCache::FlatSet<Key> absent_;  // not published, but perhaps only not yet again
   RouteCache::FlatSet<Key> unmapped_;
   Refusals<Key> refusals_;
   std::uint32_t epoch_ = 0;

@@ -37,7 +37,9 @@ constexpr Bridging::ExtendedVlanId vlan = 10;
 class Mirror {
  public:
   Mirror(const std::string& runDir, const MirrorSettings& settings)
-      : tables_(runDir, types_, [this] { if (delivery_) delivery_->wanted(); }) {
+      : tables_(runDir, types_, [this] {
+          if (delivery_) delivery_->wanted();
+        }) {
     delivery_.emplace(loop_, tables_);
     mirror_.emplace(tables_, loop_, settings);
   }
@@ -175,7 +177,8 @@ TEST_F(KernelMirrorTest, WhatIsPublishedIsForwardedAndARestartChangesNothing) {
   EXPECT_THAT(kernel("1002"), HasSubstr("default nhid 1073741952"));
   EXPECT_THAT(kernel("1002", "-6 "), HasSubstr("2001:db8::/48 nhid 1073741952 proto 140 metric 20"));
   EXPECT_THAT(nexthops(), HasSubstr("encap ip id 10010 src 0.0.0.0 dst 10.255.0.2"));
-  EXPECT_THAT(OwnNetwork::ipOutput("-6 neigh show dev vx"), HasSubstr("fe80::ff:fe00:2 lladdr 02:00:00:00:00:02 PERMANENT"));
+  EXPECT_THAT(OwnNetwork::ipOutput("-6 neigh show dev vx"),
+              HasSubstr("fe80::ff:fe00:2 lladdr 02:00:00:00:00:02 PERMANENT"));
 
   startMirror();
   EXPECT_EQ((*mirror)->messagesSent(), 0U);
@@ -196,7 +199,8 @@ TEST_F(KernelMirrorTest, ChangesTakeAsFewMessagesAsTheyCan) {
   EXPECT_EQ(hops({hop(0x0aff0001), hop(0x0aff0003)}), 1U) << "another VTEP";
   EXPECT_EQ(hops({hop(0x0aff0001), hop(0x0aff0003, mac2)}), 2U) << "another router MAC, with its neighbour";
   EXPECT_EQ(hops({hop(0x0aff0001), hop(0x0aff0003, mac2, false)}), 1U) << "one does not forward";
-  EXPECT_EQ(hops({hop(0x0aff0001, mac1, false), hop(0x0aff0003, mac2, false)}), 2U) << "the object that leads nowhere, too";
+  EXPECT_EQ(hops({hop(0x0aff0001, mac1, false), hop(0x0aff0003, mac2, false)}), 2U)
+      << "the object that leads nowhere, too";
   EXPECT_EQ(linesOf(kernel("1001")), 3000U) << "routes stay";
   EXPECT_EQ(hops({hop(0x0aff0001)}), 3U) << "the group, and one hop and its neighbour less";
   EXPECT_EQ(hops({hop(0x0aff0001)}), 0U);
@@ -355,8 +359,8 @@ TEST_F(KernelMirrorTest, ComparisonHealsWhatHasDiverged) {
     settle();
     EXPECT_EQ(messagesFor([&] { (*mirror)->comparisonWanted(); }), 0U);
     for (const auto& route : *routes) {
-      const std::string line = Platform::toText(route.key().prefix()) + " nhid " +
-                               std::to_string(Netlink::nexthopId(route.adjId())) + " ";
+      const std::string line =
+          Platform::toText(route.key().prefix()) + " nhid " + std::to_string(Netlink::nexthopId(route.adjId())) + " ";
       EXPECT_THAT(kernel("1001"), HasSubstr(line));
     }
     EXPECT_EQ(linesOf(kernel("1001")), routes->size());
