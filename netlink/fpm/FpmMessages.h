@@ -17,7 +17,7 @@ struct FpmNexthop {
   Vxlan::Vni vni;             // where it was said
   bool isOnlink = false;      // the gateway is not in the interface's network: beyond a tunnel
   std::uint32_t ifIndex = 0;  // the sender's number of the interface; 0: none
-  bool operator==(const FpmNexthop&) const = default;
+  auto operator<=>(const FpmNexthop&) const = default;
 };
 
 struct FpmRoute {
