@@ -12,6 +12,7 @@ void addCommands(CLI::App& app, ToolContext& context) {
   addTableCommand(app, context);
   addControlCommands(app, context);
   addStateDbCommand(app, context);
+  addFpmCommand(app, context);
   addKernelCommand(app, context);
   addShowCommand(app, context);
   addTasksCommand(app, context);

@@ -290,9 +290,8 @@ void FpmRib::handleRetry() {
   for (const RouteKey& key : noRoom_) {
     if (const auto route = learned_.find(key); route != learned_.end()) queue(*route);
   }
-  sourcesChanged_ |= std::ranges::any_of(sources_, [](const auto& source) {
-    return source.second.state == SourceState::noRoom;
-  });
+  sourcesChanged_ |=
+      std::ranges::any_of(sources_, [](const auto& source) { return source.second.state == SourceState::noRoom; });
   if (!isIdle()) processingTask_->scheduleWithin(0);
 }
 

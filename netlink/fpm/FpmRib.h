@@ -124,9 +124,9 @@ class FpmRib {
   LearnedRoutes learned_;
   std::size_t mostLearned_ = 0;
 
-  std::deque<RouteKey> queue_;     // routes to be looked at
-  std::set<RouteKey> noRoom_;      // routes that found none
-  std::optional<RouteKey> walk_;   // where the walk after a change of sources goes on
+  std::deque<RouteKey> queue_;    // routes to be looked at
+  std::set<RouteKey> noRoom_;     // routes that found none
+  std::optional<RouteKey> walk_;  // where the walk after a change of sources goes on
   bool sourcesChanged_ = false;
   std::optional<RouteKey> sweep_;  // where the removal of stale routes goes on
 

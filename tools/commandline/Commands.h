@@ -30,6 +30,7 @@ void addTableCommand(CLI::App& app, ToolContext& context);
 void addTableInspectCommands(CLI::App& table, ToolContext& context);  // below it: check, stat
 void addControlCommands(CLI::App& app, ToolContext& context);         // get, set, del
 void addStateDbCommand(CLI::App& app, ToolContext& context);
+void addFpmCommand(CLI::App& app, ToolContext& context);
 void addKernelCommand(CLI::App& app, ToolContext& context);
 void addShowCommand(CLI::App& app, ToolContext& context);
 void addTasksCommand(CLI::App& app, ToolContext& context);

@@ -1,0 +1,115 @@
+#include "netlink/fpm/FpmServer.h"
+
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+
+namespace Netlink {
+
+using LinuxPlatform::FileDescriptor;
+
+namespace {
+
+constexpr std::size_t readSize = std::size_t{64} * 1024;
+
+void require(bool holds, const char* what) {
+  if (!holds) throw std::system_error(errno, std::generic_category(), what);
+}
+
+struct SocketAddress {
+  sockaddr_storage storage{};
+  socklen_t size = 0;
+};
+
+SocketAddress socketAddress(const IpGenAddr& address, std::uint16_t port) {
+  SocketAddress result;
+  if (address.isV4()) {
+    sockaddr_in v4{};
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(port);
+    v4.sin_addr.s_addr = htonl(address.v4().value());
+    std::memcpy(&result.storage, &v4, result.size = sizeof v4);
+  } else {
+    sockaddr_in6 v6{};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(port);
+    std::memcpy(&v6.sin6_addr, address.v6().bytes().data(), sizeof v6.sin6_addr);
+    std::memcpy(&result.storage, &v6, result.size = sizeof v6);
+  }
+  return result;
+}
+
+std::uint16_t boundPort(int fd) {
+  sockaddr_storage bound{};
+  socklen_t size = sizeof bound;
+  require(getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) == 0, "getsockname");
+  in_port_t port = 0;
+  // Both families have it in the same place.
+  std::memcpy(&port, reinterpret_cast<const char*>(&bound) + offsetof(sockaddr_in, sin_port), sizeof port);
+  return ntohs(port);
+}
+
+}  // namespace
+
+FpmServer::FpmServer(LinuxPlatform::EventLoop& loop, FpmRib& rib, const IpGenAddr& address, std::uint16_t port)
+    : loop_(loop), rib_(rib), buffer_(readSize) {
+  const SocketAddress at = socketAddress(address, port);
+  listenFd_ = FileDescriptor(socket(at.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  require(static_cast<bool>(listenFd_), "socket");
+  const int on = 1;
+  setsockopt(listenFd_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  require(bind(listenFd_.get(), reinterpret_cast<const sockaddr*>(&at.storage), at.size) == 0, "--listen");
+  require(listen(listenFd_.get(), 4) == 0, "--listen");
+  port_ = boundPort(listenFd_.get());
+  loop_.fdIs(listenFd_.get(), EPOLLIN, [this](std::uint32_t) { handleNewcomer(); });
+}
+
+FpmServer::~FpmServer() {
+  closeSession();
+  loop_.fdDel(listenFd_.get());
+}
+
+void FpmServer::handleNewcomer() {
+  FileDescriptor newcomer(accept4(listenFd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!newcomer) return;  // gone again
+  closeSession();
+  sessionFd_ = std::move(newcomer);
+  frames_ = FpmFrames();
+  rib_.sessionBegins();
+  loop_.fdIs(sessionFd_.get(), EPOLLIN, [this](std::uint32_t) { handleSession(); });
+}
+
+void FpmServer::closeSession() {
+  if (!sessionFd_) return;
+  loop_.fdDel(sessionFd_.get());
+  sessionFd_ = FileDescriptor();
+  rib_.sessionEnds();
+}
+
+void FpmServer::handleSession() {
+  try {
+    receive();
+  } catch (const FpmFault& fault) {
+    ++faults_;
+    std::fprintf(stderr, "fpm: the session is closed: %s\n", fault.what());
+    closeSession();
+  }
+}
+
+void FpmServer::receive() {
+  const ssize_t received = recv(sessionFd_.get(), buffer_.data(), buffer_.size(), 0);
+  if (received < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (received <= 0) {
+    if (frames_.isWithinFrame()) throw FpmFault("it has ended within a frame");
+    return closeSession();
+  }
+  frames_.append(Bytes(buffer_).first(static_cast<std::size_t>(received)));
+  while (const auto frame = frames_.next()) rib_.apply(fpmMessagesIn(*frame));
+}
+
+}  // namespace Netlink
