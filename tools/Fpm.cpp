@@ -62,11 +62,11 @@ std::pair<std::uint32_t, std::uint32_t> numbersOf(const char* option, const std:
                                                   std::uint32_t mostSecond) {
   const auto sign = std::min(text.find('='), text.size());
   const auto first = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(0, sign));
-  const auto second = Platform::TextForm<std::uint32_t>::from(
-      std::string_view(text).substr(std::min(sign + 1, text.size())));
+  const auto second =
+      Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(std::min(sign + 1, text.size())));
   if (first && second && *first <= mostFirst && *second <= mostSecond) return {*first, *second};
-  throw BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " +
-                std::to_string(mostFirst) + ", =, 0 to " + std::to_string(mostSecond));
+  throw BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " + std::to_string(mostFirst) +
+                ", =, 0 to " + std::to_string(mostSecond));
 }
 
 FpmSettings settingsOf(const FpmOptions& options) {
@@ -174,8 +174,7 @@ void addFpmCommand(CLI::App& app, ToolContext&) {
                    "The VRF of the routes of a kernel's table (default for table 254: 1); others are left out")
       ->type_name("ID=TABLE")
       ->take_all();
-  command
-      ->add_option("--vni", options->vnis, "The VNI of a kernel's table, where the routing suite does not say it")
+  command->add_option("--vni", options->vnis, "The VNI of a kernel's table, where the routing suite does not say it")
       ->type_name("TABLE=VNI")
       ->take_all();
   command->add_option("--vti", options->vti, "Tunnel interface of all next hops")
