@@ -217,8 +217,8 @@ class Process {
   }
   // Of one route; empty when it is not there.
   std::vector<ViaNexthop> nexthops(const IpGenPrefix& of) const {
-    const auto route = tables_.get<RouteConfig>(of.isV4() ? Paths::ribRoutes : Paths::rib6Routes)
-                           ->route(RouteKey(vrfId, of));
+    const auto route =
+        tables_.get<RouteConfig>(of.isV4() ? Paths::ribRoutes : Paths::rib6Routes)->route(RouteKey(vrfId, of));
     if (!route) return {};
     const auto via = tables_.get<ViaConfig>(Paths::ribVias)->via(route->viaKey());
     EXPECT_TRUE(via.has_value());
@@ -417,7 +417,8 @@ TEST_F(FpmTest, HostileInputIsRefused) {
     suite.mac(vtep1, mac1).route(prefix(random() % 50), {{vtep1, vni}, {vtep2, vni}}).object(7, vtep1);
     suite.group(9, {7, 7}).routeByObject(prefix(random() % 50), 7).withdraw(prefix(random() % 50));
     auto bytes = suite.take();
-    for (auto changes = random() % 4; changes > 0; --changes) bytes[random() % bytes.size()] = std::byte(random() & 0xFF);
+    for (auto changes = random() % 4; changes > 0; --changes)
+      bytes[random() % bytes.size()] = std::byte(random() & 0xFF);
     if (random() % 4 == 0) bytes.resize(random() % bytes.size());
     Netlink::FpmFrames frames;
     frames.append(bytes);
@@ -506,8 +507,9 @@ TEST_F(FpmProcessTest, ASessionBreaksAndTheProcessIsKilled) {
 }
 
 TEST_F(FpmProcessTest, BadOptionsAreOneLine) {
-  for (const std::string options : {"--listen nowhere", "--listen 127.0.0.1:70000", "--vrf-id 2=x", "--vrf-id 2=1 --vrf-id 3=1",
-                                    "--vrf-id 2=1 --vrf-id 2=3", "--vni 1=16777216", "--vti '123456789'"}) {
+  for (const std::string options :
+       {"--listen nowhere", "--listen 127.0.0.1:70000", "--vrf-id 2=x", "--vrf-id 2=1 --vrf-id 3=1",
+        "--vrf-id 2=1 --vrf-id 2=3", "--vni 1=16777216", "--vti '123456789'"}) {
     const Outcome outcome = Command("fpm " + options + " --run-dir " + directory.path()).wait();
     EXPECT_EQ(outcome.exitCode, 2) << options;
     EXPECT_TRUE(outcome.isOneComplaint()) << options << ": " << outcome.err;
