@@ -8,7 +8,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <csignal>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <random>
@@ -159,6 +161,30 @@ class Suite {
 
   std::vector<std::byte> bytes_;
 };
+
+// What FRR 8.4 said: static routes with one, two and an onlink next hop, a blackhole, IPv6, connected networks.
+std::vector<std::byte> captured(const std::string& name) {
+  std::ifstream file(std::string(ROUTECACHE_GOLDEN) + "/fpm/" + name + ".hex");
+  std::vector<std::byte> bytes;
+  for (std::string line; std::getline(file, line);) {
+    for (std::size_t at = 0; at + 1 < line.size(); at += 2) {
+      bytes.push_back(static_cast<std::byte>(std::stoi(line.substr(at, 2), nullptr, 16)));
+    }
+  }
+  EXPECT_FALSE(bytes.empty()) << name;
+  return bytes;
+}
+
+std::vector<Netlink::FpmMessage> messagesIn(const std::vector<std::byte>& bytes) {
+  Netlink::FpmFrames frames;
+  frames.append(bytes);
+  std::vector<Netlink::FpmMessage> messages;
+  while (const auto frame = frames.next()) {
+    for (auto& message : Netlink::fpmMessagesIn(*frame)) messages.push_back(std::move(message));
+  }
+  EXPECT_FALSE(frames.isWithinFrame());
+  return messages;
+}
 
 IpGenPrefix prefix(std::uint32_t number) {
   return Prefix(IpAddr(0x0A000000 + (number << 8)), 24);
@@ -405,9 +431,43 @@ TEST_F(FpmTest, RoutesWaitForRoom) {
   EXPECT_THAT(process->routes(), SizeIs(10));
 }
 
+TEST_F(FpmTest, BothDialectsAreReadAsTheyAreSpoken) {
+  const IpAddr gateway(0xC0000209);  // the onlink one
+  const IpGenPrefix onlink = Prefix(IpAddr(0x0A030000), 24);
+  std::array<std::set<IpGenPrefix>, 2> prefixes;
+  for (const bool newer : {false, true}) {
+    std::size_t paths = 0;
+    for (const auto& message : messagesIn(captured(newer ? "newer" : "older"))) {
+      const auto* route = std::get_if<Netlink::FpmRoute>(&message);
+      if (route == nullptr) continue;
+      prefixes[newer ? 1 : 0].insert(route->prefix);
+      EXPECT_EQ(route->table, 254);
+      EXPECT_EQ(route->metric, newer ? 20 : 0);
+      EXPECT_EQ(route->isUnicast, route->prefix != Prefix(IpAddr(0x0A040000), 24));
+      paths = std::max(paths, route->nexthops.size());
+    }
+    EXPECT_EQ(paths, newer ? 0 : 2);
+  }
+  EXPECT_THAT(prefixes[0], SizeIs(7));
+  EXPECT_EQ(prefixes[0], prefixes[1]);
+
+  // The newer names tunnels by neither VNI nor MAC: the one says the command, the other a neighbour.
+  settings.vrfs = {{254, vrfId}};
+  settings.vnis = {{254, vni}};
+  start();
+  process->rib().apply(messagesIn(captured("newer")));
+  process->settle();
+  EXPECT_EQ(process->figure("waitingForMac"), 1);
+  EXPECT_EQ(process->figure("leftOut"), 6);
+  process->hears(suite.mac(gateway, mac1));
+  EXPECT_THAT(process->nexthops(onlink), ElementsAre(via(gateway, mac1)));
+  EXPECT_THAT(process->routes(), SizeIs(1));
+}
+
 // What comes is taken whole or refused; whatever it is, nothing is broken by it.
 TEST_F(FpmTest, HostileInputIsRefused) {
   settings.vnis = {{table, vni}};
+  settings.vrfs.emplace(254, 1);
   start();
   std::minstd_rand engine(14);
   const auto random = [&] { return static_cast<std::uint32_t>(engine()); };
@@ -417,6 +477,7 @@ TEST_F(FpmTest, HostileInputIsRefused) {
     suite.mac(vtep1, mac1).route(prefix(random() % 50), {{vtep1, vni}, {vtep2, vni}}).object(7, vtep1);
     suite.group(9, {7, 7}).routeByObject(prefix(random() % 50), 7).withdraw(prefix(random() % 50));
     auto bytes = suite.take();
+    if (round % 3 != 0) bytes = captured(round % 3 == 1 ? "older" : "newer");
     for (auto changes = random() % 4; changes > 0; --changes)
       bytes[random() % bytes.size()] = std::byte(random() & 0xFF);
     if (random() % 4 == 0) bytes.resize(random() % bytes.size());
