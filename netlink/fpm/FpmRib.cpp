@@ -68,6 +68,7 @@ void FpmRib::adopt(const RouteConfig& routes) {
 void FpmRib::adoptMacs() {
   for (const Via& via : *viaTable_) {
     for (const ViaNexthop& nexthop : via.nexthops()) {
+      if (!nexthop.vni.isPresent()) continue;  // it would answer for all VNIs
       knowledge_.adopt(nexthop.remoteVtep, nexthop.vni, nexthop.routerMac);
     }
   }
@@ -207,10 +208,19 @@ void FpmRib::resolve(SourceEntry& entry) {
   vias_->release(std::exchange(source.viaKey, viaKey));
 }
 
+// Their routes are looked at in a walk; one that is under way is followed by another, so that it comes to its end
+// however often sources change.
 void FpmRib::handleSources() {
   sourcesChanged_ = false;
-  for (auto& source : sources_) resolve(source);
-  if (!learned_.empty()) walk_ = learned_.begin()->first;
+  bool anyOther = false;
+  for (auto& source : sources_) {
+    const auto before = std::pair(source.second.state, source.second.viaKey);
+    resolve(source);
+    anyOther |= before != std::pair(source.second.state, source.second.viaKey);
+  }
+  if (!anyOther || learned_.empty()) return;
+  walksAgain_ = walk_.has_value();
+  if (!walk_) walk_ = learned_.begin()->first;
 }
 
 // --- Into the tables -------------------------------------------------------------------------------------------------
@@ -240,9 +250,11 @@ bool FpmRib::handleNext() {
   if (!walk_) return false;
   const auto route = learned_.lower_bound(*walk_);
   walk_.reset();
-  if (route == learned_.end()) return false;
-  if (const auto next = std::next(route); next != learned_.end()) walk_ = next->first;
-  if (!route->second.isQueued) sync(route);
+  if (route != learned_.end()) {
+    if (const auto next = std::next(route); next != learned_.end()) walk_ = next->first;
+    if (!route->second.isQueued) sync(route);
+  }
+  if (!walk_ && std::exchange(walksAgain_, false) && !learned_.empty()) walk_ = learned_.begin()->first;
   return true;
 }
 

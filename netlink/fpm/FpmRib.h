@@ -127,6 +127,7 @@ class FpmRib {
   std::deque<RouteKey> queue_;    // routes to be looked at
   std::set<RouteKey> noRoom_;     // routes that found none
   std::optional<RouteKey> walk_;  // where the walk after a change of sources goes on
+  bool walksAgain_ = false;       // once it has come to its end
   bool sourcesChanged_ = false;
   std::optional<RouteKey> sweep_;  // where the removal of stale routes goes on
 

@@ -218,6 +218,13 @@ class Process {
     for (int i = 0; i < 3; ++i) loop_.runOnce(0);
     rib_.checkInvariants();
   }
+  // One batch of what there is to do, which a slow clock cuts short.
+  void step() {
+    clock_->secondsPerLookIs(0.001);
+    loop_.runOnce(0);
+    clock_->secondsPerLookIs(0);
+    rib_.checkInvariants();
+  }
   Netlink::FpmRib& rib() { return rib_; }
   std::uint64_t figure(const std::string& name) const {
     for (const auto& [known, value] : rib_.figures()) {
@@ -462,6 +469,28 @@ TEST_F(FpmTest, BothDialectsAreReadAsTheyAreSpoken) {
   process->hears(suite.mac(gateway, mac1));
   EXPECT_THAT(process->nexthops(onlink), ElementsAre(via(gateway, mac1)));
   EXPECT_THAT(process->routes(), SizeIs(1));
+}
+
+// More routes than one time slice handles, and a change of their next hops before the one before has reached them all.
+TEST_F(FpmTest, ChangesOvertakeNoWalk) {
+  settings.capacity = 20000;
+  start();
+  suite.mac(vtep1, mac1);
+  for (std::uint32_t i = 0; i < 20000; ++i) suite.route(prefix(i), {{i % 2 == 0 ? vtep1 : vtep2, vni}});
+  process->hears(suite);
+  EXPECT_THAT(process->routes(), SizeIs(10000));
+  testing::internal::CaptureStderr();  // the contradictions
+  for (const EthAddr& mac : {mac2, mac3, mac1}) {
+    suite.mac(vtep1, mac, vni, RTM_DELNEIGH).mac(vtep1, mac).mac(vtep2, mac);
+    process->rib().apply(messagesIn(suite.take()));
+    process->step();
+  }
+  process->settle();
+  testing::internal::GetCapturedStderr();
+  EXPECT_THAT(process->routes(), SizeIs(20000));
+  EXPECT_THAT(process->vias(), SizeIs(2));
+  EXPECT_THAT(process->nexthops(prefix(19999)), ElementsAre(via(vtep2, mac1)));
+  EXPECT_THAT(process->nexthops(prefix(19998)), ElementsAre(via(vtep1, mac1)));
 }
 
 // What comes is taken whole or refused; whatever it is, nothing is broken by it.
