@@ -25,13 +25,12 @@
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/ProcessStatus.h"
 
 namespace Tools {
 
 namespace {
 
-using LinuxPlatform::controlLine;
-using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;
 using Netlink::FpmRib;
 using Netlink::FpmServer;
@@ -57,24 +56,12 @@ std::string controlPath(const std::string& runDir) {
   return runDir + "/fpm.control";
 }
 
-// NUMBER=NUMBER of an option, the first up to `mostFirst`.
-std::pair<std::uint32_t, std::uint32_t> numbersOf(const char* option, const std::string& text, std::uint32_t mostFirst,
-                                                  std::uint32_t mostSecond) {
-  const auto sign = std::min(text.find('='), text.size());
-  const auto first = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(0, sign));
-  const auto second =
-      Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(std::min(sign + 1, text.size())));
-  if (first && second && *first <= mostFirst && *second <= mostSecond) return {*first, *second};
-  throw BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " + std::to_string(mostFirst) +
-                ", =, 0 to " + std::to_string(mostSecond));
-}
-
 FpmSettings settingsOf(const FpmOptions& options) {
   FpmSettings settings = options.settings;
   settings.vti = optionValue<IntfId>("--vti", options.vti);
   if (settings.vti.isEmpty()) throw BadText("--vti: no interface");
   for (const auto& text : options.vrfIds) {
-    const auto [vrfId, table] = numbersOf("--vrf-id", text, Routing::Rib::noVrfId - 1, UINT32_MAX);
+    const auto [vrfId, table] = numberPair("--vrf-id", text, Routing::Rib::noVrfId - 1, UINT32_MAX);
     if (!settings.vrfs.emplace(table, vrfId).second) {
       throw BadText("--vrf-id: table " + std::to_string(table) + " twice");
     }
@@ -85,7 +72,7 @@ FpmSettings settingsOf(const FpmOptions& options) {
   const auto isDefault = [](const auto& vrf) { return vrf.second == defaultVrfId; };
   if (std::ranges::none_of(settings.vrfs, isDefault)) settings.vrfs.emplace(mainTable, defaultVrfId);
   for (const auto& text : options.vnis) {
-    const auto [table, vni] = numbersOf("--vni", text, UINT32_MAX, Vxlan::Vni::max);
+    const auto [table, vni] = numberPair("--vni", text, UINT32_MAX, Vxlan::Vni::max);
     if (!settings.vnis.emplace(table, vni).second) throw BadText("--vni: table " + std::to_string(table) + " twice");
   }
   return settings;
@@ -103,23 +90,11 @@ std::pair<IpGenAddr, std::uint16_t> listenAddress(const std::string& text) {
           optionValue<std::uint16_t>("--listen", std::string_view(text).substr(colon + 1))};
 }
 
-class StatusReply final : public ControlReply {
- public:
-  StatusReply(const FpmRib& rib, const FpmServer& server) {
-    const auto add = [&](const std::string& name, std::uint64_t value) {
-      lines_ += controlLine({{"name", name}, {"value", std::to_string(value)}});
-    };
-    for (const auto& [name, value] : rib.figures()) add(name, value);
-    add("faults", server.faults());
-  }
-  bool produce(std::string& lines) override {
-    lines += lines_;
-    return false;
-  }
-
- private:
-  std::string lines_;
-};
+Figures figuresOf(const FpmRib& rib, const FpmServer& server) {
+  Figures figures = rib.figures();
+  figures.emplace_back("faults", server.faults());
+  return figures;
+}
 
 void serve(const FpmOptions& options) {
   const FpmSettings settings = settingsOf(options);
@@ -136,7 +111,7 @@ void serve(const FpmOptions& options) {
   FpmServer server(loop, rib, address, port);
   ControlSocket control(loop, controlPath(options.runDir));
   control.opIs(statusOp, ControlSocket::Access::ask,
-               [&](const auto&) { return std::make_unique<StatusReply>(rib, server); });
+               [&](const auto&) { return std::make_unique<StatusReply>(figuresOf(rib, server)); });
   LinuxPlatform::addTaskOperation(control, loop);
   tell(false, {}, "ready: port " + std::to_string(server.port()) + " goes to the RIB tables of " + options.runDir);
   flushOutput();
@@ -145,18 +120,8 @@ void serve(const FpmOptions& options) {
 }
 
 void showStatus(const FpmOptions& options) {
-  Json status = Json::object();
-  askProcess(controlPath(options.runDir), "the fpm of " + options.runDir, {{"op", statusOp}}, [&](const Json& line) {
-    status[line.value("name", "")] = Platform::fromText<std::uint64_t>(line.value("value", "0"));
-  });
-  if (options.json) {
-    std::printf("%s\n", status.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
-    return;
-  }
-  for (const auto& [name, value] : status.items()) {
-    std::printf("%-16s %12llu\n", Platform::printable(name).c_str(),
-                static_cast<unsigned long long>(value.get<std::uint64_t>()));
-  }
+  const Json status = askStatus(controlPath(options.runDir), "the fpm of " + options.runDir, statusOp);
+  options.json ? printJson(status) : printFigures(status);
 }
 
 }  // namespace
@@ -194,6 +159,7 @@ void addFpmCommand(CLI::App& app, ToolContext&) {
   command->add_flag("--status", options->status, "Show what a running one has learned");
   command->add_flag("--json", options->json, "Print JSON, with --status");
   command->callback([options] {
+    if (options->json && !options->status) throw BadText("--json goes with --status");
     if (options->status) return showStatus(*options);
     serve(*options);
   });

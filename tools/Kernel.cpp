@@ -29,13 +29,13 @@
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
+#include "tools/commandline/ProcessStatus.h"
 
 namespace Tools {
 
 namespace {
 
 using LinuxPlatform::controlLine;
-using LinuxPlatform::ControlReply;
 using LinuxPlatform::ControlSocket;
 using Netlink::KernelMirror;
 using Netlink::MirrorSettings;
@@ -58,21 +58,6 @@ struct KernelOptions {
 
 std::string controlPath(const std::string& runDir) {
   return runDir + "/kernel.control";
-}
-
-// NUMBER=NUMBER of an option, both in their range.
-std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std::string& text, std::uint32_t mostFirst,
-                                                   std::uint32_t mostSecond) {
-  const auto fail = [&] {
-    throw BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " +
-                  std::to_string(mostFirst) + ", =, 0 to " + std::to_string(mostSecond));
-  };
-  const auto sign = text.find('=');
-  if (sign == std::string::npos) fail();
-  const auto first = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(0, sign));
-  const auto second = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(sign + 1));
-  if (!first || !second || *first > mostFirst || *second > mostSecond) fail();
-  return {*first, *second};
 }
 
 // What a link can be called.
@@ -114,24 +99,13 @@ MirrorSettings settingsOf(const KernelOptions& options) {
 
 // --- The mirror ------------------------------------------------------------------------------------------------------
 
-class StatusReply final : public ControlReply {
- public:
-  explicit StatusReply(const KernelMirror& mirror) {
-    for (const auto& [name, value] : mirror.figures()) {
-      lines_ += controlLine({{"name", name}, {"value", std::to_string(value)}});
-    }
-    for (const auto& refused : mirror.refused(refusedShown)) {
-      lines_ += controlLine({{"route", refused.route}, {"error", std::generic_category().message(refused.error)}});
-    }
+std::string refusedRoutes(const KernelMirror& mirror) {
+  std::string lines;
+  for (const auto& refused : mirror.refused(refusedShown)) {
+    lines += controlLine({{"route", refused.route}, {"error", std::generic_category().message(refused.error)}});
   }
-  bool produce(std::string& lines) override {
-    lines += lines_;
-    return false;
-  }
-
- private:
-  std::string lines_;
-};
+  return lines;
+}
 
 // One of these in a run directory: two would undo each other's work.
 LinuxPlatform::FileDescriptor lockIn(const std::string& runDir) {
@@ -156,8 +130,9 @@ void mirror(const KernelOptions& options) {
   const auto lock = lockIn(options.runDir);
   KernelMirror kernelMirror(tables, loop, settings);
   ControlSocket control(loop, controlPath(options.runDir));
-  control.opIs(statusOp, ControlSocket::Access::ask,
-               [&](const auto&) { return std::make_unique<StatusReply>(kernelMirror); });
+  control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
+    return std::make_unique<StatusReply>(kernelMirror.figures(), refusedRoutes(kernelMirror));
+  });
   LinuxPlatform::addTaskOperation(control, loop);
   tell(false, {}, "ready: " + settings.routePath + " of " + options.runDir + " goes to the kernel");
   flushOutput();
@@ -166,24 +141,14 @@ void mirror(const KernelOptions& options) {
 }
 
 void showStatus(const KernelOptions& options) {
-  Json status = Json::object();
   Json refused = Json::array();
-  askProcess(controlPath(options.runDir), "the mirror of " + options.runDir, {{"op", statusOp}}, [&](const Json& line) {
-    if (line.contains("name")) {
-      status[line.value("name", "")] = Platform::fromText<std::uint64_t>(line.value("value", "0"));
-    } else {
-      refused.push_back(line);
-    }
-  });
+  Json status = askStatus(controlPath(options.runDir), "the mirror of " + options.runDir, statusOp,
+                          [&](const Json& line) { refused.push_back(line); });
   if (options.json) {
     status["refusedRoutes"] = refused;
-    std::printf("%s\n", status.dump(2, ' ', false, Json::error_handler_t::replace).c_str());
-    return;
+    return printJson(status);
   }
-  for (const auto& [name, value] : status.items()) {
-    std::printf("%-16s %12llu\n", Platform::printable(name).c_str(),
-                static_cast<unsigned long long>(value.get<std::uint64_t>()));
-  }
+  printFigures(status);
   for (const Json& route : refused) {
     std::printf("refused          %s: %s\n", Platform::printable(route.value("route", "")).c_str(),
                 Platform::printable(route.value("error", "")).c_str());

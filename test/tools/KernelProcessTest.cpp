@@ -58,8 +58,7 @@ TEST_F(KernelProcessTest, RoutesStandWhoeverIsKilled) {
   EXPECT_EQ(run("rib load --generate 300 --within 10.0.0.0/8 --vrfs 2 --vteps 20 --vni 10010").exitCode, 0);
   EXPECT_EQ(run("rib add 2001:db8:1::/48 --vrf 2 --vtep 10.255.0.1,10.255.0.2 --vni 10010").exitCode, 0);
   ASSERT_TRUE(eventually([] { return routesOf(redTable) == 300; }));
-  ASSERT_TRUE(
-      eventually([] { return !OwnNetwork::ipOutput("-6 route show table " + std::string(redTable)).empty(); }));
+  ASSERT_TRUE(eventually([] { return !OwnNetwork::ipOutput("-6 route show table " + std::string(redTable)).empty(); }));
 
   // What the kernel announces meanwhile; the last line is the test's own.
   Command monitor("monitor route", "", nullptr, "/sbin/ip");
@@ -97,13 +96,27 @@ TEST_F(KernelProcessTest, RoutesStandWhoeverIsKilled) {
 }
 
 TEST_F(KernelProcessTest, WhatItCannotDoIsSaidAtOnce) {
-  for (const char* misuse :
-       {"", "--table-base -1", "--table-base nan", "--table-base 4294967296", "--table-base 1 --vni 10",
-        "--table-base 1 --vni 65536=1", "--table-base 1 --vni 1=16777216", "--table-base 1 --vni 1=2 --vni 1=3",
-        "--vrf-id 1=0", "--vrf-id 1=255", "--vrf-id 1=5 --vrf-id 2=5", "--vrf-id 1=5 --vrf-id 1=6", "--table-base 1 x",
-        "--table-base 1 --table foo", "--table-base 1 --metric 0", "--table-base 1 --compare-interval 0",
-        "--table-base 1 --compare-interval inf", "--status --flush", "--table-base 1 --json",
-        "--table-base 1 --device 0123456789abcdef", "--table-base 1 --device ''"}) {
+  for (const char* misuse : {"",
+                             "--table-base -1",
+                             "--table-base nan",
+                             "--table-base 4294967296",
+                             "--table-base 1 --vni 10",
+                             "--table-base 1 --vni 65536=1",
+                             "--table-base 1 --vni 1=16777216",
+                             "--table-base 1 --vni 1=2 --vni 1=3",
+                             "--vrf-id 1=0",
+                             "--vrf-id 1=255",
+                             "--vrf-id 1=5 --vrf-id 2=5",
+                             "--vrf-id 1=5 --vrf-id 1=6",
+                             "--table-base 1 x",
+                             "--table-base 1 --table foo",
+                             "--table-base 1 --metric 0",
+                             "--table-base 1 --compare-interval 0",
+                             "--table-base 1 --compare-interval inf",
+                             "--status --flush",
+                             "--table-base 1 --json",
+                             "--table-base 1 --device 0123456789abcdef",
+                             "--table-base 1 --device ''"}) {
     const Outcome outcome = run("kernel " + std::string(misuse));
     EXPECT_EQ(outcome.exitCode, 2) << misuse << ": " << outcome.err;
     EXPECT_TRUE(outcome.isOneComplaint()) << misuse << ": " << outcome.err;

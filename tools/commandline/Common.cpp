@@ -61,6 +61,17 @@ LineReader linesOf(const std::string& file) {
   return {file, LinuxPlatform::openInput(file).get()};
 }
 
+std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std::string& text, std::uint32_t mostFirst,
+                                                   std::uint32_t mostSecond) {
+  if (const auto sign = text.find('='); sign != std::string::npos) {
+    const auto first = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(0, sign));
+    const auto second = Platform::TextForm<std::uint32_t>::from(std::string_view(text).substr(sign + 1));
+    if (first && second && *first <= mostFirst && *second <= mostSecond) return {*first, *second};
+  }
+  throw Platform::BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not 0 to " +
+                          std::to_string(mostFirst) + ", =, 0 to " + std::to_string(mostSecond));
+}
+
 std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
   std::vector<IpGenPrefix> prefixes;
   for (const std::string& text : texts) {

@@ -1,6 +1,7 @@
 // What several subcommands need.
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <stdexcept>
@@ -41,6 +42,10 @@ T optionValue(const char* option, std::string_view text) {
   throw Platform::BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not " +
                           Platform::TextForm<T>::what);
 }
+
+// "NUMBER=NUMBER" to the two, each from 0 on. Throws BadText likewise.
+std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std::string& text, std::uint32_t mostFirst,
+                                                   std::uint32_t mostSecond);
 
 // Texts to prefixes, in their order. Throws BadText for one that is none.
 std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts);
