@@ -66,7 +66,8 @@ Flushed flushKernel() {
   }
   // A group before its members: it would be changed by each.
   auto nexthops = dumped(Dump::nexthops, nexthopIn);
-  std::ranges::stable_partition(nexthops, [](const Nexthop& nexthop) { return !nexthop.members.empty(); });
+  std::stable_partition(nexthops.begin(), nexthops.end(),
+                        [](const Nexthop& nexthop) { return !nexthop.members.empty(); });
   flushed.nexthops = remove(nexthops, [](MessageBuffer& out, std::uint32_t sequence, const Nexthop& nexthop) {
     removeNexthop(out, sequence, nexthop.id);
   });

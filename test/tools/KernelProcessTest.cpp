@@ -14,7 +14,6 @@
 #include "test/support/TemporaryDirectory.h"
 
 using nlohmann::json;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
