@@ -461,6 +461,7 @@ void HwRouteSm::processRoute(const Key& key) {
 }
 
 void HwRouteSm::decideRoute(const RouteFacts& facts) {
+  PLATFORM_ASSERT(!facts.isFiled);  // of one that is, nobody has asked whether software has it
   const Key& key = facts.key;
   trace_(7, "processing: ", key.prefix(), " vrfId: ", key.vrfId());
   withoutAdjacency_.keyDel(key);
@@ -503,7 +504,7 @@ void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
       [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
 }
 
-// A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
+// What decideWalked() leaves alone is not looked up.
 void HwRouteSm::lookUpWalked(std::span<RouteFacts> facts) const {
   for (const RouteFacts& each : facts) slices_->expect(each.key);
   for (RouteFacts& each : facts) each.isFiled = slices_->sliceOf(each.key) != timeSliceInvalid;
@@ -569,8 +570,7 @@ bool HwRouteSm::processNextRoute() {
     decideSfeWalked(walkAhead_.of(*ready, look));
   } else if (hwWalk_.pending()) {
     const auto note = [](RouteFacts& facts, const Ipv4Route& route) { facts.hwRoute = route; };
-    const RouteFacts* const facts = walkAhead_.step(hwWalk_, note, look);
-    if (facts != nullptr && !facts->isFiled) decideRoute(*facts);
+    if (const RouteFacts* const facts = walkAhead_.step(hwWalk_, note, look)) decideWalked(*facts);
   } else if (sfeWalk_.pending()) {
     const auto note = [](RouteFacts& facts, const Ipv4Route& route) { facts.sfeRoute = route; };
     if (const RouteFacts* const facts = walkAhead_.step(sfeWalk_, note, look)) decideSfeWalked(*facts);
@@ -582,11 +582,15 @@ bool HwRouteSm::processNextRoute() {
   return true;
 }
 
+// A route that is in hardware stays, whatever is cacheable now; refiling it would put off its ageing at every walk.
+void HwRouteSm::decideWalked(const RouteFacts& facts) {
+  if (!facts.isFiled) decideRoute(facts);
+}
+
 // Nor does a walk let in those that are hit in software in the order of their keys.
 void HwRouteSm::decideSfeWalked(const RouteFacts& facts) {
-  if (facts.isFiled) return;
   if (facts.sfeHitbit == 0) {
-    decideRoute(facts);
+    decideWalked(facts);
   } else {
     sfeRouteHitToProcess_.keyIs(facts.key, facts.sfeHitbit);
     scheduleSfeRouteHitProcessingTask(routeProcessingInterval_);

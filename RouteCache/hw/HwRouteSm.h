@@ -231,7 +231,7 @@ class HwRouteSm final : public Lattis::Entity {
     std::optional<Ipv4Route> sfeRoute;
     std::optional<Ipv4Route> hwRoute;
     std::uint32_t sfeHitbit = 0;  // of a route that is not in hardware
-    bool isFiled = false;         // of one that a walk has met: it is in a slice, and nothing else is known of it
+    bool isFiled = false;         // of one that a walk has met: it is in a slice, and nothing else has been looked up
   };
   // The same of a route that is to be aged, and of one that is scanned: neither's turn writes another's. What hardware
   // reports after the look is the next scan's.
@@ -269,6 +269,7 @@ class HwRouteSm final : public Lattis::Entity {
   bool processNextRoute();
   void reconcile();
   void decideRoute(const RouteFacts& facts);
+  void decideWalked(const RouteFacts& facts);
   void decideSfeWalked(const RouteFacts& facts);
   bool processNextHit();
   bool processNextProgrammed();

@@ -360,37 +360,6 @@ bool KernelRouteSm::hasRoom(Room room) const {
   return in_.kernelRouteStatus->hasRoom() && (room == cachedRoom || in_.kernelRouteStatus->size() < capacity_);
 }
 
-template <class Family>
-bool KernelRouteSm::isQueued(const BasicRouteVrfKey<Family>& key) const {
-  if (sides_.of<Family>().toProcess.has(key)) return true;
-  trace_(6, "Not in RouteToProcess");
-  return false;
-}
-
-template <class Family>
-bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key) {
-  if (!isQueued<Family>(key)) return false;
-  const auto& facts = factsOf<Family>(key);
-  return admit<Family>(facts, isWanted<Family>(key, facts.published));
-}
-
-bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
-  return isRouteAdded<Ipv4Family>(key);
-}
-
-bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
-  return isRouteAdded<Ipv6Family>(key);
-}
-
-// For callers outside, as the two doors above: the tasks know what is queued, and use decideRoute. What is not queued
-// may be deleted, but only a walk adds it.
-template <class Family>
-void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
-  const auto& facts = factsOf<Family>(key);
-  if (facts.kernel && !isQueued<Family>(key) && isWanted<Family>(key, facts.published)) return;
-  decideRoute<Family>(facts);
-}
-
 // Of a route that is queued, or that a walk has met.
 template <class Family>
 void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
@@ -408,7 +377,7 @@ void KernelRouteSm::decideRoute(const RouteFacts<Family>& facts) {
   }
 }
 
-// Takes the route out of the queue, or lets it wait there for the room that it needs.
+// Takes the route out of the queue, or lets it wait there for the room that it needs. True: it is to be written.
 template <class Family>
 bool KernelRouteSm::admit(const RouteFacts<Family>& facts, bool wanted) {
   auto& side = sides_.of<Family>();
@@ -453,14 +422,6 @@ void KernelRouteSm::readAheadOfFresh() {
   auto& side = sides_.of<Family>();
   side.readAhead.readNext([&side](auto keys) { return side.toProcess.freshKeys(keys); },
                           [this](auto facts) { this->lookUpFacts<Family>(facts); });
-}
-
-void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {
-  processRoute<Ipv4Family>(key);
-}
-
-void KernelRouteSm::ipv6ProcessRoute(const Ipv6RouteVrfKey& key) {
-  processRoute<Ipv6Family>(key);
 }
 
 template <class Family>
@@ -750,6 +711,46 @@ void KernelRouteSm::checkInvariants() const {
   checkWaiting<Ipv4Family>();
   checkWaiting<Ipv6Family>();
   checkKernelRoutes();
+}
+
+// --- For callers outside: one key at a time --------------------------------------------------------------------------
+
+template <class Family>
+bool KernelRouteSm::isQueued(const BasicRouteVrfKey<Family>& key) const {
+  if (sides_.of<Family>().toProcess.has(key)) return true;
+  trace_(6, "Not in RouteToProcess");
+  return false;
+}
+
+template <class Family>
+bool KernelRouteSm::isRouteAdded(const BasicRouteVrfKey<Family>& key) {
+  if (!isQueued<Family>(key)) return false;
+  const auto& facts = factsOf<Family>(key);
+  return admit<Family>(facts, isWanted<Family>(key, facts.published));
+}
+
+// What is not queued may be deleted, and is not added.
+template <class Family>
+void KernelRouteSm::processRoute(const BasicRouteVrfKey<Family>& key) {
+  const auto& facts = factsOf<Family>(key);
+  if (facts.kernel && !isQueued<Family>(key) && isWanted<Family>(key, facts.published)) return;
+  decideRoute<Family>(facts);
+}
+
+bool KernelRouteSm::isIpv4RouteAdded(const Ipv4RouteVrfKey& key) {
+  return isRouteAdded<Ipv4Family>(key);
+}
+
+bool KernelRouteSm::isIpv6RouteAdded(const Ipv6RouteVrfKey& key) {
+  return isRouteAdded<Ipv6Family>(key);
+}
+
+void KernelRouteSm::ipv4ProcessRoute(const Ipv4RouteVrfKey& key) {
+  processRoute<Ipv4Family>(key);
+}
+
+void KernelRouteSm::ipv6ProcessRoute(const Ipv6RouteVrfKey& key) {
+  processRoute<Ipv6Family>(key);
 }
 
 }  // namespace RouteCache

@@ -99,11 +99,12 @@ class KernelRouteSm final : public Lattis::Entity {
   void addKernelRouteVrfIdColl(std::uint32_t piVrfId);
 
   // --- Decisions -------------------------------------------------------------------------------------------------
+  // One key at a time, for callers outside: the tasks read ahead, and decide in groups what is queued or walked over.
   // Whether the queued route must be in the kernel table. Takes it out of the queue, or leaves it waiting and answers
   // false when it must be added and there is no room.
   bool isIpv4RouteAdded(const Ipv4RouteVrfKey& key);
   bool isIpv6RouteAdded(const Ipv6RouteVrfKey& key);
-  // Decides a queued route and writes or deletes its kernel route.
+  // Decides a route and writes or deletes its kernel route; one that is not queued is not added.
   void ipv4ProcessRoute(const Ipv4RouteVrfKey& key);
   void ipv6ProcessRoute(const Ipv6RouteVrfKey& key);
   // One step of the kernel walk.

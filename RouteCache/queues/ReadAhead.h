@@ -4,6 +4,9 @@
 // What has been read ahead must stay right until its key's turn comes. So it is forgotten at the end of a run: what
 // other processes and other tasks change is told between runs, and queues the key again. And what the task itself
 // changes in a run must concern the key at hand alone, in each table that is read ahead: its user says why that is so.
+//
+// Invariant: at most readAheadGroup facts since clear(). A key that comes in between costs the rest of the group, which
+// is then looked up one by one: who has two streams of keys that take turns has a ReadAhead for each.
 #pragma once
 
 #include <array>
@@ -11,6 +14,8 @@
 #include <optional>
 #include <span>
 #include <utility>
+
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 
@@ -53,6 +58,7 @@ class ReadAhead {
   // A group that is put together one by one: what is known of the key already may be filled in. Whoever does so looks
   // up the rest for all().
   Facts& add(const Key& key) {
+    PLATFORM_ASSERT(count_ < readAheadGroup);
     Facts& facts = facts_[count_++] = Facts();
     facts.key = key;
     return facts;

@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "RouteCache/queues/ReadAhead.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 
@@ -43,12 +44,13 @@ class RouteStatusWalk {
     vrfs_[hwVrfId] = *last_;
   }
   bool pending() const { return last_.has_value(); }
-  // True when the key is still to come, if it is in the table.
+  // True when the key is still to come, if it is in the table. Of those that are read ahead it says false, too.
   bool willMeet(const Key& key) const {
     return (all_ && isAhead(*all_, key)) || (vrfs_.contains(key.vrfId()) && isAhead(vrfs_.at(key.vrfId()), key));
   }
 
   // Looks at one entry of a pending walk. Returns its key when it is owed; nothing for any other, and at a lap's end.
+  // Leaves the walk at rest.
   std::optional<Key> step() {
     return next(1, [](const Value&) {});
   }
@@ -95,6 +97,7 @@ class RouteStatusWalk {
   template <class OnEntry>
   void readGroup(std::size_t group, OnEntry&& onEntry) {
     next_ = count_ = 0;
+    // Between groups the table may have changed. Of an entry that is gone the key is still good to find the next by.
     if (std::exchange(mayBeOld_, false) && at_ != table_.end()) at_ = table_.lowerBound(at_->key());
     for (; count_ < group && at_ != table_.end(); ++at_) {
       entries_[count_++] = *at_;
@@ -104,6 +107,7 @@ class RouteStatusWalk {
     }
   }
   Mark mark() const {
+    PLATFORM_ASSERT(next_ == count_);  // behind those that are read ahead it would pass them over
     if (!begun_) return {std::nullopt, lap_};
     return at_ == table_.end() ? Mark{std::nullopt, lap_ + 1} : Mark{at_->key(), lap_};
   }

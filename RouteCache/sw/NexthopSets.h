@@ -4,6 +4,9 @@
 // Nobody tells of changes of vias, so each route asks: while no via at all has changed, a set is as it was, and after
 // that for as long as its own via's bytes are. Kept while routes are being decided, and dropped when none has been
 // for a while: sets cost no memory in an agent at rest.
+//
+// Of a set that was looked up viaKey, readAt and bytes are right; what follows underlayChange is once bringUpToDate()
+// has seen to it, and a hint before. adjId is a hint always: the adjacency is asked whether it still is its own.
 #pragma once
 
 #include <array>
@@ -18,6 +21,7 @@
 #include "RouteCache/queues/ReadAhead.h"
 #include "RouteCache/sw/Underlay.h"
 #include "platform/tables/Rib.h"
+#include "platform/values/Assert.h"
 
 namespace RouteCache {
 
@@ -46,9 +50,10 @@ class NexthopSets {
 
   // The set of a via that stands in the table, not made yet or as it was; nothing: there is no such via.
   std::optional<NexthopSet*> entry(Key viaKey);
-  // Of a group that is read ahead.
+  // Of a group that is read ahead: at most readAheadGroup of them.
   template <class Visit>
   void entries(std::span<const Key> viaKeys, Visit visit) {
+    PLATFORM_ASSERT(viaKeys.size() <= readAheadGroup);
     const std::uint64_t now = viaConfig_->lastChange();
     std::array<Key, readAheadGroup> unknown;
     std::array<std::size_t, readAheadGroup> numbers;

@@ -247,22 +247,20 @@ void SwRouteSm::handleLeftoverProcessing() {
 void SwRouteSm::routesProcessed(std::uint64_t handled) {
   const bool handledAll = !routeToProcess_.hasFresh() && !configWalk_.pending();
   const bool atRest = handledAll && in_.routeConfig->quiesced() && in_.route6Config->quiesced();
-  if (handledAll) lookForStreamsEnd(atRest, handled);
-  if (nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
+  const bool foundNothing = atRest && handled == 0;
+  if (foundNothing || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
+  if (handledAll && !(atRest && nexthopSets_.size() == 0)) lookAgain(foundNothing);
   if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
   if (routeToProcess_.empty() && atRest) endRestart();
 }
 
-// A stream of changes leaves nothing to do again and again: it has ended when a run finds nothing a while later. Then
-// the next-hop sets go, some in each run.
-void SwRouteSm::lookForStreamsEnd(bool atRest, std::uint64_t handled) {
+// Nobody tells that a stream of changes has ended, or that the tables have come to rest: the task asks, a second after
+// it had nothing left to do. Once a run has found nothing the next-hop sets go, some in each run that follows at once.
+void SwRouteSm::lookAgain(bool foundNothing) {
   constexpr double quiet = 1;  // seconds
-  const bool ended = atRest && handled == 0;
-  if (ended) nexthopSets_.dropSome();
-  if (atRest && nexthopSets_.size() == 0) return;
-  scheduleRouteProcessingTask(ended ? routeProcessingInterval_ : std::max(quiet, routeProcessingInterval_));
+  scheduleRouteProcessingTask(foundNothing ? routeProcessingInterval_ : std::max(quiet, routeProcessingInterval_));
 }
 
 void SwRouteSm::endRestart() {

@@ -7,7 +7,9 @@
 // A route's way: a reaction queues its key; the route-processing task decides it (processRoute); it ends published,
 // parked and still queued (something it needs is missing), or parked and out of the queue (its tunnel interface is
 // down; the interface coming up queues all routes). What stays queued without a change to wait for is tried again at a
-// time of its own, a time slice each routeProcessingIntervalDefer: a fresh change never drags it along.
+// time of its own, a time slice each routeProcessingIntervalDefer: a fresh change never drags it along. What a via's
+// next hops come to is worked out once for all routes that leave by it (NexthopSets), and dropped when there has been
+// nothing to do for a second.
 //
 // A route for whose adjacency there is no room, or no identifier, is published without one, stays queued, and counts
 // as not in hardware: nobody forwards by it. HwRouteSm keeps it out of the hardware's table until its adjacency stands.
@@ -341,7 +343,7 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   template <class Family>
   bool hasRoomForWaiting() const;
   void routesProcessed(std::uint64_t handled);
-  void lookForStreamsEnd(bool atRest, std::uint64_t handled);
+  void lookAgain(bool foundNothing);
   void endRestart();
   void reconcile();
   void processVisited(const RouteQueue::Visit& visit);
@@ -367,7 +369,8 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
   bool enableRouteProcessing_ = false;
   const bool restarted_;  // what restart_ was at first
   bool restart_;
-  bool processedOnce_ = false;  // every route that was configured when route processing was enabled
+  // Every route that was configured when route processing was enabled, and the tables had come to rest then.
+  bool processedOnce_ = false;
   std::function<void()> initCompleteHandler_;
   double routeProcessingInterval_ = 0;
   double routeProcessingIntervalDefer_ = 1.0;

@@ -68,7 +68,7 @@ void ChangeFollower::seen(const Entry& entry) {
 }
 
 void ChangeFollower::scanAll() {
-  scannedUntil_ = view_->headSequence() + 1;
+  slotsAreSeen();
   const std::uint32_t end = std::max(view_->image().highWater(), known_.size());
   // Who is overrun again and again gets through all slots nevertheless: a round that is under way goes on.
   if (scan_.empty()) {
@@ -143,12 +143,12 @@ bool ChangeFollower::tellSlots(Listener& listener) {
   constexpr std::uint32_t slotsPerLook = 512;  // most of them have nothing to tell
   for (std::uint32_t looked = 0; !scan_.empty(); ++looked) {
     const std::uint32_t slot = scan_.next;
-    const bool asks = looked % slotsPerLook == 0 || hasMoved(slot);
+    const bool asks = looked % slotsPerLook == 0 || isUntold(slot);
     if (asks && listener.appetite() != Appetite::everything) return false;
     ++scan_.next;
     if (scan_.empty()) scan_ = std::exchange(nextRound_, {});
     tellSlot(slot, nullptr, listener);
-    scannedUntil_ = view_->headSequence() + 1;
+    slotsAreSeen();
   }
   return true;
 }
@@ -177,7 +177,7 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
     }
     ++cursor_;
     // What has been passed over may have moved before it was told.
-    if (isMove(word) && scan_.empty() && cursor_ > scannedUntil_ && tookNote(slot, changed)) continue;
+    if (isMove(word) && scan_.empty() && cursor_ > scannedUntil_ && moveIsNoted(slot, changed)) continue;
     if (appetite != Appetite::everything && !isMove(word) && isNew(slot, changed)) {
       scanLater(slot);
     } else {
@@ -188,7 +188,7 @@ void ChangeFollower::tellRing(std::uint64_t until, Listener& listener) {
 
 // The key's entry, or its value, has moved: what there was to tell of it has been told, and the slot that it came from
 // is still remembered under its key. False: not so, for another key was known to be here, or more has changed since.
-bool ChangeFollower::tookNote(std::uint32_t slot, const KeyWords& key) {
+bool ChangeFollower::moveIsNoted(std::uint32_t slot, const KeyWords& key) {
   SlotImage contents;
   if (!look(slot, contents) || !view_->image().hasKey(contents, key) || !isLive(contents.version())) return false;
   if (sequenceOf(contents.version()) != cursor_) return false;
@@ -232,7 +232,7 @@ bool ChangeFollower::isNew(std::uint32_t slot, const KeyWords& changed) const {
 void ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener) {
   const TableImage& image = view_->image();
   SlotImage contents;
-  if (hasMoved(slot) && look(slot, contents)) {
+  if (isUntold(slot) && look(slot, contents)) {
     const std::uint64_t version = contents.version();
     const KeyWords key = image.keyIn(contents);
     const bool wasLive = knownLive(slot);

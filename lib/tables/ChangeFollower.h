@@ -102,13 +102,15 @@ class ChangeFollower {
   // Tells what has become of a slot since it was last told. With the key of a ring entry: of this key in any case,
   // unless it has been told since its change.
   void tellSlot(std::uint32_t slot, const KeyWords* changed, Listener& listener);
-  bool hasMoved(std::uint32_t slot) const { return told(versionOf(slot)) != toldOf(slot); }
+  // The slot has changed since it was told. (That its entry moved there from another is in the ring: isMove().)
+  bool isUntold(std::uint32_t slot) const { return told(versionOf(slot)) != toldOf(slot); }
   bool isNew(std::uint32_t slot, const KeyWords& changed) const;
-  bool tookNote(std::uint32_t slot, const KeyWords& key);
+  bool moveIsNoted(std::uint32_t slot, const KeyWords& key);
   bool look(std::uint32_t slot, SlotImage& contents) const;
   std::uint64_t versionOf(std::uint32_t slot) const;
   bool isTooLong() const;
   void forgetBeyond();
+  void slotsAreSeen() { scannedUntil_ = view_->headSequence() + 1; }
   void scanLater(std::uint32_t slot);
   void scanAll();
   void forgetAll();

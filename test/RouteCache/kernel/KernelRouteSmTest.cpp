@@ -186,6 +186,38 @@ TEST(KernelRouteSmTest, FieldsAreThoseOfTheConfiguredRouteAndAreWrittenOnlyWhenT
 
 // --- Cached prefixes -------------------------------------------------------------------------------------------------
 
+TEST(KernelRouteSmTest, OneKeyIsDecidedForACallerAsTheTasksDecideIt) {
+  KernelMirror mirror;
+  mirror.vrf(2, 102);
+  mirror.start();
+  mirror.settle();
+  const RouteCache::Ipv4RouteVrfKey key(fromText<Prefix>("10.1.0.0/16"), 102);
+  const RouteCache::Ipv6RouteVrfKey key6(fromText<Ip6Prefix>("2001:db8::/48"), 102);
+  mirror.published("10.1.0.0/16", 102);
+  mirror.published("2001:db8::/48", 102);
+  EXPECT_FALSE(mirror.sm->isIpv4RouteAdded(key)) << "it is not queued";
+  mirror.sm->ipv4ProcessRoute(key);
+  mirror.sm->ipv6ProcessRoute(key6);
+  EXPECT_THAT(mirror.kernel(), IsEmpty());
+
+  mirror.sm->ipv4RouteToProcessIs(key);
+  EXPECT_TRUE(mirror.sm->isIpv4RouteAdded(key));
+  EXPECT_FALSE(mirror.sm->isIpv4RouteAdded(key)) << "the first answer took it out of the queue";
+  mirror.sm->ipv4RouteToProcessIs(key);
+  mirror.sm->ipv6RouteToProcessIs(key6);
+  EXPECT_TRUE(mirror.sm->isIpv6RouteAdded(key6));
+  mirror.sm->ipv6RouteToProcessIs(key6);
+  mirror.sm->ipv4ProcessRoute(key);
+  mirror.sm->ipv6ProcessRoute(key6);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("10.1.0.0/16@2", 0), Pair("2001:db8::/48@2", 0)));
+
+  mirror.withdrawn("10.1.0.0/16", 102);
+  mirror.sm->ipv4ProcessRoute(key);
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("2001:db8::/48@2", 0))) << "deleted also when it is not queued";
+  mirror.settle();
+  EXPECT_THAT(mirror.kernel(), ElementsAre(Pair("2001:db8::/48@2", 0)));
+}
+
 TEST(KernelRouteSmTest, APrefixThatCoversLittleIsLookedAfterWithoutAWalkOverTheTable) {
   KernelMirror mirror;
   mirror.vrf(2, 7);
