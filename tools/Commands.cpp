@@ -14,6 +14,7 @@ void addCommands(CLI::App& app, ToolContext& context) {
   addStateDbCommand(app, context);
   addFpmCommand(app, context);
   addKernelCommand(app, context);
+  addDiscoverCommand(app, context);
   addShowCommand(app, context);
   addTasksCommand(app, context);
   addTraceCommand(app, context);

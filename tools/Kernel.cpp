@@ -1,6 +1,5 @@
 // `routecache kernel`: mirrors published routes into this machine's kernel, until SIGTERM. What it has put there stays.
 #include <net/if.h>
-#include <sys/file.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -18,7 +17,6 @@
 #include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/control/ControlSocket.h"
-#include "linux/files/OwnFiles.h"
 #include "linux/files/ProcessLimits.h"
 #include "linux/loop/EventLoop.h"
 #include "linux/tables/SharedTableService.h"
@@ -107,14 +105,9 @@ std::string refusedRoutes(const KernelMirror& mirror) {
   return lines;
 }
 
-// One of these in a run directory: two would undo each other's work.
+// Two would undo each other's work.
 LinuxPlatform::FileDescriptor lockIn(const std::string& runDir) {
-  auto file = LinuxPlatform::openOrCreate(runDir + "/kernel.lock", LinuxPlatform::lockMode);
-  if (!file.fd) throw std::runtime_error(file.fault);
-  if (flock(file.fd.get(), LOCK_EX | LOCK_NB) != 0) {
-    throw std::runtime_error(runDir + ": another process mirrors these tables into the kernel");
-  }
-  return std::move(file.fd);
+  return onlyOne(runDir + "/kernel.lock", runDir + ": another process mirrors these tables into the kernel");
 }
 
 void mirror(const KernelOptions& options) {

@@ -129,10 +129,20 @@ void ask(Connection& connection, const Json& request, Content&& content) {
 
 }  // namespace
 
-void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+struct AgentConnection::State {
+  Connection connection;
+};
+
+AgentConnection::AgentConnection(const std::string& runDirectory) : state_(new State{agentIn(runDirectory)}) {}
+AgentConnection::~AgentConnection() = default;
+
+void AgentConnection::ask(const Json& request, const std::function<void(const Json&)>& content) {
   checkUtf8(request);
-  Connection connection = agentIn(runDirectory);
-  ask(connection, request, content);
+  Tools::ask(state_->connection, request, content);
+}
+
+void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+  AgentConnection(runDirectory).ask(request, content);
 }
 
 void askAgentForBytes(const std::string& runDirectory, const Json& request,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -14,6 +15,20 @@ using Json = nlohmann::ordered_json;
 // Throws Platform::BadText with the agent's words when it refuses the request, and for one with a text that is not
 // UTF-8; std::runtime_error with one line when no agent answers.
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content);
+
+// The same for several requests, one after the other. One that is refused does not end it.
+class AgentConnection {
+ public:
+  explicit AgentConnection(const std::string& runDirectory);
+  ~AgentConnection();
+  AgentConnection(const AgentConnection&) = delete;
+  AgentConnection& operator=(const AgentConnection&) = delete;
+  void ask(const Json& request, const std::function<void(const Json&)>& content);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
 
 // The same for a request whose content is bytes: hands them over as they arrive.
 void askAgentForBytes(const std::string& runDirectory, const Json& request,

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "netlink/kernel/KernelMessages.h"
+#include "netlink/messages/Dump.h"
 #include "netlink/messages/Socket.h"
 
 namespace Netlink {
@@ -18,19 +19,13 @@ namespace Netlink {
 namespace {
 
 template <class Value>
-std::vector<Value> dumped(Dump dump, std::optional<Value> (*read)(const nlmsghdr&)) {
-  Socket socket;
+std::vector<Value> allOf(Dump dump, std::optional<Value> (*read)(const nlmsghdr&)) {
   MessageBuffer question;
   askForDump(question, 1, dump);
-  socket.send(question);
   std::vector<Value> values;
-  Bytes rest;
-  for (bool isOver = false; !isOver && socket.receive(rest) == Socket::Receipt::messages;) {
-    while (const nlmsghdr* message = nextMessage(rest)) {
-      isOver = isOver || message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR;
-      if (auto value = read(*message)) values.push_back(*std::move(value));
-    }
-  }
+  dumped(question, [&](const nlmsghdr& message) {
+    if (auto value = read(message)) values.push_back(*std::move(value));
+  });
   return values;
 }
 
@@ -60,18 +55,18 @@ std::size_t remove(const std::vector<Value>& values, Append append) {
 Flushed flushKernel() {
   Flushed flushed;
   for (const Dump dump : {Dump::routes4, Dump::routes6}) {
-    flushed.routes += remove(dumped(dump, routeIn), [](MessageBuffer& out, std::uint32_t sequence, const auto& route) {
+    flushed.routes += remove(allOf(dump, routeIn), [](MessageBuffer& out, std::uint32_t sequence, const auto& route) {
       addRoute(out, sequence, Change::remove, route);
     });
   }
   // A group before its members: it would be changed by each.
-  auto nexthops = dumped(Dump::nexthops, nexthopIn);
+  auto nexthops = allOf(Dump::nexthops, nexthopIn);
   std::stable_partition(nexthops.begin(), nexthops.end(),
                         [](const Nexthop& nexthop) { return !nexthop.members.empty(); });
   flushed.nexthops = remove(nexthops, [](MessageBuffer& out, std::uint32_t sequence, const Nexthop& nexthop) {
     removeNexthop(out, sequence, nexthop.id);
   });
-  flushed.neighbours = remove(dumped(Dump::neighbours, neighbourIn),
+  flushed.neighbours = remove(allOf(Dump::neighbours, neighbourIn),
                               [](MessageBuffer& out, std::uint32_t sequence, const Neighbour& neighbour) {
                                 addNeighbour(out, sequence, Change::remove, neighbour);
                               });

@@ -17,12 +17,10 @@
 #include "RouteCache/RouteCache.h"
 #include "netlink/messages/Attributes.h"
 #include "netlink/messages/MessageBuffer.h"
+#include "netlink/messages/RouteMessages.h"
 #include "platform/values/Net.h"
 
 namespace Netlink {
-
-// Everything that this program has put there carries it, and nothing else is touched.
-inline constexpr std::uint8_t ownProtocol = 140;
 
 // --- Numbers of next-hop objects -------------------------------------------------------------------------------------
 //   bit   30      set: nobody else's as a rule

@@ -31,6 +31,7 @@ void addTableInspectCommands(CLI::App& table, ToolContext& context);  // below i
 void addControlCommands(CLI::App& app, ToolContext& context);         // get, set, del
 void addStateDbCommand(CLI::App& app, ToolContext& context);
 void addFpmCommand(CLI::App& app, ToolContext& context);
+void addDiscoverCommand(CLI::App& app, ToolContext& context);
 void addKernelCommand(CLI::App& app, ToolContext& context);
 void addShowCommand(CLI::App& app, ToolContext& context);
 void addTasksCommand(CLI::App& app, ToolContext& context);

@@ -1,5 +1,6 @@
 #include "tools/commandline/Common.h"
 
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,6 +50,13 @@ void addRunDirOption(CLI::App& command, std::string& runDir) {
   command.parse_complete_callback([&runDir] {
     if (runDir == directoryOfOwn()) checkDirectoryOfOwn();
   });
+}
+
+LinuxPlatform::FileDescriptor onlyOne(const std::string& path, const std::string& complaint) {
+  auto file = LinuxPlatform::openOrCreate(path, LinuxPlatform::lockMode);
+  if (!file.fd) throw std::runtime_error(file.fault);
+  if (flock(file.fd.get(), LOCK_EX | LOCK_NB) != 0) throw std::runtime_error(complaint);
+  return std::move(file.fd);
 }
 
 bool hangupIsIgnored() {

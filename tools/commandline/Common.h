@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "linux/files/FileDescriptor.h"
 #include "platform/values/Net.h"
 #include "platform/values/Text.h"
 #include "simulator/input/LineReader.h"
@@ -27,6 +28,10 @@ std::string defaultRunDir();
 // Adds --run-dir to a subcommand; `runDir` is set to the default at once and outlives the parsing. A directory of this
 // user's own that is somebody else's is refused: std::runtime_error.
 void addRunDirOption(CLI::App& command, std::string& runDir);
+
+// Holds a file for this process alone, as long as the descriptor is open: std::runtime_error with `complaint` while
+// another one holds it. The file stays.
+LinuxPlatform::FileDescriptor onlyOne(const std::string& path, const std::string& complaint);
 
 // Whether this process was started to outlive its terminal.
 bool hangupIsIgnored();
