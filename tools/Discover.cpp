@@ -52,12 +52,7 @@ std::string controlPath(const std::string& runDir) {
 }
 
 void addVrf(DiscoverSettings& settings, const std::string& text) {
-  const auto equals = text.rfind('=');
-  if (equals == std::string::npos || equals == 0) {
-    throw BadText("--vrf: '" + Platform::printable(text) + "' is not NAME=TABLE");
-  }
-  const std::string name = optionValue<L3::VrfName>("--vrf", text.substr(0, equals)).text();
-  const auto table = optionValue<std::uint32_t>("--vrf", text.substr(equals + 1));
+  const auto [name, table] = namedNumber("--vrf", text);
   if (!Netlink::isVrfTable(table)) {
     throw BadText("--vrf: the kernel's table " + std::to_string(table) + " is no VRF's");
   }

@@ -2,7 +2,7 @@
 // there stays.
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cstdio>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -22,10 +22,12 @@
 #include "netlink/fpm/FpmRib.h"
 #include "netlink/fpm/FpmServer.h"
 #include "platform/values/Printable.h"
+#include "tools/FpmVrfs.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
 #include "tools/commandline/ProcessStatus.h"
+#include "tools/commandline/StateDbOptions.h"
 
 namespace Tools {
 
@@ -45,7 +47,10 @@ struct FpmOptions {
   std::string runDir;
   std::string listen = "127.0.0.1:2620";
   std::string vti = "Vxlan1";
+  StateDbOptions stateDb;
+  std::vector<std::string> vrfs;
   std::vector<std::string> vrfIds;
+  std::vector<std::string> vrfVnis;
   std::vector<std::string> vnis;
   FpmSettings settings;
   bool status = false;
@@ -56,21 +61,40 @@ std::string controlPath(const std::string& runDir) {
   return runDir + "/fpm.control";
 }
 
+// Each VRF has one table or VNI, and each table or VNI one VRF.
+void addVrf(std::map<std::uint32_t, std::uint32_t>& vrfs, const char* option, std::uint32_t said, std::uint32_t vrfId) {
+  for (const auto& [otherSaid, otherVrfId] : vrfs) {
+    if (otherVrfId == vrfId && otherSaid != said) {
+      throw BadText(std::string(option) + ": VRF " + std::to_string(vrfId) + " twice");
+    }
+  }
+  if (!vrfs.emplace(said, vrfId).second) {
+    throw BadText(std::string(option) + ": " + std::to_string(said) + " is of two VRFs");
+  }
+}
+
+// Without a word of it the tables are VRFs by their numbers, as `routecache discover` has them.
+Netlink::RouteVrfs vrfsOf(const FpmOptions& options) {
+  Netlink::RouteVrfs vrfs;
+  for (const auto& text : options.vrfIds) {
+    const auto [vrfId, table] = numberPair("--vrf-id", text, Routing::Rib::noVrfId - 1, UINT32_MAX);
+    addVrf(vrfs.byTable, "--vrf-id", table, vrfId);
+  }
+  for (const auto& text : options.vrfVnis) {
+    const auto [vrfId, vni] = numberPair("--vrf-vni", text, Routing::Rib::noVrfId - 1, Vxlan::Vni::max);
+    addVrf(vrfs.byVni, "--vrf-vni", vni, vrfId);
+  }
+  vrfs.isTablesNumber = options.vrfIds.empty() && options.vrfVnis.empty() && options.vrfs.empty();
+  const auto isDefault = [](const auto& vrf) { return vrf.second == defaultVrfId; };
+  if (std::ranges::none_of(vrfs.byTable, isDefault)) vrfs.byTable.emplace(mainTable, defaultVrfId);
+  return vrfs;
+}
+
 FpmSettings settingsOf(const FpmOptions& options) {
   FpmSettings settings = options.settings;
   settings.vti = optionValue<IntfId>("--vti", options.vti);
   if (settings.vti.isEmpty()) throw BadText("--vti: no interface");
-  for (const auto& text : options.vrfIds) {
-    const auto [vrfId, table] = numberPair("--vrf-id", text, Routing::Rib::noVrfId - 1, UINT32_MAX);
-    if (!settings.vrfs.emplace(table, vrfId).second) {
-      throw BadText("--vrf-id: table " + std::to_string(table) + " twice");
-    }
-    for (const auto& [otherTable, otherVrfId] : settings.vrfs) {
-      if (otherVrfId == vrfId && otherTable != table) throw BadText("--vrf-id: two tables in one VRF");
-    }
-  }
-  const auto isDefault = [](const auto& vrf) { return vrf.second == defaultVrfId; };
-  if (std::ranges::none_of(settings.vrfs, isDefault)) settings.vrfs.emplace(mainTable, defaultVrfId);
+  settings.vrfs = vrfsOf(options);
   for (const auto& text : options.vnis) {
     const auto [table, vni] = numberPair("--vni", text, UINT32_MAX, Vxlan::Vni::max);
     if (!settings.vnis.emplace(table, vni).second) throw BadText("--vni: table " + std::to_string(table) + " twice");
@@ -90,15 +114,15 @@ std::pair<IpGenAddr, std::uint16_t> listenAddress(const std::string& text) {
           optionValue<std::uint16_t>("--listen", std::string_view(text).substr(colon + 1))};
 }
 
-Figures figuresOf(const FpmRib& rib, const FpmServer& server) {
+Figures figuresOf(const FpmRib& rib, std::uint64_t faults) {
   Figures figures = rib.figures();
-  figures.emplace_back("faults", server.faults());
+  figures.emplace_back("faults", faults);
   return figures;
 }
 
 void serve(const FpmOptions& options) {
   const FpmSettings settings = settingsOf(options);
-  const auto [address, port] = listenAddress(options.listen);
+  const auto listen = listenAddress(options.listen);
   LinuxPlatform::raiseDescriptorLimit();
   LinuxPlatform::EventLoop loop;
   const Platform::TableTypes types = allTableTypes();
@@ -108,13 +132,19 @@ void serve(const FpmOptions& options) {
   });
   delivery.emplace(loop, tables);
   FpmRib rib(tables, loop, settings);
-  FpmServer server(loop, rib, address, port);
+  std::optional<FpmServer> server;  // as soon as the VRFs are known: what is said before would be left out
+  FpmVrfs vrfs(loop, options.vrfs, settings.vrfs, options.runDir, options.stateDb, [&](const auto& now) {
+    rib.vrfsAre(now);
+    if (server) return server->lookForReplay();
+    server.emplace(loop, rib, listen.first, listen.second);
+    tell(false, {}, "ready: port " + std::to_string(server->port()) + " goes to the RIB tables of " + options.runDir);
+    flushOutput();
+  });
   ControlSocket control(loop, controlPath(options.runDir));
-  control.opIs(statusOp, ControlSocket::Access::ask,
-               [&](const auto&) { return std::make_unique<StatusReply>(figuresOf(rib, server)); });
+  control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
+    return std::make_unique<StatusReply>(figuresOf(rib, server ? server->faults() : 0));
+  });
   LinuxPlatform::addTaskOperation(control, loop);
-  tell(false, {}, "ready: port " + std::to_string(server.port()) + " goes to the RIB tables of " + options.runDir);
-  flushOutput();
   loop.stopOnSignals();
   loop.run();
 }
@@ -131,13 +161,23 @@ void addFpmCommand(CLI::App& app, ToolContext&) {
   CLI::App* command = app.add_subcommand("fpm", "Take a routing suite's routes into the RIB tables until SIGTERM");
   command->footer("Example: routecache fpm --vrf-id 2=1001 --vti Vxlan1 --run-dir /run/routecache");
   addRunDirOption(*command, options->runDir);
+  addStateDbOptions(*command, options->stateDb);
   command->add_option("--listen", options->listen, "Where the routing suite connects")
       ->type_name("ADDR:PORT")
       ->capture_default_str();
   command
-      ->add_option("--vrf-id", options->vrfIds,
-                   "The VRF of the routes of a kernel's table (default for table 254: 1); others are left out")
+      ->add_option("--vrf", options->vrfs,
+                   "The VRF, by name, of the routes of a kernel's table. Without any of these three options tables are "
+                   "VRFs by number, and table 254 is VRF 1")
+      ->type_name("NAME=TABLE")
+      ->take_all();
+  command->add_option("--vrf-id", options->vrfIds, "The VRF, by id, of the routes of a kernel's table")
       ->type_name("ID=TABLE")
+      ->take_all();
+  command
+      ->add_option("--vrf-vni", options->vrfVnis,
+                   "The VRF, by id, of the routes with this VNI, for a suite that says one table for all VRFs")
+      ->type_name("ID=VNI")
       ->take_all();
   command->add_option("--vni", options->vnis, "The VNI of a kernel's table, where the routing suite does not say it")
       ->type_name("TABLE=VNI")

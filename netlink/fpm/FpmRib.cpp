@@ -39,6 +39,7 @@ bool completesTunnel(FpmNexthop& nexthop, const Vxlan::Vni& vni) {
 
 FpmRib::FpmRib(Pondra::TableService& tables, Platform::TaskScheduler& tasks, const FpmSettings& settings)
     : settings_(settings),
+      vrfs_(settings.vrfs),
       tasks_(tasks),
       routes4_(takeTable<RouteConfig>(tables, Paths::ribRoutes, settings.capacity, FpmSettings::defaultCapacity)),
       routes6_(takeTable<RouteConfig>(tables, Paths::rib6Routes, settings.capacity, FpmSettings::defaultCapacity)),
@@ -81,6 +82,8 @@ void FpmRib::sessionBegins() {
   isConnected_ = true;
   hasHeard_ = false;
   sweep_.reset();
+  wantsReplay_ = false;
+  otherPrefixes_.clear();
   stale_ = learned_.size();
   knowledge_.sessionBegins();
 }
@@ -101,17 +104,49 @@ void FpmRib::apply(const std::vector<FpmMessage>& messages) {
 }
 
 void FpmRib::applyRoute(const FpmRoute& route) {
-  const auto vrf = settings_.vrfs.find(route.table);
-  if (vrf == settings_.vrfs.end()) {
-    ++leftOut_;
-    return;
+  const auto vrf = route.isThere ? vrfs_.of(route) : vrfs_.ofTable(route.table);
+  if (auto source = vrf && route.isThere ? sourceOf(route) : std::nullopt) {
+    return learn(RouteKey(*vrf, route.prefix), std::move(*source), route.metric.value_or(0));
   }
-  const RouteKey key(vrf->second, route.prefix);
-  if (!route.isThere) return withdraw(key, route.metric);
-  auto source = sourceOf(route);
-  if (source) return learn(key, std::move(*source), route.metric.value_or(0));
-  ++leftOut_;
-  withdraw(key, std::nullopt);
+  if (route.isThere || !vrf) ++leftOut_;
+  if (!vrfs_.byVni.empty()) return withdrawFromOneOf(vrfs_.candidates(route.table), route);
+  if (vrf) withdraw(RouteKey(*vrf, route.prefix), route.isThere ? std::nullopt : route.metric);
+}
+
+// Certain is only a prefix that one VRF alone has, and that was said for nothing but an overlay route.
+void FpmRib::withdrawFromOneOf(const std::set<std::uint32_t>& vrfs, const FpmRoute& route) {
+  if (route.isThere && otherPrefixes_.size() < mostLearned_) otherPrefixes_.insert(route.prefix);
+  std::optional<RouteKey> only;
+  std::size_t count = 0;
+  for (const std::uint32_t vrf : vrfs) {
+    const auto found = learned_.find(RouteKey(vrf, route.prefix));
+    if (found == learned_.end() || found->second.isGone) continue;
+    only = found->first;
+    ++count;
+  }
+  if (count == 0) return;
+  const bool isCertain = !otherPrefixes_.contains(route.prefix) && otherPrefixes_.size() < mostLearned_;
+  if (count == 1 && isCertain) return withdraw(*only, route.metric);
+  ++ambiguous_;
+  wantsReplay_ = true;
+}
+
+void FpmRib::vrfsAre(const RouteVrfs& vrfs) {
+  if (vrfs == vrfs_) return;
+  std::set<std::uint32_t> before;
+  for (const auto* map : {&vrfs_.byTable, &vrfs_.byVni}) {
+    for (const auto& [said, vrf] : *map) before.insert(vrf);
+  }
+  vrfs_ = vrfs;
+  wantsReplay_ = isConnected_;
+  for (const auto* map : {&vrfs_.byTable, &vrfs_.byVni}) {
+    for (const auto& [said, vrf] : *map) before.erase(vrf);
+  }
+  for (auto& route : learned_) {
+    if (!before.contains(route.first.vrfId())) continue;
+    route.second.isGone = true;
+    queue(route);
+  }
 }
 
 // With another metric it is another route, which has been replaced since.
@@ -353,6 +388,7 @@ std::vector<std::pair<std::string, std::uint64_t>> FpmRib::figures() const {
           {"stale", stale_},
           {"leftOut", leftOut_},
           {"refused", refused_ + vias_->refused()},
+          {"ambiguous", ambiguous_},
           {"contradictions", knowledge_.contradictions()}};
 }
 

@@ -14,19 +14,22 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "netlink/fpm/FpmMessages.h"
 #include "netlink/fpm/NexthopKnowledge.h"
+#include "netlink/fpm/RouteVrfs.h"
 #include "netlink/fpm/ViaSets.h"
 #include "platform/services/TaskScheduler.h"
 #include "platform/tables/Rib.h"
+#include "platform/values/Hash.h"
 
 namespace Netlink {
 
 struct FpmSettings {
-  std::map<std::uint32_t, std::uint32_t> vrfs;  // the kernel's table -> platform VRF id; other tables are left out
+  RouteVrfs vrfs;                               // routes of others are left out
   std::map<std::uint32_t, std::uint32_t> vnis;  // the kernel's table -> VNI, where the suite does not say it
   IntfId vti;
   double staleTime = 60;       // seconds of quiet after which a replay has ended
@@ -50,6 +53,12 @@ class FpmRib {
   void sessionEnds() { isConnected_ = false; }
   // A frame's messages. Throws FpmFault when a peer says more than anybody has to say.
   void apply(const std::vector<FpmMessage>& messages);
+
+  // Routes of VRFs that are others now go from where they were.
+  void vrfsAre(const RouteVrfs& vrfs);
+  // Something was said that could not be understood, or that was not heeded and would be now: all has to be said again,
+  // in another session. Which one that is nobody says before.
+  bool wantsReplay() const { return wantsReplay_; }
 
   // Names and values of what has happened, for operators.
   std::vector<std::pair<std::string, std::uint64_t>> figures() const;
@@ -94,6 +103,7 @@ class FpmRib {
   void adoptMacs();
   RouteConfig& tableOf(const RouteKey& key) const { return key.prefix().isV4() ? *routes4_ : *routes6_; }
   void applyRoute(const FpmRoute& route);
+  void withdrawFromOneOf(const std::set<std::uint32_t>& vrfs, const FpmRoute& route);
   void withdraw(const RouteKey& key, const std::optional<std::uint32_t>& metric);
   void learn(const RouteKey& key, SourceKey sourceKey, std::uint32_t metric);
   std::optional<SourceKey> sourceOf(const FpmRoute& route) const;
@@ -114,6 +124,7 @@ class FpmRib {
   void reconcile();
 
   const FpmSettings settings_;
+  RouteVrfs vrfs_;
   Platform::TaskScheduler& tasks_;
   std::shared_ptr<RouteConfig> routes4_;
   std::shared_ptr<RouteConfig> routes6_;
@@ -138,6 +149,10 @@ class FpmRib {
   std::uint64_t stale_ = 0;
   std::uint64_t leftOut_ = 0;
   std::uint64_t refused_ = 0;
+  bool wantsReplay_ = false;
+  std::uint64_t ambiguous_ = 0;
+  // Prefixes that were also said, in this session, for routes that are no overlay routes, where VRFs share a table.
+  std::unordered_set<IpGenPrefix, Platform::Hasher> otherPrefixes_;
 
   std::unique_ptr<Platform::Task> processingTask_;
   std::unique_ptr<Platform::Task> quietTask_;

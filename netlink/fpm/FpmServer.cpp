@@ -4,10 +4,12 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 namespace Netlink {
 
@@ -16,6 +18,8 @@ using LinuxPlatform::FileDescriptor;
 namespace {
 
 constexpr std::size_t readSize = std::size_t{64} * 1024;
+constexpr double replayDelay = 1;   // seconds: more of what it is for may come
+constexpr double replayPause = 30;  // seconds between two that the rib wants: a replay may be a million routes
 
 void require(bool holds, const char* what) {
   if (!holds) throw std::system_error(errno, std::generic_category(), what);
@@ -67,6 +71,7 @@ FpmServer::FpmServer(LinuxPlatform::EventLoop& loop, FpmRib& rib, const IpGenAdd
   require(listen(listenFd_.get(), 4) == 0, "--listen");
   port_ = boundPort(listenFd_.get());
   loop_.fdIs(listenFd_.get(), EPOLLIN, [this](std::uint32_t) { handleNewcomer(); });
+  replayTask_ = loop_.taskIs("fpmReplayTask", Platform::TaskPriority::background, [this] { handleReplay(); });
 }
 
 FpmServer::~FpmServer() {
@@ -110,6 +115,20 @@ void FpmServer::receive() {
   }
   frames_.append(Bytes(buffer_).first(static_cast<std::size_t>(received)));
   while (const auto frame = frames_.next()) rib_.apply(fpmMessagesIn(*frame));
+  lookForReplay();
+}
+
+void FpmServer::lookForReplay() {
+  if (!sessionFd_ || !rib_.wantsReplay() || std::exchange(isReplayDue_, true)) return;
+  replayTask_->scheduleWithin(std::max(replayDelay, replayedAt_ + replayPause - loop_.now()));
+}
+
+void FpmServer::handleReplay() {
+  isReplayDue_ = false;
+  if (!sessionFd_ || !rib_.wantsReplay()) return;
+  std::fputs("fpm: the session is closed, to hear all routes again\n", stderr);
+  replayedAt_ = loop_.now();
+  closeSession();
 }
 
 }  // namespace Netlink

@@ -1,8 +1,11 @@
 // Where a routing suite connects: one session at a time, and a new one takes the place of the one before, which may be
-// dead without anybody having noticed.
+// dead without anybody having noticed. When routes have to be said again the session is closed: a suite that comes back
+// says all of them.
 #pragma once
 
 #include <cstdint>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -22,6 +25,8 @@ class FpmServer {
   FpmServer& operator=(const FpmServer&) = delete;
 
   std::uint16_t port() const { return port_; }
+  // Another session, when the rib wants it: a moment later, and not too often.
+  void lookForReplay();
   std::uint64_t faults() const { return faults_; }  // sessions that were closed for what came
 
  private:
@@ -29,6 +34,7 @@ class FpmServer {
   void handleSession();
   void receive();
   void closeSession();
+  void handleReplay();
 
   LinuxPlatform::EventLoop& loop_;
   FpmRib& rib_;
@@ -38,6 +44,9 @@ class FpmServer {
   FpmFrames frames_;
   std::vector<std::byte> buffer_;
   std::uint64_t faults_ = 0;
+  std::unique_ptr<Platform::Task> replayTask_;
+  bool isReplayDue_ = false;                                      // the task is on its way
+  double replayedAt_ = -std::numeric_limits<double>::infinity();  // when a session was closed for it
 };
 
 }  // namespace Netlink

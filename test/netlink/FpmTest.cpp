@@ -269,7 +269,7 @@ class Process {
 class FpmTest : public testing::Test {
  protected:
   FpmTest() {
-    settings.vrfs = {{table, vrfId}};
+    settings.vrfs.byTable = {{table, vrfId}};
     settings.vti = IntfId("Vxlan1");
     settings.capacity = 1000;
   }
@@ -459,7 +459,7 @@ TEST_F(FpmTest, BothDialectsAreReadAsTheyAreSpoken) {
   EXPECT_EQ(prefixes[0], prefixes[1]);
 
   // The newer names tunnels by neither VNI nor MAC: the one says the command, the other a neighbour.
-  settings.vrfs = {{254, vrfId}};
+  settings.vrfs.byTable = {{254, vrfId}};
   settings.vnis = {{254, vni}};
   start();
   process->rib().apply(messagesIn(captured("newer")));
@@ -496,7 +496,7 @@ TEST_F(FpmTest, ChangesOvertakeNoWalk) {
 // What comes is taken whole or refused; whatever it is, nothing is broken by it.
 TEST_F(FpmTest, HostileInputIsRefused) {
   settings.vnis = {{table, vni}};
-  settings.vrfs.emplace(254, 1);
+  settings.vrfs.byTable.emplace(254, 1);
   start();
   std::minstd_rand engine(14);
   const auto random = [&] { return static_cast<std::uint32_t>(engine()); };
@@ -527,12 +527,78 @@ TEST_F(FpmTest, HostileInputIsRefused) {
 
 // --- Over TCP --------------------------------------------------------------------------------------------------------
 
+// A suite that keeps each VRF in a network namespace of its own says one table for all of them.
+TEST_F(FpmTest, VrfsThatShareATableAreToldApartByTheirVnis) {
+  constexpr std::uint32_t blue = 3;
+  constexpr std::uint32_t blueVni = 10020;
+  settings.vrfs = {{{table, 1}}, {{vni, vrfId}, {blueVni, blue}}, false};
+  settings.staleTime = 5;
+  start();
+  const auto vrfsWith = [&](const IpGenPrefix& wanted) {
+    std::vector<std::uint32_t> vrfs;
+    for (const Route& route : process->routes()) {
+      if (IpGenPrefix(route.key().prefix()) == wanted) vrfs.push_back(route.key().vrfId());
+    }
+    return vrfs;
+  };
+  const auto everything = [&]() -> Suite& {
+    suite.mac(vtep1, mac1).mac(vtep1, mac2, blueVni).mac(vtep1, mac3, 7);
+    return suite.route(prefix(1), {{vtep1, vni}}).route(prefix(1), {{vtep1, blueVni}});
+  };
+  process->hears(everything().route(prefix(2), {{vtep1, blueVni}}).route(prefix(3), {{vtep1, 7}}));
+  EXPECT_THAT(vrfsWith(prefix(1)), ElementsAre(vrfId, blue));
+  EXPECT_THAT(vrfsWith(prefix(2)), ElementsAre(blue));
+  EXPECT_THAT(vrfsWith(prefix(3)), ElementsAre(1)) << "by its table";
+  EXPECT_THAT(process->nexthops(prefix(1)), ElementsAre(via(vtep1, mac1)));
+
+  process->hears(suite.withdraw(prefix(2)).withdraw(prefix(3)).withdraw(prefix(4)));
+  EXPECT_THAT(vrfsWith(prefix(2)), IsEmpty());
+  EXPECT_THAT(vrfsWith(prefix(3)), IsEmpty());
+  EXPECT_FALSE(process->rib().wantsReplay()) << "no other VRF has had these";
+  process->hears(suite.withdraw(prefix(1)));
+  EXPECT_THAT(vrfsWith(prefix(1)), ElementsAre(vrfId, blue));
+  EXPECT_TRUE(process->rib().wantsReplay());
+  process->connect();
+  EXPECT_FALSE(process->rib().wantsReplay());
+  process->hears(suite.mac(vtep1, mac2, blueVni).route(prefix(1), {{vtep1, blueVni}}));
+  EXPECT_THAT(vrfsWith(prefix(1)), ElementsAre(vrfId, blue));
+  process->pass(6);
+  EXPECT_THAT(vrfsWith(prefix(1)), ElementsAre(blue));
+
+  // The same prefix is that of a network of its own, in a VRF that is not known; then that one goes, or the other.
+  process->hears(suite.route(prefix(5), {{vtep1, blueVni}}).route(prefix(5), {}).withdraw(prefix(5)));
+  EXPECT_THAT(vrfsWith(prefix(5)), ElementsAre(blue));
+  EXPECT_TRUE(process->rib().wantsReplay());
+  EXPECT_EQ(process->figure("ambiguous"), 3);
+}
+
+TEST_F(FpmTest, AVrfThatGetsAnotherIdTakesItsRoutesAlong) {
+  settings.vrfs.byTable.clear();
+  settings.staleTime = 5;
+  start();
+  const auto said = [&]() -> Suite& { return suite.mac(vtep1, mac1).route(prefix(1), {{vtep1, vni}}); };
+  process->hears(said());
+  EXPECT_THAT(process->routes(), IsEmpty());
+  const auto becomes = [&](std::uint32_t id) {
+    process->rib().vrfsAre({{{table, id}}, {}, false});
+    process->settle();
+    EXPECT_TRUE(process->rib().wantsReplay());
+    process->connect();
+    process->hears(said());
+    ASSERT_THAT(process->routes(), SizeIs(1));
+    EXPECT_EQ(process->routes()[0].key().vrfId(), id);
+  };
+  becomes(vrfId);
+  process->rib().vrfsAre({{{table, vrfId}}, {}, false});
+  EXPECT_FALSE(process->rib().wantsReplay()) << "nothing has changed";
+  becomes(vrfId + 1);
+}
+
 class FpmProcessTest : public FpmTest {
  protected:
-  void startCommand() {
-    command.emplace("fpm --listen 127.0.0.1:" + std::to_string(port) + " --vrf-id 2=1001 --stale-time 1 --run-dir " +
-                    directory.path());
-    ASSERT_TRUE(command->says("ready: "));
+  void startCommand(const std::string& vrfs = "--vrf-id 2=1001") {
+    command.emplace("fpm --listen 127.0.0.1:" + std::to_string(port) + " --stale-time 1 --run-dir " + directory.path() +
+                    " " + vrfs);
   }
   int connected() const {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -563,6 +629,7 @@ class FpmProcessTest : public FpmTest {
 
 TEST_F(FpmProcessTest, ASessionBreaksAndTheProcessIsKilled) {
   startCommand();
+  ASSERT_TRUE(command->says("ready: "));
   int fd = connected();
   suite.mac(vtep1, mac1);
   for (std::uint32_t i = 0; i < 100; ++i) suite.route(prefix(i), {{vtep1, vni}});
@@ -586,6 +653,7 @@ TEST_F(FpmProcessTest, ASessionBreaksAndTheProcessIsKilled) {
   command->stop(SIGKILL);
   EXPECT_EQ(shown(Paths::ribRoutes), 100);
   startCommand();
+  ASSERT_TRUE(command->says("ready: "));
   fd = connected();
   for (std::uint32_t i = 0; i < 60; ++i) suite.route(prefix(i), {{vtep1, vni}});
   say(fd);
@@ -596,10 +664,41 @@ TEST_F(FpmProcessTest, ASessionBreaksAndTheProcessIsKilled) {
   EXPECT_EQ(shown(Paths::ribRoutes), 60);
 }
 
+TEST_F(FpmProcessTest, VrfsAreNamedByTheStateDatabase) {
+  startCommand("--vrf red=1001");
+  ASSERT_TRUE(command->complains("fpm: the agent in"));
+  Command agent("run --scenario " ROUTECACHE_EXAMPLES "/leaf.json --agent " ROUTECACHE_AGENT " --run-dir " +
+                directory.path());
+  ASSERT_TRUE(command->says("ready: "));
+  const auto say = [&](int fd) { this->say((suite.mac(vtep1, mac1).route(prefix(1), {{vtep1, vni}}), fd)); };
+  const auto vrfIs = [&](const char* id) {
+    return eventually([&] {
+      const Outcome outcome =
+          Command("table show " + std::string(Paths::ribRoutes) + " --run-dir " + directory.path()).wait();
+      return outcome.out.find("@" + std::string(id) + ",") != std::string::npos;
+    });
+  };
+  ASSERT_TRUE(command->says("ready: ")) << "once they are known";
+  int fd = connected();
+  say(fd);
+  EXPECT_TRUE(vrfIs("2"));
+  ASSERT_EQ(Command("del vrf/vrfNameStatus nameToId[red] --run-dir " + directory.path()).wait().exitCode, 0);
+  ASSERT_EQ(Command("set vrf/vrfNameStatus nameToId[red] 9 --run-dir " + directory.path()).wait().exitCode, 0);
+  char byte = 0;
+  EXPECT_EQ(recv(fd, &byte, 1, 0), 0) << "to hear all routes again";
+  close(fd);
+  fd = connected();
+  say(fd);
+  EXPECT_TRUE(vrfIs("9"));
+  close(fd);
+}
+
 TEST_F(FpmProcessTest, BadOptionsAreOneLine) {
   for (const std::string options :
        {"--listen nowhere", "--listen 127.0.0.1:70000", "--vrf-id 2=x", "--vrf-id 2=1 --vrf-id 3=1",
-        "--vrf-id 2=1 --vrf-id 2=3", "--vni 1=16777216", "--vti '123456789'"}) {
+        "--vrf-id 2=1 --vrf-id 2=3", "--vrf-vni 2=1 --vrf-vni 3=1", "--vrf-vni 2=16777216", "--vrf red",
+        "--vrf red=1 --vrf blue=1", "--vrf red=1 --vrf-id 2=1", "--vrf-id 2=1 --json", "--vni 1=16777216",
+        "--vti '123456789'"}) {
     const Outcome outcome = Command("fpm " + options + " --run-dir " + directory.path()).wait();
     EXPECT_EQ(outcome.exitCode, 2) << options;
     EXPECT_TRUE(outcome.isOneComplaint()) << options << ": " << outcome.err;

@@ -80,6 +80,15 @@ std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std
                           std::to_string(mostFirst) + ", =, 0 to " + std::to_string(mostSecond));
 }
 
+std::pair<std::string, std::uint32_t> namedNumber(const char* option, const std::string& text) {
+  const auto equals = text.rfind('=');
+  if (equals == std::string::npos || equals == 0) {
+    throw Platform::BadText(std::string(option) + ": '" + Platform::printable(text) + "' is not NAME=NUMBER");
+  }
+  const auto number = optionValue<std::uint32_t>(option, std::string_view(text).substr(equals + 1));
+  return {optionValue<L3::VrfName>(option, text.substr(0, equals)).text(), number};
+}
+
 std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts) {
   std::vector<IpGenPrefix> prefixes;
   for (const std::string& text : texts) {

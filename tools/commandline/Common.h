@@ -52,6 +52,9 @@ T optionValue(const char* option, std::string_view text) {
 std::pair<std::uint32_t, std::uint32_t> numberPair(const char* option, const std::string& text, std::uint32_t mostFirst,
                                                    std::uint32_t mostSecond);
 
+// "NAME=NUMBER" to the two; the name of a VRF.
+std::pair<std::string, std::uint32_t> namedNumber(const char* option, const std::string& text);
+
 // Texts to prefixes, in their order. Throws BadText for one that is none.
 std::vector<IpGenPrefix> prefixesOf(const std::vector<std::string>& texts);
 
