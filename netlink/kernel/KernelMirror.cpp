@@ -249,6 +249,7 @@ void KernelMirror::handleComparison() {
     if (comparisonTask_->shouldYield()) break;
   }
   batch_.flush();
+  if (step_ == Step::idle) return;  // its last step had asked for another turn
   comparisonTask_->scheduleWithin(0);
   if (!isHeld()) wake();
 }

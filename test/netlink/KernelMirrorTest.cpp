@@ -52,6 +52,9 @@ class Mirror {
       idle = mirror_->isIdle() && !tables_.pendingChanges() ? idle + 1 : 0;
     }
     mirror_->checkInvariants();
+    const std::uint64_t before = runs();
+    for (int i = 0; i < 8; ++i) loop_.runOnce(0);
+    EXPECT_LE(runs(), before + 2) << "with nothing to do it rests";
   }
   Netlink::KernelMirror* operator->() { return &*mirror_; }
   std::uint64_t figure(const std::string& name) const {
@@ -64,6 +67,15 @@ class Mirror {
   LinuxPlatform::EventLoop& loop() { return loop_; }
 
  private:
+  // Of its own tasks.
+  std::uint64_t runs() const {
+    std::uint64_t sum = 0;
+    for (const auto& task : loop_.statistics()) {
+      if (task.name.starts_with("kernel")) sum += task.runs;
+    }
+    return sum;
+  }
+
   LinuxPlatform::EventLoop loop_;
   Platform::TableTypes types_ = Tools::allTableTypes();
   std::optional<Tools::TableDelivery> delivery_;
