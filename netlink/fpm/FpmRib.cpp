@@ -83,7 +83,7 @@ void FpmRib::sessionBegins() {
   hasHeard_ = false;
   sweep_.reset();
   wantsReplay_ = false;
-  otherPrefixes_.clear();
+  otherRoutes_.clear();
   stale_ = learned_.size();
   knowledge_.sessionBegins();
 }
@@ -106,26 +106,29 @@ void FpmRib::apply(const std::vector<FpmMessage>& messages) {
 void FpmRib::applyRoute(const FpmRoute& route) {
   const auto vrf = route.isThere ? vrfs_.of(route) : vrfs_.ofTable(route.table);
   if (auto source = vrf && route.isThere ? sourceOf(route) : std::nullopt) {
-    return learn(RouteKey(*vrf, route.prefix), std::move(*source), route.metric.value_or(0));
+    return learn(RouteKey(*vrf, route.prefix), std::move(*source), route);
   }
-  if (route.isThere || !vrf) ++leftOut_;
-  if (!vrfs_.byVni.empty()) return withdrawFromOneOf(vrfs_.candidates(route.table), route);
+  const bool isShared = !vrfs_.byVni.empty();
+  if (route.isThere || (!vrf && !isShared)) ++leftOut_;
+  if (isShared) return withdrawFromOneOf(vrfs_.candidates(route.table), route);
   if (vrf) withdraw(RouteKey(*vrf, route.prefix), route.isThere ? std::nullopt : route.metric);
 }
 
 // Certain is only a prefix that one VRF alone has, and that was said for nothing but an overlay route.
 void FpmRib::withdrawFromOneOf(const std::set<std::uint32_t>& vrfs, const FpmRoute& route) {
-  if (route.isThere && otherPrefixes_.size() < mostLearned_) otherPrefixes_.insert(route.prefix);
+  const RouteKey inTable(route.table, route.prefix);
+  if (route.isThere && otherRoutes_.size() < mostLearned_) otherRoutes_.insert(inTable);
   std::optional<RouteKey> only;
   std::size_t count = 0;
   for (const std::uint32_t vrf : vrfs) {
     const auto found = learned_.find(RouteKey(vrf, route.prefix));
     if (found == learned_.end() || found->second.isGone) continue;
+    if (found->second.table != route.table && found->second.table != 0) continue;
     only = found->first;
     ++count;
   }
   if (count == 0) return;
-  const bool isCertain = !otherPrefixes_.contains(route.prefix) && otherPrefixes_.size() < mostLearned_;
+  const bool isCertain = !otherRoutes_.contains(inTable) && otherRoutes_.size() < mostLearned_;
   if (count == 1 && isCertain) return withdraw(*only, route.metric);
   ++ambiguous_;
   wantsReplay_ = true;
@@ -171,7 +174,7 @@ std::optional<FpmRib::SourceKey> FpmRib::sourceOf(const FpmRoute& route) const {
   return key;
 }
 
-void FpmRib::learn(const RouteKey& key, SourceKey sourceKey, std::uint32_t metric) {
+void FpmRib::learn(const RouteKey& key, SourceKey sourceKey, const FpmRoute& said) {
   if (learned_.size() >= mostLearned_ && !learned_.contains(key)) {
     if (refused_++ == 0) std::fputs("fpm: more routes than the tables could ever hold: left out\n", stderr);
     return;
@@ -182,7 +185,8 @@ void FpmRib::learn(const RouteKey& key, SourceKey sourceKey, std::uint32_t metri
   if (!isNew && learned.session != session_) --stale_;
   learned.session = session_;
   learned.isGone = false;
-  learned.metric = metric;
+  learned.metric = said.metric.value_or(0);
+  learned.table = said.table;
   ++source.second.routes;
   release(std::exchange(learned.source, &source));
   queue(*route);

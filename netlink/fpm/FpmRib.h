@@ -94,6 +94,7 @@ class FpmRib {
     ViaKey viaKey = 0;              // in the table, which it is a user of; 0: it is not there
     std::uint32_t metric = 0;
     std::uint32_t session = 0;  // that said it last
+    std::uint32_t table = 0;    // the kernel's table that it said; 0 while nobody has
     bool isGone = false;
     bool isQueued = false;
   };
@@ -105,7 +106,7 @@ class FpmRib {
   void applyRoute(const FpmRoute& route);
   void withdrawFromOneOf(const std::set<std::uint32_t>& vrfs, const FpmRoute& route);
   void withdraw(const RouteKey& key, const std::optional<std::uint32_t>& metric);
-  void learn(const RouteKey& key, SourceKey sourceKey, std::uint32_t metric);
+  void learn(const RouteKey& key, SourceKey sourceKey, const FpmRoute& route);
   std::optional<SourceKey> sourceOf(const FpmRoute& route) const;
   SourceEntry& sourceFor(SourceKey key);
   void release(SourceEntry* source);
@@ -151,8 +152,8 @@ class FpmRib {
   std::uint64_t refused_ = 0;
   bool wantsReplay_ = false;
   std::uint64_t ambiguous_ = 0;
-  // Prefixes that were also said, in this session, for routes that are no overlay routes, where VRFs share a table.
-  std::unordered_set<IpGenPrefix, Platform::Hasher> otherPrefixes_;
+  // Where VRFs share tables: what was also said, in this session, for routes that are no overlay routes; by table.
+  std::unordered_set<RouteKey, Platform::Hasher> otherRoutes_;
 
   std::unique_ptr<Platform::Task> processingTask_;
   std::unique_ptr<Platform::Task> quietTask_;

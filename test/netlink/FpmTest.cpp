@@ -471,6 +471,32 @@ TEST_F(FpmTest, BothDialectsAreReadAsTheyAreSpoken) {
   EXPECT_THAT(process->routes(), SizeIs(1));
 }
 
+// EVPN routes of type 5, of a suite with a network namespace for each VRF: one prefix in red and in blue; that of red
+// goes, comes back and goes again.
+TEST_F(FpmTest, EvpnRoutesAreReadAsTheyAreSpoken) {
+  constexpr std::uint32_t blueVni = 10020;
+  const IpGenPrefix shared = Prefix(IpAddr(0x0A020000), 24);
+  const EthAddr mac({2, 0, 0, 0, 2, 1});
+  settings.vrfs = {{}, {{vni, vrfId}, {blueVni, vrfId + 1}}, false};
+  start();
+  const auto messages = messagesIn(captured("evpn"));
+  const auto firstWithdrawal = std::ranges::find_if(messages, [](const auto& message) {
+    const auto* route = std::get_if<Netlink::FpmRoute>(&message);
+    return route != nullptr && !route->isThere;
+  });
+  process->rib().apply({messages.begin(), firstWithdrawal});
+  process->settle();
+  ASSERT_THAT(process->routes(), SizeIs(2));
+  EXPECT_THAT(process->nexthops(shared), ElementsAre(via(vtep2, mac)));
+  EXPECT_EQ(process->routes()[1].key(), RouteKey(vrfId + 1, shared));
+  EXPECT_FALSE(process->rib().wantsReplay());
+  process->rib().apply({firstWithdrawal, messages.end()});
+  process->settle();
+  EXPECT_THAT(process->routes(), SizeIs(2)) << "whose it was nobody has said";
+  EXPECT_TRUE(process->rib().wantsReplay());
+  EXPECT_EQ(process->figure("leftOut"), 0);
+}
+
 // More routes than one time slice handles, and a change of their next hops before the one before has reached them all.
 TEST_F(FpmTest, ChangesOvertakeNoWalk) {
   settings.capacity = 20000;
@@ -566,6 +592,9 @@ TEST_F(FpmTest, VrfsThatShareATableAreToldApartByTheirVnis) {
   EXPECT_THAT(vrfsWith(prefix(1)), ElementsAre(blue));
 
   // The same prefix is that of a network of its own, in a VRF that is not known; then that one goes, or the other.
+  // What is said of another table, our own routes as the kernel announces them above all, says nothing of this one.
+  process->hears(suite.route(prefix(6), {{vtep1, blueVni}}).route(prefix(6), {}, table + 1).withdraw(prefix(6)));
+  EXPECT_THAT(vrfsWith(prefix(6)), IsEmpty());
   process->hears(suite.route(prefix(5), {{vtep1, blueVni}}).route(prefix(5), {}).withdraw(prefix(5)));
   EXPECT_THAT(vrfsWith(prefix(5)), ElementsAre(blue));
   EXPECT_TRUE(process->rib().wantsReplay());
