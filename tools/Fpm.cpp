@@ -133,6 +133,11 @@ void serve(const FpmOptions& options) {
   delivery.emplace(loop, tables);
   FpmRib rib(tables, loop, settings);
   std::optional<FpmServer> server;  // as soon as the VRFs are known: what is said before would be left out
+  ControlSocket control(loop, controlPath(options.runDir));
+  control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
+    return std::make_unique<StatusReply>(figuresOf(rib, server ? server->faults() : 0));
+  });
+  LinuxPlatform::addTaskOperation(control, loop);
   FpmVrfs vrfs(loop, options.vrfs, settings.vrfs, options.runDir, options.stateDb, [&](const auto& now) {
     rib.vrfsAre(now);
     if (server) return server->lookForReplay();
@@ -140,11 +145,6 @@ void serve(const FpmOptions& options) {
     tell(false, {}, "ready: port " + std::to_string(server->port()) + " goes to the RIB tables of " + options.runDir);
     flushOutput();
   });
-  ControlSocket control(loop, controlPath(options.runDir));
-  control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
-    return std::make_unique<StatusReply>(figuresOf(rib, server ? server->faults() : 0));
-  });
-  LinuxPlatform::addTaskOperation(control, loop);
   loop.stopOnSignals();
   loop.run();
 }

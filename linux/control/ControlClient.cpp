@@ -142,6 +142,7 @@ void AgentConnection::ask(const Json& request, const std::function<void(const Js
 }
 
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content) {
+  checkUtf8(request);
   AgentConnection(runDirectory).ask(request, content);
 }
 
