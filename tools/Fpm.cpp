@@ -2,10 +2,12 @@
 // there stays.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,8 +23,10 @@
 #include "linux/tables/SharedTableService.h"
 #include "netlink/fpm/FpmRib.h"
 #include "netlink/fpm/FpmServer.h"
+#include "netlink/fpm/RouteFeedback.h"
 #include "platform/values/Printable.h"
 #include "tools/FpmVrfs.h"
+#include "tools/KernelAnswers.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
@@ -37,6 +41,7 @@ using LinuxPlatform::ControlSocket;
 using Netlink::FpmRib;
 using Netlink::FpmServer;
 using Netlink::FpmSettings;
+using Netlink::RouteFeedback;
 using Platform::BadText;
 
 constexpr const char* statusOp = "fpmStatus";
@@ -53,6 +58,8 @@ struct FpmOptions {
   std::vector<std::string> vrfVnis;
   std::vector<std::string> vnis;
   FpmSettings settings;
+  bool feedback = false;
+  RouteFeedback::Settings answers;
   bool status = false;
   bool json = false;
 };
@@ -114,12 +121,6 @@ std::pair<IpGenAddr, std::uint16_t> listenAddress(const std::string& text) {
           optionValue<std::uint16_t>("--listen", std::string_view(text).substr(colon + 1))};
 }
 
-Figures figuresOf(const FpmRib& rib, std::uint64_t faults) {
-  Figures figures = rib.figures();
-  figures.emplace_back("faults", faults);
-  return figures;
-}
-
 void serve(const FpmOptions& options) {
   const FpmSettings settings = settingsOf(options);
   const auto listen = listenAddress(options.listen);
@@ -133,18 +134,34 @@ void serve(const FpmOptions& options) {
   delivery.emplace(loop, tables);
   FpmRib rib(tables, loop, settings);
   std::optional<FpmServer> server;  // as soon as the VRFs are known: what is said before would be left out
+  std::optional<RouteFeedback> feedback;
   ControlSocket control(loop, controlPath(options.runDir));
   control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
-    return std::make_unique<StatusReply>(figuresOf(rib, server ? server->faults() : 0));
+    Figures figures = rib.figures();
+    figures.emplace_back("faults", server ? server->faults() : 0);
+    if (feedback) std::ranges::copy(feedback->figures(), std::back_inserter(figures));
+    return std::make_unique<StatusReply>(figures);
   });
   LinuxPlatform::addTaskOperation(control, loop);
-  FpmVrfs vrfs(loop, options.vrfs, settings.vrfs, options.runDir, options.stateDb, [&](const auto& now) {
-    rib.vrfsAre(now);
-    if (server) return server->lookForReplay();
-    server.emplace(loop, rib, listen.first, listen.second);
-    tell(false, {}, "ready: port " + std::to_string(server->port()) + " goes to the RIB tables of " + options.runDir);
-    flushOutput();
-  });
+  const auto inKernel = [&](std::span<const Netlink::ForwardedRoute> routes) {
+    return KernelAnswers::forwarded(options.runDir, routes);
+  };
+  const FpmVrfs vrfs(
+      loop, options.vrfs, settings.vrfs, options.feedback, options.runDir, options.stateDb,
+      [&](const auto& now, const auto& hardwareIds) {
+        rib.vrfsAre(now);
+        if (feedback) feedback->hwVrfIdsAre(hardwareIds);
+        if (server) return server->lookForReplay();
+        server.emplace(loop, rib, listen.first, listen.second);
+        if (options.feedback) {
+          feedback.emplace(tables, loop, rib, *server, inKernel, options.answers);
+          feedback->hwVrfIdsAre(hardwareIds);
+          server->sendableIs([&] { feedback->wake(); });
+        }
+        tell(false, {},
+             "ready: port " + std::to_string(server->port()) + " goes to the RIB tables of " + options.runDir);
+        flushOutput();
+      });
   loop.stopOnSignals();
   loop.run();
 }
@@ -196,6 +213,15 @@ void addFpmCommand(CLI::App& app, ToolContext&) {
                    "Routes of each family (default: as the tables have it, or 131072)")
       ->type_name("ROUTES")
       ->check(wholeNumber(1, Pondra::maxCapacity));
+  CLI::Option* feedback = command->add_flag(
+      "--feedback", options->feedback, "Tell the suite which of its routes are forwarded (FRR from 8.5 on listens)");
+  command
+      ->add_option("--fail-after", options->answers.failAfter,
+                   "It is told of a route that nobody has forwarded for so long")
+      ->type_name("SECONDS")
+      ->check(realNumber(leastSeconds, mostSeconds))
+      ->needs(feedback)
+      ->capture_default_str();
   command->add_flag("--status", options->status, "Show what a running one has learned");
   command->add_flag("--json", options->json, "Print JSON, with --status");
   command->callback([options] {

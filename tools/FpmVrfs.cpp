@@ -18,9 +18,13 @@ constexpr double askInterval = 2;  // seconds
 }  // namespace
 
 FpmVrfs::FpmVrfs(LinuxPlatform::EventLoop& loop, const std::vector<std::string>& namesWithTables,
-                 Netlink::RouteVrfs others, std::string runDir, StateDbOptions stateDb,
-                 std::function<void(const Netlink::RouteVrfs&)> take)
-    : others_(std::move(others)), runDir_(std::move(runDir)), stateDb_(std::move(stateDb)), take_(std::move(take)) {
+                 Netlink::RouteVrfs others, bool wantsHardwareIds, std::string runDir, StateDbOptions stateDb,
+                 Take take)
+    : others_(std::move(others)),
+      runDir_(std::move(runDir)),
+      stateDb_(std::move(stateDb)),
+      wantsHardwareIds_(wantsHardwareIds),
+      take_(std::move(take)) {
   for (const auto& text : namesWithTables) {
     const auto [name, table] = namedNumber("--vrf", text);
     for (const auto& [otherName, otherTable] : tables_) {
@@ -30,11 +34,8 @@ FpmVrfs::FpmVrfs(LinuxPlatform::EventLoop& loop, const std::vector<std::string>&
     if (others_.byTable.contains(table)) throw BadText("--vrf: table " + std::to_string(table) + " is another VRF's");
   }
   askingTask_ = loop.taskIs("fpmVrfsTask", Platform::TaskPriority::background, [this] { handleAsking(); });
-  if (tables_.empty()) {
-    take_(others_);
-  } else {
-    askingTask_->scheduleWithin(0);
-  }
+  if (tables_.empty()) take_(others_, {});
+  if (!tables_.empty() || wantsHardwareIds_) askingTask_->scheduleWithin(0);
 }
 
 void FpmVrfs::handleAsking() {
@@ -42,7 +43,7 @@ void FpmVrfs::handleAsking() {
   std::string fault;
   try {
     ask();
-    take_(all());
+    take_(all(), hardwareIds());
   } catch (const std::runtime_error& error) {
     fault = error.what();
   }
@@ -51,17 +52,31 @@ void FpmVrfs::handleAsking() {
 }
 
 void FpmVrfs::ask() {
-  stateAccess(runDir_, stateDb_)->fieldsOf(Paths::vrfNames, [this](const auto& field, const auto& value) {
-    const auto steps = LinuxPlatform::parseField(field);
-    const auto& name = steps.front().key;
-    if (name && value && tables_.contains(*name)) ids_[*name] = Platform::fromText<std::uint32_t>(*value);
-  });
+  const auto access = stateAccess(runDir_, stateDb_);
+  const auto read = [&](const char* path, std::map<std::string, std::uint32_t>& ids) {
+    access->fieldsOf(path, [&](const auto& field, const auto& value) {
+      const auto name = LinuxPlatform::parseField(field).front().key;
+      if (name && value) ids[*name] = Platform::fromText<std::uint32_t>(*value);
+    });
+  };
+  read(Paths::vrfNames, ids_);
+  if (wantsHardwareIds_) read(Paths::hwRouteStatus, hardwareIds_);
 }
 
 Netlink::RouteVrfs FpmVrfs::all() const {
   auto vrfs = others_;
-  for (const auto& [name, id] : ids_) vrfs.byTable[tables_.at(name)] = id;
+  for (const auto& [name, table] : tables_) {
+    if (const auto id = ids_.find(name); id != ids_.end()) vrfs.byTable[table] = id->second;
+  }
   return vrfs;
+}
+
+FpmVrfs::HardwareIds FpmVrfs::hardwareIds() const {
+  HardwareIds hardwareIds;
+  for (const auto& [name, id] : ids_) {
+    if (const auto found = hardwareIds_.find(name); found != hardwareIds_.end()) hardwareIds[id] = found->second;
+  }
+  return hardwareIds;
 }
 
 }  // namespace Tools

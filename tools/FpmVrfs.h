@@ -18,23 +18,29 @@ namespace Tools {
 // route away.
 class FpmVrfs {
  public:
+  using HardwareIds = std::map<std::uint32_t, std::uint32_t>;  // by VRF id
+  using Take = std::function<void(const Netlink::RouteVrfs&, const HardwareIds&)>;
   // `others` are VRFs by id. `take` is called with all VRFs whenever the database has answered; at once and only once
-  // without names. The loop outlives it. Throws BadText.
+  // without names, unless hardware ids are wanted. The loop outlives it. Throws BadText.
   FpmVrfs(LinuxPlatform::EventLoop& loop, const std::vector<std::string>& namesWithTables, Netlink::RouteVrfs others,
-          std::string runDir, StateDbOptions stateDb, std::function<void(const Netlink::RouteVrfs&)> take);
+          bool wantsHardwareIds, std::string runDir, StateDbOptions stateDb, Take take);
 
  private:
   void handleAsking();
   void ask();
   Netlink::RouteVrfs all() const;
+  HardwareIds hardwareIds() const;
 
   const Netlink::RouteVrfs others_;
   const std::string runDir_;
   const StateDbOptions stateDb_;
-  const std::function<void(const Netlink::RouteVrfs&)> take_;
+  const bool wantsHardwareIds_;
+  const Take take_;
   std::map<std::string, std::uint32_t> tables_;  // by name
-  std::map<std::string, std::uint32_t> ids_;     // as they were said last
-  std::string fault_;                            // why the database did not answer the last time
+  // As they were said last.
+  std::map<std::string, std::uint32_t> ids_;
+  std::map<std::string, std::uint32_t> hardwareIds_;
+  std::string fault_;  // why the database did not answer the last time
   std::unique_ptr<Platform::Task> askingTask_;
 };
 

@@ -2,12 +2,15 @@
 #include <net/if.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -24,6 +27,7 @@
 #include "netlink/kernel/KernelMirror.h"
 #include "platform/values/Paths.h"
 #include "platform/values/Printable.h"
+#include "tools/KernelAnswers.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
@@ -53,10 +57,6 @@ struct KernelOptions {
   bool flush = false;
   bool json = false;
 };
-
-std::string controlPath(const std::string& runDir) {
-  return runDir + "/kernel.control";
-}
 
 // What a link can be called.
 std::string isDeviceName(const std::string& name) {
@@ -107,7 +107,23 @@ std::string refusedRoutes(const KernelMirror& mirror) {
 
 // Two would undo each other's work.
 LinuxPlatform::FileDescriptor lockIn(const std::string& runDir) {
-  return onlyOne(runDir + "/kernel.lock", runDir + ": another process mirrors these tables into the kernel");
+  return onlyOne(KernelAnswers::lockPath(runDir), runDir + ": another process mirrors these tables into the kernel");
+}
+
+// "PREFIX@ID PREFIX@ID ...", with hardware ids of VRFs: a digit for each, 1 for one that the kernel forwards.
+std::string forwardedRoutes(const KernelMirror& mirror, std::string_view routes) {
+  std::string forwarded;
+  while (!routes.empty()) {
+    const auto blank = std::min(routes.find(' '), routes.size());
+    const auto route = routes.substr(0, blank);
+    routes.remove_prefix(std::min(blank + 1, routes.size()));
+    const auto at = std::min(route.find('@'), route.size() - 1);
+    const auto prefix = Platform::TextForm<IpGenPrefix>::from(route.substr(0, at));
+    const auto hwVrfId = Platform::TextForm<std::uint32_t>::from(route.substr(at + 1));
+    if (!prefix || !hwVrfId) throw std::invalid_argument("'" + std::string(route) + "' is not PREFIX@ID");
+    forwarded += mirror.forwards(*hwVrfId, *prefix) ? '1' : '0';
+  }
+  return controlLine({{"forwarded", forwarded}});
 }
 
 void mirror(const KernelOptions& options) {
@@ -122,9 +138,14 @@ void mirror(const KernelOptions& options) {
   delivery.emplace(loop, tables);
   const auto lock = lockIn(options.runDir);
   KernelMirror kernelMirror(tables, loop, settings);
-  ControlSocket control(loop, controlPath(options.runDir));
+  ControlSocket control(loop, KernelAnswers::controlPath(options.runDir));
   control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
     return std::make_unique<StatusReply>(kernelMirror.figures(), refusedRoutes(kernelMirror));
+  });
+  control.opIs(KernelAnswers::forwardedOp, ControlSocket::Access::ask, [&](const auto& request) {
+    const auto routes = request.find("routes");
+    return std::make_unique<StatusReply>(
+        Figures{}, forwardedRoutes(kernelMirror, routes == request.end() ? std::string_view() : routes->second));
   });
   LinuxPlatform::addTaskOperation(control, loop);
   tell(false, {}, "ready: " + settings.routePath + " of " + options.runDir + " goes to the kernel");
@@ -135,7 +156,7 @@ void mirror(const KernelOptions& options) {
 
 void showStatus(const KernelOptions& options) {
   Json refused = Json::array();
-  Json status = askStatus(controlPath(options.runDir), "the mirror of " + options.runDir, statusOp,
+  Json status = askStatus(KernelAnswers::controlPath(options.runDir), "the mirror of " + options.runDir, statusOp,
                           [&](const Json& line) { refused.push_back(line); });
   if (options.json) {
     status["refusedRoutes"] = refused;

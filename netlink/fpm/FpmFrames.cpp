@@ -2,6 +2,12 @@
 
 namespace Netlink {
 
+void fpmFrame(Bytes messages, std::vector<std::byte>& frame) {
+  const std::size_t size = FpmFrames::headerSize + messages.size();
+  frame = {std::byte{1}, std::byte{1}, static_cast<std::byte>(size >> 8), static_cast<std::byte>(size & 0xFF)};
+  frame.insert(frame.end(), messages.begin(), messages.end());
+}
+
 void FpmFrames::append(Bytes bytes) {
   bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(taken_));
   taken_ = 0;

@@ -18,6 +18,9 @@ class FpmFault : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The messages as a frame, in the place of what `frame` has; less than maxFrame of them.
+void fpmFrame(Bytes messages, std::vector<std::byte>& frame);
+
 // Holds what has come of one session and was not taken yet; less than one frame remains after all were taken.
 class FpmFrames {
  public:

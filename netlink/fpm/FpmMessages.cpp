@@ -113,6 +113,7 @@ std::optional<FpmMessage> routeIn(const nlmsghdr& message) {
   route.isThere = message.nlmsg_type == RTM_NEWROUTE;
   route.isUnicast = header->rtm_type == RTN_UNICAST;
   route.table = checkedNumber<std::uint32_t>(attributes, RTA_TABLE).value_or(header->rtm_table);
+  route.protocol = header->rtm_protocol;
   route.prefix = prefixOf(*header, checkedAddress(attributes, RTA_DST));
   route.metric = checkedNumber<std::uint32_t>(attributes, RTA_PRIORITY);
   route.nexthopId = checkedNumber<std::uint32_t>(attributes, RTA_NH_ID).value_or(0);

@@ -23,7 +23,8 @@ struct FpmNexthop {
 struct FpmRoute {
   bool isThere = true;  // false: it is withdrawn
   bool isUnicast = true;
-  std::uint32_t table = 0;  // of the kernel
+  std::uint32_t table = 0;    // of the kernel
+  std::uint8_t protocol = 0;  // who has it from whom: RTPROT_...
   IpGenPrefix prefix;
   std::optional<std::uint32_t> metric;
   std::uint32_t nexthopId = 0;  // 0: `nexthops` says it

@@ -86,6 +86,7 @@ void FpmRib::sessionBegins() {
   otherRoutes_.clear();
   stale_ = learned_.size();
   knowledge_.sessionBegins();
+  if (listener_ != nullptr) listener_->handleSession();
 }
 
 void FpmRib::apply(const std::vector<FpmMessage>& messages) {
@@ -186,10 +187,13 @@ void FpmRib::learn(const RouteKey& key, SourceKey sourceKey, const FpmRoute& sai
   learned.session = session_;
   learned.isGone = false;
   learned.metric = said.metric.value_or(0);
+  learned.hasMetric = said.metric.has_value();
   learned.table = said.table;
+  learned.protocol = said.protocol;
   ++source.second.routes;
   release(std::exchange(learned.source, &source));
   queue(*route);
+  if (listener_ != nullptr) listener_->handleRoute(key);
 }
 
 void FpmRib::queue(LearnedRoutes::value_type& route) {
@@ -334,6 +338,7 @@ void FpmRib::erase(LearnedRoutes::iterator route) {
   release(learned.source);
   if (learned.session != session_) --stale_;
   noRoom_.erase(key);
+  if (listener_ != nullptr) listener_->handleRoute(key);
   learned_.erase(route);
 }
 
@@ -373,6 +378,21 @@ void FpmRib::reconcile() {
   if (!viaTable_->reconciled()) viaTable_->reconciledIs();
   if (!routes4_->reconciled()) routes4_->reconciledIs();
   if (!routes6_->reconciled()) routes6_->reconciledIs();
+}
+
+// --- For whoever answers the suite -----------------------------------------------------------------------------------
+
+std::optional<FpmRib::Said> FpmRib::said(const RouteKey& key) const {
+  const auto found = learned_.find(key);
+  if (found == learned_.end() || found->second.isGone || found->second.session != session_) return std::nullopt;
+  const Learned& learned = found->second;
+  if (learned.source == nullptr || learned.source->second.state == SourceState::noOverlay) return std::nullopt;
+  return Said{learned.table, learned.protocol, learned.hasMetric ? std::optional(learned.metric) : std::nullopt};
+}
+
+std::optional<FpmRib::RouteKey> FpmRib::behind(const std::optional<RouteKey>& key) const {
+  const auto found = key ? learned_.upper_bound(*key) : learned_.begin();
+  return found == learned_.end() ? std::nullopt : std::optional(found->first);
 }
 
 // --- For operators and tests -----------------------------------------------------------------------------------------

@@ -60,6 +60,25 @@ class FpmRib {
   // in another session. Which one that is nobody says before.
   bool wantsReplay() const { return wantsReplay_; }
 
+  // --- For whoever answers the suite ---
+  // Hears of routes that were said. None but this one; it outlives the rib or takes itself away.
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    virtual void handleRoute(const RouteKey& key) = 0;  // said, for the first time or again, or gone
+    virtual void handleSession() = 0;                   // another one begins
+  };
+  void listenerIs(Listener* listener) { listener_ = listener; }
+  // A route that was said in this session, and is an overlay route.
+  struct Said {
+    std::uint32_t table = 0;
+    std::uint8_t protocol = 0;
+    std::optional<std::uint32_t> metric;
+  };
+  std::optional<Said> said(const RouteKey& key) const;
+  // The route behind this one, said or not; without one the first.
+  std::optional<RouteKey> behind(const std::optional<RouteKey>& key) const;
+
   // Names and values of what has happened, for operators.
   std::vector<std::pair<std::string, std::uint64_t>> figures() const;
   // Nothing is left to do but to wait: for messages, for quiet, for room.
@@ -95,6 +114,8 @@ class FpmRib {
     std::uint32_t metric = 0;
     std::uint32_t session = 0;  // that said it last
     std::uint32_t table = 0;    // the kernel's table that it said; 0 while nobody has
+    std::uint8_t protocol = 0;
+    bool hasMetric = false;
     bool isGone = false;
     bool isQueued = false;
   };
@@ -126,6 +147,7 @@ class FpmRib {
 
   const FpmSettings settings_;
   RouteVrfs vrfs_;
+  Listener* listener_ = nullptr;
   Platform::TaskScheduler& tasks_;
   std::shared_ptr<RouteConfig> routes4_;
   std::shared_ptr<RouteConfig> routes6_;

@@ -86,19 +86,24 @@ void FpmServer::handleNewcomer() {
   sessionFd_ = std::move(newcomer);
   frames_ = FpmFrames();
   rib_.sessionBegins();
-  loop_.fdIs(sessionFd_.get(), EPOLLIN, [this](std::uint32_t) { handleSession(); });
+  loop_.fdIs(sessionFd_.get(), EPOLLIN, [this](std::uint32_t events) { handleSession(events); });
+  sendable_();
 }
 
 void FpmServer::closeSession() {
   if (!sessionFd_) return;
   loop_.fdDel(sessionFd_.get());
   sessionFd_ = FileDescriptor();
+  outgoing_.clear();
+  sent_ = 0;
+  isBlocked_ = false;
   rib_.sessionEnds();
 }
 
-void FpmServer::handleSession() {
+void FpmServer::handleSession(std::uint32_t events) {
   try {
-    receive();
+    if ((events & EPOLLOUT) != 0) flush();
+    if ((events & ~std::uint32_t{EPOLLOUT}) != 0) receive();
   } catch (const FpmFault& fault) {
     ++faults_;
     std::fprintf(stderr, "fpm: the session is closed: %s\n", fault.what());
@@ -117,6 +122,35 @@ void FpmServer::receive() {
   while (const auto frame = frames_.next()) rib_.apply(fpmMessagesIn(*frame));
   lookForReplay();
 }
+
+// --- To the suite ----------------------------------------------------------------------------------------------------
+
+void FpmServer::send(Bytes frame) {
+  outgoing_.insert(outgoing_.end(), frame.begin(), frame.end());
+  if (outgoing_.size() >= readSize) flush();
+}
+
+// A session that is over is noticed by who reads from it.
+void FpmServer::flush() {
+  if (!sessionFd_) return;
+  while (sent_ < outgoing_.size()) {
+    const ssize_t count = ::send(sessionFd_.get(), outgoing_.data() + sent_, outgoing_.size() - sent_, MSG_NOSIGNAL);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) break;
+    sent_ += static_cast<std::size_t>(count);
+  }
+  const bool isBlocked = sent_ < outgoing_.size();
+  if (!isBlocked) {
+    outgoing_.clear();
+    sent_ = 0;
+  }
+  if (std::exchange(isBlocked_, isBlocked) == isBlocked) return;
+  const std::uint32_t events = isBlocked ? std::uint32_t{EPOLLIN} | EPOLLOUT : std::uint32_t{EPOLLIN};
+  loop_.fdIs(sessionFd_.get(), events, [this](std::uint32_t ready) { handleSession(ready); });
+  if (!isBlocked) sendable_();
+}
+
+// --- Hearing all of it again -----------------------------------------------------------------------------------------
 
 void FpmServer::lookForReplay() {
   if (!sessionFd_ || !rib_.wantsReplay() || std::exchange(isReplayDue_, true)) return;

@@ -370,6 +370,12 @@ bool KernelMirror::isIdle() const {
          routes6_->queued() == 0;
 }
 
+bool KernelMirror::forwards(std::uint32_t hwVrfId, const IpGenPrefix& prefix) const {
+  if (!isKnown_) return false;
+  return prefix.isV4() ? routes4_->stands(RouteCache::Ipv4RouteVrfKey(prefix.v4(), hwVrfId))
+                       : routes6_->stands(RouteCache::Ipv6RouteVrfKey(prefix.v6(), hwVrfId));
+}
+
 std::vector<std::pair<std::string, std::uint64_t>> KernelMirror::figures() const {
   return {{"ipv4Routes", routes4_->size()},
           {"ipv6Routes", routes6_->size()},

@@ -48,6 +48,8 @@ class KernelMirror final : private BatchOutcome {
   // Messages that were to change something.
   std::uint64_t messagesSent() const { return batch_.messagesSent(); }
   void comparisonWanted();
+  // The kernel forwards the route as it is published: false also while that is not known.
+  bool forwards(std::uint32_t hwVrfId, const IpGenPrefix& prefix) const;
 
   // Names and values, for operators.
   std::vector<std::pair<std::string, std::uint64_t>> figures() const;

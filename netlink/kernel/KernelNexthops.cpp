@@ -14,6 +14,11 @@ bool KernelNexthops::stands(AdjId adjId) const {
   return group != groups_.end() && group->second.stands;
 }
 
+bool KernelNexthops::leads(AdjId adjId) const {
+  const auto group = groups_.find(adjId);
+  return group != groups_.end() && group->second.stands && group->second.members.front() != blackholeId;
+}
+
 void KernelNexthops::contentIs(AdjId adjId, const Content& content) {
   Group& group = groups_[adjId];
   for (const Member& member : content) hopIs(adjId, group, member);

@@ -32,6 +32,8 @@ class KernelNexthops {
 
   // The adjacency's group can be referred to.
   bool stands(RouteCache::AdjId adjId) const;
+  // The same, and some next hop in it forwards.
+  bool leads(RouteCache::AdjId adjId) const;
   // Sends what is different.
   void contentIs(RouteCache::AdjId adjId, const Content& content);
   // The adjacency is no more. False: routes still refer to it, and nothing is done.

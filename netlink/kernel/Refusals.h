@@ -29,6 +29,7 @@ class Refusals {
     refusal = {error, delay, now + delay};
   }
   void del(const Key& key) { refusals_.erase(key); }
+  bool has(const Key& key) const { return refusals_.contains(key); }
   bool empty() const { return refusals_.empty(); }
   std::size_t size() const { return refusals_.size(); }
 

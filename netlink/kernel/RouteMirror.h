@@ -52,6 +52,12 @@ class RouteMirror {
   }
 
   const Table& table() const { return *table_; }
+  // The kernel has it, by a group of next hops that it is published to leave by.
+  bool stands(const Key& key) const {
+    const Sent* sent = sent_.find(key);
+    return sent != nullptr && sent->adjId != RouteCache::AdjId() && !refusals_.has(key) && !queued_.has(key) &&
+           context_.nexthops.leads(sent->adjId);
+  }
   std::size_t size() const { return sent_.size(); }  // routes of the kernel
   std::size_t queued() const { return queue_.size(); }
   const Refusals<Key>& refusals() const { return refusals_; }

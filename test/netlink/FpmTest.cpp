@@ -6,6 +6,7 @@
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -136,6 +137,7 @@ class Suite {
     header.rtm_family = prefix.isV4() ? AF_INET : AF_INET6;
     header.rtm_dst_len = static_cast<unsigned char>(prefix.length());
     header.rtm_type = RTN_UNICAST;
+    header.rtm_protocol = RTPROT_BGP;
     message.messageBegins(type, NLM_F_CREATE | NLM_F_REPLACE, 0, header);
     message.addNumber<std::uint32_t>(RTA_TABLE, inTable);
     message.addAddress(RTA_DST, prefix.addr());
@@ -722,12 +724,84 @@ TEST_F(FpmProcessTest, VrfsAreNamedByTheStateDatabase) {
   close(fd);
 }
 
+// What a suite reads of the answers to it: "PREFIX offloaded" or "PREFIX failed".
+std::multiset<std::string> answersIn(int fd, std::size_t count) {
+  Netlink::FpmFrames frames;
+  std::multiset<std::string> answers;
+  while (answers.size() < count) {
+    pollfd readable{fd, POLLIN, 0};
+    constexpr int patience = 20'000;  // milliseconds
+    if (poll(&readable, 1, patience) <= 0) break;
+    std::array<std::byte, 4096> bytes{};
+    const ssize_t size = recv(fd, bytes.data(), bytes.size(), 0);
+    if (size <= 0) break;
+    frames.append(Bytes(bytes).first(static_cast<std::size_t>(size)));
+    while (auto frame = frames.next()) {
+      const nlmsghdr* message = Netlink::nextMessage(*frame);
+      const auto* header = message == nullptr ? nullptr : Netlink::headerOf<rtmsg>(*message);
+      const auto attributes = Netlink::attributesOf<rtmsg>(*message);
+      const auto to = attributes.address(RTA_DST);
+      if (message->nlmsg_type != RTM_NEWROUTE || header == nullptr || !to) return {"no route"};
+      if (attributes.number<std::uint32_t>(RTA_TABLE) != table || header->rtm_protocol != RTPROT_BGP)
+        return {"another"};
+      const bool isOffloaded = header->rtm_flags == RTM_F_OFFLOAD;
+      answers.insert(Platform::toText(*to) + "/" + std::to_string(header->rtm_dst_len) +
+                     (isOffloaded ? " offloaded" : " failed"));
+    }
+  }
+  return answers;
+}
+
+TEST_F(FpmProcessTest, ASuiteIsToldOfWhatIsForwardedAndOfWhatIsNot) {
+  const std::string inRunDir = " --run-dir " + directory.path();
+  const auto run = [&](const std::string& arguments) { return Command(arguments + inRunDir).wait().exitCode; };
+  Command agent("run --scenario " ROUTECACHE_EXAMPLES "/leaf.json --agent " ROUTECACHE_AGENT + inRunDir);
+  ASSERT_TRUE(agent.says("ready: "));
+  startCommand("--vrf red=1001 --feedback --fail-after 1");
+  ASSERT_TRUE(command->says("ready: "));
+  int fd = connected();
+  const IpAddr unreachable(0xAC100001);
+  const auto everything = [&] {
+    suite.mac(vtep1, mac1).mac(unreachable, mac2);
+    suite.route(prefix(1), {{vtep1, vni}}).route(prefix(2), {{unreachable, vni}}).route(prefix(3), {{vtep2, vni}});
+    say(fd);
+  };
+  everything();
+  const auto offloaded = [&](std::uint32_t i) { return Platform::toText(prefix(i)) + " offloaded"; };
+  const auto failed = [&](std::uint32_t i) { return Platform::toText(prefix(i)) + " failed"; };
+  EXPECT_THAT(answersIn(fd, 3), ElementsAre(offloaded(1), failed(2), failed(3))) << "of the last nobody knows the MAC";
+  ASSERT_EQ(run("set routing/underlay/route route[172.16.0.1/32] 5"), 0);
+  EXPECT_THAT(answersIn(fd, 1), ElementsAre(offloaded(2)));
+  ASSERT_EQ(run("set interface/status/eth/vxlan vtiStatus[Vxlan1].operStatus down"), 0);
+  EXPECT_THAT(answersIn(fd, 2), ElementsAre(failed(1), failed(2)));
+  ASSERT_EQ(run("set interface/status/eth/vxlan vtiStatus[Vxlan1].operStatus up"), 0);
+  EXPECT_THAT(answersIn(fd, 2), ElementsAre(offloaded(1), offloaded(2)));
+  close(fd);
+  fd = connected();
+  everything();
+  EXPECT_THAT(answersIn(fd, 3), ElementsAre(offloaded(1), offloaded(2), failed(3))) << "all of it to another session";
+
+  // It does not read for a while.
+  constexpr std::uint32_t many = 20000;
+  for (std::uint32_t i = 100; i < 100 + many; ++i) suite.route(prefix(i), {{vtep1, vni}});
+  say(fd);
+  ASSERT_TRUE(eventually([&] { return status("written") >= many; }));
+  EXPECT_THAT(answersIn(fd, many), SizeIs(many));
+
+  // There was a mirror into the kernel: it says what is forwarded, and it does not answer.
+  std::ofstream(directory.path() + "/kernel.lock");
+  suite.route(prefix(50), {{vtep1, vni}});
+  say(fd);
+  EXPECT_THAT(answersIn(fd, 1), ElementsAre(failed(50)));
+  close(fd);
+}
+
 TEST_F(FpmProcessTest, BadOptionsAreOneLine) {
   for (const std::string options :
        {"--listen nowhere", "--listen 127.0.0.1:70000", "--vrf-id 2=x", "--vrf-id 2=1 --vrf-id 3=1",
         "--vrf-id 2=1 --vrf-id 2=3", "--vrf-vni 2=1 --vrf-vni 3=1", "--vrf-vni 2=16777216", "--vrf red",
-        "--vrf red=1 --vrf blue=1", "--vrf red=1 --vrf-id 2=1", "--vrf-id 2=1 --json", "--vni 1=16777216",
-        "--vti '123456789'"}) {
+        "--vrf red=1 --vrf blue=1", "--vrf red=1 --vrf-id 2=1", "--vrf-id 2=1 --json", "--fail-after 5",
+        "--vni 1=16777216", "--vti '123456789'"}) {
     const Outcome outcome = Command("fpm " + options + " --run-dir " + directory.path()).wait();
     EXPECT_EQ(outcome.exitCode, 2) << options;
     EXPECT_TRUE(outcome.isOneComplaint()) << options << ": " << outcome.err;
