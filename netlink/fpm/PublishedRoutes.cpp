@@ -59,7 +59,7 @@ class PublishedRoutes::Adjacencies final : public Table::Reactor {
   RouteCache::FlatSet<AdjId> leading_;
 };
 
-PublishedRoutes::PublishedRoutes(Pondra::TableService& tables, Listener& listener) : listener_(listener) {
+PublishedRoutes::PublishedRoutes(Pondra::TableService& tables, Listener& listener) {
   adjacencies4_ = std::make_unique<Adjacencies<RouteCache::Ipv4AdjacencyStatus>>(tables, Paths::adjacencies, listener);
   adjacencies6_ = std::make_unique<Adjacencies<RouteCache::Ipv6AdjacencyStatus>>(tables, Paths::adjacencies6, listener);
   hardware_ = std::make_unique<Routes<RouteCache::Ipv4RouteStatus>>(tables, Paths::hwRoutes, listener);

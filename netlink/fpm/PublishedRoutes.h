@@ -34,7 +34,6 @@ class PublishedRoutes {
   class Adjacencies;
   bool leads(RouteCache::AdjId adjId) const;
 
-  Listener& listener_;
   std::unique_ptr<Adjacencies<RouteCache::Ipv4AdjacencyStatus>> adjacencies4_;
   std::unique_ptr<Adjacencies<RouteCache::Ipv6AdjacencyStatus>> adjacencies6_;
   std::unique_ptr<Routes<RouteCache::Ipv4RouteStatus>> hardware_;

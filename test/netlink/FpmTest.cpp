@@ -789,7 +789,7 @@ TEST_F(FpmProcessTest, ASuiteIsToldOfWhatIsForwardedAndOfWhatIsNot) {
   EXPECT_THAT(answersIn(fd, many), SizeIs(many));
 
   // There was a mirror into the kernel: it says what is forwarded, and it does not answer.
-  std::ofstream(directory.path() + "/kernel.lock");
+  std::ofstream(directory.path() + "/kernel.lock").close();
   suite.route(prefix(50), {{vtep1, vni}});
   say(fd);
   EXPECT_THAT(answersIn(fd, 1), ElementsAre(failed(50)));
