@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "host/Output.h"
@@ -28,10 +29,12 @@
 #include "platform/values/Paths.h"
 #include "platform/values/Printable.h"
 #include "tools/KernelAnswers.h"
+#include "tools/KernelVnis.h"
 #include "tools/commandline/Commands.h"
 #include "tools/commandline/Common.h"
 #include "tools/commandline/OptionChecks.h"
 #include "tools/commandline/ProcessStatus.h"
+#include "tools/commandline/StateDbOptions.h"
 
 namespace Tools {
 
@@ -52,6 +55,7 @@ struct KernelOptions {
   std::optional<std::uint32_t> tableBase;
   std::vector<std::string> vrfIds;
   std::vector<std::string> vnis;
+  StateDbOptions stateDb;
   MirrorSettings mirror;
   bool status = false;
   bool flush = false;
@@ -86,7 +90,7 @@ MirrorSettings settingsOf(const KernelOptions& options) {
   if (!settings.tableBase && settings.tables.empty()) throw BadText("--table-base or --vrf-id is wanted");
   for (const auto& text : options.vnis) {
     const auto [vlan, vni] = numberPair("--vni", text, UINT16_MAX, Vxlan::Vni::max);
-    if (!settings.vnis.emplace(static_cast<Bridging::ExtendedVlanId>(vlan), vni).second) {
+    if (!settings.vnis.emplace(std::pair(IntfId(), static_cast<Bridging::ExtendedVlanId>(vlan)), vni).second) {
       throw BadText("--vni: VLAN " + std::to_string(vlan) + " twice");
     }
   }
@@ -138,6 +142,10 @@ void mirror(const KernelOptions& options) {
   delivery.emplace(loop, tables);
   const auto lock = lockIn(options.runDir);
   KernelMirror kernelMirror(tables, loop, settings);
+  std::optional<KernelVnis> vnis;
+  if (options.vnis.empty()) {
+    vnis.emplace(loop, options.runDir, options.stateDb, [&](const auto& now) { kernelMirror.vnisAre(now); });
+  }
   ControlSocket control(loop, KernelAnswers::controlPath(options.runDir));
   control.opIs(statusOp, ControlSocket::Access::ask, [&](const auto&) {
     return std::make_unique<StatusReply>(kernelMirror.figures(), refusedRoutes(kernelMirror));
@@ -182,9 +190,9 @@ void flush(const KernelOptions& options) {
 void addKernelCommand(CLI::App& app, ToolContext&) {
   auto options = std::make_shared<KernelOptions>();
   CLI::App* command = app.add_subcommand("kernel", "Mirror published routes into this machine's kernel until SIGTERM");
-  command->footer(
-      "Example: routecache kernel --table-base 1000 --vni 10=10010 --device vxlan0 --run-dir /run/routecache");
+  command->footer("Example: routecache kernel --table-base 1000 --device vxlan0 --run-dir /run/routecache");
   addRunDirOption(*command, options->runDir);
+  addStateDbOptions(*command, options->stateDb);
   command->add_option("--table", options->published, "Which IPv4 routes: what software forwards, or what hardware does")
       ->check(CLI::IsMember({"sfe", "hw"}))
       ->capture_default_str();
@@ -196,7 +204,10 @@ void addKernelCommand(CLI::App& app, ToolContext&) {
   command->add_option("--vrf-id", options->vrfIds, "The kernel's table of the VRF with this hardware id")
       ->type_name("ID=TABLE")
       ->take_all();
-  command->add_option("--vni", options->vnis, "The VNI that routes over this VLAN are sent with")
+  command
+      ->add_option("--vni", options->vnis,
+                   "The VNI that routes over this VLAN are sent with (default: the tunnel interfaces', "
+                   "in the state database)")
       ->type_name("VLAN=VNI")
       ->take_all();
   command

@@ -29,7 +29,7 @@ class AdjacencyReader::Side final : public Table::Reactor {
     Slot slot = firstSlot_;
     for (const auto& adjacency : entry->viaKey()) {
       const auto device = reader_.surroundings_.deviceOf(adjacency.vti());
-      const auto vni = reader_.surroundings_.vniOf(adjacency.extendedVlanId());
+      const auto vni = reader_.surroundings_.vniOf(adjacency.vti(), adjacency.extendedVlanId());
       if (!device || !vni) return State::undecided;
       content.push_back({slot++,
                          {{*device, adjacency.routerMac()}, *vni, IpGenAddr(adjacency.remoteVtepIp())},

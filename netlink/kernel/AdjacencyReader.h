@@ -16,7 +16,7 @@ class AdjacencyReader {
  public:
   // Who knows what the tables do not say. Nothing: not known now.
   struct Surroundings {
-    std::function<std::optional<std::uint32_t>(Bridging::ExtendedVlanId)> vniOf;
+    std::function<std::optional<std::uint32_t>(IntfId, Bridging::ExtendedVlanId)> vniOf;
     std::function<std::optional<std::uint32_t>(IntfId)> deviceOf;  // the number of one that is up
   };
   AdjacencyReader(Pondra::TableService& tables, Surroundings surroundings,

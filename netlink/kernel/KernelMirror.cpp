@@ -35,6 +35,7 @@ void checkRights() {
 
 KernelMirror::KernelMirror(Pondra::TableService& tables, LinuxPlatform::EventLoop& loop, const MirrorSettings& settings)
     : settings_(settings),
+      vnis_(settings.vnis),
       loop_(loop),
       batch_(*this),
       nexthops_(batch_,
@@ -51,10 +52,7 @@ KernelMirror::KernelMirror(Pondra::TableService& tables, LinuxPlatform::EventLoo
   retryTask_ = loop.taskIs("kernelRetryTask", TaskPriority::background, [this] { handleRetry(); });
   adjacencies_ = std::make_unique<AdjacencyReader>(
       tables,
-      AdjacencyReader::Surroundings{[this](Bridging::ExtendedVlanId vlan) -> std::optional<std::uint32_t> {
-                                      const auto vni = settings_.vnis.find(vlan);
-                                      return vni == settings_.vnis.end() ? std::nullopt : std::optional(vni->second);
-                                    },
+      AdjacencyReader::Surroundings{[this](IntfId vti, Bridging::ExtendedVlanId vlan) { return vniOf(vti, vlan); },
                                     [this](IntfId vti) { return deviceOf(vti); }},
       [this](AdjId adjId) { adjacencyWanted(adjId); }, [this] { comparisonWanted(); });
   const auto contextOf = [this]<class Family>(const Family&) {
@@ -173,6 +171,18 @@ std::optional<std::uint32_t> KernelMirror::deviceOf(IntfId vti) {
   if (!wantedDevices_.contains(name)) wantedDevices_.insert(name);
   const auto device = devices_.find(name);
   return device == devices_.end() ? std::nullopt : std::optional(device->second);
+}
+
+std::optional<std::uint32_t> KernelMirror::vniOf(IntfId vti, Bridging::ExtendedVlanId vlan) const {
+  auto vni = vnis_.find({vti, vlan});
+  if (vni == vnis_.end()) vni = vnis_.find({IntfId(), vlan});
+  return vni == vnis_.end() ? std::nullopt : std::optional(vni->second);
+}
+
+void KernelMirror::vnisAre(const TunnelVnis& vnis) {
+  if (vnis == vnis_) return;
+  vnis_ = vnis;
+  comparisonWanted();  // which looks at every adjacency
 }
 
 void KernelMirror::handleLinks() {

@@ -48,6 +48,8 @@ class KernelMirror final : private BatchOutcome {
   // Messages that were to change something.
   std::uint64_t messagesSent() const { return batch_.messagesSent(); }
   void comparisonWanted();
+  // In the place of those that were known.
+  void vnisAre(const TunnelVnis& vnis);
   // The kernel forwards the route as it is published: false also while that is not known.
   bool forwards(std::uint32_t hwVrfId, const IpGenPrefix& prefix) const;
 
@@ -84,6 +86,7 @@ class KernelMirror final : private BatchOutcome {
   void wake();
   void adjacencyWanted(RouteCache::AdjId adjId);
   std::optional<std::uint32_t> deviceOf(IntfId vti);
+  std::optional<std::uint32_t> vniOf(IntfId vti, Bridging::ExtendedVlanId vlan) const;
   void handleLinks();
   void linkIs(const Link& link);
   void handleRetry();
@@ -105,6 +108,7 @@ class KernelMirror final : private BatchOutcome {
   bool removeStrays();
 
   const MirrorSettings settings_;
+  TunnelVnis vnis_;
   LinuxPlatform::EventLoop& loop_;
   KernelBatch batch_;
   KernelNexthops nexthops_;

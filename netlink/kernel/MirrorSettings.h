@@ -5,16 +5,20 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/values/Net.h"
 
 namespace Netlink {
 
+// VNIs of routes over a VLAN of a tunnel interface; the empty interface: of any.
+using TunnelVnis = std::map<std::pair<IntfId, Bridging::ExtendedVlanId>, std::uint32_t>;
+
 struct MirrorSettings {
   // The kernel's table of a VRF: the one named here under its hardware id, or else tableBase + that id.
   std::map<std::uint32_t, std::uint32_t> tables;
   std::optional<std::uint32_t> tableBase;
-  std::map<Bridging::ExtendedVlanId, std::uint32_t> vnis;
+  TunnelVnis vnis;  // as far as they are known from the start
   std::string
       device;  // VXLAN device of all next hops; empty: the one that is called as the next hop's tunnel interface
   std::uint32_t metric = 20;

@@ -88,7 +88,7 @@ class KernelMirrorTest : public testing::Test {
   void SetUp() override {
     if (!network.fault().empty()) GTEST_SKIP() << network.fault();
     settings.tableBase = 1000;
-    settings.vnis = {{vlan, 10010}};
+    settings.vnis = {{{IntfId(), vlan}, 10010}};
     settings.device = "vx";
     settings.routePath = Paths::sfeRoutes;
     settings.route6Path = Paths::hw6Routes;
@@ -196,6 +196,31 @@ TEST_F(KernelMirrorTest, WhatIsPublishedIsForwardedAndARestartChangesNothing) {
   EXPECT_EQ((*mirror)->messagesSent(), 0U);
   EXPECT_EQ(mirror->figure("ipv4Routes"), 2U);
   EXPECT_EQ(mirror->figure("ipv6Routes"), 1U);
+}
+
+TEST_F(KernelMirrorTest, VnisMayBeKnownLaterAndChange) {
+  settings.vnis.clear();
+  adjacencyIs(1, {hop(0x0aff0001)});
+  routeIs("10.1.0.0/24@2", 1);
+  startMirror();
+  const auto forwards = [&] { return (*mirror)->forwards(2, Prefix(IpAddr(0x0a010000), 24)); };
+  EXPECT_EQ(kernel("1002"), "");
+  EXPECT_FALSE(forwards());
+  const auto vniIs = [&](const char* interface, std::uint32_t vni) {
+    return messagesFor([&] { (*mirror)->vnisAre({{{IntfId(interface), vlan}, vni}}); });
+  };
+  EXPECT_EQ(vniIs("another", 10030), 0U);
+  vniIs("Vxlan1", 10010);
+  EXPECT_THAT(nexthops(), HasSubstr("encap ip id 10010"));
+  EXPECT_TRUE(forwards());
+  EXPECT_EQ(vniIs("Vxlan1", 10020), 1U);
+  EXPECT_THAT(nexthops(), HasSubstr("encap ip id 10020"));
+  EXPECT_EQ(vniIs("another", 10030), 0U) << "what is there stays while nobody knows better";
+  EXPECT_TRUE(forwards());
+  adjacencyIs(1, {hop(0x0aff0001, mac1, false)});
+  settle();
+  vniIs("Vxlan1", 10020);
+  EXPECT_FALSE(forwards()) << "it leads nowhere";
 }
 
 TEST_F(KernelMirrorTest, ChangesTakeAsFewMessagesAsTheyCan) {

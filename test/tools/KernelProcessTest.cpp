@@ -30,7 +30,7 @@ class KernelProcessTest : public testing::Test {
     ASSERT_TRUE(agent->says("ready: "));
   }
   void startMirror() {
-    mirror.emplace("kernel --table hw --table-base 1000 --vni 10=10010 --device vx" + inRunDir);
+    mirror.emplace("kernel --table hw --table-base 1000 --device vx" + inRunDir);
     ASSERT_TRUE(mirror->says("ready: "));
   }
   Outcome run(const std::string& arguments) const { return Command(arguments + inRunDir).wait(); }
