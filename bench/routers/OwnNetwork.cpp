@@ -35,7 +35,7 @@ void interfaceIsUp() {
 std::string enterOwnNetwork() {
   if (::access(ipProgram, X_OK) != 0) return std::string(ipProgram) + " is missing";
   if (::unshare(CLONE_NEWNET) != 0) return "no network namespace: " + std::generic_category().message(errno);
-  ip({"link set lo up"});
+  ip({"link set lo up", "link add vx type vxlan external dstport 4789", "link set vx up"});
   interfaceIsUp();
   return "";
 }

@@ -7,7 +7,7 @@
 namespace Bench {
 
 // Puts this process, and those that it starts from now on, into a network namespace of their own with one interface to
-// all next hops of a workload. Returns why that cannot be; empty: it is done.
+// all next hops of a workload, and a VXLAN device "vx". Returns why that cannot be; empty: it is done.
 std::string enterOwnNetwork();
 // Its number, which the kernel knows it by.
 int ownInterface();

@@ -1,6 +1,6 @@
 // What routers of other kinds need for as many routes, in a network namespace of this benchmark's own: the kernel
-// alone, told by netlink, and BIRD, into its own table and on to the kernel. bench/README.md says what the figures
-// mean.
+// alone, told by netlink, the mirror of published routes in it, and BIRD, into its own table and on to the kernel.
+// bench/README.md says what the figures mean.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -12,6 +12,7 @@
 #include "bench/pipeline/PipelineWorkload.h"
 #include "bench/routers/BirdDaemon.h"
 #include "bench/routers/KernelWriter.h"
+#include "bench/routers/MirroredRoutes.h"
 #include "bench/routers/OwnNetwork.h"
 
 namespace Bench {
@@ -60,6 +61,7 @@ class Measurement {
   void run() {
     if (!hasNetwork_) return;
     for (const std::size_t batch : {std::size_t{64}, std::size_t{512}}) kernel(batch);
+    mirror();
     if (hasBird_) bird();
   }
 
@@ -77,6 +79,20 @@ class Measurement {
     add("netlink, batches of " + std::to_string(batch), stopwatch.cpuSeconds());
     require(kernelRoutes() - before == routes_.size(), "the kernel has all routes");
     resetOwnInterface();
+  }
+  void mirror() {
+    add("messages alone", rawRoutes(kernelRoutes_, setsForKernel, 512));
+    const BenchDirectory directory(options_.directory);
+    MirroredRoutes mirrored(directory.path(), kernelRoutes_, setsForKernel);
+    const std::string phase = "routecache kernel";
+    add(phase, mirrored.start());
+    require(mirrored.messagesSent() >= routes_.size(), "the kernel has all routes");
+    figures_.add(phase, "messages alone", figures_.latest("messages alone", "routesPerCpuSecond"));
+    figures_.add("routecache kernel, restarted", "seconds", mirrored.start());
+    require(mirrored.messagesSent() == 0, "a restart changes nothing");
+    figures_.add("routecache kernel, an adjacency", "seconds", mirrored.changeAdjacency());
+    figures_.add("routecache kernel, an adjacency", "messages", static_cast<double>(mirrored.messagesSent()));
+    mirrored.flush();
   }
   void bird() {
     for (const bool exporting : {false, true}) {
@@ -108,6 +124,11 @@ void print(const Options& options, const Figures& /*figures*/) {
 constexpr Bar bars[] = {
     {"netlink, batches of 64", "routesPerCpuSecond", nullptr, Bar::told, "k/s", 1e-3},
     {"netlink, batches of 512", "routesPerCpuSecond", nullptr, Bar::told, "k/s", 1e-3},
+    {"messages alone", "routesPerCpuSecond", nullptr, Bar::told, "k/s", 1e-3},
+    {"routecache kernel", "routesPerCpuSecond", "messages alone", 0.6, "k/s", 1e-3, Bar::atLeast},
+    {"routecache kernel, restarted", "seconds", nullptr, Bar::told, "s"},
+    {"routecache kernel, an adjacency", "seconds", nullptr, Bar::told, "ms", 1e3},
+    {"routecache kernel, an adjacency", "messages", nullptr, Bar::told, "messages"},
     {"BIRD, its own table", "routesPerCpuSecond", nullptr, Bar::told, "k/s", 1e-3},
     {"BIRD, its own table", "bytesPerRoute", nullptr, Bar::told, "bytes"},
     {"BIRD, to the kernel", "routesPerCpuSecond", nullptr, Bar::told, "k/s", 1e-3},
