@@ -489,18 +489,18 @@ void HwRouteSm::decideRoute(const RouteFacts& facts) {
 
 // What is known already is not looked up.
 void HwRouteSm::lookUpFacts(std::span<RouteFacts> facts) const {
-  const auto unless = [](bool known, const RouteFacts& each) {
-    return known || each.isFiled ? std::nullopt : std::optional(each.key);
+  const auto keyIf = [](bool isWanted, const RouteFacts& each) {
+    return isWanted && !each.isFiled ? std::optional(each.key) : std::nullopt;
   };
   lookUp(
-      facts, *in_.ipv4SfeRouteStatus, [&](const RouteFacts& each) { return unless(each.sfeRoute.has_value(), each); },
+      facts, *in_.ipv4SfeRouteStatus, [&](const RouteFacts& each) { return keyIf(!each.sfeRoute, each); },
       [](RouteFacts& each, const auto& route) { each.sfeRoute = route; });
   lookUp(
-      facts, *in_.ipv4HwRouteStatus, [&](const RouteFacts& each) { return unless(each.hwRoute.has_value(), each); },
+      facts, *in_.ipv4HwRouteStatus, [&](const RouteFacts& each) { return keyIf(!each.hwRoute, each); },
       [](RouteFacts& each, const auto& route) { each.hwRoute = route; });
   lookUp(
       facts, *in_.ipv4SfeHitBitStatus,
-      [&](const RouteFacts& each) { return unless(!each.sfeRoute || each.hwRoute, each); },
+      [&](const RouteFacts& each) { return keyIf(each.sfeRoute && !each.hwRoute, each); },
       [](RouteFacts& each, const auto& hit) { each.sfeHitbit = hit ? hit->hitbit() : 0; });
 }
 

@@ -85,10 +85,11 @@ class HwRouteSm final : public Lattis::Entity {
   // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
   void handleThresholdConfig();
   void handleSwRoute(const Key& key);
-  void handleSwRoute();               // every SFE route
-  Pondra::Appetite appetite() const;  // for SFE routes
-  void handleSwWriter();              // whether the SFE's table is reconciled
-  void handleHwRoute();               // every route of the hardware table
+  void handleSwRoute();  // every SFE route
+  // Back-pressure: how many SFE routes it can be told of while its task is about to work; all while that is put off.
+  Pondra::Appetite appetite() const;
+  void handleSwWriter();  // whether the SFE's table is reconciled
+  void handleHwRoute();   // every route of the hardware table
   void handleSfeRouteHit(const Key& key);
   void handleSfeRouteHit();  // every route with an SFE hit bit
   // Counts only while Config::ageingKeepsRoute is set.

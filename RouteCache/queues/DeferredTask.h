@@ -54,7 +54,7 @@ class DeferredTask {
  private:
   std::string name_;
   const Platform::TraceHandle& trace_;
-  std::shared_ptr<bool> isDue_;
+  std::shared_ptr<bool> isDue_;  // shared with the task's body, so that this object may be moved
   std::unique_ptr<Platform::Task> task_;
 };
 

@@ -40,7 +40,8 @@ struct NexthopSet {
 class NexthopSets {
  public:
   using Key = Routing::Rib::ViaKey;
-  using Value = NexthopSet*;  // until dropSome()
+  // Stays where it is while others come; until dropSome(), which is for the time between two runs.
+  using Value = NexthopSet*;
   // A stream of changes that never ends brings ever new ones: beyond so many some are dropped in between.
   static constexpr std::size_t most = 65536;
 

@@ -245,19 +245,21 @@ void SwRouteSm::handleLeftoverProcessing() {
 // After a run that visited routes: those that are left wait for the next round; when none is, a restart has come to an
 // end.
 void SwRouteSm::routesProcessed(std::uint64_t handled) {
-  const bool handledAll = !routeToProcess_.hasFresh() && !configWalk_.pending();
-  const bool atRest = handledAll && in_.routeConfig->quiesced() && in_.route6Config->quiesced();
+  const bool allDecided = !routeToProcess_.hasFresh() && !configWalk_.pending();
+  const bool atRest = allDecided && in_.routeConfig->quiesced() && in_.route6Config->quiesced();
   const bool foundNothing = atRest && handled == 0;
   if (foundNothing || nexthopSets_.size() > NexthopSets::most) nexthopSets_.dropSome();
-  if (handledAll && !(atRest && nexthopSets_.size() == 0)) lookAgain(foundNothing);
+  if (allDecided && !(atRest && nexthopSets_.size() == 0)) lookAgain(foundNothing);
   if (atRest) processedOnce_ = true;
   reconcile();
   if (routeToProcess_.leftoverCount() > 0) scheduleLeftoverProcessingTask(routeProcessingIntervalDefer_);
   if (routeToProcess_.empty() && atRest) endRestart();
 }
 
-// Nobody tells that a stream of changes has ended, or that the tables have come to rest: the task asks, a second after
-// it had nothing left to do. Once a run has found nothing the next-hop sets go, some in each run that follows at once.
+// When everything is decided that the machine was told of:
+//   the tables are not at rest     it asks again a second later: the followers hand on no word of it when they are
+//   at rest, and something done    likewise: a stream of changes has ended when a run finds nothing
+//   at rest, and nothing done      some next-hop sets go, and another run follows at once, until none is left
 void SwRouteSm::lookAgain(bool foundNothing) {
   constexpr double quiet = 1;  // seconds
   scheduleRouteProcessingTask(foundNothing ? routeProcessingInterval_ : std::max(quiet, routeProcessingInterval_));

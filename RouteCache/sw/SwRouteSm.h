@@ -85,8 +85,10 @@ class SwRouteSm final : public Lattis::Entity, private Underlay::User {
 
   // --- Reactions: they queue, tasks work -------------------------------------------------------------------------
   void handleRoute(const RouteKey& key);
-  void handleRoute();                 // every configured route
-  Pondra::Appetite appetite() const;  // for configured routes
+  void handleRoute();  // every configured route
+  // Back-pressure: how many configured routes it can be told of while its task is about to work; all while that is put
+  // off.
+  Pondra::Appetite appetite() const;
   void handleHwRoute(const Ipv4RouteVrfKey& key);
   void handleVrfId(std::uint32_t piVrfId);
   // Queues every configured route; a walk that the route-processing task does in slices. Asked for again while it runs,

@@ -21,7 +21,7 @@ void ChangeFollower::start(const TableView& view) {
       remember(slot, told(contents.version()), image.keyIn(contents));
     }
   }
-  scannedUntil_ = view.headSequence() + 1;
+  slotsAreSeen();
 }
 
 void ChangeFollower::restart(const TableView& view) {
@@ -238,8 +238,8 @@ void ChangeFollower::tellSlot(std::uint32_t slot, const KeyWords* changed, Liste
     const bool wasLive = knownLive(slot);
     const KeyWords before = wasLive ? knownKey(slot) : KeyWords{};
     const bool nowLive = isLive(version);
-    // What came and went before anybody looked is not told yet: it may be known from the slot that it moved from. A
-    // look at all slots meets it there.
+    // A look at a slot has the slot's own key; the ring has the key that changed, which may have come and gone before
+    // anybody looked: that one is told below, and remembered, for it may be known from the slot that it moved from.
     remember(slot, told(version), nowLive || changed == nullptr ? key : *changed);
     // All of them are told, whatever the listener wants after the first: the memory has moved on.
     const std::uint64_t sequence = sequenceOf(version);

@@ -124,8 +124,8 @@ class ChangeFollower {
   Slots scan_;                      // in this round
   Slots nextRound_;                 // that the round has passed by already; empty when it is
   bool forgotten_ = false;
-  // The table's changes when slots were last looked at, and one that may have been under way: of a move up to then
-  // nobody knows whether that look has met the entry, so it is told.
+  // Moves up to this sequence are told: a look at all slots may have missed the entry between two of them. It is the
+  // table's last change when slots were looked at, and one more, which may have been under way.
   std::uint64_t scannedUntil_ = 0;
 };
 

@@ -163,7 +163,7 @@ void TableCollection::reconciledIs() {
   writerFor("ReconciledIs");
   if (reconciled()) return;
   ownWords_.reconciled = ownWords_.generation;
-  unflushed_ = 0;
+  unheardWrites_ = 0;
   storeWriterWords(*file_);
   if (follower_ && dueIs()) context_->wantDelivery();
 }
@@ -221,7 +221,7 @@ void TableCollection::finishIndexes() const {
   if (!writer_ || writer_->verified()) return;
   const std::uint64_t before = writer_->sequence();
   writer_->finishIndexes();
-  if (writer_->sequence() != before) unflushedIs();
+  if (writer_->sequence() != before) writeIsNoted();
 }
 
 std::optional<std::size_t> TableCollection::find(Bytes key, MutableBytes value) const {
@@ -305,8 +305,8 @@ bool TableCollection::erase(Bytes key) {
 }
 
 void TableCollection::written() {
-  unflushedIs();
-  if (unflushed_ >= writesPerFlush) tell();
+  writeIsNoted();
+  if (unheardWrites_ >= writesPerFlush) ringDoorbell();
   if (follower_ && dueIs()) context_->wantDelivery();
 }
 
@@ -316,19 +316,19 @@ bool TableCollection::dueIs() {
   return true;
 }
 
-void TableCollection::unflushedIs() const {
-  ++unflushed_;
+void TableCollection::writeIsNoted() const {
+  ++unheardWrites_;
   if (!std::exchange(isUnflushed_, true)) context_->unflushed.push_back(weak_from_this());
 }
 
 void TableCollection::flush() const {
   isUnflushed_ = false;
-  tell();
+  ringDoorbell();
 }
 
-void TableCollection::tell() const {
-  if (unflushed_ == 0 || !file_) return;
-  unflushed_ = 0;
+void TableCollection::ringDoorbell() const {
+  if (unheardWrites_ == 0 || !file_) return;
+  unheardWrites_ = 0;
   file_->ringDoorbell();
 }
 
@@ -351,7 +351,7 @@ class NobodyListens final : public ChangeFollower::Listener {
 }  // namespace
 
 std::uint64_t TableCollection::follow(Sink* sink) {
-  const auto prepared = sink_ == nullptr ? std::exchange(follower_, nullptr) : nullptr;
+  const auto prepared = isTakingStock() ? std::exchange(follower_, nullptr) : nullptr;
   sink_ = nullptr;
   follower_.reset();
   streaming_ = false;
@@ -522,7 +522,7 @@ void TableCollection::adoptReplacement() {
   if (!same) brokenTold_ = false;
   const bool appeared = !file_;
   if (!appeared) sequenceBase_ = nextBase();
-  if (sink_ == nullptr) follower_.reset();  // it takes stock of the other file anew
+  if (isTakingStock()) follower_.reset();  // it takes stock of the other file anew
   const auto old = std::exchange(file_, std::move(next));
   const std::optional<TableView> oldView = std::exchange(view_, TableView(file_->image(), report_));
   if (!follower_) return;
@@ -568,7 +568,7 @@ void TableCollection::putBack() {
 }
 
 void TableCollection::copyWholeEntries() {
-  if (sink_ == nullptr) follower_.reset();
+  if (isTakingStock()) follower_.reset();
   const auto old = file_;  // the follower's until it has gone over
   const std::uint64_t base = nextBase();
   notCopied_ = true;

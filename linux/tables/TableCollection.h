@@ -153,12 +153,20 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   class Delivery;
   bool deliverKeys(const std::shared_ptr<ChangeFollower>& follower, const std::function<bool()>& shouldYield);
   void refuseFile(const FileIdentity& identity, const Pondra::TableError& error);
-  void unflushedIs() const;
-  void tell() const;
+  void writeIsNoted() const;
+  void ringDoorbell() const;
   void written();
   TableWriter& writerFor(std::string_view operation);
   [[noreturn]] void refuse(std::string_view operation, const std::string& text) const;
 
+  // Of the one that a delivery or a preparation goes on with: no sink is there that it could tell.
+  bool isTakingStock() const { return follower_ != nullptr && sink_ == nullptr; }
+
+  // What a writer's open() has come to:
+  //   file_ null         nothing; beginWriting() makes the file, or takes the one that is there
+  //   writer_ null       a new file is being prepared, part by part (isNew_)
+  //   opened_ false      the writer takes over what is in the file, part by part
+  //   opened_            done
   std::shared_ptr<TableServiceContext> context_;
   std::string path_;
   Pondra::MountKind kind_;
@@ -171,9 +179,9 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   std::shared_ptr<TableFile> file_;
   std::optional<TableView> view_;
   std::unique_ptr<TableWriter> writer_;
-  WriterWords ownWords_;                 // a writer's
-  mutable std::uint32_t unflushed_ = 0;  // writes since the last flush, or that the indexes were built anew
-  mutable bool isUnflushed_ = false;     // named in the context
+  WriterWords ownWords_;                     // a writer's
+  mutable std::uint32_t unheardWrites_ = 0;  // since the doorbell rang last; the indexes built anew count for one
+  mutable bool isUnflushed_ = false;         // named in the context
   RoomNotice room_;
   std::string notPutBack_;  // why the file could not be put back when that was last tried
   bool notCopied_ = false;  // because there was no room for a copy of the entries
@@ -181,7 +189,8 @@ class TableCollection final : public Pondra::SharedCollection, public std::enabl
   QuietClock quietClock_;
 
   Sink* sink_ = nullptr;
-  std::shared_ptr<ChangeFollower> follower_;  // there while a sink is, or is expected: then it tells nobody
+  // Null: nobody follows. Without a sink: prepareToFollow() takes stock, and tells nobody. With one: it is told.
+  std::shared_ptr<ChangeFollower> follower_;
   bool listenerIsBusy_ = false;
   bool streaming_ = false;          // the sink has been told of a change and not yet of their end
   WriterWords toldWriter_;          // what the sink knows of the writer
