@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/Output.h"
+#include "linux/control/ControlClient.h"
 #include "linux/control/ControlOperations.h"
 #include "linux/control/ControlSocket.h"
 #include "linux/files/OwnFiles.h"
@@ -92,7 +93,7 @@ class DatabaseKeeper final : public Netlink::StateKeeper {
   Outcome keep(const Netlink::StateEntities& state) override {
     keptIn_ = agent();
     Outcome outcome;
-    const auto access = stateAccess(runDir_, stateDb_);
+    const auto access = stateAccess(runDir_, stateDb_, longPatience);
     for (const auto& [path, wanted] : state) {
       std::vector<Netlink::StateField> held;
       access->fieldsOf(path, [&](const auto& field, const auto& value) { held.push_back({field, value}); });

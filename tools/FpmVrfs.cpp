@@ -1,9 +1,12 @@
 #include "tools/FpmVrfs.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <set>
 #include <utility>
 
 #include "lib/statedb/EntityFields.h"
+#include "linux/control/ControlClient.h"
 #include "platform/values/Paths.h"
 #include "tools/commandline/Common.h"
 
@@ -14,6 +17,7 @@ namespace {
 using Platform::BadText;
 
 constexpr double askInterval = 2;  // seconds
+constexpr double longestInterval = 16;
 
 }  // namespace
 
@@ -39,7 +43,6 @@ FpmVrfs::FpmVrfs(LinuxPlatform::EventLoop& loop, const std::vector<std::string>&
 }
 
 void FpmVrfs::handleAsking() {
-  askingTask_->scheduleWithin(askInterval);
   std::string fault;
   try {
     ask();
@@ -49,15 +52,26 @@ void FpmVrfs::handleAsking() {
   }
   if (fault != fault_) std::fprintf(stderr, "fpm: %s\n", fault.empty() ? "names are known again" : fault.c_str());
   fault_ = fault;
+  // One that does not answer is not waited for all the time.
+  interval_ = fault.empty() ? askInterval : std::min(2 * interval_, longestInterval);
+  askingTask_->scheduleWithin(interval_);
 }
 
 void FpmVrfs::ask() {
-  const auto access = stateAccess(runDir_, stateDb_);
+  const auto access = stateAccess(runDir_, stateDb_, briefPatience);
   const auto read = [&](const char* path, std::map<std::string, std::uint32_t>& ids) {
+    std::map<std::string, std::uint32_t> now;
     access->fieldsOf(path, [&](const auto& field, const auto& value) {
       const auto name = LinuxPlatform::parseField(field).front().key;
-      if (name && value) ids[*name] = Platform::fromText<std::uint32_t>(*value);
+      if (name && value) now[*name] = Platform::fromText<std::uint32_t>(*value);
     });
+    // Nobody else has taken its id.
+    std::set<std::uint32_t> taken;
+    for (const auto& [name, id] : now) taken.insert(id);
+    for (const auto& [name, id] : ids) {
+      if (!taken.contains(id)) now.emplace(name, id);
+    }
+    ids = std::move(now);
   };
   read(Paths::vrfNames, ids_);
   if (wantsHardwareIds_) read(Paths::hwRouteStatus, hardwareIds_);

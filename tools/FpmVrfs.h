@@ -40,7 +40,8 @@ class FpmVrfs {
   // As they were said last.
   std::map<std::string, std::uint32_t> ids_;
   std::map<std::string, std::uint32_t> hardwareIds_;
-  std::string fault_;  // why the database did not answer the last time
+  double interval_ = 2;  // seconds to the next time
+  std::string fault_;    // why the database did not answer the last time
   std::unique_ptr<Platform::Task> askingTask_;
 };
 

@@ -1,6 +1,7 @@
 // What a running `routecache kernel` is asked by other processes.
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -14,8 +15,8 @@ std::string controlPath(const std::string& runDir);
 // Stays when the process ends: where it is not, none has ever run.
 std::string lockPath(const std::string& runDir);
 
-// Which of the routes the kernel forwards; none of them while the process does not answer. Nothing: there has never
-// been one in this run directory.
-std::vector<bool> forwarded(const std::string& runDir, std::span<const Netlink::ForwardedRoute> routes);
+// Which of the routes the kernel forwards. Empty: there has never been a mirror in this run directory; nothing: there
+// is one, and it does not answer.
+std::optional<std::vector<bool>> forwarded(const std::string& runDir, std::span<const Netlink::ForwardedRoute> routes);
 
 }  // namespace Tools::KernelAnswers

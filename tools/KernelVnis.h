@@ -25,7 +25,8 @@ class KernelVnis {
   const std::string runDir_;
   const StateDbOptions stateDb_;
   const Take take_;
-  std::string fault_;  // why the database did not answer the last time
+  double interval_ = 1;  // seconds to the next time
+  std::string fault_;    // why the database did not answer the last time
   std::unique_ptr<Platform::Task> askingTask_;
 };
 

@@ -21,18 +21,18 @@ namespace Tools {
 
 namespace {
 
-constexpr int answerSeconds = 30;  // without a byte from the agent
 constexpr const char* makesNoSense = "its answer makes no sense";
 
 class Connection {
  public:
-  Connection(const std::string& path, std::string who)
+  Connection(const std::string& path, std::string who, double patience)
       : who_(std::move(who)), fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) fail("its path is too long for a socket");
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const timeval timeout{answerSeconds, 0};
+    const auto seconds = static_cast<time_t>(patience);
+    const timeval timeout{seconds, static_cast<suseconds_t>((patience - static_cast<double>(seconds)) * 1e6)};
     setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     setsockopt(fd_.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout,
                sizeof timeout);  // of connect, too, while many others wait
@@ -102,8 +102,8 @@ class Connection {
   std::size_t start_ = 0;  // of the first byte that has not been handed out
 };
 
-Connection agentIn(const std::string& runDirectory) {
-  return {LinuxPlatform::RunDirectory::controlPath(runDirectory), "the agent in " + runDirectory};
+Connection agentIn(const std::string& runDirectory, double patience) {
+  return {LinuxPlatform::RunDirectory::controlPath(runDirectory), "the agent in " + runDirectory, patience};
 }
 
 // What cannot be sent as it is must not become something else on its way.
@@ -133,7 +133,8 @@ struct AgentConnection::State {
   Connection connection;
 };
 
-AgentConnection::AgentConnection(const std::string& runDirectory) : state_(new State{agentIn(runDirectory)}) {}
+AgentConnection::AgentConnection(const std::string& runDirectory, double patience)
+    : state_(new State{agentIn(runDirectory, patience)}) {}
 AgentConnection::~AgentConnection() = default;
 
 void AgentConnection::ask(const Json& request, const std::function<void(const Json&)>& content) {
@@ -149,7 +150,7 @@ void askAgent(const std::string& runDirectory, const Json& request, const std::f
 void askAgentForBytes(const std::string& runDirectory, const Json& request,
                       const std::function<void(std::string_view)>& content) {
   checkUtf8(request);
-  Connection connection = agentIn(runDirectory);
+  Connection connection = agentIn(runDirectory, longPatience);
   ask(connection, request, [&](const Json& line) {
     const auto count = line.find("bytes");
     if (count == line.end() || !count->is_number_unsigned()) connection.fail(makesNoSense);
@@ -158,9 +159,9 @@ void askAgentForBytes(const std::string& runDirectory, const Json& request,
 }
 
 void askProcess(const std::string& socketPath, const std::string& who, const Json& request,
-                const std::function<void(const Json&)>& content) {
+                const std::function<void(const Json&)>& content, double patience) {
   checkUtf8(request);
-  Connection connection(socketPath, who);
+  Connection connection(socketPath, who, patience);
   ask(connection, request, content);
 }
 

@@ -16,10 +16,14 @@ using Json = nlohmann::ordered_json;
 // UTF-8; std::runtime_error with one line when no agent answers.
 void askAgent(const std::string& runDirectory, const Json& request, const std::function<void(const Json&)>& content);
 
+// Seconds without a byte from the other side: of a person who waits, and of a process that has other things to do.
+inline constexpr double longPatience = 30;
+inline constexpr double briefPatience = 0.5;
+
 // The same for several requests, one after the other. One that is refused does not end it.
 class AgentConnection {
  public:
-  explicit AgentConnection(const std::string& runDirectory);
+  explicit AgentConnection(const std::string& runDirectory, double patience = longPatience);
   ~AgentConnection();
   AgentConnection(const AgentConnection&) = delete;
   AgentConnection& operator=(const AgentConnection&) = delete;
@@ -37,6 +41,6 @@ void askAgentForBytes(const std::string& runDirectory, const Json& request,
 // The same of another process that answers on a control socket of its own, at this path; `who` is what complaints call
 // it.
 void askProcess(const std::string& socketPath, const std::string& who, const Json& request,
-                const std::function<void(const Json&)>& content);
+                const std::function<void(const Json&)>& content, double patience = longPatience);
 
 }  // namespace Tools

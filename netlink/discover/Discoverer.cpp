@@ -13,6 +13,7 @@ namespace Netlink {
 namespace {
 
 constexpr double firstRetry = 1;
+constexpr int surveysForLoss = 2;      // beside the first
 constexpr double pausePerSurvey = 10;  // times as long as it took
 
 }  // namespace
@@ -60,6 +61,9 @@ void Discoverer::handleSurvey() {
   Survey survey;
   try {
     survey = surveyMachine();
+    // A dump beside other changes may lack what is there, without a word of it: only what several lack is gone.
+    for (int i = 0; survey_ && i < surveysForLoss && lacksOf(survey, *survey_); ++i)
+      addMissing(survey, surveyMachine());
   } catch (const std::system_error& error) {
     return fail(error.what());
   }
@@ -76,6 +80,10 @@ void Discoverer::handleSurvey() {
 // The keeper may have been changed by others, too, or have come back with less than it had.
 void Discoverer::handleLook() {
   lookTask_->scheduleWithin(intervals_.look);
+  if (!isKept_ && keeper_.isAnother()) {  // the one that was out of reach has come back
+    retry_ = 0;
+    surveyTask_->scheduleWithin(0);
+  }
   const bool isDue = isKept_ && loop_.now() - keptAt_ >= intervals_.compare;
   if (!isDue && (!isKept_ || !keeper_.isAnother())) return;
   isKept_ = false;

@@ -3,6 +3,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <optional>
 
 #include "netlink/messages/Dump.h"
@@ -82,6 +83,22 @@ Survey surveyMachine() {
   surveyAddresses(survey);
   surveyUnderlay(survey);
   return survey;
+}
+
+bool lacksOf(const Survey& now, const Survey& before) {
+  const auto lacks = [](const auto& all, const auto& wanted) {
+    return std::ranges::any_of(wanted, [&](const auto& each) { return !all.contains(each.first); });
+  };
+  return lacks(now.tunnels, before.tunnels) || lacks(now.vrfTables, before.vrfTables) ||
+         lacks(now.underlay, before.underlay);
+}
+
+void addMissing(Survey& now, const Survey& other) {
+  now.tunnels.insert(other.tunnels.begin(), other.tunnels.end());
+  now.vrfTables.insert(other.vrfTables.begin(), other.vrfTables.end());
+  now.underlay.insert(other.underlay.begin(), other.underlay.end());
+  if (now.loopback4.isZero()) now.loopback4 = other.loopback4;
+  if (now.loopback6.isZero()) now.loopback6 = other.loopback6;
 }
 
 bool concernsSurvey(const nlmsghdr& message) {

@@ -31,6 +31,10 @@ struct Survey {
 // Throws std::system_error.
 Survey surveyMachine();
 
+// Whether something of `before` is not in `now`; and puts what only `other` has into `now`.
+bool lacksOf(const Survey& now, const Survey& before);
+void addMissing(Survey& now, const Survey& other);
+
 // Whether a survey after this announcement may be another than the one before.
 bool concernsSurvey(const nlmsghdr& message);
 

@@ -123,31 +123,41 @@ void FpmRib::withdrawFromOneOf(const std::set<std::uint32_t>& vrfs, const FpmRou
   std::size_t count = 0;
   for (const std::uint32_t vrf : vrfs) {
     const auto found = learned_.find(RouteKey(vrf, route.prefix));
-    if (found == learned_.end() || found->second.isGone) continue;
-    if (found->second.table != route.table && found->second.table != 0) continue;
+    // One that this session has not said is left to the end of the replay.
+    if (found == learned_.end() || found->second.isGone || found->second.session != session_) continue;
+    if (found->second.table != route.table) continue;
     only = found->first;
     ++count;
   }
   if (count == 0) return;
   const bool isCertain = !otherRoutes_.contains(inTable) && otherRoutes_.size() < mostLearned_;
   if (count == 1 && isCertain) return withdraw(*only, route.metric);
+  if (route.isThere) {
+    // Told apart once, the two go on beside each other until one of them goes.
+    if (!besideEachOther_.insert(inTable).second) return;
+  } else {
+    besideEachOther_.erase(inTable);
+  }
   ++ambiguous_;
   wantsReplay_ = true;
 }
 
 void FpmRib::vrfsAre(const RouteVrfs& vrfs) {
   if (vrfs == vrfs_) return;
-  std::set<std::uint32_t> before;
-  for (const auto* map : {&vrfs_.byTable, &vrfs_.byVni}) {
-    for (const auto& [said, vrf] : *map) before.insert(vrf);
-  }
-  vrfs_ = vrfs;
+  const auto isOf = [](const RouteVrfs& all, std::uint32_t table, std::uint32_t vrfId) {
+    const auto hasVrf = [vrfId](const auto& named) { return named.second == vrfId; };
+    return all.ofTable(table) == vrfId || std::ranges::any_of(all.byVni, hasVrf);
+  };
+  const RouteVrfs before = std::exchange(vrfs_, vrfs);
   wantsReplay_ = isConnected_;
-  for (const auto* map : {&vrfs_.byTable, &vrfs_.byVni}) {
-    for (const auto& [said, vrf] : *map) before.erase(vrf);
-  }
   for (auto& route : learned_) {
-    if (!before.contains(route.first.vrfId())) continue;
+    const std::uint32_t table = route.second.table;
+    const std::uint32_t vrfId = route.first.vrfId();
+    // Of one that nobody has said yet the table is not known: it stays, unless no table leads to its VRF any more.
+    const auto hasVrf = [vrfId](const auto& named) { return named.second == vrfId; };
+    const bool wasNamed = std::ranges::any_of(before.byTable, hasVrf) || std::ranges::any_of(before.byVni, hasVrf);
+    const bool isNamed = std::ranges::any_of(vrfs_.byTable, hasVrf) || std::ranges::any_of(vrfs_.byVni, hasVrf);
+    if (table != 0 ? isOf(vrfs_, table, vrfId) : isNamed || !wasNamed) continue;
     route.second.isGone = true;
     queue(route);
   }
@@ -387,7 +397,10 @@ std::optional<FpmRib::Said> FpmRib::said(const RouteKey& key) const {
   if (found == learned_.end() || found->second.isGone || found->second.session != session_) return std::nullopt;
   const Learned& learned = found->second;
   if (learned.source == nullptr || learned.source->second.state == SourceState::noOverlay) return std::nullopt;
-  return Said{learned.table, learned.protocol, learned.hasMetric ? std::optional(learned.metric) : std::nullopt};
+  const Source& source = learned.source->second;
+  const bool isWritten = source.state == SourceState::ready && learned.viaKey == source.viaKey;
+  return Said{learned.table, learned.protocol, learned.hasMetric ? std::optional(learned.metric) : std::nullopt,
+              isWritten};
 }
 
 std::optional<FpmRib::RouteKey> FpmRib::behind(const std::optional<RouteKey>& key) const {

@@ -59,6 +59,8 @@ class FpmRib {
   // Something was said that could not be understood, or that was not heeded and would be now: all has to be said again,
   // in another session. Which one that is nobody says before.
   bool wantsReplay() const { return wantsReplay_; }
+  // The replay before has not come to its end yet.
+  bool hasStale() const { return stale_ > 0; }
 
   // --- For whoever answers the suite ---
   // Hears of routes that were said. None but this one; it outlives the rib or takes itself away.
@@ -74,6 +76,7 @@ class FpmRib {
     std::uint32_t table = 0;
     std::uint8_t protocol = 0;
     std::optional<std::uint32_t> metric;
+    bool isWritten = false;  // the table has it as it was said last
   };
   std::optional<Said> said(const RouteKey& key) const;
   // The route behind this one, said or not; without one the first.
@@ -176,6 +179,8 @@ class FpmRib {
   std::uint64_t ambiguous_ = 0;
   // Where VRFs share tables: what was also said, in this session, for routes that are no overlay routes; by table.
   std::unordered_set<RouteKey, Platform::Hasher> otherRoutes_;
+  // ... and of which a replay has told that an overlay route has the same prefix; in any session.
+  std::unordered_set<RouteKey, Platform::Hasher> besideEachOther_;
 
   std::unique_ptr<Platform::Task> processingTask_;
   std::unique_ptr<Platform::Task> quietTask_;

@@ -160,6 +160,10 @@ void FpmServer::lookForReplay() {
 void FpmServer::handleReplay() {
   isReplayDue_ = false;
   if (!sessionFd_ || !rib_.wantsReplay()) return;
+  if (rib_.hasStale()) {  // what it is for may be answered by the one that is under way
+    isReplayDue_ = true;
+    return replayTask_->scheduleWithin(replayDelay);
+  }
   std::fputs("fpm: the session is closed, to hear all routes again\n", stderr);
   replayedAt_ = loop_.now();
   closeSession();

@@ -39,13 +39,18 @@ class PublishedRoutes::Adjacencies final : public Table::Reactor {
   Adjacencies(Pondra::TableService& tables, const char* path, Listener& listener)
       : Table::Reactor((tables.mountWhenReadable(path, Table::typeName), tables.get<Table>(path))),
         table_(tables.get<Table>(path)),
-        listener_(listener) {}
+        listener_(listener) {
+    takeStock();
+  }
   void handleEntry(const AdjId& adjId) override {
     const bool leadsNow = leads(adjId);
     const bool hasChanged = leadsNow ? leading_.insert(adjId).second : leading_.erase(adjId);
     if (hasChanged) listener_.handleAllPublished();
   }
-  void handleMountStatus() override { listener_.handleAllPublished(); }
+  void handleMountStatus() override {
+    takeStock();
+    listener_.handleAllPublished();
+  }
 
   bool leads(AdjId adjId) const {
     const auto entry = table_->mounted() ? table_->adj(adjId) : std::nullopt;
@@ -54,6 +59,14 @@ class PublishedRoutes::Adjacencies final : public Table::Reactor {
   }
 
  private:
+  void takeStock() {
+    leading_ = RouteCache::FlatSet<AdjId>();
+    if (!table_->mounted()) return;
+    for (const auto& entry : *table_) {
+      if (leads(entry.key())) leading_.insert(entry.key());
+    }
+  }
+
   const std::shared_ptr<const Table> table_;
   Listener& listener_;
   RouteCache::FlatSet<AdjId> leading_;

@@ -58,6 +58,14 @@ void RouteFeedback::handleSession() {
   walks_ = false;
 }
 
+// Said again, the suite waits for an answer again.
+void RouteFeedback::handleRoute(const RouteKey& key) {
+  State& state = states_[key];
+  state.told = Told::nothing;
+  state.doubtedSince = -1;
+  queue(key);
+}
+
 void RouteFeedback::handlePublished(std::uint32_t hwVrfId, const IpGenPrefix& prefix) {
   const auto vrf = vrfIds_.find(hwVrfId);
   if (vrf != vrfIds_.end()) queue(RouteKey(vrf->second, prefix));
@@ -110,8 +118,8 @@ void RouteFeedback::process(const RouteKey& key) {
     states_.erase(key);
     return;
   }
-  if (hwVrfId == hwVrfIds_.end()) return;
   State& state = states_[key];
+  if (hwVrfId == hwVrfIds_.end() || !said->isWritten) return doubt(key, state);
   if (!published_->forwards(hwVrfId->second, key.prefix())) return doubt(key, state);
   if (state.told == Told::offloaded) {
     state.doubtedSince = -1;
@@ -126,25 +134,37 @@ void RouteFeedback::doubt(const RouteKey& key, State& state) {
   const double now = tasks_.now();
   if (state.doubtedSince < 0) {
     state.doubtedSince = now;
-    deadlines_.push_back({now + settings_.failAfter, key});
-    deadlineTask_->scheduleWithin(settings_.failAfter);
-    return;
+    return deadlineIs(key, state);
   }
-  if (now - state.doubtedSince < settings_.failAfter) return;
-  if (!published_->isReconciled()) {  // an agent that has just begun has not said all that it has to say
-    deadlines_.push_back({now + settings_.failAfter, key});
-    return deadlineTask_->scheduleWithin(settings_.failAfter);
-  }
+  if (now - state.doubtedSince < settings_.failAfter) return deadlineIs(key, state);
+  // An agent that has just begun has not said all that it has to say.
+  if (!published_->isReconciled()) return deadlineIs(key, state);
   if (const auto said = rib_.said(key)) tell(key, *said, Told::failed);
+}
+
+void RouteFeedback::deadlineIs(const RouteKey& key, State& state) {
+  if (std::exchange(state.hasDeadline, true)) return;
+  deadlines_.push_back({tasks_.now() + settings_.failAfter, key});
+  deadlineTask_->scheduleWithin(settings_.failAfter);
+}
+
+void RouteFeedback::recheck(const RouteKey& key, State& state) {
+  if (std::exchange(state.hasRecheck, true)) return;
+  rechecks_.push_back({tasks_.now() + settings_.recheck, key});
+  deadlineTask_->scheduleWithin(settings_.recheck);
 }
 
 void RouteFeedback::handleDeadlines() {
   const double now = tasks_.now();
   for (auto* deadlines : {&deadlines_, &rechecks_}) {
     while (!deadlines->empty() && deadlines->front().at <= now) {
+      if (deadlineTask_->shouldYield()) return deadlineTask_->scheduleWithin(0);
       const RouteKey key = deadlines->front().key;
       deadlines->pop_front();
-      if (states_.contains(key)) queue(key);
+      const auto state = states_.find(key);
+      if (state == states_.end()) continue;
+      (deadlines == &deadlines_ ? state->second.hasDeadline : state->second.hasRecheck) = false;
+      queue(key);
     }
     if (!deadlines->empty()) deadlineTask_->scheduleWithin(deadlines->front().at - now);
   }
@@ -158,20 +178,25 @@ void RouteFeedback::tellForwarded() {
     const auto hwVrfId = hwVrfIds_.find(key.vrfId());
     routes.push_back({hwVrfId == hwVrfIds_.end() ? 0 : hwVrfId->second, key.prefix()});
   }
-  const std::vector<bool> inKernel = inKernel_(routes);
+  const auto inKernel = inKernel_(routes);
   for (std::size_t i = 0; i < keys.size(); ++i) {
     const auto said = rib_.said(keys[i]);
     State& state = states_[keys[i]];
     if (!said || state.told == Told::offloaded) continue;
-    if (inKernel.empty() || inKernel[i]) {
+    if (!inKernel) {  // nobody can say
+      recheck(keys[i], state);
+      continue;
+    }
+    if (inKernel->empty() || (*inKernel)[i]) {
       tell(keys[i], *said, Told::offloaded);
       continue;
     }
     doubt(keys[i], state);
-    const bool isLate = state.told == Told::failed;  // it is not asked for all the time then
-    const double delay = isLate ? settings_.failAfter : settings_.recheck;
-    (isLate ? deadlines_ : rechecks_).push_back({tasks_.now() + delay, keys[i]});
-    deadlineTask_->scheduleWithin(delay);
+    if (state.told == Told::failed) {  // it is not asked for all the time then
+      deadlineIs(keys[i], state);
+    } else {
+      recheck(keys[i], state);
+    }
   }
 }
 

@@ -49,8 +49,9 @@ class RouteFeedback final : private PublishedRoutes::Listener, private FpmRib::L
     double failAfter = 10;  // seconds that a route may be forwarded by nobody before that is told
     double recheck = 0.25;  // seconds until the kernel is asked again for what it has not yet
   };
-  // Which of the routes the kernel's mirror has carried out; nothing: there is no mirror, and the tables count.
-  using InKernel = std::function<std::vector<bool>(std::span<const ForwardedRoute>)>;
+  // Which of the routes the kernel's mirror has carried out. Empty: there is no mirror, and the tables count; nothing:
+  // there is one, and it does not answer.
+  using InKernel = std::function<std::optional<std::vector<bool>>(std::span<const ForwardedRoute>)>;
 
   // All of them outlive it.
   RouteFeedback(Pondra::TableService& tables, Platform::TaskScheduler& tasks, FpmRib& rib, FeedbackSink& sink,
@@ -70,6 +71,8 @@ class RouteFeedback final : private PublishedRoutes::Listener, private FpmRib::L
   struct State {
     Told told = Told::nothing;
     bool isQueued = false;
+    bool hasDeadline = false;
+    bool hasRecheck = false;
     double doubtedSince = -1;  // seconds; negative: it is not
   };
   struct Deadline {
@@ -77,7 +80,7 @@ class RouteFeedback final : private PublishedRoutes::Listener, private FpmRib::L
     RouteKey key;
   };
 
-  void handleRoute(const RouteKey& key) override { queue(key); }
+  void handleRoute(const RouteKey& key) override;
   void handleSession() override;
   void handlePublished(std::uint32_t hwVrfId, const IpGenPrefix& prefix) override;
   void handleAllPublished() override;
@@ -88,6 +91,8 @@ class RouteFeedback final : private PublishedRoutes::Listener, private FpmRib::L
   void handleDeadlines();
   void process(const RouteKey& key);
   void doubt(const RouteKey& key, State& state);
+  void deadlineIs(const RouteKey& key, State& state);
+  void recheck(const RouteKey& key, State& state);
   void tellForwarded();
   void tell(const RouteKey& key, const FpmRib::Said& said, Told told);
 

@@ -15,7 +15,7 @@ namespace {
 
 class AgentAccess final : public StateAccess {
  public:
-  explicit AgentAccess(const std::string& runDir) : agent_(runDir) {}
+  AgentAccess(const std::string& runDir, double patience) : agent_(runDir, patience) {}
   void fieldsOf(const std::string& path, const TakeField& take) override {
     agent_.ask({{"op", "get"}, {"path", path}}, [&](const Json& line) {
       const auto value = line.find("value");
@@ -67,9 +67,9 @@ class SharedAccess final : public StateAccess {
 
 }  // namespace
 
-std::unique_ptr<StateAccess> stateAccess(const std::string& runDir, const StateDbOptions& options) {
+std::unique_ptr<StateAccess> stateAccess(const std::string& runDir, const StateDbOptions& options, double patience) {
   if (options.isShared()) return std::make_unique<SharedAccess>(options);
-  return std::make_unique<AgentAccess>(runDir);
+  return std::make_unique<AgentAccess>(runDir, patience);
 }
 
 }  // namespace Tools

@@ -25,6 +25,7 @@ class StateAccess {
   virtual void waitUntilTaken() = 0;
 };
 
-std::unique_ptr<StateAccess> stateAccess(const std::string& runDir, const StateDbOptions& options);
+// `patience`: seconds without an answer of an agent.
+std::unique_ptr<StateAccess> stateAccess(const std::string& runDir, const StateDbOptions& options, double patience);
 
 }  // namespace Tools
